@@ -1,0 +1,38 @@
+# SPDX-License-Identifier: MIT
+#
+# Picks the Qt major. Sets DEVICE_QT_MAJOR, DEVICE_QT_CORE (the target to link) and DEVICE_QT_PC (its pkg-config name).
+
+if(DEVICE_DATABASE_QT STREQUAL "")
+    foreach(major 6 5)
+        find_package(Qt${major} QUIET COMPONENTS Core)
+        if(Qt${major}_FOUND)
+            set(DEVICE_QT_MAJOR ${major})
+            break()
+        endif()
+    endforeach()
+    if(NOT DEVICE_QT_MAJOR)
+        find_package(Qt4 4.8 QUIET COMPONENTS QtCore)
+        if(NOT Qt4_FOUND)
+            message(FATAL_ERROR "No Qt found. Install qt6-base-dev or qtbase5-dev, "
+                                "or name a Qt 4.8 with -DDEVICE_DATABASE_QT=4 -DQT_QMAKE_EXECUTABLE=/path/to/qmake.")
+        endif()
+        set(DEVICE_QT_MAJOR 4)
+    endif()
+elseif(DEVICE_DATABASE_QT MATCHES "^[56]$")
+    set(DEVICE_QT_MAJOR ${DEVICE_DATABASE_QT})
+    find_package(Qt${DEVICE_QT_MAJOR} REQUIRED COMPONENTS Core)
+elseif(DEVICE_DATABASE_QT STREQUAL "4")
+    set(DEVICE_QT_MAJOR 4)
+    find_package(Qt4 4.8 REQUIRED COMPONENTS QtCore)
+else()
+    message(FATAL_ERROR "DEVICE_DATABASE_QT is \"${DEVICE_DATABASE_QT}\"; it takes 6, 5, 4 or nothing.")
+endif()
+
+if(DEVICE_QT_MAJOR EQUAL 4)
+    set(DEVICE_QT_CORE Qt4::QtCore)
+    set(DEVICE_QT_PC QtCore)
+else()
+    set(DEVICE_QT_CORE Qt${DEVICE_QT_MAJOR}::Core)
+    set(DEVICE_QT_PC Qt${DEVICE_QT_MAJOR}Core)
+endif()
+message(STATUS "Qt ${DEVICE_QT_MAJOR}")

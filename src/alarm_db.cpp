@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: MIT
+#include "alarm_db.h"
+
+#include <QDebug>
+#include <QMutexLocker>
+
+#include <helpsqlite.h>
+
+namespace
+{
+
+QDateTime parseTime(const QString &text)
+{
+    return QDateTime::fromString(text, QLatin1String("yyyy-MM-dd hh:mm:ss"));
+}
+
+void appendAlarms(const TableQuery &query, void *list)
+{
+    QList<AlarmData> *alarms = static_cast<QList<AlarmData> *>(list);
+    if (query.columnCount() != 10)
+        return;
+    for (int row = 0; row < query.rowCount(); ++row) {
+        AlarmData alarm;
+        alarm.level = QString::fromUtf8(query.cell(row, 1)).toInt();
+        alarm.startTime = parseTime(QString::fromUtf8(query.cell(row, 2)));
+        alarm.alarmObject = QString::fromUtf8(query.cell(row, 3));
+        alarm.alarmType = QString::fromUtf8(query.cell(row, 4));
+        alarm.currentValue = QString::fromUtf8(query.cell(row, 5));
+        bool isNumber = false;
+        const double limitValue = QString::fromUtf8(query.cell(row, 6)).toDouble(&isNumber);
+        alarm.limitValue = isNumber ? limitValue : 0; // out of range: 0 with every Qt
+        alarm.description = QString::fromUtf8(query.cell(row, 7));
+        alarm.endTime = parseTime(QString::fromLatin1("%1 %2")
+                                      .arg(QString::fromUtf8(query.cell(row, 8)))
+                                      .arg(QString::fromUtf8(query.cell(row, 9))));
+        alarms->append(alarm);
+    }
+}
+
+} // namespace
+
+bool alarm_db::createTable(QString table, QString)
+{
+    // No lock: tableIsExist takes it itself.
+    if (!m_connection)
+        return false;
+    if (tableIsExist(table))
+        return false;
+    const Execution create(
+        m_connection,
+        QString::fromLatin1(
+            "create table %1(ID INTEGER PRIMARY KEY AUTOINCREMENT,LevelID INTEGER,DATETIME dateTime,AlarmObject text,AlarmType text,CurrentValue text,LimitValue text,AlarmDescription text,EndDate text,EndTime text)")
+            .arg(table));
+    if (create.failed())
+        qDebug() << "alarm Table create fail!";
+    else
+        qDebug() << "alarm Table create success!";
+    return !create.failed();
+}
+
+bool alarm_db::execSQL(QStringList statements, QList<QStringList> &result, int mode)
+{
+    return runStatements(statements, result, mode);
+}
+
+// The table name is ignored: alarms have always gone into "AlarmData".
+void alarm_db::insertManyDatas(QList<QStringList> &rows, QString)
+{
+    if (!m_connection || rows.isEmpty())
+        return;
+    QMutexLocker lock(&m_mutex);
+    Execution(m_connection, "begin transaction");
+    for (int i = 0; i < rows.size(); ++i) {
+        const QStringList &row = rows.at(i);
+        if (row.size() < 10)
+            continue;
+        QString start = row.at(1);
+        start.append(QLatin1String(" ")).append(row.at(2)).replace(QLatin1String("/"), QLatin1String("-"));
+        QString sql = QString::fromLatin1("insert into %1 values").arg(QLatin1String("AlarmData"));
+        // One arg() after the other: a marker inside a cell is rewritten by the cells behind it.
+        sql.append(QString::fromLatin1("(NULL,'%1','%2','%3','%4','%5','%6','%7','%8','%9')")
+                       .arg(row.at(0).toInt())
+                       .arg(start)
+                       .arg(row.at(3))
+                       .arg(row.at(4))
+                       .arg(row.at(5))
+                       .arg(row.at(6))
+                       .arg(rereadUtf8(helpSQLite::toSQLiteString(row.at(7))))
+                       .arg(row.at(8))
+                       .arg(row.at(9)));
+        Execution(m_connection, sql);
+    }
+    const Execution commit(m_connection, "commit transaction");
+    if (commit.failed())
+        qDebug() << "insertManyDatas fail!"; // no rollback: the transaction stays open until a later commit
+}
+
+void alarm_db::findDataByTime(QString start, QString end, int page, int pageSize, QList<QStringList> &result,
+                              QString table)
+{
+    if (!m_connection)
+        return;
+    QMutexLocker lock(&m_mutex);
+    result.clear();
+    start.replace(QLatin1String("/"), QLatin1String("-"));
+    end.replace(QLatin1String("/"), QLatin1String("-"));
+    const int offset = int(unsigned(page) * unsigned(pageSize)); // wraps at 32 bits
+    const TableQuery query(
+        m_connection,
+        QString::fromLatin1("select * from '%1' where DATETIME between '%2' and '%3' order by ID limit %4,%5")
+            .arg(table)
+            .arg(start)
+            .arg(end)
+            .arg(offset)
+            .arg(pageSize));
+    if (query.failed()) {
+        qDebug() << "findDataByTime" << QString::fromLatin1(query.errorText());
+        return;
+    }
+    query.appendTo(result);
+}
+
+void alarm_db::findDataOfTimePage(QString start, QString end, void *list, QString table, QString order, int offset,
+                                  int count, int)
+{
+    if (!m_connection)
+        return;
+    QMutexLocker lock(&m_mutex);
+    start.replace(QLatin1String("/"), QLatin1String("-"));
+    end.replace(QLatin1String("/"), QLatin1String("-"));
+    const TableQuery query(
+        m_connection,
+        QString::fromLatin1(
+            "select * from %1 where DATETIME Between '%2' and  '%3' and EndDate = '' and EndTime = '' order by DATETIME %4 limit %5, %6;")
+            .arg(table)
+            .arg(start)
+            .arg(end)
+            .arg(order)
+            .arg(offset)
+            .arg(count));
+    if (query.failed()) {
+        qDebug() << "findDataOfTimePage" << QString::fromLatin1(query.errorText());
+        return;
+    }
+    appendAlarms(query, list);
+}
+
+void alarm_db::findDataOfTime(QString start, QString end, void *list, QString table, QString order)
+{
+    if (!m_connection)
+        return;
+    QMutexLocker lock(&m_mutex);
+    start.replace(QLatin1String("/"), QLatin1String("-"));
+    end.replace(QLatin1String("/"), QLatin1String("-"));
+    const TableQuery query(
+        m_connection,
+        QString::fromLatin1(
+            "select * from %1 where DATETIME Between '%2' and  '%3' and EndDate = '' and EndTime = '' order by DATETIME %4;")
+            .arg(table)
+            .arg(start)
+            .arg(end)
+            .arg(order));
+    if (query.failed()) {
+        qDebug() << "findDataOfTime" << QString::fromLatin1(query.errorText());
+        return;
+    }
+    appendAlarms(query, list);
+}
+
+void alarm_db::getAllDataPage(QString table, void *list, QString order, int, int, int)
+{
+    if (!m_connection)
+        return;
+    QMutexLocker lock(&m_mutex);
+    const TableQuery query(
+        m_connection, QString::fromLatin1("select * from '%1' where EndDate = '' and EndTime = '' order by DATETIME %2")
+                          .arg(table)
+                          .arg(order));
+    if (query.failed()) {
+        qDebug("database getAllData failed\n");
+        return;
+    }
+    appendAlarms(query, list);
+}
+
+bool alarm_db::deleteTable(QString table, QString threshold)
+{
+    if (!m_connection)
+        return false;
+    QMutexLocker lock(&m_mutex);
+    // Without parentheses on purpose: an ended alarm goes whatever its start.
+    const Execution purge(
+        m_connection, QString::fromLatin1("delete from '%1' where DATETIME < '%2' or EndDate != '' and EndTime != '';")
+                          .arg(rereadUtf8(table))
+                          .arg(threshold));
+    if (purge.failed())
+        qDebug() << "Delete many data fail";
+    return !purge.failed();
+}

@@ -1,0 +1,236 @@
+// SPDX-License-Identifier: MIT
+#include "operatorlog_db.h"
+
+#include <QDebug>
+#include <QMutexLocker>
+
+#include <helpsqlite.h>
+
+namespace
+{
+
+void appendEntries(const TableQuery &query, void *list)
+{
+    QList<OperatorLogData> *entries = static_cast<QList<OperatorLogData> *>(list);
+    if (query.columnCount() != 5)
+        return;
+    for (int row = 0; row < query.rowCount(); ++row) {
+        OperatorLogData entry;
+        entry.dateTime =
+            QDateTime::fromString(QString::fromUtf8(query.cell(row, 1)), QLatin1String("yyyy-MM-dd hh:mm:ss.zzz"));
+        entry.userName = QString::fromUtf8(query.cell(row, 2));
+        entry.logName = QString::fromUtf8(query.cell(row, 3));
+        entry.message = QString::fromUtf8(query.cell(row, 4));
+        entries->append(entry);
+    }
+}
+
+// Bounds always get their milliseconds, also when they hold some already.
+QString rangeStart(QString time)
+{
+    return time.replace(QLatin1String("/"), QLatin1String("-")).append(QLatin1String(".000"));
+}
+
+QString rangeEnd(QString time)
+{
+    return time.replace(QLatin1String("/"), QLatin1String("-")).append(QLatin1String(".999"));
+}
+
+} // namespace
+
+bool operatorlog_db::createTable(QString table, QString)
+{
+    // No lock: tableIsExist takes it itself.
+    if (!m_connection)
+        return false;
+    if (tableIsExist(table))
+        return false;
+    const Execution create(
+        m_connection,
+        QString::fromLatin1(
+            "create table %1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime NOT NULL,userName text,logName text,message text)")
+            .arg(table));
+    if (create.failed())
+        qDebug() << "operatorlog Table create fail!";
+    else
+        qDebug() << "operatorlog Table create success!";
+    return !create.failed();
+}
+
+void operatorlog_db::insertManyDatas(QList<QStringList> &rows, QString table)
+{
+    if (!m_connection)
+        return;
+    QMutexLocker lock(&m_mutex);
+    Execution(m_connection, "begin transaction");
+    for (int i = 0; i < rows.size(); ++i) {
+        const QStringList &row = rows.at(i);
+        if (row.size() < 4)
+            continue;
+        // One arg() after the other: a marker inside a cell is rewritten by the cells behind it.
+        Execution(m_connection, QString::fromLatin1("insert into %1 values(NULL, '%2', '%3', '%4', '%5');")
+                                    .arg(table)
+                                    .arg(row.at(0))
+                                    .arg(helpSQLite::toSQLiteString(row.at(1)))
+                                    .arg(helpSQLite::toSQLiteString(row.at(2)))
+                                    .arg(helpSQLite::toSQLiteString(row.at(3))));
+    }
+    const Execution commit(m_connection, "commit transaction");
+    if (commit.failed())
+        qDebug() << "insertManyDatas fail"; // no rollback: the transaction stays open until a later commit
+}
+
+void operatorlog_db::findDataOfUserNamePage(QString user, void *list, QString table, QString order, int offset,
+                                            int count, int newestSpan)
+{
+    if (!m_connection)
+        return;
+    QMutexLocker lock(&m_mutex);
+    const QString sql =
+        order == QLatin1String("desc")
+            ? QString::fromLatin1("select * from %1 where userName = '%2' order by DATETIME desc limit %3, %4;")
+                  .arg(table)
+                  .arg(user)
+                  .arg(offset)
+                  .arg(count)
+            : QString::fromLatin1(
+                  "select * from (select * from %1 where userName = '%2' order by DATETIME desc limit %3) order by DATETIME limit %4, %5;")
+                  .arg(table)
+                  .arg(user)
+                  .arg(newestSpan)
+                  .arg(offset)
+                  .arg(count);
+    const TableQuery query(m_connection, sql);
+    if (query.failed()) {
+        qDebug() << "findDataOfUserNamePage" << QString::fromLatin1(query.errorText());
+        return;
+    }
+    appendEntries(query, list);
+}
+
+void operatorlog_db::findDataOfUserName(QString user, void *list, QString table, QString order)
+{
+    if (!m_connection)
+        return;
+    QMutexLocker lock(&m_mutex);
+    const TableQuery query(m_connection,
+                           QString::fromLatin1("select * from %1 where userName = '%2' order by DATETIME %3;")
+                               .arg(table)
+                               .arg(user)
+                               .arg(order));
+    if (query.failed()) {
+        qDebug() << "findDataOfUserName" << QString::fromLatin1(query.errorText());
+        return;
+    }
+    appendEntries(query, list);
+}
+
+int operatorlog_db::getDataCountOfUserQuery(QString user, QString table)
+{
+    if (!m_connection)
+        return 0;
+    QMutexLocker lock(&m_mutex);
+    const TableQuery query(m_connection,
+                           QString::fromLatin1("select count(*) from '%1' where userName = '%2'").arg(table).arg(user));
+    if (query.failed()) {
+        qDebug("database getDataCountOfUserQuery failed\n");
+        return 0;
+    }
+    return query.count();
+}
+
+void operatorlog_db::findDataOfTimePage(QString start, QString end, void *list, QString table, QString order,
+                                        int offset, int count, int newestSpan)
+{
+    if (!m_connection)
+        return;
+    QMutexLocker lock(&m_mutex);
+    const QString sql =
+        order == QLatin1String("desc")
+            ? QString::fromLatin1(
+                  "select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME desc limit %4, %5;")
+                  .arg(table)
+                  .arg(rangeStart(start))
+                  .arg(rangeEnd(end))
+                  .arg(offset)
+                  .arg(count)
+            : QString::fromLatin1(
+                  "select * from (select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME desc limit %4) order by DATETIME limit %5, %6;")
+                  .arg(table)
+                  .arg(rangeStart(start))
+                  .arg(rangeEnd(end))
+                  .arg(newestSpan)
+                  .arg(offset)
+                  .arg(count);
+    const TableQuery query(m_connection, sql);
+    if (query.failed()) {
+        qDebug() << "findDataOfTimePage" << QString::fromLatin1(query.errorText());
+        return;
+    }
+    appendEntries(query, list);
+}
+
+void operatorlog_db::findDataOfTime(QString start, QString end, void *list, QString table, QString order)
+{
+    if (!m_connection)
+        return;
+    QMutexLocker lock(&m_mutex);
+    const TableQuery query(
+        m_connection,
+        QString::fromLatin1("select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME %4;")
+            .arg(table)
+            .arg(rangeStart(start))
+            .arg(rangeEnd(end))
+            .arg(order));
+    if (query.failed()) {
+        qDebug() << "findDataOfTime" << QString::fromLatin1(query.errorText());
+        return;
+    }
+    appendEntries(query, list);
+}
+
+void operatorlog_db::getAllDataPage(QString table, void *list, QString order, int offset, int count, int newestSpan)
+{
+    if (!m_connection)
+        return;
+    QMutexLocker lock(&m_mutex);
+    const QString sql =
+        order == QLatin1String("desc")
+            ? QString::fromLatin1("select * from '%1' order by DATETIME desc limit %2, %3;")
+                  .arg(table)
+                  .arg(offset)
+                  .arg(count)
+            : QString::fromLatin1(
+                  "select * from (select * from '%1' order by DATETIME desc limit %2) order by DATETIME limit %3, %4;")
+                  .arg(table)
+                  .arg(newestSpan)
+                  .arg(offset)
+                  .arg(count);
+    const TableQuery query(m_connection, sql);
+    if (query.failed()) {
+        qDebug("database getAllData failed\n");
+        return;
+    }
+    appendEntries(query, list);
+}
+
+void operatorlog_db::getCurrData(QString table, void *list, QString order, int count)
+{
+    if (!m_connection)
+        return;
+    QMutexLocker lock(&m_mutex);
+    const QString sql =
+        (order == QLatin1String("desc")
+             ? QString::fromLatin1("select * from '%1' order by DATETIME desc limit %2;")
+             : QString::fromLatin1(
+                   "select * from (select * from '%1' order by DATETIME desc limit %2) order by DATETIME asc;"))
+            .arg(table)
+            .arg(count);
+    const TableQuery query(m_connection, sql);
+    if (query.failed()) {
+        qDebug("database getCurrData failed\n");
+        qDebug() << query.errorText();
+        return;
+    }
+    appendEntries(query, list);
+}

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QDebug>
+#include <QStringList>
+
+/// Collects Qt's debug output, from every thread, while it lives. One at a time.
+class DebugLog
+{
+public:
+    DebugLog();
+    ~DebugLog();
+
+    /// The messages since the last call, each without one trailing blank (Qt 5 and 6 drop it, Qt 4 keeps it).
+    QStringList take();
+
+private:
+    Q_DISABLE_COPY(DebugLog)
+};
+
+/// The message that `qDebug() << items...` writes, built by QDebug itself.
+template<typename... Items>
+QString streamed(const Items &...items)
+{
+    QString text;
+    {
+        QDebug stream(&text);
+        (void)(stream << ... << items);
+    }
+    if (text.endsWith(QLatin1Char(' ')))
+        text.chop(1);
+    return text;
+}

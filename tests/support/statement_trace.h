@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QList>
+#include <QStringList>
+
+/// Sees the text of every statement that SQLite starts on any connection opened while it lives, through
+/// SQLite's own trace hook (an automatic extension of this process). A text that does not compile is
+/// never started; it is seen as SQLite's error. One at a time; from every thread.
+class StatementTrace
+{
+public:
+    StatementTrace();
+    ~StatementTrace();
+
+    /// The statements since the last call, in order.
+    QStringList take();
+
+private:
+    Q_DISABLE_COPY(StatementTrace)
+};
