@@ -9,31 +9,34 @@
 namespace
 {
 
-QDateTime parseTime(const QString &text)
+bool isEmpty(const char *cell)
 {
-    return QDateTime::fromString(text, QLatin1String("yyyy-MM-dd hh:mm:ss"));
+    return !cell || !*cell;
 }
 
 void appendAlarms(const TableQuery &query, void *list)
 {
-    QList<AlarmData> *alarms = static_cast<QList<AlarmData> *>(list);
+    QList<AlarmData> &alarms = *static_cast<QList<AlarmData> *>(list);
     if (query.columnCount() != 10)
         return;
+    reserveFor(alarms, query.rowCount());
+    TimeReader times(TimeReader::Seconds);
+    RecurringTexts objects, types, values, descriptions;
     for (int row = 0; row < query.rowCount(); ++row) {
-        AlarmData alarm;
-        alarm.level = QString::fromUtf8(query.cell(row, 1)).toInt();
-        alarm.startTime = parseTime(QString::fromUtf8(query.cell(row, 2)));
-        alarm.alarmObject = QString::fromUtf8(query.cell(row, 3));
-        alarm.alarmType = QString::fromUtf8(query.cell(row, 4));
-        alarm.currentValue = QString::fromUtf8(query.cell(row, 5));
-        bool isNumber = false;
-        const double limitValue = QString::fromUtf8(query.cell(row, 6)).toDouble(&isNumber);
-        alarm.limitValue = isNumber ? limitValue : 0; // out of range: 0 with every Qt
-        alarm.description = QString::fromUtf8(query.cell(row, 7));
-        alarm.endTime = parseTime(QString::fromLatin1("%1 %2")
-                                      .arg(QString::fromUtf8(query.cell(row, 8)))
-                                      .arg(QString::fromUtf8(query.cell(row, 9))));
-        alarms->append(alarm);
+        alarms.append(AlarmData());
+        AlarmData &alarm = alarms.last();
+        alarm.level = toInt(query.cell(row, 1));
+        alarm.startTime = times.read(query.cell(row, 2));
+        alarm.alarmObject = objects.read(query.cell(row, 3));
+        alarm.alarmType = types.read(query.cell(row, 4));
+        alarm.currentValue = values.read(query.cell(row, 5));
+        alarm.limitValue = toDouble(query.cell(row, 6));
+        alarm.description = descriptions.read(query.cell(row, 7));
+        if (!isEmpty(query.cell(row, 8)) || !isEmpty(query.cell(row, 9))) // an active alarm has no end to parse
+            alarm.endTime = QDateTime::fromString(QString::fromLatin1("%1 %2")
+                                                      .arg(QString::fromUtf8(query.cell(row, 8)))
+                                                      .arg(QString::fromUtf8(query.cell(row, 9))),
+                                                  QLatin1String("yyyy-MM-dd hh:mm:ss"));
     }
 }
 
@@ -70,25 +73,20 @@ void alarm_db::insertManyDatas(QList<QStringList> &rows, QString)
         return;
     QMutexLocker lock(&m_mutex);
     Execution(m_connection, "begin transaction");
+    // As by one arg() call after the other: a marker inside a cell is rewritten by the cells behind it.
+    StatementTemplate insert("insert into AlarmData values(NULL,'%1','%2','%3','%4','%5','%6','%7','%8','%9')");
     for (int i = 0; i < rows.size(); ++i) {
         const QStringList &row = rows.at(i);
         if (row.size() < 10)
             continue;
-        QString start = row.at(1);
-        start.append(QLatin1String(" ")).append(row.at(2)).replace(QLatin1String("/"), QLatin1String("-"));
-        QString sql = QString::fromLatin1("insert into %1 values").arg(QLatin1String("AlarmData"));
-        // One arg() after the other: a marker inside a cell is rewritten by the cells behind it.
-        sql.append(QString::fromLatin1("(NULL,'%1','%2','%3','%4','%5','%6','%7','%8','%9')")
-                       .arg(row.at(0).toInt())
-                       .arg(start)
-                       .arg(row.at(3))
-                       .arg(row.at(4))
-                       .arg(row.at(5))
-                       .arg(row.at(6))
-                       .arg(rereadUtf8(helpSQLite::toSQLiteString(row.at(7))))
-                       .arg(row.at(8))
-                       .arg(row.at(9)));
-        Execution(m_connection, sql);
+        const QString level = QString::number(row.at(0).toInt());
+        QString start;
+        start.reserve(row.at(1).size() + 1 + row.at(2).size());
+        start.append(row.at(1)).append(QLatin1Char(' ')).append(row.at(2)).replace(QLatin1Char('/'), QLatin1Char('-'));
+        const QString description = rereadUtf8(helpSQLite::toSQLiteString(row.at(7)));
+        const QString *const cells[] = {&level,     &start,       &row.at(3), &row.at(4), &row.at(5),
+                                        &row.at(6), &description, &row.at(8), &row.at(9)};
+        Execution(m_connection, insert.fill(cells));
     }
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())

@@ -18,6 +18,7 @@ struct AlarmData {
     QDateTime startTime;  ///< Local time; invalid when the text is no time.
     QDateTime endTime;    ///< Invalid: the record queries return active alarms only.
 };
+Q_DECLARE_TYPEINFO(AlarmData, Q_MOVABLE_TYPE);
 
 /// The store for alarms: when one started, what raised it, and when it ended.
 /// An alarm is active while its end date and end time are both empty.

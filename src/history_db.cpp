@@ -5,31 +5,58 @@
 #include <QMutexLocker>
 
 #include <cstdio>
+#include <cstring>
 
 namespace
 {
 
+// Where "date time" splits, in a text that may be split before it is decoded: ASCII with one blank, something
+// on both sides of it. Null for any other text.
+const char *onlyBlank(const char *text)
+{
+    const char *blank = nullptr;
+    const char *byte = text;
+    for (; byte && *byte; ++byte) {
+        if (uchar(*byte) >= 0x80 || (*byte == ' ' && blank))
+            return nullptr;
+        if (*byte == ' ')
+            blank = byte;
+    }
+    return blank && blank != text && blank + 1 != byte ? blank : nullptr;
+}
+
 // A row whose time is not "date time" ends the output: the samples in front of it stay.
 void appendSamples(const TableQuery &query, void *list)
 {
-    QList<DataContent> *samples = static_cast<QList<DataContent> *>(list);
+    QList<DataContent> &samples = *static_cast<QList<DataContent> *>(list);
     if (query.columnCount() != 3)
         return;
+    reserveFor(samples, query.rowCount());
+    const char *previous = nullptr;
+    QString date;
     for (int row = 0; row < query.rowCount(); ++row) {
-        const QStringList dateTime = QString::fromUtf8(query.cell(row, 1)).split(QLatin1String(" "));
-        if (dateTime.size() != 2)
-            return;
-        DataContent sample;
-        sample.date = dateTime.at(0);
-        sample.time = dateTime.at(1);
+        const char *const cell = query.cell(row, 1);
+        QString time;
+        if (const char *const blank = onlyBlank(cell)) {
+            const size_t size = size_t(blank - cell);
+            if (!previous || std::strncmp(previous, cell, size + 1) != 0) // consecutive samples share their date
+                date = QString::fromLatin1(cell, int(size));
+            previous = cell;
+            time = QString::fromLatin1(blank + 1);
+        } else {
+            const QStringList dateTime = QString::fromUtf8(cell).split(QLatin1String(" "));
+            if (dateTime.size() != 2)
+                return;
+            date = dateTime.at(0);
+            time = dateTime.at(1);
+            previous = nullptr;
+        }
+        samples.append(DataContent());
+        DataContent &sample = samples.last();
+        sample.date = date;
+        sample.time = time;
         sample.value = QString::fromUtf8(query.cell(row, 2));
-        samples->append(sample);
     }
-}
-
-QString latin1Only(const QString &text)
-{
-    return fromCString(text.toLatin1());
 }
 
 } // namespace
@@ -80,6 +107,8 @@ void history::insertManyDatas(QList<QStringList> &rows, QString table)
         return;
     QMutexLocker lock(&m_mutex);
     Execution(m_connection, "begin transaction");
+    StatementTemplate insert("insert into %1 values(NULL,'%2','%3')");
+    const QString name = rereadLatin1(table);
     for (int i = 0; i < rows.size(); ++i) {
         QString dateTime;
         QString value;
@@ -87,11 +116,10 @@ void history::insertManyDatas(QList<QStringList> &rows, QString table)
             dateTime = rows.at(i).at(0);
             value = rows.at(i).at(1);
         }
-        dateTime.replace(QLatin1String("/"), QLatin1String("-"));
-        Execution(m_connection, QString::fromLatin1("insert into %1 values(NULL,'%2','%3')")
-                                    .arg(latin1Only(table))
-                                    .arg(latin1Only(dateTime))
-                                    .arg(latin1Only(value)));
+        dateTime = rereadLatin1(dateTime.replace(QLatin1Char('/'), QLatin1Char('-')));
+        value = rereadLatin1(value);
+        const QString *const cells[] = {&name, &dateTime, &value};
+        Execution(m_connection, insert.fill(cells));
     }
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())

@@ -11,6 +11,7 @@ struct DataContent {
     QString extraText; ///< Never filled; empty.
     QString value;
 };
+Q_DECLARE_TYPEINFO(DataContent, Q_MOVABLE_TYPE);
 
 /// The store for sampled values: one value table a series, and tb_config, which lists them.
 /// What each operation promises stands at interface_data_base.

@@ -6,18 +6,276 @@
 
 #include <sqlite3.h>
 
+#if QT_VERSION < QT_VERSION_CHECK(5, 0, 0)
+#include <QTextCodec>
+#endif
+
+#include <cfloat>
+#include <cstring>
+
+// The one place that depends on the Qt version: only Qt 4 lets a host choose the codec of C strings.
+#if QT_VERSION < QT_VERSION_CHECK(5, 0, 0)
+static bool cStringsAreLatin1()
+{
+    return !QTextCodec::codecForCStrings();
+}
+
 QString fromCString(const QByteArray &bytes)
 {
-#if QT_VERSION < QT_VERSION_CHECK(5, 0, 0)
     return QString(bytes.constData());
+}
 #else
+static bool cStringsAreLatin1()
+{
+    return true;
+}
+
+QString fromCString(const QByteArray &bytes)
+{
     return QString::fromLatin1(bytes.constData());
+}
 #endif
+
+// Writes each unit's low byte; true when all were ASCII. In steps of eight, which compilers turn into a few
+// vector instructions.
+static bool narrow(const QChar *units, int size, char *bytes)
+{
+    const ushort *const unit = reinterpret_cast<const ushort *>(units);
+    ushort seen = 0;
+    int i = 0;
+    for (; i + 8 <= size; i += 8) {
+        for (int j = 0; j < 8; ++j)
+            seen |= unit[i + j];
+        for (int j = 0; j < 8; ++j)
+            bytes[i + j] = char(unit[i + j]);
+    }
+    for (; i < size; ++i) {
+        seen |= unit[i];
+        bytes[i] = char(unit[i]);
+    }
+    return seen < 0x80;
+}
+
+// ASCII without a NUL: every conversion leaves such a text as it is.
+static bool isPlainAscii(const QString &text)
+{
+    const ushort *const unit = reinterpret_cast<const ushort *>(text.constData());
+    const int size = int(text.size());
+    ushort outside = 0;
+    int i = 0;
+    for (; i + 8 <= size; i += 8) {
+        for (int j = 0; j < 8; ++j)
+            outside |= ushort(unit[i + j] > 0x7f) | ushort(unit[i + j] == 0);
+    }
+    for (; i < size; ++i)
+        outside |= ushort(unit[i] > 0x7f) | ushort(unit[i] == 0);
+    return outside == 0;
 }
 
 QString rereadUtf8(const QString &text)
 {
-    return fromCString(text.toUtf8());
+    return cStringsAreLatin1() && isPlainAscii(text) ? text : fromCString(text.toUtf8());
+}
+
+QString rereadLatin1(const QString &text)
+{
+    return cStringsAreLatin1() && isPlainAscii(text) ? text : fromCString(text.toLatin1());
+}
+
+StatementTemplate::StatementTemplate(const char *text) : m_text(text), m_markers(0), m_end(nullptr)
+{
+    const char *piece = text;
+    for (const char *mark = std::strchr(text, '%'); mark; mark = std::strchr(piece, '%')) {
+        m_pieces[m_markers++] = size_t(mark - piece);
+        piece = mark + 2;
+    }
+    m_pieces[m_markers] = std::strlen(piece) + 1;
+}
+
+const char *StatementTemplate::fill(const QString *const *cells)
+{
+    if (splice(cells))
+        return m_bytes.data();
+    QString text = QString::fromLatin1(m_text);
+    for (int i = 0; i < m_markers; ++i)
+        text = text.arg(*cells[i]);
+    m_chained = text.toUtf8();
+    return m_chained.constData();
+}
+
+bool StatementTemplate::splice(const QString *const *cells)
+{
+    size_t most = std::strlen(m_text) + 1;
+    for (int i = 0; i < m_markers; ++i)
+        most += 3 * size_t(cells[i]->size()); // UTF-8 takes at most three bytes for a UTF-16 unit
+    if (m_bytes.size() < most)
+        m_bytes.resize(2 * most);
+
+    m_end = m_bytes.data();
+    const char *piece = m_text;
+    for (int i = 0; i < m_markers; ++i) {
+        append(piece, m_pieces[i]);
+        // Nothing is substituted behind the last cell: its markers stay what they are.
+        if (!appendCell(*cells[i], i + 1 == m_markers))
+            return false;
+        piece += m_pieces[i] + 2;
+    }
+    append(piece, m_pieces[m_markers]);
+    return true;
+}
+
+// A marker is '%', perhaps 'L', a digit of any script. Any non-ASCII unit counts as one here: to take the chain
+// without need is slower, not wrong.
+static bool startsMarker(ushort unit)
+{
+    return unit == 'L' || unit >= 0x80 || ushort(unit - '0') < 10;
+}
+
+bool StatementTemplate::appendCell(const QString &cell, bool mayHoldMarkers)
+{
+    const int size = int(cell.size());
+    if (narrow(cell.constData(), size, m_end)) {
+        const char *byte = m_end;
+        m_end += size;
+        *m_end = '\0';
+        while (!mayHoldMarkers) {
+            byte = static_cast<const char *>(std::memchr(byte, '%', size_t(m_end - byte)));
+            if (!byte)
+                break;
+            if (startsMarker(uchar(*++byte)))
+                return false;
+        }
+        return true;
+    }
+    for (int i = 0; i < size; ++i) {
+        const QChar unit = cell.at(i);
+        if (unit.isHighSurrogate() || unit.isLowSurrogate()) // a lone one's bytes depend on what stands beside it
+            return false;
+        if (!mayHoldMarkers && unit == QLatin1Char('%') && i + 1 < size && startsMarker(cell.at(i + 1).unicode()))
+            return false;
+    }
+    const QByteArray utf8 = cell.toUtf8();
+    append(utf8.constData(), size_t(utf8.size()));
+    return true;
+}
+
+void StatementTemplate::append(const char *bytes, size_t size)
+{
+    std::memcpy(m_end, bytes, size);
+    m_end += size;
+}
+
+static bool isDigit(char byte)
+{
+    return byte >= '0' && byte <= '9';
+}
+
+// The value of `count` digits; -1 when there is something else among them.
+static int digits(const char *bytes, int count)
+{
+    int value = 0;
+    for (int i = 0; i < count; ++i) {
+        if (!isDigit(bytes[i]))
+            return -1;
+        value = 10 * value + (bytes[i] - '0');
+    }
+    return value;
+}
+
+int toInt(const char *cell)
+{
+    if (cell) {
+        const bool negative = *cell == '-';
+        const char *const first = cell + negative;
+        const size_t size = std::strlen(first);
+        const int value = size >= 1 && size <= 9 ? digits(first, int(size)) : -1;
+        if (value >= 0)
+            return negative ? -value : value;
+    }
+    return QString::fromUtf8(cell).toInt();
+}
+
+double toDouble(const char *cell)
+{
+    // Up to 15 digits and a power of ten of up to 22 are exact doubles, so one division rounds correctly,
+    // unless the machine calculates with more bits than a double has.
+    if (cell && FLT_EVAL_METHOD == 0) {
+        const bool negative = *cell == '-';
+        const char *byte = cell + negative;
+        double value = 0;
+        double scale = 1;
+        int count = 0;
+        for (; isDigit(*byte) && count <= 15; ++byte, ++count)
+            value = 10 * value + (*byte - '0');
+        bool plain = count > 0;
+        if (*byte == '.') {
+            plain = plain && isDigit(byte[1]);
+            for (++byte; isDigit(*byte) && count <= 15; ++byte, ++count) {
+                value = 10 * value + (*byte - '0');
+                scale *= 10;
+            }
+        }
+        if (plain && count <= 15 && *byte == '\0')
+            return negative ? -(value / scale) : value / scale;
+    }
+    bool isNumber = false;
+    const double value = QString::fromUtf8(cell).toDouble(&isNumber);
+    return isNumber ? value : 0; // out of range: 0 with every Qt
+}
+
+QDateTime TimeReader::read(const char *cell)
+{
+    const size_t size = m_form == Seconds ? 19 : 23;
+    if (cell && std::strlen(cell) == size && cell[4] == '-' && cell[7] == '-' && cell[10] == ' ' && cell[13] == ':' &&
+        cell[16] == ':' && (m_form == Seconds || cell[19] == '.')) {
+        const QDate day(digits(cell, 4), digits(cell + 5, 2), digits(cell + 8, 2));
+        const QTime time(digits(cell + 11, 2), digits(cell + 14, 2), digits(cell + 17, 2),
+                         m_form == Seconds ? 0 : digits(cell + 20, 3));
+        if (day.isValid() && time.isValid() && isPlainDay(day))
+            return QDateTime(day, time);
+    }
+    return QDateTime::fromString(QString::fromUtf8(cell),
+                                 QLatin1String(m_form == Seconds ? "yyyy-MM-dd hh:mm:ss" : "yyyy-MM-dd hh:mm:ss.zzz"));
+}
+
+// The seconds by which local time is ahead of UTC when a day starts in UTC.
+static int offsetAt(const QDate &day)
+{
+    const QDateTime utc(day, QTime(0, 0), Qt::UTC);
+    const QDateTime local = utc.toLocalTime();
+    return int(utc.secsTo(QDateTime(local.date(), local.time(), Qt::UTC)));
+}
+
+// Near a change of the zone's offset a local time may not exist, or exist twice; which one it is then only
+// fromString() says. The years are those for which every Qt asks the system.
+bool TimeReader::isPlainDay(const QDate &day)
+{
+    if (day != m_day) {
+        m_day = day;
+        m_dayIsPlain = day.year() > 1970 && day.year() < 2037 && offsetAt(day.addDays(-1)) == offsetAt(day.addDays(2));
+    }
+    return m_dayIsPlain;
+}
+
+RecurringTexts::RecurringTexts()
+{
+    for (int i = 0; i < Slots; ++i)
+        m_cells[i] = nullptr;
+}
+
+QString RecurringTexts::read(const char *cell)
+{
+    if (!cell)
+        return QString();
+    unsigned hash = 0;
+    for (const char *byte = cell; *byte; ++byte)
+        hash = 31 * hash + uchar(*byte);
+    const unsigned slot = hash % Slots;
+    if (!m_cells[slot] || std::strcmp(m_cells[slot], cell) != 0) {
+        m_cells[slot] = cell;
+        m_texts[slot] = QString::fromUtf8(cell);
+    }
+    return m_texts[slot];
 }
 
 TableQuery::TableQuery(sqlite3 *connection, const QString &sql)
@@ -51,11 +309,13 @@ int TableQuery::count() const
 
 void TableQuery::appendTo(QList<QStringList> &result) const
 {
+    reserveFor(result, m_rows);
     for (int row = 0; row < m_rows; ++row) {
-        QStringList texts;
+        result.append(QStringList());
+        QStringList &texts = result.last();
+        texts.reserve(m_columns);
         for (int column = 0; column < m_columns; ++column)
             texts.append(QString::fromUtf8(cell(row, column)));
-        result.append(texts);
     }
 }
 

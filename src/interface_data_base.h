@@ -3,10 +3,14 @@
 #define INTERFACE_DATA_BASE_H
 
 #include <QByteArray>
+#include <QDate>
+#include <QDateTime>
 #include <QList>
 #include <QMutex>
 #include <QString>
 #include <QStringList>
+
+#include <vector>
 
 struct sqlite3;
 
@@ -210,10 +214,87 @@ private:
 };
 
 /// Reads bytes as Qt 4's QString(const char *) does, up to the first NUL: Latin-1, unless a host on Qt 4
-/// installed another codec for C strings. The one place that depends on the Qt version.
+/// installed another codec for C strings.
 QString fromCString(const QByteArray &bytes);
 
 /// The text's UTF-8 bytes read as a C string: unchanged for ASCII, encoded once more for all else.
 QString rereadUtf8(const QString &text);
+
+/// The text's Latin-1 bytes read as a C string: a "?" for each UTF-16 unit outside Latin-1.
+QString rereadLatin1(const QString &text);
+
+/// A statement template, filled row after row. What comes out is what a chain of QString::arg() calls
+/// gives, one a cell in ascending order; it is spliced in one buffer unless a cell holds a marker itself.
+class StatementTemplate
+{
+public:
+    /// `text` holds "%1" to "%9", each once, in ascending order, and must outlive the template.
+    explicit StatementTemplate(const char *text);
+
+    /// One cell a marker. The text stands until the next call.
+    const char *fill(const QString *const *cells);
+
+private:
+    Q_DISABLE_COPY(StatementTemplate)
+    bool splice(const QString *const *cells);
+    bool appendCell(const QString &cell, bool mayHoldMarkers);
+    void append(const char *bytes, size_t size);
+
+    const char *m_text;
+    int m_markers;
+    size_t m_pieces[10]; ///< Sizes of the texts in front of each marker, and behind the last with its NUL.
+    std::vector<char> m_bytes;
+    char *m_end; ///< Where the next piece goes.
+    QByteArray m_chained;
+};
+
+// What a cell means, from SQLite's UTF-8 text. Each answers as the Qt call it stands for, and calls it for
+// everything but the plain case.
+
+int toInt(const char *cell);       ///< QString::toInt(), 0 when it is no number.
+double toDouble(const char *cell); ///< QString::toDouble(), 0 when it is no number or out of range.
+
+/// QDateTime::fromString() with the format "yyyy-MM-dd hh:mm:ss", or that and ".zzz". One for each query:
+/// it remembers the last day.
+class TimeReader
+{
+public:
+    enum Form { Seconds, Milliseconds };
+    explicit TimeReader(Form form) : m_form(form), m_dayIsPlain(false) {}
+
+    QDateTime read(const char *cell);
+
+private:
+    Q_DISABLE_COPY(TimeReader)
+    bool isPlainDay(const QDate &day);
+
+    Form m_form;
+    QDate m_day;
+    bool m_dayIsPlain;
+};
+
+/// QString::fromUtf8() for a column whose texts recur: equal cells share one text. One for each column and
+/// query: it refers to the query's cells.
+class RecurringTexts
+{
+public:
+    RecurringTexts();
+    QString read(const char *cell);
+
+private:
+    Q_DISABLE_COPY(RecurringTexts)
+    enum { Slots = 16 };
+    const char *m_cells[Slots];
+    QString m_texts[Slots];
+};
+
+/// Makes room for `more` elements before they are appended one by one. Left alone when it would not at least
+/// double the list: lists grow geometrically by themselves, and many small batches must not defeat that.
+template<typename T>
+void reserveFor(QList<T> &list, int more)
+{
+    if (more > int(list.size()))
+        list.reserve(list.size() + more);
+}
 
 #endif

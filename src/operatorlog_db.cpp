@@ -11,17 +11,19 @@ namespace
 
 void appendEntries(const TableQuery &query, void *list)
 {
-    QList<OperatorLogData> *entries = static_cast<QList<OperatorLogData> *>(list);
+    QList<OperatorLogData> &entries = *static_cast<QList<OperatorLogData> *>(list);
     if (query.columnCount() != 5)
         return;
+    reserveFor(entries, query.rowCount());
+    TimeReader times(TimeReader::Milliseconds);
+    RecurringTexts users, logs;
     for (int row = 0; row < query.rowCount(); ++row) {
-        OperatorLogData entry;
-        entry.dateTime =
-            QDateTime::fromString(QString::fromUtf8(query.cell(row, 1)), QLatin1String("yyyy-MM-dd hh:mm:ss.zzz"));
-        entry.userName = QString::fromUtf8(query.cell(row, 2));
-        entry.logName = QString::fromUtf8(query.cell(row, 3));
+        entries.append(OperatorLogData());
+        OperatorLogData &entry = entries.last();
+        entry.dateTime = times.read(query.cell(row, 1));
+        entry.userName = users.read(query.cell(row, 2));
+        entry.logName = logs.read(query.cell(row, 3));
         entry.message = QString::fromUtf8(query.cell(row, 4));
-        entries->append(entry);
     }
 }
 
@@ -63,17 +65,17 @@ void operatorlog_db::insertManyDatas(QList<QStringList> &rows, QString table)
         return;
     QMutexLocker lock(&m_mutex);
     Execution(m_connection, "begin transaction");
+    // As by one arg() call after the other: a marker inside a cell is rewritten by the cells behind it.
+    StatementTemplate insert("insert into %1 values(NULL, '%2', '%3', '%4', '%5');");
     for (int i = 0; i < rows.size(); ++i) {
         const QStringList &row = rows.at(i);
         if (row.size() < 4)
             continue;
-        // One arg() after the other: a marker inside a cell is rewritten by the cells behind it.
-        Execution(m_connection, QString::fromLatin1("insert into %1 values(NULL, '%2', '%3', '%4', '%5');")
-                                    .arg(table)
-                                    .arg(row.at(0))
-                                    .arg(helpSQLite::toSQLiteString(row.at(1)))
-                                    .arg(helpSQLite::toSQLiteString(row.at(2)))
-                                    .arg(helpSQLite::toSQLiteString(row.at(3))));
+        const QString user = helpSQLite::toSQLiteString(row.at(1));
+        const QString log = helpSQLite::toSQLiteString(row.at(2));
+        const QString message = helpSQLite::toSQLiteString(row.at(3));
+        const QString *const cells[] = {&table, &row.at(0), &user, &log, &message};
+        Execution(m_connection, insert.fill(cells));
     }
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())

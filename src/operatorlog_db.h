@@ -14,6 +14,7 @@ struct OperatorLogData {
     QString message;
     QDateTime dateTime; ///< Local time with milliseconds; invalid when the text is no such time.
 };
+Q_DECLARE_TYPEINFO(OperatorLogData, Q_MOVABLE_TYPE);
 
 /// The store for the operator log: who did what, to the millisecond.
 /// What each operation promises stands at interface_data_base.
