@@ -6,8 +6,11 @@
 
 int main(int argc, char **argv)
 {
+    // The zone is UTC unless a test asks for another one; an empty text asks for none at all.
     if (!qEnvironmentVariableIsSet("DEVICE_DATABASE_TEST_ZONE"))
         qputenv("TZ", "UTC");
+    else if (qEnvironmentVariableIsEmpty("DEVICE_DATABASE_TEST_ZONE"))
+        qunsetenv("TZ");
     else
         qputenv("TZ", qgetenv("DEVICE_DATABASE_TEST_ZONE"));
     qunsetenv("QT_LOGGING_RULES"); // both can silence or reshape the debug output
