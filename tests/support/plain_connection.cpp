@@ -47,3 +47,10 @@ QString valueOf(const QString &path, const QString &sql)
 {
     return PlainConnection(path).value(sql);
 }
+
+QByteArray errorOf(const QString &path, const QString &sql)
+{
+    PlainConnection connection(path);
+    EXPECT_NE(sqlite3_exec(connection.handle(), sql.toUtf8().constData(), nullptr, nullptr, nullptr), SQLITE_OK);
+    return sqlite3_errmsg(connection.handle());
+}

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QByteArray>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -30,3 +31,5 @@ private:
 /// One query on a connection of its own.
 Rows rowsOf(const QString &path, const QString &sql);
 QString valueOf(const QString &path, const QString &sql);
+/// SQLite's own text about a statement that must fail.
+QByteArray errorOf(const QString &path, const QString &sql);
