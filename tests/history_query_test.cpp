@@ -23,7 +23,8 @@ class HistoryQuery : public StoreTest
 protected:
     HistoryQuery() : file(path())
     {
-        file.run("create table T(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)"_q);
+        file.run(
+            "pragma synchronous = off; create table T(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)"_q);
         held.value = "held before"_q;
         samples.append(held);
         open("historyDB");
