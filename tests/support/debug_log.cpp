@@ -14,7 +14,7 @@ QtMessageHandler previous = nullptr;
 void collect(QtMsgType, const QMessageLogContext &, const QString &text)
 {
     QMutexLocker lock(&mutex);
-    messages.append(text.endsWith(QLatin1Char(' ')) ? text.left(text.size() - 1) : text);
+    messages.append(text);
 }
 
 } // namespace

@@ -11,7 +11,7 @@ public:
     DebugLog();
     ~DebugLog();
 
-    /// The messages since the last call, each without one trailing blank (Qt 5 and 6 drop it, Qt 4 keeps it).
+    /// The messages since the last call. Qt has dropped the blank behind a streamed message's last item.
     QStringList take();
 
 private:
