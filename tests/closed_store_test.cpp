@@ -33,7 +33,7 @@ struct FilledOutcome : Outcome {
     }
 };
 
-class ClosedStore : public StoreTest, public ::testing::WithParamInterface<Kind>
+class ClosedStore : public KindTest
 {
 protected:
     /// Runs every operation on the store and expects its refusal, with nothing written anywhere.
@@ -64,7 +64,7 @@ protected:
     {
         for (const Call<Store> &call : calls<Store>()) {
             SCOPED_TRACE(call.name);
-            const library::StorePtr store = library::store(keyOf(GetParam()));
+            const library::StorePtr store = library::store(key());
             ASSERT_EQ(store->openDB(file), openCode);
             log.take();
 
@@ -85,19 +85,18 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(EveryKind, ClosedStore, ::testing::Values(History, Alarm, OperatorLog),
-                         [](const auto &kind) { return std::string(keyOf(kind.param)); });
+INSTANTIATE_TEST_SUITE_P(Kinds, ClosedStore, everyKind(), nameOfKind);
 
 TEST_P(ClosedStore, EveryOperationRefusesSilentlyBeforeOpening)
 {
-    const library::StorePtr store = library::store(keyOf(GetParam()));
+    const library::StorePtr store = library::store(key());
     expectSilentRefusals(*store);
 }
 
 TEST_P(ClosedStore, EveryOperationRefusesSilentlyAfterClosing)
 {
     prepareFile(path(), GetParam());
-    Store &store = open(keyOf(GetParam()));
+    Store &store = open();
     ASSERT_TRUE(store.tableIsExist("AlarmData"_q));
     ASSERT_EQ(store.closeDB(), 0);
     expectSilentRefusals(store);
@@ -105,7 +104,7 @@ TEST_P(ClosedStore, EveryOperationRefusesSilentlyAfterClosing)
 
 TEST_P(ClosedStore, AnEmptyTableNameIsNotEvenReported)
 {
-    const library::StorePtr store = library::store(keyOf(GetParam()));
+    const library::StorePtr store = library::store(key());
     QList<QStringList> rows;
     store->selectDataOfDateRows(QString(), QString(), 0, 1, rows, true);
     EXPECT_EQ(log.take(), QStringList());
@@ -114,7 +113,7 @@ TEST_P(ClosedStore, AnEmptyTableNameIsNotEvenReported)
 TEST_P(ClosedStore, OpensAgainAfterClosing)
 {
     prepareFile(path(), GetParam());
-    Store &store = open(keyOf(GetParam()));
+    Store &store = open();
     EXPECT_EQ(store.closeDB(), 0);
     EXPECT_EQ(store.closeDB(), 0);
     EXPECT_EQ(store.openDB(path()), 0);
@@ -131,7 +130,7 @@ TEST_P(ClosedStore, AfterAFailedOpeningEveryOperationFailsAtItsStatement)
 
 TEST_P(ClosedStore, AFailedOpeningIsClosedLikeAnOpenFile)
 {
-    const library::StorePtr store = library::store(keyOf(GetParam()));
+    const library::StorePtr store = library::store(key());
     EXPECT_EQ(store->openDB(path("no folder/store.db")), SQLITE_CANTOPEN);
     EXPECT_GT(sqlite3_memory_used(), 0);
     EXPECT_EQ(store->closeDB(), 0);

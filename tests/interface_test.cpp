@@ -80,18 +80,14 @@ struct HostEntry {
     QDateTime dateTime;
 };
 
-class Interface : public StoreTest, public ::testing::WithParamInterface<Kind>
+class Interface : public KindTest
 {
 protected:
     /// A closed store, as the host sees it. The test destroys it.
-    HostInterface *newStore()
-    {
-        return reinterpret_cast<HostInterface *>(library::create(QString::fromLatin1(keyOf(GetParam()))));
-    }
+    HostInterface *newStore() { return reinterpret_cast<HostInterface *>(library::create(QString::fromLatin1(key()))); }
 };
 
-INSTANTIATE_TEST_SUITE_P(EveryKind, Interface, ::testing::Values(History, Alarm, OperatorLog),
-                         [](const auto &kind) { return std::string(keyOf(kind.param)); });
+INSTANTIATE_TEST_SUITE_P(Kinds, Interface, everyKind(), nameOfKind);
 
 // Of each slot: the statements that reach SQLite, the answer, and the output that was filled tell which operation ran
 // and that its arguments arrived in order.

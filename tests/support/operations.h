@@ -1,17 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "store_test.h"
+#include "kind_test.h"
 
 #include <vector>
-
-/// The kinds of store, as bits.
-enum Kind { History = 1, Alarm = 2, OperatorLog = 4, EveryKind = 7 };
-
-inline const char *keyOf(Kind kind)
-{
-    return kind == History ? "historyDB" : kind == Alarm ? "alarmDB" : "operatorLogDB";
-}
 
 /// Makes the file that the operations below are called on: the kind's table under the name AlarmData (which alarms
 /// always go into), tb_config, and Ended with the two columns that findNoRecoveryAlarm reads; one row in each.
