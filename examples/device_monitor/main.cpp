@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: MIT
+//
+// A miniature of the application on the device: it loads the database library at run time, watches the
+// machine it runs on, and keeps samples, alarms and the operator log in three files.
+#include "failure.h"
+#include "housekeeping.h"
+#include "machine.h"
+#include "monitor.h"
+#include "options.h"
+#include "report.h"
+#include "tables.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <chrono>
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <thread>
+
+#include <langinfo.h>
+#include <pwd.h>
+#include <unistd.h>
+
+namespace
+{
+
+volatile std::sig_atomic_t caughtSignal = 0;
+bool showDebugOutput = false;
+
+void writeMessage(QtMsgType type, const QMessageLogContext &, const QString &text)
+{
+    // The library writes its messages, failures too, as debug output.
+    if (showDebugOutput || type != QtDebugMsg)
+        std::fprintf(stderr, "%s\n", qPrintable(text.trimmed()));
+}
+
+QString userName()
+{
+    if (const passwd *entry = getpwuid(getuid()))
+        return QString::fromLocal8Bit(entry->pw_name);
+    return qEnvironmentVariable("USER", QString::number(getuid()));
+}
+
+QString prepareFolder(const QString &wanted)
+{
+    if (wanted.isEmpty()) {
+        QTemporaryDir folder(QDir::temp().filePath(QStringLiteral("device_monitor-XXXXXX")));
+        folder.setAutoRemove(false);
+        if (!folder.isValid())
+            throw Failure(folder.errorString());
+        return folder.path();
+    }
+    const QString path = QDir::cleanPath(QDir::current().absoluteFilePath(wanted));
+    if (!QDir().mkpath(path) || !QFileInfo(path).isWritable())
+        throw UsageError(QStringLiteral("--dir \"%1\": this folder cannot be written; name another").arg(wanted));
+    return path;
+}
+
+/// One line on standard error: rewritten in place on a terminal, else a new one each time.
+void showProgress(double seconds, const Values &values, int activeAlarms)
+{
+    static const bool inPlace = isatty(STDERR_FILENO) && !showDebugOutput;
+    QString text = QStringLiteral("%1 s").arg(seconds, 5, 'f', 1);
+    for (size_t i = 0; i < allSeries.size(); ++i)
+        text += QStringLiteral("  %1 %2 %3")
+                    .arg(QLatin1String(allSeries[i].key), valueText(allSeries[i], values[i]),
+                         QLatin1String(allSeries[i].unit));
+    text += QStringLiteral("  alarms %1").arg(activeAlarms);
+    std::fprintf(stderr, inPlace ? "\r%s\033[K" : "%s\n", qPrintable(text));
+}
+
+/// Samples until the time is over or a signal comes; stores once a second.
+void watch(Monitor &monitor, Machine &machine, const Options &options)
+{
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    const auto period = std::chrono::nanoseconds(std::chrono::seconds(1)) / options.rate;
+    auto nextLimit = options.limits.begin();
+    auto next = start;
+    for (int sample = 1; !caughtSignal; ++sample) {
+        next = std::max(next + period, Clock::now()); // a late sample is not made up for
+        std::this_thread::sleep_until(next);
+        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        for (; nextLimit != options.limits.end() && nextLimit->second <= seconds; ++nextLimit)
+            monitor.setLimit(nextLimit->series, nextLimit->limit);
+
+        const Values values = machine.sample();
+        monitor.add(values, QDateTime::currentDateTime());
+        const bool over = options.seconds > 0 && seconds >= options.seconds;
+        if (over || sample % options.rate == 0) {
+            monitor.store();
+            showProgress(seconds, values, monitor.activeAlarms());
+        }
+        if (over)
+            break;
+    }
+    monitor.store();
+    if (isatty(STDERR_FILENO))
+        std::fputs("\n", stderr);
+}
+
+void run(const Options &options, const Printer &printer)
+{
+    const StoreLibrary library(options.library);
+    const QString folder = prepareFolder(options.folder);
+    printer.line(
+        QStringLiteral("Library   %1 (%2)").arg(library.fileName(), library.kinds().join(QStringLiteral(", "))));
+    printer.line(QStringLiteral("Folder    %1").arg(folder));
+    std::fflush(stdout);
+    {
+        const Stores stores(library, folder);
+        Machine machine(folder);
+        Monitor monitor(stores, userName());
+        const QDateTime start = QDateTime::currentDateTime();
+        monitor.log(QStringLiteral("Start"),
+                    QStringLiteral("%1 series, %2 samples a second").arg(allSeries.size()).arg(options.rate));
+        watch(monitor, machine, options);
+        const QDateTime end = QDateTime::currentDateTime();
+        monitor.log(QStringLiteral("Stop"), caughtSignal ? QStringLiteral("by signal %1").arg(caughtSignal)
+                                                         : QStringLiteral("after %1 s").arg(options.seconds));
+        monitor.checkStored();
+        cleanUp(stores, monitor, options, printer);
+        report(stores, monitor, start, end, printer);
+    }
+    printer.heading(QStringLiteral("All of this lies in"));
+    for (const char *name : storeFiles) {
+        const QFileInfo file(QDir(folder).filePath(QLatin1String(name)));
+        printer.line(QStringLiteral("  %1  (%2 bytes)").arg(file.filePath()).arg(file.size()));
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::setlocale(LC_CTYPE, "");
+    const Printer printer(QByteArray(nl_langinfo(CODESET)) == "UTF-8");
+    // The library takes file names as UTF-8; Qt must name them the same way, whatever the terminal shows.
+    qputenv("LC_ALL", "C.UTF-8");
+    qInstallMessageHandler(writeMessage);
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("device_monitor"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(DEVICE_MONITOR_VERSION));
+    for (const int each : {SIGINT, SIGTERM, SIGHUP})
+        std::signal(each, [](int number) { caughtSignal = number; });
+    std::signal(SIGPIPE, SIG_IGN); // who stops reading the output does not stop the recording
+    try {
+        const Options options = parseOptions(QCoreApplication::arguments());
+        showDebugOutput = options.verbose;
+        run(options, printer);
+        return 0;
+    } catch (const UsageError &error) {
+        std::fprintf(stderr, "device_monitor: %s\nSee device_monitor --help.\n", error.what());
+        return 2;
+    } catch (const Failure &error) {
+        std::fprintf(stderr, "device_monitor: %s\n", error.what());
+        return 1;
+    }
+}
