@@ -23,14 +23,14 @@ int trim(interface_data_base &history, const QString &table, int most)
 /// short between the two, is passed over.
 int archive(interface_data_base &alarms, const QDateTime &threshold)
 {
-    const QString oldest = threshold.toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
+    const QString oldest = threshold.toString("yyyy-MM-dd hh:mm:ss");
     const int count = alarms.getDataCountOfTable(alarmTable);
     QList<QStringList> none;
-    const QString copy = QStringLiteral("insert or ignore into %1 select * from %2 "
-                                        "where DATETIME < '%3' or EndDate != '' and EndTime != ''")
+    const QString copy = QString("insert or ignore into %1 select * from %2 "
+                                 "where DATETIME < '%3' or EndDate != '' and EndTime != ''")
                              .arg(alarmArchive, alarmTable, oldest);
     if (!alarms.execSQL({copy}, none, 0) || !alarms.deleteTable(alarmTable, oldest))
-        throw Failure(QStringLiteral("ended alarms cannot be moved to %1; --verbose shows why").arg(alarmArchive));
+        throw Failure(QString("ended alarms cannot be moved to %1; --verbose shows why").arg(alarmArchive));
     return count - alarms.getDataCountOfTable(alarmTable);
 }
 
@@ -42,25 +42,24 @@ void cleanUp(const Stores &stores, Monitor &monitor, const Options &options, con
     const auto add = [&](interface_data_base &store, const QString &table, const QString &action, int gone) {
         const int left = store.getDataCountOfTable(table);
         rows.append({table, QString::number(left + gone), QString::number(gone), QString::number(left), action});
-        monitor.log(action, QStringLiteral("%1: %2 gone, %3 left").arg(table).arg(gone).arg(left));
+        monitor.log(action, QString("%1: %2 gone, %3 left").arg(table).arg(gone).arg(left));
     };
     for (const Series &series : allSeries) {
-        const QString table = QLatin1String(series.table);
-        add(*stores.history, table, QStringLiteral("Trim"), trim(*stores.history, table, options.maxSamples));
+        const QString table = series.table;
+        add(*stores.history, table, "Trim", trim(*stores.history, table, options.maxSamples));
     }
-    add(*stores.alarms, alarmTable, QStringLiteral("Purge"),
+    add(*stores.alarms, alarmTable, "Purge",
         archive(*stores.alarms, QDateTime::currentDateTime().addDays(-options.keepDays)));
 
-    for (interface_data_base *store : {stores.history.get(), stores.alarms.get(), stores.log.get()}) {
-        store->vacuumSqliteDB();
-        store->dbWalCheckPoint();
+    interface_data_base *const inFileOrder[] = {stores.history.get(), stores.alarms.get(), stores.log.get()};
+    for (size_t i = 0; i < std::size(storeFiles); ++i) {
+        const bool compacted = inFileOrder[i]->vacuumSqliteDB();
+        inFileOrder[i]->dbWalCheckPoint();
+        monitor.log(compacted ? "Compact" : "Compact failed", storeFiles[i]);
     }
-    monitor.log(QStringLiteral("Compact"), QStringLiteral("all files"));
 
-    printer.heading(QStringLiteral("Clean-up: at most %1 samples a table; ended alarms move to %2")
+    printer.heading(QString("Clean-up: at most %1 samples a table; ended alarms move to %2")
                         .arg(options.maxSamples)
                         .arg(alarmArchive));
-    printer.table({QStringLiteral("Table"), QStringLiteral("Before"), QStringLiteral("Gone"), QStringLiteral("Left"),
-                   QStringLiteral("By")},
-                  rows, "lrrrl");
+    printer.table({"Table", "Before", "Gone", "Left", "By"}, rows, "lrrrl");
 }

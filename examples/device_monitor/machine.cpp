@@ -10,7 +10,7 @@ namespace
 /// The words behind `label` on its line in a file of /proc.
 QList<QByteArray> words(const char *path, const QByteArray &label)
 {
-    QFile file(QString::fromLatin1(path));
+    QFile file(path);
     if (file.open(QIODevice::ReadOnly)) {
         const QList<QByteArray> lines = file.readAll().split('\n');
         for (const QByteArray &line : lines) {
@@ -19,8 +19,7 @@ QList<QByteArray> words(const char *path, const QByteArray &label)
                 return found;
         }
     }
-    throw Failure(QStringLiteral("%1 has no line \"%2\"; this program needs a Linux with /proc")
-                      .arg(QLatin1String(path), QString::fromLatin1(label)));
+    throw Failure(QString("%1 has no line \"%2\"; this program needs a Linux with /proc").arg(path, QString(label)));
 }
 
 double memoryUsed()

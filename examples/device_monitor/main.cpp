@@ -48,7 +48,7 @@ QString userName()
 QString prepareFolder(const QString &wanted)
 {
     if (wanted.isEmpty()) {
-        QTemporaryDir folder(QDir::temp().filePath(QStringLiteral("device_monitor-XXXXXX")));
+        QTemporaryDir folder(QDir::temp().filePath("device_monitor-XXXXXX"));
         folder.setAutoRemove(false);
         if (!folder.isValid())
             throw Failure(folder.errorString());
@@ -56,50 +56,51 @@ QString prepareFolder(const QString &wanted)
     }
     const QString path = QDir::cleanPath(QDir::current().absoluteFilePath(wanted));
     if (!QDir().mkpath(path) || !QFileInfo(path).isWritable())
-        throw UsageError(QStringLiteral("--dir \"%1\": this folder cannot be written; name another").arg(wanted));
+        throw UsageError(QString("--dir \"%1\": this folder cannot be written; name another").arg(wanted));
     return path;
 }
 
-/// One line on standard error: rewritten in place on a terminal, else a new one each time.
-void showProgress(double seconds, const Values &values, int activeAlarms)
+bool progressInPlace()
 {
-    static const bool inPlace = isatty(STDERR_FILENO) && !showDebugOutput;
-    QString text = QStringLiteral("%1 s").arg(seconds, 5, 'f', 1);
-    for (size_t i = 0; i < allSeries.size(); ++i)
-        text += QStringLiteral("  %1 %2 %3")
-                    .arg(QLatin1String(allSeries[i].key), valueText(allSeries[i], values[i]),
-                         QLatin1String(allSeries[i].unit));
-    text += QStringLiteral("  alarms %1").arg(activeAlarms);
-    std::fprintf(stderr, inPlace ? "\r%s\033[K" : "%s\n", qPrintable(text));
+    return isatty(STDERR_FILENO) && !showDebugOutput;
 }
 
-/// Samples until the time is over or a signal comes; stores once a second.
+/// One line on standard error: rewritten in place on a terminal, else a new one each time.
+void showProgress(double second, const Values &values, int activeAlarms)
+{
+    QString text = QString("%1 s").arg(second, 5, 'f', 0);
+    for (size_t i = 0; i < allSeries.size(); ++i)
+        text += QString("  %1 %2%3").arg(allSeries[i].key, valueText(allSeries[i], values[i]), allSeries[i].unit);
+    text += QString("  alarms %1").arg(activeAlarms);
+    std::fprintf(stderr, progressInPlace() ? "\r%s\033[K" : "%s\n", qPrintable(text.left(79)));
+}
+
+/// Samples until the time is over or a signal comes; stores once a second. Time is counted in samples: on a
+/// busy machine a run takes longer, but it takes every sample.
 void watch(Monitor &monitor, Machine &machine, const Options &options)
 {
     using Clock = std::chrono::steady_clock;
-    const auto start = Clock::now();
     const auto period = std::chrono::nanoseconds(std::chrono::seconds(1)) / options.rate;
     auto nextLimit = options.limits.begin();
-    auto next = start;
+    auto nextTime = Clock::now();
     for (int sample = 1; !caughtSignal; ++sample) {
-        next = std::max(next + period, Clock::now()); // a late sample is not made up for
-        std::this_thread::sleep_until(next);
-        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-        for (; nextLimit != options.limits.end() && nextLimit->second <= seconds; ++nextLimit)
+        nextTime = std::max(nextTime + period, Clock::now());
+        std::this_thread::sleep_until(nextTime);
+        const double second = double(sample) / options.rate;
+        for (; nextLimit != options.limits.end() && nextLimit->second <= second; ++nextLimit)
             monitor.setLimit(nextLimit->series, nextLimit->limit);
 
         const Values values = machine.sample();
         monitor.add(values, QDateTime::currentDateTime());
-        const bool over = options.seconds > 0 && seconds >= options.seconds;
-        if (over || sample % options.rate == 0) {
+        if (sample % options.rate == 0) {
             monitor.store();
-            showProgress(seconds, values, monitor.activeAlarms());
+            showProgress(second, values, monitor.activeAlarms());
+            if (sample / options.rate == options.seconds)
+                break;
         }
-        if (over)
-            break;
     }
-    monitor.store();
-    if (isatty(STDERR_FILENO))
+    monitor.store(); // what a signal left
+    if (progressInPlace())
         std::fputs("\n", stderr);
 }
 
@@ -107,29 +108,27 @@ void run(const Options &options, const Printer &printer)
 {
     const StoreLibrary library(options.library);
     const QString folder = prepareFolder(options.folder);
-    printer.line(
-        QStringLiteral("Library   %1 (%2)").arg(library.fileName(), library.kinds().join(QStringLiteral(", "))));
-    printer.line(QStringLiteral("Folder    %1").arg(folder));
+    printer.line(QString("Library   %1 (%2)").arg(library.fileName(), library.kinds().join(", ")));
+    printer.line(QString("Folder    %1").arg(folder));
     std::fflush(stdout);
     {
         const Stores stores(library, folder);
         Machine machine(folder);
         Monitor monitor(stores, userName());
         const QDateTime start = QDateTime::currentDateTime();
-        monitor.log(QStringLiteral("Start"),
-                    QStringLiteral("%1 series, %2 samples a second").arg(allSeries.size()).arg(options.rate));
+        monitor.log("Start", QString("%1 series, %2 samples a second").arg(allSeries.size()).arg(options.rate));
         watch(monitor, machine, options);
         const QDateTime end = QDateTime::currentDateTime();
-        monitor.log(QStringLiteral("Stop"), caughtSignal ? QStringLiteral("by signal %1").arg(caughtSignal)
-                                                         : QStringLiteral("after %1 s").arg(options.seconds));
+        monitor.log("Stop", caughtSignal ? QString("by signal %1").arg(caughtSignal)
+                                         : QString("after %1 s").arg(options.seconds));
         monitor.checkStored();
         cleanUp(stores, monitor, options, printer);
         report(stores, monitor, start, end, printer);
     }
-    printer.heading(QStringLiteral("All of this lies in"));
+    printer.heading("Files");
     for (const char *name : storeFiles) {
-        const QFileInfo file(QDir(folder).filePath(QLatin1String(name)));
-        printer.line(QStringLiteral("  %1  (%2 bytes)").arg(file.filePath()).arg(file.size()));
+        const QFileInfo file(QDir(folder).filePath(name));
+        printer.line(QString("  %1  (%2 bytes)").arg(file.filePath()).arg(file.size()));
     }
 }
 
@@ -143,7 +142,7 @@ int main(int argc, char **argv)
     qputenv("LC_ALL", "C.UTF-8");
     qInstallMessageHandler(writeMessage);
     QCoreApplication application(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("device_monitor"));
+    QCoreApplication::setApplicationName("device_monitor");
     QCoreApplication::setApplicationVersion(QStringLiteral(DEVICE_MONITOR_VERSION));
     for (const int each : {SIGINT, SIGTERM, SIGHUP})
         std::signal(each, [](int number) { caughtSignal = number; });

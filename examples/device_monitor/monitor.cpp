@@ -8,12 +8,12 @@
 namespace
 {
 
-const QString dateFormat = QStringLiteral("yyyy-MM-dd");
-const QString timeFormat = QStringLiteral("hh:mm:ss");
+const QString dateFormat = "yyyy-MM-dd";
+const QString timeFormat = "hh:mm:ss";
 
 QString sideText(const Series &series)
 {
-    return series.side == Series::Above ? QStringLiteral("above") : QStringLiteral("below");
+    return series.side == Series::Above ? "above" : "below";
 }
 
 } // namespace
@@ -25,38 +25,35 @@ Monitor::Monitor(const Stores &stores, const QString &user) : m_stores(stores), 
     createTable(*m_stores.alarms, alarmArchive, QString());
 
     QList<AlarmData> active;
-    m_stores.alarms->getAllDataPage(alarmTable, &active, QStringLiteral("asc"), 0, 0, 0);
+    m_stores.alarms->getAllDataPage(alarmTable, &active, "asc", 0, 0, 0);
     for (size_t i = 0; i < allSeries.size(); ++i) {
         const Series &series = allSeries[i];
-        createTable(*m_stores.history, QLatin1String(series.table),
-                    QStringLiteral("%1, %2").arg(QLatin1String(series.name), QLatin1String(series.unit)));
-        m_states[i].expectedCount = m_stores.history->getDataCountOfTable(QLatin1String(series.table));
-        m_states[i].alarmActive = std::any_of(active.cbegin(), active.cend(), [&](const AlarmData &alarm) {
-            return alarm.alarmObject == QLatin1String(series.name);
-        });
+        createTable(*m_stores.history, series.table, QString("%1, %2").arg(series.name, series.unit));
+        m_states[i].expectedCount = m_stores.history->getDataCountOfTable(series.table);
+        m_states[i].alarmActive = std::any_of(active.cbegin(), active.cend(),
+                                              [&](const AlarmData &alarm) { return alarm.alarmObject == series.name; });
     }
 }
 
 void Monitor::createTable(interface_data_base &store, const QString &table, const QString &name)
 {
     if (store.createTable(table, name))
-        log(QStringLiteral("Table created"), table);
+        log("Table created", table);
     else if (!store.tableIsExist(table)) // "false" alone also says that it stood already
-        throw Failure(QStringLiteral("table %1 cannot be created; --verbose shows why").arg(table));
+        throw Failure(QString("table %1 cannot be created; --verbose shows why").arg(table));
 }
 
 void Monitor::setLimit(size_t series, double limit)
 {
     m_states[series].limit = limit;
-    log(QStringLiteral("Limit set"), QStringLiteral("%1: alarm %2 %3 %4")
-                                         .arg(QLatin1String(allSeries[series].name), sideText(allSeries[series]))
-                                         .arg(limit)
-                                         .arg(QLatin1String(allSeries[series].unit)));
+    log("Limit set",
+        QString("%1: alarm %2 %3 %4")
+            .arg(allSeries[series].name, sideText(allSeries[series]), numberText(limit), allSeries[series].unit));
 }
 
 void Monitor::add(const Values &values, const QDateTime &now)
 {
-    const QString time = now.toString(dateFormat + QLatin1Char(' ') + timeFormat);
+    const QString time = now.toString(dateFormat + ' ' + timeFormat);
     for (size_t i = 0; i < allSeries.size(); ++i) {
         const Series &series = allSeries[i];
         State &state = m_states[i];
@@ -73,37 +70,35 @@ void Monitor::add(const Values &values, const QDateTime &now)
 void Monitor::raiseAlarm(size_t series, double value, const QDateTime &now)
 {
     const Series &what = allSeries[series];
-    const QString limit = QString::number(m_states[series].limit);
-    const QString description =
-        QStringLiteral("%1 %2 %3 %4").arg(QLatin1String(what.name), sideText(what), limit, QLatin1String(what.unit));
-    QList<QStringList> rows{{QString::number(what.level), now.toString(dateFormat), now.toString(timeFormat),
-                             QLatin1String(what.name), sideText(what), valueText(what, value), limit, description,
-                             QString(), QString()}}; // no end yet: active
+    const QString limit = numberText(m_states[series].limit);
+    const QString description = QString("%1 %2 %3 %4").arg(what.name, sideText(what), limit, what.unit);
+    QList<QStringList> rows{{QString::number(what.level), now.toString(dateFormat), now.toString(timeFormat), what.name,
+                             what.side == Series::Above ? "High" : "Low", valueText(what, value), limit, description,
+                             "", ""}}; // no end yet: active
     m_stores.alarms->insertManyDatas(rows, alarmTable);
     m_states[series].alarmActive = true;
-    log(QStringLiteral("Alarm raised"), QStringLiteral("%1 (%2)").arg(description, valueText(what, value)));
+    log("Alarm raised", QString("%1 (%2)").arg(description, valueText(what, value)));
 }
 
 void Monitor::endAlarm(size_t series, double value, const QDateTime &now)
 {
     // The interface has no operation for it: the host runs its own statement.
     const Series &what = allSeries[series];
-    const QString update =
-        QStringLiteral("update AlarmData set EndDate = '%1', EndTime = '%2' "
-                       "where AlarmObject = '%3' and EndDate = '' and EndTime = ''")
-            .arg(now.toString(dateFormat), now.toString(timeFormat), escaped(QLatin1String(what.name)));
+    const QString update = QString("update AlarmData set EndDate = '%1', EndTime = '%2' "
+                                   "where AlarmObject = '%3' and EndDate = '' and EndTime = ''")
+                               .arg(now.toString(dateFormat), now.toString(timeFormat), escaped(what.name));
     QList<QStringList> none;
     if (!m_stores.alarms->execSQL({update}, none, 0))
         return; // still active: the next sample tries again
     m_states[series].alarmActive = false;
-    log(QStringLiteral("Alarm ended"), QStringLiteral("%1 (%2)").arg(QLatin1String(what.name), valueText(what, value)));
+    log("Alarm ended", QString("%1 (%2)").arg(what.name, valueText(what, value)));
 }
 
 void Monitor::store()
 {
     for (size_t i = 0; i < allSeries.size(); ++i) {
         State &state = m_states[i];
-        m_stores.history->insertManyDatas(state.batch, QLatin1String(allSeries[i].table));
+        m_stores.history->insertManyDatas(state.batch, allSeries[i].table);
         state.expectedCount += int(state.batch.size());
         state.batch.clear();
     }
@@ -112,11 +107,11 @@ void Monitor::store()
 void Monitor::checkStored() const
 {
     for (size_t i = 0; i < allSeries.size(); ++i) {
-        const QString table = QLatin1String(allSeries[i].table);
+        const QString table = allSeries[i].table;
         const int missing = m_states[i].expectedCount - m_stores.history->getDataCountOfTable(table);
         if (missing > 0)
-            throw Failure(QStringLiteral("%1 samples did not arrive in table %2; is the disk full or the file "
-                                         "locked? --verbose shows what the library says")
+            throw Failure(QString("%1 samples did not arrive in table %2; is the disk full or the file "
+                                  "locked? --verbose shows what the library says")
                               .arg(missing)
                               .arg(table));
     }
@@ -125,7 +120,7 @@ void Monitor::checkStored() const
 void Monitor::log(const QString &action, const QString &message)
 {
     QList<QStringList> rows{
-        {QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")), m_user, action, message}};
+        {QDateTime::currentDateTime().toString("yyyy-MM-dd hh:mm:ss.zzz"), m_user, action, message}};
     m_stores.log->insertManyDatas(rows, logTable);
 }
 

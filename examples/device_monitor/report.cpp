@@ -12,9 +12,9 @@
 namespace
 {
 
-const QString newestFirst = QStringLiteral("desc");
-const QString oldestFirst = QStringLiteral("asc");
-const QString second = QStringLiteral("yyyy-MM-dd hh:mm:ss");
+const QString newestFirst = "desc";
+const QString oldestFirst = "asc";
+const QString second = "yyyy-MM-dd hh:mm:ss";
 
 using Samples = QList<DataContent>;
 
@@ -22,15 +22,15 @@ using Samples = QList<DataContent>;
 void printSamples(const Printer &printer, const QString &heading,
                   const std::function<void(const QString &table, Samples *samples)> &query)
 {
-    QStringList headers{QStringLiteral("DATETIME")};
+    QStringList headers{"DATETIME"};
     QList<QStringList> rows;
     for (const Series &series : allSeries) {
-        headers.append(QLatin1String(series.table));
+        headers.append(series.table);
         Samples samples;
         query(headers.last(), &samples);
         for (int i = 0; i < samples.size(); ++i) {
             if (i == rows.size())
-                rows.append({samples[i].date + QLatin1Char(' ') + samples[i].time});
+                rows.append({samples[i].date + ' ' + samples[i].time});
             rows[i].append(samples[i].value);
         }
     }
@@ -43,7 +43,7 @@ void printSeries(interface_data_base &history, const QString &from, const QStrin
     QList<QStringList> rows;
     const QStringList series = history.selectConfigInfo();
     for (const QString &entry : series) { // "@table@name"
-        const QString table = entry.section(QLatin1Char('@'), 1, 1);
+        const QString table = entry.section('@', 1, 1);
         QList<QStringList> found; // ID, DATETIME, Value
         history.findDataByTime(from, to, -1, -1, found, table);
         QVector<double> values;
@@ -52,14 +52,12 @@ void printSeries(interface_data_base &history, const QString &from, const QStrin
         if (values.isEmpty())
             continue;
         const auto [lowest, highest] = std::minmax_element(values.cbegin(), values.cend());
-        rows.append({entry.section(QLatin1Char('@'), 2), QString::number(history.getDataCountOfTable(table)),
-                     QString::number(history.getDataCountOfTimeQuery(from, to, table)), QString::number(*lowest),
-                     QString::number(*highest), printer.trend(values, 24)});
+        rows.append({entry.section('@', 2), QString::number(history.getDataCountOfTable(table)),
+                     QString::number(history.getDataCountOfTimeQuery(from, to, table)), numberText(*lowest),
+                     numberText(*highest), printer.trend(values, 24)});
     }
-    printer.heading(QStringLiteral("Series (selectConfigInfo, findDataByTime)"));
-    printer.table({QStringLiteral("Series"), QStringLiteral("Samples"), QStringLiteral("Run"), QStringLiteral("Lowest"),
-                   QStringLiteral("Highest"), QStringLiteral("Trend")},
-                  rows, "lrrrrl");
+    printer.heading("Series (selectConfigInfo, findDataByTime)");
+    printer.table({"Series", "Samples", "Run", "Lowest", "Highest", "Trend"}, rows, "lrrrrl");
 }
 
 void printHistory(interface_data_base &history, const QDateTime &start, const QDateTime &end, const Printer &printer)
@@ -68,20 +66,20 @@ void printHistory(interface_data_base &history, const QDateTime &start, const QD
     const QString to = end.toString(second);
     printSeries(history, from, to, printer);
 
-    printSamples(printer, QStringLiteral("Newest samples (getCurrData)"),
+    printSamples(printer, "Newest samples (getCurrData)",
                  [&](const QString &table, Samples *samples) { history.getCurrData(table, samples, newestFirst, 5); });
 
     printSamples(
-        printer, QStringLiteral("Page 2 of the newest 15, 5 a page, oldest first (getAllDataPage)"),
+        printer, "Page 2 of the newest 15, 5 a page, oldest first (getAllDataPage)",
         [&](const QString &table, Samples *samples) { history.getAllDataPage(table, samples, oldestFirst, 5, 5, 15); });
 
     const QString before = end.addSecs(-1).toString(second);
-    printSamples(printer, QStringLiteral("The first 5 from %1 on (findDataOfTimePage)").arg(before),
+    printSamples(printer, QString("The first 5 from %1 on (findDataOfTimePage)").arg(before),
                  [&](const QString &table, Samples *samples) {
                      history.findDataOfTimePage(before, to, samples, table, oldestFirst, 0, 5, 0);
                  });
 
-    const QString table = QLatin1String(allSeries[1].table);
+    const QString table = allSeries[1].table;
     Samples newest;
     history.getCurrData(table, &newest, newestFirst, 1);
     const QString text = newest.value(0).value;
@@ -89,10 +87,10 @@ void printHistory(interface_data_base &history, const QDateTime &start, const QD
     history.findDataOfValue(text, to, &found, table, newestFirst);
     QList<QStringList> rows;
     for (const DataContent &sample : std::as_const(found).mid(0, 3))
-        rows.append({sample.date + QLatin1Char(' ') + sample.time, sample.value});
+        rows.append({sample.date + ' ' + sample.time, sample.value});
     printer.heading(
-        QStringLiteral("%1 samples that contain \"%2\"; the newest 3 (findDataOfValue)").arg(found.size()).arg(text));
-    printer.table({QStringLiteral("DATETIME"), table}, rows, "lr");
+        QString("%1 samples that contain \"%2\"; the newest 3 (findDataOfValue)").arg(found.size()).arg(text));
+    printer.table({"DATETIME", table}, rows, "lr");
 }
 
 void printAlarms(interface_data_base &alarms, const QDateTime &start, const QDateTime &end, Monitor &monitor,
@@ -103,13 +101,11 @@ void printAlarms(interface_data_base &alarms, const QDateTime &start, const QDat
     QList<QStringList> rows;
     for (const AlarmData &alarm : std::as_const(active)) {
         rows.append({QString::number(alarm.level), alarm.startTime.toString(second), alarm.currentValue,
-                     QString::number(alarm.limitValue), alarm.alarmType, alarm.description});
-        monitor.log(QStringLiteral("Alarm acknowledged"), alarm.description);
+                     numberText(alarm.limitValue), alarm.alarmType, alarm.description});
+        monitor.log("Alarm acknowledged", alarm.description);
     }
-    printer.heading(QStringLiteral("Active alarms (getAllDataPage)"));
-    printer.table({QStringLiteral("Level"), QStringLiteral("Started"), QStringLiteral("Value"), QStringLiteral("Limit"),
-                   QStringLiteral("Type"), QStringLiteral("Description")},
-                  rows, "rlrrll");
+    printer.heading("Active alarms (getAllDataPage)");
+    printer.table({"Level", "Started", "Value", "Limit", "Type", "Description"}, rows, "rlrrll");
 
     rows.clear();
     for (const QString &table : {alarmArchive, alarmTable}) {
@@ -120,10 +116,9 @@ void printAlarms(interface_data_base &alarms, const QDateTime &start, const QDat
     }
     std::stable_sort(rows.begin(), rows.end(),
                      [](const QStringList &a, const QStringList &b) { return a.at(1) < b.at(1); });
-    printer.heading(QStringLiteral("All %1 alarms of this run; the newest 10 (findDataByTime)").arg(rows.size()));
-    printer.table({QStringLiteral("Table"), QStringLiteral("Started"), QStringLiteral("Ended"), QStringLiteral("Value"),
-                   QStringLiteral("Limit"), QStringLiteral("Object")},
-                  rows.mid(qMax(0, int(rows.size()) - 10)), "lllrrl");
+    printer.heading(QString("All %1 alarms of this run; the newest 10 (findDataByTime)").arg(rows.size()));
+    printer.table({"Table", "Started", "Ended", "Value", "Limit", "Object"}, rows.mid(qMax(0, int(rows.size()) - 10)),
+                  "lllrrl");
 }
 
 void printLog(interface_data_base &log, const QDateTime &start, const QString &user, const Printer &printer)
@@ -135,15 +130,16 @@ void printLog(interface_data_base &log, const QDateTime &start, const QString &u
     log.findDataOfUserNamePage(name, &entries, logTable, oldestFirst, 0, newest, newest);
     QList<QStringList> rows;
     for (const OperatorLogData &entry : std::as_const(entries))
-        rows.append({entry.dateTime.toString(QStringLiteral("hh:mm:ss.zzz")), entry.logName, entry.message});
-    printer.heading(QStringLiteral("Operator log of %1: %2 entries, %3 in this run; the newest %4 "
-                                   "(findDataOfUserNamePage)")
-                        .arg(user)
-                        .arg(log.getDataCountOfUserQuery(name, logTable))
-                        .arg(log.getDataCountOfTimeQuery(start.toString(second),
-                                                         QDateTime::currentDateTime().toString(second), logTable))
-                        .arg(rows.size()));
-    printer.table({QStringLiteral("Time"), QStringLiteral("Action"), QStringLiteral("Message")}, rows, "lll");
+        rows.append({entry.dateTime.toString("hh:mm:ss.zzz"), entry.logName, entry.message});
+    const int ofRun =
+        log.getDataCountOfTimeQuery(start.toString(second), QDateTime::currentDateTime().toString(second), logTable);
+    printer.heading("Operator log (findDataOfUserNamePage)");
+    printer.line(QString("%1 entries since the start, %2 of %3 in all; the newest %4")
+                     .arg(ofRun)
+                     .arg(log.getDataCountOfUserQuery(name, logTable))
+                     .arg(user)
+                     .arg(rows.size()));
+    printer.table({"Time", "Action", "Message"}, rows, "lll");
 }
 
 } // namespace
@@ -151,6 +147,7 @@ void printLog(interface_data_base &log, const QDateTime &start, const QString &u
 void report(const Stores &stores, Monitor &monitor, const QDateTime &start, const QDateTime &end,
             const Printer &printer)
 {
+    printer.heading("Read back through the interface: all that follows lies in the files.");
     printHistory(*stores.history, start, end, printer);
     printAlarms(*stores.alarms, start, end, monitor, printer);
     printLog(*stores.log, start, monitor.user(), printer); // last: reading the alarms acknowledged them

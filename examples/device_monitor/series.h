@@ -24,11 +24,17 @@ inline constexpr std::array<Series, 4> allSeries{{
     {"cpu", "cpu_load", "CPU load", "%", 1, Series::Above, 90, 10, 2},
     {"memory", "memory_used", "Memory in use", "%", 1, Series::Above, 90, 2, 2},
     {"disk", "disk_free", "Disk free", "%", 2, Series::Below, 5, 1, 3},
-    {"switches", "context_switches", "Context switches", "1/s", 0, Series::Above, 200000, 20000, 1},
+    {"switches", "context_switches", "Context switches", "/s", 0, Series::Above, 200000, 20000, 1},
 }};
 
 /// One value a series, in the order of allSeries.
 using Values = std::array<double, allSeries.size()>;
+
+/// Without trailing zeros.
+inline QString numberText(double limit)
+{
+    return QString::number(limit, 'g', 12);
+}
 
 inline QString valueText(const Series &series, double value)
 {

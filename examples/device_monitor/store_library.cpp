@@ -11,10 +11,10 @@ namespace
 
 QString findLibrary()
 {
-    const QString name = QStringLiteral("libdevice_database.so.1");
+    const QString name = "libdevice_database.so.1";
     const QDir here(QCoreApplication::applicationDirPath());
     for (const char *folder : {".", "../lib", "../../src"}) { // beside, installed, in the build tree
-        const QString candidate = here.filePath(QLatin1String(folder) + QLatin1Char('/') + name);
+        const QString candidate = here.filePath(QString("%1/%2").arg(folder, name));
         if (QFileInfo::exists(candidate))
             return QDir::cleanPath(candidate);
     }
@@ -26,7 +26,7 @@ QString findLibrary()
 StoreLibrary::StoreLibrary(const QString &path) : m_library(path.isEmpty() ? findLibrary() : path)
 {
     if (!m_library.load())
-        throw Failure(m_library.errorString() + QStringLiteral("\nName the library with --library FILE."));
+        throw Failure(m_library.errorString() + "\nName the library with --library FILE.");
     m_supportList = resolve<decltype(m_supportList)>("device_getSupportList");
     m_create = resolve<decltype(m_create)>("device_createDB");
     m_close = resolve<decltype(m_close)>("device_closeDB");
@@ -37,34 +37,34 @@ Function StoreLibrary::resolve(const char *name)
 {
     if (const auto function = reinterpret_cast<Function>(m_library.resolve(name)))
         return function;
-    throw Failure(m_library.errorString());
+    throw Failure(QString("%1 has no function %2; is it the database library?").arg(fileName(), name));
 }
 
 StorePtr StoreLibrary::openStore(const char *key, const QString &file) const
 {
-    StorePtr store(m_create(QLatin1String(key)), m_close);
+    StorePtr store(m_create(key), m_close);
     if (!store)
-        throw Failure(QStringLiteral("%1 knows no store \"%2\"").arg(fileName(), QLatin1String(key)));
+        throw Failure(QString("%1 knows no store \"%2\"").arg(fileName(), key));
     if (const int code = store->openDB(file))
-        throw Failure(QStringLiteral("%1 cannot be opened (SQLite result code %2)").arg(file).arg(code));
+        throw Failure(QString("%1 cannot be opened (SQLite result code %2)").arg(file).arg(code));
     return store;
 }
 
 Stores::Stores(const StoreLibrary &library, const QString &folder)
-    : history(library.openStore("historyDB", QDir(folder).filePath(QLatin1String(storeFiles[0])))),
-      alarms(library.openStore("alarmDB", QDir(folder).filePath(QLatin1String(storeFiles[1])))),
-      log(library.openStore("operatorLogDB", QDir(folder).filePath(QLatin1String(storeFiles[2]))))
+    : history(library.openStore("historyDB", QDir(folder).filePath(storeFiles[0]))),
+      alarms(library.openStore("alarmDB", QDir(folder).filePath(storeFiles[1]))),
+      log(library.openStore("operatorLogDB", QDir(folder).filePath(storeFiles[2])))
 {
     // The library sets no pragma; a file's settings are the host's. With a write-ahead log the files can
     // be read by others while the monitor writes. The operator log runs no SQL of the host.
     QList<QStringList> answer;
     for (interface_data_base *store : {history.get(), alarms.get()}) {
-        store->execSQL({QStringLiteral("PRAGMA journal_mode = WAL")}, answer, 1);
-        store->execSQL({QStringLiteral("PRAGMA busy_timeout = 2000")}, answer, 1);
+        store->execSQL({"PRAGMA journal_mode = WAL"}, answer, 1);
+        store->execSQL({"PRAGMA busy_timeout = 2000"}, answer, 1);
     }
 }
 
 QString escaped(QString text)
 {
-    return text.replace(QLatin1Char('\''), QLatin1String("''"));
+    return text.replace('\'', "''");
 }

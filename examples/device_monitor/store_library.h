@@ -45,9 +45,9 @@ struct Stores {
 inline const char *const storeFiles[] = {"history.db", "alarm.db", "operator_log.db"};
 
 /// The table that the alarm store writes to, and the one to which ended alarms are moved.
-inline const QString alarmTable = QStringLiteral("AlarmData");
-inline const QString alarmArchive = QStringLiteral("AlarmArchive");
-inline const QString logTable = QStringLiteral("OperatorLog");
+inline const QString alarmTable = "AlarmData";
+inline const QString alarmArchive = "AlarmArchive";
+inline const QString logTable = "OperatorLog";
 
 /// The text as it may stand between single quotes in SQL: the stores paste most texts as they are.
 QString escaped(QString text);

@@ -32,28 +32,28 @@ void Printer::table(const QStringList &headers, const QList<QStringList> &rows, 
 
     QStringList rule;
     for (const int width : std::as_const(widths))
-        rule.append(QString(width, m_unicode ? QChar(0x2500) : QLatin1Char('-')));
+        rule.append(QString(width, m_unicode ? QChar(0x2500) : '-'));
     lines.insert(1, rule);
 
     for (const QStringList &cells : std::as_const(lines)) {
         QString text;
         for (int column = 0; column < widths.size(); ++column) {
             const QString cell = cells.value(column).left(widths[column]);
-            text += QLatin1String("  ");
+            text += "  ";
             text += alignment[column] == 'r' ? cell.rightJustified(widths[column]) : cell.leftJustified(widths[column]);
         }
-        while (text.endsWith(QLatin1Char(' ')))
+        while (text.endsWith(' '))
             text.chop(1);
         line(text);
     }
     if (rows.isEmpty())
-        line(QStringLiteral("  (none)"));
+        line("  (none)");
 }
 
 QString Printer::trend(const QVector<double> &values, int width) const
 {
     const QString levels =
-        m_unicode ? QString::fromUtf8("\u2581\u2582\u2583\u2584\u2585\u2586\u2587\u2588") : QStringLiteral("_.-:=+*#");
+        m_unicode ? QString::fromUtf8("\u2581\u2582\u2583\u2584\u2585\u2586\u2587\u2588") : "_.-:=+*#";
     const int columns = qMin(width, int(values.size()));
     QVector<double> means;
     for (int column = 0; column < columns; ++column) {
@@ -62,7 +62,7 @@ QString Printer::trend(const QVector<double> &values, int width) const
         means.append(std::accumulate(from, to, 0.0) / double(to - from));
     }
     QString text;
-    const auto [lowest, highest] = std::minmax_element(means.cbegin(), means.cend());
+    const auto [lowest, highest] = std::minmax_element(values.cbegin(), values.cend());
     for (const double mean : std::as_const(means)) {
         const double share = *highest > *lowest ? (mean - *lowest) / (*highest - *lowest) : 0;
         text += levels.at(int(share * double(levels.size() - 1) + 0.5));
