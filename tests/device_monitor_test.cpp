@@ -227,6 +227,8 @@ TEST_F(DeviceMonitor, WrongArgumentsAreNamedAndEndWithTwo)
         {{"--limit", "heat=3"}, "--limit \"heat=3\""},
         {{"--limit", "cpu=nan"}, "--limit \"cpu=nan\""},
         {{"--limit", "cpu=3@soon"}, "--limit \"cpu=3@soon\""},
+        {{"--limit", "cpu=3@11"}, "--limit \"cpu=3@11\""},
+        {{"--library", "/nowhere/libstore.so"}, "--library \"/nowhere/libstore.so\""},
         {{"--dir", "/proc/nowhere"}, "--dir \"/proc/nowhere\""},
         {{"--colour"}, "colour"},
         {{"extra"}, "\"extra\""},
@@ -240,9 +242,9 @@ TEST_F(DeviceMonitor, WrongArgumentsAreNamedAndEndWithTwo)
 
 TEST_F(DeviceMonitor, ALibraryThatCannotBeLoadedIsNamed)
 {
-    const Outcome missing = run({"--library", "/nowhere/libstore.so"});
-    EXPECT_EQ(missing.exitCode, 1);
-    EXPECT_TRUE(missing.errors.contains("/nowhere/libstore.so")) << qPrintable(missing.errors);
+    const Outcome text = run({"--library", __FILE__});
+    EXPECT_EQ(text.exitCode, 1);
+    EXPECT_TRUE(text.errors.contains("device_monitor_test.cpp")) << qPrintable(text.errors);
 
     const Outcome other = run({"--library", "libsqlite3.so.0"});
     EXPECT_EQ(other.exitCode, 1);

@@ -108,11 +108,12 @@ void run(const Options &options, const Printer &printer)
 {
     const StoreLibrary library(options.library);
     const QString folder = prepareFolder(options.folder);
-    printer.line(QString("Library   %1 (%2)").arg(library.fileName(), library.kinds().join(", ")));
+    printer.line(QString("Library   %1").arg(library.fileName()));
+    printer.line(QString("Stores    %1").arg(library.kinds().join(", ")));
     printer.line(QString("Folder    %1").arg(folder));
     std::fflush(stdout);
     {
-        const Stores stores(library, folder);
+        const Stores stores = openStores(library, folder);
         Machine machine(folder);
         Monitor monitor(stores, userName());
         const QDateTime start = QDateTime::currentDateTime();

@@ -55,7 +55,7 @@ Options parseOptions(const QStringList &arguments)
     const QCommandLineOption help = parser.addHelpOption();
     const QCommandLineOption version = parser.addVersionOption();
     parser.addOptions({
-        {"seconds", "How long to watch; 0: until Ctrl-C.", "N", "10"},
+        {"seconds", "How long to watch (10); 0: until Ctrl-C.", "N", "10"},
         {"rate", "Samples a second (10).", "N", "10"},
         {"dir",
          "Folder of the files; what it holds is kept and added to. Without it: a new one for temporary "
@@ -66,7 +66,7 @@ Options parseOptions(const QStringList &arguments)
              .arg(seriesKeys()),
          "NAME=VALUE[@SECOND]"},
         {"max-samples", "Keep this many samples a table; the oldest go (36000).", "N", "36000"},
-        {"keep-days", "Active alarms older than this go to the archive (365).", "N", "365"},
+        {"keep-days", "Active alarms older than this many days go to the archive (365).", "N", "365"},
         {"library", "The database library to load.", "FILE"},
         {"verbose", "Show the library's debug output."},
     });
@@ -93,6 +93,10 @@ Options parseOptions(const QStringList &arguments)
         options.limits.push_back({i, allSeries[i].limit, 0});
     for (const QString &text : limits) {
         const LimitChange change = limitChange(text);
+        if (options.seconds > 0 && change.second > options.seconds)
+            throw UsageError(QString("--limit \"%1\": the run is over after %2 s; --seconds makes it longer")
+                                 .arg(text)
+                                 .arg(options.seconds));
         if (change.second > 0)
             options.limits.push_back(change);
         else

@@ -70,13 +70,13 @@ void printHistory(interface_data_base &history, const QDateTime &start, const QD
                  [&](const QString &table, Samples *samples) { history.getCurrData(table, samples, newestFirst, 5); });
 
     printSamples(
-        printer, "Page 2 of the newest 15, 5 a page, oldest first (getAllDataPage)",
-        [&](const QString &table, Samples *samples) { history.getAllDataPage(table, samples, oldestFirst, 5, 5, 15); });
+        printer, "Page 2 of the newest 30, 5 a page, oldest first (getAllDataPage)",
+        [&](const QString &table, Samples *samples) { history.getAllDataPage(table, samples, oldestFirst, 5, 5, 30); });
 
-    const QString before = end.addSecs(-1).toString(second);
-    printSamples(printer, QString("The first 5 from %1 on (findDataOfTimePage)").arg(before),
+    const QString middle = start.addSecs(start.secsTo(end) / 2).toString(second);
+    printSamples(printer, QString("The first 5 from %1 on (findDataOfTimePage)").arg(middle),
                  [&](const QString &table, Samples *samples) {
-                     history.findDataOfTimePage(before, to, samples, table, oldestFirst, 0, 5, 0);
+                     history.findDataOfTimePage(middle, to, samples, table, oldestFirst, 0, 5, 0);
                  });
 
     const QString table = allSeries[1].table;

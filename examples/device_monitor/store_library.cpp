@@ -25,6 +25,8 @@ QString findLibrary()
 
 StoreLibrary::StoreLibrary(const QString &path) : m_library(path.isEmpty() ? findLibrary() : path)
 {
+    if (path.contains('/') && !QFileInfo::exists(path))
+        throw UsageError(QString("--library \"%1\": there is no such file").arg(path));
     if (!m_library.load())
         throw Failure(m_library.errorString() + "\nName the library with --library FILE.");
     m_supportList = resolve<decltype(m_supportList)>("device_getSupportList");
@@ -50,18 +52,18 @@ StorePtr StoreLibrary::openStore(const char *key, const QString &file) const
     return store;
 }
 
-Stores::Stores(const StoreLibrary &library, const QString &folder)
-    : history(library.openStore("historyDB", QDir(folder).filePath(storeFiles[0]))),
-      alarms(library.openStore("alarmDB", QDir(folder).filePath(storeFiles[1]))),
-      log(library.openStore("operatorLogDB", QDir(folder).filePath(storeFiles[2])))
+Stores openStores(const StoreLibrary &library, const QString &folder)
 {
-    // The library sets no pragma; a file's settings are the host's. With a write-ahead log the files can
-    // be read by others while the monitor writes. The operator log runs no SQL of the host.
-    QList<QStringList> answer;
-    for (interface_data_base *store : {history.get(), alarms.get()}) {
-        store->execSQL({"PRAGMA journal_mode = WAL"}, answer, 1);
-        store->execSQL({"PRAGMA busy_timeout = 2000"}, answer, 1);
-    }
+    // The library sets no pragma: a file's settings are the host's. With a write-ahead log, which the file
+    // remembers, others can read while the monitor writes. The operator log's own store runs no SQL of the
+    // host; any other kind of store may open its file for that.
+    const auto open = [&](const char *key, const char *name) {
+        const QString file = QDir(folder).filePath(name);
+        QList<QStringList> answer;
+        library.openStore("historyDB", file)->execSQL({"PRAGMA journal_mode = WAL"}, answer, 1);
+        return library.openStore(key, file);
+    };
+    return {open("historyDB", storeFiles[0]), open("alarmDB", storeFiles[1]), open("operatorLogDB", storeFiles[2])};
 }
 
 QString escaped(QString text)

@@ -35,12 +35,11 @@ private:
 
 /// The three stores of the monitor, one file each.
 struct Stores {
-    Stores(const StoreLibrary &library, const QString &folder);
-
     StorePtr history;
     StorePtr alarms;
     StorePtr log;
 };
+Stores openStores(const StoreLibrary &library, const QString &folder);
 
 inline const char *const storeFiles[] = {"history.db", "alarm.db", "operator_log.db"};
 
