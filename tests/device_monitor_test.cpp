@@ -134,7 +134,7 @@ TEST_F(DeviceMonitor, EndedAlarmsAreArchivedAndActiveOnesStay)
     EXPECT_EQ(count("alarm.db", QString("AlarmArchive") + memory + " and EndDate || ' ' || EndTime >= DATETIME"), "1");
     EXPECT_EQ(count("alarm.db", "AlarmData where EndDate != ''"), "0");
 
-    const Rows rows = printedRows(outcome.output, "All ");
+    const Rows rows = printedRows(outcome.output, "Alarms raised");
     EXPECT_EQ(rows.size(), 2) << qPrintable(outcome.output);
     for (const QStringList &row : rows) // an ended alarm has one cell more
         EXPECT_EQ(count("alarm.db", QString("%1 where DATETIME = '%2' and EndTime = '%3' and AlarmObject = '%4'")

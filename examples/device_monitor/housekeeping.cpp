@@ -5,6 +5,8 @@
 #include "options.h"
 #include "tables.h"
 
+#include <iterator>
+
 namespace
 {
 

@@ -54,7 +54,7 @@ QString prepareFolder(const QString &wanted)
             throw Failure(folder.errorString());
         return folder.path();
     }
-    const QString path = QDir::cleanPath(QDir::current().absoluteFilePath(wanted));
+    QString path = QDir::cleanPath(QDir::current().absoluteFilePath(wanted));
     if (!QDir().mkpath(path) || !QFileInfo(path).isWritable())
         throw UsageError(QString("--dir \"%1\": this folder cannot be written; name another").arg(wanted));
     return path;

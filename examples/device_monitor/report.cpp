@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <utility>
 
 namespace
 {
@@ -116,7 +117,7 @@ void printAlarms(interface_data_base &alarms, const QDateTime &start, const QDat
     }
     std::stable_sort(rows.begin(), rows.end(),
                      [](const QStringList &a, const QStringList &b) { return a.at(1) < b.at(1); });
-    printer.heading(QString("All %1 alarms of this run; the newest 10 (findDataByTime)").arg(rows.size()));
+    printer.heading(QString("Alarms raised in this run: %1; the newest 10 (findDataByTime)").arg(rows.size()));
     printer.table({"Table", "Started", "Ended", "Value", "Limit", "Object"}, rows.mid(qMax(0, int(rows.size()) - 10)),
                   "lllrrl");
 }

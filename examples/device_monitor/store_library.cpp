@@ -11,7 +11,7 @@ namespace
 
 QString findLibrary()
 {
-    const QString name = "libdevice_database.so.1";
+    QString name = "libdevice_database.so.1";
     const QDir here(QCoreApplication::applicationDirPath());
     for (const char *folder : {".", "../lib", "../../src"}) { // beside, installed, in the build tree
         const QString candidate = here.filePath(QString("%1/%2").arg(folder, name));

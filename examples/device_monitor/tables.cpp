@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <numeric>
+#include <utility>
 
 static const int lineWidth = 80;
 
@@ -65,7 +66,7 @@ QString Printer::trend(const QVector<double> &values, int width) const
     const auto [lowest, highest] = std::minmax_element(values.cbegin(), values.cend());
     for (const double mean : std::as_const(means)) {
         const double share = *highest > *lowest ? (mean - *lowest) / (*highest - *lowest) : 0;
-        text += levels.at(int(share * double(levels.size() - 1) + 0.5));
+        text += levels.at(qRound(share * double(levels.size() - 1)));
     }
     return text;
 }
