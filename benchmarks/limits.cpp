@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: MIT
+#include "limits.h"
+
+#include <QtGlobal>
+
+#include <fnmatch.h>
+
+namespace
+{
+
+constexpr Limit::Sense atMost = Limit::AtMost;
+constexpr Limit::Sense atLeast = Limit::AtLeast;
+
+const Limit limits[] = {
+    // Workload, contender, base, Qt 6, Qt 5
+    {"insert/10000/history", "OURS", "FLOOR", atMost, 1.06, 1.06},
+    {"insert/10000/alarm", "OURS", "FLOOR", atMost, 1.10, 1.10},
+    {"insert/10000/log", "OURS", "FLOOR", atMost, 1.10, 1.10},
+    {"insert/10000/*", "POCO prepared", "OURS", atLeast, 1.00, 1.00},
+    {"insert/10000/history", "* text", "OURS", atLeast, 1.15, 1.15},
+    {"insert/10000/alarm", "* text", "OURS", atLeast, 1.35, 1.35},
+    {"insert/10000/log", "* text", "OURS", atLeast, 1.18, 1.18},
+    {"insert/1/*", "OURS", "FLOOR", atMost, 1.12, 1.12},
+    {"insert/1/*", "* prepared", "OURS", atLeast, 1.00, 1.00},
+
+    {"records/*/history", "OURS", "FLOOR", atMost, 1.20, 1.23},
+    {"records/*/alarm", "OURS", "FLOOR", atMost, 1.28, 1.28},
+    {"records/*/log", "OURS", "FLOOR", atMost, 1.36, 1.40},
+    {"records/*/history", "PLAIN", "OURS", atLeast, 1.2, 0},
+    {"records/*/alarm", "PLAIN", "OURS", atLeast, 4, 0},
+    {"records/*/log", "PLAIN", "OURS", atLeast, 5, 0},
+    {"records/*/history", "Qt SQL", "OURS", atLeast, 1.35, 1.35},
+    {"records/*/alarm", "Qt SQL", "OURS", atLeast, 1.6, 1.6},
+    {"records/*/log", "Qt SQL", "OURS", atLeast, 1.7, 1.7},
+    {"records/*", "SOCI", "OURS", atLeast, 1.00, 1.00},
+    {"records/*", "POCO", "OURS", atLeast, 1.00, 1.00},
+
+    {"tables/*/history", "OURS", "FLOOR", atMost, 1.33, 1.33},
+    {"tables/*/alarm", "OURS", "FLOOR", atMost, 1.27, 1.27},
+    {"tables/*/log", "OURS", "FLOOR", atMost, 1.30, 1.30},
+    {"tables/*", "Qt SQL", "OURS", atLeast, 1.4, 1.4},
+};
+
+} // namespace
+
+double Limit::value() const
+{
+    return QT_VERSION_MAJOR == 6 ? qt6 : qt5;
+}
+
+const Limit *findLimit(const std::string &workload, const std::string &contender, const std::string &base,
+                       double baseMicroseconds)
+{
+    const auto matches = [](const char *pattern, const std::string &text) {
+        return fnmatch(pattern, text.c_str(), 0) == 0;
+    };
+    for (const Limit &limit : limits) {
+        if (matches(limit.workload, workload) && matches(limit.contender, contender) && base == limit.base &&
+            baseMicroseconds >= limit.fromMicroseconds && limit.value() > 0)
+            return &limit;
+    }
+    return nullptr;
+}

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: MIT
+#include "peer.h"
+
+QString preparedInsert(const Kind &kind)
+{
+    return QStringLiteral("insert into %1 values(NULL%2)")
+        .arg(QLatin1String(kind.table), QStringLiteral(",?").repeated(kind.columns));
+}
+
+std::string textInsert(const Kind &kind, const QStringList &row)
+{
+    std::string sql;
+    sql.reserve(256);
+    sql.append("insert into ").append(kind.table).append(" values(NULL");
+    forEachColumn(kind, row, [&sql](int, const QString &text) {
+        sql.append(",'");
+        const QByteArray bytes = text.toUtf8();
+        if (bytes.contains('\''))
+            sql.append(QByteArray(bytes).replace('\'', "''").constData());
+        else
+            sql.append(bytes.constData(), size_t(bytes.size()));
+        sql.append("'");
+    });
+    sql.append(")");
+    return sql;
+}

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "workload.h"
+
+#include <QJsonArray>
+#include <QJsonObject>
+
+#include <benchmark/benchmark.h>
+
+/// Prints a table of ratios for each workload and keeps them as JSON. A ratio is made within one round; the
+/// report is about the median over the rounds and its quartiles.
+class Report : public benchmark::BenchmarkReporter
+{
+public:
+    Report(const std::vector<Workload> &workloads, QJsonObject environment);
+
+    bool ReportContext(const Context &context) override;
+    void ReportRuns(const std::vector<Run> &runs) override;
+
+    QJsonObject json() const;
+
+private:
+    const std::vector<Workload> &m_workloads;
+    QJsonObject m_environment;
+    QJsonArray m_results;
+};

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: MIT
+#include "session.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <numeric>
+#include <stdexcept>
+
+extern "C" __attribute__((noinline)) void device_database_measured(const std::function<void()> &run, int calls)
+{
+    for (int call = 0; call < calls; ++call)
+        run();
+}
+
+double processorSeconds()
+{
+    timespec time;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return double(time.tv_sec) + double(time.tv_nsec) * 1e-9;
+}
+
+Session::Session(const Workload &workload) : m_contenders(workload.open())
+{
+    QByteArray expected;
+    for (const Contender &contender : m_contenders) {
+        if (contender.value)
+            continue;
+        contender.run();
+        const QByteArray result = contender.result ? contender.result() : QByteArray();
+        contender.undo();
+        if (expected.isEmpty())
+            expected = result;
+        else if (!result.isEmpty() && result != expected)
+            throw std::runtime_error(contender.name + " gives something else");
+    }
+    if (m_contenders.front().value)
+        return;
+    const double start = processorSeconds();
+    m_contenders.front().run();
+    const double seconds = processorSeconds() - start;
+    m_contenders.front().undo();
+    m_calls = std::clamp(int(std::ceil(0.005 / seconds)), 1, 1000);
+}
+
+std::vector<std::string> Session::names() const
+{
+    std::vector<std::string> names;
+    for (const Contender &contender : m_contenders)
+        names.push_back(contender.name);
+    return names;
+}
+
+std::vector<double> Session::round()
+{
+    std::vector<size_t> order(m_contenders.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::shuffle(order.begin(), order.end(), m_order);
+    std::vector<double> figures(m_contenders.size());
+    for (const size_t index : order) {
+        const Contender &contender = m_contenders[index];
+        if (contender.value) {
+            figures[index] = contender.value();
+            continue;
+        }
+        const double start = processorSeconds();
+        device_database_measured(contender.run, m_calls);
+        figures[index] = (processorSeconds() - start) * 1e6 / (contender.items * m_calls);
+        contender.undo();
+    }
+    return figures;
+}
+
+void Session::once(const std::string &name, int calls)
+{
+    for (const Contender &contender : m_contenders) {
+        if (contender.name != name)
+            continue;
+        device_database_measured(contender.run, calls);
+        contender.undo();
+        return;
+    }
+    throw std::runtime_error("no contender " + name);
+}

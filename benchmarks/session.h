@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "workload.h"
+
+#include <random>
+
+/// The contenders of one workload, measured in turn, so that ratios hold on a machine that others use too.
+class Session
+{
+public:
+    /// Runs everybody once: to be warm, to compare the results, to see how many runs make a measurable time.
+    /// Throws when the results differ.
+    explicit Session(const Workload &workload);
+
+    /// Measures everybody once, in a new order. The figures per item, in the order of names().
+    std::vector<double> round();
+    std::vector<std::string> names() const;
+
+    /// Runs one contender alone, warm, `calls` times in a row.
+    void once(const std::string &name, int calls);
+
+private:
+    std::vector<Contender> m_contenders;
+    int m_calls = 1;
+    std::mt19937 m_order;
+};
+
+/// Everything that counts happens inside; a profiler starts and stops here.
+extern "C" void device_database_measured(const std::function<void()> &run, int calls);
+
+/// Processor time of this process: other people's work does not count.
+double processorSeconds();
