@@ -1,13 +1,23 @@
 // SPDX-License-Identifier: MIT
 #include "peer.h"
 
+#include "plain.h"
+
 QString preparedInsert(const Kind &kind)
 {
     return QStringLiteral("insert into %1 values(NULL%2)")
         .arg(QLatin1String(kind.table), QStringLiteral(",?").repeated(kind.columns));
 }
 
-std::string textInsert(const Kind &kind, const QStringList &row)
+QString textInsert(const Kind &kind, const QStringList &row)
+{
+    const QString table = QLatin1String(kind.table);
+    if (&kind == &historyKind)
+        return plain::historyStatement(row, table);
+    return &kind == &alarmKind ? plain::alarmStatement(row) : plain::logStatement(row, table);
+}
+
+std::string joinedInsert(const Kind &kind, const QStringList &row)
 {
     std::string sql;
     sql.reserve(256);

@@ -56,7 +56,7 @@ public:
     {
         m_session.begin();
         for (const QStringList &row : rows)
-            m_session << textInsert(kind, row), now;
+            m_session << textInsert(kind, row).toStdString(), now;
         m_session.commit();
     }
 

@@ -65,21 +65,8 @@ public:
         m_database.transaction();
         {
             QSqlQuery insert(m_database);
-            const QString head = QStringLiteral("insert into %1 values(NULL").arg(QLatin1String(kind.table));
-            QString sql;
-            for (const QStringList &row : rows) {
-                sql = head;
-                forEachColumn(kind, row, [&sql](int, const QString &text) {
-                    sql.append(QLatin1String(",'"));
-                    if (text.contains(QLatin1Char('\'')))
-                        sql.append(QString(text).replace(QLatin1Char('\''), QLatin1String("''")));
-                    else
-                        sql.append(text);
-                    sql.append(QLatin1Char('\''));
-                });
-                sql.append(QLatin1Char(')'));
-                require(insert.exec(sql), insert.lastError());
-            }
+            for (const QStringList &row : rows)
+                require(insert.exec(textInsert(kind, row)), insert.lastError());
         }
         require(m_database.commit(), m_database.lastError());
     }

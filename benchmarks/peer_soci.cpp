@@ -55,7 +55,7 @@ public:
     {
         soci::transaction transaction(m_session);
         for (const QStringList &row : rows)
-            m_session << textInsert(kind, row);
+            m_session << textInsert(kind, row).toStdString();
         transaction.commit();
     }
 

@@ -25,7 +25,9 @@ struct Cells {
 class SqliteCpp : public PeerBase<SqliteCpp>
 {
 public:
-    explicit SqliteCpp(const QString &path) : m_database(path.toStdString(), SQLite::OPEN_READWRITE) {}
+    explicit SqliteCpp(const QString &path) : m_database(path.toStdString(), SQLite::OPEN_READWRITE | SQLite::OPEN_URI)
+    {
+    }
 
     void insertPrepared(const Kind &kind, const Rows &rows) override
     {
@@ -47,7 +49,15 @@ public:
     {
         SQLite::Transaction transaction(m_database);
         for (const QStringList &row : rows)
-            m_database.exec(textInsert(kind, row));
+            m_database.exec(textInsert(kind, row).toStdString());
+        transaction.commit();
+    }
+
+    void insertJoined(const Kind &kind, const Rows &rows) override
+    {
+        SQLite::Transaction transaction(m_database);
+        for (const QStringList &row : rows)
+            m_database.exec(joinedInsert(kind, row));
         transaction.commit();
     }
 

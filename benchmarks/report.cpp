@@ -48,21 +48,23 @@ bool Report::ReportContext(const Context &)
 
 void Report::ReportRuns(const std::vector<Run> &runs)
 {
+    if (runs.front().run_type != Run::RT_Iteration)
+        return; // Google Benchmark's own statistics know no ratios
     const std::string &name = runs.front().run_name.function_name;
     const Workload &workload =
         *std::find_if(m_workloads.begin(), m_workloads.end(), [&](const Workload &each) { return each.name == name; });
-    std::printf("\n%-22s%10s", name.c_str(), workload.unit);
+    std::printf("\n%-28s%9s", name.c_str(), workload.unit);
     for (const std::string &base : workload.bases)
-        std::printf("   %-31s", ("of " + base).c_str());
+        std::printf("  %-29s", ("of " + base).c_str());
     std::printf("\n");
 
     // In the order in which the contenders were named: it stands in front of each counter's name.
     std::map<std::string, std::vector<double>> figures;
     for (const Run &run : runs) {
-        if (run.error_occurred)
+        if (run.error_occurred) {
             std::printf("  FAILED: %s\n", run.error_message.c_str());
-        if (run.run_type != Run::RT_Iteration)
-            continue;
+            m_failed = true;
+        }
         for (const auto &counter : run.counters)
             figures[counter.first].push_back(counter.second.value);
     }
@@ -80,23 +82,23 @@ void Report::ReportRuns(const std::vector<Run> &runs)
                            {"rounds", int(each.second.size())},
                            {"median", figure}};
         QJsonArray ratios;
-        std::printf("  %-20s%10.3f", contender.c_str(), figure);
+        std::printf("  %-26s%9.3f", contender.c_str(), figure);
         for (const std::string &base : workload.bases) {
             const auto bottom = figuresOf(base);
             if (bottom == figures.end() || contender == base) {
-                std::printf("   %-31s", bottom == figures.end() ? "-" : "1");
+                std::printf("  %-29s", bottom == figures.end() ? "-" : "1");
                 continue;
             }
             const Spread ratio = spread(each.second, bottom->second);
             const Limit *limit = findLimit(name, contender, base, spread(bottom->second, ones).median);
             char text[64];
             std::snprintf(text, sizeof text, "%5.3f %5.3f..%5.3f", ratio.median, ratio.low, ratio.high);
-            std::printf("   %-19s", text);
+            std::printf("  %-18s", text);
             if (limit)
-                std::printf(" %s %-4.4g %s", limit->sense == Limit::AtMost ? "<=" : ">=", limit->value(),
-                            limit->kept(ratio.median) ? "yes " : "NO  ");
+                std::printf(" %s%-5.4g%s", limit->sense == Limit::AtMost ? "<=" : ">=", limit->value(),
+                            limit->kept(ratio.median) ? "yes" : "NO ");
             else
-                std::printf("%12s", "");
+                std::printf("%11s", "");
             QJsonObject entry{{"base", QString::fromStdString(base)},
                               {"median", ratio.median},
                               {"low", ratio.low},

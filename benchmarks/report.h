@@ -19,9 +19,11 @@ public:
     void ReportRuns(const std::vector<Run> &runs) override;
 
     QJsonObject json() const;
+    bool failed() const { return m_failed; } ///< A workload could not be run, or gave something else.
 
 private:
     const std::vector<Workload> &m_workloads;
     QJsonObject m_environment;
     QJsonArray m_results;
+    bool m_failed = false;
 };

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "session.h"
 
+#include "memory.h"
+
 #include <algorithm>
 #include <cmath>
 #include <ctime>
@@ -51,32 +53,49 @@ std::vector<std::string> Session::names() const
     return names;
 }
 
+double Session::measure(const Contender &contender) const
+{
+    const double start = processorSeconds();
+    device_database_measured(contender.run, m_calls);
+    const double seconds = processorSeconds() - start;
+    contender.undo();
+    return seconds * 1e6 / (contender.items * m_calls);
+}
+
 std::vector<double> Session::round()
 {
-    std::vector<size_t> order(m_contenders.size());
-    std::iota(order.begin(), order.end(), 0);
-    std::shuffle(order.begin(), order.end(), m_order);
-    std::vector<double> figures(m_contenders.size());
-    for (const size_t index : order) {
-        const Contender &contender = m_contenders[index];
-        if (contender.value) {
-            figures[index] = contender.value();
-            continue;
-        }
-        const double start = processorSeconds();
-        device_database_measured(contender.run, m_calls);
-        figures[index] = (processorSeconds() - start) * 1e6 / (contender.items * m_calls);
-        contender.undo();
+    std::vector<double> figures;
+    if (m_contenders.front().value) {
+        for (const Contender &contender : m_contenders)
+            figures.push_back(contender.value());
+        return figures;
     }
+    std::vector<size_t> order(m_contenders.size() - 1);
+    std::iota(order.begin(), order.end(), 1);
+    std::shuffle(order.begin(), order.end(), m_order);
+    figures.resize(m_contenders.size());
+    const double first = measure(m_contenders.front());
+    double before = first;
+    for (const size_t index : order) {
+        const double figure = measure(m_contenders[index]);
+        const double after = measure(m_contenders.front());
+        figures[index] = figure * first / ((before + after) / 2);
+        before = after;
+    }
+    figures[0] = first;
     return figures;
 }
 
-void Session::once(const std::string &name, int calls)
+void runOnce(const Workload &workload, const std::string &name, int calls)
 {
-    for (const Contender &contender : m_contenders) {
+    for (const Contender &contender : workload.open()) {
         if (contender.name != name)
             continue;
+        contender.run();
+        contender.undo();
+        const MemoryCount count;
         device_database_measured(contender.run, calls);
+        count.print();
         contender.undo();
         return;
     }

@@ -13,14 +13,14 @@ public:
     /// Throws when the results differ.
     explicit Session(const Workload &workload);
 
-    /// Measures everybody once, in a new order. The figures per item, in the order of names().
+    /// Measures everybody once, in a new order. The figures per item, in the order of names(). The first
+    /// contender runs before and after each other one, and what the machine did to it is taken out of theirs.
     std::vector<double> round();
     std::vector<std::string> names() const;
 
-    /// Runs one contender alone, warm, `calls` times in a row.
-    void once(const std::string &name, int calls);
-
 private:
+    double measure(const Contender &contender) const;
+
     std::vector<Contender> m_contenders;
     int m_calls = 1;
     std::mt19937 m_order;
@@ -28,6 +28,9 @@ private:
 
 /// Everything that counts happens inside; a profiler starts and stops here.
 extern "C" void device_database_measured(const std::function<void()> &run, int calls);
+
+/// Runs one contender alone, warm, `calls` times in a row. Says what memory it took when that is counted.
+void runOnce(const Workload &workload, const std::string &contender, int calls);
 
 /// Processor time of this process: other people's work does not count.
 double processorSeconds();
