@@ -76,32 +76,32 @@ void showProgress(double second, const Values &values, int activeAlarms)
 }
 
 /// Samples until the time is over or a signal comes; stores once a second. Time is counted in samples: on a
-/// busy machine a run takes longer, but it takes every sample.
-void watch(Monitor &monitor, Machine &machine, const Options &options)
+/// busy machine a run takes longer, but it takes every sample. Returns their number.
+int watch(Monitor &monitor, Machine &machine, const Options &options)
 {
     using Clock = std::chrono::steady_clock;
     const auto period = std::chrono::nanoseconds(std::chrono::seconds(1)) / options.rate;
     auto nextLimit = options.limits.begin();
     auto nextTime = Clock::now();
-    for (int sample = 1; !caughtSignal; ++sample) {
+    int samples = 0;
+    while (!caughtSignal && (options.seconds == 0 || samples < options.seconds * options.rate)) {
         nextTime = std::max(nextTime + period, Clock::now());
         std::this_thread::sleep_until(nextTime);
-        const double second = double(sample) / options.rate;
+        const double second = double(++samples) / options.rate;
         for (; nextLimit != options.limits.end() && nextLimit->second <= second; ++nextLimit)
             monitor.setLimit(nextLimit->series, nextLimit->limit);
 
         const Values values = machine.sample();
         monitor.add(values, QDateTime::currentDateTime());
-        if (sample % options.rate == 0) {
+        if (samples % options.rate == 0) {
             monitor.store();
             showProgress(second, values, monitor.activeAlarms());
-            if (sample / options.rate == options.seconds)
-                break;
         }
     }
     monitor.store(); // what a signal left
     if (progressInPlace())
         std::fputs("\n", stderr);
+    return samples;
 }
 
 void run(const Options &options, const Printer &printer)
@@ -118,10 +118,11 @@ void run(const Options &options, const Printer &printer)
         Monitor monitor(stores, userName());
         const QDateTime start = QDateTime::currentDateTime();
         monitor.log("Start", QString("%1 series, %2 samples a second").arg(allSeries.size()).arg(options.rate));
-        watch(monitor, machine, options);
+        const int samples = watch(monitor, machine, options);
         const QDateTime end = QDateTime::currentDateTime();
-        monitor.log("Stop", caughtSignal ? QString("by signal %1").arg(caughtSignal)
-                                         : QString("after %1 s").arg(options.seconds));
+        monitor.log("Stop", QString("%1 samples a series; %2")
+                                .arg(samples)
+                                .arg(caughtSignal ? QString("signal %1").arg(caughtSignal) : "the time is over"));
         monitor.checkStored();
         cleanUp(stores, monitor, options, printer);
         report(stores, monitor, start, end, printer);
@@ -137,10 +138,8 @@ void run(const Options &options, const Printer &printer)
 
 int main(int argc, char **argv)
 {
-    std::setlocale(LC_CTYPE, "");
+    std::setlocale(LC_CTYPE, ""); // asked before Qt, which may choose another one
     const Printer printer(QByteArray(nl_langinfo(CODESET)) == "UTF-8");
-    // The library takes file names as UTF-8; Qt must name them the same way, whatever the terminal shows.
-    qputenv("LC_ALL", "C.UTF-8");
     qInstallMessageHandler(writeMessage);
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName("device_monitor");

@@ -81,7 +81,7 @@ Options parseOptions(const QStringList &arguments)
         throw UsageError(QString("\"%1\": this program takes options only").arg(parser.positionalArguments().first()));
 
     Options options;
-    options.seconds = number(parser, "seconds", 0, 1000000);
+    options.seconds = number(parser, "seconds", 0, 10000000);
     options.rate = number(parser, "rate", 1, 100);
     options.maxSamples = number(parser, "max-samples", 1, 100000000);
     options.keepDays = number(parser, "keep-days", 1, 36500);
