@@ -458,10 +458,11 @@ TEST_F(AlarmQuery, FindDataByTimeRunsThisStatementForEachPage)
         Rows result;
         store().findDataByTime("2024/01/01 00:00:00"_q, "2024/01/31 23:59:59"_q, page.page, page.pageSize, result,
                                "AlarmData"_q);
-        EXPECT_EQ(trace.take(),
-                  QStringList{"select * from 'AlarmData' where DATETIME between '2024-01-01 00:00:00' and "
-                              "'2024-01-31 23:59:59' order by ID limit "_q +
-                              QString::fromLatin1(page.limit)})
+        EXPECT_EQ(
+            trace.take(),
+            QStringList{
+                "select * from 'AlarmData' where DATETIME between '2024-01-01 00:00:00' and '2024-01-31 23:59:59' order by ID limit "_q +
+                QString::fromLatin1(page.limit)})
             << page.page << " x " << page.pageSize;
     }
     EXPECT_EQ(log.take(), QStringList());

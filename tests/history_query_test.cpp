@@ -136,8 +136,7 @@ const RecordQuery recordQueries[] = {
      [](interface_data_base &store, const QString &table, void *list) {
          store.findDataOfTimePage("2024/01/01 00:00:00"_q, "2024/12/31 23:59:59"_q, list, table, "desc"_q, 0, 8, 7);
      },
-     "select * from T where DATETIME Between '2024-01-01 00:00:00' and  '2024-12-31 23:59:59' order by DATETIME desc "
-     "limit 0, 8;"_q,
+     "select * from T where DATETIME Between '2024-01-01 00:00:00' and  '2024-12-31 23:59:59' order by DATETIME desc limit 0, 8;"_q,
      [](const QString &error) { return QStringList{streamed("findDataOfTimePage", error)}; }},
 };
 
@@ -353,8 +352,7 @@ TEST_F(HistoryQuery, GetAllDataPageTakesEveryNumberInDecimal)
             "select * from 'T' order by DATETIME desc limit -10, -5;"_q,
             "select * from (select * from 'T' order by DATETIME desc limit -1) order by DATETIME limit -10, -5;"_q,
             "select * from 'T' order by DATETIME desc limit 2147483647, -2147483648;"_q,
-            "select * from (select * from 'T' order by DATETIME desc limit 1000000) order by DATETIME limit 2147483647, "
-            "-2147483648;"_q}));
+            "select * from (select * from 'T' order by DATETIME desc limit 1000000) order by DATETIME limit 2147483647, -2147483648;"_q}));
 }
 
 /// A page of findDataByTime() and how the statement ends.
@@ -386,9 +384,11 @@ TEST_F(HistoryQuery, FindDataByTimeRunsThisStatementForEachPage)
         Rows result;
         store().findDataByTime("2024/01/01 00:00:00"_q, "2024/01/31 23:59:59"_q, page.page, page.pageSize, result,
                                "T"_q);
-        EXPECT_EQ(trace.take(), QStringList{"select * from 'T' where DATETIME between '2024-01-01 00:00:00' and "
-                                            "'2024-01-31 23:59:59' order by ID"_q +
-                                            QString::fromLatin1(page.limit)})
+        EXPECT_EQ(
+            trace.take(),
+            QStringList{
+                "select * from 'T' where DATETIME between '2024-01-01 00:00:00' and '2024-01-31 23:59:59' order by ID"_q +
+                QString::fromLatin1(page.limit)})
             << page.page << " x " << page.pageSize;
     }
     EXPECT_EQ(log.take(), QStringList());
@@ -624,9 +624,10 @@ TEST_F(HistoryQuery, GetDataCountOfTimeQueryTakesItsTextsAsTheyAre)
     forget();
     EXPECT_EQ(store().getDataCountOfTimeQuery("2024-01-01 10:00:00"_q, "2024-01-01 12:00:00"_q, "T"_q), 3);
     EXPECT_EQ(store().getDataCountOfTimeQuery("2024/01/01"_q, "%2"_q, "T"_q), 0);
-    EXPECT_EQ(trace.take(), (QStringList{"select count(*) from 'T' where DATETIME Between '2024-01-01 10:00:00' and  "
-                                         "'2024-01-01 12:00:00'"_q,
-                                         "select count(*) from 'T' where DATETIME Between '2024/01/01' and  '%2'"_q}));
+    EXPECT_EQ(trace.take(),
+              (QStringList{
+                  "select count(*) from 'T' where DATETIME Between '2024-01-01 10:00:00' and  '2024-01-01 12:00:00'"_q,
+                  "select count(*) from 'T' where DATETIME Between '2024/01/01' and  '%2'"_q}));
     EXPECT_EQ(log.take(), QStringList());
 }
 

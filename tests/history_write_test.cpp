@@ -169,6 +169,7 @@ const Insert inserts[] = {
      "insert into T1 values(NULL,'2024','7')"_q},
     {"ALatin1Table", {"2024"_q, "7"_q}, "Wärme"_q, "insert into Wärme values(NULL,'2024','7')"_q},
     {"ATableOutsideLatin1", {"2024"_q, "7"_q}, "Ωm"_q, "insert into ?m values(NULL,'2024','7')"_q},
+    {"MarkersOfTheTableAreFilled", {"2024"_q, "7"_q}, "T%3"_q, "insert into T7 values(NULL,'2024','7')"_q},
     {"SlashesOfTheTableStay", {"2024"_q, "7"_q}, "T1/2"_q, "insert into T1/2 values(NULL,'2024','7')"_q},
 };
 
