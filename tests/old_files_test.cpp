@@ -86,7 +86,7 @@ TEST_F(OldHistory, HasItsSchema)
                      "CREATE TABLE tb_config(ID INTEGER PRIMARY KEY AUTOINCREMENT,COLLECTOR text,NAME text)"_q}));
     store().createTable("Later"_q, "config"_q); // and a table of today has the same one
     EXPECT_EQ(valueOf(path(), "select replace(sql, 'Later', 'Pressure') from sqlite_master where name = 'Later'"_q),
-              schema().at(1));
+              schema().value(1));
 }
 
 TEST_F(OldHistory, ListsItsTables)
@@ -180,7 +180,7 @@ TEST_F(OldAlarms, HaveTheirSchema)
                      sequenceTable}));
     store().createTable("Later"_q, QString());
     EXPECT_EQ(valueOf(path(), "select replace(sql, 'Later', 'AlarmData') from sqlite_master where name = 'Later'"_q),
-              schema().first());
+              schema().value(0));
 }
 
 TEST_F(OldAlarms, AreReadAsRecords)
@@ -255,7 +255,7 @@ TEST_F(OldOperatorLog, HasItsSchema)
                                      sequenceTable}));
     store().createTable("Later"_q, QString());
     EXPECT_EQ(valueOf(path(), "select replace(sql, 'Later', 'OperatorLog') from sqlite_master where name = 'Later'"_q),
-              schema().at(1));
+              schema().value(1));
 }
 
 TEST_F(OldOperatorLog, IsReadAsRecords)

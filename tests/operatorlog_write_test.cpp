@@ -150,8 +150,9 @@ TEST_F(OperatorLogInsert, QuotesInUserLogNameAndMessageAreStoredIntact)
     const QStringList row{"2024-05-06 07:08:09.123"_q, "O'Neill"_q, "'"_q, "it's ''quoted'' '"_q};
     insert({row});
     EXPECT_EQ(stored(), Rows({row}));
-    EXPECT_EQ(trace.take().at(1), "insert into OperatorLog values(NULL, '2024-05-06 07:08:09.123', 'O''Neill', '''', "
-                                  "'it''s ''''quoted'''' ''');"_q);
+    EXPECT_EQ(trace.take().value(1),
+              "insert into OperatorLog values(NULL, '2024-05-06 07:08:09.123', 'O''Neill', '''', "
+              "'it''s ''''quoted'''' ''');"_q);
 }
 
 TEST_F(OperatorLogInsert, AQuoteInTheTimeLosesThatRowAlone)

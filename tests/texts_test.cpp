@@ -14,6 +14,7 @@ namespace
 {
 
 using Store = interface_data_base;
+using Bytes = QList<QByteArray>; ///< The bytes of a row's cells.
 
 // The conversions, written down once more from their definitions.
 
@@ -82,7 +83,7 @@ struct TextStore {
     int firstTextCell;                                         ///< All cells from this one on are text.
     std::function<QStringList(const QStringList &row)> pasted; ///< What stands between quotes, one text a column.
     std::function<Rows(Store &)> records;                      ///< The texts of all records.
-    std::function<Rows(const QList<QByteArray> &columns)> expectedRecords;
+    std::function<Rows(const Bytes &columns)> expectedRecords;
 };
 
 const TextStore history{
@@ -103,7 +104,7 @@ const TextStore history{
             rows.append({sample.date, sample.time, sample.value});
         return rows;
     },
-    [](const QList<QByteArray> &columns) {
+    [](const Bytes &columns) {
         const QStringList dateTime = read(columns.at(0)).split(" "_q);
         return dateTime.size() == 2 ? Rows({dateTime + QStringList(read(columns.at(1)))}) : Rows();
     },
@@ -129,7 +130,7 @@ const TextStore alarm{
             rows.append({active.alarmObject, active.alarmType, active.currentValue, active.description});
         return rows;
     },
-    [](const QList<QByteArray> &columns) {
+    [](const Bytes &columns) {
         const bool active = columns.at(7).isEmpty() && columns.at(8).isEmpty();
         return active ? Rows({{read(columns.at(2)), read(columns.at(3)), read(columns.at(4)), read(columns.at(6))}})
                       : Rows();
@@ -151,7 +152,7 @@ const TextStore operatorLog{
         store.getCurrData("OperatorLog"_q, &entries, "asc"_q, 9);
         return textsOf(entries);
     },
-    [](const QList<QByteArray> &columns) {
+    [](const Bytes &columns) {
         const auto time = QDateTime::fromString(read(columns.at(0)), "yyyy-MM-dd hh:mm:ss.zzz"_q);
         return textsOf({{read(columns.at(1)), read(columns.at(2)), read(columns.at(3)), time}});
     },
@@ -258,13 +259,13 @@ protected:
         log.take();
     }
     /// The cells of all rows, as the bytes that stand in the file.
-    QList<QList<QByteArray>> bytesInFile(const TextStore &kind)
+    QList<Bytes> bytesInFile(const TextStore &kind)
     {
-        QList<QList<QByteArray>> rows;
+        QList<Bytes> rows;
         const QString sql =
             "select hex("_q + kind.columns.join("), hex("_q) + ") from "_q + QString::fromLatin1(kind.table);
         for (const QStringList &row : rowsOf(path(), sql)) {
-            rows.append(QList<QByteArray>());
+            rows.append(Bytes());
             for (const QString &cell : row)
                 rows.last().append(QByteArray::fromHex(cell.toLatin1()));
         }
@@ -297,7 +298,7 @@ TEST_P(Texts, StandInTheFileAndComeBackAsTheirStoreConvertsThem)
         QStringList row = kind.row;
         row[cell] = std::get<1>(GetParam()).text;
 
-        QList<QByteArray> stored;
+        Bytes stored;
         bool lost = false;
         for (const QString &pasted : kind.pasted(row)) {
             const std::optional<QByteArray> bytes = literal(pasted);
@@ -310,8 +311,7 @@ TEST_P(Texts, StandInTheFileAndComeBackAsTheirStoreConvertsThem)
 
         insert(kind, row);
 
-        EXPECT_EQ(bytesInFile(kind), lost ? QList<QList<QByteArray>>() : QList<QList<QByteArray>>({stored}))
-            << "cell " << cell;
+        EXPECT_EQ(bytesInFile(kind), lost ? QList<Bytes>() : QList<Bytes>({stored})) << "cell " << cell;
         Rows answers;
         store().selectOldDataOfRows(QString::fromLatin1(kind.table), 9, answers);
         for (QStringList &columns : answers)
@@ -330,8 +330,8 @@ TEST_F(TextsTest, HistoryKeepsLatin1AndTurnsAllElseIntoQuestionMarks)
 {
     openWithTable(history);
     insert(history, {"2024-05-06 07:08:09"_q, "Größe 温度 😀 €"_q});
-    EXPECT_EQ(bytesInFile(history).first().at(1), "Gr\xC3\xB6\xC3\x9F"
-                                                  "e ?? ?? ?");
+    EXPECT_EQ(bytesInFile(history).value(0).value(1), "Gr\xC3\xB6\xC3\x9F"
+                                                      "e ?? ?? ?");
     EXPECT_EQ(history.records(store()), Rows({{"2024-05-06"_q, "07:08:09"_q, "Größe ?? ?? ?"_q}}));
 }
 
@@ -342,11 +342,11 @@ TEST_F(TextsTest, AnAlarmsDescriptionIsEncodedOnceMoreAndItsOtherCellsAreNot)
     row[3] = "Größe 温 😀"_q;
     row[7] = "Größe's"_q;
     insert(alarm, row);
-    const QList<QByteArray> cells = bytesInFile(alarm).first();
-    EXPECT_EQ(cells.at(2), "Gr\xC3\xB6\xC3\x9F"
-                           "e \xE6\xB8\xA9 \xF0\x9F\x98\x80");
-    EXPECT_EQ(cells.at(6), "Gr\xC3\x83\xC2\xB6\xC3\x83\xC2\x9F"
-                           "e's");
+    const Bytes cells = bytesInFile(alarm).value(0);
+    EXPECT_EQ(cells.value(2), "Gr\xC3\xB6\xC3\x9F"
+                              "e \xE6\xB8\xA9 \xF0\x9F\x98\x80");
+    EXPECT_EQ(cells.value(6), "Gr\xC3\x83\xC2\xB6\xC3\x83\xC2\x9F"
+                              "e's");
     EXPECT_EQ(alarm.records(store()), Rows({{"Größe 温 😀"_q, "High"_q, "87.5"_q, "GrÃ¶Ã\u009Fe's"_q}}));
 }
 
@@ -355,10 +355,10 @@ TEST_F(TextsTest, TheOperatorLogKeepsEveryText)
     openWithTable(operatorLog);
     const QStringList row{"2024-05-06 07:08:09.123"_q, "Jürgen O'Neill"_q, "温度"_q, "it's 😀\n\t\"%1\""_q};
     insert(operatorLog, row);
-    const QList<QByteArray> cells = bytesInFile(operatorLog).first();
-    EXPECT_EQ(cells.at(1), "J\xC3\xBCrgen O'Neill");
-    EXPECT_EQ(cells.at(2), "\xE6\xB8\xA9\xE5\xBA\xA6");
-    EXPECT_EQ(cells.at(3), "it's \xF0\x9F\x98\x80\n\t\"%1\"");
+    const Bytes cells = bytesInFile(operatorLog).value(0);
+    EXPECT_EQ(cells.value(1), "J\xC3\xBCrgen O'Neill");
+    EXPECT_EQ(cells.value(2), "\xE6\xB8\xA9\xE5\xBA\xA6");
+    EXPECT_EQ(cells.value(3), "it's \xF0\x9F\x98\x80\n\t\"%1\"");
     EXPECT_EQ(operatorLog.records(store()), Rows({row}));
 }
 
@@ -367,7 +367,7 @@ TEST_F(TextsTest, ANulEndsAConvertedTextAndLosesTheRowOfAnyOther)
     const QString text = codeUnits({'a', 0, 'b'});
     openWithTable(history);
     insert(history, {"2024-05-06 07:08:09"_q, text});
-    EXPECT_EQ(bytesInFile(history).first().at(1), "a");
+    EXPECT_EQ(bytesInFile(history).value(0).value(1), "a");
 
     closeStore();
     openWithTable(alarm);
@@ -376,8 +376,8 @@ TEST_F(TextsTest, ANulEndsAConvertedTextAndLosesTheRowOfAnyOther)
     insert(alarm, row);
     row[3] = text;
     insert(alarm, row);
-    ASSERT_EQ(bytesInFile(alarm).size(), 1);
-    EXPECT_EQ(bytesInFile(alarm).first().at(6), "a");
+    EXPECT_EQ(bytesInFile(alarm).size(), 1);
+    EXPECT_EQ(bytesInFile(alarm).value(0).value(6), "a");
 
     closeStore();
     openWithTable(operatorLog);
@@ -389,24 +389,24 @@ TEST_F(TextsTest, AByteOrderMarkStandsInTheFileButIsNotReadBack)
 {
     openWithTable(operatorLog);
     insert(operatorLog, {"2024-05-06 07:08:09.123"_q, codeUnits({0xFEFF, 'a'}), "log"_q, "message"_q});
-    EXPECT_EQ(bytesInFile(operatorLog).first().at(1), "\xEF\xBB\xBF"
-                                                      "a");
-    EXPECT_EQ(operatorLog.records(store()).first().at(1), "a"_q);
+    EXPECT_EQ(bytesInFile(operatorLog).value(0).value(1), "\xEF\xBB\xBF"
+                                                          "a");
+    EXPECT_EQ(operatorLog.records(store()).value(0).value(1), "a"_q);
 }
 
 TEST_F(TextsTest, AnUnescapedCellIsSql)
 {
     openWithTable(history);
     insert(history, {"2024-05-06 07:08:09"_q, "1' || '2"_q});
-    EXPECT_EQ(bytesInFile(history).first().at(1), "12");
+    EXPECT_EQ(bytesInFile(history).value(0).value(1), "12");
 
     closeStore();
     openWithTable(alarm);
     QStringList row = alarm.row;
     row[3] = row[7] = "1' || '2"_q;
     insert(alarm, row);
-    EXPECT_EQ(bytesInFile(alarm).first().at(2), "12");
-    EXPECT_EQ(bytesInFile(alarm).first().at(6), "1' || '2");
+    EXPECT_EQ(bytesInFile(alarm).value(0).value(2), "12");
+    EXPECT_EQ(bytesInFile(alarm).value(0).value(6), "1' || '2");
 }
 
 TEST_F(TextsTest, AStatementOfTheHostsIsNotConverted)
