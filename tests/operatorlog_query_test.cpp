@@ -251,6 +251,20 @@ const StatementCase statementCases[] = {
          .arg(3)
          .arg(1)
          .arg(2)},
+    {"user_page_marker_in_table",
+     [](Store &store, void *list) { store.findDataOfUserNamePage("OperatorLog"_q, list, "%2"_q, "desc"_q, 1, 2, 3); },
+     "select * from %1 where userName = '%2' order by DATETIME desc limit %3, %4;"_q.arg("%2"_q)
+         .arg("OperatorLog"_q)
+         .arg(1)
+         .arg(2)},
+    {"user_page_marker_in_table_oldest_first",
+     [](Store &store, void *list) { store.findDataOfUserNamePage("OperatorLog"_q, list, "%2"_q, "asc"_q, 1, 2, 3); },
+     "select * from (select * from %1 where userName = '%2' order by DATETIME desc limit %3) order by DATETIME limit %4, %5;"_q
+         .arg("%2"_q)
+         .arg("OperatorLog"_q)
+         .arg(3)
+         .arg(1)
+         .arg(2)},
     {"count_markers", [](Store &store, void *) { store.getDataCountOfUserQuery("OperatorLog"_q, "%2"_q); },
      "select count(*) from '%1' where userName = '%2'"_q.arg("%2"_q).arg("OperatorLog"_q)},
     {"count_marker_in_user_stays",
@@ -278,13 +292,29 @@ const StatementCase statementCases[] = {
          .arg("%4 %5 %6.999"_q)
          .arg(1)
          .arg(2)},
+    {"time_page_marker_in_table",
+     [](Store &store, void *list) { store.findDataOfTimePage("x"_q, "y"_q, list, "[%2]"_q, "desc"_q, 1, 2, 3); },
+     "select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME desc limit %4, %5;"_q.arg("[%2]"_q)
+         .arg("x.000"_q)
+         .arg("y.999"_q)
+         .arg(1)
+         .arg(2)},
+    {"time_page_marker_in_table_oldest_first",
+     [](Store &store, void *list) { store.findDataOfTimePage("x"_q, "y"_q, list, "[%2]"_q, "asc"_q, 1, 2, 3); },
+     "select * from (select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME desc limit %4) order by DATETIME limit %5, %6;"_q
+         .arg("[%2]"_q)
+         .arg("x.000"_q)
+         .arg("y.999"_q)
+         .arg(3)
+         .arg(1)
+         .arg(2)},
     {"time_page_markers_oldest_first",
      [](Store &store, void *list) {
-         store.findDataOfTimePage("%5"_q, "%4 %6 %L6"_q, list, "OperatorLog"_q, "DESC"_q, 1, 2, 3);
+         store.findDataOfTimePage("%3 %5"_q, "%4 %6 %L6"_q, list, "OperatorLog"_q, "DESC"_q, 1, 2, 3);
      },
      "select * from (select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME desc limit %4) order by DATETIME limit %5, %6;"_q
          .arg("OperatorLog"_q)
-         .arg("%5.000"_q)
+         .arg("%3 %5.000"_q)
          .arg("%4 %6 %L6.999"_q)
          .arg(3)
          .arg(1)
