@@ -131,9 +131,11 @@ TEST_P(ClosedStore, AfterAFailedOpeningEveryOperationFailsAtItsStatement)
 TEST_P(ClosedStore, AFailedOpeningIsClosedLikeAnOpenFile)
 {
     const library::StorePtr store = library::store(key());
+    const sqlite3_int64 before = sqlite3_memory_used();
     EXPECT_EQ(store->openDB(path("no folder/store.db")), SQLITE_CANTOPEN);
-    EXPECT_GT(sqlite3_memory_used(), 0);
+    EXPECT_GT(sqlite3_memory_used(), before);
     EXPECT_EQ(store->closeDB(), 0);
+    EXPECT_EQ(sqlite3_memory_used(), before);
     expectSilentRefusals(*store);
 }
 

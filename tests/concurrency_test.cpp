@@ -107,6 +107,51 @@ TEST_P(Concurrency, WhileAStatementRunsEveryOtherOperationOfTheStoreWaits)
     }
 }
 
+// The lock comes before the look at the arguments, but for a batch of no alarms.
+TEST_P(Concurrency, WhileAStatementRunsAlsoCallsThatRunNothingWait)
+{
+    prepareFile(path(), GetParam());
+    Store &store = open();
+    const struct {
+        int kinds;
+        bool waits;
+        void (*call)(Store &);
+    } rows[] = {
+        {EveryKind, true,
+         [](Store &s) {
+             QList<QStringList> result;
+             s.selectDataOfDateRows(""_q, ""_q, 0, 1, result, true);
+         }},
+        {History | Alarm, true,
+         [](Store &s) {
+             QList<QStringList> result;
+             EXPECT_TRUE(s.execSQL({"select 1"_q}, result, 7));
+         }},
+        {History | Alarm, true,
+         [](Store &s) {
+             QList<QStringList> result;
+             EXPECT_FALSE(s.execSQL({}, result, 0));
+         }},
+        {Alarm, false,
+         [](Store &s) {
+             QList<QStringList> none;
+             s.insertManyDatas(none, ""_q);
+         }},
+    };
+    for (const auto &row : rows) {
+        if (!(row.kinds & GetParam()))
+            continue;
+        SCOPED_TRACE(&row - rows);
+        std::unique_ptr<OtherThread> other;
+        during([&] { EXPECT_TRUE(store.tableIsExist("AlarmData"_q)); },
+               [&] {
+                   other = std::make_unique<OtherThread>([&] { row.call(store); });
+                   EXPECT_EQ(other->endsWithin(row.waits ? shortTime : longTime), !row.waits);
+               });
+        EXPECT_TRUE(other->endsWithin(longTime));
+    }
+}
+
 TEST_P(Concurrency, WhileAStatementRunsClosingWaits)
 {
     prepareFile(path(), GetParam());
