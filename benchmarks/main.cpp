@@ -77,12 +77,9 @@ void measure(benchmark::State &state, const Workload &workload, std::unique_ptr<
             figures = session->round();
             state.SetIterationTime(processorSeconds() - start);
         }
-        // Counters are kept sorted by name; the contenders have their own order.
-        char place = 'a';
-        for (const std::string &name : session->names()) {
-            state.counters[std::string{place, ' '} + name] = figures[size_t(place - 'a')];
-            ++place;
-        }
+        const std::vector<std::string> names = session->names();
+        for (size_t place = 0; place < names.size(); ++place)
+            state.counters[contenderCounter(place, names[place])] = figures[place];
     } catch (const std::exception &error) {
         state.SkipWithError(error.what());
     }
@@ -138,7 +135,7 @@ int main(int argc, char **argv)
     qputenv("SQLITE_TMPDIR", folder.path().toLocal8Bit()); // where large sorts go
     Sizes sizes =
         parser.isSet("short") ? Sizes{100, 100, 1000, 2000, 1, {}} : Sizes{10000, 10000, 100000, 1000000, 15, {}};
-    sizes.options = {"--seed", parser.value("seed")};
+    sizes.options = QStringList{"--seed", parser.value("seed")};
     if (parser.isSet("short"))
         sizes.options.append("--short");
     if (parser.isSet("rounds"))
@@ -164,9 +161,8 @@ int main(int argc, char **argv)
 
     std::vector<std::unique_ptr<Session>> sessions(workloads.size());
     std::vector<int> roundsLeft;
-    for (size_t index = 0; index < workloads.size(); ++index) {
-        roundsLeft.push_back(workloads[index].rounds);
-    }
+    for (const Workload &workload : workloads)
+        roundsLeft.push_back(workload.rounds);
     for (size_t index = 0; index < workloads.size(); ++index) {
         if (workloads[index].rounds == 0)
             continue;

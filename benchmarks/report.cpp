@@ -21,17 +21,65 @@ double quantile(const std::vector<double> &sorted, double part)
     return sorted[below] + (position - double(below)) * (sorted[above] - sorted[below]);
 }
 
-/// Of `top / bottom`, round by round.
+Spread spread(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return {quantile(values, 0.25), quantile(values, 0.5), quantile(values, 0.75)};
+}
+
+/// Of the ratios within each round.
 Spread spread(const std::vector<double> &top, const std::vector<double> &bottom)
 {
     std::vector<double> ratios;
     for (size_t round = 0; round < top.size(); ++round)
         ratios.push_back(top[round] / bottom[round]);
-    std::sort(ratios.begin(), ratios.end());
-    return {quantile(ratios, 0.25), quantile(ratios, 0.5), quantile(ratios, 0.75)};
+    return spread(ratios);
+}
+
+QString ratioColumn(const Spread &ratio, const Limit *limit)
+{
+    QString text =
+        QStringLiteral("  %1 %2..%3").arg(ratio.median, 5, 'f', 3).arg(ratio.low, 5, 'f', 3).arg(ratio.high, 5, 'f', 3);
+    if (limit) {
+        text += QStringLiteral(" %1%2 %3")
+                    .arg(QLatin1String(limit->sense == Limit::AtMost ? "<=" : ">="))
+                    .arg(limit->value(), -4)
+                    .arg(QLatin1String(limit->kept(ratio.median) ? "yes" : "NO"));
+    }
+    return text.leftJustified(31);
+}
+
+QJsonObject ratioObject(const std::string &base, const Spread &ratio, const Limit *limit)
+{
+    QJsonObject object{
+        {"base", QString::fromStdString(base)}, {"median", ratio.median}, {"low", ratio.low}, {"high", ratio.high}};
+    if (limit) {
+        object.insert(limit->sense == Limit::AtMost ? "atMost" : "atLeast", limit->value());
+        object.insert("kept", limit->kept(ratio.median));
+    }
+    return object;
+}
+
+void print(QString line)
+{
+    while (line.endsWith(QLatin1Char(' ')))
+        line.chop(1);
+    std::printf("%s\n", qPrintable(line));
+    std::fflush(stdout);
 }
 
 } // namespace
+
+// Google Benchmark keeps counters sorted by name.
+std::string contenderCounter(size_t place, const std::string &contender)
+{
+    return std::string{char('a' + place), ' '} + contender;
+}
+
+static std::string counterContender(const std::string &counter)
+{
+    return counter.substr(2);
+}
 
 Report::Report(const std::vector<Workload> &workloads, QJsonObject environment)
     : m_workloads(workloads), m_environment(std::move(environment))
@@ -53,68 +101,45 @@ void Report::ReportRuns(const std::vector<Run> &runs)
     const std::string &name = runs.front().run_name.function_name;
     const Workload &workload =
         *std::find_if(m_workloads.begin(), m_workloads.end(), [&](const Workload &each) { return each.name == name; });
-    std::printf("\n%-28s%9s", name.c_str(), workload.unit);
+    QString heading = QStringLiteral("\n%1%2").arg(QString::fromStdString(name), -28).arg(workload.unit, 9);
     for (const std::string &base : workload.bases)
-        std::printf("  %-29s", ("of " + base).c_str());
-    std::printf("\n");
+        heading += QStringLiteral("  of %1").arg(QString::fromStdString(base), -26);
+    print(heading);
 
-    // In the order in which the contenders were named: it stands in front of each counter's name.
     std::map<std::string, std::vector<double>> figures;
     for (const Run &run : runs) {
         if (run.error_occurred) {
-            std::printf("  FAILED: %s\n", run.error_message.c_str());
+            print(QStringLiteral("  FAILED: ") + QString::fromStdString(run.error_message));
             m_failed = true;
         }
-        for (const auto &counter : run.counters)
-            figures[counter.first].push_back(counter.second.value);
+        for (const auto &[contender, counter] : run.counters)
+            figures[contender].push_back(counter.value);
     }
-    const auto figuresOf = [&](const std::string &contender) {
-        return std::find_if(figures.begin(), figures.end(),
-                            [&](const auto &each) { return each.first.substr(2) == contender; });
-    };
-    for (const auto &each : figures) {
-        const std::string contender = each.first.substr(2);
-        const std::vector<double> ones(each.second.size(), 1.0);
-        const double figure = spread(each.second, ones).median;
-        QJsonObject result{{"workload", QString::fromStdString(name)},
-                           {"contender", QString::fromStdString(contender)},
-                           {"unit", workload.unit},
-                           {"rounds", int(each.second.size())},
-                           {"median", figure}};
+    for (const auto &[counter, figure] : figures) {
+        const std::string contender = counterContender(counter);
+        const double median = spread(figure).median;
+        QString line = QStringLiteral("  %1%2").arg(QString::fromStdString(contender), -26).arg(median, 9, 'f', 3);
         QJsonArray ratios;
-        std::printf("  %-26s%9.3f", contender.c_str(), figure);
         for (const std::string &base : workload.bases) {
-            const auto bottom = figuresOf(base);
+            const auto bottom = std::find_if(figures.begin(), figures.end(),
+                                             [&](const auto &each) { return counterContender(each.first) == base; });
             if (bottom == figures.end() || contender == base) {
-                std::printf("  %-29s", bottom == figures.end() ? "-" : "1");
+                line += QString(31, QLatin1Char(' '));
                 continue;
             }
-            const Spread ratio = spread(each.second, bottom->second);
-            const Limit *limit = findLimit(name, contender, base, spread(bottom->second, ones).median);
-            char text[64];
-            std::snprintf(text, sizeof text, "%5.3f %5.3f..%5.3f", ratio.median, ratio.low, ratio.high);
-            std::printf("  %-18s", text);
-            if (limit)
-                std::printf(" %s%-5.4g%s", limit->sense == Limit::AtMost ? "<=" : ">=", limit->value(),
-                            limit->kept(ratio.median) ? "yes" : "NO ");
-            else
-                std::printf("%11s", "");
-            QJsonObject entry{{"base", QString::fromStdString(base)},
-                              {"median", ratio.median},
-                              {"low", ratio.low},
-                              {"high", ratio.high}};
-            if (limit) {
-                entry.insert("limit", limit->value());
-                entry.insert("sense", limit->sense == Limit::AtMost ? "at most" : "at least");
-                entry.insert("kept", limit->kept(ratio.median));
-            }
-            ratios.append(entry);
+            const Spread ratio = spread(figure, bottom->second);
+            const Limit *limit = findLimit(name, contender, base, spread(bottom->second).median);
+            line += ratioColumn(ratio, limit);
+            ratios.append(ratioObject(base, ratio, limit));
         }
-        std::printf("\n");
-        result.insert("ratios", ratios);
-        m_results.append(result);
+        print(line);
+        m_results.append(QJsonObject{{"workload", QString::fromStdString(name)},
+                                     {"contender", QString::fromStdString(contender)},
+                                     {"unit", workload.unit},
+                                     {"rounds", int(figure.size())},
+                                     {"median", median},
+                                     {"ratios", ratios}});
     }
-    std::fflush(stdout);
 }
 
 QJsonObject Report::json() const

@@ -8,6 +8,9 @@
 
 #include <benchmark/benchmark.h>
 
+/// The counter in which a benchmark gives the figure of its contender at this place.
+std::string contenderCounter(size_t place, const std::string &contender);
+
 /// Prints a table of ratios for each workload and keeps them as JSON. A ratio is made within one round; the
 /// report is about the median over the rounds and its quartiles.
 class Report : public benchmark::BenchmarkReporter
