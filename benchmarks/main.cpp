@@ -14,8 +14,10 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 namespace
@@ -43,6 +45,13 @@ QString processor()
     return QStringLiteral("unknown");
 }
 
+QString loadAverage()
+{
+    double load = 0;
+    getloadavg(&load, 1);
+    return QStringLiteral("%1 on %2 processors").arg(load, 0, 'f', 1).arg(sysconf(_SC_NPROCESSORS_ONLN));
+}
+
 QJsonObject environment(const QString &zone, const QString &folder, const QString &seed)
 {
     QString libraries;
@@ -54,7 +63,8 @@ QJsonObject environment(const QString &zone, const QString &folder, const QStrin
         {"build", BENCHMARK_BUILD},
         {"clock", "processor time of the process"},
         {"compiler", BENCHMARK_COMPILER},
-        {"files", folder},
+        {"files", QFileInfo(folder).path()},
+        {"load", loadAverage()},
         {"peers", libraries},
         {"processor", processor()},
         {"qt", QString::fromLatin1(qVersion())},
