@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: MIT
+#include "device/result.h"
+
+namespace device
+{
+
+QString Error::advice() const
+{
+    switch (m_code) {
+    case Failed:
+        break;
+    case LibraryError:
+        return QStringLiteral("Install the library for this Qt, or name its file.");
+    case FileError:
+        return QStringLiteral("Check the path, its folder and its rights; put a backup in place of a damaged file.");
+    case TableMissing:
+        return QStringLiteral("Create the table first.");
+    case TableLayout:
+        return QStringLiteral("Open the table with the store of its kind, or take another name.");
+    case NameRefused:
+        return QStringLiteral("Take up to 64 letters, digits and \"_\", no digit in front and no word of SQL.");
+    case TextRefused:
+        return QStringLiteral("Remove what cannot be kept, or encode the text, for example as base64.");
+    case TimeRefused:
+        return QStringLiteral("Give a valid time of the years 1 to 9999.");
+    case Locked:
+        return QStringLiteral("Try again; close or shorten what else reads or writes the file, or open it as Durable.");
+    case StorageFailed:
+        return QStringLiteral("Free space or check the medium, then try again.");
+    case QueueFull:
+        return QStringLiteral("Record less often, enlarge the queue, or choose to drop the oldest.");
+    case Cancelled:
+        return QStringLiteral("The host stopped this itself; call again to go on.");
+    }
+    return QStringLiteral("See the cause.");
+}
+
+QString Error::text() const
+{
+    QString line = m_operation;
+    if (!m_table.isEmpty())
+        line += QLatin1Char(' ') + m_table;
+    return line + QLatin1String(": ") + m_cause + QLatin1String(". ") + advice();
+}
+
+} // namespace device

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "plain_connection.h"
+#include "qt_printers.h"
+
+#include "device/store.h"
+
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+inline QString operator""_q(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, int(size));
+}
+
+inline device::TableName table(const QString &name)
+{
+    return device::TableName::from(name).value();
+}
+
+inline QDateTime at(const QString &text)
+{
+    return QDateTime::fromString(text, text.size() == 23 ? "yyyy-MM-dd hh:mm:ss.zzz"_q : "yyyy-MM-dd hh:mm:ss"_q);
+}
+
+namespace device
+{
+
+inline void PrintTo(const Error &error, std::ostream *stream)
+{
+    *stream << error.text().toStdString();
+}
+
+} // namespace device
+
+/// The value of a result that must be there.
+template<typename T>
+T require(device::Result<T> result)
+{
+    if (!result)
+        throw std::runtime_error(result.error().text().toStdString());
+    return std::move(result).value();
+}
+
+inline void require(const device::Status &status)
+{
+    if (!status)
+        throw std::runtime_error(status.error().text().toStdString());
+}
+
+template<typename T>
+device::Error::Code codeOf(const device::Result<T> &result)
+{
+    if (result)
+        throw std::runtime_error("it succeeded");
+    return result.error().code();
+}
+
+/// A temporary folder and the library under test.
+class HostTest : public ::testing::Test
+{
+protected:
+    QString path(const char *name = "store.db") const { return m_folder.filePath(QString::fromLatin1(name)); }
+    static const device::Library &library()
+    {
+        static const device::Library loaded =
+            require(device::Library::load(QString::fromLocal8Bit(DEVICE_DATABASE_LIBRARY)));
+        return loaded;
+    }
+
+private:
+    QTemporaryDir m_folder;
+};
