@@ -354,6 +354,13 @@ Status Connection::eachAlone(const Site &site, const QVector<Write> &writes, Wri
     return {};
 }
 
+Result<qint64> Connection::usedBytes()
+{
+    return number({QStringLiteral("measure"), QString()},
+                  QStringLiteral("select (page_count-freelist_count)*page_size from pragma_page_count,"
+                                 "pragma_freelist_count,pragma_page_size"));
+}
+
 void Connection::checkpoint()
 {
     const MessageCapture capture;

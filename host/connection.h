@@ -65,6 +65,7 @@ public:
     /// Outside a transaction: VACUUM and the like, tried until the deadline.
     Status alone(const Site &site, const QString &sql);
     void checkpoint();
+    Result<qint64> usedBytes();
 
 private:
     class Patience;

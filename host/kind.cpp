@@ -68,12 +68,11 @@ const char *unstorable(const QString &text)
                                           : "it holds half of a surrogate pair, which is no character";
 }
 
-bool appendTime(QString &to, const QDateTime &time, bool withMilliseconds)
+bool appendTime(QString &to, LocalTime time, bool withMilliseconds)
 {
-    const QDateTime local = time.toLocalTime();
-    const QDate date = local.date();
-    const QTime clock = local.time();
-    if (!local.isValid() || date.year() < 1 || date.year() > 9999)
+    const QDate date = time.date();
+    const QTime clock = time.time();
+    if (!time.isValid() || date.year() < 1 || date.year() > 9999)
         return false;
     appendDigits(to, date.year(), 4);
     to += QLatin1Char('-');
@@ -93,13 +92,13 @@ bool appendTime(QString &to, const QDateTime &time, bool withMilliseconds)
     return true;
 }
 
-QDateTime parseTime(const QString &text, bool withMilliseconds)
+LocalTime parseTime(const QString &text, bool withMilliseconds)
 {
     if (text.size() != (withMilliseconds ? 23 : 19) || text.at(10) != QLatin1Char(' '))
-        return QDateTime();
+        return LocalTime();
     const QDate date = parseDate(text.constData());
     const QTime clock = parseClock(text.constData() + 11, withMilliseconds);
-    return date.isValid() && clock.isValid() ? QDateTime(date, clock) : QDateTime();
+    return LocalTime(date, clock);
 }
 
 void RowText::number(int value)
@@ -107,17 +106,16 @@ void RowText::number(int value)
     m_sql += QLatin1String(",'") + QString::number(value) + QLatin1Char('\'');
 }
 
-void RowText::time(const QDateTime &time, bool withMilliseconds)
+void RowText::time(LocalTime time, bool withMilliseconds)
 {
     m_sql += QLatin1String(",'");
     if (!appendTime(m_sql, time, withMilliseconds))
-        refuse(Error::TimeRefused,
-               QStringLiteral("the time %1 cannot be held")
-                   .arg(time.isValid() ? time.toString(Qt::ISODateWithMs) : QStringLiteral("is invalid and")));
+        refuse(Error::TimeRefused, time.isValid() ? QStringLiteral("the year %1 cannot be held").arg(time.date().year())
+                                                  : QStringLiteral("the time is invalid"));
     m_sql += QLatin1Char('\'');
 }
 
-void RowText::dateAndClock(const std::optional<QDateTime> &time)
+void RowText::dateAndClock(const std::optional<LocalTime> &time)
 {
     if (!time) {
         m_sql += QLatin1String(",'',''");
@@ -180,7 +178,7 @@ Sample Kind<Sample>::decode(const QStringList &row)
 
 QVector<QVariant> Kind<Sample>::cells(const Sample &sample)
 {
-    return {sample.time, sample.value};
+    return {sample.time.toDateTime(), sample.value};
 }
 
 QString Kind<Sample>::condition(const Filter<Sample> &filter)
@@ -232,7 +230,7 @@ Alarm Kind<Alarm>::decode(const QStringList &row)
 QVector<QVariant> Kind<Alarm>::cells(const Alarm &alarm)
 {
     return {alarm.level,
-            alarm.start,
+            alarm.start.toDateTime(),
             alarm.object,
             alarm.type,
             alarm.value,
@@ -279,7 +277,7 @@ LogEntry Kind<LogEntry>::decode(const QStringList &row)
 
 QVector<QVariant> Kind<LogEntry>::cells(const LogEntry &entry)
 {
-    return {entry.time, entry.user, entry.name, entry.message};
+    return {entry.time.toDateTime(), entry.user, entry.name, entry.message};
 }
 
 QString Kind<LogEntry>::condition(const Filter<LogEntry> &filter)
@@ -288,7 +286,7 @@ QString Kind<LogEntry>::condition(const Filter<LogEntry> &filter)
 }
 
 Result<QString> endingStatement(const QString &operation, const QString &table, const QString &object,
-                                const QString &type, const QDateTime &when)
+                                const QString &type, LocalTime when)
 {
     QString time;
     if (!appendTime(time, when, false))

@@ -19,8 +19,8 @@ QString quoted(const QString &text);
 const char *unstorable(const QString &text);
 
 /// Writes a time as the tables hold it. `withMilliseconds`: the log's form. False for a time they cannot hold.
-bool appendTime(QString &to, const QDateTime &time, bool withMilliseconds);
-QDateTime parseTime(const QString &text, bool withMilliseconds);
+bool appendTime(QString &to, LocalTime time, bool withMilliseconds);
+LocalTime parseTime(const QString &text, bool withMilliseconds);
 
 /// Builds "(NULL,'...','...')" for one record and remembers the first cell that cannot be held.
 class RowText
@@ -29,9 +29,9 @@ public:
     RowText() : m_sql(QStringLiteral("(NULL")) {}
 
     void number(int value);
-    void time(const QDateTime &time, bool withMilliseconds);
+    void time(LocalTime time, bool withMilliseconds);
     /// Two cells, the date and the clock; both empty without a time.
-    void dateAndClock(const std::optional<QDateTime> &time);
+    void dateAndClock(const std::optional<LocalTime> &time);
     void text(const char *column, const QString &text);
 
     /// The whole text, or the Error for the operation and table.
@@ -89,7 +89,7 @@ struct Kind<LogEntry> {
 
 /// The UPDATE that ends the active alarms of an object and type.
 Result<QString> endingStatement(const QString &operation, const QString &table, const QString &object,
-                                const QString &type, const QDateTime &when);
+                                const QString &type, LocalTime when);
 
 } // namespace device
 

@@ -42,11 +42,11 @@ template<typename Record>
 Result<QString> conditions(const Site &site, const Query<Record> &query)
 {
     QStringList wanted;
-    for (const auto &[time, comparison] : {std::pair(query.from, ">="), std::pair(query.to, "<=")}) {
-        if (time.isNull())
+    for (const auto &[time, comparison] : {std::make_pair(query.from, ">="), std::make_pair(query.to, "<=")}) {
+        if (!time)
             continue;
         QString text;
-        if (!appendTime(text, time, Kind<Record>::milliseconds))
+        if (!appendTime(text, *time, Kind<Record>::milliseconds))
             return site.error(Error::TimeRefused, QStringLiteral("a bound of the range is no time of the tables"));
         wanted << QLatin1String("DATETIME") + QLatin1String(comparison) + quoted(text);
     }
@@ -143,9 +143,7 @@ qint64 StoreFile::failedCommits() const
 
 Result<qint64> StoreFile::usedBytes()
 {
-    return m_connection->number({QStringLiteral("measure"), QString()},
-                                QStringLiteral("select (page_count-freelist_count)*page_size from pragma_page_count,"
-                                               "pragma_freelist_count,pragma_page_size"));
+    return m_connection->usedBytes();
 }
 
 template<typename Record>
@@ -270,7 +268,7 @@ Result<Snapshot> Store<Record>::snapshot(const TableName &table, const Query<Rec
 }
 
 template<typename Record>
-Result<qint64> Store<Record>::removeBefore(const TableName &table, const QDateTime &time)
+Result<qint64> Store<Record>::removeBefore(const TableName &table, LocalTime time)
 {
     const Site site = at("remove from", table);
     QString text;
@@ -314,8 +312,7 @@ Result<AlarmStore> AlarmStore::open(const Library &library, const QString &path,
     return AlarmStore(*connection);
 }
 
-Result<qint64> AlarmStore::end(const TableName &table, const QString &object, const QString &type,
-                               const QDateTime &when)
+Result<qint64> AlarmStore::end(const TableName &table, const QString &object, const QString &type, LocalTime when)
 {
     const Site site = at("end", table);
     const auto statement = endingStatement(site.operation, table.text(), object, type, when);
@@ -324,7 +321,7 @@ Result<qint64> AlarmStore::end(const TableName &table, const QString &object, co
     return m_connection->change(site, {*statement});
 }
 
-Result<qint64> AlarmStore::purge(const TableName &table, const QDateTime &time)
+Result<qint64> AlarmStore::purge(const TableName &table, LocalTime time)
 {
     const Site site = at("purge", table);
     QString text;

@@ -4,6 +4,8 @@
 
 #include "records.h"
 
+#include <optional>
+
 namespace device
 {
 
@@ -32,15 +34,15 @@ struct Filter<LogEntry> {
 ///     Query<Sample>().between(yesterday, now).oldestFirst().page(0, 100)
 template<typename Record>
 struct Query {
-    QDateTime from; ///< Both ends belong to the range; an invalid time leaves that end open.
-    QDateTime to;
+    std::optional<LocalTime> from; ///< Both ends belong to the range; without one it is open at that end.
+    std::optional<LocalTime> to;
     bool newestAtTop = true; ///< Equal times: in the order of recording, reversed when newest first.
     qint64 offset = 0;       ///< Records left out in front.
     qint64 limit = -1;       ///< Records at most; negative: all.
     qint64 throughId = -1;   ///< Only what was recorded up to a Snapshot; negative: all.
     Filter<Record> filter;
 
-    Query &between(const QDateTime &first, const QDateTime &last)
+    Query &between(LocalTime first, LocalTime last)
     {
         from = first;
         to = last;

@@ -6,18 +6,60 @@
 #include <QMetaType>
 #include <QString>
 
+#include <limits>
 #include <optional>
 
 namespace device
 {
 
-// Times are kept as local time: to the second in samples and alarms (fractions are cut off), to the
-// millisecond in the log. A time that a file holds in another form is read as an invalid one; the record
-// still comes.
+/// A time as the tables hold it: calendar and clock of the device, without a zone. To the second in samples and
+/// alarms (fractions are cut off when they are stored), to the millisecond in the log. A text of a file that is
+/// no such time is read as an invalid one; its record still comes.
+///
+/// It turns to and from QDateTime by itself. It is not one because a QDateTime asks the zone at every
+/// construction, which makes reading three times as slow, and because an hour that the zone leaves out in
+/// spring is a time like any other here.
+class LocalTime
+{
+public:
+    LocalTime() = default;
+    LocalTime(const QDate &date, const QTime &time)
+        : m_msecs(date.isValid() && time.isValid() ? date.toJulianDay() * msecsPerDay + time.msecsSinceStartOfDay()
+                                                   : invalid)
+    {
+    }
+    LocalTime(const QDateTime &time) : LocalTime(local(time)) {}
+
+    bool isValid() const { return m_msecs != invalid; }
+    QDate date() const { return isValid() ? QDate::fromJulianDay(days()) : QDate(); }
+    QTime time() const
+    {
+        return isValid() ? QTime::fromMSecsSinceStartOfDay(int(m_msecs - days() * msecsPerDay)) : QTime();
+    }
+    QDateTime toDateTime() const { return isValid() ? QDateTime(date(), time()) : QDateTime(); }
+    operator QDateTime() const { return toDateTime(); }
+
+    friend bool operator==(LocalTime a, LocalTime b) { return a.m_msecs == b.m_msecs; }
+    friend bool operator!=(LocalTime a, LocalTime b) { return a.m_msecs != b.m_msecs; }
+    friend bool operator<(LocalTime a, LocalTime b) { return a.m_msecs < b.m_msecs; }
+
+private:
+    static constexpr qint64 msecsPerDay = 86400000;
+    static constexpr qint64 invalid = std::numeric_limits<qint64>::min();
+
+    static LocalTime local(const QDateTime &time)
+    {
+        const QDateTime here = time.toLocalTime();
+        return here.isValid() ? LocalTime(here.date(), here.time()) : LocalTime();
+    }
+    qint64 days() const { return m_msecs >= 0 ? m_msecs / msecsPerDay : -((-m_msecs + msecsPerDay - 1) / msecsPerDay); }
+
+    qint64 m_msecs = invalid;
+};
 
 /// One sampled value.
 struct Sample {
-    QDateTime time;
+    LocalTime time;
     QString value;
 
     friend bool operator==(const Sample &a, const Sample &b) { return a.time == b.time && a.value == b.value; }
@@ -26,13 +68,13 @@ struct Sample {
 /// One alarm, identified on the device by its object and type.
 struct Alarm {
     int level = 0;
-    QDateTime start;
+    LocalTime start;
     QString object;
     QString type;
     QString value; ///< The value that raised it, as text: nothing is rounded.
     QString limit; ///< The limit it crossed, as text.
     QString description;
-    std::optional<QDateTime> end; ///< Empty while the alarm is active.
+    std::optional<LocalTime> end; ///< Empty while the alarm is active.
 
     bool active() const { return !end; }
     friend bool operator==(const Alarm &a, const Alarm &b)
@@ -44,7 +86,7 @@ struct Alarm {
 
 /// One action of an operator.
 struct LogEntry {
-    QDateTime time;
+    LocalTime time;
     QString user;
     QString name;
     QString message;
@@ -57,6 +99,7 @@ struct LogEntry {
 
 } // namespace device
 
+Q_DECLARE_METATYPE(device::LocalTime)
 Q_DECLARE_METATYPE(device::Sample)
 Q_DECLARE_METATYPE(device::Alarm)
 Q_DECLARE_METATYPE(device::LogEntry)

@@ -111,7 +111,7 @@ public:
     /// The same, with the last ID: a query `through()` it sees no later rows.
     Result<Snapshot> snapshot(const TableName &table, const Query<Record> &query = {});
     /// Deletes the records before `time`; the number deleted.
-    Result<qint64> removeBefore(const TableName &table, const QDateTime &time);
+    Result<qint64> removeBefore(const TableName &table, LocalTime time);
 
 protected:
     using StoreFile::StoreFile;
@@ -127,7 +127,7 @@ public:
 private:
     using Store::Store;
     template<typename>
-    friend class RecorderOf;
+    friend class RecorderOf; // makes stores on its own connection
 };
 
 class DEVICE_HOST_EXPORT AlarmStore : public Store<Alarm>
@@ -136,14 +136,14 @@ public:
     static Result<AlarmStore> open(const Library &library, const QString &path, const OpenOptions &options = {});
 
     /// Ends the active alarms of this object and type; how many there were.
-    Result<qint64> end(const TableName &table, const QString &object, const QString &type, const QDateTime &when);
+    Result<qint64> end(const TableName &table, const QString &object, const QString &type, LocalTime when);
     /// Deletes the alarms that started before `time`, and every ended one; the number deleted.
-    Result<qint64> purge(const TableName &table, const QDateTime &time);
+    Result<qint64> purge(const TableName &table, LocalTime time);
 
 private:
     using Store::Store;
     template<typename>
-    friend class RecorderOf;
+    friend class RecorderOf; // makes stores on its own connection
 };
 
 class DEVICE_HOST_EXPORT LogStore : public Store<LogEntry>
@@ -154,7 +154,7 @@ public:
 private:
     using Store::Store;
     template<typename>
-    friend class RecorderOf;
+    friend class RecorderOf; // makes stores on its own connection
 };
 
 extern template class DEVICE_HOST_EXPORT Store<Sample>;

@@ -8,7 +8,11 @@
 
 #include <QTemporaryDir>
 
+#include <QDir>
+
 #include <gtest/gtest.h>
+
+#include <stdexcept>
 
 inline QString operator""_q(const char *text, size_t size)
 {
@@ -20,13 +24,18 @@ inline device::TableName table(const QString &name)
     return device::TableName::from(name).value();
 }
 
-inline QDateTime at(const QString &text)
+inline device::LocalTime at(const QString &text)
 {
     return QDateTime::fromString(text, text.size() == 23 ? "yyyy-MM-dd hh:mm:ss.zzz"_q : "yyyy-MM-dd hh:mm:ss"_q);
 }
 
 namespace device
 {
+
+inline void PrintTo(LocalTime time, std::ostream *stream)
+{
+    *stream << time.toDateTime().toString(Qt::ISODateWithMs).toStdString();
+}
 
 inline void PrintTo(const Error &error, std::ostream *stream)
 {
