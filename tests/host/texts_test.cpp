@@ -173,7 +173,7 @@ class EveryText : public HostTest
 
 using Pairings =
     ::testing::Types<Pairing<HistoryStore, Sample>, Pairing<AlarmStore, Alarm>, Pairing<LogStore, LogEntry>>;
-TYPED_TEST_SUITE(EveryText, Pairings);
+TYPED_TEST_SUITE(EveryText, Pairings, );
 
 TYPED_TEST(EveryText, ComesBackTheSameInOrderOrIsRefusedByName)
 {
