@@ -149,8 +149,9 @@ void PagedModel::ask(int page) const
 {
     const int first = page * pageRows;
     const int end = std::min(first + pageRows, m_rows);
+    const bool newestFirst = m_rows - end < first;
     const_cast<PagedModel *>(this)->askForPage(
-        {page, m_newestAtTop ? m_rows - end : first, end - first, m_throughId, m_look});
+        {page, newestFirst, newestFirst ? m_rows - end : first, end - first, m_throughId, m_look});
 }
 
 void PagedModel::takePage(const Wanted &wanted, const Result<Cells> &cells)
@@ -164,7 +165,7 @@ void PagedModel::takePage(const Wanted &wanted, const Result<Cells> &cells)
         return;
     }
     waiting->cells = *cells;
-    if (m_newestAtTop)
+    if (wanted.newestFirst)
         std::reverse(waiting->cells.begin(), waiting->cells.end());
     const int first = wanted.page * pageRows;
     if (first < m_rows)
@@ -209,6 +210,7 @@ void PagedModelOf<Record>::askForPage(const Wanted &wanted)
     using Store = typename RecorderOf<Record>::StoreType;
     Query<Record> query = m_query;
     query.through(wanted.throughId).page(wanted.offset, wanted.count);
+    query.newestAtTop = wanted.newestFirst;
     m_recorder->template ask<Result<Cells>>(
         this,
         [table = m_table, query](Store &store) -> Result<Cells> {

@@ -57,9 +57,10 @@ protected:
         QString title;
     };
 
-    /// A page, said in the order of the model's query.
+    /// A page, said from the end of the table that is nearer: rows are found by counting.
     struct Wanted {
         int page;
+        bool newestFirst;
         qint64 offset;
         qint64 count;
         qint64 throughId;
