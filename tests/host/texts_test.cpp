@@ -3,7 +3,7 @@
 
 #include <QRandomGenerator>
 
-#include <cstdlib>
+#include <array>
 
 using namespace device;
 
@@ -173,7 +173,14 @@ class EveryText : public HostTest
 
 using Pairings =
     ::testing::Types<Pairing<HistoryStore, Sample>, Pairing<AlarmStore, Alarm>, Pairing<LogStore, LogEntry>>;
-TYPED_TEST_SUITE(EveryText, Pairings, );
+struct KindNames {
+    template<typename Pair>
+    static std::string GetName(int place)
+    {
+        return std::array{"History", "Alarm", "Log"}[size_t(place)];
+    }
+};
+TYPED_TEST_SUITE(EveryText, Pairings, KindNames);
 
 TYPED_TEST(EveryText, ComesBackTheSameInOrderOrIsRefusedByName)
 {
