@@ -3,7 +3,7 @@
 // The library's fast paths against the plain algorithm of benchmarks/plain.cpp, on random and nasty input:
 // the same statement texts, the same records, null texts and invalid times included. The number of rows for
 // each test is DEVICE_DATABASE_CASES; the seed is printed and can be given as DEVICE_DATABASE_SEED.
-#include "plain.h"
+#include "../benchmarks/plain.h"
 #include "sqlite_calls.h"
 #include "store_test.h"
 
@@ -257,11 +257,6 @@ bool identical(const QList<T> &one, const QList<T> &other)
             return false;
     }
     return true;
-}
-
-bool identical(const QStringList &one, const QStringList &other)
-{
-    return identical(static_cast<const QList<QString> &>(one), static_cast<const QList<QString> &>(other));
 }
 
 class Differential : public StoreTest

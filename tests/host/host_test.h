@@ -3,6 +3,7 @@
 
 #include "plain_connection.h"
 #include "qt_printers.h"
+#include "text_literal.h"
 
 #include "device/store.h"
 
@@ -13,11 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-
-inline QString operator""_q(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, int(size));
-}
 
 inline device::TableName table(const QString &name)
 {

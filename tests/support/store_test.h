@@ -6,6 +6,7 @@
 #include "plain_connection.h"
 #include "qt_printers.h"
 #include "statement_trace.h"
+#include "text_literal.h"
 
 #include "alarm_db.h"
 #include "history_db.h"
@@ -53,9 +54,3 @@ private:
     QTemporaryDir m_folder;
     library::StorePtr m_store;
 };
-
-/// A text literal: UTF-8 in the source.
-inline QString operator""_q(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, int(size));
-}
