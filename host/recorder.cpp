@@ -335,14 +335,21 @@ private:
 
     void fails(const Error &why)
     {
-        if (std::exchange(m_trouble, why.text()) != why.text())
+        if (setTrouble(why.text()) != why.text())
             Q_EMIT m_recorder->troubled(why);
     }
 
     void works()
     {
-        if (!std::exchange(m_trouble, QString()).isEmpty())
+        if (!setTrouble(QString()).isEmpty())
             Q_EMIT m_recorder->recovered();
+    }
+
+    QString setTrouble(const QString &text)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_health.open = m_connection != nullptr;
+        return std::exchange(m_health.trouble, text);
     }
 
     double usedBytes()
@@ -362,7 +369,6 @@ private:
     Clock::time_point m_firstTry;
     Clock::time_point m_nextTry;
     double m_bytesBefore = 0;
-    QString m_trouble;
 
     mutable std::mutex m_mutex;        // guards all below; held for moments only, never while the file is used
     std::condition_variable m_wake;    ///< For the thread: rows, tasks, stop.

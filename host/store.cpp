@@ -152,6 +152,8 @@ Result<bool> Store<Record>::createTable(const TableName &table, const QString &n
     const Site site = at("create", table);
     if (const char *why = unstorable(name))
         return site.error(Error::TextRefused, QStringLiteral("the name cannot be held: ") + QLatin1String(why));
+    const bool indexed = m_connection->options().profile != Profile::AsIs;
+    const QString index = QStringLiteral("create index if not exists %1_time on %1(DATETIME)").arg(table.text());
     bool created = false;
     const Status done = m_connection->transaction(site, [&]() -> Status {
         created = false;
@@ -164,7 +166,7 @@ Result<bool> Store<Record>::createTable(const TableName &table, const QString &n
             for (const QStringList &row : columns->mid(1))
                 names << row.first();
             if (names.join(QLatin1Char(',')) == columnList<Record>())
-                return {};
+                return indexed ? m_connection->run(site, index) : Status();
             return site.error(Error::TableLayout,
                               QStringLiteral("it stands with the columns ") + names.join(QLatin1String(", ")));
         }
@@ -175,8 +177,8 @@ Result<bool> Store<Record>::createTable(const TableName &table, const QString &n
                        << QStringLiteral("insert into tb_config values(NULL,") + quoted(table.text()) +
                               QLatin1Char(',') + quoted(name) + QLatin1Char(')');
         }
-        if (m_connection->options().profile != Profile::AsIs)
-            statements << QStringLiteral("create index %1_time on %1(DATETIME)").arg(table.text());
+        if (indexed)
+            statements << index;
         for (const QString &statement : statements) {
             if (const Status each = m_connection->run(site, statement); !each)
                 return each;

@@ -22,7 +22,7 @@ enum class WhenFull {
 };
 
 struct RecorderOptions {
-    OpenOptions file;
+    OpenOptions file;                         ///< Its deadline is that of one try; its cancel is the recorder's own.
     int batchRows = 500;                      ///< So many waiting rows are stored at once ...
     std::chrono::milliseconds batchTime{500}; ///< ... or when the oldest waited so long: what a power cut can take.
     int capacity = 20000;                     ///< Rows that may wait.
@@ -35,6 +35,8 @@ struct RecorderOptions {
 
 /// The counters since the start. At every moment accepted = stored + dropped + depth.
 struct Health {
+    bool open = false;        ///< The file has been opened.
+    QString trouble;          ///< Why opening or storing fails at present; empty while all goes well.
     qint64 accepted = 0;      ///< Rows taken into the queue.
     qint64 stored = 0;        ///< Rows in the file, each exactly once.
     qint64 refused = 0;       ///< Rows not taken: no room, or a text or time that cannot be held.

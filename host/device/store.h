@@ -21,7 +21,7 @@ class Connection;
 /// How the file is set up when it is opened. Chosen by name; docs/host.md has what each costs.
 enum class Profile {
     AsIs,    ///< As the store library opens it: nothing is set.
-    Durable, ///< Write-ahead log, an index on time for tables created here; what is stored survives a power cut.
+    Durable, ///< Write-ahead log, an index on time by createTable(); what is stored survives a power cut.
     Flash    ///< As Durable, but synced at checkpoints only: a power cut takes what was stored since the last one.
 };
 

@@ -184,8 +184,13 @@ TEST_F(FullQueue, RefusesTheNewest)
         taken += recorder.record(boiler, numbered(i)).ok();
     EXPECT_EQ(taken, 10);
     EXPECT_EQ(recorder.health().refused, 5);
+    while (recorder.health().trouble.isEmpty())
+        std::this_thread::yield();
+    EXPECT_FALSE(recorder.health().open);
     mount();
     require(recorder.stop(milliseconds(20000)));
+    EXPECT_TRUE(recorder.health().open);
+    EXPECT_EQ(recorder.health().trouble, QString());
     EXPECT_EQ(values(), (QStringList{"0", "1", "2", "3", "4", "5", "6", "7", "8", "9"}));
 }
 

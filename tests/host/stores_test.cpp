@@ -296,6 +296,7 @@ TEST_P(Profiles, SetTheFileUpAsTheySay)
                               "'create index Boiler_time on Boiler(DATETIME)'"_q)
                   .toInt(),
               GetParam().indexes);
+    EXPECT_FALSE(require(store.createTable(table("Boiler"_q))));
     // A reader stops no writer of a write-ahead log.
     if (GetParam().profile != Profile::AsIs) {
         PlainConnection reader(path());
