@@ -207,9 +207,8 @@ double toDouble(const char *cell)
         int count = 0;
         for (; isDigit(*byte) && count <= 15; ++byte, ++count)
             value = 10 * value + (*byte - '0');
-        bool plain = count > 0;
+        const bool plain = count > 0;
         if (*byte == '.') {
-            plain = plain && isDigit(byte[1]);
             for (++byte; isDigit(*byte) && count <= 15; ++byte, ++count) {
                 value = 10 * value + (*byte - '0');
                 scale *= 10;

@@ -169,7 +169,8 @@ public:
         case 4:
             return QByteArray::number(qlonglong(bits()));
         case 5:
-            return of(QList<QByteArray>{"1e400", "-0", "-", ".", "-.5", "7.", "inf", "nan", "+1", " 3 ", "0.1e-5"});
+            return of(QList<QByteArray>{"1e400", "-0", "-", ".", "-.5", "7.", "inf", "nan", "+1", " 3 ", "0.1e-5",
+                                        "4294967297", "-4294967297", "007"});
         case 6: {
             QByteArray digits = QByteArray::number(qlonglong(bits() % 1000000000000000ULL));
             return digits.insert(below(int(digits.size()) + 1), '.');
