@@ -107,7 +107,7 @@ public:
         const qint64 all = m_health.accepted;
         m_flushThrough = all;
         m_wake.notify_one();
-        const bool done = m_settled.wait_for(lock, deadline, [&] { return m_health.stored + m_health.dropped >= all; });
+        const bool done = m_settled.wait_for(lock, deadline, [&] { return m_told >= all; });
         if (done)
             return {};
         return Error(Error::Locked, QStringLiteral("flush %1").arg(m_path), QString(),
@@ -262,6 +262,7 @@ private:
         works();
 
         std::vector<Item> batch;
+        qint64 settled = 0;
         const double bytes = usedBytes() - m_bytesBefore;
         {
             const std::lock_guard lock(m_mutex);
@@ -277,10 +278,11 @@ private:
                 m_latencies.push_back(latency.count());
             else
                 m_latencies[size_t(m_health.batches) % latenciesKept] = latency.count();
-            m_settled.notify_all();
+            settled = m_health.stored + m_health.dropped;
             m_room.notify_all();
         }
         report(batch, *written);
+        told(settled);
     }
 
     void report(const std::vector<Item> &batch, const Written &written)
@@ -307,17 +309,27 @@ private:
     void dropBatch(const Error &why)
     {
         std::map<QString, int> rows;
+        qint64 settled = 0;
         {
             const std::lock_guard lock(m_mutex);
             for (const Item &item : m_batch)
                 ++rows[item.table];
             m_health.dropped += qint64(m_batch.size());
             m_batch.clear();
-            m_settled.notify_all();
+            settled = m_health.stored + m_health.dropped;
             m_room.notify_all();
         }
         for (const auto &[table, count] : rows)
             Q_EMIT m_recorder->dropped(table, count, why);
+        told(settled);
+    }
+
+    // A flush ends when its rows are stored or dropped and the signals have said so.
+    void told(qint64 settled)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_told = settled;
+        m_settled.notify_all();
     }
 
     void dropAll()
@@ -373,13 +385,14 @@ private:
     mutable std::mutex m_mutex;        // guards all below; held for moments only, never while the file is used
     std::condition_variable m_wake;    ///< For the thread: rows, tasks, stop.
     std::condition_variable m_room;    ///< For callers: there is room.
-    std::condition_variable m_settled; ///< For callers: rows were stored or dropped; the thread ended.
+    std::condition_variable m_settled; ///< For callers: rows were settled and signalled; the thread ended.
     std::deque<Item> m_waiting;
     std::vector<Item> m_batch; ///< Taken out to be stored; changed by the thread alone.
     std::deque<Task> m_tasks;
     std::vector<double> m_latencies;
     Health m_health;
     qint64 m_flushThrough = 0;
+    qint64 m_told = 0; ///< Rows settled and signalled.
     bool m_stopping = false;
     bool m_finished = false;
 
