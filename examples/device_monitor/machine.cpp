@@ -4,6 +4,8 @@
 
 #include <QFile>
 
+#include <sys/statvfs.h>
+
 namespace
 {
 
@@ -31,7 +33,7 @@ double memoryUsed()
 
 } // namespace
 
-Machine::Machine(const QString &folder) : m_last(readCounters()), m_disk(folder)
+Machine::Machine(const QString &folder) : m_last(readCounters()), m_folder(folder.toUtf8())
 {
     m_sinceLast.start();
 }
@@ -60,7 +62,8 @@ Values Machine::sample()
     const double switches = (now.contextSwitches - m_last.contextSwitches) / seconds;
     m_last = now;
 
-    m_disk.refresh();
-    const double diskFree = 100.0 * double(m_disk.bytesAvailable()) / double(qMax(m_disk.bytesTotal(), qint64(1)));
+    struct statvfs disk = {}; // not QStorageInfo, which knows no volume inside a chroot
+    statvfs(m_folder.constData(), &disk);
+    const double diskFree = 100.0 * double(disk.f_bavail) / double(qMax<quint64>(disk.f_blocks, 1));
     return {m_cpuLoad, memoryUsed(), diskFree, switches};
 }

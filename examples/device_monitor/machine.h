@@ -3,8 +3,8 @@
 
 #include "series.h"
 
+#include <QByteArray>
 #include <QElapsedTimer>
-#include <QStorageInfo>
 
 /// Reads the figures of the machine it runs on.
 class Machine
@@ -27,5 +27,5 @@ private:
     Counters m_last;
     QElapsedTimer m_sinceLast;
     double m_cpuLoad = 0;
-    QStorageInfo m_disk;
+    QByteArray m_folder;
 };
