@@ -6,6 +6,8 @@
 
 #include <helpsqlite.h>
 
+#include <algorithm>
+
 namespace
 {
 
@@ -38,6 +40,26 @@ void appendAlarms(const TableQuery &query, void *list)
                                                       .arg(QString::fromUtf8(query.cell(row, 9))),
                                                   QLatin1String("yyyy-MM-dd hh:mm:ss"));
     }
+}
+
+// QString::number() of the text's toInt(). A level is one digit, mostly.
+QString levelText(const QString &text)
+{
+    if (text.size() == 1 && ushort(text.at(0).unicode() - '0') < 10)
+        return text;
+    return QString::number(text.toInt());
+}
+
+// "DATE TIME", each "/" turned into "-".
+void joinStart(const QString &date, const QString &time, QString &start)
+{
+    const int dateSize = int(date.size());
+    start.resize(dateSize + 1 + time.size());
+    QChar *const to = start.data();
+    std::copy(date.constData(), date.constData() + dateSize, to);
+    to[dateSize] = QLatin1Char(' ');
+    std::copy(time.constData(), time.constData() + time.size(), to + dateSize + 1);
+    std::replace(to, to + start.size(), QChar(QLatin1Char('/')), QChar(QLatin1Char('-')));
 }
 
 } // namespace
@@ -75,14 +97,14 @@ void alarm_db::insertManyDatas(QList<QStringList> &rows, QString)
     Execution(m_connection, "begin transaction");
     // As by one arg() call after the other: a marker inside a cell is rewritten by the cells behind it.
     StatementTemplate insert("insert into AlarmData values(NULL,'%1','%2','%3','%4','%5','%6','%7','%8','%9')");
+    QString start;
+    start.reserve(64); // kept from row to row
     for (int i = 0; i < rows.size(); ++i) {
         const QStringList &row = rows.at(i);
         if (row.size() < 10)
             continue;
-        const QString level = QString::number(row.at(0).toInt());
-        QString start;
-        start.reserve(row.at(1).size() + 1 + row.at(2).size());
-        start.append(row.at(1)).append(QLatin1Char(' ')).append(row.at(2)).replace(QLatin1Char('/'), QLatin1Char('-'));
+        const QString level = levelText(row.at(0));
+        joinStart(row.at(1), row.at(2), start);
         const QString description = rereadUtf8(helpSQLite::toSQLiteString(row.at(7)));
         const QString *const cells[] = {&level,     &start,       &row.at(3), &row.at(4), &row.at(5),
                                         &row.at(6), &description, &row.at(8), &row.at(9)};
