@@ -4,6 +4,10 @@
 #include "connection.h"
 #include "kind.h"
 
+#include <QCoreApplication>
+#include <QEvent>
+#include <QThread>
+
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
@@ -101,6 +105,30 @@ public:
         m_wake.notify_one();
     }
 
+    // Puts what is to be done in the recorder's own thread into its mail; a Qt event only says that there is some.
+    void mail(std::function<void()> letter)
+    {
+        bool isFirst = false;
+        {
+            const std::lock_guard lock(m_mutex);
+            isFirst = m_mail.empty();
+            m_mail.push_back(std::move(letter));
+        }
+        if (isFirst)
+            QCoreApplication::postEvent(m_recorder, new QEvent(QEvent::User));
+    }
+
+    // The oldest letter; empty when there is none.
+    std::function<void()> takeMail()
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_mail.empty())
+            return {};
+        std::function<void()> letter = std::move(m_mail.front());
+        m_mail.pop_front();
+        return letter;
+    }
+
     Status flush(std::chrono::milliseconds deadline)
     {
         std::unique_lock lock(m_mutex);
@@ -196,7 +224,7 @@ private:
                 m_connection = *connection;
                 m_bytesBefore = usedBytes();
                 works();
-                Q_EMIT m_recorder->ready();
+                m_recorder->tell(&Recorder::ready);
                 return true;
             }
             fails(connection.error());
@@ -294,7 +322,7 @@ private:
             const Item &item = batch[i];
             const qint64 rows = item.write.table.isEmpty() ? *changed++ : 1;
             if (refusal != written.refused.end() && size_t(refusal->row) == i) {
-                Q_EMIT m_recorder->dropped(item.table, 1, refusal->error);
+                m_recorder->tell(&Recorder::dropped, item.table, 1, refusal->error);
                 ++refusal;
                 continue;
             }
@@ -303,7 +331,7 @@ private:
                 item.afterwards(rows);
         }
         for (const auto &[table, rows] : storedRows)
-            Q_EMIT m_recorder->stored(table, rows);
+            m_recorder->tell(&Recorder::stored, table, rows);
     }
 
     void dropBatch(const Error &why)
@@ -320,11 +348,11 @@ private:
             m_room.notify_all();
         }
         for (const auto &[table, count] : rows)
-            Q_EMIT m_recorder->dropped(table, count, why);
+            m_recorder->tell(&Recorder::dropped, table, count, why);
         told(settled);
     }
 
-    // A flush ends when its rows are stored or dropped and the signals have said so.
+    // A flush ends when its rows are stored or dropped and the signals that say so are in the mail.
     void told(qint64 settled)
     {
         const std::lock_guard lock(m_mutex);
@@ -348,13 +376,13 @@ private:
     void fails(const Error &why)
     {
         if (setTrouble(why.text()) != why.text())
-            Q_EMIT m_recorder->troubled(why);
+            m_recorder->tell(&Recorder::troubled, why);
     }
 
     void works()
     {
         if (!setTrouble(QString()).isEmpty())
-            Q_EMIT m_recorder->recovered();
+            m_recorder->tell(&Recorder::recovered);
     }
 
     QString setTrouble(const QString &text)
@@ -385,14 +413,15 @@ private:
     mutable std::mutex m_mutex;        // guards all below; held for moments only, never while the file is used
     std::condition_variable m_wake;    ///< For the thread: rows, tasks, stop.
     std::condition_variable m_room;    ///< For callers: there is room.
-    std::condition_variable m_settled; ///< For callers: rows were settled and signalled; the thread ended.
+    std::condition_variable m_settled; ///< For callers: rows were settled and reported; the thread ended.
     std::deque<Item> m_waiting;
     std::vector<Item> m_batch; ///< Taken out to be stored; changed by the thread alone.
     std::deque<Task> m_tasks;
+    std::deque<std::function<void()>> m_mail;
     std::vector<double> m_latencies;
     Health m_health;
     qint64 m_flushThrough = 0;
-    qint64 m_told = 0; ///< Rows settled and signalled.
+    qint64 m_told = 0; ///< Rows settled and reported.
     bool m_stopping = false;
     bool m_finished = false;
 
@@ -434,17 +463,44 @@ void Recorder::flushSoon()
 
 Status Recorder::flush(std::chrono::milliseconds deadline)
 {
-    return m_worker->flush(deadline);
+    const Status flushed = m_worker->flush(deadline);
+    deliver();
+    return flushed;
 }
 
 Status Recorder::stop(std::chrono::milliseconds deadline)
 {
-    return m_worker->stop(deadline);
+    const Status stopped = m_worker->stop(deadline);
+    deliver();
+    return stopped;
 }
 
 void Recorder::cancel()
 {
-    (void)m_worker->stop(std::chrono::milliseconds(0));
+    (void)stop(std::chrono::milliseconds(0));
+}
+
+void Recorder::customEvent(QEvent *)
+{
+    deliver();
+}
+
+void Recorder::deliver()
+{
+    if (thread() != QThread::currentThread())
+        return;
+    const QPointer<Recorder> self(this); // a receiver may delete it
+    while (self) {
+        const std::function<void()> letter = m_worker->takeMail();
+        if (!letter)
+            return;
+        letter();
+    }
+}
+
+void Recorder::mail(std::function<void()> letter)
+{
+    m_worker->mail(std::move(letter));
 }
 
 Status Recorder::refuse(const Error &why)
@@ -500,7 +556,7 @@ Status AlarmRecorder::raise(const TableName &table, const Alarm &alarm)
     if (!text)
         return refuse(text.error());
     return accept(table.text(), {table.text(), std::move(text.value())},
-                  [this, alarm](qint64) { Q_EMIT raised(alarm); });
+                  [this, alarm](qint64) { tell(&AlarmRecorder::raised, alarm); });
 }
 
 Status AlarmRecorder::end(const TableName &table, const QString &object, const QString &type, LocalTime when)
@@ -510,7 +566,7 @@ Status AlarmRecorder::end(const TableName &table, const QString &object, const Q
         return refuse(statement.error());
     return accept(table.text(), {QString(), *statement}, [this, object, type, when](qint64 changed) {
         if (changed > 0)
-            Q_EMIT ended(object, type, when);
+            tell(&AlarmRecorder::ended, object, type, when);
     });
 }
 

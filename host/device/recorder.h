@@ -4,6 +4,7 @@
 
 #include "store.h"
 
+#include <QMetaMethod>
 #include <QObject>
 #include <QPointer>
 
@@ -55,9 +56,8 @@ struct Health {
 /// out. HistoryRecorder, AlarmRecorder and LogRecorder are the ones to use.
 ///
 /// A file that cannot be opened or written is tried again until it can be; rows wait meanwhile. refused(), and
-/// dropped() for want of room, are emitted in the thread that hands the row over, all other signals in the
-/// recorder's: receivers in another thread get them queued. The object itself belongs to the thread that made
-/// it, which has an event loop when ask() is used.
+/// dropped() for want of room, are emitted in the thread that hands the row over. All other signals, and the
+/// answers to ask(), come in the thread of this object: by its event loop, or by flush() and stop() there.
 class DEVICE_HOST_EXPORT Recorder : public QObject
 {
     Q_OBJECT
@@ -97,10 +97,23 @@ protected:
     Status refuse(const Error &why);
     /// Takes a row that is ready to be stored.
     Status accept(const QString &table, Write write, Afterwards afterwards = {});
-    /// Runs the task on the recorder's thread, before the rows that wait.
+    /// Runs the task on the worker's thread, before the rows that wait.
     void post(Task task);
+    /// From there: runs the letter in the thread of this object.
+    void mail(std::function<void()> letter);
+    /// From there: emits a signal in the thread of this object. Without a receiver nothing is mailed: a program
+    /// may have no event loop to take it out.
+    template<typename Emitter, typename... Parameters, typename... Arguments>
+    void tell(void (Emitter::*signal)(Parameters...), const Arguments &...arguments)
+    {
+        if (isSignalConnected(QMetaMethod::fromSignal(signal)))
+            mail([this, signal, arguments...] { Q_EMIT(static_cast<Emitter *>(this)->*signal)(arguments...); });
+    }
+    void customEvent(QEvent *event) override;
 
 private:
+    void deliver();
+
     class Worker;
     std::unique_ptr<Worker> m_worker;
 };
@@ -147,7 +160,7 @@ public:
             });
     }
 
-    /// Puts `question` to the store on the recorder's thread and hands what it returns to `answer`, in the
+    /// Puts `question` to the store on the worker's thread and hands what it returns to `answer`, in the
     /// thread of this object, unless `context`, which lives there too, is gone by then.
     template<typename Answer>
     void ask(QObject *context, std::function<Answer(StoreType &)> question, std::function<void(const Answer &)> answer)
@@ -156,13 +169,10 @@ public:
         post([this, guard, question, answer](const std::shared_ptr<Connection> &connection) {
             StoreType store(connection);
             const Answer given = question(store);
-            QMetaObject::invokeMethod(
-                this,
-                [guard, answer, given] {
-                    if (guard)
-                        answer(given);
-                },
-                Qt::QueuedConnection);
+            mail([guard, answer, given] {
+                if (guard)
+                    answer(given);
+            });
         });
     }
 };
