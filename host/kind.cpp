@@ -30,6 +30,12 @@ int digitsAt(const QChar *at, int width)
     return value;
 }
 
+int toInt(const QString &text)
+{
+    const int value = text.size() >= 1 && text.size() <= 9 ? digitsAt(text.constData(), int(text.size())) : -1;
+    return value >= 0 ? value : text.toInt();
+}
+
 QDate parseDate(const QChar *at)
 {
     if (at[4] != QLatin1Char('-') || at[7] != QLatin1Char('-'))
@@ -171,9 +177,9 @@ void Kind<Sample>::encode(const Sample &sample, RowText &row)
     row.text("Value", sample.value);
 }
 
-Sample Kind<Sample>::decode(const QStringList &row)
+Sample Kind<Sample>::decode(QStringList row)
 {
-    return {parseTime(row.at(0), milliseconds), row.at(1)};
+    return {parseTime(row.at(0), milliseconds), std::move(row[1])};
 }
 
 QVector<QVariant> Kind<Sample>::cells(const Sample &sample)
@@ -212,16 +218,16 @@ void Kind<Alarm>::encode(const Alarm &alarm, RowText &row)
     row.dateAndClock(alarm.end);
 }
 
-Alarm Kind<Alarm>::decode(const QStringList &row)
+Alarm Kind<Alarm>::decode(QStringList row)
 {
     Alarm alarm;
-    alarm.level = row.at(0).toInt();
+    alarm.level = toInt(row.at(0));
     alarm.start = parseTime(row.at(1), milliseconds);
-    alarm.object = row.at(2);
-    alarm.type = row.at(3);
-    alarm.value = row.at(4);
-    alarm.limit = row.at(5);
-    alarm.description = row.at(6);
+    alarm.object = std::move(row[2]);
+    alarm.type = std::move(row[3]);
+    alarm.value = std::move(row[4]);
+    alarm.limit = std::move(row[5]);
+    alarm.description = std::move(row[6]);
     if (!row.at(7).isEmpty() || !row.at(8).isEmpty())
         alarm.end = parseTime(row.at(7) + QLatin1Char(' ') + row.at(8), milliseconds);
     return alarm;
@@ -270,9 +276,9 @@ void Kind<LogEntry>::encode(const LogEntry &entry, RowText &row)
     row.text("message", entry.message);
 }
 
-LogEntry Kind<LogEntry>::decode(const QStringList &row)
+LogEntry Kind<LogEntry>::decode(QStringList row)
 {
-    return {parseTime(row.at(0), milliseconds), row.at(1), row.at(2), row.at(3)};
+    return {parseTime(row.at(0), milliseconds), std::move(row[1]), std::move(row[2]), std::move(row[3])};
 }
 
 QVector<QVariant> Kind<LogEntry>::cells(const LogEntry &entry)

@@ -62,7 +62,7 @@ struct Kind<Sample> {
     static constexpr bool milliseconds = false;
     static const QVector<Column> &columns();
     static void encode(const Sample &sample, RowText &row);
-    static Sample decode(const QStringList &row);
+    static Sample decode(QStringList row);
     static QVector<QVariant> cells(const Sample &sample);
     static QString condition(const Filter<Sample> &filter); ///< Empty for no condition.
 };
@@ -72,7 +72,7 @@ struct Kind<Alarm> {
     static constexpr bool milliseconds = false;
     static const QVector<Column> &columns();
     static void encode(const Alarm &alarm, RowText &row);
-    static Alarm decode(const QStringList &row);
+    static Alarm decode(QStringList row);
     static QVector<QVariant> cells(const Alarm &alarm);
     static QString condition(const Filter<Alarm> &filter);
 };
@@ -82,7 +82,7 @@ struct Kind<LogEntry> {
     static constexpr bool milliseconds = true;
     static const QVector<Column> &columns();
     static void encode(const LogEntry &entry, RowText &row);
-    static LogEntry decode(const QStringList &row);
+    static LogEntry decode(QStringList row);
     static QVector<QVariant> cells(const LogEntry &entry);
     static QString condition(const Filter<LogEntry> &filter);
 };

@@ -235,13 +235,13 @@ Result<QList<Record>> Store<Record>::read(const TableName &table, const Query<Re
                   QLatin1String(query.newestAtTop ? " order by DATETIME desc,ID desc" : " order by DATETIME,ID");
     if (query.limit >= 0 || query.offset > 0)
         sql += QStringLiteral(" limit %1 offset %2").arg(query.limit).arg(query.offset);
-    const auto rows = m_connection->query(site, sql);
+    auto rows = m_connection->query(site, sql);
     if (!rows)
         return rows.error();
     QList<Record> records;
     records.reserve(rows->size());
-    for (const QStringList &row : *rows)
-        records.append(Kind<Record>::decode(row));
+    for (QStringList &row : rows.value())
+        records.append(Kind<Record>::decode(std::move(row)));
     return records;
 }
 
