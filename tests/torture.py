@@ -1,0 +1,116 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+"""Runs the long forms of the tests that work by brute force, one family after the other, within a time budget.
+
+./dev torture builds them and calls this. Each program is run again and again, with a new seed, until its share of
+the time is over. The output of a run that failed is kept; it names the seed, by which the program repeats the run.
+"""
+import argparse
+import os
+import re
+import subprocess
+import sys
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+
+
+@dataclass
+class Family:
+    name: str
+    program: str  # below build/
+    counts: str  # finds the numbers in its output that add up to the family's count
+    unit: str
+    # What makes a run take some seconds; the text SECONDS becomes what is left of the family's time.
+    environment: dict = field(default_factory=dict)
+    arguments: list = field(default_factory=list)
+    once: bool = False  # goes through all cases there are, so that a second run would be the same
+
+
+def fuzz(name):
+    here = Path(__file__).parent / "fuzz"
+    place = "fuzz/tests/fuzz"
+    return Family(name, f"{place}/{name}", r"number_of_executed_units: (\d+)", "inputs", arguments=[
+        "-max_total_time=SECONDS", "-timeout=25", "-rss_limit_mb=2048", "-print_final_stats=1", f"-dict={here}/{name}.dict",
+        f"-artifact_prefix={place}/{name}-", f"{place}/found/{name}", f"{place}/seeds/{name}"])
+
+
+# A new family is one line here and, when it has a build of its own, one in ./dev.
+FAMILIES = [
+    Family("model", "qt6/tests/model_test", r"(\d+) operations in", "operations",
+           {"DEVICE_MODEL_OPERATIONS": "50000"}),
+    Family("kill", "qt6/tests/kill_test", r"(\d+) kills in", "kills", {"DEVICE_KILL_KILLS": "200"}),
+    Family("soak", "qt6/tests/soak_test", r"(\d+) rows in", "rows", {"DEVICE_SOAK_SECONDS": "SECONDS"}),
+    fuzz("fuzz_operations"),
+    fuzz("fuzz_files"),
+]
+
+HANGS_AFTER = 900  # seconds behind its share
+
+
+def show(line, end="\n"):
+    if sys.stdout.isatty():
+        print(f"\r\033[K{line}", end=end, flush=True)
+    elif end == "\n":
+        print(line, flush=True)
+
+
+def row(family, count, seconds, violations):
+    return f"{family:<16} {count:>14} {seconds:>9} {violations:>11}"
+
+
+def run(family, share, build):
+    """Returns the count and the number of runs that failed."""
+    count = violations = 0
+    started = time.monotonic()
+    while True:
+        left = max(2, int(share - (time.monotonic() - started)))
+        filled = {name: value.replace("SECONDS", str(left)) for name, value in family.environment.items()}
+        arguments = [argument.replace("SECONDS", str(left)) for argument in family.arguments]
+        try:
+            result = subprocess.run([build / family.program, *arguments], env={**os.environ, **filled}, cwd=build, text=True,
+                                    errors="replace", timeout=share + HANGS_AFTER, stdout=subprocess.PIPE,
+                                    stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, check=False)
+            output, failed = result.stdout, result.returncode != 0
+        except subprocess.TimeoutExpired as hung:
+            output, failed = f"{hung.stdout or ''}\ndid not end", True
+        got = sum(int(number) for number in re.findall(family.counts, output))
+        count += got
+        if failed or got == 0:
+            violations += 1
+            kept = build / f"torture-{family.name}-{violations}.log"
+            kept.write_text(output, encoding="utf-8")
+            show(f"{family.name}: a run failed; its output is {kept}")
+        seconds = time.monotonic() - started
+        show(f"{family.name}: {count} {family.unit}, {seconds:.0f} of {share:.0f} s, {violations} failed", end="")
+        if family.once or seconds >= share - 1:
+            break
+    show(row(family.name, f"{count:,}", f"{seconds:.0f}", violations))
+    return count, violations, seconds
+
+
+def main():
+    names = [family.name for family in FAMILIES]
+    parser = argparse.ArgumentParser(prog="./dev torture", description=__doc__.split("\n", maxsplit=1)[0])
+    parser.add_argument("seconds", nargs="?", type=int, default=900,
+                        help="the budget for all families together; each ends with the run that crosses its share (900)")
+    parser.add_argument("--only", metavar="FAMILY", action="append", choices=names,
+                        help="run this family, can be given again: " + ", ".join(names))
+    arguments = parser.parse_args()
+    if arguments.seconds < 1:
+        parser.error("SECONDS must be at least 1")
+
+    build = Path(__file__).resolve().parent.parent / "build"
+    chosen = [family for family in FAMILIES if not arguments.only or family.name in arguments.only]
+    missing = [family.program for family in chosen if not (build / family.program).exists()]
+    if missing:
+        parser.error(f"not built: {', '.join(missing)}; ./dev torture builds them")
+    print(row("family", "count", "seconds", "failed runs"))
+    results = [run(family, arguments.seconds / len(chosen), build) for family in chosen]
+    failed = sum(violations for _, violations, _ in results)
+    print(row("total", "", f"{sum(seconds for _, _, seconds in results):.0f}", failed))
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
