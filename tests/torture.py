@@ -3,7 +3,7 @@
 """Runs the long forms of the tests that work by brute force, one family after the other, within a time budget.
 
 ./dev torture builds them and calls this. Each program is run again and again, with a new seed, until its share of
-the time is over. The output of a run that failed is kept; it names the seed, by which the program repeats the run.
+the time is over or three runs have failed. The output of a run that failed is kept; it names the seed, by which the program repeats the run.
 """
 import argparse
 import os
@@ -83,7 +83,7 @@ def run(family, share, build):
             show(f"{family.name}: a run failed; its output is {kept}")
         seconds = time.monotonic() - started
         show(f"{family.name}: {count} {family.unit}, {seconds:.0f} of {share:.0f} s, {violations} failed", end="")
-        if family.once or seconds >= share - 1:
+        if family.once or seconds >= share - 1 or violations == 3:
             break
     show(row(family.name, f"{count:,}", f"{seconds:.0f}", violations))
     return count, violations, seconds
