@@ -333,20 +333,21 @@ void Model::insert(const Call &c)
         if (m_kind == History) {
             table = narrowed(c.table);
             const bool isWhole = row.size() == 2;
-            cells = {isWhole ? narrowed(dashed(row.at(0))) : QString(), isWhole ? narrowed(row.at(1)) : QString()};
+            cells = QStringList{isWhole ? narrowed(dashed(row.at(0))) : QString(),
+                                isWhole ? narrowed(row.at(1)) : QString()};
             text = "insert into %1 values(NULL,'%2','%3')";
         } else if (m_kind == Alarm) {
             if (row.size() < 10)
                 continue;
             table = "AlarmData"_q;
-            cells = {QString::number(row.at(0).toInt()), dashed(row.at(1)) + " "_q + dashed(row.at(2))};
+            cells = QStringList{QString::number(row.at(0).toInt()), dashed(row.at(1)) + " "_q + dashed(row.at(2))};
             cells += row.mid(3, 4);
-            cells += {again(doubled(row.at(7))), row.at(8), row.at(9)};
+            cells += QStringList{again(doubled(row.at(7))), row.at(8), row.at(9)};
             text = "insert into AlarmData values(NULL,'%1','%2','%3','%4','%5','%6','%7','%8','%9')";
         } else {
             if (row.size() < 4)
                 continue;
-            cells = {row.at(0), doubled(row.at(1)), doubled(row.at(2)), doubled(row.at(3))};
+            cells = QStringList{row.at(0), doubled(row.at(1)), doubled(row.at(2)), doubled(row.at(3))};
             text = "insert into %1 values(NULL, '%2', '%3', '%4', '%5');";
         }
         if (c.operation == Operation::InsertOdd) {
