@@ -7,18 +7,21 @@
 #include <dlfcn.h>
 #include <sqlite3.h>
 
+#include <utility>
+
 namespace
 {
 
 QMutex mutex;
 bool listening = false;
 QStringList texts;
+std::vector<SqliteCall> calls;
 
 /// One call into SQLite. Calls that SQLite makes of itself are not heard: sqlite3_get_table() runs sqlite3_exec().
 class Call
 {
 public:
-    explicit Call(const char *sql)
+    explicit Call(const char *sql) : m_sql(sql)
     {
         if (depth++ > 0)
             return;
@@ -28,8 +31,20 @@ public:
     }
     ~Call() { --depth; }
 
+    int returned(int code, sqlite3 *connection, char **error)
+    {
+        if (depth > 1)
+            return code;
+        QMutexLocker lock(&mutex);
+        if (listening)
+            calls.push_back({QString::fromUtf8(m_sql), code, error ? QByteArray(*error) : QByteArray(),
+                             connection && !sqlite3_get_autocommit(connection)});
+        return code;
+    }
+
 private:
     Q_DISABLE_COPY(Call)
+    const char *const m_sql;
     static thread_local int depth;
 };
 
@@ -49,22 +64,23 @@ Q_DECL_EXPORT int sqlite3_exec(sqlite3 *connection, const char *sql, int (*callb
                                void *target, char **error)
 {
     static const auto real = next<decltype(&sqlite3_exec)>("sqlite3_exec");
-    const Call call(sql);
-    return real(connection, sql, callback, target, error);
+    Call call(sql);
+    return call.returned(real(connection, sql, callback, target, error), connection, error);
 }
 
 Q_DECL_EXPORT int sqlite3_get_table(sqlite3 *connection, const char *sql, char ***cells, int *rows, int *columns,
                                     char **error)
 {
     static const auto real = next<decltype(&sqlite3_get_table)>("sqlite3_get_table");
-    const Call call(sql);
-    return real(connection, sql, cells, rows, columns, error);
+    Call call(sql);
+    return call.returned(real(connection, sql, cells, rows, columns, error), connection, error);
 }
 }
 
 SqliteCalls::SqliteCalls()
 {
     take();
+    takeCalls();
     QMutexLocker lock(&mutex);
     listening = true;
 }
@@ -81,4 +97,10 @@ QStringList SqliteCalls::take()
     QStringList taken;
     taken.swap(texts);
     return taken;
+}
+
+std::vector<SqliteCall> SqliteCalls::takeCalls()
+{
+    QMutexLocker lock(&mutex);
+    return std::exchange(calls, {});
 }

@@ -1,7 +1,18 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QByteArray>
 #include <QStringList>
+
+#include <vector>
+
+/// One call, and what SQLite answered.
+struct SqliteCall {
+    QString text;
+    int code;
+    QByteArray error;   ///< Null when SQLite gave no text.
+    bool inTransaction; ///< When the call returned.
+};
 
 /// Hears every text that this process hands to sqlite3_exec() and sqlite3_get_table() while it lives, also one
 /// that SQLite rejects and StatementTrace therefore never sees. One at a time; from every thread.
@@ -16,6 +27,8 @@ public:
 
     /// The texts since the last call, in order.
     QStringList take();
+    /// The calls that returned since the last call of this function, in that order.
+    std::vector<SqliteCall> takeCalls();
 
 private:
     Q_DISABLE_COPY(SqliteCalls)

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+//
+// Every operation with every allocation of SQLite failing, and what was said above.
+//
+// DEVICE_FAULTS_EVERY=1 runs every point; without it each 150th is.
+#include "failing_memory.h"
+#include "fault_test.h"
+
+namespace
+{
+
+class MemoryFaults : public FaultTest
+{
+protected:
+    const std::vector<Failing> allocation{
+        {"allocation", failing_memory::failAt, failing_memory::heal, failing_memory::allocations}};
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, MemoryFaults, everyKind(), nameOfKind);
+
+TEST_P(MemoryFaults, WithARollbackJournal)
+{
+    sweep(allocation, Journal::Delete, every(150));
+}
+
+TEST_P(MemoryFaults, WithAWriteAheadLog)
+{
+    sweep(allocation, Journal::WriteAhead, every(150));
+}
+
+} // namespace
