@@ -33,7 +33,7 @@ const Meaning *manyRows(Kind kind)
 void insertManyRows(interface_data_base &store, Outcome &outcome)
 {
     QStringList row = outcome.input.takeFirst();
-    row[row.size() == 2 ? 1 : row.size() == 4 ? 3 : 7] = longText;
+    freeText(row) = longText;
     for (int i = 0; i < rowsOfManyRows; ++i)
         outcome.input.append(row);
     store.insertManyDatas(outcome.input, "AlarmData"_q);
@@ -74,6 +74,11 @@ Conduct conductOfCreateTable(const Meaning &meaning, Kind kind, const std::vecto
 
 } // namespace
 
+QString &freeText(QStringList &row)
+{
+    return row[row.size() == 2 ? 1 : row.size() == 4 ? 3 : 7];
+}
+
 std::vector<Operation> operationsOf(Kind kind)
 {
     std::vector<Operation> operations;
@@ -112,27 +117,32 @@ Conduct conductOf(const Operation &operation, Kind kind, const std::vector<Sqlit
     return conduct;
 }
 
+bool changesContent(const QString &statement)
+{
+    for (const char *const without : {"select", "PRAGMA", "VACUUM", "begin", "commit"})
+        if (statement.startsWith(QLatin1String(without)))
+            return false;
+    return true;
+}
+
 void Acknowledged::add(const std::vector<SqliteCall> &heard)
 {
     for (const SqliteCall &call : heard) {
         const bool succeeded = call.code == SQLITE_OK;
         const bool began = m_inTransaction;
         m_inTransaction = call.inTransaction;
-        if (call.text.startsWith("select"_q) || call.text.startsWith("PRAGMA"_q) || call.text == "VACUUM"_q)
-            continue;
-        if (call.text == "begin transaction"_q)
-            continue;
         if (call.text == "commit transaction"_q) {
             if (succeeded)
                 commit(m_open);
             else if (began && !call.inTransaction)
                 mayHaveCommitted(m_open);
-        } else if (succeeded && call.inTransaction) {
-            m_open.append(call.text);
-        } else if (succeeded) {
-            commit({call.text});
-        } else if (!began) {
-            mayHaveCommitted({call.text});
+        } else if (changesContent(call.text)) {
+            if (succeeded && call.inTransaction)
+                m_open.append(call.text);
+            else if (succeeded)
+                commit({call.text});
+            else if (!began)
+                mayHaveCommitted({call.text});
         }
         if (!call.inTransaction)
             m_open.clear();

@@ -10,6 +10,9 @@ struct Operation {
     const Meaning *meaning; ///< Null: it does nothing for this kind of store.
 };
 
+/// The cell of an input row that takes any text: value, description or message.
+QString &freeText(QStringList &row);
+
 /// All operations of a kind but openDB and closeDB, and a batch of many long rows.
 std::vector<Operation> operationsOf(Kind kind);
 
@@ -22,6 +25,9 @@ struct Conduct {
 
 /// What docs/operations.md promises of an operation whose statements ended as `heard` says.
 Conduct conductOf(const Operation &operation, Kind kind, const std::vector<SqliteCall> &heard);
+
+/// False for a query, a pragma, VACUUM, and the two ends of a transaction.
+bool changesContent(const QString &statement);
 
 /// What the file must hold, by what SQLite acknowledged. Nothing else may change it.
 class Acknowledged

@@ -14,24 +14,7 @@ Journal inTheFile(Journal journal)
     return journal == Journal::WriteAhead ? journal : Journal::Delete;
 }
 
-QString joined(const Rows &rows)
-{
-    QStringList lines;
-    for (const QStringList &row : rows)
-        lines.append(row.join("|"_q));
-    return lines.join("\n"_q);
-}
-
 } // namespace
-
-QString contentOf(const QString &path)
-{
-    PlainConnection file(path);
-    QString content = "integrity: "_q + file.value("PRAGMA integrity_check"_q);
-    for (const QStringList &table : file.run("select name, sql from sqlite_master order by name"_q))
-        content += "\n"_q + table.join(": "_q) + "\n"_q + joined(file.run("select * from "_q + table.first()));
-    return content;
-}
 
 int every(int slice)
 {
@@ -48,6 +31,7 @@ FaultTest::FaultTest()
             PlainConnection(storePath).run("PRAGMA journal_mode=wal"_q);
         m_prepared[journal] = disk.files();
     }
+    m_replay = std::make_unique<Replay>(disk, m_prepared.at(Journal::Delete), storePath);
 }
 
 FaultTest::~FaultTest()
@@ -162,23 +146,8 @@ void FaultTest::expectFile(const Acknowledged &acknowledged)
 {
     const QString content = contentOf(storePath);
     for (const QStringList &statements : acknowledged.possible())
-        if (content == contentAfter(statements))
+        if (content == m_replay->contentAfter(statements))
             return;
-    EXPECT_EQ(content, contentAfter(acknowledged.possible().front())) << acknowledged.possible().size() << " possible";
-}
-
-QString FaultTest::contentAfter(const QStringList &statements)
-{
-    QString &content = m_contents[statements];
-    if (content.isNull()) {
-        disk.setFiles(m_prepared.at(Journal::Delete));
-        {
-            PlainConnection file(storePath);
-            for (const QString &statement : statements)
-                file.run(statement);
-        }
-        content = contentOf(storePath);
-        EXPECT_TRUE(content.startsWith("integrity: ok\n"_q)) << qPrintable(content);
-    }
-    return content;
+    EXPECT_EQ(content, m_replay->contentAfter(acknowledged.possible().front()))
+        << "and of " << acknowledged.possible().size() << " possible contents none";
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "contract.h"
+#include "file_content.h"
 #include "memory_disk.h"
 
 #include <functional>
@@ -45,18 +46,14 @@ private:
                        const std::vector<SqliteCall> &heard);
     void expectUsable(interface_data_base &store, Acknowledged &acknowledged);
     void expectFile(const Acknowledged &acknowledged);
-    QString contentAfter(const QStringList &statements);
 
     DebugLog m_log;
     SqliteCalls m_calls;
     std::map<Journal, MemoryDisk::Files> m_prepared;
-    std::map<QStringList, QString> m_contents; ///< by the statements that led there
+    std::unique_ptr<Replay> m_replay;
     int m_points = 0;
     int m_felt = 0; ///< Operations with a statement that failed; SQLite gets by some faults alone.
 };
 
 /// Which points of a sweep are run: $DEVICE_FAULTS_EVERY, or `slice` when it is not set.
 int every(int slice);
-
-/// What integrity_check says of the file, and everything that its tables hold.
-QString contentOf(const QString &path);

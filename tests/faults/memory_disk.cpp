@@ -339,8 +339,8 @@ int MemoryDisk::Private::unmap(sqlite3_file *file, int)
 
 MemoryDisk::Private::Private() : real(sqlite3_vfs_find(nullptr)), vfs(*real)
 {
-    // Time and randomness stay the real ones. SQLite sleeps when locks of the write-ahead log stay taken, which
-    // nobody but the waiting thread could change.
+    // The time stays the real one. SQLite sleeps when locks of the write-ahead log stay taken, which nobody but the
+    // waiting thread could change.
     vfs.iVersion = 2;
     vfs.zName = "memory disk";
     vfs.szOsFile = sizeof(File);
@@ -349,12 +349,17 @@ MemoryDisk::Private::Private() : real(sqlite3_vfs_find(nullptr)), vfs(*real)
     vfs.xDelete = remove;
     vfs.xAccess = access;
     vfs.xFullPathname = fullPath;
+    vfs.xRandomness = [](sqlite3_vfs *, int size, char *bytes) {
+        std::memset(bytes, 0x55, size_t(size)); // a seed, so that runs repeat
+        return size;
+    };
     vfs.xSleep = [](sqlite3_vfs *, int microseconds) { return microseconds; };
 }
 
 MemoryDisk::MemoryDisk() : d(new Private)
 {
     sqlite3_vfs_register(&d->vfs, 1);
+    sqlite3_randomness(0, nullptr); // seeded anew at its next use
 }
 
 MemoryDisk::~MemoryDisk()
@@ -426,6 +431,7 @@ void MemoryDisk::record()
         d->add({DiskEvent::Sync, content->number});
     }
     d->add({DiskEvent::SyncFolder});
+    d->add({DiskEvent::Start});
 }
 
 void MemoryDisk::note(int number)

@@ -23,7 +23,16 @@ struct DiskFault {
 
 /// What happened to the files, in order: enough to say what a power cut may leave of it.
 struct DiskEvent {
-    enum Kind { Create, Remove, Write, Truncate, Sync, SyncFolder, Note };
+    enum Kind {
+        Create,
+        Remove,
+        Write,
+        Truncate,
+        Sync,
+        SyncFolder,
+        Note,
+        Start, ///< Of the record. In front of it stand the files that were there.
+    };
     Kind kind;
     int file = 0;         ///< The file's number: a name may come to mean another file.
     QByteArray text = {}; ///< Create, Remove: the name. Write: the bytes.
@@ -61,7 +70,7 @@ public:
     /// The calls of a kind between failAt() and heal().
     int calls(DiskCall call) const;
 
-    /// Writes down what happens to the files from now on. What lies there already is written down as synced.
+    /// Writes down what happens to the files from now on, behind what lies there already, as if it were synced.
     void record();
     /// Adds a note to the record.
     void note(int number);
