@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_DB_COMMANDS_H
+#define DEVICE_DB_COMMANDS_H
+
+namespace device_db
+{
+
+class Program;
+
+// Each adds one command, or a family, with its options; they stand in the file of the same name.
+void addRows(Program &program); ///< show, newest, range, find, count, tail
+
+/// All of them, in the order of the help.
+inline void addCommands(Program &program)
+{
+    addRows(program);
+}
+
+} // namespace device_db
+
+#endif

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+#include "program.h"
+
+#include <QCoreApplication>
+
+#include <clocale>
+#include <csignal>
+#include <cstring>
+
+#include <langinfo.h>
+
+int main(int argc, char **argv)
+{
+    // File names, cells and the terminal are UTF-8; without a locale that says so Qt 5 would lose letters.
+    if (!std::setlocale(LC_CTYPE, "") || std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0) {
+        qputenv("LC_ALL", "C.UTF-8");
+        std::setlocale(LC_CTYPE, "C.UTF-8");
+    }
+    std::signal(SIGPIPE, SIG_IGN); // a pager that was quit, `| head`: writing fails instead
+    QCoreApplication application(argc, argv);
+    device_db::Program program;
+    return program.run(argc, argv);
+}
