@@ -53,14 +53,15 @@ public:
     {
         QVector<OutputColumn> columns;
         if (m_withId)
-            columns.append({"id", QStringLiteral("ID"), true, true, false});
+            columns.append({"id", QStringLiteral("ID"), true, true, true});
         for (const KnownColumn &known : columnsOf(m_kind)) {
             const QByteArray key(known.key);
             if (m_forPeople && key == "end_time")
                 continue;
             columns.append({key,
                             m_forPeople && key == "end_date" ? QStringLiteral("End") : QString::fromLatin1(known.title),
-                            key == "level" || key == "value" || key == "limit", key == "level", known.twice});
+                            key == "level" || key == "value" || key == "limit", key == "level",
+                            key == "level" || key == "time" || key == "start" || key == "end_date", known.twice});
         }
         return columns;
     }
@@ -73,8 +74,9 @@ public:
         if (m_utc)
             toUtc(cells);
         if (m_kind == Kind::Alarms && m_forPeople) {
+            // The day only when it is another one: lines are short of room.
             const QByteArray clock = cells.takeLast();
-            cells.last() = (cells.last() + ' ' + clock).trimmed();
+            cells.last() = cells.last() == cells.at(1).left(10) ? clock : (cells.last() + ' ' + clock).trimmed();
         }
         if (m_withId)
             cells.prepend(row.cell(0));
@@ -267,7 +269,7 @@ Outcome tail(RowsOptions &options)
     options.query.order = Order::AsRecorded;
     options.query.limit = -1;
     while (output.flush()) {
-        QThread::msleep(ulong(options.interval));
+        QThread::msleep(ulong(std::max(10, options.interval)));
         const QByteArray now = marks(options.path);
         if (now == seen)
             continue;
@@ -304,7 +306,7 @@ std::shared_ptr<RowsOptions> made(CLI::App *command)
 
 void addLimit(CLI::App *command, RowsOptions &options, const char *description)
 {
-    command->add_option("-n,--limit", options.query.limit, description)->type_name("N")->check(CLI::NonNegativeNumber);
+    command->add_option("-n,--limit", options.query.limit, description)->type_name("N")->check(wholeNumber());
 }
 
 } // namespace
@@ -320,7 +322,7 @@ void addRows(Program &program)
         addLimit(command, *options, "At most so many rows");
         command->add_option("--offset", options->query.offset, "Leave out so many rows in front")
             ->type_name("N")
-            ->check(CLI::NonNegativeNumber);
+            ->check(wholeNumber());
         command->add_flag("--newest-first", options->newestFirst, "Turn the order round");
         addPresentation(command, *options);
         program.onRun(command, [options] {
@@ -382,7 +384,7 @@ void addRows(Program &program)
         command->add_flag("-f,--follow", options->follow, "Go on with the rows that come, until Ctrl-C");
         command->add_option("--interval", options->interval, "Look so often, in milliseconds; default: 500")
             ->type_name("MS")
-            ->check(CLI::Range(10, 3600000));
+            ->check(wholeNumber());
         addFilter(command, options->query.filter);
         addLimit(command, *options, "So many rows at first; default: 10");
         addPresentation(command, *options);

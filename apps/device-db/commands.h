@@ -9,11 +9,15 @@ class Program;
 
 // Each adds one command, or a family, with its options; they stand in the file of the same name.
 void addRows(Program &program); ///< show, newest, range, find, count, tail
+void addImport(Program &program);
+void addExport(Program &program);
 
 /// All of them, in the order of the help.
 inline void addCommands(Program &program)
 {
     addRows(program);
+    addImport(program);
+    addExport(program);
 }
 
 } // namespace device_db

@@ -96,6 +96,11 @@ QString grouped(qint64 number)
     return QLocale(QLocale::English, QLocale::UnitedStates).toString(number);
 }
 
+QString rowsText(qint64 rows)
+{
+    return grouped(rows) + QLatin1String(rows == 1 ? " row" : " rows");
+}
+
 QString bytesText(qint64 bytes)
 {
     if (bytes < 1000)

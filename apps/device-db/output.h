@@ -52,6 +52,8 @@ bool errorsAreSeen();
 
 /// 1234567 as "1,234,567".
 QString grouped(qint64 number);
+/// "1 row", "1,234 rows".
+QString rowsText(qint64 rows);
 /// "12.3 MB".
 QString bytesText(qint64 bytes);
 

@@ -6,6 +6,7 @@
 #include "manual.h"
 
 #include <cstdio>
+#include <cstring>
 
 namespace device_db
 {
@@ -49,6 +50,15 @@ int Program::run(int argc, char **argv)
         return std::fputs(manualPage(m_commandLine).c_str(), stdout) < 0 ? Failed : Done;
     if (argc == 2 && qstrcmp(argv[1], "--completion") == 0)
         return std::fputs(bashCompletion(m_commandLine).c_str(), stdout) < 0 ? Failed : Done;
+    // CLI11 would only say that a command is missing.
+    const std::vector<CLI::App *> commands = m_commandLine.get_subcommands({});
+    if (argc > 1 && argv[1][0] != '-' && std::none_of(commands.begin(), commands.end(), [&](const CLI::App *command) {
+            return command->get_name() == argv[1];
+        })) {
+        complain(QStringLiteral("there is no command \"%1\". \"device-db --help\" lists them")
+                     .arg(QString::fromUtf8(argv[1])));
+        return Usage;
+    }
     try {
         m_commandLine.parse(argc, argv);
     } catch (const CLI::Success &asked) {
@@ -87,6 +97,33 @@ CLI::Option *addTexts(CLI::App *command, const std::string &name, QStringList &v
             },
             description)
         ->type_name("TEXT");
+}
+
+CLI::Validator wholeNumber()
+{
+    return CLI::Validator(
+        [](const std::string &given) {
+            const bool fits =
+                !given.empty() && given.size() < 19 && given.find_first_not_of("0123456789") == std::string::npos;
+            return fits ? std::string() : "\"" + given + "\" is no whole number";
+        },
+        "");
+}
+
+void addSeparator(CLI::App *command, char &separator)
+{
+    const CLI::Validator oneCharacter(
+        [](const std::string &given) {
+            const bool fits = given == "tab" || (given.size() == 1 && given[0] > 0 && !std::strchr("\"\r\n", given[0]));
+            return fits ? std::string() : "one character, or the word tab";
+        },
+        "");
+    command
+        ->add_option_function<std::string>(
+            "--separator", [&separator](const std::string &given) { separator = given == "tab" ? '\t' : given[0]; },
+            "Between the cells of CSV: one character, or tab; default: a comma")
+        ->type_name("CHAR")
+        ->check(oneCharacter);
 }
 
 CLI::Option *addFile(CLI::App *command, QString &path, ReadOptions &options)

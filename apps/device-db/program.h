@@ -40,6 +40,12 @@ private:
 CLI::Option *addText(CLI::App *command, const std::string &name, QString &value, const std::string &description);
 CLI::Option *addTexts(CLI::App *command, const std::string &name, QStringList &value, const std::string &description);
 
+/// Takes 0 and more.
+CLI::Validator wholeNumber();
+
+/// --separator of CSV: one character, or the word tab.
+void addSeparator(CLI::App *command, char &separator);
+
 /// FILE and --lock of a command that reads.
 CLI::Option *addFile(CLI::App *command, QString &path, ReadOptions &options);
 

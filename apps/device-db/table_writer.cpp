@@ -17,7 +17,7 @@ namespace
 {
 
 constexpr int rowsMeasured = 1000; // the widths of a table are those of its first rows
-constexpr int narrowest = 8;
+constexpr int narrowest = 6;
 
 const char *colourOf(Tone tone)
 {
@@ -71,9 +71,7 @@ public:
             return m_output.write("no rows\n");
         if (!settle())
             return false;
-        return m_output.write(
-            coloured(grouped(m_rows) + QLatin1String(m_rows == 1 ? " row" : " rows"), Tone::Faint, m_output.colours()) +
-            '\n');
+        return m_output.write(coloured(rowsText(m_rows), Tone::Faint, m_output.colours()) + '\n');
     }
 
 private:
@@ -102,7 +100,7 @@ private:
         return true;
     }
 
-    // Takes from the widest column until the line fits; no column gets too narrow to mean something.
+    // Takes from the widest column until the line fits; times and levels give last.
     void fit()
     {
         if (m_output.width() == 0)
@@ -110,12 +108,19 @@ private:
         int excess = -m_output.width() + 2 * int(m_widths.size() - 1);
         for (const int width : m_widths)
             excess += width;
-        while (excess > 0) {
-            const auto widest = std::max_element(m_widths.begin(), m_widths.end());
-            if (*widest <= narrowest)
-                return;
-            --*widest;
-            --excess;
+        for (const bool fixedToo : {false, true}) {
+            while (excess > 0) {
+                int widest = -1;
+                for (int i = 0; i < m_widths.size(); ++i) {
+                    if ((fixedToo || !m_columns.at(i).fixed) && m_widths.at(i) > narrowest &&
+                        (widest < 0 || m_widths.at(i) > m_widths.at(widest)))
+                        widest = i;
+                }
+                if (widest < 0)
+                    break;
+                --m_widths[widest];
+                --excess;
+            }
         }
     }
 

@@ -16,6 +16,7 @@ struct OutputColumn {
     QString title;
     bool right = false;  ///< Numbers stand at the right.
     bool number = false; ///< In JSON a number, when the cell is an integer.
+    bool fixed = false;  ///< Not cut while other columns can be.
     bool twice = false;  ///< For people the text is decoded; see decodedTwice().
 };
 

@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: MIT
+#include "tool_test.h"
+
+#include <QCoreApplication>
+
+namespace
+{
+
+class Import : public ToolTest
+{
+};
+
+/// The input of real machines, where it is at hand: beside the repository.
+class RealData : public ToolTest, public ::testing::WithParamInterface<std::pair<const char *, const char *>>
+{
+};
+
+TEST_P(RealData, ComesBackToTheByte)
+{
+    const auto &[name, kind] = GetParam();
+    QFile input(QString::fromLocal8Bit(APPS_DATA) + "/../../../shared/data/"_q + QString::fromLatin1(name));
+    if (!input.open(QIODevice::ReadOnly))
+        GTEST_SKIP() << "there is no " << qPrintable(input.fileName());
+    const QByteArray content = input.readAll();
+
+    const Outcome imported = run({"import"_q, "real.db"_q, "Real"_q, input.fileName(), "--create"_q, "--kind"_q,
+                                  QString::fromLatin1(kind), "--refused"_q, path("refused.csv"_q)});
+    ASSERT_EQ(imported.exitCode, 0) << imported.errors.constData();
+    const Outcome exported = run({"export"_q, "real.db"_q});
+    ASSERT_EQ(exported.exitCode, 0) << exported.errors.constData();
+    // The header's names may differ.
+    EXPECT_TRUE(exported.output.mid(exported.output.indexOf('\n')) == content.mid(content.indexOf('\n')));
+    EXPECT_FALSE(QFile::exists(path("refused.csv"_q)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, RealData,
+                         ::testing::Values(std::make_pair("machine_temperature.csv", "samples"),
+                                           std::make_pair("operator_log.csv", "log")),
+                         [](const auto &parameter) { return std::string(parameter.param.second); });
+
+/// 100,000 samples, each a different one, and among them rows that are refused.
+QByteArray manySamples(QByteArray *stored = nullptr)
+{
+    QByteArray text("time,value\n");
+    if (stored)
+        *stored = text;
+    for (int i = 0; i < 100000; ++i) {
+        const QByteArray row = "2024-05-06 " + QByteArray::number(100 + i / 3600 % 24).mid(1) + ':' +
+                               QByteArray::number(100 + i / 60 % 60).mid(1) + ':' +
+                               QByteArray::number(100 + i % 60).mid(1) + ',' + QByteArray::number(i) + '\n';
+        text += row;
+        if (stored)
+            *stored += row;
+        if (i % 1000 == 999)
+            text += "never," + QByteArray::number(i) + '\n';
+    }
+    return text;
+}
+
+TEST_F(Import, ThatWasKilledGoesOnWhereItWasAndStoresEachRowOnce)
+{
+    QByteArray stored;
+    write("many.csv"_q, manySamples(&stored));
+    const QStringList arguments{"import"_q, "many.db"_q, "Many"_q, "many.csv"_q, "--create"_q, "--kind"_q, "samples"_q};
+    int killed = 0;
+    for (qint64 size = 500000; size < 2500000; size += 700000) {
+        QProcess process;
+        start(process, arguments);
+        while (QFileInfo(path("many.db"_q)).size() < size && process.state() == QProcess::Running)
+            process.waitForFinished(1);
+        process.kill();
+        process.waitForFinished();
+        killed += process.exitStatus() == QProcess::CrashExit ? 1 : 0;
+    }
+    ASSERT_GT(killed, 0);
+    const Outcome last = run(arguments);
+    EXPECT_EQ(last.exitCode, 3) << last.errors.constData();
+    EXPECT_TRUE(last.errors.contains("going on at line")) << last.errors.constData();
+    EXPECT_TRUE(run({"export"_q, "many.db"_q}).output == stored);
+    EXPECT_EQ(valueOf(path("many.db"_q), "select count(*) from sqlite_master where name like 'device_db%'"_q), "0"_q);
+    // Each refused row once, too.
+    const QList<QByteArray> refused = read("many.csv.refused.csv"_q).split('\n');
+    ASSERT_EQ(refused.size(), 1 + 100 + 1);
+    for (int i = 1; i <= 100; ++i)
+        ASSERT_TRUE(refused.value(i).endsWith("," + QByteArray::number(i * 1000 - 1))) << refused.value(i).constData();
+}
+
+TEST_F(Import, ThatIsInterruptedKeepsWhatItHasAndSaysSo)
+{
+    QByteArray stored;
+    write("many.csv"_q, manySamples(&stored));
+    const QStringList arguments{"import"_q, "many.db"_q, "Many"_q, "many.csv"_q, "--create"_q, "--kind"_q, "samples"_q};
+    QProcess process;
+    start(process, arguments);
+    while (QFileInfo(path("many.db"_q)).size() < 500000 && process.state() == QProcess::Running)
+        process.waitForFinished(1);
+    process.terminate();
+    const Outcome first = finish(process);
+    EXPECT_EQ(first.exitCode, 130) << first.errors.constData();
+    EXPECT_TRUE(first.errors.contains("run it again to go on"));
+    EXPECT_EQ(run(arguments).exitCode, 3);
+    EXPECT_TRUE(run({"export"_q, "many.db"_q}).output == stored);
+}
+
+TEST_F(Import, OfAnInputThatWasChangedSinceIsRefused)
+{
+    write("many.csv"_q, manySamples());
+    const QStringList arguments{"import"_q, "many.db"_q, "Many"_q, "many.csv"_q, "--create"_q, "--kind"_q, "samples"_q};
+    QProcess process;
+    start(process, arguments);
+    while (QFileInfo(path("many.db"_q)).size() < 500000 && process.state() == QProcess::Running)
+        process.waitForFinished(1);
+    process.terminate();
+    ASSERT_EQ(finish(process).exitCode, 130);
+    write("many.csv"_q, "time,value\n2024-05-06 07:08:09,1\n");
+    const Outcome changed = run(arguments);
+    EXPECT_EQ(changed.exitCode, 1);
+    EXPECT_TRUE(changed.errors.contains("--restart")) << changed.errors.constData();
+    EXPECT_EQ(run(arguments + QStringList{"--restart"_q}).exitCode, 0);
+}
+
+TEST_F(Import, DoesNotTouchAFileThatAnotherProcessHasOpen)
+{
+    write("one.csv"_q, "time,value\n2024-05-06 07:08:09,1\n");
+    ASSERT_EQ(run({"import"_q, "one.db"_q, "One"_q, "one.csv"_q, "--create"_q, "--kind"_q, "samples"_q}).exitCode, 0);
+    const PlainConnection device(path("one.db"_q)); // this process plays the device
+    const Outcome refused = run({"import"_q, "one.db"_q, "One"_q, "one.csv"_q});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(refused.errors.contains("process " + QByteArray::number(QCoreApplication::applicationPid())))
+        << refused.errors.constData();
+    EXPECT_EQ(valueOf(path("one.db"_q), "select count(*) from One"_q), "1"_q);
+    EXPECT_EQ(run({"import"_q, "one.db"_q, "One"_q, "one.csv"_q, "--lock"_q}).exitCode, 0);
+    EXPECT_EQ(valueOf(path("one.db"_q), "select count(*) from One"_q), "2"_q);
+}
+
+// A unique index that the host added.
+TEST_F(Import, ReportsARowThatTheTableRefusesAndStoresTheOthers)
+{
+    write("two.csv"_q, "time,value\n2024-05-06 07:08:09,1\n2024-05-06 07:08:09,2\n2024-05-06 07:08:10,3\n");
+    ASSERT_EQ(run({"import"_q, "two.db"_q, "Two"_q, "two.csv"_q, "--create"_q, "--kind"_q, "samples"_q}).exitCode, 0);
+    PlainConnection(path("two.db"_q)).run("delete from Two; create unique index once on Two(DATETIME)"_q);
+    EXPECT_EQ(run({"import"_q, "two.db"_q, "Two"_q, "two.csv"_q}).exitCode, 3);
+    EXPECT_EQ(rowsOf(path("two.db"_q), "select Value from Two order by ID"_q), (Rows{{"1"_q}, {"3"_q}}));
+    EXPECT_EQ(
+        read("two.csv.refused.csv"_q),
+        "line,reason,cells\n3,the table refuses it: UNIQUE constraint failed: Two.DATETIME,2024-05-06 07:08:09,2\n");
+}
+
+} // namespace
