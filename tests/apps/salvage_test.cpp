@@ -50,13 +50,14 @@ struct Original {
     int offset(quint32 page) const { return int((page - 1) * pageSize); }
 };
 
-std::map<qint64, QString> rowsByIds(PlainConnection &file, const QString &table)
+std::map<qint64, QString> rowsByIds(PlainConnection &file, QString table)
 {
+    table.replace("\""_q, "\"\""_q); // names may be damaged, too
     QStringList cells;
-    for (const QStringList &column : file.run("select name from pragma_table_info('%1')"_q.arg(table)))
+    for (const QStringList &column : file.run("select name from pragma_table_info(\"%1\")"_q.arg(table)))
         cells << "typeof(%1)||':'||quote(%1)"_q.arg(column.first());
     std::map<qint64, QString> rows;
-    for (const QStringList &row : file.run("select ID, %1 from %2"_q.arg(cells.join("||','||"_q), table)))
+    for (const QStringList &row : file.run("select ID, %1 from \"%2\""_q.arg(cells.join("||','||"_q), table)))
         rows[row.at(0).toLongLong()] = row.at(1);
     return rows;
 }

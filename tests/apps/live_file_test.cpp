@@ -1,0 +1,319 @@
+// SPDX-License-Identifier: MIT
+//
+// A second process plays the device: it writes batches through the store library while this one reads.
+// DEVICE_LIVE_SECONDS=300 runs every reading command of the tool beside it for so long in each journal mode.
+#include "loaded_library.h"
+#include "plain_connection.h"
+#include "text_literal.h"
+
+#include "live_file.h"
+#include "sqlite.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <atomic>
+#include <iostream>
+#include <new>
+
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+using device_db::openForReading;
+using device_db::ReadableFile;
+using device_db::ReadOptions;
+
+constexpr int batchRows = 20;
+
+// Seen by both processes.
+struct Shared {
+    std::atomic<bool> ready{false};
+    std::atomic<bool> stop{false};
+    std::atomic<int> batches{0};
+    std::atomic<int> failures{0};
+};
+Shared *shared = nullptr;
+
+void countFailures(QtMsgType, const QMessageLogContext &, const QString &message)
+{
+    if (message.contains("fail"_q) || message.contains("locked"_q))
+        ++shared->failures;
+}
+
+class Device
+{
+public:
+    Device(const QString &path, const QString &mode, int pauseMs)
+    {
+        void *const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        shared = new (memory) Shared;
+        m_process = fork();
+        if (m_process == 0) {
+            write(path, mode, pauseMs);
+            _exit(0);
+        }
+        while (!shared->ready)
+            usleep(1000);
+    }
+    ~Device()
+    {
+        stop();
+        munmap(shared, sizeof(Shared));
+    }
+    void stop()
+    {
+        shared->stop = true;
+        if (m_process > 0) {
+            EXPECT_EQ(waitpid(m_process, nullptr, 0), m_process);
+        }
+        m_process = 0;
+    }
+
+private:
+    static void write(const QString &path, const QString &mode, int pauseMs)
+    {
+        qInstallMessageHandler(countFailures);
+        const auto store = library::store("historyDB");
+        store->openDB(path);
+        QList<QStringList> rows;
+        store->execSQL({"PRAGMA journal_mode="_q + mode}, rows, 1);
+        store->createTable("Boiler"_q, "Boiler 1"_q);
+        const int before = store->getDataCountOfTable("Boiler"_q) / batchRows;
+        shared->ready = true;
+        while (!shared->stop) {
+            rows.clear();
+            for (int i = 0; i < batchRows; ++i)
+                rows << QStringList{"2024-05-06 07:08:09"_q, QString::number(before + shared->batches)};
+            store->insertManyDatas(rows, "Boiler"_q);
+            ++shared->batches;
+            usleep(useconds_t(pauseMs) * 1000);
+        }
+    }
+
+    pid_t m_process;
+};
+
+// What a reader sees: whole batches, and a file that is in order.
+void expectWhole(const QString &path)
+{
+    PlainConnection file(path);
+    EXPECT_EQ(file.value("pragma integrity_check"_q), "ok"_q);
+    EXPECT_EQ(file.value("select count(*) from (select Value from Boiler group by Value having count(*)!=%1)"_q.arg(
+                  batchRows)),
+              "0"_q);
+}
+
+struct Writing {
+    const char *mode;
+    int pauseMs;
+};
+
+void PrintTo(const Writing &writing, std::ostream *stream)
+{
+    *stream << writing.mode << ", a batch every " << writing.pauseMs << " ms";
+}
+
+class LiveFile : public ::testing::TestWithParam<Writing>
+{
+protected:
+    LiveFile()
+    {
+        EXPECT_TRUE(QDir().mkpath(m_folder.filePath("tmp"_q)));
+        m_oldPlace = qgetenv("TMPDIR");
+        qputenv("TMPDIR", temporary().toLocal8Bit());
+    }
+    ~LiveFile() override { m_oldPlace.isNull() ? qunsetenv("TMPDIR") : qputenv("TMPDIR", m_oldPlace); }
+
+    QString path(const char *name = "device.db") const { return m_folder.filePath(QString::fromLatin1(name)); }
+    QString temporary() const { return m_folder.filePath("tmp"_q); }
+    /// What stands in the folders, and the file's bytes: what a reader must leave alone.
+    QStringList traces() const
+    {
+        QStringList all = QDir(m_folder.path()).entryList(QDir::Files) +
+                          QDir(temporary()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+        for (const char *name : {"device.db", "device.db-wal", "device.db-journal"}) {
+            QFile file(path(name));
+            if (file.open(QIODevice::ReadOnly))
+                all << QString::fromLatin1(QCryptographicHash::hash(file.readAll(), QCryptographicHash::Md5).toHex());
+        }
+        return all;
+    }
+
+private:
+    QTemporaryDir m_folder;
+    QByteArray m_oldPlace;
+};
+
+using LiveFileModes = LiveFile;
+
+TEST_P(LiveFileModes, IsReadWhileADeviceWritesAndNoCommitFails)
+{
+    Device device(path(), QString::fromLatin1(GetParam().mode), GetParam().pauseMs);
+    QElapsedTimer clock;
+    clock.start();
+    int snapshots = 0;
+    while (clock.elapsed() < 700) {
+        ReadOptions options;
+        options.deadline = std::chrono::seconds(20);
+        const auto file = openForReading(path(), options);
+        ASSERT_TRUE(file.ok()) << file.error().cause().toStdString();
+        EXPECT_EQ(file->isSnapshot(), GetParam().mode != std::string("wal"));
+        expectWhole(file->path());
+        ++snapshots;
+    }
+    device.stop();
+    EXPECT_EQ(shared->failures, 0);
+    EXPECT_GT(shared->batches, 3);
+    EXPECT_EQ(valueOf(path(), "select count(*) from Boiler"_q).toInt(), batchRows * shared->batches);
+    EXPECT_TRUE(QDir(temporary()).isEmpty());
+    std::cout << shared->batches << " batches, " << snapshots << " snapshots\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(LiveFile, LiveFileModes,
+                         ::testing::Values(Writing{"delete", 3}, Writing{"delete", 50}, Writing{"truncate", 3},
+                                           Writing{"persist", 3}, Writing{"memory", 3}, Writing{"wal", 3}));
+
+TEST_F(LiveFile, ALockOfAReaderIsSeenByTheDevice)
+{
+    Device device(path(), "delete"_q, 3);
+    while (shared->batches < 3)
+        usleep(1000);
+    PlainConnection reader(path());
+    reader.run("begin; select count(*) from Boiler"_q);
+    const int batches = shared->batches;
+    while (shared->batches < batches + 3)
+        usleep(1000);
+    EXPECT_GT(shared->failures, 0) << "the tests above would see nothing";
+    reader.run("commit"_q);
+}
+
+TEST_F(LiveFile, AWriterWithoutAPauseIsSaidToBeOne)
+{
+    PlainConnection writer(path());
+    writer.run("create table T(a); begin exclusive; insert into T values(1)"_q);
+    // Another process must hold the lock: this one would not see its own.
+    const pid_t child = fork();
+    if (child == 0) {
+        ReadOptions options;
+        options.deadline = std::chrono::milliseconds(50);
+        const auto file = openForReading(path(), options);
+        _exit(!file.ok() && file.error().cause().contains("--lock"_q) ? 0 : 1);
+    }
+    int status = 1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+// A copy of the file and its journal as they are while a transaction changes them.
+TEST_F(LiveFile, WhatADeadDeviceLeftIsRolledBackInTheCopyAlone)
+{
+    {
+        PlainConnection device(path("running.db"));
+        device.run("pragma cache_size=5; create table Boiler(ID integer primary key, Value text);"
+                   "with recursive n(i) as (select 1 union all select i+1 from n where i<5000) "
+                   "insert into Boiler select i, i/20 from n where i<4990 and i>=20;"
+                   "begin; update Boiler set Value='torn' where ID%2"_q);
+        ASSERT_TRUE(QFile::copy(path("running.db"), path()));
+        ASSERT_TRUE(QFile::copy(path("running.db-journal"), path("device.db-journal")));
+    }
+    ASSERT_NE(valueOf(path("running.db"), "select count(*) from Boiler"_q), "0"_q);
+    const QStringList before = traces();
+    {
+        const auto file = openForReading(path(), {});
+        ASSERT_TRUE(file.ok()) << file.error().cause().toStdString();
+        EXPECT_TRUE(file->isSnapshot());
+        PlainConnection copy(file->path());
+        EXPECT_EQ(copy.value("pragma integrity_check"_q), "ok"_q);
+        EXPECT_EQ(copy.value("select count(*) from Boiler where Value='torn'"_q), "0"_q);
+        EXPECT_EQ(copy.value("select count(*) from Boiler"_q), "4970"_q);
+    }
+    EXPECT_EQ(traces(), before);
+}
+
+TEST_F(LiveFile, TheLogOfAPulledFileIsReadAndStays)
+{
+    {
+        PlainConnection device(path("running.db"));
+        device.run("pragma journal_mode=wal; create table Boiler(ID integer primary key, Value text);"
+                   "insert into Boiler values(1,'in the log')"_q);
+        ASSERT_TRUE(QFile::copy(path("running.db"), path()));
+        ASSERT_TRUE(QFile::copy(path("running.db-wal"), path("device.db-wal")));
+    }
+    const QStringList before = traces();
+    {
+        const auto file = openForReading(path(), {});
+        ASSERT_TRUE(file.ok()) << file.error().cause().toStdString();
+        EXPECT_TRUE(file->isSnapshot());
+        EXPECT_EQ(valueOf(file->path(), "select Value from Boiler"_q), "in the log"_q);
+    }
+    EXPECT_EQ(traces(), before);
+}
+
+TEST_F(LiveFile, AWriteAheadFileWithoutALogIsReadAsItStandsAndLeftSo)
+{
+    {
+        PlainConnection device(path());
+        device.run("pragma journal_mode=wal; create table Boiler(ID integer primary key, Value text);"
+                   "insert into Boiler values(1,'x')"_q);
+    }
+    const QStringList before = traces();
+    {
+        const auto file = openForReading(path(), {});
+        ASSERT_TRUE(file.ok()) << file.error().cause().toStdString();
+        EXPECT_FALSE(file->isSnapshot());
+        const auto database = device_db::Database::open(file->path(), device_db::Database::ReadOnly);
+        ASSERT_TRUE(database.ok()) << database.error().cause().toStdString();
+        EXPECT_EQ(*database->number("select count(*) from Boiler"), 1);
+    }
+    EXPECT_EQ(traces(), before);
+}
+
+TEST_F(LiveFile, AnInterruptedProgramLeavesNoSnapshot)
+{
+    PlainConnection(path()).run("create table T(a)"_q);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        const pid_t child = fork();
+        if (child == 0) {
+            const auto file = openForReading(path(), {});
+            raise(signal);
+            _exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal);
+        EXPECT_TRUE(QDir(temporary()).isEmpty());
+    }
+}
+
+TEST_F(LiveFile, WhatCannotBeReadIsSaid)
+{
+    const auto causeOf = [](const QString &name) {
+        const auto file = openForReading(name, {});
+        return file.ok() ? QString() : file.error().cause();
+    };
+    EXPECT_TRUE(causeOf(path()).contains("no such file"_q));
+    EXPECT_TRUE(causeOf(temporary()).contains("no file"_q));
+    QFile text(path());
+    ASSERT_TRUE(text.open(QIODevice::WriteOnly));
+    text.write("this is a letter, not a database");
+    text.close();
+    EXPECT_TRUE(causeOf(path()).contains("salvage"_q));
+    ASSERT_TRUE(QFile::remove(path()));
+    PlainConnection(path()).run("create table T(a)"_q);
+    qputenv("TMPDIR", "/nowhere");
+    EXPECT_TRUE(causeOf(path()).contains("$TMPDIR"_q)) << causeOf(path()).toStdString();
+}
+
+} // namespace
