@@ -11,6 +11,11 @@ class Program;
 void addRows(Program &program); ///< show, newest, range, find, count, tail
 void addImport(Program &program);
 void addExport(Program &program);
+void addStats(Program &program);
+void addPlot(Program &program);
+void addCheck(Program &program);
+void addBackup(Program &program);
+void addSalvage(Program &program);
 
 /// All of them, in the order of the help.
 inline void addCommands(Program &program)
@@ -18,6 +23,11 @@ inline void addCommands(Program &program)
     addRows(program);
     addImport(program);
     addExport(program);
+    addStats(program);
+    addPlot(program);
+    addCheck(program);
+    addBackup(program);
+    addSalvage(program);
 }
 
 } // namespace device_db
