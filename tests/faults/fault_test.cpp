@@ -6,8 +6,6 @@
 namespace
 {
 
-const QString storePath = "store.db"_q;
-
 /// The part of the choice that the file itself keeps.
 Journal inTheFile(Journal journal)
 {
@@ -68,10 +66,15 @@ void FaultTest::sweep(const std::vector<Failing> &ways, Journal journal, int eve
     }
 }
 
+void FaultTest::prepare(Journal journal)
+{
+    disk.setFiles(m_prepared.at(inTheFile(journal)));
+}
+
 void FaultTest::live(const Operation &operation, Journal journal, const Failing &failing, int nth, bool forEver,
                      bool healBeforeClosing)
 {
-    disk.setFiles(m_prepared.at(inTheFile(journal)));
+    prepare(journal);
     const sqlite3_int64 memoryBefore = sqlite3_memory_used();
     Acknowledged acknowledged;
     {
@@ -88,7 +91,7 @@ void FaultTest::live(const Operation &operation, Journal journal, const Failing 
             opened = store->openDB(storePath);
         }
         m_calls.takeCalls();
-        m_log.take();
+        log.take();
 
         Outcome outcome(GetParam());
         operation.call.on(*store, outcome);
@@ -124,17 +127,17 @@ void FaultTest::expectConduct(const Operation &operation, int opened, const Outc
     for (const SqliteCall &call : heard)
         texts.append(call.text);
     EXPECT_EQ(texts, conduct.runs);
-    EXPECT_EQ(m_log.take(), conduct.log);
+    EXPECT_EQ(log.take(), conduct.log);
     EXPECT_EQ(outcome.answer(), conduct.answer);
 }
 
 void FaultTest::expectUsable(interface_data_base &store, Acknowledged &acknowledged)
 {
-    m_log.take();
+    log.take();
     m_calls.takeCalls();
     Outcome next(GetParam());
     store.insertManyDatas(next.input, "AlarmData"_q);
-    EXPECT_EQ(m_log.take(), QStringList());
+    EXPECT_EQ(log.take(), QStringList());
     const std::vector<SqliteCall> heard = m_calls.takeCalls();
     ASSERT_EQ(heard.size(), 3u);
     EXPECT_EQ(heard[1].code, SQLITE_OK);

@@ -36,18 +36,23 @@ protected:
     /// for ever, healed before and after the store is closed. Of all these points each `every`th is run.
     void sweep(const std::vector<Failing> &ways, Journal journal, int every);
 
-    MemoryDisk disk;
-
-private:
     /// One store's life: opened, one operation, closed, all while `failing` does; then healed and used again.
     void live(const Operation &operation, Journal journal, const Failing &failing, int nth, bool forEver,
               bool healBeforeClosing);
+
+    /// Puts the prepared file on the disk.
+    void prepare(Journal journal);
+
+    const QString storePath = "store.db"_q;
+    MemoryDisk disk;
+    DebugLog log;
+
+private:
     void expectConduct(const Operation &operation, int opened, const Outcome &outcome,
                        const std::vector<SqliteCall> &heard);
     void expectUsable(interface_data_base &store, Acknowledged &acknowledged);
     void expectFile(const Acknowledged &acknowledged);
 
-    DebugLog m_log;
     SqliteCalls m_calls;
     std::map<Journal, MemoryDisk::Files> m_prepared;
     std::unique_ptr<Replay> m_replay;

@@ -3,7 +3,7 @@
 // Every operation with every call to the disk failing: what the store answers and logs is what its contract says, and
 // the file holds what was acknowledged.
 //
-// DEVICE_FAULTS_EVERY=1 runs every point; without it each 40th is.
+// DEVICE_FAULTS_EVERY=1 runs every point; without it each 60th is.
 #include "fault_test.h"
 
 namespace
@@ -44,12 +44,46 @@ INSTANTIATE_TEST_SUITE_P(Kinds, IoFaults, everyKind(), nameOfKind);
 
 TEST_P(IoFaults, WithARollbackJournal)
 {
-    sweep(ways(), Journal::Delete, every(40));
+    sweep(ways(), Journal::Delete, every(60));
 }
 
 TEST_P(IoFaults, WithAWriteAheadLog)
 {
-    sweep(ways(), Journal::WriteAhead, every(40));
+    sweep(ways(), Journal::WriteAhead, every(60));
+}
+
+TEST_P(IoFaults, OnAReadOnlyDisk)
+{
+    const Failing readOnly{"read-only disk", [=](int, bool) { disk.setReadOnly(true); },
+                           [=] { disk.setReadOnly(false); }, nullptr};
+    for (const Journal journal : {Journal::Delete, Journal::WriteAhead})
+        for (const Operation &operation : operationsOf(GetParam())) {
+            SCOPED_TRACE(::testing::Message() << operation.call.name << ", journal " << nameOf(journal));
+            live(operation, journal, readOnly, 1, true, false);
+        }
+}
+
+// What reads answers as ever, and a batch is lost without a word: each row fails, and an empty transaction commits. A
+// file with a write-ahead log cannot even be read, because its index cannot be made.
+TEST_P(IoFaults, OnAReadOnlyDiskABatchIsLostWithoutAWord)
+{
+    for (const Journal journal : {Journal::Delete, Journal::WriteAhead}) {
+        SCOPED_TRACE(nameOf(journal));
+        prepare(journal);
+        disk.setReadOnly(true);
+        const library::StorePtr store = library::store(keyOf(GetParam()));
+        EXPECT_EQ(store->openDB(storePath), SQLITE_OK);
+        log.take();
+        Outcome batch(GetParam());
+        store->insertManyDatas(batch.input, "AlarmData"_q);
+        EXPECT_EQ(log.take(), QStringList());
+        const bool reads = journal == Journal::Delete;
+        EXPECT_EQ(store->getDataCountOfTable("AlarmData"_q), reads ? 1 : 0);
+        EXPECT_EQ(log.take(), reads ? QStringList()
+                                    : QStringList{streamed("database getDataCountOfTable failed;",
+                                                           "unable to open database file")});
+        disk.setReadOnly(false);
+    }
 }
 
 // The operator log's execSQL does nothing: that store cannot choose this journal.
@@ -61,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, IoFaultsTruncate, ::testing::Values(History, Ala
 
 TEST_P(IoFaultsTruncate, WithATruncatedJournal)
 {
-    sweep(ways(), Journal::Truncate, every(40));
+    sweep(ways(), Journal::Truncate, every(60));
 }
 
 } // namespace

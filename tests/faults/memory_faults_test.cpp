@@ -2,7 +2,7 @@
 //
 // Every operation with every allocation of SQLite failing, and what was said above.
 //
-// DEVICE_FAULTS_EVERY=1 runs every point; without it each 150th is.
+// DEVICE_FAULTS_EVERY=1 runs every point; without it each 300th is.
 #include "failing_memory.h"
 #include "fault_test.h"
 
@@ -20,12 +20,12 @@ INSTANTIATE_TEST_SUITE_P(Kinds, MemoryFaults, everyKind(), nameOfKind);
 
 TEST_P(MemoryFaults, WithARollbackJournal)
 {
-    sweep(allocation, Journal::Delete, every(150));
+    sweep(allocation, Journal::Delete, every(300));
 }
 
 TEST_P(MemoryFaults, WithAWriteAheadLog)
 {
-    sweep(allocation, Journal::WriteAhead, every(150));
+    sweep(allocation, Journal::WriteAhead, every(300));
 }
 
 } // namespace

@@ -200,7 +200,7 @@ QString PowerCut::recovered(const MemoryDisk::Files &left, bool writeMore)
 
 TEST_P(PowerCut, LosesNothingThatWasAcknowledgedAndKeepsBatchesWhole)
 {
-    const int cuts = fromEnvironment("DEVICE_FAULTS_CUTS", 80);
+    const int cuts = fromEnvironment("DEVICE_FAULTS_CUTS", 50);
     const int seed = fromEnvironment("DEVICE_FAULTS_SEED", 1);
     const sqlite3_int64 memoryBefore = sqlite3_memory_used();
     int lost = 0, again = 0;
