@@ -34,7 +34,8 @@ FaultTest::FaultTest()
 
 FaultTest::~FaultTest()
 {
-    std::printf("%s: %d fault points, felt by %d operations\n", keyOf(GetParam()), m_points, m_felt);
+    if (m_points > 0)
+        std::printf("%s: %d fault points, felt by %d operations\n", keyOf(GetParam()), m_points, m_felt);
 }
 
 void FaultTest::sweep(const std::vector<Failing> &ways, Journal journal, int every)

@@ -28,4 +28,19 @@ TEST_P(MemoryFaults, WithAWriteAheadLog)
     sweep(allocation, Journal::WriteAhead, every(300));
 }
 
+TEST_P(MemoryFaults, WithoutMemoryForAConnectionTheStoreStaysClosed)
+{
+    prepare(Journal::Delete);
+    const library::StorePtr store = library::store(keyOf(GetParam()));
+    failing_memory::failAt(1, true);
+    EXPECT_EQ(store->openDB(storePath), SQLITE_NOMEM);
+    failing_memory::heal();
+    log.take();
+    EXPECT_EQ(store->getDataCountOfTable("AlarmData"_q), 0);
+    EXPECT_FALSE(store->createTable("Other"_q, ""_q));
+    EXPECT_EQ(log.take(), QStringList());
+    EXPECT_EQ(store->openDB(storePath), SQLITE_OK);
+    EXPECT_EQ(store->getDataCountOfTable("AlarmData"_q), 1);
+}
+
 } // namespace
