@@ -7,6 +7,7 @@ the time is over or three runs have failed. The output of a run that failed is k
 """
 import argparse
 import os
+import random
 import re
 import subprocess
 import sys
@@ -21,7 +22,7 @@ class Family:
     program: str  # below build/
     counts: str  # finds the numbers in its output that add up to the family's count
     unit: str
-    # What makes a run take some seconds; the text SECONDS becomes what is left of the family's time.
+    # What makes a run take some seconds. In values, SECONDS becomes what is left of the family's time, SEED a new number.
     environment: dict = field(default_factory=dict)
     arguments: list = field(default_factory=list)
     once: bool = False  # goes through all cases there are, so that a second run would be the same
@@ -40,6 +41,12 @@ FAMILIES = [
     Family("model", "qt6/tests/model_test", r"(\d+) operations in", "operations",
            {"DEVICE_MODEL_OPERATIONS": "50000"}),
     Family("kill", "qt6/tests/kill_test", r"(\d+) kills in", "kills", {"DEVICE_KILL_KILLS": "200"}),
+    Family("io_faults", "qt6/tests/faults/io_faults_test", r"(\d+) fault points", "points",
+           {"DEVICE_FAULTS_EVERY": "1"}, once=True),
+    Family("memory_faults", "qt6/tests/faults/memory_faults_test", r"(\d+) fault points", "points",
+           {"DEVICE_FAULTS_EVERY": "1"}, once=True),
+    Family("power_cuts", "qt6/tests/faults/power_cut_test", r"(\d+) power cuts", "cuts",
+           {"DEVICE_FAULTS_CUTS": "500", "DEVICE_FAULTS_SEED": "SEED"}),
     Family("soak", "qt6/tests/soak_test", r"(\d+) rows in", "rows", {"DEVICE_SOAK_SECONDS": "SECONDS"}),
     fuzz("fuzz_operations"),
     fuzz("fuzz_files"),
@@ -65,7 +72,8 @@ def run(family, share, build):
     started = time.monotonic()
     while True:
         left = max(2, int(share - (time.monotonic() - started)))
-        filled = {name: value.replace("SECONDS", str(left)) for name, value in family.environment.items()}
+        filled = {name: value.replace("SECONDS", str(left)).replace("SEED", str(random.randrange(1, 1 << 31)))
+                  for name, value in family.environment.items()}
         arguments = [argument.replace("SECONDS", str(left)) for argument in family.arguments]
         try:
             result = subprocess.run([build / family.program, *arguments], env={**os.environ, **filled}, cwd=build, text=True,

@@ -79,11 +79,11 @@ INSTANTIATE_TEST_SUITE_P(Kinds, ModelTest, everyKind(), nameOfKind);
 
 TEST_P(ModelTest, AnswersAndFilesAreThoseOfTheModel)
 {
-    const qint64 steps = numberFrom("DEVICE_MODEL_OPERATIONS", 4000);
+    const qint64 steps = numberFrom("DEVICE_MODEL_OPERATIONS", 2000);
     const quint64 seed = seedFrom("DEVICE_MODEL_SEED");
     std::cout << keyOf(GetParam()) << ": DEVICE_MODEL_SEED=" << seed << std::endl;
     // One round is a new file; rollback journal and write-ahead log take turns.
-    const qint64 round = 2000;
+    const qint64 round = 1000;
     QElapsedTimer timer;
     timer.start();
     for (qint64 first = 0; first < steps; first += round) {
