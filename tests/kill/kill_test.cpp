@@ -91,6 +91,11 @@ struct Case {
     const char *mode;
 };
 
+void PrintTo(const Case &each, std::ostream *out)
+{
+    *out << keyOf(each.kind) << ' ' << each.mode;
+}
+
 std::string nameOf(const ::testing::TestParamInfo<Case> &info)
 {
     return std::string(keyOf(info.param.kind)) + "_" + info.param.mode;
