@@ -8,6 +8,7 @@ namespace device_db
 class Program;
 
 // Each adds one command, or a family, with its options; they stand in the file of the same name.
+void addInfo(Program &program);
 void addRows(Program &program); ///< show, newest, range, find, count, tail
 void addImport(Program &program);
 void addExport(Program &program);
@@ -16,10 +17,12 @@ void addPlot(Program &program);
 void addCheck(Program &program);
 void addBackup(Program &program);
 void addSalvage(Program &program);
+void addMaintenance(Program &program); ///< trim, purge, clear, vacuum, checkpoint, tune
 
 /// All of them, in the order of the help.
 inline void addCommands(Program &program)
 {
+    addInfo(program);
     addRows(program);
     addImport(program);
     addExport(program);
@@ -28,6 +31,7 @@ inline void addCommands(Program &program)
     addCheck(program);
     addBackup(program);
     addSalvage(program);
+    addMaintenance(program);
 }
 
 } // namespace device_db

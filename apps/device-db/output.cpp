@@ -41,6 +41,11 @@ void addOutput(CLI::App *command, OutputOptions &options)
     CLI::Option *const full = format("--full", Format::Full, "Print each row as a block, nothing cut off");
     csv->excludes(json)->excludes(full);
     json->excludes(full);
+    addLook(command, options);
+}
+
+void addLook(CLI::App *command, OutputOptions &options)
+{
     command->add_flag("--utc", options.utc,
                       "Times in UTC, given and printed; the device's zone is that of this computer, or $TZ");
     command->add_option("--width", options.width, "Columns of a line; 0: no limit; default: the terminal's")

@@ -24,6 +24,9 @@ struct OutputOptions {
 /// --csv, --json, --full, --utc, --width, --color, --no-pager.
 void addOutput(CLI::App *command, OutputOptions &options);
 
+/// Those that go with any form: --utc, --width, --color, --no-pager.
+void addLook(CLI::App *command, OutputOptions &options);
+
 /// Standard output, by way of a pager when it is a terminal.
 class Output
 {
