@@ -197,6 +197,7 @@ Outcome exportRows(ExportOptions &options)
         return toFile ? failure(options.output, saved.errorString() + QStringLiteral("; check the free space"))
                       : failure(QStringLiteral("standard output"),
                                 standardOutput.errorString() + QStringLiteral("; not all rows were taken"));
+    progress.wipe();
     if (toFile)
         std::printf("%s: %s of %s\n", options.output.toUtf8().constData(), qPrintable(rowsText(count)),
                     table->name.toUtf8().constData());

@@ -637,6 +637,7 @@ Status Import::commit(End end)
 
 Outcome Import::report()
 {
+    m_progress.wipe();
     const qint64 stored = m_place.stored - m_begin.stored;
     const qint64 elapsed = std::max<qint64>(1, m_timer.elapsed());
     QString line = m_options.dryRun ? QStringLiteral("%1: %2 would be stored in %3")

@@ -66,9 +66,11 @@ std::string manualPage(const CLI::App &commandLine)
         page += ".SS " + escaped(usage) + escaped(command->get_description()) + ".\n";
         if (!command->get_footer().empty())
             page += ".PP\n" + escaped(command->get_footer()) + "\n";
-        for (const CLI::Option *option : command->get_options()) {
-            if (option->get_lnames() != std::vector<std::string>{"help"})
-                page += optionEntry(option);
+        for (const bool positional : {true, false}) {
+            for (const CLI::Option *option : command->get_options()) {
+                if (option->get_positional() == positional && option->get_lnames() != std::vector<std::string>{"help"})
+                    page += optionEntry(option);
+            }
         }
     }
     page += ".SH EXIT STATUS\n";

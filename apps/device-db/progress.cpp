@@ -45,6 +45,7 @@ void Progress::wipe()
 {
     if (m_shown)
         std::fputs("\r\033[K", stderr);
+    m_shown = false;
 }
 
 } // namespace device_db

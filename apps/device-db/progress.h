@@ -21,9 +21,10 @@ public:
     /// `done` of `total` (0: unknown) in any measure; `count` of the unit so far. `before`: what an earlier run did.
     void show(qint64 done, qint64 total, qint64 count, qint64 before = 0);
 
-private:
+    /// Takes the line away, before something else is printed. It comes again with the next show().
     void wipe();
 
+private:
     QString m_unit;
     bool m_seen;
     bool m_shown = false;
