@@ -648,6 +648,7 @@ Outcome Import::report()
     if (m_begin.stored > 0)
         line += QStringLiteral("; %1 with those of before").arg(grouped(m_place.stored));
     std::printf("%s\n", line.toUtf8().constData());
+    std::fflush(stdout);
     if (m_place.refused > 0) {
         const QString where = QStringLiteral("; %1 tells lines and reasons").arg(m_refused->path());
         std::fprintf(stderr, "device-db: %s: %s refused%s\n", m_options.input.toUtf8().constData(),

@@ -74,9 +74,8 @@ public:
         if (m_utc)
             toUtc(cells);
         if (m_kind == Kind::Alarms && m_forPeople) {
-            // The day only when it is another one: lines are short of room.
             const QByteArray clock = cells.takeLast();
-            cells.last() = cells.last() == cells.at(1).left(10) ? clock : (cells.last() + ' ' + clock).trimmed();
+            cells.last() = shortEnd(cells.at(1), cells.last(), clock);
         }
         if (m_withId)
             cells.prepend(row.cell(0));
@@ -95,6 +94,16 @@ public:
     }
 
 private:
+    // The clock alone, and in front of it the days that lie between: lines are short of room.
+    static QByteArray shortEnd(const QByteArray &start, const QByteArray &date, const QByteArray &clock)
+    {
+        const qint64 from = millisecondsOf(start.left(10) + " 00:00:00", false);
+        const qint64 to = millisecondsOf(QByteArray(date).replace('/', '-') + " 00:00:00", false);
+        if (from < 0 || to < from)
+            return (date + ' ' + clock).trimmed(); // active, or in a form of its own
+        return (to > from ? '+' + QByteArray::number((to - from) / 86400000) + " d " : QByteArray()) + clock;
+    }
+
     void toUtc(QVector<QByteArray> &cells) const
     {
         QByteArray &time = cells[m_kind == Kind::Alarms ? 1 : 0];

@@ -134,11 +134,11 @@ private:
                 line += QLatin1String("  ");
             if (m_columns.at(i).right)
                 line += padding + cell;
-            else if (i + 1 < m_columns.size())
-                line += cell + padding;
             else
-                line += cell;
+                line += cell + padding;
         }
+        while (line.endsWith(QLatin1Char(' ')))
+            line.chop(1);
         return m_output.write(coloured(line, tone, m_output.colours()) + '\n');
     }
 

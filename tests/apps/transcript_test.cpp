@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
-// Runs the commands of each file in transcripts/ and compares what they print with what stands there. A line that
-// begins with "$ " is a command for bash; behind it stands its output, standard error included, and "? N" when it
-// ends with N and not 0. The commands of one file share a folder, which holds a copy of data/.
+// Runs the commands of each file in transcripts/, and of the guide, and compares what they print with what stands
+// there. A line that begins with "$ " is a command for bash; behind it stands its output, standard error included, and
+// "? N" when it ends with N and not 0. The commands of one file share a folder, which holds a copy of data/. In the
+// guide these are the blocks marked "console". Rates are not compared.
 //
 // With DEVICE_DB_TRANSCRIPTS=write the files are written anew: look at the difference before it is committed.
 #include "text_literal.h"
@@ -10,6 +11,7 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -18,12 +20,14 @@ namespace
 {
 
 const QString folderOfTranscripts = QString::fromLocal8Bit(APPS_DATA) + "/transcripts"_q;
+const QString guide = QString::fromLocal8Bit(APPS_DATA) + "/../../docs/device-db.md"_q;
 
 std::vector<std::string> transcripts()
 {
     std::vector<std::string> names;
     for (const QString &file : QDir(folderOfTranscripts).entryList({"*.txt"_q}, QDir::Files, QDir::Name))
         names.push_back(file.left(file.size() - 4).toStdString());
+    names.push_back("guide");
     return names;
 }
 
@@ -65,21 +69,34 @@ private:
     QTemporaryDir m_folder;
 };
 
+QByteArray withoutRates(const QByteArray &line)
+{
+    static const QRegularExpression rate("[0-9,]+ a second"_q);
+    return QString::fromUtf8(line).replace(rate, "N a second"_q).toUtf8();
+}
+
 TEST_P(Transcript, IsWhatTheCommandsPrint)
 {
-    QFile file(folderOfTranscripts + "/"_q + QString::fromStdString(GetParam()) + ".txt"_q);
+    const bool isGuide = GetParam() == "guide";
+    QFile file(isGuide ? guide : folderOfTranscripts + "/"_q + QString::fromStdString(GetParam()) + ".txt"_q);
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     const QByteArray expected = file.readAll();
     file.close();
+    QList<QByteArray> wanted = expected.split('\n');
+    if (wanted.last().isEmpty())
+        wanted.removeLast();
     QByteArray printed;
     int commands = 0;
-    for (const QByteArray &line : expected.split('\n')) {
-        if (line.startsWith("# ")) // a remark
-            printed += line + '\n';
-        if (!line.startsWith("$ "))
-            continue;
-        ++commands;
-        printed += line + '\n' + run(line.mid(2));
+    bool inBlock = !isGuide;
+    for (const QByteArray &line : wanted) {
+        if (isGuide && line.startsWith("```"))
+            inBlock = line == "```console";
+        if (inBlock && line.startsWith("$ ")) {
+            ++commands;
+            printed += line + '\n' + run(line.mid(2));
+        } else if (!inBlock || line.startsWith("# ") || line.startsWith("```")) {
+            printed += line + '\n'; // text, or a remark
+        }
     }
     EXPECT_GT(commands, 0);
     if (qgetenv("DEVICE_DB_TRANSCRIPTS") == "write") {
@@ -88,14 +105,13 @@ TEST_P(Transcript, IsWhatTheCommandsPrint)
         return;
     }
     // Line by line, so that a failure shows the line and not two long texts.
-    const QList<QByteArray> wanted = expected.split('\n');
     const QList<QByteArray> got = printed.split('\n');
     QByteArray command;
-    for (int i = 0; i < std::max(wanted.size(), got.size()); ++i) {
+    for (int i = 0; i < std::max(wanted.size(), got.size() - 1); ++i) {
         if (wanted.value(i).startsWith("$ "))
             command = wanted.value(i);
-        ASSERT_EQ(got.value(i).toStdString(), wanted.value(i).toStdString())
-            << "line " << i + 1 << " of " << GetParam() << ".txt, behind " << command.constData();
+        ASSERT_EQ(withoutRates(got.value(i)).toStdString(), withoutRates(wanted.value(i)).toStdString())
+            << "line " << i + 1 << " of " << qPrintable(file.fileName()) << ", behind " << command.constData();
     }
 }
 
