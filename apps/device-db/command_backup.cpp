@@ -89,7 +89,7 @@ Outcome run(const BackupCommand &command)
             return failure(command.path,
                            QStringLiteral("its copy is damaged (%1), so the file is; \"device-db salvage\" "
                                           "gets rows out")
-                               .arg(QString::fromUtf8(*verdict)));
+                               .arg(QString::fromUtf8(*verdict).remove(QLatin1String("*** in database main ***\n"))));
     }
     if (const Status placed = target->putInPlace(); !placed)
         return placed.error();

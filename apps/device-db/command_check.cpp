@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
+#include "help.h"
 #include "sqlite.h"
 #include "table_writer.h"
 #include "tables.h"
@@ -72,6 +73,21 @@ QByteArray layoutOf(Kind kind)
     return QByteArray();
 }
 
+// Without the remedies, of which this command is one.
+QString plainCause(const Error &error)
+{
+    return error.cause().section(QLatin1Char(';'), 0, 0);
+}
+
+// For people: nothing is cut off.
+QByteArray paragraph(const QByteArray &severity, const QByteArray &table, const QByteArray &text, const Output &output)
+{
+    const std::string indent(11, ' ');
+    const std::string body = wrapped((table + ": " + text).toStdString(),
+                                     size_t(output.width() > 30 ? output.width() - 11 : 100000), indent);
+    return severity.leftJustified(11) + QByteArray::fromStdString(body) + '\n';
+}
+
 QByteArray plain(const QByteArray &sql)
 {
     return sql.simplified().replace(", ", ",").replace(" ,", ",").replace("( ", "(").replace(" )", ")").toLower();
@@ -108,7 +124,8 @@ Status Check::integrity()
     if (!verdicts)
         return verdicts.error();
     while (verdicts->step()) {
-        const QString verdict = QString::fromUtf8(verdicts->cell(0));
+        QString verdict = QString::fromUtf8(verdicts->cell(0));
+        verdict.remove(QLatin1String("*** in database main ***\n"));
         if (verdict != QLatin1String("ok")) {
             // SQLite tells of a broken rule of a column in the same list.
             const bool rule = verdict.contains(QLatin1String("NULL value in")) ||
@@ -117,7 +134,7 @@ Status Check::integrity()
         }
     }
     if (const Status status = verdicts->status(); !status) {
-        add(Severity::Damage, QString(), status.error().cause());
+        add(Severity::Damage, QString(), plainCause(status.error()));
         return {};
     }
     const auto pages = m_database.number("pragma page_count");
@@ -183,7 +200,7 @@ Status Check::rows(const Table &table)
     QList<Suspicion> suspicions{
         {"DATETIME is null or DATETIME not glob " + form,
          "times in another form than the store's: they do not sort and some queries end at them"},
-        {"DATETIME glob " + form + " and DATETIME<'1990'", "times before 1990: the clock was not set"},
+        {"DATETIME glob " + form + " and DATETIME<'1990-01-01'", "times before 1990: the clock was not set"},
         {"DATETIME glob " + form + " and DATETIME>strftime('%Y-%m-%d %H:%M:%S','now','localtime','+1 day')",
          "times in the future, seen from this computer"},
     };
@@ -291,7 +308,7 @@ Outcome run(const CheckCommand &command)
             return file.error();
         const auto database = Database::open(file->path(), Database::ReadOnly, command.path);
         if (!database) {
-            findings.append({Severity::Damage, QString(), database.error().cause()});
+            findings.append({Severity::Damage, QString(), plainCause(database.error())});
         } else {
             Check check(*database);
             if (const Status done = check.run(); !done)
@@ -310,9 +327,11 @@ Outcome run(const CheckCommand &command)
     Severity worst = Severity::Ok;
     for (const Finding &finding : findings) {
         worst = std::max(worst, finding.severity);
-        writer->row({textOf(finding.severity), finding.table.isEmpty() ? QByteArray("(file)") : finding.table.toUtf8(),
-                     finding.text.toUtf8()},
-                    toneOf(finding.severity));
+        const QByteArray table = finding.table.isEmpty() ? QByteArray("(file)") : finding.table.toUtf8();
+        if (command.output.format == Format::Table)
+            output.write(paragraph(textOf(finding.severity), table, visible(finding.text).toUtf8(), output));
+        else
+            writer->row({textOf(finding.severity), table, finding.text.toUtf8()}, toneOf(finding.severity));
     }
     writer->settle();
     if (worst == Severity::Damage && command.output.format == Format::Table)

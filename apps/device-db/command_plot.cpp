@@ -385,7 +385,7 @@ Outcome run(PlotCommand &command)
         drawn += series.points.count();
         left += series.left;
         if (series.left > 0)
-            std::fprintf(stderr, "device-db: %s: %s values are no numbers or have no time, and are left out\n",
+            std::fprintf(stderr, "device-db: %s: left out because they are no numbers or have no time: %s values\n",
                          series.table.toUtf8().constData(), grouped(series.left).toUtf8().constData());
     }
     if (drawn == 0)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
+#include "help.h"
 #include "new_file.h"
 #include "progress.h"
 #include "salvage.h"
@@ -37,7 +38,7 @@ const char *textOf(SalvagedTable::NameFrom from)
     return "made up";
 }
 
-QByteArray summary(const SalvageReport &report, const QString &target)
+QByteArray summary(const SalvageReport &report, const QString &target, int width)
 {
     QStringList lines;
     lines << QStringLiteral("%1 pages of %2 bytes: %3 with rows, %4 of these damaged; %5 of trees and indexes, %6 of "
@@ -62,7 +63,10 @@ QByteArray summary(const SalvageReport &report, const QString &target)
     if (report.foreignRows > 0)
         lines << QStringLiteral("%1 rows of tables that are no store's were left out").arg(grouped(report.foreignRows));
     lines << QStringLiteral("%1: %2 rows").arg(target, grouped(report.rows()));
-    return (lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8();
+    QByteArray text;
+    for (const QString &line : lines)
+        text += QByteArray::fromStdString(wrapped(line.toStdString(), size_t(width > 0 ? width : 80), "  ")) + '\n';
+    return text;
 }
 
 Outcome run(const SalvageCommand &command)
@@ -130,7 +134,7 @@ Outcome run(const SalvageCommand &command)
     }
     writer->settle();
     if (forPeople)
-        output.write('\n' + summary(report, command.target));
+        output.write('\n' + summary(report, command.target, output.width()));
     return lost > 0 || !report.schemaStands ? Attention : Done;
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // A second process plays the device: it writes batches through the store library while this one reads.
-// DEVICE_LIVE_SECONDS=300 runs every reading command of the tool beside it for so long in each journal mode.
+// DEVICE_LIVE_SECONDS=300 runs every reading command of the tool beside it, again and again, for so long.
 #include "loaded_library.h"
 #include "plain_connection.h"
 #include "text_literal.h"
@@ -137,6 +137,7 @@ protected:
     ~LiveFile() override { m_oldPlace.isNull() ? qunsetenv("TMPDIR") : qputenv("TMPDIR", m_oldPlace); }
 
     QString path(const char *name = "device.db") const { return m_folder.filePath(QString::fromLatin1(name)); }
+    QString folder() const { return m_folder.path(); }
     QString temporary() const { return m_folder.filePath("tmp"_q); }
     /// What stands in the folders, and the file's bytes: what a reader must leave alone.
     QStringList traces() const
@@ -184,6 +185,48 @@ TEST_P(LiveFileModes, IsReadWhileADeviceWritesAndNoCommitFails)
 INSTANTIATE_TEST_SUITE_P(LiveFile, LiveFileModes,
                          ::testing::Values(Writing{"delete", 3}, Writing{"delete", 50}, Writing{"truncate", 3},
                                            Writing{"persist", 3}, Writing{"memory", 3}, Writing{"wal", 3}));
+
+TEST_F(LiveFile, EveryReadingCommandLeavesTheDeviceAlone)
+{
+    const QString mode = qEnvironmentVariable("DEVICE_LIVE_MODE", "delete"_q);
+    Device device(path(), mode, 5);
+    while (shared->batches < 5)
+        usleep(1000);
+    const QList<QStringList> commands{{"info"_q, "device.db"_q},
+                                      {"show"_q, "device.db"_q, "-n"_q, "20"_q},
+                                      {"newest"_q, "device.db"_q},
+                                      {"range"_q, "device.db"_q, "2024-05-06"_q, "2024-05-06 07:00"_q},
+                                      {"find"_q, "device.db"_q, "11"_q, "-n"_q, "5"_q},
+                                      {"count"_q, "device.db"_q},
+                                      {"tail"_q, "device.db"_q},
+                                      {"export"_q, "device.db"_q, "-o"_q, "out.csv"_q, "--force"_q},
+                                      {"stats"_q, "device.db"_q},
+                                      {"plot"_q, "device.db"_q, "--size"_q, "80x24"_q},
+                                      {"check"_q, "device.db"_q},
+                                      {"backup"_q, "device.db"_q, "copy.db"_q, "--force"_q}};
+    const int seconds = qEnvironmentVariableIntValue("DEVICE_LIVE_SECONDS");
+    QElapsedTimer clock;
+    clock.start();
+    int runs = 0;
+    do {
+        for (const QStringList &command : commands) {
+            QProcess tool;
+            tool.setWorkingDirectory(folder());
+            tool.start(QString::fromLocal8Bit(DEVICE_DB), command);
+            ASSERT_TRUE(tool.waitForFinished(60000)) << command.join(QLatin1Char(' ')).toStdString();
+            EXPECT_EQ(tool.exitCode(), 0)
+                << command.join(QLatin1Char(' ')).toStdString() << ": " << tool.readAllStandardError().toStdString();
+            ++runs;
+        }
+        expectWhole(path("copy.db"));
+    } while (clock.elapsed() < seconds * 1000);
+    device.stop();
+    EXPECT_EQ(shared->failures, 0);
+    EXPECT_EQ(valueOf(path(), "select count(*) from Boiler"_q).toInt(), batchRows * shared->batches);
+    EXPECT_TRUE(QDir(temporary()).isEmpty());
+    std::cout << mode.toStdString() << ": " << shared->batches << " batches, " << runs << " commands, "
+              << shared->failures << " failed commits\n";
+}
 
 TEST_F(LiveFile, ALockOfAReaderIsSeenByTheDevice)
 {
