@@ -43,7 +43,9 @@ void FaultTest::sweep(const std::vector<Failing> &ways, Journal journal, int eve
     int nth = 1; // counted on from one way to the next, so that a slice is spread over all
     for (const Operation &operation : operationsOf(GetParam())) {
         for (const bool healBeforeClosing : {true, false}) {
+            const int feltBefore = m_felt;
             live(operation, journal, ways.front(), 0, false, healBeforeClosing); // counts the calls of every way
+            ASSERT_EQ(m_felt, feltBefore) << operation.call.name << " fails also when nothing does";
             std::vector<int> calls;
             for (const Failing &way : ways)
                 calls.push_back(way.calls());

@@ -37,6 +37,7 @@ public:
     MemoryDisk::Files cut(std::mt19937 &random, int sectorSize) const;
 
 private:
+    Q_DISABLE_COPY(PowerCuts)
     void play(size_t until);
 
     std::vector<DiskEvent> m_events;

@@ -88,8 +88,7 @@ protected:
     /// returned is noted with the number of the state that the file is in from then on.
     std::vector<DiskEvent> recordOfALife();
 
-    /// Opens what the power cut left, through the library, and sees what it holds; `record` takes what the recovery
-    /// does.
+    /// Opens what the power cut left, through the library. What the file holds then.
     QString recovered(const MemoryDisk::Files &left, bool writeMore);
 
     MemoryDisk disk;
@@ -184,7 +183,6 @@ QString PowerCut::recovered(const MemoryDisk::Files &left, bool writeMore)
     const int rows = stands ? store->getDataCountOfTable("AlarmData"_q) : 0;
     EXPECT_EQ(store->closeDB(), SQLITE_OK);
     EXPECT_EQ(log.take(), QStringList());
-    const MemoryDisk::Files files = disk.files();
     const QString content = contentOf(path);
     if (writeMore && stands) {
         EXPECT_EQ(store->openDB(path), SQLITE_OK);
