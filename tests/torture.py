@@ -32,7 +32,7 @@ def fuzz(name):
     here = Path(__file__).parent / "fuzz"
     place = "fuzz/tests/fuzz"
     return Family(name, f"{place}/{name}", r"number_of_executed_units: (\d+)", "inputs", arguments=[
-        "-max_total_time=SECONDS", "-timeout=25", "-rss_limit_mb=2048", "-print_final_stats=1", f"-dict={here}/{name}.dict",
+        "-max_total_time=SECONDS", "-timeout=600", "-rss_limit_mb=2048", "-print_final_stats=1", f"-dict={here}/{name}.dict",
         f"-artifact_prefix={place}/{name}-", f"{place}/found/{name}", f"{place}/seeds/{name}"])
 
 

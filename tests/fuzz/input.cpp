@@ -8,9 +8,9 @@ namespace
 
 // A null pointer makes a null text.
 const char *const tables[] = {
-    "T1", "AlarmData",      "OperatorLog", "tb_config",      "sqlite_master", "sqlite_sequence", "missing", "t1",
-    "",   nullptr,          "T'1",         "T1 where 0",     "order",         "Kessel 1 °C",     "\"T 1\"", "T%1",
-    "V",  "(select 1,2,3)", "T1;",         "T1 indexed by I"};
+    "T1", "AlarmData",      "OperatorLog", "tb_config",       "sqlite_master", "sqlite_sequence", "missing", "t1",
+    "",   nullptr,          "T'1",         "T1 where 0",      "order",         "Kessel 1 °C",     "\"T 1\"", "T%1",
+    "V",  "(select 1,2,3)", "T1;",         "T1 indexed by I", "AlarmData --",  "AlarmData' --"};
 const char *const times[] = {"2024-05-06 07:08:09",
                              "2024/05/06 07:08:09",
                              "2024-05-06 07:08:09.123",

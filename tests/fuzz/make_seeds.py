@@ -43,7 +43,7 @@ CONFIG = f"create table tb_config({ID},COLLECTOR text,NAME text)"
 ROWS = [
     ("insert into T1 values(NULL,?,?)", ("2024-05-06 07:08:09", "87.5 °C")),
     ("insert into AlarmData values(NULL,?,?,?,?,?,?,?,?,?)",
-     (2, "2024-05-06 07:08:09", "Pump 1", "High", "87.5", "80", "Level above limit", "", "")),
+     (2, "2024-05-06 07:08:09", "Pump 1", "High", "87.5", "80.25", "Level above limit", "", "")),
     ("insert into OperatorLog values(NULL,?,?,?,?)", ("2024-05-06 07:08:09.123", "admin", "Login", "it's in")),
 ]
 

@@ -67,6 +67,7 @@ void sandbox::enter()
 {
     qputenv("TZ", "UTC");
     qInstallMessageHandler(drop);
+    library::supportList(); // loads it: libFuzzer then counts its coverage from the first input on
     sqlite3_initialize();
     sqlite3_hard_heap_limit64(64 << 20);
     sqlite3_auto_extension(reinterpret_cast<void (*)()>(confine));
