@@ -3,7 +3,8 @@
 """Runs the long forms of the tests that work by brute force, one family after the other, within a time budget.
 
 ./dev torture builds them and calls this. Each program is run again and again, with a new seed, until its share of
-the time is over or three runs have failed. The output of a run that failed is kept; it names the seed, by which the program repeats the run.
+the time is over or three runs have failed. The output of a run that failed is kept; it names
+the seed, by which the program repeats the run.
 """
 import argparse
 import os
@@ -22,7 +23,7 @@ class Family:
     program: str  # below build/
     counts: str  # finds the numbers in its output that add up to the family's count
     unit: str
-    # What makes a run take some seconds. In values, SECONDS becomes what is left of the family's time, SEED a new number.
+    # What makes a run take some seconds. In values SECONDS becomes what is left of the family's time, SEED a number.
     environment: dict = field(default_factory=dict)
     arguments: list = field(default_factory=list)
     once: bool = False  # goes through all cases there are, so that a second run would be the same
@@ -32,8 +33,9 @@ def fuzz(name):
     here = Path(__file__).parent / "fuzz"
     place = "fuzz/tests/fuzz"
     return Family(name, f"{place}/{name}", r"number_of_executed_units: (\d+)", "inputs", arguments=[
-        "-max_total_time=SECONDS", "-timeout=600", "-rss_limit_mb=2048", "-print_final_stats=1", f"-dict={here}/{name}.dict",
-        f"-artifact_prefix={place}/{name}-", f"{place}/found/{name}", f"{place}/seeds/{name}"])
+        "-max_total_time=SECONDS", "-timeout=600", "-rss_limit_mb=2048", "-print_final_stats=1",
+        f"-dict={here}/{name}.dict", f"-artifact_prefix={place}/{name}-", f"{place}/found/{name}",
+        f"{place}/seeds/{name}"])
 
 
 # A new family is one line here and, when it has a build of its own, one in ./dev.
@@ -67,41 +69,57 @@ def row(family, count, seconds, violations):
 
 
 def run(family, share, build):
-    """Returns the count and the number of runs that failed."""
+    """Returns the count, the number of runs that failed, and the seconds."""
     count = violations = 0
     started = time.monotonic()
     while True:
-        left = max(2, int(share - (time.monotonic() - started)))
-        filled = {name: value.replace("SECONDS", str(left)).replace("SEED", str(random.randrange(1, 1 << 31)))
-                  for name, value in family.environment.items()}
-        arguments = [argument.replace("SECONDS", str(left)) for argument in family.arguments]
-        try:
-            result = subprocess.run([build / family.program, *arguments], env={**os.environ, **filled}, cwd=build, text=True,
-                                    errors="replace", timeout=share + HANGS_AFTER, stdout=subprocess.PIPE,
-                                    stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, check=False)
-            output, failed = result.stdout, result.returncode != 0
-        except subprocess.TimeoutExpired as hung:
-            output, failed = f"{hung.stdout or ''}\ndid not end", True
+        log = build / f"torture-{family.name}-{violations + 1}.log"
+        failed = not run_once(family, started, share, build, log, f"{family.name}: {count} {family.unit}")
+        output = log.read_text(encoding="utf-8", errors="replace")
         got = sum(int(number) for number in re.findall(family.counts, output))
         count += got
         if failed or got == 0:
             violations += 1
-            kept = build / f"torture-{family.name}-{violations}.log"
-            kept.write_text(output, encoding="utf-8")
-            show(f"{family.name}: a run failed; its output is {kept}")
+            show(f"{family.name}: a run failed; its output is {log}")
+        else:
+            log.unlink()
         seconds = time.monotonic() - started
-        show(f"{family.name}: {count} {family.unit}, {seconds:.0f} of {share:.0f} s, {violations} failed", end="")
         if family.once or seconds >= share - 1 or violations == 3:
             break
     show(row(family.name, f"{count:,}", f"{seconds:.0f}", violations))
     return count, violations, seconds
 
 
+def run_once(family, started, share, build, log, progress):
+    """True when the program ended well. Shows how far the family is, each second."""
+    left = max(2, int(share - (time.monotonic() - started)))
+    environment = {name: value.replace("SECONDS", str(left)).replace("SEED", str(random.randrange(1, 1 << 31)))
+                   for name, value in family.environment.items()}
+    arguments = [argument.replace("SECONDS", str(left)) for argument in family.arguments]
+    with open(log, "w", encoding="utf-8") as output:
+        program = subprocess.Popen([build / family.program, *arguments], env={**os.environ, **environment}, cwd=build,
+                                   stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT)
+        try:
+            while True:
+                seconds = time.monotonic() - started
+                show(f"{progress}, {seconds:.0f} of {share:.0f} s", end="")
+                try:
+                    return program.wait(timeout=1) == 0
+                except subprocess.TimeoutExpired:
+                    if seconds > share + HANGS_AFTER:
+                        output.write("\ndid not end\n")
+                        return False
+        finally:
+            program.kill()
+            program.wait()
+
+
 def main():
     names = [family.name for family in FAMILIES]
     parser = argparse.ArgumentParser(prog="./dev torture", description=__doc__.split("\n", maxsplit=1)[0])
     parser.add_argument("seconds", nargs="?", type=int, default=900,
-                        help="the budget for all families together; each ends with the run that crosses its share (900)")
+                        help="the budget of all families together, 900 when not given; each ends with the run that "
+                             "crosses its share")
     parser.add_argument("--only", metavar="FAMILY", action="append", choices=names,
                         help="run this family, can be given again: " + ", ".join(names))
     arguments = parser.parse_args()

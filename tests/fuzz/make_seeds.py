@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: MIT
 """Makes what the fuzz targets start from.
 
-make_seeds.py FOLDER                    database files for fuzz_files, and the inputs of the *.seeds files beside this script
+make_seeds.py FOLDER                    database files for fuzz_files, and the inputs of the *.seeds files beside it
 make_seeds.py --pack FOLDER NAME.seeds  packs a folder of inputs, such as libFuzzer's -merge=1 makes, one a line
 
 Pages of 512 bytes keep them small. The bytes behind a file are those that the target reads from the end of its
