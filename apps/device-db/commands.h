@@ -12,12 +12,12 @@ void addInfo(Program &program);
 void addRows(Program &program); ///< show, newest, range, find, count, tail
 void addImport(Program &program);
 void addExport(Program &program);
+void addMaintenance(Program &program); ///< trim, purge, clear, vacuum, checkpoint, tune
 void addStats(Program &program);
 void addPlot(Program &program);
 void addCheck(Program &program);
 void addBackup(Program &program);
 void addSalvage(Program &program);
-void addMaintenance(Program &program); ///< trim, purge, clear, vacuum, checkpoint, tune
 
 /// All of them, in the order of the help.
 inline void addCommands(Program &program)
@@ -26,12 +26,12 @@ inline void addCommands(Program &program)
     addRows(program);
     addImport(program);
     addExport(program);
+    addMaintenance(program);
     addStats(program);
     addPlot(program);
     addCheck(program);
     addBackup(program);
     addSalvage(program);
-    addMaintenance(program);
 }
 
 } // namespace device_db
