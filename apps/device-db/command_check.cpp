@@ -195,20 +195,21 @@ Status Check::rows(const Table &table)
         form.insert(form.size() - 1, ".[0-9][0-9][0-9]");
     struct Suspicion {
         QByteArray condition;
-        const char *text;
+        const char *what;
+        const char *consequence;
     };
     QList<Suspicion> suspicions{
-        {"DATETIME is null or DATETIME not glob " + form,
-         "times in another form than the store's: they do not sort and some queries end at them"},
-        {"DATETIME glob " + form + " and DATETIME<'1990-01-01'", "times before 1990: the clock was not set"},
+        {"DATETIME is null or DATETIME not glob " + form, "times in another form than the store's",
+         "they do not sort, and some queries end at them"},
+        {"DATETIME glob " + form + " and DATETIME<'1990-01-01'", "times before 1990", "the clock was not set"},
         {"DATETIME glob " + form + " and DATETIME>strftime('%Y-%m-%d %H:%M:%S','now','localtime','+1 day')",
-         "times in the future, seen from this computer"},
+         "times in the future", "seen from this computer"},
     };
     if (table.kind == Kind::Alarms)
         suspicions << Suspicion{
             "(EndDate='' or EndDate is null)<>(EndTime='' or EndTime is null) or EndDate is null or "
             "EndTime is null",
-            "alarms with half an end: no query finds them and no purge removes them"};
+            "alarms with half an end", "no query finds them and no purge removes them"};
     bool clean = true;
     for (const Suspicion &suspicion : suspicions) {
         QByteArray firstId;
@@ -219,8 +220,9 @@ Status Check::rows(const Table &table)
             continue;
         clean = false;
         add(Severity::Attention, table.name,
-            QStringLiteral("%1 %2 (first ID %3)")
-                .arg(grouped(*found), QLatin1String(suspicion.text), QString::fromLatin1(firstId)));
+            QStringLiteral("%1: %2, the first with ID %3; %4")
+                .arg(QLatin1String(suspicion.what), grouped(*found), QString::fromLatin1(firstId),
+                     QLatin1String(suspicion.consequence)));
     }
     if (clean)
         add(Severity::Ok, table.name,

@@ -147,7 +147,7 @@ void addSalvage(Program &program)
         "Reads every page of DAMAGED, also when its beginning is gone, pages are overwritten or the end is missing, and "
         "writes the rows that stand in full, with their IDs, to NEW. DAMAGED is never written. A write-ahead log beside "
         "it is taken into account. Rows of a table of which nothing tells the name come into tables called "
-        "salvaged_..., and rows of two tables never into one. \"Lost pages\" are those that a table still names and "
+        "salvaged_..., in several where nothing tells what belongs together. \"Lost pages\" are those that a table still names and "
         "that hold nothing any more. Exit code 3: something is lost.");
     const auto options = std::make_shared<SalvageCommand>();
     addText(command, "DAMAGED", options->damaged, "The damaged file")->type_name("")->required();

@@ -581,7 +581,7 @@ void Salvage::fillHoles()
 }
 
 // Pieces of which nothing tells the table: those that go on where another ends, without another choice, are put
-// together. Rows of two tables are never mixed; a table may come out in several pieces.
+// together. It is better that a table comes out in several pieces than that rows of two are mixed.
 void Salvage::gatherRest()
 {
     std::vector<size_t> order;
