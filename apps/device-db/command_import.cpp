@@ -74,9 +74,9 @@ struct Alias {
     const char *name;
     const char *key;
 };
-constexpr Alias aliases[] = {{"timestamp", "time"},   {"date", "time"},        {"datetime", "time"}, {"start", "start"},
-                             {"time", "start"},       {"timestamp", "start"},  {"username", "user"}, {"logname", "log"},
-                             {"enddate", "end_date"}, {"endtime", "end_time"}, {"text", "message"}};
+constexpr Alias aliases[] = {
+    {"timestamp", "time"}, {"date", "time"},   {"datetime", "time"},    {"time", "start"},       {"timestamp", "start"},
+    {"username", "user"},  {"logname", "log"}, {"enddate", "end_date"}, {"endtime", "end_time"}, {"text", "message"}};
 
 int columnNamed(Kind kind, const QString &name)
 {
@@ -108,10 +108,9 @@ Result<Assignment> assigned(const ImportOptions &options, Kind kind, const QStri
 {
     Assignment assignment{kind, {}};
     for (const QString &name : names) {
-        const int column = name == QLatin1String("-") || name.compare(QLatin1String("id"), Qt::CaseInsensitive) == 0
-                               ? -1
-                               : columnNamed(kind, name);
-        if (column < 0 && name != QLatin1String("-") && name.compare(QLatin1String("id"), Qt::CaseInsensitive) != 0)
+        const bool leftOut = name == QLatin1String("-") || name.compare(QLatin1String("id"), Qt::CaseInsensitive) == 0;
+        const int column = leftOut ? -1 : columnNamed(kind, name);
+        if (column < 0 && !leftOut)
             return failure(
                 options.input,
                 names.size() == 1
