@@ -29,13 +29,15 @@ class Family:
     once: bool = False  # goes through all cases there are, so that a second run would be the same
 
 
-def fuzz(name):
+def fuzz(name, inputs=None):
+    """`inputs` names the target whose seeds and words this one starts from, when it has none of its own."""
+    inputs = inputs or name
     here = Path(__file__).parent / "fuzz"
     place = "fuzz/tests/fuzz"
     return Family(name, f"{place}/{name}", r"number_of_executed_units: (\d+)", "inputs", arguments=[
         "-max_total_time=SECONDS", "-timeout=600", "-rss_limit_mb=2048", "-print_final_stats=1",
-        f"-dict={here}/{name}.dict", f"-artifact_prefix={place}/{name}-", f"{place}/found/{name}",
-        f"{place}/seeds/{name}"])
+        f"-dict={here}/{inputs}.dict", f"-artifact_prefix={place}/{name}-", f"{place}/found/{name}",
+        f"{place}/seeds/{inputs}"])
 
 
 # A new family is one line here and, when it has a build of its own, one in ./dev.
@@ -52,6 +54,7 @@ FAMILIES = [
     Family("soak", "qt6/tests/soak_test", r"(\d+) rows in", "rows", {"DEVICE_SOAK_SECONDS": "SECONDS"}),
     fuzz("fuzz_operations"),
     fuzz("fuzz_files"),
+    fuzz("fuzz_salvage", "fuzz_files"),
 ]
 
 HANGS_AFTER = 900  # seconds behind its share
