@@ -90,6 +90,10 @@ private:
         QList<QStringList> rows;
         store->execSQL({"PRAGMA journal_mode="_q + mode}, rows, 1);
         store->createTable("Boiler"_q, "Boiler 1"_q);
+        // Large enough that copying it takes a while, in which a batch may come.
+        store->execSQL({"with recursive n(i) as (select 0 union all select i+1 from n where i<149999) insert into "
+                        "Boiler select NULL,'2024-05-06 07:08:09',-1-i/%1 from n"_q.arg(batchRows)},
+                       rows, 0);
         const int before = store->getDataCountOfTable("Boiler"_q) / batchRows;
         shared->ready = true;
         while (!shared->stop) {
@@ -177,7 +181,7 @@ TEST_P(LiveFileModes, IsReadWhileADeviceWritesAndNoCommitFails)
     device.stop();
     EXPECT_EQ(shared->failures, 0);
     EXPECT_GT(shared->batches, 3);
-    EXPECT_EQ(valueOf(path(), "select count(*) from Boiler"_q).toInt(), batchRows * shared->batches);
+    EXPECT_EQ(valueOf(path(), "select count(*) from Boiler where Value>='0'"_q).toInt(), batchRows * shared->batches);
     EXPECT_TRUE(QDir(temporary()).isEmpty());
     std::cout << shared->batches << " batches, " << snapshots << " snapshots\n";
 }
@@ -222,7 +226,7 @@ TEST_F(LiveFile, EveryReadingCommandLeavesTheDeviceAlone)
     } while (clock.elapsed() < seconds * 1000);
     device.stop();
     EXPECT_EQ(shared->failures, 0);
-    EXPECT_EQ(valueOf(path(), "select count(*) from Boiler"_q).toInt(), batchRows * shared->batches);
+    EXPECT_EQ(valueOf(path(), "select count(*) from Boiler where Value>='0'"_q).toInt(), batchRows * shared->batches);
     EXPECT_TRUE(QDir(temporary()).isEmpty());
     std::cout << mode.toStdString() << ": " << shared->batches << " batches, " << runs << " commands, "
               << shared->failures << " failed commits\n";
