@@ -209,6 +209,16 @@ TEST_P(AlarmRecordQuery, JoinsTheEndTimeFromTheLastTwoCells)
     EXPECT_EQ(alarms.last().endTime, localTime(2024, 5, 7, 1, 2, 3));
 }
 
+TEST_P(AlarmRecordQuery, AnEndWithOneDigitWhereTwoBelongIsInvalid)
+{
+    relay({"1"_q, "2"_q, "'2024-05-06 07:08:09'"_q, "''"_q, "''"_q, "''"_q, "''"_q, "''"_q, "'2024-05-07'"_q,
+           "'01:02:3'"_q},
+          "a, b, DATETIME, c, d, EndDate, EndTime, e, f, g"_q);
+    query();
+    ASSERT_EQ(alarms.size(), 2);
+    EXPECT_FALSE(alarms.last().endTime.isValid());
+}
+
 TEST_P(AlarmRecordQuery, GivesActiveAlarmsAlone)
 {
     add("active"_q, "2024-05-06 07:08:09"_q);

@@ -96,7 +96,9 @@ public:
                                               QString::fromUtf8("日本語"),
                                               QString("%") + QChar(0x0661),
                                               QString("%L") + QChar(0x0967),
-                                              QString("%") + QChar(0xe9)};
+                                              QString("%") + QChar(0xe9),
+                                              QString(QChar(0x80)),
+                                              QString(9, QChar(0x80))};
         if (oneIn(4))
             return of(pieces);
         QString text;
