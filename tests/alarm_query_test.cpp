@@ -54,6 +54,13 @@ protected:
             columns, cells.join(", "_q)));
         forget();
     }
+    /// One row that is active by its columns' names and ended by its cells: only another layout can be both.
+    void relayEndedAt(const QString &clock)
+    {
+        relay({"1"_q, "2"_q, "'2024-05-06 07:08:09'"_q, "''"_q, "''"_q, "''"_q, "''"_q, "''"_q, "'2024-05-07'"_q,
+               "'%1'"_q.arg(clock)},
+              "a, b, DATETIME, c, d, EndDate, EndTime, e, f, g"_q);
+    }
     void forget()
     {
         log.take();
@@ -199,10 +206,7 @@ TEST_P(AlarmRecordQuery, FillsFromNullCellsAnEmptyRecord)
 
 TEST_P(AlarmRecordQuery, JoinsTheEndTimeFromTheLastTwoCells)
 {
-    // Only a table of another layout can be active by its names and ended by its cells.
-    relay({"1"_q, "2"_q, "'2024-05-06 07:08:09'"_q, "''"_q, "''"_q, "''"_q, "''"_q, "''"_q, "'2024-05-07'"_q,
-           "'01:02:03'"_q},
-          "a, b, DATETIME, c, d, EndDate, EndTime, e, f, g"_q);
+    relayEndedAt("01:02:03"_q);
     query();
     ASSERT_EQ(alarms.size(), 2);
     EXPECT_EQ(alarms.last().startTime, localTime(2024, 5, 6, 7, 8, 9));
@@ -211,9 +215,7 @@ TEST_P(AlarmRecordQuery, JoinsTheEndTimeFromTheLastTwoCells)
 
 TEST_P(AlarmRecordQuery, AnEndWithOneDigitWhereTwoBelongIsInvalid)
 {
-    relay({"1"_q, "2"_q, "'2024-05-06 07:08:09'"_q, "''"_q, "''"_q, "''"_q, "''"_q, "''"_q, "'2024-05-07'"_q,
-           "'01:02:3'"_q},
-          "a, b, DATETIME, c, d, EndDate, EndTime, e, f, g"_q);
+    relayEndedAt("01:02:3"_q);
     query();
     ASSERT_EQ(alarms.size(), 2);
     EXPECT_FALSE(alarms.last().endTime.isValid());
