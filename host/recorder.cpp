@@ -106,16 +106,13 @@ public:
     }
 
     // Puts what is to be done in the recorder's own thread into its mail; a Qt event only says that there is some.
+    // It is made and posted under the lock that the receiver takes, so what orders the two threads is not Qt's alone.
     void mail(std::function<void()> letter)
     {
-        bool isFirst = false;
-        {
-            const std::lock_guard lock(m_mutex);
-            isFirst = m_mail.empty();
-            m_mail.push_back(std::move(letter));
-        }
-        if (isFirst)
+        const std::lock_guard lock(m_mutex);
+        if (m_mail.empty())
             QCoreApplication::postEvent(m_recorder, new QEvent(QEvent::User));
+        m_mail.push_back(std::move(letter));
     }
 
     // The oldest letter; empty when there is none.
