@@ -101,6 +101,25 @@ TEST_P(Failures, WithAWriteAheadLogAReaderDisturbsNobody)
     EXPECT_EQ(reading->value("select count(*) from AlarmData"_q), "1"_q);
 }
 
+TEST_P(Failures, WithAWriteAheadLogTheLastToCloseLocksTheFileForAMoment)
+{
+    prepare(Journal::WriteAhead);
+    auto reading = std::make_unique<PlainConnection>(storePath);
+    insert(*opened(), {"first"_q}); // closed at once, and the reader is the last
+    EXPECT_EQ(reading->value("select count(*) from AlarmData"_q), "2"_q);
+    int logsRemoved = 0;
+    disk.beforeRemove([&](const QByteArray &name) {
+        logsRemoved += name.endsWith("-wal");
+        const library::StorePtr store = opened();
+        insert(*store, {"second"_q});
+        EXPECT_EQ(log.take(), QStringList());
+    });
+    reading.reset();
+    disk.beforeRemove({});
+    EXPECT_EQ(logsRemoved, 1);
+    EXPECT_EQ(stored(), QStringList{"first"_q});
+}
+
 TEST_P(Failures, WhileAnotherConnectionWritesABatchVanishesWithoutAWord)
 {
     for (const Journal journal : {Journal::Delete, Journal::WriteAhead}) {

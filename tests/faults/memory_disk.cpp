@@ -87,6 +87,7 @@ struct MemoryDisk::Private {
     int handles = 0;
     int sectorSize = 4096;
     bool readOnly = false;
+    std::function<void(const QByteArray &name)> removeListener;
 
     bool counting = false;
     int counts[int(DiskCall::LockShared) + 1] = {};
@@ -156,6 +157,8 @@ int MemoryDisk::Private::remove(sqlite3_vfs *vfs, const char *name, int syncFold
 {
     Private &disk = of(vfs);
     return disk.run(DiskCall::Delete, [&] {
+        if (disk.removeListener)
+            disk.removeListener(name);
         const auto found = disk.folder.find(name);
         if (found == disk.folder.end())
             return SQLITE_IOERR_DELETE_NOENT;
@@ -366,6 +369,11 @@ MemoryDisk::~MemoryDisk()
 {
     sqlite3_vfs_register(d->real, 1);
     sqlite3_vfs_unregister(&d->vfs);
+}
+
+void MemoryDisk::beforeRemove(std::function<void(const QByteArray &name)> listener)
+{
+    d->removeListener = std::move(listener);
 }
 
 MemoryDisk::Files MemoryDisk::files() const

@@ -6,6 +6,7 @@
 
 #include <sqlite3.h>
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -69,6 +70,9 @@ public:
     void heal();
     /// The calls of a kind between failAt() and heal().
     int calls(DiskCall call) const;
+
+    /// Calls the listener with the name of each file that is about to be removed.
+    void beforeRemove(std::function<void(const QByteArray &name)> listener);
 
     /// Writes down what happens to the files from now on, behind what lies there already, as if it were synced.
     void record();
