@@ -236,8 +236,9 @@ TEST_P(SoakTest, NothingGrowsWithTime)
     // A log keeps the size that the slowest reader gave it: what SQLite allows without one, 1000 pages, and as much
     // again.
     EXPECT_LE(largest[2].logs, 3 * 2 * 1000 * 4096);
-    if (!__asan_init) // AddressSanitizer keeps what is freed
+    if (!__asan_init) { // AddressSanitizer keeps what is freed
         EXPECT_LE(largest[2].memory, largest[1].memory + (2 << 20));
+    }
 }
 
 } // namespace
