@@ -23,6 +23,7 @@ private:
 
     std::vector<Contender> m_contenders;
     int m_calls = 1;
+    double m_floor = 0; ///< What FLOOR took last.
     std::mt19937 m_order;
 };
 
