@@ -40,6 +40,11 @@ struct Case {
     const Mode *mode;
 };
 
+void PrintTo(const Case &each, std::ostream *out)
+{
+    *out << keyOf(each.kind) << ", " << each.mode->name;
+}
+
 std::vector<Case> cases()
 {
     std::vector<Case> all;
