@@ -82,6 +82,11 @@ struct NameCase {
     bool valid;
 };
 
+void PrintTo(const NameCase &each, std::ostream *out)
+{
+    *out << each.text;
+}
+
 class TableNames : public ::testing::TestWithParam<NameCase>
 {
 };

@@ -281,6 +281,11 @@ struct ProfileCase {
     int indexes;
 };
 
+void PrintTo(const ProfileCase &each, std::ostream *out)
+{
+    *out << each.journal << ", " << each.indexes << " indexes";
+}
+
 class Profiles : public HostTest, public ::testing::WithParamInterface<ProfileCase>
 {
 };
