@@ -20,6 +20,7 @@
 #include <sqlite3.h>
 
 #include <atomic>
+#include <csignal>
 #include <iostream>
 #include <new>
 
