@@ -260,7 +260,7 @@ class TimeReader
 {
 public:
     enum Form { Seconds, Milliseconds };
-    explicit TimeReader(Form form) : m_form(form), m_dayIsPlain(false) {}
+    explicit TimeReader(Form form) : m_form(form), m_dayIsPlain(false), m_dayStart(0) {}
 
     QDateTime read(const char *cell);
 
@@ -271,6 +271,7 @@ private:
     Form m_form;
     QDate m_day;
     bool m_dayIsPlain;
+    qint64 m_dayStart; ///< Of a plain day: midnight, in milliseconds since 1970 in UTC.
 };
 
 /// QString::fromUtf8() for a column whose texts recur: equal cells share one text. One for each column and
