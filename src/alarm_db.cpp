@@ -25,8 +25,7 @@ void appendAlarms(const TableQuery &query, void *list)
     TimeReader times(TimeReader::Seconds);
     RecurringTexts objects, types, values, descriptions;
     for (int row = 0; row < query.rowCount(); ++row) {
-        alarms.append(AlarmData());
-        AlarmData &alarm = alarms.last();
+        AlarmData &alarm = appendNew(alarms);
         alarm.level = toInt(query.cell(row, 1));
         alarm.startTime = times.read(query.cell(row, 2));
         alarm.alarmObject = objects.read(query.cell(row, 3));
@@ -35,10 +34,9 @@ void appendAlarms(const TableQuery &query, void *list)
         alarm.limitValue = toDouble(query.cell(row, 6));
         alarm.description = descriptions.read(query.cell(row, 7));
         if (!isEmpty(query.cell(row, 8)) || !isEmpty(query.cell(row, 9))) // an active alarm has no end to parse
-            alarm.endTime = QDateTime::fromString(QString::fromLatin1("%1 %2")
-                                                      .arg(QString::fromUtf8(query.cell(row, 8)))
-                                                      .arg(QString::fromUtf8(query.cell(row, 9))),
-                                                  QLatin1String("yyyy-MM-dd hh:mm:ss"));
+            alarm.endTime = QDateTime::fromString(
+                QString::fromLatin1("%1 %2").arg(toText(query.cell(row, 8))).arg(toText(query.cell(row, 9))),
+                QLatin1String("yyyy-MM-dd hh:mm:ss"));
     }
 }
 
@@ -73,9 +71,9 @@ bool alarm_db::createTable(QString table, QString)
         return false;
     const Execution create(
         m_connection,
-        QString::fromLatin1(
-            "create table %1(ID INTEGER PRIMARY KEY AUTOINCREMENT,LevelID INTEGER,DATETIME dateTime,AlarmObject text,AlarmType text,CurrentValue text,LimitValue text,AlarmDescription text,EndDate text,EndTime text)")
-            .arg(table));
+        statement(
+            "create table %1(ID INTEGER PRIMARY KEY AUTOINCREMENT,LevelID INTEGER,DATETIME dateTime,AlarmObject text,AlarmType text,CurrentValue text,LimitValue text,AlarmDescription text,EndDate text,EndTime text)",
+            table));
     if (create.failed())
         qDebug() << "alarm Table create fail!";
     else
@@ -125,14 +123,9 @@ void alarm_db::findDataByTime(QString start, QString end, int page, int pageSize
     start.replace(QLatin1String("/"), QLatin1String("-"));
     end.replace(QLatin1String("/"), QLatin1String("-"));
     const int offset = int(unsigned(page) * unsigned(pageSize)); // wraps at 32 bits
-    const TableQuery query(
-        m_connection,
-        QString::fromLatin1("select * from '%1' where DATETIME between '%2' and '%3' order by ID limit %4,%5")
-            .arg(table)
-            .arg(start)
-            .arg(end)
-            .arg(offset)
-            .arg(pageSize));
+    const TableQuery query(m_connection,
+                           statement("select * from '%1' where DATETIME between '%2' and '%3' order by ID limit %4,%5",
+                                     table, start, end, offset, pageSize));
     if (query.failed()) {
         qDebug() << "findDataByTime" << QString::fromLatin1(query.errorText());
         return;
@@ -150,14 +143,9 @@ void alarm_db::findDataOfTimePage(QString start, QString end, void *list, QStrin
     end.replace(QLatin1String("/"), QLatin1String("-"));
     const TableQuery query(
         m_connection,
-        QString::fromLatin1(
-            "select * from %1 where DATETIME Between '%2' and  '%3' and EndDate = '' and EndTime = '' order by DATETIME %4 limit %5, %6;")
-            .arg(table)
-            .arg(start)
-            .arg(end)
-            .arg(order)
-            .arg(offset)
-            .arg(count));
+        statement(
+            "select * from %1 where DATETIME Between '%2' and  '%3' and EndDate = '' and EndTime = '' order by DATETIME %4 limit %5, %6;",
+            table, start, end, order, offset, count));
     if (query.failed()) {
         qDebug() << "findDataOfTimePage" << QString::fromLatin1(query.errorText());
         return;
@@ -174,12 +162,9 @@ void alarm_db::findDataOfTime(QString start, QString end, void *list, QString ta
     end.replace(QLatin1String("/"), QLatin1String("-"));
     const TableQuery query(
         m_connection,
-        QString::fromLatin1(
-            "select * from %1 where DATETIME Between '%2' and  '%3' and EndDate = '' and EndTime = '' order by DATETIME %4;")
-            .arg(table)
-            .arg(start)
-            .arg(end)
-            .arg(order));
+        statement(
+            "select * from %1 where DATETIME Between '%2' and  '%3' and EndDate = '' and EndTime = '' order by DATETIME %4;",
+            table, start, end, order));
     if (query.failed()) {
         qDebug() << "findDataOfTime" << QString::fromLatin1(query.errorText());
         return;
@@ -193,9 +178,8 @@ void alarm_db::getAllDataPage(QString table, void *list, QString order, int, int
         return;
     QMutexLocker lock(&m_mutex);
     const TableQuery query(
-        m_connection, QString::fromLatin1("select * from '%1' where EndDate = '' and EndTime = '' order by DATETIME %2")
-                          .arg(table)
-                          .arg(order));
+        m_connection,
+        statement("select * from '%1' where EndDate = '' and EndTime = '' order by DATETIME %2", table, order));
     if (query.failed()) {
         qDebug("database getAllData failed\n");
         return;
@@ -209,10 +193,9 @@ bool alarm_db::deleteTable(QString table, QString threshold)
         return false;
     QMutexLocker lock(&m_mutex);
     // Without parentheses on purpose: an ended alarm goes whatever its start.
-    const Execution purge(
-        m_connection, QString::fromLatin1("delete from '%1' where DATETIME < '%2' or EndDate != '' and EndTime != '';")
-                          .arg(rereadUtf8(table))
-                          .arg(threshold));
+    const Execution purge(m_connection,
+                          statement("delete from '%1' where DATETIME < '%2' or EndDate != '' and EndTime != '';",
+                                    rereadUtf8(table), threshold));
     if (purge.failed())
         qDebug() << "Delete many data fail";
     return !purge.failed();

@@ -10,19 +10,13 @@
 namespace
 {
 
-// Where "date time" splits, in a text that may be split before it is decoded: ASCII with one blank, something
-// on both sides of it. Null for any other text.
-const char *onlyBlank(const char *text)
+// How many bytes up to a blank, the end or what is not ASCII.
+size_t wordSize(const char *text)
 {
-    const char *blank = nullptr;
     const char *byte = text;
-    for (; byte && *byte; ++byte) {
-        if (uchar(*byte) >= 0x80 || (*byte == ' ' && blank))
-            return nullptr;
-        if (*byte == ' ')
-            blank = byte;
-    }
-    return blank && blank != text && blank + 1 != byte ? blank : nullptr;
+    while (*byte && *byte != ' ' && uchar(*byte) < 0x80)
+        ++byte;
+    return size_t(byte - text);
 }
 
 // A row whose time is not "date time" ends the output: the samples in front of it stay.
@@ -32,30 +26,33 @@ void appendSamples(const TableQuery &query, void *list)
     if (query.columnCount() != 3)
         return;
     reserveFor(samples, query.rowCount());
-    const char *previous = nullptr;
     QString date;
+    const char *day = nullptr; // "date ", as the cell holds it that `date` comes from
+    size_t daySize = 0;
     for (int row = 0; row < query.rowCount(); ++row) {
         const char *const cell = query.cell(row, 1);
+        if (!cell || daySize == 0 || std::strncmp(cell, day, daySize) != 0) { // consecutive samples share their date
+            const size_t size = cell ? wordSize(cell) : 0;
+            day = cell;
+            daySize = size > 0 && cell[size] == ' ' ? size + 1 : 0;
+            date = QString::fromLatin1(cell, int(size));
+        }
+        const size_t timeSize = daySize > 0 ? wordSize(cell + daySize) : 0;
         QString time;
-        if (const char *const blank = onlyBlank(cell)) {
-            const size_t size = size_t(blank - cell);
-            if (!previous || std::strncmp(previous, cell, size + 1) != 0) // consecutive samples share their date
-                date = QString::fromLatin1(cell, int(size));
-            previous = cell;
-            time = QString::fromLatin1(blank + 1);
+        if (timeSize > 0 && cell[daySize + timeSize] == '\0') {
+            time = QString::fromLatin1(cell + daySize, int(timeSize));
         } else {
             const QStringList dateTime = QString::fromUtf8(cell).split(QLatin1String(" "));
             if (dateTime.size() != 2)
                 return;
             date = dateTime.at(0);
             time = dateTime.at(1);
-            previous = nullptr;
+            daySize = 0;
         }
-        samples.append(DataContent());
-        DataContent &sample = samples.last();
+        DataContent &sample = appendNew(samples);
         sample.date = date;
-        sample.time = time;
-        sample.value = QString::fromUtf8(query.cell(row, 2));
+        sample.time.swap(time);
+        sample.value = toText(query.cell(row, 2));
     }
 }
 
@@ -71,8 +68,7 @@ bool history::createTable(QString table, QString configName)
     if (table == QLatin1String("tb_config")) {
         const Execution create(
             m_connection,
-            QString::fromLatin1("create table %1(ID INTEGER PRIMARY KEY AUTOINCREMENT,COLLECTOR text,NAME text)")
-                .arg(table));
+            statement("create table %1(ID INTEGER PRIMARY KEY AUTOINCREMENT,COLLECTOR text,NAME text)", table));
         if (create.failed()) {
             qDebug() << "HisData Table create fail!" << create.errorText();
             return false;
@@ -83,8 +79,7 @@ bool history::createTable(QString table, QString configName)
     {
         const Execution create(
             m_connection,
-            QString::fromLatin1("create table %1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)")
-                .arg(table));
+            statement("create table %1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)", table));
         if (create.failed()) {
             qDebug() << "HisData Table create fail!" << create.errorText();
             return false;
@@ -167,7 +162,7 @@ void history::findDataOfValue(QString value, QString end, void *list, QString ta
     QString sql = QString::fromLatin1("select * from %1 where DATETIME <= '%2' AND Value LIKE ").arg(table).arg(end);
     sql.append(QLatin1String("'%")).append(value).append(QLatin1String("%'"));
     sql.append(QString::fromLatin1(" order by DATETIME %1;").arg(order));
-    const TableQuery query(m_connection, sql);
+    const TableQuery query(m_connection, sql.toUtf8());
     if (query.failed()) {
         qDebug() << "findDataOfValue" << QString::fromLatin1(query.errorText());
         return;
@@ -185,13 +180,8 @@ void history::findDataOfTimePage(QString start, QString end, void *list, QString
     end.replace(QLatin1String("/"), QLatin1String("-"));
     const TableQuery query(
         m_connection,
-        QString::fromLatin1("select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME %4 limit %5, %6;")
-            .arg(table)
-            .arg(start)
-            .arg(end)
-            .arg(order)
-            .arg(offset)
-            .arg(count));
+        statement("select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME %4 limit %5, %6;", table,
+                  start, end, order, offset, count));
     if (query.failed()) {
         qDebug() << "findDataOfTimePage" << QString::fromLatin1(query.errorText());
         return;
@@ -206,13 +196,9 @@ void history::findDataOfTime(QString start, QString end, void *list, QString tab
     QMutexLocker lock(&m_mutex);
     start.replace(QLatin1String("/"), QLatin1String("-"));
     end.replace(QLatin1String("/"), QLatin1String("-"));
-    const TableQuery query(
-        m_connection,
-        QString::fromLatin1("select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME %4;")
-            .arg(table)
-            .arg(start)
-            .arg(end)
-            .arg(order));
+    const TableQuery query(m_connection,
+                           statement("select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME %4;",
+                                     table, start, end, order));
     if (query.failed()) {
         qDebug() << "findDataOfTime" << QString::fromLatin1(query.errorText());
         return;
@@ -225,18 +211,12 @@ void history::getAllDataPage(QString table, void *list, QString order, int offse
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    const QString sql =
+    const QByteArray sql =
         order == QLatin1String("desc")
-            ? QString::fromLatin1("select * from '%1' order by DATETIME desc limit %2, %3;")
-                  .arg(table)
-                  .arg(offset)
-                  .arg(count)
-            : QString::fromLatin1(
-                  "select * from (select * from '%1' order by DATETIME desc limit %2) order by DATETIME limit %3, %4;")
-                  .arg(table)
-                  .arg(newestSpan)
-                  .arg(offset)
-                  .arg(count);
+            ? statement("select * from '%1' order by DATETIME desc limit %2, %3;", table, offset, count)
+            : statement(
+                  "select * from (select * from '%1' order by DATETIME desc limit %2) order by DATETIME limit %3, %4;",
+                  table, newestSpan, offset, count);
     const TableQuery query(m_connection, sql);
     if (query.failed()) {
         qDebug("database getAllData failed\n");
@@ -251,13 +231,11 @@ void history::getCurrData(QString table, void *list, QString order, int count)
         return;
     QMutexLocker lock(&m_mutex);
     // The ";" inside the parentheses is a syntax error: every order but "desc" fails. Hosts rely on it.
-    const QString sql =
-        (order == QLatin1String("desc")
-             ? QString::fromLatin1("select * from '%1' order by DATETIME desc limit %2;")
-             : QString::fromLatin1(
-                   "select * from (select * from '%1' order by DATETIME desc limit %2;) order by DATETIME asc;"))
-            .arg(table)
-            .arg(count);
+    const QByteArray sql =
+        statement(order == QLatin1String("desc")
+                      ? "select * from '%1' order by DATETIME desc limit %2;"
+                      : "select * from (select * from '%1' order by DATETIME desc limit %2;) order by DATETIME asc;",
+                  table, count);
     const TableQuery query(m_connection, sql);
     if (query.failed()) {
         qDebug("database getAllData failed\n");
@@ -271,11 +249,8 @@ int history::getDataCountOfTimeQuery(QString start, QString end, QString table)
     if (!m_connection)
         return 0;
     QMutexLocker lock(&m_mutex);
-    const TableQuery query(m_connection,
-                           QString::fromLatin1("select count(*) from '%1' where DATETIME Between '%2' and  '%3'")
-                               .arg(table)
-                               .arg(start)
-                               .arg(end));
+    const TableQuery query(
+        m_connection, statement("select count(*) from '%1' where DATETIME Between '%2' and  '%3'", table, start, end));
     if (query.failed()) {
         qDebug("database getDataCountOfTimeQuery failed\n");
         return 0;

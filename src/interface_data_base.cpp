@@ -37,7 +37,8 @@ QString fromCString(const QByteArray &bytes)
 #endif
 
 // Writes each unit's low byte; true when all were ASCII. In steps of eight, which compilers turn into a few
-// vector instructions; the last step overlaps the one before it, for a loop over the rest costs more than all steps.
+// vector instructions, but only from and into variables, for `bytes` could be part of `units`; the last step overlaps
+// the one before it, for a loop over the rest costs more than all steps.
 static bool narrow(const QChar *units, int size, char *bytes)
 {
     const ushort *const unit = reinterpret_cast<const ushort *>(units);
@@ -49,14 +50,22 @@ static bool narrow(const QChar *units, int size, char *bytes)
         }
         return seen < 0x80;
     }
+    ushort lanes[8] = {};
     for (int i = 0;; i = i + 16 <= size ? i + 8 : size - 8) {
+        ushort from[8];
+        char to[8];
+        std::memcpy(from, unit + i, sizeof from);
         for (int j = 0; j < 8; ++j)
-            seen |= unit[i + j];
+            to[j] = char(from[j]);
         for (int j = 0; j < 8; ++j)
-            bytes[i + j] = char(unit[i + j]);
+            lanes[j] |= from[j];
+        std::memcpy(bytes + i, to, sizeof to);
         if (i + 8 == size)
-            return seen < 0x80;
+            break;
     }
+    for (int j = 0; j < 8; ++j)
+        seen |= lanes[j];
+    return seen < 0x80;
 }
 
 // ASCII without a NUL: every conversion leaves such a text as it is.
@@ -97,8 +106,8 @@ StatementTemplate::StatementTemplate(const char *text) : m_text(text), m_markers
 
 const char *StatementTemplate::fill(const QString *const *cells)
 {
-    if (splice(cells))
-        return m_bytes.data();
+    if (const char *const spliced = splice(cells))
+        return spliced;
     QString text = QString::fromLatin1(m_text);
     for (int i = 0; i < m_markers; ++i)
         text = text.arg(*cells[i]);
@@ -106,13 +115,13 @@ const char *StatementTemplate::fill(const QString *const *cells)
     return m_chained.constData();
 }
 
-bool StatementTemplate::splice(const QString *const *cells)
+const char *StatementTemplate::splice(const QString *const *cells)
 {
     size_t most = std::strlen(m_text) + 1;
     for (int i = 0; i < m_markers; ++i)
         most += 3 * size_t(cells[i]->size()); // UTF-8 takes at most three bytes for a UTF-16 unit
     if (m_bytes.size() < most)
-        m_bytes.resize(2 * most);
+        m_bytes.resize(most); // grows geometrically by itself
 
     m_end = m_bytes.data();
     const char *piece = m_text;
@@ -120,11 +129,11 @@ bool StatementTemplate::splice(const QString *const *cells)
         append(piece, m_pieces[i]);
         // Nothing is substituted behind the last cell: its markers stay what they are.
         if (!appendCell(*cells[i], i + 1 == m_markers))
-            return false;
+            return nullptr;
         piece += m_pieces[i] + 2;
     }
     append(piece, m_pieces[m_markers]);
-    return true;
+    return m_bytes.data();
 }
 
 // A marker is '%', perhaps 'L', a digit of any script. Any non-ASCII unit counts as one here: to take the chain
@@ -166,6 +175,38 @@ void StatementTemplate::append(const char *bytes, size_t size)
 {
     std::memcpy(m_end, bytes, size);
     m_end += size;
+}
+
+static quint64 eightAt(const char *bytes)
+{
+    quint64 eight;
+    std::memcpy(&eight, bytes, sizeof eight);
+    return eight;
+}
+
+static bool isAscii(const char *bytes, size_t size)
+{
+    quint64 seen = 0;
+    if (size >= 8) {
+        const char *const last = bytes + size - 8; // overlaps the one before it
+        for (; bytes < last; bytes += 8)
+            seen |= eightAt(bytes);
+        seen |= eightAt(last);
+    } else {
+        for (; size > 0; ++bytes, --size)
+            seen |= uchar(*bytes);
+    }
+    return (seen & Q_UINT64_C(0x8080808080808080)) == 0;
+}
+
+static QString sizedText(const char *cell, size_t size)
+{
+    return isAscii(cell, size) ? QString::fromLatin1(cell, int(size)) : QString::fromUtf8(cell, int(size));
+}
+
+QString toText(const char *cell)
+{
+    return cell ? sizedText(cell, std::strlen(cell)) : QString();
 }
 
 static bool isDigit(char byte)
@@ -225,20 +266,30 @@ double toDouble(const char *cell)
     return isNumber ? value : 0; // out of range: 0 with every Qt
 }
 
+TimeReader::TimeReader(Form form) : m_form(form), m_dayIsPlain(false), m_dayStart(0)
+{
+    std::memset(m_dayText, 0, sizeof m_dayText);
+}
+
 QDateTime TimeReader::read(const char *cell)
 {
     const size_t size = m_form == Seconds ? 19 : 23;
-    if (cell && std::strlen(cell) == size && cell[4] == '-' && cell[7] == '-' && cell[10] == ' ' && cell[13] == ':' &&
-        cell[16] == ':' && (m_form == Seconds || cell[19] == '.')) {
-        const QDate day(digits(cell, 4), digits(cell + 5, 2), digits(cell + 8, 2));
-        const QTime time(digits(cell + 11, 2), digits(cell + 14, 2), digits(cell + 17, 2),
-                         m_form == Seconds ? 0 : digits(cell + 20, 3));
-        if (day.isValid() && time.isValid() && isPlainDay(day)) {
+    if (cell && std::strlen(cell) == size && cell[10] == ' ' && cell[13] == ':' && cell[16] == ':' &&
+        (m_form == Seconds || cell[19] == '.')) {
+        if (std::memcmp(cell, m_dayText, sizeof m_dayText) != 0)
+            startDay(cell);
+        const int hour = digits(cell + 11, 2);
+        const int minute = digits(cell + 14, 2);
+        const int second = digits(cell + 17, 2);
+        const int milliseconds = m_form == Seconds ? 0 : digits(cell + 20, 3);
+        if (m_dayIsPlain && QTime::isValid(hour, minute, second, milliseconds)) {
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
             // The same time in two thirds of the instructions that the other way takes; with Qt 5 it would take more.
-            return QDateTime::fromMSecsSinceEpoch(m_dayStart + QTime(0, 0).msecsTo(time));
+            QDateTime time;
+            time.setMSecsSinceEpoch(m_dayStart + 1000 * (60 * (60 * hour + minute) + second) + milliseconds);
+            return time;
 #else
-            return QDateTime(day, time);
+            return QDateTime(m_day, QTime(hour, minute, second, milliseconds));
 #endif
         }
     }
@@ -249,22 +300,22 @@ QDateTime TimeReader::read(const char *cell)
 // The seconds by which local time is ahead of UTC when a day starts in UTC.
 static int offsetAt(const QDate &day)
 {
-    const QDateTime utc(day, QTime(0, 0), Qt::UTC);
-    const QDateTime local = utc.toLocalTime();
-    return int(utc.secsTo(QDateTime(local.date(), local.time(), Qt::UTC)));
+    const QDateTime local = QDateTime(day, QTime(0, 0), Qt::UTC).toLocalTime();
+    return int(86400 * day.daysTo(local.date())) + QTime(0, 0).secsTo(local.time());
 }
 
 // Near a change of the zone's offset a local time may not exist, or exist twice; which one it is then only
 // fromString() says. The years are those for which every Qt asks the system.
-bool TimeReader::isPlainDay(const QDate &day)
+void TimeReader::startDay(const char *text)
 {
-    if (day != m_day) {
-        m_day = day;
-        const int offset = offsetAt(day.addDays(-1));
-        m_dayIsPlain = day.year() > 1970 && day.year() < 2037 && offset == offsetAt(day.addDays(2));
-        m_dayStart = QDateTime(day, QTime(0, 0), Qt::UTC).toMSecsSinceEpoch() - Q_INT64_C(1000) * offset;
-    }
-    return m_dayIsPlain;
+    std::memcpy(m_dayText, text, sizeof m_dayText);
+    m_day = QDate(digits(text, 4), digits(text + 5, 2), digits(text + 8, 2));
+    m_dayIsPlain = text[4] == '-' && text[7] == '-' && m_day.isValid() && m_day.year() > 1970 && m_day.year() < 2037;
+    if (!m_dayIsPlain)
+        return;
+    const int offset = offsetAt(m_day.addDays(-1));
+    m_dayIsPlain = offset == offsetAt(m_day.addDays(2));
+    m_dayStart = QDateTime(m_day, QTime(0, 0), Qt::UTC).toMSecsSinceEpoch() - Q_INT64_C(1000) * offset;
 }
 
 RecurringTexts::RecurringTexts()
@@ -277,38 +328,27 @@ QString RecurringTexts::read(const char *cell)
 {
     if (!cell)
         return QString();
-    unsigned hash = 0;
-    for (const char *byte = cell; *byte; ++byte)
-        hash = 31 * hash + uchar(*byte);
-    const unsigned slot = hash % Slots;
-    if (!m_cells[slot] || std::strcmp(m_cells[slot], cell) != 0) {
+    const size_t size = std::strlen(cell);
+    // Texts of a column differ in size or where they end, mostly.
+    const size_t slot = size == 0 ? 0 : (size + 7 * uchar(cell[size / 2]) + 31 * uchar(cell[size - 1])) % Slots;
+    if (!m_cells[slot] || m_sizes[slot] != size || std::memcmp(m_cells[slot], cell, size) != 0) {
         m_cells[slot] = cell;
-        m_texts[slot] = QString::fromUtf8(cell);
+        m_sizes[slot] = size;
+        m_texts[slot] = sizedText(cell, size);
     }
     return m_texts[slot];
 }
 
-TableQuery::TableQuery(sqlite3 *connection, const QString &sql)
+TableQuery::TableQuery(sqlite3 *connection, const char *sql)
     : m_cells(nullptr), m_error(nullptr), m_rows(0), m_columns(0), m_code(0)
 {
-    run(connection, sql.toUtf8().constData());
-}
-
-TableQuery::TableQuery(sqlite3 *connection, const char *utf8)
-    : m_cells(nullptr), m_error(nullptr), m_rows(0), m_columns(0), m_code(0)
-{
-    run(connection, utf8);
+    m_code = sqlite3_get_table(connection, sql, &m_cells, &m_rows, &m_columns, &m_error);
 }
 
 TableQuery::~TableQuery()
 {
     sqlite3_free_table(m_cells);
     sqlite3_free(m_error);
-}
-
-void TableQuery::run(sqlite3 *connection, const char *utf8)
-{
-    m_code = sqlite3_get_table(connection, utf8, &m_cells, &m_rows, &m_columns, &m_error);
 }
 
 int TableQuery::count() const
@@ -321,32 +361,21 @@ void TableQuery::appendTo(QList<QStringList> &result) const
 {
     reserveFor(result, m_rows);
     for (int row = 0; row < m_rows; ++row) {
-        result.append(QStringList());
-        QStringList &texts = result.last();
+        QStringList &texts = appendNew(result);
         texts.reserve(m_columns);
         for (int column = 0; column < m_columns; ++column)
-            texts.append(QString::fromUtf8(cell(row, column)));
+            texts.append(toText(cell(row, column)));
     }
 }
 
-Execution::Execution(sqlite3 *connection, const QString &sql) : m_error(nullptr), m_code(0)
+Execution::Execution(sqlite3 *connection, const char *sql) : m_error(nullptr), m_code(0)
 {
-    run(connection, sql.toUtf8().constData());
-}
-
-Execution::Execution(sqlite3 *connection, const char *utf8) : m_error(nullptr), m_code(0)
-{
-    run(connection, utf8);
+    m_code = sqlite3_exec(connection, sql, nullptr, nullptr, &m_error);
 }
 
 Execution::~Execution()
 {
     sqlite3_free(m_error);
-}
-
-void Execution::run(sqlite3 *connection, const char *utf8)
-{
-    m_code = sqlite3_exec(connection, utf8, nullptr, nullptr, &m_error);
 }
 
 interface_data_base::interface_data_base() : m_connection(nullptr) {}
@@ -399,11 +428,10 @@ bool interface_data_base::tableIsExist(QString table)
     if (!m_connection)
         return false;
     QMutexLocker lock(&m_mutex);
-    const QString sql =
-        QString::fromLatin1("select count(type) from sqlite_master where type='table' and name ='%1'").arg(table);
+    const QByteArray sql = statement("select count(type) from sqlite_master where type='table' and name ='%1'", table);
     bool exists = false;
     char *error = nullptr;
-    sqlite3_exec(m_connection, sql.toUtf8().constData(), isExisted, &exists, &error);
+    sqlite3_exec(m_connection, sql.constData(), isExisted, &exists, &error);
     sqlite3_free(error); // silent: a failure and a missing table answer the same
     return exists;
 }
@@ -413,7 +441,7 @@ bool interface_data_base::deleteTable(QString table, QString)
     if (!m_connection)
         return false;
     QMutexLocker lock(&m_mutex);
-    const Execution clear(m_connection, QString::fromLatin1("delete from '%1'").arg(table));
+    const Execution clear(m_connection, statement("delete from '%1'", table));
     if (clear.failed())
         qDebug() << "delete Table " << table << " fail!";
     return !clear.failed();
@@ -435,8 +463,7 @@ bool interface_data_base::resetID(QString table)
     if (!m_connection)
         return false;
     QMutexLocker lock(&m_mutex);
-    const Execution reset(m_connection,
-                          QString::fromLatin1("update sqlite_sequence SET seq = 0 where name = '%1';").arg(table));
+    const Execution reset(m_connection, statement("update sqlite_sequence SET seq = 0 where name = '%1';", table));
     if (reset.failed())
         qDebug() << "reset " << table << " ID fail!";
     return !reset.failed();
@@ -449,11 +476,9 @@ bool interface_data_base::deleteDataForMax(int count, QString table)
     QMutexLocker lock(&m_mutex);
     const QString name = rereadUtf8(table);
     // A negative count is no limit to SQLite and empties the table; the caller's number is not guarded.
-    const Execution trim(m_connection,
-                         QString::fromLatin1("delete from '%1' where ID in (select ID from %2 order by ID limit 0,%3);")
-                             .arg(name)
-                             .arg(name)
-                             .arg(count));
+    const Execution trim(
+        m_connection,
+        statement("delete from '%1' where ID in (select ID from %2 order by ID limit 0,%3);", name, name, count));
     if (trim.failed())
         qDebug() << "Delete many data fail";
     return !trim.failed();
@@ -464,7 +489,7 @@ int interface_data_base::getDataCountOfTable(QString table)
     if (!m_connection)
         return 0;
     QMutexLocker lock(&m_mutex);
-    const TableQuery query(m_connection, QString::fromLatin1("select count(*) from '%1' ").arg(rereadUtf8(table)));
+    const TableQuery query(m_connection, statement("select count(*) from '%1' ", rereadUtf8(table)));
     if (query.failed()) {
         qDebug() << "database getDataCountOfTable failed;" << query.errorText();
         return 0;
@@ -477,9 +502,8 @@ int interface_data_base::getDataCountOfTableEndDate(QString table, QString end)
     if (!m_connection)
         return 0;
     QMutexLocker lock(&m_mutex);
-    const TableQuery query(
-        m_connection,
-        QString::fromLatin1("select count(*) from '%1' where DATETIME <= '%2'").arg(rereadUtf8(table)).arg(end));
+    const TableQuery query(m_connection,
+                           statement("select count(*) from '%1' where DATETIME <= '%2'", rereadUtf8(table), end));
     if (query.failed()) {
         qDebug() << "database getDataCountOfTableEndDate failed;" << query.errorText();
         return 0;
@@ -495,11 +519,8 @@ int interface_data_base::getDataCountOfTimeQuery(QString start, QString end, QSt
     // Bounds given to the second take in every millisecond of both seconds.
     start.append(QLatin1String(".000"));
     end.append(QLatin1String(".999"));
-    const TableQuery query(m_connection,
-                           QString::fromLatin1("select count(*) from '%1' where DATETIME Between '%2' and  '%3'")
-                               .arg(table)
-                               .arg(start)
-                               .arg(end));
+    const TableQuery query(
+        m_connection, statement("select count(*) from '%1' where DATETIME Between '%2' and  '%3'", table, start, end));
     if (query.failed()) {
         qDebug("database getDataCountOfTimeQuery failed\n");
         return 0;
@@ -521,7 +542,7 @@ QStringList interface_data_base::selectConfigInfo()
     for (int row = 0; row < query.rowCount(); ++row) {
         QString pair;
         for (int column = 0; column < query.columnCount(); ++column)
-            pair.append(QLatin1String("@")).append(QString::fromUtf8(query.cell(row, column)));
+            pair.append(QLatin1String("@")).append(toText(query.cell(row, column)));
         pairs.append(pair);
     }
     return pairs;
@@ -533,9 +554,8 @@ void interface_data_base::insertConfig(QString collector, QString name)
         return;
     QMutexLocker lock(&m_mutex);
     Execution(m_connection, "begin transaction");
-    Execution(m_connection, QString::fromLatin1("insert into tb_config values(NULL,'%1','%2')")
-                                .arg(rereadUtf8(collector))
-                                .arg(rereadUtf8(name)));
+    Execution(m_connection,
+              statement("insert into tb_config values(NULL,'%1','%2')", rereadUtf8(collector), rereadUtf8(name)));
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())
         qDebug() << "insertManyDatas fail"; // no rollback: the transaction stays open until a later commit
@@ -546,9 +566,8 @@ void interface_data_base::selectNewDataOfRows(QString table, int count, QList<QS
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    const TableQuery query(
-        m_connection,
-        QString::fromLatin1("select * from '%1' order by DATETIME desc limit 0,'%2' ").arg(table).arg(count));
+    const TableQuery query(m_connection,
+                           statement("select * from '%1' order by DATETIME desc limit 0,'%2' ", table, count));
     if (query.failed()) {
         qDebug() << "database selectNewDataOfRows failed";
         return;
@@ -561,9 +580,8 @@ void interface_data_base::selectOldDataOfRows(QString table, int count, QList<QS
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    const TableQuery query(
-        m_connection,
-        QString::fromLatin1("select * from '%1' order by DATETIME asc limit 0,'%2' ").arg(table).arg(count));
+    const TableQuery query(m_connection,
+                           statement("select * from '%1' order by DATETIME asc limit 0,'%2' ", table, count));
     if (query.failed()) {
         qDebug() << "database selectOldDataOfRows failed";
         return;
@@ -577,12 +595,10 @@ void interface_data_base::selectDataOfRows(QString table, int offset, int count,
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    const TableQuery query(
-        m_connection, QString::fromLatin1(newestFirst ? "select * from '%1' order by DATETIME desc , ID limit %2,%3 "
-                                                      : "select * from '%1' order by DATETIME  , ID limit %2,%3 ")
-                          .arg(rereadUtf8(table))
-                          .arg(offset)
-                          .arg(count));
+    const TableQuery query(m_connection,
+                           statement(newestFirst ? "select * from '%1' order by DATETIME desc , ID limit %2,%3 "
+                                                 : "select * from '%1' order by DATETIME  , ID limit %2,%3 ",
+                                     rereadUtf8(table), offset, count));
     if (query.failed()) {
         qDebug() << "database selectDataOfRows failed" << query.errorText();
         return;
@@ -608,7 +624,7 @@ void interface_data_base::selectDataOfDateRows(QString table, QString end, int o
             .arg(end)
             .arg(offset)
             .arg(count);
-    const TableQuery query(m_connection, sql);
+    const TableQuery query(m_connection, sql.toUtf8());
     if (query.failed()) {
         qDebug() << "database selectDataOfDateRows failed";
         qDebug() << sql;
@@ -623,8 +639,7 @@ void interface_data_base::findNoRecoveryAlarm(QList<QStringList> &result, QStrin
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    const TableQuery query(m_connection,
-                           QString::fromLatin1("select * from '%1' where EndDate == '' and EndTime == '';").arg(table));
+    const TableQuery query(m_connection, statement("select * from '%1' where EndDate == '' and EndTime == '';", table));
     if (query.failed()) {
         qDebug() << "findNoRecoveryAlarm" << QString::fromLatin1(query.errorText());
         return;
@@ -640,7 +655,7 @@ bool interface_data_base::runStatements(const QStringList &statements, QList<QSt
     if (mode == 0) {
         if (statements.isEmpty())
             return false;
-        const Execution first(m_connection, statements.first());
+        const Execution first(m_connection, statements.first().toUtf8());
         if (first.failed())
             qDebug() << first.errorText();
         return !first.failed();
@@ -648,7 +663,7 @@ bool interface_data_base::runStatements(const QStringList &statements, QList<QSt
     if (mode == 1) {
         if (statements.isEmpty())
             return false;
-        const TableQuery query(m_connection, statements.first());
+        const TableQuery query(m_connection, statements.first().toUtf8());
         if (query.failed()) {
             qDebug() << query.errorText();
             return false;
@@ -662,7 +677,7 @@ bool interface_data_base::runStatements(const QStringList &statements, QList<QSt
     bool allSucceeded = true;
     Execution(m_connection, "begin transaction");
     for (int i = 0; i < statements.size(); ++i) {
-        const Execution each(m_connection, statements.at(i));
+        const Execution each(m_connection, statements.at(i).toUtf8());
         if (each.failed()) {
             qDebug() << QString::fromLatin1("SQL=%1   error:%2")
                             .arg(rereadUtf8(statements.at(i)))

@@ -165,8 +165,7 @@ private:
 class TableQuery
 {
 public:
-    TableQuery(sqlite3 *connection, const QString &sql);
-    TableQuery(sqlite3 *connection, const char *utf8);
+    TableQuery(sqlite3 *connection, const char *sql); ///< `sql` in UTF-8
     ~TableQuery();
 
     bool failed() const { return m_code != 0; }
@@ -185,7 +184,6 @@ public:
 
 private:
     Q_DISABLE_COPY(TableQuery)
-    void run(sqlite3 *connection, const char *utf8);
 
     char **m_cells;
     char *m_error;
@@ -198,8 +196,7 @@ private:
 class Execution
 {
 public:
-    Execution(sqlite3 *connection, const QString &sql);
-    Execution(sqlite3 *connection, const char *utf8);
+    Execution(sqlite3 *connection, const char *sql); ///< `sql` in UTF-8
     ~Execution();
 
     bool failed() const { return m_code != 0; }
@@ -207,7 +204,6 @@ public:
 
 private:
     Q_DISABLE_COPY(Execution)
-    void run(sqlite3 *connection, const char *utf8);
 
     char *m_error;
     int m_code;
@@ -234,9 +230,11 @@ public:
     /// One cell a marker. The text stands until the next call.
     const char *fill(const QString *const *cells);
 
+    /// The same, but null where only the chain says what comes out.
+    const char *splice(const QString *const *cells);
+
 private:
     Q_DISABLE_COPY(StatementTemplate)
-    bool splice(const QString *const *cells);
     bool appendCell(const QString &cell, bool mayHoldMarkers);
     void append(const char *bytes, size_t size);
 
@@ -248,9 +246,37 @@ private:
     QByteArray m_chained;
 };
 
+inline const QString &cellText(const QString &text)
+{
+    return text;
+}
+
+inline QString cellText(int number)
+{
+    return QString::number(number);
+}
+
+/// One statement from such a template, in UTF-8: what a chain of QString::arg() calls gives, one a value.
+template<typename... Values>
+QByteArray statement(const char *text, const Values &...values)
+{
+    const QString cells[] = {cellText(values)...};
+    const QString *places[sizeof...(values)];
+    for (size_t i = 0; i < sizeof...(values); ++i)
+        places[i] = &cells[i];
+    StatementTemplate filled(text);
+    if (const char *const spliced = filled.splice(places))
+        return QByteArray(spliced);
+    QString chained = QString::fromLatin1(text);
+    const int steps[] = {(chained = chained.arg(values), 0)...};
+    Q_UNUSED(steps);
+    return chained.toUtf8();
+}
+
 // What a cell means, from SQLite's UTF-8 text. Each answers as the Qt call it stands for, and calls it for
 // everything but the plain case.
 
+QString toText(const char *cell);  ///< QString::fromUtf8(), a null text for NULL.
 int toInt(const char *cell);       ///< QString::toInt(), 0 when it is no number.
 double toDouble(const char *cell); ///< QString::toDouble(), 0 when it is no number or out of range.
 
@@ -260,21 +286,22 @@ class TimeReader
 {
 public:
     enum Form { Seconds, Milliseconds };
-    explicit TimeReader(Form form) : m_form(form), m_dayIsPlain(false), m_dayStart(0) {}
+    explicit TimeReader(Form form);
 
     QDateTime read(const char *cell);
 
 private:
     Q_DISABLE_COPY(TimeReader)
-    bool isPlainDay(const QDate &day);
+    void startDay(const char *text);
 
     Form m_form;
+    char m_dayText[10]; ///< "yyyy-MM-dd", or whatever stood there.
     QDate m_day;
     bool m_dayIsPlain;
     qint64 m_dayStart; ///< Of a plain day: midnight, in milliseconds since 1970 in UTC.
 };
 
-/// QString::fromUtf8() for a column whose texts recur: equal cells share one text. One for each column and
+/// toText() for a column whose texts recur: equal cells share one text. One for each column and
 /// query: it refers to the query's cells.
 class RecurringTexts
 {
@@ -286,6 +313,7 @@ private:
     Q_DISABLE_COPY(RecurringTexts)
     enum { Slots = 16 };
     const char *m_cells[Slots];
+    size_t m_sizes[Slots];
     QString m_texts[Slots];
 };
 
@@ -296,6 +324,18 @@ void reserveFor(QList<T> &list, int more)
 {
     if (more > int(list.size()))
         list.reserve(list.size() + more);
+}
+
+/// Appends an element to be filled in place.
+template<typename T>
+T &appendNew(QList<T> &list)
+{
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    return list.emplaceBack(); // builds it where it stays
+#else
+    list.append(T());
+    return list.last();
+#endif
 }
 
 #endif

@@ -18,12 +18,11 @@ void appendEntries(const TableQuery &query, void *list)
     TimeReader times(TimeReader::Milliseconds);
     RecurringTexts users, logs;
     for (int row = 0; row < query.rowCount(); ++row) {
-        entries.append(OperatorLogData());
-        OperatorLogData &entry = entries.last();
+        OperatorLogData &entry = appendNew(entries);
         entry.dateTime = times.read(query.cell(row, 1));
         entry.userName = users.read(query.cell(row, 2));
         entry.logName = logs.read(query.cell(row, 3));
-        entry.message = QString::fromUtf8(query.cell(row, 4));
+        entry.message = toText(query.cell(row, 4));
     }
 }
 
@@ -49,9 +48,9 @@ bool operatorlog_db::createTable(QString table, QString)
         return false;
     const Execution create(
         m_connection,
-        QString::fromLatin1(
-            "create table %1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime NOT NULL,userName text,logName text,message text)")
-            .arg(table));
+        statement(
+            "create table %1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime NOT NULL,userName text,logName text,message text)",
+            table));
     if (create.failed())
         qDebug() << "operatorlog Table create fail!";
     else
@@ -88,20 +87,13 @@ void operatorlog_db::findDataOfUserNamePage(QString user, void *list, QString ta
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    const QString sql =
+    const QByteArray sql =
         order == QLatin1String("desc")
-            ? QString::fromLatin1("select * from %1 where userName = '%2' order by DATETIME desc limit %3, %4;")
-                  .arg(table)
-                  .arg(user)
-                  .arg(offset)
-                  .arg(count)
-            : QString::fromLatin1(
-                  "select * from (select * from %1 where userName = '%2' order by DATETIME desc limit %3) order by DATETIME limit %4, %5;")
-                  .arg(table)
-                  .arg(user)
-                  .arg(newestSpan)
-                  .arg(offset)
-                  .arg(count);
+            ? statement("select * from %1 where userName = '%2' order by DATETIME desc limit %3, %4;", table, user,
+                        offset, count)
+            : statement(
+                  "select * from (select * from %1 where userName = '%2' order by DATETIME desc limit %3) order by DATETIME limit %4, %5;",
+                  table, user, newestSpan, offset, count);
     const TableQuery query(m_connection, sql);
     if (query.failed()) {
         qDebug() << "findDataOfUserNamePage" << QString::fromLatin1(query.errorText());
@@ -115,11 +107,8 @@ void operatorlog_db::findDataOfUserName(QString user, void *list, QString table,
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    const TableQuery query(m_connection,
-                           QString::fromLatin1("select * from %1 where userName = '%2' order by DATETIME %3;")
-                               .arg(table)
-                               .arg(user)
-                               .arg(order));
+    const TableQuery query(
+        m_connection, statement("select * from %1 where userName = '%2' order by DATETIME %3;", table, user, order));
     if (query.failed()) {
         qDebug() << "findDataOfUserName" << QString::fromLatin1(query.errorText());
         return;
@@ -132,8 +121,7 @@ int operatorlog_db::getDataCountOfUserQuery(QString user, QString table)
     if (!m_connection)
         return 0;
     QMutexLocker lock(&m_mutex);
-    const TableQuery query(m_connection,
-                           QString::fromLatin1("select count(*) from '%1' where userName = '%2'").arg(table).arg(user));
+    const TableQuery query(m_connection, statement("select count(*) from '%1' where userName = '%2'", table, user));
     if (query.failed()) {
         qDebug("database getDataCountOfUserQuery failed\n");
         return 0;
@@ -147,23 +135,13 @@ void operatorlog_db::findDataOfTimePage(QString start, QString end, void *list, 
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    const QString sql =
+    const QByteArray sql =
         order == QLatin1String("desc")
-            ? QString::fromLatin1(
-                  "select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME desc limit %4, %5;")
-                  .arg(table)
-                  .arg(rangeStart(start))
-                  .arg(rangeEnd(end))
-                  .arg(offset)
-                  .arg(count)
-            : QString::fromLatin1(
-                  "select * from (select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME desc limit %4) order by DATETIME limit %5, %6;")
-                  .arg(table)
-                  .arg(rangeStart(start))
-                  .arg(rangeEnd(end))
-                  .arg(newestSpan)
-                  .arg(offset)
-                  .arg(count);
+            ? statement("select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME desc limit %4, %5;",
+                        table, rangeStart(start), rangeEnd(end), offset, count)
+            : statement(
+                  "select * from (select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME desc limit %4) order by DATETIME limit %5, %6;",
+                  table, rangeStart(start), rangeEnd(end), newestSpan, offset, count);
     const TableQuery query(m_connection, sql);
     if (query.failed()) {
         qDebug() << "findDataOfTimePage" << QString::fromLatin1(query.errorText());
@@ -177,13 +155,9 @@ void operatorlog_db::findDataOfTime(QString start, QString end, void *list, QStr
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    const TableQuery query(
-        m_connection,
-        QString::fromLatin1("select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME %4;")
-            .arg(table)
-            .arg(rangeStart(start))
-            .arg(rangeEnd(end))
-            .arg(order));
+    const TableQuery query(m_connection,
+                           statement("select * from %1 where DATETIME Between '%2' and  '%3' order by DATETIME %4;",
+                                     table, rangeStart(start), rangeEnd(end), order));
     if (query.failed()) {
         qDebug() << "findDataOfTime" << QString::fromLatin1(query.errorText());
         return;
@@ -196,18 +170,12 @@ void operatorlog_db::getAllDataPage(QString table, void *list, QString order, in
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    const QString sql =
+    const QByteArray sql =
         order == QLatin1String("desc")
-            ? QString::fromLatin1("select * from '%1' order by DATETIME desc limit %2, %3;")
-                  .arg(table)
-                  .arg(offset)
-                  .arg(count)
-            : QString::fromLatin1(
-                  "select * from (select * from '%1' order by DATETIME desc limit %2) order by DATETIME limit %3, %4;")
-                  .arg(table)
-                  .arg(newestSpan)
-                  .arg(offset)
-                  .arg(count);
+            ? statement("select * from '%1' order by DATETIME desc limit %2, %3;", table, offset, count)
+            : statement(
+                  "select * from (select * from '%1' order by DATETIME desc limit %2) order by DATETIME limit %3, %4;",
+                  table, newestSpan, offset, count);
     const TableQuery query(m_connection, sql);
     if (query.failed()) {
         qDebug("database getAllData failed\n");
@@ -221,13 +189,11 @@ void operatorlog_db::getCurrData(QString table, void *list, QString order, int c
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    const QString sql =
-        (order == QLatin1String("desc")
-             ? QString::fromLatin1("select * from '%1' order by DATETIME desc limit %2;")
-             : QString::fromLatin1(
-                   "select * from (select * from '%1' order by DATETIME desc limit %2) order by DATETIME asc;"))
-            .arg(table)
-            .arg(count);
+    const QByteArray sql =
+        statement(order == QLatin1String("desc")
+                      ? "select * from '%1' order by DATETIME desc limit %2;"
+                      : "select * from (select * from '%1' order by DATETIME desc limit %2) order by DATETIME asc;",
+                  table, count);
     const TableQuery query(m_connection, sql);
     if (query.failed()) {
         qDebug("database getCurrData failed\n");

@@ -113,8 +113,50 @@ public:
         return text;
     }
 
-    /// Mostly a well-formed time, often near a change of a zone's offset, sometimes damaged.
+    /// Mostly a well-formed time, often near a change of a zone's offset, sometimes damaged. Days recur.
     QByteArray time(bool milliseconds)
+    {
+        QByteArray bytes = newTime(milliseconds);
+        if (bytes.size() >= m_day.size() && oneIn(2))
+            bytes.replace(0, m_day.size(), m_day);
+        m_day = bytes.left(10);
+        return bytes;
+    }
+
+    /// Numbers in every form, and what is none.
+    QByteArray number()
+    {
+        switch (below(10)) {
+        case 0:
+            return QByteArray::number(below(100000) / 1000.0, 'f', below(8));
+        case 1:
+            return QByteArray::number(double(bits()) / 1e10, 'g', 17);
+        case 2:
+            return '-' + QByteArray::number(below(10000) / 100.0);
+        case 3:
+            return text().toUtf8();
+        case 4:
+            return QByteArray::number(qlonglong(bits()));
+        case 5:
+            return of(QList<QByteArray>{"1e400", "-0", "-", ".", "-.5", "7.", "inf", "nan", "+1", " 3 ", "0.1e-5",
+                                        "4294967297", "-4294967297", "007"});
+        case 6: {
+            QByteArray digits = QByteArray::number(qlonglong(bits() % 1000000000000000ULL));
+            return digits.insert(below(int(digits.size()) + 1), '.');
+        }
+        case 7: {
+            QByteArray noise;
+            for (int count = below(20); count > 0; --count)
+                noise += "0123456789.-+ e"[below(15)];
+            return noise;
+        }
+        default:
+            return QByteArray::number(below(200) - 100);
+        }
+    }
+
+private:
+    QByteArray newTime(bool milliseconds)
     {
         static const QList<QDate> changes = {{2024, 3, 31}, {2024, 10, 27}, {2024, 3, 10}, {2024, 11, 3}, {2023, 3, 26},
                                              {2021, 3, 14}, {2000, 4, 2},   {1980, 4, 6},  {2037, 3, 29}, {1974, 1, 6}};
@@ -156,44 +198,12 @@ public:
         return bytes;
     }
 
-    /// Numbers in every form, and what is none.
-    QByteArray number()
-    {
-        switch (below(10)) {
-        case 0:
-            return QByteArray::number(below(100000) / 1000.0, 'f', below(8));
-        case 1:
-            return QByteArray::number(double(bits()) / 1e10, 'g', 17);
-        case 2:
-            return '-' + QByteArray::number(below(10000) / 100.0);
-        case 3:
-            return text().toUtf8();
-        case 4:
-            return QByteArray::number(qlonglong(bits()));
-        case 5:
-            return of(QList<QByteArray>{"1e400", "-0", "-", ".", "-.5", "7.", "inf", "nan", "+1", " 3 ", "0.1e-5",
-                                        "4294967297", "-4294967297", "007"});
-        case 6: {
-            QByteArray digits = QByteArray::number(qlonglong(bits() % 1000000000000000ULL));
-            return digits.insert(below(int(digits.size()) + 1), '.');
-        }
-        case 7: {
-            QByteArray noise;
-            for (int count = below(20); count > 0; --count)
-                noise += "0123456789.-+ e"[below(15)];
-            return noise;
-        }
-        default:
-            return QByteArray::number(below(200) - 100);
-        }
-    }
-
-private:
     static QString padded(int number, int width) { return QString::number(number).rightJustified(width, QChar('0')); }
     int part(int first, int last) { return oneIn(20) ? below(last + 5) : first + below(last - first + 1); }
 
     unsigned long m_seed;
     std::mt19937_64 m_engine;
+    QByteArray m_day; ///< Of the last time.
 };
 
 struct Kind {
@@ -410,6 +420,65 @@ TEST_F(Differential, AlarmStatements)
 TEST_F(Differential, OperatorLogStatements)
 {
     inserts(logKind, 4, plain::logStatement);
+}
+
+// One of each kind of query: texts alone, numbers alone, both, a text used twice or changed before.
+TEST_F(Differential, QueryStatements)
+{
+    interface_data_base &alarms = open("alarmDB");
+    SqliteCalls calls;
+    const auto number = [this] { return random.oneIn(3) ? int(random.bits()) : random.below(200) - 100; };
+    for (long done = 0; done < cases; ++done) {
+        const QString table = random.text();
+        const QString start = random.text();
+        const QString end = random.text();
+        const QString order = random.text();
+        const int offset = number();
+        const int count = number();
+        QList<AlarmData> list;
+        QList<QStringList> result;
+        calls.take();
+        alarms.findDataOfTimePage(start, end, &list, table, order, offset, count, 0);
+        alarms.getAllDataPage(table, &list, order, 0, 0, 0);
+        alarms.selectDataOfRows(table, offset, count, result, done % 2 == 0);
+        alarms.selectNewDataOfRows(table, count, result);
+        alarms.getDataCountOfTimeQuery(start, end, table);
+        alarms.deleteDataForMax(count, table);
+        const QStringList texts = calls.take();
+
+        const QString once = QString::fromLatin1(table.toUtf8().constData());
+        const QStringList chains = {
+            QString("select * from %1 where DATETIME Between '%2' and  '%3' and EndDate = '' and EndTime = '' "
+                    "order by DATETIME %4 limit %5, %6;")
+                .arg(table)
+                .arg(QString(start).replace("/", "-"))
+                .arg(QString(end).replace("/", "-"))
+                .arg(order)
+                .arg(offset)
+                .arg(count),
+            QString("select * from '%1' where EndDate = '' and EndTime = '' order by DATETIME %2")
+                .arg(table)
+                .arg(order),
+            QString(done % 2 == 0 ? "select * from '%1' order by DATETIME desc , ID limit %2,%3 "
+                                  : "select * from '%1' order by DATETIME  , ID limit %2,%3 ")
+                .arg(once)
+                .arg(offset)
+                .arg(count),
+            QString("select * from '%1' order by DATETIME desc limit 0,'%2' ").arg(table).arg(count),
+            QString("select count(*) from '%1' where DATETIME Between '%2' and  '%3'")
+                .arg(table)
+                .arg(start + ".000")
+                .arg(end + ".999"),
+            QString("delete from '%1' where ID in (select ID from %2 order by ID limit 0,%3);")
+                .arg(once)
+                .arg(once)
+                .arg(count)};
+        QStringList expected;
+        for (const QString &chain : chains)
+            expected.append(QString::fromUtf8(chain.toUtf8().constData())); // SQLite reads up to the first NUL
+        ASSERT_EQ(texts, expected);
+        log.take(); // what the failures say is told elsewhere
+    }
 }
 
 TEST_F(Differential, HistoryRecords)
