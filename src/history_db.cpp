@@ -47,7 +47,6 @@ void appendSamples(const TableQuery &query, void *list)
                 return;
             date = dateTime.at(0);
             time = dateTime.at(1);
-            daySize = 0;
         }
         DataContent &sample = appendNew(samples);
         sample.date = date;
