@@ -223,9 +223,9 @@ Contender ourInsert(const Kind &kind, const QString &path, const Rows &rows, std
 {
     const Store store = openStore(kind, path);
     const auto batch = std::make_shared<Rows>(rows);
+    const QString table = QLatin1String(kind.table);
     return inserting(
-        kind, path, "OURS", int(rows.size()),
-        [&kind, store, batch] { store->insertManyDatas(*batch, QLatin1String(kind.table)); },
+        kind, path, "OURS", int(rows.size()), [store, batch, table] { store->insertManyDatas(*batch, table); },
         [store, clear] { clear(store); });
 }
 

@@ -120,8 +120,8 @@ const char *StatementTemplate::splice(const QString *const *cells)
     size_t most = std::strlen(m_text) + 1;
     for (int i = 0; i < m_markers; ++i)
         most += 3 * size_t(cells[i]->size()); // UTF-8 takes at most three bytes for a UTF-16 unit
-    if (m_bytes.size() < most)
-        m_bytes.resize(most); // grows geometrically by itself
+    if (size_t(m_bytes.size()) < most)
+        m_bytes.resize(int(2 * most));
 
     m_end = m_bytes.data();
     const char *piece = m_text;

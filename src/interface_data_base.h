@@ -9,8 +9,7 @@
 #include <QMutex>
 #include <QString>
 #include <QStringList>
-
-#include <vector>
+#include <QVarLengthArray>
 
 struct sqlite3;
 
@@ -241,7 +240,7 @@ private:
     const char *m_text;
     int m_markers;
     size_t m_pieces[10]; ///< Sizes of the texts in front of each marker, and behind the last with its NUL.
-    std::vector<char> m_bytes;
+    QVarLengthArray<char, 1024> m_bytes;
     char *m_end; ///< Where the next piece goes.
     QByteArray m_chained;
 };
