@@ -27,7 +27,7 @@ void appendAlarms(const TableQuery &query, void *list)
     for (int row = 0; row < query.rowCount(); ++row) {
         AlarmData &alarm = appendNew(alarms);
         alarm.level = toInt(query.cell(row, 1));
-        alarm.startTime = times.read(query.cell(row, 2));
+        times.read(query.cell(row, 2), alarm.startTime);
         alarm.alarmObject = objects.read(query.cell(row, 3));
         alarm.alarmType = types.read(query.cell(row, 4));
         alarm.currentValue = values.read(query.cell(row, 5));

@@ -271,7 +271,7 @@ TimeReader::TimeReader(Form form) : m_form(form), m_dayIsPlain(false), m_dayStar
     std::memset(m_dayText, 0, sizeof m_dayText);
 }
 
-QDateTime TimeReader::read(const char *cell)
+void TimeReader::read(const char *cell, QDateTime &time)
 {
     const size_t size = m_form == Seconds ? 19 : 23;
     if (cell && std::strlen(cell) == size && cell[10] == ' ' && cell[13] == ':' && cell[16] == ':' &&
@@ -285,15 +285,14 @@ QDateTime TimeReader::read(const char *cell)
         if (m_dayIsPlain && QTime::isValid(hour, minute, second, milliseconds)) {
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
             // The same time in two thirds of the instructions that the other way takes; with Qt 5 it would take more.
-            QDateTime time;
             time.setMSecsSinceEpoch(m_dayStart + 1000 * (60 * (60 * hour + minute) + second) + milliseconds);
-            return time;
 #else
-            return QDateTime(m_day, QTime(hour, minute, second, milliseconds));
+            time = QDateTime(m_day, QTime(hour, minute, second, milliseconds));
 #endif
+            return;
         }
     }
-    return QDateTime::fromString(QString::fromUtf8(cell),
+    time = QDateTime::fromString(QString::fromUtf8(cell),
                                  QLatin1String(m_form == Seconds ? "yyyy-MM-dd hh:mm:ss" : "yyyy-MM-dd hh:mm:ss.zzz"));
 }
 
@@ -318,6 +317,22 @@ void TimeReader::startDay(const char *text)
     m_dayStart = QDateTime(m_day, QTime(0, 0), Qt::UTC).toMSecsSinceEpoch() - Q_INT64_C(1000) * offset;
 }
 
+// Descriptions may differ anywhere, so all of a long text counts; of a name its size and two bytes do.
+static int hashed(const char *text, size_t size, int bits)
+{
+    const quint64 factor = Q_UINT64_C(0x9e3779b97f4a7c15);
+    quint64 hash = size;
+    if (size >= 16) {
+        const char *const last = text + size - 8; // overlaps the one before it
+        for (; text < last; text += 8)
+            hash = (hash ^ eightAt(text)) * factor;
+        hash ^= eightAt(last);
+    } else if (size > 0) {
+        hash |= quint64(uchar(text[size / 2]) << 8 | uchar(text[size - 1]) << 16);
+    }
+    return int((hash * factor) >> (64 - bits));
+}
+
 RecurringTexts::RecurringTexts()
 {
     for (int i = 0; i < Slots; ++i)
@@ -329,8 +344,7 @@ QString RecurringTexts::read(const char *cell)
     if (!cell)
         return QString();
     const size_t size = std::strlen(cell);
-    // Texts of a column differ in size or where they end, mostly.
-    const size_t slot = size == 0 ? 0 : (size + 7 * uchar(cell[size / 2]) + 31 * uchar(cell[size - 1])) % Slots;
+    const int slot = hashed(cell, size, SlotBits);
     if (!m_cells[slot] || m_sizes[slot] != size || std::memcmp(m_cells[slot], cell, size) != 0) {
         m_cells[slot] = cell;
         m_sizes[slot] = size;

@@ -287,7 +287,7 @@ public:
     enum Form { Seconds, Milliseconds };
     explicit TimeReader(Form form);
 
-    QDateTime read(const char *cell);
+    void read(const char *cell, QDateTime &time); ///< `time` is a new one: invalid, and of local time.
 
 private:
     Q_DISABLE_COPY(TimeReader)
@@ -310,7 +310,7 @@ public:
 
 private:
     Q_DISABLE_COPY(RecurringTexts)
-    enum { Slots = 16 };
+    enum { SlotBits = 5, Slots = 1 << SlotBits };
     const char *m_cells[Slots];
     size_t m_sizes[Slots];
     QString m_texts[Slots];

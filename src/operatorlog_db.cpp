@@ -19,7 +19,7 @@ void appendEntries(const TableQuery &query, void *list)
     RecurringTexts users, logs;
     for (int row = 0; row < query.rowCount(); ++row) {
         OperatorLogData &entry = appendNew(entries);
-        entry.dateTime = times.read(query.cell(row, 1));
+        times.read(query.cell(row, 1), entry.dateTime);
         entry.userName = users.read(query.cell(row, 2));
         entry.logName = logs.read(query.cell(row, 3));
         entry.message = toText(query.cell(row, 4));
