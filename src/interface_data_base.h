@@ -310,7 +310,7 @@ public:
 
 private:
     Q_DISABLE_COPY(RecurringTexts)
-    enum { SlotBits = 5, Slots = 1 << SlotBits };
+    enum { SlotBits = 6, Slots = 1 << SlotBits };
     const char *m_cells[Slots];
     size_t m_sizes[Slots];
     QString m_texts[Slots];
