@@ -239,6 +239,7 @@ TEST_F(LiveFile, ALockOfAReaderIsSeenByTheDevice)
     while (shared->batches < 3)
         usleep(1000);
     PlainConnection reader(path());
+    sqlite3_busy_timeout(reader.handle(), 10000); // the device may be committing just now
     reader.run("begin; select count(*) from Boiler"_q);
     const int batches = shared->batches;
     while (shared->batches < batches + 3)
