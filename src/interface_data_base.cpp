@@ -11,9 +11,10 @@
 #endif
 
 #include <cfloat>
+#include <climits>
 #include <cstring>
 
-// The one place that depends on the Qt version: only Qt 4 lets a host choose the codec of C strings.
+// Only Qt 4 lets a host choose the codec of C strings.
 #if QT_VERSION < QT_VERSION_CHECK(5, 0, 0)
 static bool cStringsAreLatin1()
 {
@@ -120,6 +121,8 @@ const char *StatementTemplate::splice(const QString *const *cells)
     size_t most = std::strlen(m_text) + 1;
     for (int i = 0; i < m_markers; ++i)
         most += 3 * size_t(cells[i]->size()); // UTF-8 takes at most three bytes for a UTF-16 unit
+    if (most > size_t(INT_MAX) / 2)           // more than the buffer can count
+        return nullptr;
     if (size_t(m_bytes.size()) < most)
         m_bytes.resize(int(2 * most));
 
