@@ -1,64 +1,25 @@
 // SPDX-License-Identifier: MIT
 #include "connection.h"
 
+#include "deadline.h"
 #include "message_capture.h"
 
 #include "interface_data_base.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 #include <algorithm>
 #include <thread>
+
+#include <sys/stat.h>
 
 namespace device
 {
 
 namespace
 {
-
-using Clock = std::chrono::steady_clock;
-
-constexpr int statementLength = 60000; // characters; far below SQLite's limit, long enough to pay
-
-struct Meaning {
-    const char *words;
-    Error::Code code;
-};
-
-// SQLite's own words, as the store library passes them on.
-constexpr Meaning meanings[] = {
-    {"is locked", Error::Locked},
-    {"no such table", Error::TableMissing},
-    {"no such column", Error::TableLayout},
-    {"has no column", Error::TableLayout},
-    {"values were supplied", Error::TableLayout},
-    {"is full", Error::StorageFailed},
-    {"disk I/O error", Error::StorageFailed},
-    {"readonly", Error::StorageFailed},
-    {"out of memory", Error::StorageFailed},
-    {"unable to open", Error::FileError},
-    {"not a database", Error::FileError},
-    {"malformed", Error::FileError},
-};
-
-Error failure(const Site &site, const QString &cause)
-{
-    for (const Meaning &meaning : meanings) {
-        if (cause.contains(QLatin1String(meaning.words)))
-            return site.error(meaning.code, cause);
-    }
-    return site.error(Error::Failed, cause.isEmpty() ? QStringLiteral("the store library did not say why: its debug "
-                                                                      "output is switched off")
-                                                     : cause);
-}
-
-// The file or the medium stood in the way, not the statement.
-bool isOfTheFile(Error::Code code)
-{
-    return code == Error::Locked || code == Error::StorageFailed || code == Error::FileError ||
-           code == Error::Cancelled;
-}
 
 QString openingCause(int code)
 {
@@ -78,16 +39,18 @@ QString openingCause(int code)
 class Connection::Patience
 {
 public:
-    explicit Patience(const OpenOptions &options)
-        : m_cancel(options.cancel), m_deadline(Clock::now() + options.deadline)
+    explicit Patience(const Connection &connection)
+        : m_host(connection.m_options.cancel),
+          m_question(connection.m_cancelled),
+          m_deadline(connection.m_options.deadline)
     {
     }
 
-    bool cancelled() const { return m_cancel && *m_cancel; }
+    bool cancelled() const { return (m_host && *m_host) || (m_question && *m_question); }
     /// Sleeps a little; false when it is over.
     bool again()
     {
-        if (cancelled() || Clock::now() >= m_deadline)
+        if (cancelled() || m_deadline.isOver())
             return false;
         std::this_thread::sleep_for(m_pause);
         m_pause = std::min(m_pause * 2, std::chrono::milliseconds(20));
@@ -99,13 +62,35 @@ public:
     }
 
 private:
-    const std::atomic_bool *m_cancel;
-    Clock::time_point m_deadline;
+    const std::atomic_bool *m_host;
+    const std::atomic_bool *m_question;
+    const Deadline m_deadline;
     std::chrono::milliseconds m_pause{1};
 };
 
-Connection::Connection(Library library, interface_data_base *store, QString path, const OpenOptions &options)
-    : m_library(std::move(library)), m_store(store), m_path(std::move(path)), m_options(options)
+FileIdentity FileIdentity::of(const QString &path)
+{
+    struct stat found;
+    if (::stat(QFile::encodeName(path).constData(), &found) != 0)
+        return {};
+    return {quint64(found.st_dev), quint64(found.st_ino)};
+}
+
+Connection::Question::Question(Connection &connection, const std::atomic_bool *cancelled)
+    : m_connection(connection), m_role(connection.m_role)
+{
+    m_connection.m_role = Reader;
+    m_connection.m_cancelled = cancelled;
+}
+
+Connection::Question::~Question()
+{
+    m_connection.m_role = m_role;
+    m_connection.m_cancelled = nullptr;
+}
+
+Connection::Connection(Library library, interface_data_base *store, QString path, const OpenOptions &options, Role role)
+    : m_library(std::move(library)), m_store(store), m_path(std::move(path)), m_options(options), m_role(role)
 {
 }
 
@@ -116,7 +101,7 @@ Connection::~Connection()
 }
 
 Result<std::shared_ptr<Connection>> Connection::open(const Library &library, const QString &path,
-                                                     const OpenOptions &options)
+                                                     const OpenOptions &options, Role role)
 {
     const Site site{QStringLiteral("open %1").arg(path), QString()};
     const QFileInfo file(path);
@@ -124,7 +109,7 @@ Result<std::shared_ptr<Connection>> Connection::open(const Library &library, con
         return site.error(Error::FileError, QStringLiteral("this is no file name"));
     if (file.isDir())
         return site.error(Error::FileError, QStringLiteral("this is a folder"));
-    if (!file.exists() && !options.create)
+    if (!file.exists() && (!options.create || role == Reader))
         return site.error(Error::FileError, QStringLiteral("there is no such file"));
     if (!file.absoluteDir().exists())
         return site.error(Error::FileError, QStringLiteral("there is no folder ") + file.absolutePath());
@@ -132,7 +117,9 @@ Result<std::shared_ptr<Connection>> Connection::open(const Library &library, con
     interface_data_base *store = library.createStore(QStringLiteral("historyDB"));
     if (!store)
         return site.error(Error::LibraryError, QStringLiteral("the library makes no history store"));
-    const std::shared_ptr<Connection> connection(new Connection(library, store, path, options));
+    // Absolute: the file is looked for again after each commit, wherever the application has changed to by then.
+    const std::shared_ptr<Connection> connection(
+        new Connection(library, store, file.absoluteFilePath(), options, role));
     const int code = [&] {
         const MessageCapture capture;
         return store->openDB(path);
@@ -142,8 +129,17 @@ Result<std::shared_ptr<Connection>> Connection::open(const Library &library, con
     // SQLite opens a file when it is first read.
     if (const auto tables = connection->number(site, QStringLiteral("select count(*) from sqlite_master")); !tables)
         return tables.error();
-    if (const Status prepared = connection->applyProfile(); !prepared)
-        return prepared.error();
+    if (role == Writer) {
+        if (const Status prepared = connection->applyProfile(); !prepared)
+            return prepared.error();
+    }
+    const auto mode = connection->query(site, QStringLiteral("pragma journal_mode"));
+    if (!mode)
+        return mode.error();
+    connection->m_writesAhead = !mode->isEmpty() && mode->first().value(0) == QLatin1String("wal");
+    connection->m_file = FileIdentity::of(connection->m_path);
+    if (connection->m_writesAhead)
+        connection->m_log = FileIdentity::of(connection->logPath());
     return connection;
 }
 
@@ -166,13 +162,41 @@ Status Connection::applyProfile()
     return {};
 }
 
+// Beside the file itself, as SQLite has it, when the path is a symbolic link.
+QString Connection::logPath() const
+{
+    return QFileInfo(m_path).canonicalFilePath() + QLatin1String("-wal");
+}
+
+bool Connection::moved() const
+{
+    if (!(FileIdentity::of(m_path) == m_file))
+        return true;
+    return m_log.inode != 0 && !(FileIdentity::of(logPath()) == m_log);
+}
+
+Status Connection::mayWrite(const Site &site) const
+{
+    if (m_role == Writer)
+        return {};
+    return site.error(Error::ReadOnly, QStringLiteral("a question to a recorder only reads"));
+}
+
+Error Connection::failed(const Site &site, const MessageCapture &capture)
+{
+    m_explained = !capture.text().isEmpty();
+    if (!m_explained)
+        MessageCapture::install(); // the application has put a handler of its own in front since
+    return failure(site, capture.text());
+}
+
 Status Connection::run(const Site &site, const QString &sql)
 {
     const MessageCapture capture;
     QList<QStringList> none;
     if (m_store->execSQL({sql}, none, 0))
         return {};
-    return failure(site, capture.text());
+    return failed(site, capture);
 }
 
 Result<QList<QStringList>> Connection::ask(const Site &site, const QString &sql)
@@ -181,18 +205,25 @@ Result<QList<QStringList>> Connection::ask(const Site &site, const QString &sql)
     QList<QStringList> rows;
     if (m_store->execSQL({sql}, rows, 1))
         return rows;
-    return failure(site, capture.text());
+    return failed(site, capture);
 }
 
 Result<QList<QStringList>> Connection::query(const Site &site, const QString &sql)
 {
-    Patience patience(m_options);
+    Patience patience(*this);
+    if (m_cancelled && *m_cancelled)
+        return site.error(Error::Cancelled, QStringLiteral("cancelled before it began"));
     for (;;) {
         auto rows = ask(site, sql);
-        if (rows || rows.error().code() != Error::Locked)
+        if (rows)
             return rows;
+        Error why = rows.error();
+        if (!m_explained && !isReadable())
+            why = asLock(site);
+        if (why.code() != Error::Locked)
+            return why;
         if (!patience.again())
-            return patience.stopped(site, rows.error());
+            return patience.stopped(site, why);
     }
 }
 
@@ -208,7 +239,9 @@ Result<qint64> Connection::number(const Site &site, const QString &sql)
 
 Status Connection::alone(const Site &site, const QString &sql)
 {
-    Patience patience(m_options);
+    if (const Status may = mayWrite(site); !may)
+        return may;
+    Patience patience(*this);
     for (;;) {
         const Status done = run(site, sql);
         if (done || done.error().code() != Error::Locked)
@@ -220,7 +253,9 @@ Status Connection::alone(const Site &site, const QString &sql)
 
 Status Connection::transaction(const Site &site, const std::function<Status()> &body)
 {
-    Patience patience(m_options);
+    if (const Status may = mayWrite(site); !may)
+        return may;
+    Patience patience(*this);
     for (;;) {
         const Status done = attempt(site, body, patience);
         if (done || done.error().code() != Error::Locked)
@@ -232,6 +267,7 @@ Status Connection::transaction(const Site &site, const std::function<Status()> &
 
 Status Connection::attempt(const Site &site, const std::function<Status()> &body, Patience &patience)
 {
+    m_commitInDoubt = false;
     // "immediate": whoever writes waits here, before anything was done, and not in the middle.
     Status begun = run(site, QStringLiteral("begin immediate"));
     if (!begun && isInTransaction()) {
@@ -239,12 +275,16 @@ Status Connection::attempt(const Site &site, const std::function<Status()> &body
         begun = run(site, QStringLiteral("begin immediate"));
     }
     if (!begun)
-        return begun;
+        return m_explained ? begun.error() : asLock(site);
     if (const Status done = body(); !done) {
         (void)run(site, QStringLiteral("rollback")); // fails when SQLite rolled back itself
         return done;
     }
-    return commit(site, patience);
+    if (const Status done = commit(site, patience); !done)
+        return done;
+    if (moved())
+        return site.error(Error::FileMoved, QStringLiteral("%1 was moved or deleted while it was open").arg(m_path));
+    return {};
 }
 
 Status Connection::commit(const Site &site, Patience &patience)
@@ -254,22 +294,42 @@ Status Connection::commit(const Site &site, Patience &patience)
         return done;
     ++m_failedCommits;
     // A reader of another connection: the transaction is still open and whole, so only the commit is tried again.
-    while (!done && isInTransaction() && patience.again())
+    bool open = isInTransaction();
+    while (!done && open && patience.again()) {
         done = run(site, QStringLiteral("commit"));
+        open = !done && isInTransaction();
+    }
     if (done)
         return done;
-    (void)run(site, QStringLiteral("rollback"));
-    return patience.stopped(site, done.error());
+    const Error why = m_explained || !open ? done.error() : asLock(site);
+    if (open)
+        (void)run(site, QStringLiteral("rollback"));
+    else
+        m_commitInDoubt = true;
+    return patience.stopped(site, why);
 }
 
 // SQLite answers a second "begin" with an error; after a begin that went through there was none.
 bool Connection::isInTransaction()
 {
+    const bool explained = m_explained;
     const Site site;
-    if (!run(site, QStringLiteral("begin")))
-        return true;
-    (void)run(site, QStringLiteral("rollback"));
-    return false;
+    const bool open = !run(site, QStringLiteral("begin"));
+    if (!open)
+        (void)run(site, QStringLiteral("rollback"));
+    m_explained = explained;
+    return open;
+}
+
+bool Connection::isReadable()
+{
+    return ask(Site(), QStringLiteral("select count(*) from sqlite_master")).ok();
+}
+
+// Without words from SQLite: what neither begins nor reads is locked, as far as can be asked. It is tried again.
+Error Connection::asLock(const Site &site) const
+{
+    return site.error(Error::Locked, QStringLiteral("the file does not answer, so it is taken to be locked"));
 }
 
 Result<qint64> Connection::change(const Site &site, const QStringList &statements)
@@ -292,79 +352,26 @@ Result<qint64> Connection::change(const Site &site, const QStringList &statement
     return changed;
 }
 
-Result<Written> Connection::write(const Site &site, const QVector<Write> &writes)
+Status Connection::checkpoint()
 {
-    Written written;
-    if (writes.isEmpty())
-        return written;
-    Status done = transaction(site, [&] { return all(site, writes, written); });
-    if (!done && !isOfTheFile(done.error().code()))
-        done = transaction(site, [&] { return eachAlone(site, writes, written); });
-    if (!done)
-        return done.error();
-    return written;
-}
-
-Status Connection::all(const Site &site, const QVector<Write> &writes, Written &written)
-{
-    written = Written();
-    for (int i = 0; i < writes.size();) {
-        const Write &first = writes.at(i);
-        if (first.table.isEmpty()) {
-            if (const Status done = run(site, first.text); !done)
-                return done;
-            const auto changed = ask(site, QStringLiteral("select changes()"));
-            if (!changed)
-                return changed.error();
-            written.changed.append(changed->first().first().toLongLong());
-            ++i;
-            continue;
-        }
-        QString sql;
-        sql.reserve(statementLength + first.text.size());
-        sql += QLatin1String("insert into ") + first.table + QLatin1String(" values") + first.text;
-        for (++i; i < writes.size() && writes.at(i).table == first.table &&
-                  sql.size() + writes.at(i).text.size() < statementLength;
-             ++i)
-            sql += QLatin1Char(',') + writes.at(i).text;
-        if (const Status done = run(site, sql); !done)
-            return done;
-    }
-    written.stored = int(writes.size());
-    return {};
-}
-
-Status Connection::eachAlone(const Site &site, const QVector<Write> &writes, Written &written)
-{
-    Written none;
-    written = none;
-    for (int i = 0; i < writes.size(); ++i) {
-        const Status done = all({site.operation, writes.at(i).table}, {writes.at(i)}, none);
-        if (done) {
-            ++written.stored;
-            written.changed += none.changed;
-            continue;
-        }
-        if (isOfTheFile(done.error().code()) || !isInTransaction())
-            return done;
-        written.refused.append({i, done.error()});
-        if (writes.at(i).table.isEmpty())
-            written.changed.append(0);
-    }
-    return {};
-}
-
-Result<qint64> Connection::usedBytes()
-{
-    return number({QStringLiteral("measure"), QString()},
-                  QStringLiteral("select (page_count-freelist_count)*page_size from pragma_page_count,"
-                                 "pragma_freelist_count,pragma_page_size"));
-}
-
-void Connection::checkpoint()
-{
+    if (const Status may = mayWrite({QStringLiteral("checkpoint"), QString()}); !may)
+        return may;
     const MessageCapture capture;
     m_store->dbWalCheckPoint();
+    return {};
+}
+
+Result<qint64> Connection::usedBytes(bool patiently)
+{
+    const Site site{QStringLiteral("measure"), QString()};
+    const QString sql = QStringLiteral("select (page_count-freelist_count)*page_size from pragma_page_count,"
+                                       "pragma_freelist_count,pragma_page_size");
+    if (patiently)
+        return number(site, sql);
+    const auto rows = ask(site, sql);
+    if (!rows)
+        return rows.error();
+    return rows->first().first().toLongLong();
 }
 
 } // namespace device

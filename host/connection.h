@@ -2,6 +2,7 @@
 #ifndef DEVICE_CONNECTION_H
 #define DEVICE_CONNECTION_H
 
+#include "cause.h"
 #include "device/store.h"
 
 #include <functional>
@@ -9,41 +10,55 @@
 namespace device
 {
 
-/// What an Error says was done, and on which table.
-struct Site {
-    QString operation;
-    QString table;
+class MessageCapture;
 
-    Error error(Error::Code code, const QString &cause) const { return Error(code, operation, table, cause); }
-};
+/// Which file a path names, as far as the system can say. Asked by stat() alone: a second open and close of the file in
+/// this process would drop SQLite's locks.
+struct FileIdentity {
+    quint64 device = 0;
+    quint64 inode = 0; ///< 0: there is none.
 
-/// One row to insert, or one statement that changes rows.
-struct Write {
-    QString table; ///< Empty: `text` is a whole statement.
-    QString text;  ///< Else the values, "(NULL,...)": neighbours of one table go into one INSERT.
-};
-
-struct Written {
-    int stored = 0;
-    QVector<Refusal> refused;
-    QVector<qint64> changed; ///< One number for each Write that is a whole statement, in order.
+    static FileIdentity of(const QString &path);
+    friend bool operator==(const FileIdentity &a, const FileIdentity &b)
+    {
+        return a.device == b.device && a.inode == b.inode;
+    }
 };
 
 /// The one channel to one file: SQL through execSQL() of a history store, whatever the kind of table.
 ///
-/// That slot answers for each statement by itself, rows or no rows, which no other slot does; and one
-/// connection a file means that reading never locks out writing. Only the words of a failure come by the
-/// debug output.
+/// That slot answers for each statement by itself, rows or no rows, which no other slot does. Only the words of a
+/// failure come by the debug output. Of one thread at a time.
 class Connection
 {
 public:
+    enum Role { Writer, Reader };
+
+    /// A Reader changes nothing: it neither creates the file nor sets it up, and its operations that write fail.
     static Result<std::shared_ptr<Connection>> open(const Library &library, const QString &path,
-                                                    const OpenOptions &options);
+                                                    const OpenOptions &options, Role role = Writer);
     ~Connection();
 
     QString path() const { return m_path; }
     const OpenOptions &options() const { return m_options; }
     qint64 failedCommits() const { return m_failedCommits; }
+    /// In write-ahead mode a reader and the writer do not lock each other out.
+    bool writesAhead() const { return m_writesAhead; }
+    /// Whether the path still names the file that this connection opened, its write-ahead log included.
+    bool moved() const;
+
+    /// While it holds, the connection refuses to write and gives up when `cancelled` turns true.
+    class Question
+    {
+    public:
+        Question(Connection &connection, const std::atomic_bool *cancelled);
+        ~Question();
+
+    private:
+        Q_DISABLE_COPY(Question)
+        Connection &m_connection;
+        const Role m_role;
+    };
 
     /// The rows of a query, tried until the deadline.
     Result<QList<QStringList>> query(const Site &site, const QString &sql);
@@ -58,32 +73,45 @@ public:
     /// The rows changed by the statements, in one transaction.
     Result<qint64> change(const Site &site, const QStringList &statements);
 
-    /// Stores the rows in order, in one transaction. A row that the table itself refuses (a constraint, no such
-    /// table) is left out and reported; anything else that fails leaves the file as it was.
-    Result<Written> write(const Site &site, const QVector<Write> &writes);
+    /// Whether a transaction is open at this moment.
+    bool isInTransaction();
+    /// Whether SQLite said why the last run() or ask() failed.
+    bool explained() const { return m_explained; }
+    /// The last transaction() failed in its very last step, so that only the file can tell whether it is stored.
+    bool commitInDoubt() const { return m_commitInDoubt; }
 
     /// Outside a transaction: VACUUM and the like, tried until the deadline.
     Status alone(const Site &site, const QString &sql);
-    void checkpoint();
-    Result<qint64> usedBytes();
+    Status checkpoint();
+    /// `patiently`: while the file is locked it is tried again until the deadline.
+    Result<qint64> usedBytes(bool patiently = true);
 
 private:
     class Patience;
 
-    Connection(Library library, interface_data_base *store, QString path, const OpenOptions &options);
+    Connection(Library library, interface_data_base *store, QString path, const OpenOptions &options, Role role);
     Q_DISABLE_COPY(Connection)
 
+    Status mayWrite(const Site &site) const;
+    Status applyProfile();
+    QString logPath() const;
+    Error failed(const Site &site, const MessageCapture &capture);
+    Error asLock(const Site &site) const;
     Status attempt(const Site &site, const std::function<Status()> &body, Patience &patience);
     Status commit(const Site &site, Patience &patience);
-    bool isInTransaction();
-    Status all(const Site &site, const QVector<Write> &writes, Written &written);
-    Status eachAlone(const Site &site, const QVector<Write> &writes, Written &written);
-    Status applyProfile();
+    bool isReadable();
 
     Library m_library;
     interface_data_base *m_store;
     QString m_path;
     OpenOptions m_options;
+    Role m_role;
+    const std::atomic_bool *m_cancelled = nullptr; ///< Of the question that is being answered.
+    bool m_writesAhead = false;
+    bool m_explained = true;
+    bool m_commitInDoubt = false;
+    FileIdentity m_file;
+    FileIdentity m_log;
     qint64 m_failedCommits = 0;
 };
 

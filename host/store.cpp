@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "device/store.h"
 
-#include "connection.h"
+#include "batch.h"
 #include "kind.h"
 
 #include <algorithm>
@@ -133,7 +133,7 @@ Status StoreFile::compact()
 
 void StoreFile::checkpoint()
 {
-    m_connection->checkpoint();
+    (void)m_connection->checkpoint();
 }
 
 qint64 StoreFile::failedCommits() const
@@ -147,26 +147,29 @@ Result<qint64> StoreFile::usedBytes()
 }
 
 template<typename Record>
-Result<bool> Store<Record>::createTable(const TableName &table, const QString &name)
+Creation creationOf(const TableName &table, const QString &name)
 {
-    const Site site = at("create", table);
-    if (const char *why = unstorable(name))
-        return site.error(Error::TextRefused, QStringLiteral("the name cannot be held: ") + QLatin1String(why));
-    const bool indexed = m_connection->options().profile != Profile::AsIs;
-    const QString index = QStringLiteral("create index if not exists %1_time on %1(DATETIME)").arg(table.text());
-    bool created = false;
-    const Status done = m_connection->transaction(site, [&]() -> Status {
-        created = false;
+    return [table, name](Connection &connection) -> Result<bool> {
+        const Site site = at("create", table);
+        if (const char *why = unstorable(name))
+            return site.error(Error::TextRefused, QStringLiteral("the name cannot be held: ") + QLatin1String(why));
+        const bool indexed = connection.options().profile != Profile::AsIs;
+        const QString index = QStringLiteral("create index if not exists %1_time on %1(DATETIME)").arg(table.text());
         const auto columns =
-            m_connection->ask(site, QStringLiteral("select name from pragma_table_info(%1)").arg(quoted(table.text())));
+            connection.ask(site, QStringLiteral("select name from pragma_table_info(%1)").arg(quoted(table.text())));
         if (!columns)
             return columns.error();
         if (!columns->isEmpty()) {
             QStringList names;
             for (const QStringList &row : columns->mid(1))
                 names << row.first();
-            if (names.join(QLatin1Char(',')) == columnList<Record>())
-                return indexed ? m_connection->run(site, index) : Status();
+            if (names.join(QLatin1Char(',')) == columnList<Record>()) {
+                if (indexed) {
+                    if (const Status done = connection.run(site, index); !done)
+                        return done.error();
+                }
+                return false;
+            }
             return site.error(Error::TableLayout,
                               QStringLiteral("it stands with the columns ") + names.join(QLatin1String(", ")));
         }
@@ -180,10 +183,27 @@ Result<bool> Store<Record>::createTable(const TableName &table, const QString &n
         if (indexed)
             statements << index;
         for (const QString &statement : statements) {
-            if (const Status each = m_connection->run(site, statement); !each)
-                return each;
+            if (const Status each = connection.run(site, statement); !each)
+                return each.error();
         }
-        created = true;
+        return true;
+    };
+}
+
+template Creation creationOf<Sample>(const TableName &table, const QString &name);
+template Creation creationOf<Alarm>(const TableName &table, const QString &name);
+template Creation creationOf<LogEntry>(const TableName &table, const QString &name);
+
+template<typename Record>
+Result<bool> Store<Record>::createTable(const TableName &table, const QString &name)
+{
+    const Creation create = creationOf<Record>(table, name);
+    bool created = false;
+    const Status done = m_connection->transaction(at("create", table), [&]() -> Status {
+        const auto made = create(*m_connection);
+        if (!made)
+            return made.error();
+        created = *made;
         return {};
     });
     if (!done)
@@ -196,26 +216,25 @@ Result<Appended> Store<Record>::append(const TableName &table, const QList<Recor
 {
     const Site site = at("append", table);
     Appended appended;
-    QVector<Write> writes;
+    Batch batch;
     QVector<int> places;
-    writes.reserve(rows.size());
+    batch.writes.reserve(rows.size());
     places.reserve(rows.size());
     for (int i = 0; i < rows.size(); ++i) {
         RowText row;
         Kind<Record>::encode(rows.at(i), row);
         auto text = row.take(site.operation, site.table);
         if (text) {
-            writes.append({table.text(), std::move(text.value())});
+            batch.writes.append({Write::Row, table.text(), std::move(text.value()), {}});
             places.append(i);
         } else {
             appended.refused.append({i, text.error()});
         }
     }
-    const auto written = m_connection->write(site, writes);
-    if (!written)
-        return written.error();
-    appended.stored = written->stored;
-    for (const Refusal &refusal : written->refused)
+    if (const Status stored = store(*m_connection, site, batch); !stored)
+        return stored.error();
+    appended.stored = int(batch.writes.size() - batch.refused.size());
+    for (const Refusal &refusal : batch.refused)
         appended.refused.append({places.at(refusal.row), refusal.error});
     std::sort(appended.refused.begin(), appended.refused.end(),
               [](const Refusal &a, const Refusal &b) { return a.row < b.row; });

@@ -4,60 +4,90 @@
 
 #include "store.h"
 
-#include <QMetaMethod>
 #include <QObject>
 #include <QPointer>
 
+#include <exception>
 #include <functional>
+#include <type_traits>
 
 namespace device
 {
 
-struct Write;
+struct Item;
+struct Removal;
 
 /// What happens to a row that comes while the queue is full.
 enum class WhenFull {
     Wait,      ///< The caller waits for room, up to RecorderOptions::waitAtMost. Not for an event loop.
     Refuse,    ///< The new row is refused and counted.
-    DropOldest ///< The oldest waiting row is dropped and counted.
+    DropOldest ///< The oldest waiting rows are dropped and counted.
 };
 
+/// Checked by Recorder::start(). Of every time, a negative one and milliseconds::max() mean for ever.
 struct RecorderOptions {
-    OpenOptions file;                         ///< Its deadline is that of one try; its cancel is the recorder's own.
-    int batchRows = 500;                      ///< So many waiting rows are stored at once ...
-    std::chrono::milliseconds batchTime{500}; ///< ... or when the oldest waited so long: what a power cut can take.
-    int capacity = 20000;                     ///< Rows that may wait.
+    OpenOptions file;                         ///< Its deadline is that of one try; its cancel stays null.
+    int batchRows = 500;                      ///< Rows are stored once this many are waiting ...
+    std::chrono::milliseconds batchTime{500}; ///< ... or once the oldest has waited this long.
+    int capacity = 20000;                     ///< Rows that may wait ...
+    qint64 capacityBytes = 16 * 1024 * 1024;  ///< ... and the memory they may take.
     WhenFull whenFull = WhenFull::Refuse;
     std::chrono::milliseconds waitAtMost{1000};
-    /// A batch that could not be stored for so long is dropped and counted. 0: never while the recorder runs.
+    /// A batch that could not be stored for this long is dropped and counted. 0: never while the recorder runs.
     std::chrono::milliseconds giveUpAfter{0};
     std::chrono::milliseconds stopWithin{5000}; ///< What the destructor gives stop().
 };
 
-/// The counters since the start. At every moment accepted = stored + dropped + depth.
+/// The counters since start(). At every moment accepted = stored + dropped + depth.
 struct Health {
-    bool open = false;        ///< The file has been opened.
+    bool open = false;        ///< The file is open, or was when the recorder stopped.
     QString trouble;          ///< Why opening or storing fails at present; empty while all goes well.
     qint64 accepted = 0;      ///< Rows taken into the queue.
     qint64 stored = 0;        ///< Rows in the file, each exactly once.
     qint64 refused = 0;       ///< Rows not taken: no room, or a text or time that cannot be held.
-    qint64 dropped = 0;       ///< Rows taken but not stored; each was reported by dropped().
+    qint64 dropped = 0;       ///< Rows taken but not stored; each was reported.
+    qint64 movedAway = 0;     ///< Of those stored: rows in a file that was moved or deleted afterwards.
     qint64 batches = 0;       ///< Transactions that stored rows.
     qint64 failedBatches = 0; ///< Tries that stored nothing; the rows stayed waiting.
     qint64 failedCommits = 0; ///< Commits that failed at first, mostly healed within the same try.
     int depth = 0;            ///< Rows waiting, those being stored included.
     double latencyP50 = 0;    ///< Milliseconds from being taken to being in the file, of the last 1000 batches'
     double latencyP99 = 0;    ///< oldest rows.
-    double bytesPerRow = 0;   ///< What the file grew by since the start, for each stored row.
+    double bytesPerRow = 0;   ///< What the file grew by since it was opened, per stored row.
 };
 
-/// One file on a thread of its own: rows are handed over in microseconds, from any thread, and stored in
-/// groups; questions are answered from the same connection, so reading and recording never lock each other
-/// out. HistoryRecorder, AlarmRecorder and LogRecorder are the ones to use.
+/// What became of the rows since the last flush() or stop(), or since start().
+struct [[nodiscard]] Settled {
+    qint64 stored = 0;
+    qint64 dropped = 0;
+    qint64 waiting = 0; ///< Of the rows that waited when it was called: not stored at the deadline. 0 after stop().
+    std::optional<Error> why; ///< The cause of the last loss, or of the waiting; empty when every row was stored.
+
+    bool ok() const { return !why; }
+    explicit operator bool() const { return ok(); }
+};
+
+/// A question on its way, to cancel it. Copies are the same question.
+class DEVICE_HOST_EXPORT Question
+{
+public:
+    /// Answered with Error::Cancelled instead, unless it is too late. A statement that runs is not interrupted: this
+    /// takes effect before a question begins and between two of its statements.
+    void cancel() const { *m_cancelled = true; }
+    bool isCancelled() const { return *m_cancelled; }
+
+private:
+    friend class Recorder;
+    std::shared_ptr<std::atomic_bool> m_cancelled = std::make_shared<std::atomic_bool>(false);
+};
+
+/// One file on a thread of its own: rows are handed over in microseconds, from any thread, and stored in groups.
+/// HistoryRecorder, AlarmRecorder and LogRecorder are the ones to use.
 ///
-/// A file that cannot be opened or written is tried again until it can be; rows wait meanwhile. refused(), and
-/// dropped() for want of room, are emitted in the thread that hands the row over. All other signals, and the
-/// answers to ask(), come in the thread of this object: by its event loop, or by flush() and stop() there.
+/// Make it, connect to its signals, start() it. A file that cannot be opened or written is tried again until it can
+/// be; rows wait in the meantime. refused(), and dropped() for want of room, are emitted in the thread that hands the
+/// row over. All other signals, and the answers to questions, come in the thread of this object: by its event loop,
+/// or by flush() and stop() there.
 class DEVICE_HOST_EXPORT Recorder : public QObject
 {
     Q_OBJECT
@@ -68,15 +98,22 @@ public:
     QString path() const;
     Health health() const;
 
-    /// Stores what waits now without waiting for a full group. The second form returns when that is done.
-    void flushSoon();
-    Status flush(std::chrono::milliseconds deadline);
+    /// Checks every option and starts the thread. An Error names the option that cannot work; nothing was started
+    /// then. Rows that were handed over before wait. Only once.
+    Status start();
 
-    /// Takes no more rows, stores all that wait and closes the file. What is not stored at the deadline is
-    /// dropped, counted and reported. A second call does nothing.
-    Status stop(std::chrono::milliseconds deadline);
+    /// Stores what waits now without waiting for a full group.
+    void flushSoon();
+    /// The same, and returns when that is done or the deadline has passed. From any thread but the recorder's own.
+    Settled flush(std::chrono::milliseconds deadline);
+
+    /// Takes no more rows, stores all that wait and closes the file. What is not stored at the deadline is dropped,
+    /// counted and reported; questions that have not begun are answered with Error::Stopped. Returns when the threads
+    /// have ended: a statement or a sync that is under way is waited for, beyond the deadline if need be. May be
+    /// called again and from several threads; it cannot be started again.
+    Settled stop(std::chrono::milliseconds deadline);
     /// stop() without storing: ends any waiting at once.
-    void cancel();
+    Settled cancel();
 
 Q_SIGNALS:
     void ready();                                                           ///< The file is open.
@@ -85,36 +122,35 @@ Q_SIGNALS:
     void dropped(const QString &table, int rows, const device::Error &why); ///< They were taken and are lost.
     void troubled(const device::Error &why); ///< Storing or opening failed; it is tried again.
     void recovered();                        ///< It works again.
+    void removed(const QString &table, qint64 rows); ///< A deletion ended, whole or not.
+    void tableReady(const QString &table);   ///< A createTable() is done: the table is in the file.
 
 protected:
-    using Task = std::function<void(const std::shared_ptr<Connection> &)>;
-    using Afterwards = std::function<void(qint64 changed)>; ///< Told once the write is in the file.
+    using Letter = std::function<void()>; ///< A call to make in the thread of this object.
+    /// Runs on a thread of the recorder with a connection, or is given the Error why there is none. Its letter is
+    /// delivered.
+    using Asking = std::function<Letter(const Result<std::shared_ptr<Connection>> &)>;
+    using Removed = std::function<void(const Result<qint64> &)>;
 
     Recorder(const Library &library, const QString &path, const RecorderOptions &options, QObject *parent);
 
-    std::chrono::milliseconds stopWithin() const;
     /// Counts and reports a refused row.
     Status refuse(const Error &why);
     /// Takes a row that is ready to be stored.
-    Status accept(const QString &table, Write write, Afterwards afterwards = {});
-    /// Runs the task on the worker's thread, before the rows that wait.
-    void post(Task task);
-    /// From there: runs the letter in the thread of this object.
-    void mail(std::function<void()> letter);
-    /// From there: emits a signal in the thread of this object. Without a receiver nothing is mailed: a program
-    /// may have no event loop to take it out.
-    template<typename Emitter, typename... Parameters, typename... Arguments>
-    void tell(void (Emitter::*signal)(Parameters...), const Arguments &...arguments)
-    {
-        if (isSignalConnected(QMetaMethod::fromSignal(signal)))
-            mail([this, signal, arguments...] { Q_EMIT(static_cast<Emitter *>(this)->*signal)(arguments...); });
-    }
+    Status accept(Item item);
+    void create(Item item);
+    Question post(Asking asking);
+    /// Stops before a derived class loses what its signals need.
+    void stopNow();
+    Question remove(const Result<Removal> &removal, QObject *context, Removed answer);
     void customEvent(QEvent *event) override;
+
+    class Worker;
+    Worker &worker() { return *m_worker; }
 
 private:
     void deliver();
 
-    class Worker;
     std::unique_ptr<Worker> m_worker;
 };
 
@@ -139,7 +175,9 @@ class RecorderOf : public Recorder
 {
 public:
     using StoreType = typename StoreOf<Record>::Type;
+    using Created = std::function<void(const Result<bool> &)>;
 
+    /// Keeps its arguments; start() is what begins.
     RecorderOf(const Library &library, const QString &path, const RecorderOptions &options = {},
                QObject *parent = nullptr)
         : Recorder(library, path, options, parent)
@@ -149,36 +187,83 @@ public:
     /// Hands a row over. An Error when it was not taken; nothing is stored of it then.
     Status record(const TableName &table, const Record &row);
 
-    /// Makes the table when it is missing, before rows that are handed over afterwards are stored.
-    void createTable(const TableName &table, const QString &name = QString())
-    {
-        ask<Result<bool>>(
-            this, [table, name](StoreType &store) { return store.createTable(table, name); },
-            [this](const Result<bool> &created) {
-                if (!created)
-                    Q_EMIT troubled(created.error());
-            });
-    }
+    /// Makes the table when it is missing, before rows that are handed over afterwards are stored and questions that
+    /// are asked afterwards are answered. Waits its turn like a row and is tried again like one. `answer`, if any,
+    /// comes in the thread of this object: true when it was made, false when it existed.
+    void createTable(const TableName &table, const QString &name = QString(), Created answer = {});
 
-    /// Puts `question` to the store on the worker's thread and hands what it returns to `answer`, in the
-    /// thread of this object, unless `context`, which lives there too, is gone by then.
-    template<typename Answer>
-    void ask(QObject *context, std::function<Answer(StoreType &)> question, std::function<void(const Answer &)> answer)
+    /// Puts `question` to a store of this file, on a thread of the recorder, and hands what it returns to `answer` in
+    /// the thread of this object, unless `context`, which lives there too, is gone by then. `question` takes a
+    /// StoreType & and returns a T or a Result<T>; `answer` takes a const Result<T> &. An answer always comes: an
+    /// Error when the file cannot be opened, when the question was cancelled or threw, or when the recorder stops.
+    ///
+    /// A question only reads; what it writes fails with Error::ReadOnly. In write-ahead mode it has a connection of its
+    /// own and holds up no row. In other journal modes rows wait while it runs: ask for pages.
+    template<typename Asked, typename Answered>
+    Question ask(QObject *context, Asked question, Answered answer)
     {
-        const QPointer<QObject> guard(context);
-        post([this, guard, question, answer](const std::shared_ptr<Connection> &connection) {
-            StoreType store(connection);
-            const Answer given = question(store);
-            mail([guard, answer, given] {
-                if (guard)
-                    answer(given);
+        using Answer = typename AnswerOf<std::invoke_result_t<Asked &, StoreType &>>::Type;
+        const bool hasContext = context != nullptr;
+        return post([hasContext, guard = QPointer<QObject>(context), question = std::move(question),
+                     answer = std::move(answer)](const Result<std::shared_ptr<Connection>> &connection) mutable {
+            return Letter([hasContext, guard, answer = std::move(answer),
+                           given = given<Answer>(question, connection)]() mutable {
+                if (guard || !hasContext)
+                    answer(static_cast<const Answer &>(given));
             });
         });
     }
+
+    /// Deletes the records before `time`, in slices between batches; the answer is their number, or an Error that says
+    /// how many are deleted already. Not undone when it is cancelled or fails midway.
+    Question removeBefore(const TableName &table, LocalTime time, QObject *context = nullptr, Removed answer = {});
+    /// Deletes all but the `keep` newest of the rows that are in the file when it begins; as removeBefore().
+    Question keepNewest(const TableName &table, qint64 keep, QObject *context = nullptr, Removed answer = {});
+    /// Empties the table and starts its IDs at 1 again, unless rows come in the meantime; as removeBefore().
+    Question clear(const TableName &table, QObject *context = nullptr, Removed answer = {});
+
+private:
+    template<typename T>
+    struct AnswerOf {
+        using Type = Result<T>;
+    };
+    template<typename T>
+    struct AnswerOf<Result<T>> {
+        using Type = Result<T>;
+    };
+
+    template<typename Answer, typename Asked>
+    static Answer given(Asked &question, const Result<std::shared_ptr<Connection>> &connection)
+    {
+        if (!connection)
+            return connection.error();
+        QString thrown = QStringLiteral("the question threw");
+        try {
+            StoreType store(*connection);
+            return question(store);
+        } catch (const std::exception &exception) {
+            thrown += QLatin1String(": ") + QString::fromLocal8Bit(exception.what());
+        } catch (...) {
+        }
+        return Error(Error::Failed, QStringLiteral("ask"), QString(), thrown);
+    }
 };
 
-using HistoryRecorder = RecorderOf<Sample>;
-using LogRecorder = RecorderOf<LogEntry>;
+class DEVICE_HOST_EXPORT HistoryRecorder : public RecorderOf<Sample>
+{
+    Q_OBJECT
+
+public:
+    using RecorderOf<Sample>::RecorderOf;
+};
+
+class DEVICE_HOST_EXPORT LogRecorder : public RecorderOf<LogEntry>
+{
+    Q_OBJECT
+
+public:
+    using RecorderOf<LogEntry>::RecorderOf;
+};
 
 class DEVICE_HOST_EXPORT AlarmRecorder : public RecorderOf<Alarm>
 {
@@ -190,12 +275,17 @@ public:
 
     /// As record(); raised() follows once it is stored.
     Status raise(const TableName &table, const Alarm &alarm);
+    /// The same unless an alarm of this object and type is active; then nothing follows, and the row counts as stored.
+    Status raiseUnlessActive(const TableName &table, const Alarm &alarm);
     /// Ends the active alarms of this object and type; ended() follows when there was one.
     Status end(const TableName &table, const QString &object, const QString &type, LocalTime when);
+    /// Deletes the ended alarms, and the active ones that started before `time`; as removeBefore().
+    Question removeEndedAndBefore(const TableName &table, LocalTime time, QObject *context = nullptr,
+                                  Removed answer = {});
 
 Q_SIGNALS:
     void raised(const device::Alarm &alarm);
-    void ended(const QString &object, const QString &type, const QDateTime &when);
+    void ended(const QString &object, const QString &type, device::LocalTime when);
 };
 
 extern template class DEVICE_HOST_EXPORT RecorderOf<Sample>;

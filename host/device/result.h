@@ -30,7 +30,13 @@ public:
         Locked,        ///< Another connection kept the file locked past the deadline.
         StorageFailed, ///< The disk is full, read-only or failing.
         QueueFull,     ///< The recorder's queue is full.
-        Cancelled      ///< The host asked to stop.
+        Cancelled,     ///< The host cancelled this operation.
+        Stopped,       ///< The recorder was stopped.
+        TimedOut,      ///< Not done at the deadline, and nothing else is wrong.
+        NotStarted,    ///< The recorder was never started.
+        FileMoved,     ///< The file was moved or deleted while it was open.
+        ReadOnly,      ///< A question only reads.
+        OptionRefused  ///< An option has a value that cannot work.
     };
 
     Error() = default;

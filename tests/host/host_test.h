@@ -5,7 +5,7 @@
 #include "qt_printers.h"
 #include "text_literal.h"
 
-#include "device/store.h"
+#include "device/recorder.h"
 
 #include <QTemporaryDir>
 
@@ -53,6 +53,12 @@ inline void require(const device::Status &status)
 {
     if (!status)
         throw std::runtime_error(status.error().text().toStdString());
+}
+
+inline void require(const device::Settled &settled)
+{
+    if (!settled)
+        throw std::runtime_error(settled.why->text().toStdString());
 }
 
 template<typename T>

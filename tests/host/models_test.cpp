@@ -50,6 +50,7 @@ TEST_F(Models, AMillionRowsAreFetchedAPageAtATime)
             "select NULL,datetime('2024-01-01','+'||i||' seconds'),'v'||i from n; create index i on Boiler(DATETIME)"_q);
     }
     HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
     SampleModel model(&recorder, boiler, Query<Sample>().oldestFirst());
     EXPECT_EQ(model.rowCount(), 0);
     ASSERT_TRUE(eventually([&] { return model.rowCount() == 1000000; }));
@@ -65,6 +66,7 @@ TEST_F(Models, AMillionRowsAreFetchedAPageAtATime)
 TEST_F(Models, NewestFirstFollowsWhatIsRecorded)
 {
     LogRecorder recorder(library(), path(), options);
+    require(recorder.start());
     const TableName log = table("OperatorLog"_q);
     recorder.createTable(log);
     LogModel model(&recorder, log);
@@ -90,6 +92,7 @@ TEST_F(Models, NewestFirstFollowsWhatIsRecorded)
 TEST_F(Models, AnEndedAlarmLeavesTheModelOfActiveOnes)
 {
     AlarmRecorder recorder(library(), path(), options);
+    require(recorder.start());
     const TableName alarms = table("AlarmData"_q);
     recorder.createTable(alarms);
     AlarmModel active(&recorder, alarms, Query<Alarm>().where({Filter<Alarm>::Active}));
@@ -117,6 +120,7 @@ TEST_F(Models, AnEndedAlarmLeavesTheModelOfActiveOnes)
 TEST_F(Models, AMissingTableShowsAsAnErrorNotAsNoRows)
 {
     HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
     SampleModel model(&recorder, table("Missing"_q));
     ASSERT_TRUE(eventually([&] { return !model.errorText().isEmpty(); }));
     EXPECT_TRUE(model.errorText().contains("no such table"_q));

@@ -55,6 +55,7 @@ protected:
 TEST_F(Recorders, EveryAcceptedRowIsInTheFileOnceAndInOrder)
 {
     HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
     recorder.createTable(boiler);
     for (int i = 0; i < 5000; ++i)
         require(recorder.record(boiler, numbered(i)));
@@ -74,6 +75,7 @@ TEST_F(Recorders, FlushReturnsWhenEverythingIsInTheFile)
 {
     options.batchTime = milliseconds(3600000);
     HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
     recorder.createTable(boiler);
     for (int i = 0; i < 7; ++i)
         require(recorder.record(boiler, numbered(i)));
@@ -87,6 +89,7 @@ TEST_F(Recorders, AReaderOfAnotherConnectionDelaysButLosesNothing)
     options.file.deadline = milliseconds(20);
     options.batchRows = 10;
     HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
     recorder.createTable(boiler);
     require(recorder.record(boiler, numbered(0)));
     require(recorder.flush(milliseconds(20000)));
@@ -95,13 +98,10 @@ TEST_F(Recorders, AReaderOfAnotherConnectionDelaysButLosesNothing)
         reader.run("begin; select * from Boiler"_q); // a read lock that stays
         for (int i = 1; i < 100; ++i)
             require(recorder.record(boiler, numbered(i)));
-        EXPECT_EQ(codeOf<int>([&]() -> Result<int> {
-                      const Status status = recorder.flush(milliseconds(300));
-                      if (status)
-                          return 0;
-                      return status.error();
-                  }()),
-                  Error::Locked);
+        const Settled settled = recorder.flush(milliseconds(300));
+        ASSERT_TRUE(settled.why);
+        EXPECT_EQ(settled.why->code(), Error::Locked);
+        EXPECT_EQ(settled.waiting, 99);
         const Health health = recorder.health();
         EXPECT_GT(health.failedCommits, 0);
         EXPECT_GT(health.failedBatches, 0);
@@ -118,6 +118,7 @@ TEST_F(Recorders, AReaderOfAnotherConnectionDelaysButLosesNothing)
 TEST_F(Recorders, WhatCannotBeStoredIsRefusedWithItsReason)
 {
     HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
     recorder.createTable(boiler);
     std::vector<Error::Code> codes;
     QObject::connect(&recorder, &Recorder::refused,
@@ -127,7 +128,7 @@ TEST_F(Recorders, WhatCannotBeStoredIsRefusedWithItsReason)
     require(recorder.record(boiler, numbered(0)));
     require(recorder.stop(milliseconds(20000)));
     EXPECT_FALSE(recorder.record(boiler, numbered(1)).ok());
-    EXPECT_EQ(codes, (std::vector<Error::Code>{Error::TextRefused, Error::TimeRefused, Error::Cancelled}));
+    EXPECT_EQ(codes, (std::vector<Error::Code>{Error::TextRefused, Error::TimeRefused, Error::Stopped}));
     EXPECT_EQ(recorder.health().refused, 3);
     EXPECT_EQ(recorder.health().accepted, 1);
     expectNumbers(1);
@@ -136,6 +137,7 @@ TEST_F(Recorders, WhatCannotBeStoredIsRefusedWithItsReason)
 TEST_F(Recorders, RowsOfAMissingTableAreDroppedAndReportedTheOthersStored)
 {
     HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
     recorder.createTable(boiler);
     std::atomic_int lost{0};
     QObject::connect(
@@ -150,6 +152,12 @@ TEST_F(Recorders, RowsOfAMissingTableAreDroppedAndReportedTheOthersStored)
         require(recorder.record(boiler, numbered(i)));
         require(recorder.record(table("Missing"_q), numbered(i)));
     }
+    const Settled settled = recorder.flush(milliseconds(20000));
+    EXPECT_EQ(settled.stored, 20);
+    EXPECT_EQ(settled.dropped, 20);
+    EXPECT_EQ(settled.waiting, 0);
+    ASSERT_TRUE(settled.why);
+    EXPECT_EQ(settled.why->code(), Error::TableMissing);
     require(recorder.flush(milliseconds(20000)));
     const Health health = recorder.health();
     EXPECT_EQ(health.stored, 20);
@@ -178,6 +186,7 @@ protected:
 TEST_F(FullQueue, RefusesTheNewest)
 {
     HistoryRecorder recorder(library(), later(), options);
+    require(recorder.start());
     recorder.createTable(boiler);
     int taken = 0;
     for (int i = 0; i < 15; ++i)
@@ -198,6 +207,7 @@ TEST_F(FullQueue, DropsTheOldest)
 {
     options.whenFull = WhenFull::DropOldest;
     HistoryRecorder recorder(library(), later(), options);
+    require(recorder.start());
     recorder.createTable(boiler);
     int reported = 0;
     QObject::connect(&recorder, &Recorder::dropped, [&](const QString &, int rows, const Error &why) {
@@ -210,7 +220,11 @@ TEST_F(FullQueue, DropsTheOldest)
     EXPECT_EQ(recorder.health().dropped, 5);
     expectBalance(recorder.health());
     mount();
-    require(recorder.stop(milliseconds(20000)));
+    const Settled settled = recorder.stop(milliseconds(20000));
+    EXPECT_EQ(settled.stored, 10);
+    EXPECT_EQ(settled.dropped, 5);
+    ASSERT_TRUE(settled.why);
+    EXPECT_EQ(settled.why->code(), Error::QueueFull);
     EXPECT_EQ(values(), (QStringList{"5", "6", "7", "8", "9", "10", "11", "12", "13", "14"}));
 }
 
@@ -219,6 +233,7 @@ TEST_F(FullQueue, WaitsForRoom)
     options.whenFull = WhenFull::Wait;
     options.waitAtMost = milliseconds(20000);
     HistoryRecorder recorder(library(), later(), options);
+    require(recorder.start());
     recorder.createTable(boiler);
     std::thread producer([&] {
         for (int i = 0; i < 15; ++i)
@@ -236,6 +251,7 @@ TEST_F(FullQueue, WaitsForRoom)
 TEST_F(FullQueue, WhatIsLeftAtTheDeadlineIsDroppedAndReported)
 {
     HistoryRecorder recorder(library(), later(), options);
+    require(recorder.start());
     recorder.createTable(boiler);
     std::atomic_int lost{0};
     QObject::connect(
@@ -252,6 +268,7 @@ TEST_F(FullQueue, WhatIsLeftAtTheDeadlineIsDroppedAndReported)
 TEST_F(Recorders, AlarmsAreAnnouncedOnceTheyAreInTheFile)
 {
     AlarmRecorder recorder(library(), path(), options);
+    require(recorder.start());
     const TableName alarms = table("AlarmData"_q);
     recorder.createTable(alarms);
     QList<Alarm> raised;
@@ -277,13 +294,14 @@ TEST_F(Recorders, AlarmsAreAnnouncedOnceTheyAreInTheFile)
 TEST_F(Recorders, AQuestionIsAnsweredInTheAskersThread)
 {
     LogRecorder recorder(library(), path(), options);
+    require(recorder.start());
     const TableName log = table("OperatorLog"_q);
     recorder.createTable(log);
     require(recorder.record(log, {at("2024-05-06 07:08:09.123"_q), "admin"_q, "Login"_q, ""_q}));
     require(recorder.flush(milliseconds(20000)));
     std::thread::id answeredIn;
     qint64 rows = -1;
-    recorder.ask<Result<qint64>>(
+    recorder.ask(
         &recorder, [log](LogStore &store) { return store.count(log); },
         [&](const Result<qint64> &count) {
             rows = require(count);

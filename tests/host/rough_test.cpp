@@ -87,6 +87,7 @@ TEST_F(Rough, WhileAnotherProcessMakesCommitsFailEveryAcceptedRowIsStoredOnce)
     options.batchTime = milliseconds(20);
     options.capacity = 1000;
     HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
     recorder.createTable(boiler);
     QVector<qint64> accepted;
     std::atomic<qint64> announced{0};
@@ -125,6 +126,7 @@ TEST_F(Rough, ADiskThatIsStuckHoldsUpNobody)
 {
     SlowDisk disk(0);
     HistoryRecorder recorder(library(), path(), {});
+    require(recorder.start());
     recorder.createTable(boiler);
     require(recorder.record(boiler, numbered(0)));
     require(recorder.flush(milliseconds(20000)));
@@ -147,6 +149,7 @@ TEST_F(Rough, EverythingIsStoredWhileTheDiskIsSlow)
     options.capacity = 1000000;
     options.batchRows = 5000;
     HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
     recorder.createTable(boiler);
 
     qint64 number = 0;

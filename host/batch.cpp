@@ -1,0 +1,276 @@
+// SPDX-License-Identifier: MIT
+#include "batch.h"
+
+#include "kind.h"
+
+#include <QHash>
+
+#include <algorithm>
+#include <map>
+
+namespace device
+{
+
+namespace
+{
+
+constexpr int statementLength = 60000; // characters; far below SQLite's limit, long enough to pay
+
+// One way of a batch into the file.
+class Storing
+{
+public:
+    Storing(Connection &connection, const Site &site, Batch &batch)
+        : m_connection(connection), m_site(site), m_batch(batch)
+    {
+    }
+
+    Status run();
+
+private:
+    Site at(const QString &table) const { return {m_site.operation, table}; }
+    bool isRefused(int step) const { return m_refused.find(step) != m_refused.end(); }
+    Status allSteps();
+    Status rows(const QVector<int> &rows);
+    Status insert(const Insert &insert);
+    Status change(int step);
+    Status create(int step);
+    Status refuse(int step, const Error &why);
+    Error judged(const Error &why);
+    bool schemaHas(const QString &condition);
+    Status lookAtWitness(const QString &table, const QString &id);
+
+    Connection &m_connection;
+    const Site m_site;
+    Batch &m_batch;
+    std::map<int, Error> m_refused;
+    std::optional<Witness> m_witness;
+    bool m_singly = false;
+    bool m_again = false;
+};
+
+Status Storing::run()
+{
+    Status done;
+    do {
+        m_again = false;
+        done = m_connection.transaction(m_site, [this] { return allSteps(); });
+    } while (m_again);
+    m_batch.refused.clear();
+    for (const auto &[step, why] : m_refused)
+        m_batch.refused.append({step, why});
+    const bool moved = !done && done.error().code() == Error::FileMoved;
+    if (moved || (!done && m_connection.commitInDoubt()))
+        m_batch.inDoubt = m_witness;
+    return done;
+}
+
+Status Storing::allSteps()
+{
+    m_witness.reset();
+    bool mayHaveChanged = false;
+    QVector<int> rows;
+    const int size = int(m_batch.writes.size());
+    for (int i = 0; i <= size; ++i) {
+        if (i < size && isRefused(i))
+            continue;
+        if (i < size && m_batch.writes.at(i).kind == Write::Row) {
+            rows.append(i);
+            continue;
+        }
+        if (const Status stored = this->rows(rows); !stored)
+            return stored;
+        rows.clear();
+        if (i == size)
+            break;
+        const Status done = m_batch.writes.at(i).kind == Write::Change ? change(i) : create(i);
+        if (!done)
+            return done;
+        mayHaveChanged = true;
+    }
+    return m_witness && mayHaveChanged ? lookAtWitness(m_witness->table, m_witness->cells.first()) : Status();
+}
+
+Status Storing::rows(const QVector<int> &rows)
+{
+    if (rows.isEmpty())
+        return {};
+    if (m_singly) {
+        for (const int row : rows) {
+            if (const Status done = insert(insertsOf(m_batch.writes, {row}).first()); !done)
+                return done;
+        }
+        return {};
+    }
+    const QVector<Insert> inserts = insertsOf(m_batch.writes, rows);
+    for (const Insert &each : inserts) {
+        if (const Status done = insert(each); !done)
+            return done;
+    }
+    return {};
+}
+
+Status Storing::insert(const Insert &insert)
+{
+    const Status done = m_connection.run(at(insert.table), insert.sql);
+    if (done)
+        return m_witness ? Status() : lookAtWitness(insert.table, QStringLiteral("last_insert_rowid()"));
+    const Error why = judged(done.error());
+    if (isOfTheFile(why.code()))
+        return why;
+    if (insert.rows.size() == 1)
+        return refuse(insert.rows.first(), why);
+    if (!m_connection.isInTransaction()) {
+        m_singly = m_again = true;
+        return why;
+    }
+    for (const int row : insert.rows) {
+        if (const Status alone = this->insert(insertsOf(m_batch.writes, {row}).first()); !alone)
+            return alone;
+    }
+    return {};
+}
+
+Status Storing::change(int step)
+{
+    const Write &write = m_batch.writes.at(step);
+    if (const Status done = m_connection.run(at(write.table), write.text); !done) {
+        const Error why = judged(done.error());
+        return isOfTheFile(why.code()) ? Status(why) : refuse(step, why);
+    }
+    const auto changed = m_connection.ask(m_site, QStringLiteral("select changes()"));
+    if (!changed)
+        return changed.error();
+    // In a try after one whose commit was in doubt, what that one changed is not changed a second time.
+    m_batch.changed[step] = std::max(m_batch.changed[step], changed->first().first().toLongLong());
+    return {};
+}
+
+Status Storing::create(int step)
+{
+    if (const Status begun = m_connection.run(m_site, QStringLiteral("savepoint step")); !begun)
+        return begun;
+    const Write &write = m_batch.writes.at(step);
+    const auto created = write.create(m_connection);
+    if (created) {
+        m_batch.changed[step] = std::max(m_batch.changed[step], qint64(*created));
+        return m_connection.run(m_site, QStringLiteral("release step"));
+    }
+    const Error why = judged(created.error());
+    if (isOfTheFile(why.code()))
+        return why;
+    (void)m_connection.run(m_site, QStringLiteral("rollback to step"));
+    (void)m_connection.run(m_site, QStringLiteral("release step"));
+    return refuse(step, why);
+}
+
+// Left out of the batch. Where the refusal took the whole transaction with it, everything begins anew without this step.
+Status Storing::refuse(int step, const Error &why)
+{
+    m_refused.emplace(step, why);
+    if (m_connection.isInTransaction())
+        return {};
+    m_again = true;
+    return why;
+}
+
+// Whose fault it is that a step failed. A trigger may say SQLite's own words, and a transaction may end at a trigger's
+// wish: the schema can be asked for both. What stays unclear counts against the row, not against the queue.
+Error Storing::judged(const Error &why)
+{
+    const bool explained = m_connection.explained();
+    if (!explained && !m_connection.isInTransaction() && !schemaHas(QStringLiteral("instr(lower(sql),'rollback')")))
+        return Error(Error::StorageFailed, why.operation(), why.table(), why.cause());
+    if (!isOfTheFile(why.code()) || why.code() == Error::Cancelled)
+        return why;
+    if (schemaHas(QStringLiteral("type='trigger' and instr(sql,%1)").arg(quoted(why.cause()))))
+        return Error(Error::Failed, why.operation(), why.table(), why.cause());
+    if (why.code() == Error::StorageFailed) {
+        const auto exhausted = m_connection.ask(
+            m_site, QStringLiteral("select count(*) from sqlite_sequence where seq=9223372036854775807 and name=%1 "
+                                   "collate nocase")
+                        .arg(quoted(why.table())));
+        if (exhausted && exhausted->first().first() != QLatin1String("0"))
+            return Error(Error::Failed, why.operation(), why.table(),
+                         QStringLiteral("the table has used the highest ID there is"));
+    }
+    return why;
+}
+
+// One row of the transaction is enough: they are stored together.
+Status Storing::lookAtWitness(const QString &table, const QString &id)
+{
+    const auto row = m_connection.ask(m_site, QStringLiteral("select * from %1 where ID=").arg(table) + id);
+    if (!row)
+        return row.error();
+    m_witness.reset();
+    if (!row->isEmpty())
+        m_witness = Witness{table, row->first()};
+    return {};
+}
+
+bool Storing::schemaHas(const QString &condition)
+{
+    const auto found = m_connection.ask(m_site, QLatin1String("select count(*) from sqlite_master where ") + condition);
+    return found && found->first().first() != QLatin1String("0");
+}
+
+// Whether the batch is in the file, so far as that was in doubt.
+Result<bool> settled(Connection &connection, const Site &site, Batch &batch)
+{
+    if (!batch.inDoubt)
+        return false;
+    const Witness &witness = *batch.inDoubt;
+    const auto rows = connection.query(
+        site, QStringLiteral("select * from %1 where ID=").arg(witness.table) + witness.cells.first());
+    // Without the table it is another file than the one that was written.
+    if (!rows && rows.error().code() != Error::TableMissing)
+        return rows.error();
+    const bool stored = rows && !rows->isEmpty() && rows->first() == witness.cells;
+    batch.inDoubt.reset();
+    return stored;
+}
+
+} // namespace
+
+QVector<Insert> insertsOf(const QVector<Write> &writes, const QVector<int> &rows)
+{
+    QVector<Insert> inserts;
+    QHash<QString, int> latest; // table to the INSERT that takes its next row
+    for (const int i : rows) {
+        const Write &row = writes.at(i);
+        const int at = latest.value(row.table, -1);
+        if (at >= 0 && inserts.at(at).sql.size() + row.text.size() < statementLength) {
+            Insert &insert = inserts[at];
+            insert.sql += QLatin1Char(',') + row.text;
+            insert.rows.append(i);
+            continue;
+        }
+        latest.insert(row.table, int(inserts.size()));
+        QString sql;
+        sql.reserve(rows.size() == 1 ? 0 : statementLength);
+        sql += QLatin1String("insert into ") + row.table + QLatin1String(" values") + row.text;
+        inserts.append({row.table, sql, {i}});
+    }
+    return inserts;
+}
+
+Status store(Connection &connection, const Site &site, Batch &batch)
+{
+    if (batch.writes.isEmpty())
+        return {};
+    if (batch.changed.isEmpty())
+        batch.changed.fill(0, batch.writes.size());
+    auto inFile = settled(connection, site, batch);
+    if (!inFile)
+        return inFile.error();
+    if (*inFile)
+        return {};
+    const Status done = Storing(connection, site, batch).run();
+    if (done || done.error().code() == Error::FileMoved)
+        return done;
+    inFile = settled(connection, site, batch);
+    return inFile && *inFile ? Status() : done;
+}
+
+} // namespace device

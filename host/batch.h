@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_BATCH_H
+#define DEVICE_BATCH_H
+
+#include "connection.h"
+
+namespace device
+{
+
+/// Makes a table inside the transaction of the caller: true when it was made, false when it exists already.
+using Creation = std::function<Result<bool>(Connection &)>;
+
+/// How the host layer makes a table of this kind of record.
+template<typename Record>
+Creation creationOf(const TableName &table, const QString &name);
+
+/// One step of a batch.
+struct Write {
+    enum Kind {
+        Row,        ///< `text` holds the values, "(NULL,...)".
+        Change,     ///< `text` is one statement that changes or inserts rows of `table`.
+        CreateTable ///< `create` makes `table`.
+    };
+    Kind kind = Row;
+    QString table;
+    QString text;
+    Creation create;
+};
+
+/// A row of a transaction as it was before the commit. After a commit whose answer was lost, the transaction is in the
+/// file if and only if this row is.
+struct Witness {
+    QString table;
+    QStringList cells; ///< All of them, the ID first.
+};
+
+/// Steps that are stored together, and what became of them.
+struct Batch {
+    QVector<Write> writes;
+
+    QVector<Refusal> refused; ///< Steps that the table itself does not take, in order.
+    QVector<qint64> changed;  ///< One number per step: the rows a Change changed; 1 or 0 for a table made or found.
+    std::optional<Witness> inDoubt; ///< Set while it is unknown whether the steps are in the file already.
+};
+
+/// Does the steps in order in one transaction; rows of different tables between two other steps may change places. A
+/// step that the table itself refuses (a constraint, a trigger, no such table) is left out and listed. An Error when
+/// anything else fails: then the file is as it was, or the batch is in doubt, which the next call with it settles first.
+Status store(Connection &connection, const Site &site, Batch &batch);
+
+/// One INSERT, and the steps whose rows it stores, in order.
+struct Insert {
+    QString table;
+    QString sql;
+    QVector<int> rows;
+};
+
+/// The INSERTs for these rows: grouped by table, in order within each, as few as the length of a statement allows.
+QVector<Insert> insertsOf(const QVector<Write> &writes, const QVector<int> &rows);
+
+} // namespace device
+
+#endif

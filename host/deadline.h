@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_DEADLINE_H
+#define DEVICE_DEADLINE_H
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+namespace device
+{
+
+using Clock = std::chrono::steady_clock;
+
+/// The moment at which waiting ends. A negative time, and one too long to be counted, mean for ever: hosts write both
+/// to say so, and neither may turn into "now" by overflowing.
+class Deadline
+{
+public:
+    explicit Deadline(std::chrono::milliseconds after, Clock::time_point from = Clock::now())
+        : m_at(after < after.zero() || after > longest ? never() : from + after)
+    {
+    }
+    explicit Deadline(Clock::time_point at) : m_at(at) {}
+
+    bool isForever() const { return m_at == never(); }
+    bool isOver() const { return !isForever() && Clock::now() >= m_at; }
+    Clock::time_point at() const { return m_at; }
+
+    /// Waits until `done` or until the deadline; whether it is done.
+    template<typename Done>
+    bool wait(std::condition_variable &changed, std::unique_lock<std::mutex> &lock, const Done &done) const
+    {
+        if (!isForever())
+            return changed.wait_until(lock, m_at, done);
+        changed.wait(lock, done); // the last moment of the clock does not fit into the system's type everywhere
+        return true;
+    }
+
+    friend bool operator<(const Deadline &a, const Deadline &b) { return a.m_at < b.m_at; }
+
+private:
+    static constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 36500);
+    static constexpr Clock::time_point never() { return Clock::time_point::max(); }
+
+    Clock::time_point m_at;
+};
+
+} // namespace device
+
+#endif

@@ -1,0 +1,421 @@
+// SPDX-License-Identifier: MIT
+//
+// What the threads of a recorder do.
+#include "worker.h"
+
+#include <algorithm>
+
+namespace device
+{
+
+namespace
+{
+
+constexpr std::chrono::milliseconds retryPause{100};
+constexpr size_t latenciesKept = 1000;
+
+} // namespace
+
+void Recorder::Worker::write()
+{
+    t_ofThisThread = this;
+    if (open())
+        serve();
+    finish();
+    m_connection.reset();
+    const std::lock_guard lock(m_mutex);
+    m_finished = true;
+    m_settled.notify_all();
+    m_asked.notify_all();
+}
+
+// Opens the file, and makes the tables again in one that takes the place of another. False when the recorder stops.
+bool Recorder::Worker::open()
+{
+    for (;;) {
+        const auto connection = Connection::open(m_library, m_path, m_options.file);
+        Status opened = connection ? Status() : Status(connection.error());
+        if (connection) {
+            m_connection = *connection;
+            opened = remakeTables();
+        }
+        if (opened) {
+            const auto bytes = m_connection->usedBytes();
+            m_bytesBefore = bytes ? *bytes : 0;
+            m_storedInFile = 0;
+            works();
+            tell(&Recorder::ready);
+            const std::lock_guard lock(m_mutex);
+            ++m_openings;
+            m_readsApart = m_connection->writesAhead();
+            if (m_readsApart && !m_reader.joinable())
+                m_reader = std::thread([this] { read(); });
+            m_asked.notify_all();
+            return true;
+        }
+        m_connection.reset();
+        if (opened.error().code() != Error::Cancelled) {
+            fails(opened.error());
+            answerAll(opened.error());
+        }
+        std::unique_lock lock(m_mutex);
+        m_wake.wait_for(lock, retryPause, [this] { return m_cancel.load(); });
+        if (m_cancel || (m_stopping && m_waiting.empty() && m_batch.empty()))
+            return false;
+    }
+}
+
+Status Recorder::Worker::remakeTables()
+{
+    Batch batch;
+    for (const Write &table : m_tables)
+        batch.writes.append(table);
+    const Status made = store(*m_connection, {QStringLiteral("create"), QString()}, batch);
+    if (made && !batch.refused.isEmpty())
+        tell(&Recorder::troubled, batch.refused.first().error);
+    return made;
+}
+
+void Recorder::Worker::serve()
+{
+    std::unique_lock lock(m_mutex);
+    while (!m_cancel && m_connection) {
+        const bool again = !m_batch.empty();
+        const bool due = again ? Clock::now() >= m_nextTry : !m_waiting.empty() && isDue();
+        // A due batch goes first; between two of them one question or one slice of a deletion has its turn.
+        if (due && !(m_dutyFirst && hasDuty())) {
+            if (!again)
+                takeBatch();
+            lock.unlock();
+            storeBatch();
+            lock.lock();
+            m_dutyFirst = true;
+        } else if (hasDuty()) {
+            m_dutyFirst = false;
+            duty(lock);
+        } else if (m_stopping && !again && m_waiting.empty()) {
+            return;
+        } else {
+            Deadline next(Clock::time_point::max());
+            if (again)
+                next = Deadline(m_nextTry);
+            else if (!m_waiting.empty())
+                next = Deadline(m_options.batchTime, m_waiting.front().taken);
+            next.wait(m_wake, lock, [&] {
+                if (m_cancel || hasDuty())
+                    return true;
+                if (again)
+                    return Clock::now() >= m_nextTry;
+                return m_waiting.empty() ? m_stopping : isDue();
+            });
+        }
+    }
+}
+
+bool Recorder::Worker::isDue() const
+{
+    return m_stopping || m_rowsWaiting >= m_options.batchRows || isFull() || m_flushThrough > oldestUnsettled() ||
+           Deadline(m_options.batchTime, m_waiting.front().taken).isOver();
+}
+
+bool Recorder::Worker::mayBegin(const Asked &asked) const
+{
+    return asked.after <= oldestUnsettled() || m_trouble;
+}
+
+bool Recorder::Worker::hasDuty() const
+{
+    return !m_stopping && (!m_removals.empty() || (!m_readsApart && !m_questions.empty() && mayBegin(m_questions.front())));
+}
+
+void Recorder::Worker::takeBatch()
+{
+    const size_t steps = std::min(m_waiting.size(), size_t(m_options.batchRows));
+    const auto end = m_waiting.begin() + std::ptrdiff_t(steps);
+    m_batch.assign(std::make_move_iterator(m_waiting.begin()), std::make_move_iterator(end));
+    m_waiting.erase(m_waiting.begin(), end);
+    m_tried = Batch();
+    m_tried.writes.reserve(int(steps));
+    m_rowsInBatch = 0;
+    for (const Item &item : m_batch) {
+        m_tried.writes.append(item.write);
+        m_rowsInBatch += item.isRow();
+    }
+    m_rowsWaiting -= m_rowsInBatch;
+    m_nextTry = Clock::now();
+    m_giveUp = m_options.giveUpAfter.count() == 0 ? Deadline(Clock::time_point::max())
+                                                  : Deadline(m_options.giveUpAfter);
+}
+
+void Recorder::Worker::storeBatch()
+{
+    const Status stored = store(*m_connection, {QStringLiteral("record"), QString()}, m_tried);
+    if (stored) {
+        works();
+        settleBatch();
+        return;
+    }
+    const Error &why = stored.error();
+    {
+        const std::lock_guard lock(m_mutex);
+        ++m_health.failedBatches;
+        m_health.failedCommits = m_connection->failedCommits();
+        m_nextTry = Clock::now() + retryPause;
+    }
+    if (why.code() == Error::Cancelled)
+        return;
+    if (why.code() == Error::FileMoved || m_connection->moved()) {
+        reopen(why);
+        return;
+    }
+    fails(why);
+    // What is not of the file would fail for ever, and all rows after it with it.
+    if (!isOfTheFile(why.code()) || m_giveUp.isOver())
+        dropBatch(why);
+}
+
+// The file that is open is no longer the one that the path names. The batch stays what is stored next.
+void Recorder::Worker::reopen(const Error &why)
+{
+    QString cause = QStringLiteral("the file was moved or deleted while it was open");
+    if (m_storedInFile > 0)
+        cause += QStringLiteral("; %1 rows that were stored before are in that file").arg(m_storedInFile);
+    {
+        const std::lock_guard lock(m_mutex);
+        m_health.movedAway += m_storedInFile;
+        m_readsApart = false;
+    }
+    m_connection.reset();
+    fails(Error(Error::FileMoved, why.operation(), QString(), cause));
+    (void)open(); // or the recorder stops: serve() sees that
+}
+
+void Recorder::Worker::settleBatch()
+{
+    std::vector<Item> batch;
+    std::vector<const Error *> refused(m_batch.size());
+    int refusedRows = 0;
+    for (const Refusal &refusal : m_tried.refused) {
+        refused[size_t(refusal.row)] = &refusal.error;
+        refusedRows += m_batch[size_t(refusal.row)].isRow();
+    }
+    {
+        const std::lock_guard lock(m_mutex);
+        batch.swap(m_batch);
+        m_reporting = batch.front().number;
+        const int rows = m_rowsInBatch - refusedRows;
+        m_rowsInBatch = 0;
+        ++m_health.batches;
+        m_health.stored += rows;
+        m_newlyStored += rows;
+        m_storedInFile += rows;
+        for (size_t i = 0; i < batch.size(); ++i) {
+            if (batch[i].isRow()) {
+                m_bytes -= batch[i].bytes();
+                if (refused[i])
+                    countDropped(1, *refused[i]);
+            }
+        }
+        m_health.failedCommits = m_connection->failedCommits();
+        const std::chrono::duration<double, std::milli> latency = Clock::now() - batch.front().taken;
+        if (m_latencies.size() < latenciesKept)
+            m_latencies.push_back(latency.count());
+        else
+            m_latencies[size_t(m_health.batches) % latenciesKept] = latency.count();
+        m_room.notify_all();
+    }
+    std::map<QString, int> storedRows;
+    for (size_t i = 0; i < batch.size(); ++i) {
+        const Item &item = batch[i];
+        if (refused[i]) {
+            if (item.isRow())
+                reportLoss(item.write.table, 1, *refused[i], false);
+            if (item.failed)
+                item.failed(*refused[i]);
+            continue;
+        }
+        if (item.isRow())
+            ++storedRows[item.write.table];
+        else
+            m_tables.push_back(item.write);
+        if (item.afterwards)
+            item.afterwards(m_tried.changed.at(int(i)));
+    }
+    tellStored(storedRows);
+    {
+        const std::lock_guard lock(m_mutex);
+        m_reporting.reset();
+        m_settled.notify_all();
+        m_asked.notify_all();
+    }
+    // Asked once and after the reports: it is a figure, and another program may hold a lock by now.
+    const auto bytes = m_connection->usedBytes(false);
+    const std::lock_guard lock(m_mutex);
+    if (bytes && m_storedInFile > 0)
+        m_health.bytesPerRow = double(*bytes - m_bytesBefore) / double(m_storedInFile);
+}
+
+// Drops the batch under way.
+void Recorder::Worker::dropBatch(const Error &why)
+{
+    std::vector<Item> batch;
+    std::map<QString, int> rows;
+    {
+        const std::lock_guard lock(m_mutex);
+        batch.swap(m_batch);
+        if (batch.empty())
+            return;
+        m_reporting = batch.front().number;
+        for (const Item &item : batch) {
+            if (!item.isRow())
+                continue;
+            ++rows[item.write.table];
+            m_bytes -= item.bytes();
+        }
+        countDropped(m_rowsInBatch, why);
+        m_rowsInBatch = 0;
+        m_room.notify_all();
+    }
+    for (const Item &item : batch) {
+        if (item.failed)
+            item.failed(why);
+    }
+    for (const auto &[table, count] : rows)
+        reportLoss(table, count, why, false);
+    const std::lock_guard lock(m_mutex);
+    m_reporting.reset();
+    m_settled.notify_all();
+    m_asked.notify_all();
+}
+
+// The end: what is still there is dropped, what is still asked is answered.
+void Recorder::Worker::finish()
+{
+    std::optional<Error> trouble;
+    {
+        const std::lock_guard lock(m_mutex);
+        trouble = m_trouble;
+        m_batch.insert(m_batch.end(), std::make_move_iterator(m_waiting.begin()),
+                       std::make_move_iterator(m_waiting.end()));
+        m_waiting.clear();
+        m_rowsInBatch += std::exchange(m_rowsWaiting, 0);
+    }
+    dropBatch(trouble ? *trouble
+                      : Error(Error::Stopped, QStringLiteral("record"), QString(),
+                              QStringLiteral("the recorder was stopped before they could be stored")));
+    answerAll(stopped(QStringLiteral("ask")));
+    warn(true);
+}
+
+// One slice of a deletion or one question, by turns.
+void Recorder::Worker::duty(std::unique_lock<std::mutex> &lock)
+{
+    if (!m_removals.empty()) {
+        Removing removing = std::move(m_removals.front());
+        m_removals.pop_front();
+        lock.unlock();
+        removeSlice(removing);
+        lock.lock();
+    }
+    if (!m_stopping && !m_readsApart && !m_questions.empty() && mayBegin(m_questions.front())) {
+        const Asked asked = std::move(m_questions.front());
+        m_questions.pop_front();
+        m_running = asked.handle;
+        lock.unlock();
+        answer(asked, m_connection);
+        lock.lock();
+        m_running.reset();
+    }
+}
+
+void Recorder::Worker::removeSlice(Removing &removing)
+{
+    Removal &removal = removing.removal;
+    Status done;
+    if (removing.handle.isCancelled())
+        done = removal.site.error(Error::Cancelled, QStringLiteral("cancelled"));
+    else
+        done = device::removeSlice(*m_connection, removal);
+    if (done && !removal.done) {
+        const std::lock_guard lock(m_mutex);
+        if (!m_stopping) {
+            m_removals.push_back(std::move(removing)); // several take turns
+            return;
+        }
+        done = removal.site.error(Error::Stopped, QStringLiteral("the recorder was stopped"));
+    }
+    if (removal.removed > 0)
+        tell(&Recorder::removed, removal.site.table, removal.removed);
+    if (done)
+        mail(removing.answer(removal.removed));
+    else
+        mail(removing.answer(
+            removal.site.error(done.error().code(), QStringLiteral("%1; %2 rows were deleted before")
+                                                        .arg(done.error().cause(), QString::number(removal.removed)))));
+}
+
+// --- The reader
+
+void Recorder::Worker::read()
+{
+    t_ofThisThread = this;
+    std::shared_ptr<Connection> connection;
+    int opening = 0;
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+        m_asked.wait(lock, [this] {
+            return m_stopping || (m_readsApart && !m_questions.empty() && mayBegin(m_questions.front()));
+        });
+        if (m_stopping)
+            break;
+        const Asked asked = std::move(m_questions.front());
+        m_questions.pop_front();
+        m_running = asked.handle;
+        const bool reopened = std::exchange(opening, m_openings) != m_openings;
+        lock.unlock();
+        if (reopened || (connection && connection->moved()))
+            connection.reset();
+        std::optional<Error> why;
+        if (!connection) {
+            const auto opened = Connection::open(m_library, m_path, m_options.file, Connection::Reader);
+            if (opened)
+                connection = *opened;
+            else
+                why = opened.error();
+        }
+        if (why)
+            mail(asked.asking(*why));
+        else
+            answer(asked, connection);
+        lock.lock();
+        m_running.reset();
+    }
+}
+
+void Recorder::Worker::answer(const Asked &asked, const std::shared_ptr<Connection> &connection)
+{
+    if (asked.handle.isCancelled()) {
+        mail(asked.asking(Error(Error::Cancelled, QStringLiteral("ask"), QString(),
+                                QStringLiteral("cancelled before it began"))));
+        return;
+    }
+    const Connection::Question scope(*connection, asked.handle.m_cancelled.get());
+    mail(asked.asking(connection));
+}
+
+void Recorder::Worker::answerAll(const Error &why)
+{
+    std::deque<Asked> questions;
+    std::deque<Removing> removals;
+    {
+        const std::lock_guard lock(m_mutex);
+        questions.swap(m_questions);
+        removals.swap(m_removals);
+    }
+    for (const Asked &asked : questions)
+        mail(asked.asking(why));
+    for (const Removing &removing : removals)
+        mail(removing.answer(why));
+}
+
+} // namespace device
