@@ -4,6 +4,7 @@
 #include "kind.h"
 
 #include <QHash>
+#include <QSet>
 
 #include <algorithm>
 #include <map>
@@ -33,9 +34,10 @@ private:
     Status allSteps();
     Status rows(const QVector<int> &rows);
     Status insert(const Insert &insert);
+    Status singly(const Insert &insert);
     Status change(int step);
     Status create(int step);
-    Status refuse(int step, const Error &why);
+    Status inSavepoint(int step, const std::function<Status()> &body);
     Error judged(const Error &why);
     bool schemaHas(const QString &condition);
     Status lookAtWitness(const QString &table, const QString &id);
@@ -45,7 +47,7 @@ private:
     Batch &m_batch;
     std::map<int, Error> m_refused;
     std::optional<Witness> m_witness;
-    bool m_singly = false;
+    QSet<QString> m_singly; ///< Tables whose rows are inserted one by one.
     bool m_again = false;
 };
 
@@ -95,16 +97,10 @@ Status Storing::rows(const QVector<int> &rows)
 {
     if (rows.isEmpty())
         return {};
-    if (m_singly) {
-        for (const int row : rows) {
-            if (const Status done = insert(insertsOf(m_batch.writes, {row}).first()); !done)
-                return done;
-        }
-        return {};
-    }
     const QVector<Insert> inserts = insertsOf(m_batch.writes, rows);
     for (const Insert &each : inserts) {
-        if (const Status done = insert(each); !done)
+        const Status done = m_singly.contains(each.table) ? singly(each) : insert(each);
+        if (!done)
             return done;
     }
     return {};
@@ -116,62 +112,75 @@ Status Storing::insert(const Insert &insert)
     if (done)
         return m_witness ? Status() : lookAtWitness(insert.table, QStringLiteral("last_insert_rowid()"));
     const Error why = judged(done.error());
-    if (isOfTheFile(why.code()))
-        return why;
-    if (insert.rows.size() == 1)
-        return refuse(insert.rows.first(), why);
-    if (!m_connection.isInTransaction()) {
-        m_singly = m_again = true;
-        return why;
+    // Which row it was is found with each on its own, from the beginning: a statement that fails may leave rows behind.
+    if (!isOfTheFile(why.code())) {
+        m_singly.insert(insert.table);
+        m_again = true;
     }
+    return why;
+}
+
+Status Storing::singly(const Insert &insert)
+{
     for (const int row : insert.rows) {
-        if (const Status alone = this->insert(insertsOf(m_batch.writes, {row}).first()); !alone)
-            return alone;
+        const Status done = inSavepoint(row, [&] {
+            return m_connection.run(at(insert.table), insertsOf(m_batch.writes, {row}).first().sql);
+        });
+        if (!done)
+            return done;
+        if (!m_witness && !isRefused(row)) {
+            if (const Status seen = lookAtWitness(insert.table, QStringLiteral("last_insert_rowid()")); !seen)
+                return seen;
+        }
     }
     return {};
+}
+
+// Does a step whole or not at all; one that the table refuses is left out.
+Status Storing::inSavepoint(int step, const std::function<Status()> &body)
+{
+    if (const Status begun = m_connection.run(m_site, QStringLiteral("savepoint step")); !begun)
+        return begun;
+    const Status done = body();
+    if (done)
+        return m_connection.run(m_site, QStringLiteral("release step"));
+    const Error why = judged(done.error());
+    if (isOfTheFile(why.code()))
+        return why;
+    m_refused.emplace(step, why);
+    if (m_connection.isInTransaction()) {
+        if (const Status undone = m_connection.run(m_site, QStringLiteral("rollback to step")); !undone)
+            return undone;
+        return m_connection.run(m_site, QStringLiteral("release step"));
+    }
+    m_again = true; // the refusal took the whole transaction with it: from the beginning, without this step
+    return why;
 }
 
 Status Storing::change(int step)
 {
     const Write &write = m_batch.writes.at(step);
-    if (const Status done = m_connection.run(at(write.table), write.text); !done) {
-        const Error why = judged(done.error());
-        return isOfTheFile(why.code()) ? Status(why) : refuse(step, why);
-    }
-    const auto changed = m_connection.ask(m_site, QStringLiteral("select changes()"));
-    if (!changed)
-        return changed.error();
-    // In a try after one whose commit was in doubt, what that one changed is not changed a second time.
-    m_batch.changed[step] = std::max(m_batch.changed[step], changed->first().first().toLongLong());
-    return {};
+    return inSavepoint(step, [&]() -> Status {
+        if (const Status done = m_connection.run(at(write.table), write.text); !done)
+            return done;
+        const auto changed = m_connection.ask(m_site, QStringLiteral("select changes()"));
+        if (!changed)
+            return changed.error();
+        // In a try after one whose commit was in doubt, what that one changed is not changed a second time.
+        m_batch.changed[step] = std::max(m_batch.changed[step], changed->first().first().toLongLong());
+        return {};
+    });
 }
 
 Status Storing::create(int step)
 {
-    if (const Status begun = m_connection.run(m_site, QStringLiteral("savepoint step")); !begun)
-        return begun;
-    const Write &write = m_batch.writes.at(step);
-    const auto created = write.create(m_connection);
-    if (created) {
+    return inSavepoint(step, [&]() -> Status {
+        const auto created = m_batch.writes.at(step).create(m_connection);
+        if (!created)
+            return created.error();
         m_batch.changed[step] = std::max(m_batch.changed[step], qint64(*created));
-        return m_connection.run(m_site, QStringLiteral("release step"));
-    }
-    const Error why = judged(created.error());
-    if (isOfTheFile(why.code()))
-        return why;
-    (void)m_connection.run(m_site, QStringLiteral("rollback to step"));
-    (void)m_connection.run(m_site, QStringLiteral("release step"));
-    return refuse(step, why);
-}
-
-// Left out of the batch. Where the refusal took the whole transaction with it, everything begins anew without this step.
-Status Storing::refuse(int step, const Error &why)
-{
-    m_refused.emplace(step, why);
-    if (m_connection.isInTransaction())
         return {};
-    m_again = true;
-    return why;
+    });
 }
 
 // Whose fault it is that a step failed. A trigger may say SQLite's own words, and a transaction may end at a trigger's

@@ -54,6 +54,11 @@ Status Recorder::Worker::start()
     const auto tooSmall = [&](const char *option, qint64 value, qint64 least) {
         return refused(option, QStringLiteral("is %1; the least is %2").arg(value).arg(least));
     };
+    const std::lock_guard lock(m_mutex);
+    if (m_stopping)
+        return stopped(site.operation);
+    if (m_started)
+        return site.error(Error::Failed, QStringLiteral("it was started already"));
     if (m_path.isEmpty() || m_path.contains(QChar(0)))
         return refused("path", QStringLiteral("is no file name"));
     if (m_options.batchRows < 1)
@@ -71,11 +76,6 @@ Status Recorder::Worker::start()
     if (m_options.file.cancel)
         return refused("file.cancel", QStringLiteral("is set; a recorder has its own, see cancel()"));
 
-    const std::lock_guard lock(m_mutex);
-    if (m_stopping)
-        return stopped(site.operation);
-    if (m_started)
-        return site.error(Error::Failed, QStringLiteral("it was started already"));
     m_options.file.cancel = &m_cancel;
     try {
         m_writer = std::thread([this] { write(); });

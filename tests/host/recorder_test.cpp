@@ -1,56 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "host_test.h"
-
-#include "device/recorder.h"
-
-#include <QCoreApplication>
-#include <QElapsedTimer>
+#include "recorder_fixture.h"
 
 #include <atomic>
-#include <set>
 #include <thread>
-
-using namespace device;
-using std::chrono::milliseconds;
 
 namespace
 {
-
-Sample numbered(int number)
-{
-    return {LocalTime(QDate(2024, 5, 6), QTime(0, 0).addSecs(number % 86400)), QString::number(number)};
-}
-
-class Recorders : public HostTest
-{
-protected:
-    RecorderOptions options;
-    const TableName boiler = table("Boiler"_q);
-
-    // Runs the event loop until `done` or far too long.
-    template<typename Done>
-    static bool eventually(const Done &done)
-    {
-        QElapsedTimer timer;
-        timer.start();
-        while (!done() && timer.elapsed() < 20000)
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        return done();
-    }
-
-    void expectNumbers(int count)
-    {
-        const Rows rows = rowsOf(path(), "select Value from Boiler order by ID"_q);
-        ASSERT_EQ(rows.size(), count);
-        for (int i = 0; i < count; ++i)
-            ASSERT_EQ(rows.at(i).first(), QString::number(i));
-    }
-
-    static void expectBalance(const Health &health)
-    {
-        EXPECT_EQ(health.accepted, health.stored + health.dropped + health.depth);
-    }
-};
 
 TEST_F(Recorders, EveryAcceptedRowIsInTheFileOnceAndInOrder)
 {

@@ -1,0 +1,374 @@
+// SPDX-License-Identifier: MIT
+//
+// A recorder beside questions without end, files that move, disks that fail, tables that refuse.
+#include "recorder_fixture.h"
+
+#include <QDir>
+#include <QFile>
+#include <QLoggingCategory>
+
+#include <atomic>
+#include <cstring>
+#include <future>
+#include <thread>
+
+#include <sqlite3.h>
+
+namespace
+{
+
+class RecorderFaults : public Recorders
+{
+protected:
+    // A recorder on this file with its table, once it is there.
+    std::unique_ptr<HistoryRecorder> recorderOf(Profile profile)
+    {
+        options.file.profile = profile;
+        auto recorder = std::make_unique<HistoryRecorder>(library(), path(), options);
+        require(recorder->start());
+        recorder->createTable(boiler);
+        require(recorder->flush(milliseconds(20000)));
+        return recorder;
+    }
+    void record(HistoryRecorder &recorder, int first, int end) const
+    {
+        for (int i = first; i < end; ++i)
+            require(recorder.record(boiler, numbered(i)));
+    }
+    void removeFiles() const
+    {
+        for (const char *end : {"", "-wal", "-shm", "-journal"})
+            QFile::remove(path() + QLatin1String(end));
+    }
+};
+
+TEST_F(RecorderFaults, QuestionsThatAskAgainWithoutEndDoNotStopStoring)
+{
+    options.batchTime = milliseconds(1);
+    const auto recorder = recorderOf(Profile::AsIs);
+    bool enough = false;
+    int answers = 0;
+    std::function<void()> ask = [&] {
+        recorder->ask(
+            recorder.get(),
+            [](HistoryStore &) {
+                std::this_thread::sleep_for(milliseconds(20));
+                return 0;
+            },
+            [&](const Result<int> &) {
+                ++answers;
+                if (!enough)
+                    ask();
+            });
+    };
+    for (int i = 0; i < 8; ++i)
+        ask();
+    for (int i = 0; i < 20; ++i) {
+        record(*recorder, i, i + 1);
+        ASSERT_TRUE(eventually([&] { return recorder->health().stored > i; })) << answers << " answers";
+    }
+    EXPECT_GT(answers, 0) << "questions have their turn too";
+    enough = true;
+    require(recorder->stop(milliseconds(20000)));
+    expectNumbers(20);
+}
+
+TEST_F(RecorderFaults, InWriteAheadModeRowsAreStoredWhileAQuestionRuns)
+{
+    const auto recorder = recorderOf(Profile::Durable);
+    std::promise<void> go;
+    const auto gone = go.get_future().share();
+    bool answered = false;
+    recorder->ask(
+        recorder.get(),
+        [gone](HistoryStore &) {
+            gone.wait();
+            return 0;
+        },
+        [&](const Result<int> &) { answered = true; });
+    record(*recorder, 0, 1000);
+    require(recorder->flush(milliseconds(20000)));
+    expectNumbers(1000);
+    EXPECT_FALSE(answered);
+    go.set_value();
+    EXPECT_TRUE(eventually([&] { return answered; }));
+}
+
+TEST_F(RecorderFaults, ALongDeletionLetsRowsPass)
+{
+    for (const Profile profile : {Profile::AsIs, Profile::Durable}) {
+        removeFiles();
+        options.batchTime = milliseconds(1);
+        const auto recorder = recorderOf(profile);
+        OtherProgram(path()).run(
+            "with recursive n(i) as (select 1 union all select i+1 from n where i<300000) insert into Boiler "
+            "select NULL,'2023-05-06 07:08:09','old' from n"_q);
+        std::optional<qint64> removed;
+        recorder->removeBefore(boiler, at("2024-01-01 00:00:00"_q), recorder.get(),
+                               [&](const Result<qint64> &rows) { removed = require(rows); });
+        int batchesBefore = 0;
+        for (int i = 0; !removed; ++i) {
+            record(*recorder, i, i + 1);
+            ASSERT_TRUE(eventually([&] { return recorder->health().stored > i; }));
+            if (!removed)
+                ++batchesBefore;
+        }
+        EXPECT_EQ(*removed, 300000);
+        EXPECT_GT(batchesBefore, 3);
+        EXPECT_EQ(valueOf(path(), "select count(*) from Boiler where Value='old'"_q), "0"_q);
+        removed.reset();
+        recorder->keepNewest(boiler, 2, recorder.get(), [&](const Result<qint64> &rows) { removed = require(rows); });
+        ASSERT_TRUE(eventually([&] { return removed.has_value(); }));
+        EXPECT_EQ(valueOf(path(), "select count(*) from Boiler"_q), "2"_q);
+        removed.reset();
+        recorder->clear(boiler, recorder.get(), [&](const Result<qint64> &rows) { removed = require(rows); });
+        ASSERT_TRUE(eventually([&] { return removed.has_value(); }));
+        EXPECT_EQ(*removed, 2);
+        record(*recorder, 0, 1);
+        require(recorder->flush(milliseconds(20000)));
+        EXPECT_EQ(valueOf(path(), "select max(ID) from Boiler"_q), "1"_q);
+    }
+}
+
+TEST_F(RecorderFaults, AFileThatIsDeletedIsMadeAgainAndWhatWasInItReported)
+{
+    for (const Profile profile : {Profile::AsIs, Profile::Durable, Profile::Flash}) {
+        removeFiles();
+        const auto recorder = recorderOf(profile);
+        QStringList troubles;
+        QObject::connect(recorder.get(), &Recorder::troubled, [&](const Error &why) { troubles << why.text(); });
+        record(*recorder, 0, 100);
+        require(recorder->flush(milliseconds(20000)));
+        removeFiles();
+        record(*recorder, 100, 300);
+        require(recorder->flush(milliseconds(20000)));
+        expectNumbers(path(), 100, 300);
+        const Health health = recorder->health();
+        EXPECT_EQ(health.stored, 300);
+        EXPECT_EQ(health.movedAway, 100);
+        EXPECT_EQ(health.trouble, QString());
+        ASSERT_FALSE(troubles.isEmpty());
+        EXPECT_TRUE(troubles.first().contains("100 rows that were stored before are in that file"_q))
+            << troubles.first().toStdString();
+        qint64 rows = -1;
+        recorder->ask(
+            recorder.get(), [this](HistoryStore &store) { return store.count(boiler); },
+            [&](const Result<qint64> &count) { rows = require(count); });
+        EXPECT_TRUE(eventually([&] { return rows >= 0; }));
+        EXPECT_EQ(rows, 200) << "questions follow";
+    }
+}
+
+TEST_F(RecorderFaults, AFileThatIsMovedAndPutBackGoesOn)
+{
+    for (const Profile profile : {Profile::AsIs, Profile::Durable}) {
+        removeFiles();
+        QFile::remove(path("away.db"));
+        const auto recorder = recorderOf(profile);
+        record(*recorder, 0, 10);
+        require(recorder->flush(milliseconds(20000)));
+        ASSERT_TRUE(QFile::rename(path(), path("away.db")));
+        // Another file of the same kind takes its place, as a rotation does.
+        require(require(HistoryStore::open(library(), path())).createTable(boiler));
+        record(*recorder, 10, 20);
+        require(recorder->flush(milliseconds(20000)));
+        expectNumbers(path(), 10, 20);
+        require(recorder->stop(milliseconds(20000)));
+    }
+}
+
+TEST_F(RecorderFaults, ALogThatIsDeletedLosesNoRowAndStoresNoneTwice)
+{
+    const auto recorder = recorderOf(Profile::Durable);
+    record(*recorder, 0, 10);
+    require(recorder->flush(milliseconds(20000)));
+    ASSERT_TRUE(QFile::remove(path() + "-wal"_q));
+    record(*recorder, 10, 20);
+    require(recorder->flush(milliseconds(20000)));
+    require(recorder->stop(milliseconds(20000)));
+    expectNumbers(20);
+}
+
+// A default VFS whose journals go, though it says that they do not: once, as on a network file system.
+class LyingDelete
+{
+public:
+    LyingDelete()
+    {
+        s_real = sqlite3_vfs_find(nullptr);
+        s_lying = *s_real;
+        s_lying.zName = "lying";
+        s_lying.xDelete = [](sqlite3_vfs *, const char *name, int sync) {
+            const int code = s_real->xDelete(s_real, name, sync);
+            return std::strstr(name, "-journal") && s_lies.exchange(false) ? SQLITE_IOERR_DELETE : code;
+        };
+        sqlite3_vfs_register(&s_lying, 1);
+    }
+    ~LyingDelete()
+    {
+        sqlite3_vfs_register(s_real, 1);
+        sqlite3_vfs_unregister(&s_lying);
+    }
+    void lieOnce() { s_lies = true; }
+    bool hasLied() const { return !s_lies; }
+
+private:
+    Q_DISABLE_COPY(LyingDelete)
+    inline static sqlite3_vfs *s_real = nullptr;
+    inline static sqlite3_vfs s_lying;
+    inline static std::atomic_bool s_lies{false};
+};
+
+TEST_F(RecorderFaults, ACommitThatSucceedsAndSaysNoIsNotRepeated)
+{
+    LyingDelete disk;
+    const auto recorder = recorderOf(Profile::AsIs);
+    record(*recorder, 0, 1);
+    require(recorder->flush(milliseconds(20000)));
+    disk.lieOnce();
+    record(*recorder, 1, 11);
+    require(recorder->flush(milliseconds(20000)));
+    EXPECT_TRUE(disk.hasLied());
+    record(*recorder, 11, 21);
+    require(recorder->stop(milliseconds(20000)));
+    expectNumbers(21);
+    auto store = require(HistoryStore::open(library(), path()));
+    disk.lieOnce();
+    EXPECT_EQ(require(store.append(boiler, {numbered(21)})).stored, 1);
+    expectNumbers(22);
+}
+
+TEST_F(RecorderFaults, AnAlarmEndedInACommitThatSaysNoIsAnnouncedOnce)
+{
+    LyingDelete disk;
+    const TableName alarms = table("AlarmData"_q);
+    AlarmRecorder recorder(library(), path(), options);
+    int ended = 0;
+    QObject::connect(&recorder, &AlarmRecorder::ended, [&] { ++ended; });
+    require(recorder.start());
+    recorder.createTable(alarms);
+    Alarm alarm;
+    alarm.start = at("2024-05-06 07:08:09"_q);
+    alarm.object = "Pump"_q;
+    require(recorder.raise(alarms, alarm));
+    require(recorder.flush(milliseconds(20000)));
+    disk.lieOnce();
+    require(recorder.end(alarms, "Pump"_q, QString(), at("2024-05-06 08:00:00"_q)));
+    require(recorder.flush(milliseconds(20000)));
+    EXPECT_TRUE(disk.hasLied());
+    EXPECT_EQ(ended, 1);
+    disk.lieOnce();
+    require(recorder.raise(alarms, alarm)); // raised and ended in one batch
+    require(recorder.end(alarms, "Pump"_q, QString(), at("2024-05-06 09:00:00"_q)));
+    require(recorder.flush(milliseconds(20000)));
+    EXPECT_TRUE(disk.hasLied());
+    EXPECT_EQ(ended, 2);
+    EXPECT_EQ(valueOf(path(), "select count(*) from AlarmData"_q), "2"_q);
+}
+
+// When a trigger fires, how it ends the statement, and its words.
+struct Trigger {
+    const char *moment;
+    const char *action;
+    const char *words;
+};
+
+void PrintTo(const Trigger &trigger, std::ostream *stream)
+{
+    *stream << trigger.moment << ' ' << trigger.action << ' ' << trigger.words;
+}
+
+class RefusingTriggers : public RecorderFaults, public ::testing::WithParamInterface<Trigger>
+{
+};
+
+TEST_P(RefusingTriggers, CostTheirRowAndNoOther)
+{
+    const auto [moment, action, words] = GetParam();
+    const auto recorder = recorderOf(Profile::AsIs);
+    OtherProgram(path()).run(
+        "create trigger t %1 insert on Boiler when NEW.Value='5' begin select raise(%2,'%3'); end"_q.arg(
+            QLatin1String(moment), QLatin1String(action), QLatin1String(words)));
+    std::optional<Error> why;
+    int lost = 0;
+    QObject::connect(recorder.get(), &Recorder::dropped, [&](const QString &, int rows, const Error &error) {
+        lost += rows;
+        why = error;
+    });
+    record(*recorder, 0, 10);
+    const Settled settled = recorder->flush(milliseconds(20000));
+    EXPECT_EQ(settled.stored, 9);
+    EXPECT_EQ(settled.dropped, 1);
+    EXPECT_EQ(settled.waiting, 0);
+    EXPECT_EQ(lost, 1);
+    ASSERT_TRUE(why);
+    EXPECT_EQ(why->cause(), QLatin1String(words));
+    EXPECT_EQ(valueOf(path(), "select group_concat(Value) from (select Value from Boiler order by ID)"_q),
+              "0,1,2,3,4,6,7,8,9"_q);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, RefusingTriggers,
+                         ::testing::Values(Trigger{"before", "abort", "the tank is full"},
+                                           Trigger{"before", "fail", "the door is locked"},
+                                           Trigger{"after", "fail", "the door is locked"},
+                                           Trigger{"before", "rollback", "no more"},
+                                           Trigger{"before", "abort", "database or disk is full"},
+                                           Trigger{"before", "abort", "database is locked"},
+                                           Trigger{"after", "rollback", "disk I/O error"}));
+
+TEST_F(RecorderFaults, ATableThatHasUsedItsLastIdBlocksNoOther)
+{
+    const auto recorder = recorderOf(Profile::AsIs);
+    const TableName other = table("Other"_q);
+    recorder->createTable(other);
+    record(*recorder, 0, 1);
+    require(recorder->flush(milliseconds(20000)));
+    OtherProgram(path()).run("update Boiler set ID=9223372036854775807;"
+                                "update sqlite_sequence set seq=9223372036854775807 where name='Boiler'"_q);
+    record(*recorder, 1, 2);
+    require(recorder->record(other, numbered(0)));
+    const Settled settled = recorder->flush(milliseconds(20000));
+    EXPECT_EQ(settled.stored, 1);
+    EXPECT_EQ(settled.dropped, 1);
+    ASSERT_TRUE(settled.why);
+    EXPECT_TRUE(settled.why->cause().contains("highest ID"_q)) << settled.why->text().toStdString();
+}
+
+TEST_F(RecorderFaults, AMessageHandlerInstalledLaterDoesNotMakeALockFatal)
+{
+    options.file.deadline = milliseconds(20);
+    const auto recorder = recorderOf(Profile::AsIs);
+    const QtMessageHandler before =
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+    {
+        OtherProgram writer(path());
+        writer.run("begin immediate"_q);
+        record(*recorder, 0, 10);
+        recorder->flushSoon();
+        EXPECT_TRUE(eventually([&] { return recorder->health().failedBatches > 1; }));
+        writer.run("rollback"_q);
+    }
+    require(recorder->flush(milliseconds(20000)));
+    expectNumbers(10);
+    qInstallMessageHandler(before);
+}
+
+TEST_F(RecorderFaults, WithDebugOutputSwitchedOffALockLosesNothing)
+{
+    options.file.deadline = milliseconds(20);
+    const auto recorder = recorderOf(Profile::AsIs);
+    QLoggingCategory::setFilterRules("*.debug=false"_q);
+    {
+        OtherProgram writer(path());
+        writer.run("begin exclusive"_q);
+        record(*recorder, 0, 10);
+        recorder->flushSoon();
+        EXPECT_TRUE(eventually([&] { return recorder->health().failedBatches > 1; }));
+        writer.run("rollback"_q);
+    }
+    require(recorder->flush(milliseconds(20000)));
+    expectNumbers(10);
+    QLoggingCategory::setFilterRules(QString());
+}
+
+} // namespace
