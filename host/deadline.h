@@ -24,7 +24,6 @@ public:
 
     bool isForever() const { return m_at == never(); }
     bool isOver() const { return !isForever() && Clock::now() >= m_at; }
-    Clock::time_point at() const { return m_at; }
 
     /// Waits until `done` or until the deadline; whether it is done.
     template<typename Done>
@@ -36,7 +35,14 @@ public:
         return true;
     }
 
-    friend bool operator<(const Deadline &a, const Deadline &b) { return a.m_at < b.m_at; }
+    /// Waits until woken or until the deadline.
+    void waitForNews(std::condition_variable &changed, std::unique_lock<std::mutex> &lock) const
+    {
+        if (isForever())
+            changed.wait(lock);
+        else
+            changed.wait_until(lock, m_at);
+    }
 
 private:
     static constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 36500);

@@ -101,13 +101,7 @@ void Recorder::Worker::serve()
                 next = Deadline(m_nextTry);
             else if (!m_waiting.empty())
                 next = Deadline(m_options.batchTime, m_waiting.front().taken);
-            next.wait(m_wake, lock, [&] {
-                if (m_cancel || hasDuty())
-                    return true;
-                if (again)
-                    return Clock::now() >= m_nextTry;
-                return m_waiting.empty() ? m_stopping : isDue();
-            });
+            next.waitForNews(m_wake, lock); // whatever woke it: the loop looks anew
         }
     }
 }

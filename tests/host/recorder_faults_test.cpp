@@ -109,7 +109,8 @@ TEST_F(RecorderFaults, ALongDeletionLetsRowsPass)
         int batchesBefore = 0;
         for (int i = 0; !removed; ++i) {
             record(*recorder, i, i + 1);
-            ASSERT_TRUE(eventually([&] { return recorder->health().stored > i; }));
+            ASSERT_TRUE(eventually([&] { return recorder->health().stored > i; }))
+                << qPrintable(recorder->health().trouble) << recorder->health().dropped;
             if (!removed)
                 ++batchesBefore;
         }
