@@ -1,18 +1,15 @@
 // SPDX-License-Identifier: MIT
 //
 // A recorder beside questions without end, files that move, disks that fail, tables that refuse.
+#include "faulty_disk.h"
 #include "recorder_fixture.h"
 
 #include <QDir>
 #include <QFile>
 #include <QLoggingCategory>
 
-#include <atomic>
-#include <cstring>
 #include <future>
 #include <thread>
-
-#include <sqlite3.h>
 
 namespace
 {
@@ -190,58 +187,28 @@ TEST_F(RecorderFaults, ALogThatIsDeletedLosesNoRowAndStoresNoneTwice)
     expectNumbers(20);
 }
 
-// A default VFS whose journals go, though it says that they do not: once, as on a network file system.
-class LyingDelete
-{
-public:
-    LyingDelete()
-    {
-        s_real = sqlite3_vfs_find(nullptr);
-        s_lying = *s_real;
-        s_lying.zName = "lying";
-        s_lying.xDelete = [](sqlite3_vfs *, const char *name, int sync) {
-            const int code = s_real->xDelete(s_real, name, sync);
-            return std::strstr(name, "-journal") && s_lies.exchange(false) ? SQLITE_IOERR_DELETE : code;
-        };
-        sqlite3_vfs_register(&s_lying, 1);
-    }
-    ~LyingDelete()
-    {
-        sqlite3_vfs_register(s_real, 1);
-        sqlite3_vfs_unregister(&s_lying);
-    }
-    void lieOnce() { s_lies = true; }
-    bool hasLied() const { return !s_lies; }
-
-private:
-    Q_DISABLE_COPY(LyingDelete)
-    inline static sqlite3_vfs *s_real = nullptr;
-    inline static sqlite3_vfs s_lying;
-    inline static std::atomic_bool s_lies{false};
-};
-
 TEST_F(RecorderFaults, ACommitThatSucceedsAndSaysNoIsNotRepeated)
 {
-    LyingDelete disk;
+    FaultyDisk disk;
     const auto recorder = recorderOf(Profile::AsIs);
     record(*recorder, 0, 1);
     require(recorder->flush(milliseconds(20000)));
-    disk.lieOnce();
+    disk.fail(FaultyDisk::DeleteDenies, 1);
     record(*recorder, 1, 11);
     require(recorder->flush(milliseconds(20000)));
-    EXPECT_TRUE(disk.hasLied());
+    EXPECT_EQ(disk.failures(), 1);
     record(*recorder, 11, 21);
     require(recorder->stop(milliseconds(20000)));
     expectNumbers(21);
     auto store = require(HistoryStore::open(library(), path()));
-    disk.lieOnce();
+    disk.fail(FaultyDisk::DeleteDenies, 1);
     EXPECT_EQ(require(store.append(boiler, {numbered(21)})).stored, 1);
     expectNumbers(22);
 }
 
 TEST_F(RecorderFaults, AnAlarmEndedInACommitThatSaysNoIsAnnouncedOnce)
 {
-    LyingDelete disk;
+    FaultyDisk disk;
     const TableName alarms = table("AlarmData"_q);
     AlarmRecorder recorder(library(), path(), options);
     int ended = 0;
@@ -253,16 +220,16 @@ TEST_F(RecorderFaults, AnAlarmEndedInACommitThatSaysNoIsAnnouncedOnce)
     alarm.object = "Pump"_q;
     require(recorder.raise(alarms, alarm));
     require(recorder.flush(milliseconds(20000)));
-    disk.lieOnce();
+    disk.fail(FaultyDisk::DeleteDenies, 1);
     require(recorder.end(alarms, "Pump"_q, QString(), at("2024-05-06 08:00:00"_q)));
     require(recorder.flush(milliseconds(20000)));
-    EXPECT_TRUE(disk.hasLied());
+    EXPECT_EQ(disk.failures(), 1);
     EXPECT_EQ(ended, 1);
-    disk.lieOnce();
+    disk.fail(FaultyDisk::DeleteDenies, 1);
     require(recorder.raise(alarms, alarm)); // raised and ended in one batch
     require(recorder.end(alarms, "Pump"_q, QString(), at("2024-05-06 09:00:00"_q)));
     require(recorder.flush(milliseconds(20000)));
-    EXPECT_TRUE(disk.hasLied());
+    EXPECT_EQ(disk.failures(), 2);
     EXPECT_EQ(ended, 2);
     EXPECT_EQ(valueOf(path(), "select count(*) from AlarmData"_q), "2"_q);
 }
