@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QSignalSpy>
+#include <QSortFilterProxyModel>
 
 using namespace device;
 using std::chrono::milliseconds;
@@ -127,6 +128,112 @@ TEST_F(Models, AMissingTableShowsAsAnErrorNotAsNoRows)
     recorder.createTable(table("Missing"_q));
     model.refresh();
     EXPECT_TRUE(eventually([&] { return model.errorText().isEmpty(); }));
+}
+
+// A table of as many samples, made at once.
+void fill(const Library &library, const QString &path, const TableName &boiler, int rows)
+{
+    require(require(HistoryStore::open(library, path)).createTable(boiler));
+    PlainConnection(path).run(
+        "with recursive n(i) as (select 0 union all select i+1 from n where i<%1) insert into Boiler "
+        "select NULL,datetime('2024-01-01','+'||i||' seconds'),'v'||i from n; create index i on Boiler(DATETIME)"_q.arg(
+            rows - 1));
+}
+
+TEST_F(Models, AProxyThatFiltersOrSortsShowsTheRightRows)
+{
+    const TableName boiler = table("Boiler"_q);
+    fill(library(), path(), boiler, 5000);
+    HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
+    SampleModel model(&recorder, boiler);
+    QSortFilterProxyModel filtered;
+    filtered.setSourceModel(&model);
+    filtered.setFilterKeyColumn(1);
+    filtered.setFilterFixedString("77"_q);
+    QSortFilterProxyModel sorted;
+    sorted.setSourceModel(&model);
+    sorted.setDynamicSortFilter(true);
+    sorted.sort(1);
+    ASSERT_TRUE(eventually([&] { return filtered.rowCount() == 95; })) << filtered.rowCount();
+    EXPECT_TRUE(eventually([&] { return sorted.index(0, 1).data() == "v0"_q; }));
+    EXPECT_TRUE(eventually([&] { return sorted.index(4999, 1).data() == "v999"_q; }));
+    EXPECT_EQ(model.errorText(), QString());
+}
+
+TEST_F(Models, AProxyOnATableThatIsTooLongIsToldSo)
+{
+    const TableName boiler = table("Boiler"_q);
+    fill(library(), path(), boiler, PagedModel::rowsKeptAtMost + 1);
+    HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
+    SampleModel model(&recorder, boiler);
+    QSortFilterProxyModel filtered;
+    filtered.setSourceModel(&model);
+    filtered.setFilterKeyColumn(1);
+    filtered.setFilterFixedString("77"_q);
+    ASSERT_TRUE(eventually([&] { return !model.errorText().isEmpty(); }));
+    EXPECT_TRUE(model.errorText().contains("it keeps 100000 at most"_q)) << model.errorText().toStdString();
+    EXPECT_LE(model.cachedPages(), PagedModel::pagesKept);
+}
+
+TEST_F(Models, AViewThatScrollsFastKeepsFewPages)
+{
+    const TableName boiler = table("Boiler"_q);
+    fill(library(), path(), boiler, 20000);
+    HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
+    SampleModel model(&recorder, boiler);
+    ASSERT_TRUE(eventually([&] { return model.rowCount() == 20000; }));
+    for (int row = 0; row < 20000; row += 50) {
+        (void)model.index(row, 1).data();
+        QCoreApplication::processEvents();
+    }
+    EXPECT_LE(model.cachedPages(), PagedModel::pagesKept);
+    EXPECT_EQ(cell(model, 19999, 1), "v0"_q);
+}
+
+TEST_F(Models, ARowGivesItsRecord)
+{
+    const TableName boiler = table("Boiler"_q);
+    fill(library(), path(), boiler, 500);
+    HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
+    SampleModel model(&recorder, boiler, Query<Sample>().oldestFirst());
+    ASSERT_TRUE(eventually([&] { return model.rowCount() == 500; }));
+    EXPECT_FALSE(model.recordAt(499)) << "its page is not there yet";
+    ASSERT_TRUE(eventually([&] { return model.recordAt(499).has_value(); }));
+    EXPECT_EQ(model.recordAt(499)->value, "v499"_q);
+    EXPECT_FALSE(model.recordAt(500));
+    EXPECT_FALSE(model.recordAt(-1));
+}
+
+TEST_F(Models, AFileThatCannotBeOpenedAndARecorderThatEndsAreErrors)
+{
+    const TableName boiler = table("Boiler"_q);
+    auto recorder = std::make_unique<HistoryRecorder>(library(), path("later") + "/store.db"_q, options);
+    require(recorder->start());
+    SampleModel model(recorder.get(), boiler);
+    EXPECT_TRUE(eventually([&] { return model.errorText().contains("no folder"_q); }));
+    ASSERT_TRUE(QDir().mkdir(path("later")));
+    recorder->createTable(boiler);
+    EXPECT_TRUE(eventually([&] { return model.errorText().isEmpty(); }));
+    require(recorder->stop(milliseconds(20000)));
+    model.refresh();
+    EXPECT_TRUE(eventually([&] { return model.errorText().contains("stopped"_q); }));
+    recorder.reset();
+    EXPECT_TRUE(model.errorText().contains("gone"_q));
+    model.refresh();
+    EXPECT_FALSE(model.index(0, 0).data().isValid());
+}
+
+TEST_F(Models, ModelsAreFoundByTheirOwnClass)
+{
+    LogRecorder recorder(library(), path(), options);
+    QObject parent;
+    auto *model = new LogModel(&recorder, table("OperatorLog"_q), {}, &parent);
+    EXPECT_EQ(parent.findChild<LogModel *>(), model);
+    EXPECT_EQ(parent.findChild<AlarmModel *>(), nullptr);
 }
 
 } // namespace
