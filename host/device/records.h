@@ -2,12 +2,15 @@
 #ifndef DEVICE_RECORDS_H
 #define DEVICE_RECORDS_H
 
+#include "number.h"
+
 #include <QDateTime>
 #include <QMetaType>
 #include <QString>
 
 #include <limits>
 #include <optional>
+#include <utility>
 
 namespace device
 {
@@ -59,9 +62,17 @@ private:
 
 /// One sampled value.
 struct Sample {
+    Sample() = default;
+    Sample(LocalTime when, QString text) : time(when), value(std::move(text)) {}
+    /// The value as numberText() writes it: number() gives the same double. One that is not finite is stored as a text
+    /// that is no number.
+    Sample(LocalTime when, double amount) : time(when), value(numberText(amount)) {}
+
     LocalTime time;
     QString value;
 
+    /// The value as a number, or nothing: see device::number().
+    std::optional<double> number() const { return device::number(value); }
     friend bool operator==(const Sample &a, const Sample &b) { return a.time == b.time && a.value == b.value; }
 };
 
