@@ -30,7 +30,17 @@ QString Error::advice() const
     case QueueFull:
         return QStringLiteral("Record less often, enlarge the queue, or choose to drop the oldest.");
     case Cancelled:
-        return QStringLiteral("The host stopped this itself; call again to go on.");
+        return QStringLiteral("The application cancelled this itself.");
+    case Stopped:
+        return QStringLiteral("Make a new recorder to go on.");
+    case NotStarted:
+        return QStringLiteral("Call start() first.");
+    case FileMoved:
+        return QStringLiteral("Open the file again; do not move or delete it while it is open.");
+    case ReadOnly:
+        return QStringLiteral("Use the recorder's own functions to change the file.");
+    case OptionRefused:
+        return QStringLiteral("Correct the option.");
     }
     return QStringLiteral("See the cause.");
 }
