@@ -563,7 +563,7 @@ Status AlarmRecorder::end(const TableName &table, const QString &object, const Q
         return refuse(statement.error());
     return accept(table.text(), {QString(), *statement}, [this, object, type, when](qint64 changed) {
         if (changed > 0)
-            tell(&AlarmRecorder::ended, object, type, when);
+            tell(&AlarmRecorder::ended, object, type, when.toDateTime());
     });
 }
 
