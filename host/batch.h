@@ -10,10 +10,6 @@ namespace device
 /// Makes a table inside the transaction of the caller: true when it was made, false when it exists already.
 using Creation = std::function<Result<bool>(Connection &)>;
 
-/// How the host layer makes a table of this kind of record.
-template<typename Record>
-Creation creationOf(const TableName &table, const QString &name);
-
 /// One step of a batch.
 struct Write {
     enum Kind {

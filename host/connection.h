@@ -82,7 +82,8 @@ public:
 
     /// Outside a transaction: VACUUM and the like, tried until the deadline.
     Status alone(const Site &site, const QString &sql);
-    Status checkpoint();
+    /// Whether all of the write-ahead log is in the file now.
+    Result<bool> checkpoint();
     /// `patiently`: while the file is locked it is tried again until the deadline.
     Result<qint64> usedBytes(bool patiently = true);
 

@@ -25,7 +25,7 @@ std::unique_ptr<Pages> pagesOf(Recorder *recorder, const TableName &table, const
     const auto askPage = [=](QObject *context, const typename Pages::Wanted &wanted, const auto &answer) {
         Query<Record> page = query;
         page.through(wanted.throughId).page(wanted.offset, wanted.count);
-        page.newestAtTop = wanted.newestFirst;
+        page.order = wanted.newestFirst ? Order::NewestFirst : Order::OldestFirst;
         return recorder->ask(
             context,
             [=](Store &store) -> Result<typename Pages::Rows> {
@@ -40,7 +40,7 @@ std::unique_ptr<Pages> pagesOf(Recorder *recorder, const TableName &table, const
             },
             answer);
     };
-    return std::make_unique<Pages>(recorder, table.text(), titles, query.newestAtTop, askSnapshot, askPage);
+    return std::make_unique<Pages>(recorder, table.text(), titles, query.order == Order::NewestFirst, askSnapshot, askPage);
 }
 
 template<typename Record>

@@ -2,6 +2,7 @@
 #include "device/recorder.h"
 
 #include "kind.h"
+#include "schema.h"
 #include "worker.h"
 
 #include <QEvent>
@@ -136,17 +137,6 @@ Item itemOf(Write::Kind kind, const TableName &table, QString text)
     return item;
 }
 
-Result<QString> raisingStatement(const TableName &table, const Alarm &alarm)
-{
-    auto text = rowText(table, alarm);
-    if (!text)
-        return text;
-    return QLatin1String("insert into ") + table.text() + QLatin1String(" select ") + text->mid(1, text->size() - 2) +
-           QLatin1String(" where not exists(select 1 from ") + table.text() + QLatin1String(" where AlarmObject=") +
-           quoted(alarm.object) + QLatin1String(" and AlarmType=") + quoted(alarm.type) +
-           QLatin1String(" and EndDate='' and EndTime='')");
-}
-
 } // namespace
 
 Question Recorder::remove(const Result<Removal> &removal, QObject *context, Removed answer)
@@ -196,12 +186,12 @@ Status RecorderOf<Record>::record(const TableName &table, const Record &row)
 }
 
 template<typename Record>
-void RecorderOf<Record>::createTable(const TableName &table, const QString &name, Created answer)
+void RecorderOf<Record>::createTable(const TableName &table, const SeriesInfo &info, Created answer)
 {
     Item item;
     item.write.kind = Write::CreateTable;
     item.write.table = table.text();
-    item.write.create = creationOf<Record>(table, name);
+    item.write.create = [table, info](Connection &connection) { return makeTable<Record>(connection, table, info); };
     item.afterwards = [this, text = table.text(), answer](qint64 made) {
         if (answer)
             worker().mail([answer, made] { answer(made != 0); });
@@ -255,7 +245,7 @@ Status AlarmRecorder::raise(const TableName &table, const Alarm &alarm)
 
 Status AlarmRecorder::raiseUnlessActive(const TableName &table, const Alarm &alarm)
 {
-    auto statement = raisingStatement(table, alarm);
+    auto statement = raisingStatement(QStringLiteral("raise"), table.text(), alarm);
     if (!statement)
         return refuse(statement.error());
     Item item = itemOf(Write::Change, table, std::move(statement.value()));

@@ -57,8 +57,16 @@ Result<TableName> TableName::from(const QString &text)
 {
     if (const char *why = fault(text))
         return Error(Error::NameRefused, QStringLiteral("table name"), QString(),
-                     QStringLiteral("\"%1\" is no table name: %2").arg(text.left(80), QLatin1String(why)));
+                     QStringLiteral("\"%1\" is not a table name: %2").arg(text.left(80), QLatin1String(why)));
     return TableName(text);
+}
+
+TableName TableName::must(const char *literal)
+{
+    const Result<TableName> name = from(QString::fromUtf8(literal));
+    if (!name)
+        qFatal("device::TableName::must: %s", qUtf8Printable(name.error().cause()));
+    return *name;
 }
 
 } // namespace device

@@ -7,6 +7,8 @@
 #include "row_query.h"
 #include "times.h"
 
+#include "device/number.h"
+
 #include <QDateTime>
 #include <QFileInfo>
 #include <QProcess>
@@ -137,7 +139,7 @@ Status readSeries(const Database &database, const Table &table, const PlotComman
         return rows.error();
     while (rows->step()) {
         const qint64 time = shown(rows->cell(1), false, command.utc);
-        const auto value = numberIn(rows->cell(2));
+        const auto value = device::number(rows->cell(2));
         if (time >= 0 && value)
             series.points.add({time, *value});
         else

@@ -2,28 +2,10 @@
 #include "reduction.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 
 namespace device_db
 {
-
-std::optional<double> numberIn(const QByteArray &cell)
-{
-    const char *begin = cell.constData();
-    const char *end = begin + cell.size();
-    while (begin != end && (*begin == ' ' || *begin == '\t'))
-        ++begin;
-    while (begin != end && (end[-1] == ' ' || end[-1] == '\t'))
-        --end;
-    if (end - begin > 1 && *begin == '+' && begin[1] != '-')
-        ++begin;
-    double value = 0;
-    const auto [stop, error] = std::from_chars(begin, end, value);
-    if (begin == end || stop != end || error != std::errc() || !std::isfinite(value))
-        return std::nullopt;
-    return value;
-}
 
 Reduction::Reduction(qint64 first, qint64 last, int columns)
     : m_first(first), m_last(std::max(first, last)), m_columns(size_t(std::max(1, columns)))

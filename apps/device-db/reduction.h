@@ -2,9 +2,8 @@
 #ifndef DEVICE_DB_REDUCTION_H
 #define DEVICE_DB_REDUCTION_H
 
-#include <QByteArray>
+#include <QtGlobal>
 
-#include <optional>
 #include <vector>
 
 namespace device_db
@@ -14,9 +13,6 @@ struct Point {
     qint64 time = 0; ///< Milliseconds.
     double value = 0;
 };
-
-/// The number that a cell holds; null when it holds anything else. Blanks around it are allowed, units are not.
-std::optional<double> numberIn(const QByteArray &cell);
 
 /// Reduces any number of points to at most four in each column of a picture: the first, the lowest, the highest
 /// and the last. A line through them covers the very same pixels as one through all, so no spike is lost.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "statistics.h"
 
-#include "reduction.h"
+#include "device/number.h"
 
 #include <algorithm>
 
@@ -11,7 +11,7 @@ namespace device_db
 void SeriesStatistics::add(qint64 time, const QByteArray &value)
 {
     ++rows;
-    if (const auto number = numberIn(value)) {
+    if (const auto number = device::number(value)) {
         lowest = numbers == 0 ? *number : std::min(lowest, *number);
         highest = numbers == 0 ? *number : std::max(highest, *number);
         m_sum += *number;

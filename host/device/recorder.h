@@ -187,10 +187,11 @@ public:
     /// Hands a row over. An Error when it was not taken; nothing is stored of it then.
     Status record(const TableName &table, const Record &row);
 
-    /// Makes the table when it is missing, before rows that are handed over afterwards are stored and questions that
-    /// are asked afterwards are answered. Waits its turn like a row and is tried again like one. `answer`, if any,
-    /// comes in the thread of this object: true when it was made, false when it existed.
-    void createTable(const TableName &table, const QString &name = QString(), Created answer = {});
+    /// Makes the table if it is missing, before rows that are handed over afterwards are stored and questions that are
+    /// asked afterwards are answered. Waits its turn like a row and is tried again like one. `info` is for samples, as
+    /// in HistoryStore::createTable(). `answer`, if any, comes in the thread of this object: true when it was made,
+    /// false when it existed.
+    void createTable(const TableName &table, const SeriesInfo &info = {}, Created answer = {});
 
     /// Puts `question` to a store of this file, on a thread of the recorder, and hands what it returns to `answer` in
     /// the thread of this object, unless `context`, which lives there too, is gone by then. `question` takes a

@@ -2,12 +2,15 @@
 #ifndef DEVICE_RECORDS_H
 #define DEVICE_RECORDS_H
 
+#include "number.h"
+
 #include <QDateTime>
 #include <QMetaType>
 #include <QString>
 
 #include <limits>
 #include <optional>
+#include <utility>
 
 namespace device
 {
@@ -16,9 +19,9 @@ namespace device
 /// alarms (fractions are cut off when they are stored), to the millisecond in the log. A text of a file that is
 /// no such time is read as an invalid one; its record still comes.
 ///
-/// It turns to and from QDateTime by itself. It is not one because a QDateTime asks the zone at every
-/// construction, which makes reading three times as slow, and because an hour that the zone leaves out in
-/// spring is a time like any other here.
+/// A QDateTime is taken wherever one is asked for; the way back is toDateTime(). It is not a QDateTime because that
+/// asks the zone at every construction, which makes reading three times as slow, and because an hour that the zone
+/// leaves out in spring is a time like any other here.
 class LocalTime
 {
 public:
@@ -37,7 +40,6 @@ public:
         return isValid() ? QTime::fromMSecsSinceStartOfDay(int(m_msecs - days() * msecsPerDay)) : QTime();
     }
     QDateTime toDateTime() const { return isValid() ? QDateTime(date(), time()) : QDateTime(); }
-    operator QDateTime() const { return toDateTime(); }
 
     friend bool operator==(LocalTime a, LocalTime b) { return a.m_msecs == b.m_msecs; }
     friend bool operator!=(LocalTime a, LocalTime b) { return a.m_msecs != b.m_msecs; }
@@ -59,9 +61,17 @@ private:
 
 /// One sampled value.
 struct Sample {
+    Sample() = default;
+    Sample(LocalTime when, QString text) : time(when), value(std::move(text)) {}
+    /// The value as numberText() writes it: number() gives the same double. One that is not finite is stored as a text
+    /// that is no number.
+    Sample(LocalTime when, double amount) : time(when), value(numberText(amount)) {}
+
     LocalTime time;
     QString value;
 
+    /// The value as a number, or nothing: see device::number().
+    std::optional<double> number() const { return device::number(value); }
     friend bool operator==(const Sample &a, const Sample &b) { return a.time == b.time && a.value == b.value; }
 };
 

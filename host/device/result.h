@@ -8,6 +8,7 @@
 #include <QString>
 
 #include <optional>
+#include <type_traits>
 #include <utility>
 #include <variant>
 
@@ -69,21 +70,43 @@ public:
 
     bool ok() const { return m_either.index() == 0; }
     explicit operator bool() const { return ok(); }
-    const T &value() const & { return checked(std::get_if<0>(&m_either)); }
-    T &value() & { return const_cast<T &>(checked(std::get_if<0>(&m_either))); }
+    const T &value() const & { return *checked(std::get_if<0>(&m_either)); }
+    T &value() & { return *checked(std::get_if<0>(&m_either)); }
     T value() && { return std::move(value()); }
     const T &operator*() const & { return value(); }
+    T &operator*() & { return value(); }
+    T operator*() && { return std::move(*this).value(); }
     const T *operator->() const { return &value(); }
     T *operator->() { return &value(); }
-    const Error &error() const { return checked(std::get_if<1>(&m_either)); }
+    const Error &error() const { return *checked(std::get_if<1>(&m_either)); }
+
+    /// The value, or `other` after a failure.
+    T valueOr(T other) const & { return ok() ? value() : std::move(other); }
+    T valueOr(T other) && { return ok() ? std::move(*this).value() : std::move(other); }
+
+    /// A Result of what `function` makes of the value. After a failure it is not called and the Error stays.
+    template<typename Function>
+    auto map(Function &&function) const & -> Result<std::invoke_result_t<Function, const T &>>
+    {
+        if (!ok())
+            return error();
+        return std::forward<Function>(function)(value());
+    }
+    template<typename Function>
+    auto map(Function &&function) && -> Result<std::invoke_result_t<Function, T>>
+    {
+        if (!ok())
+            return error();
+        return std::forward<Function>(function)(std::move(*this).value());
+    }
 
 private:
     template<typename Wanted>
-    static const Wanted &checked(const Wanted *wanted)
+    static Wanted *checked(Wanted *wanted)
     {
         if (!wanted)
             qFatal("device::Result: looked at the value of a failure or at the error of a success");
-        return *wanted;
+        return wanted;
     }
 
     std::variant<T, Error> m_either;

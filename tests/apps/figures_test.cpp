@@ -15,7 +15,6 @@ namespace
 {
 
 using device_db::floodsIn;
-using device_db::numberIn;
 using device_db::Point;
 using device_db::Reduction;
 using device_db::SeriesStatistics;
@@ -95,17 +94,6 @@ TEST(Reduction, APauseBreaksTheLine)
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].back().time, 399000);
     EXPECT_EQ(lines[1].front().time, 601000);
-}
-
-TEST(Numbers, AreWholeCells)
-{
-    EXPECT_EQ(numberIn("87.5"), 87.5);
-    EXPECT_EQ(numberIn(" -1e3\t"), -1000.0);
-    EXPECT_EQ(numberIn("+5"), 5.0);
-    EXPECT_EQ(numberIn(".5"), 0.5);
-    for (const char *text :
-         {"", " ", "fault", "88 °C", "1,5", "0x10", "nan", "inf", "-inf", "1e999", "+-5", "--5", "5 6"})
-        EXPECT_FALSE(numberIn(text)) << text;
 }
 
 TEST(SeriesStatistics, FindGapsAndStepsOfTheClock)
