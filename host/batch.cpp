@@ -123,9 +123,8 @@ Status Storing::insert(const Insert &insert)
 Status Storing::singly(const Insert &insert)
 {
     for (const int row : insert.rows) {
-        const Status done = inSavepoint(row, [&] {
-            return m_connection.run(at(insert.table), insertsOf(m_batch.writes, {row}).first().sql);
-        });
+        const Status done = inSavepoint(
+            row, [&] { return m_connection.run(at(insert.table), insertsOf(m_batch.writes, {row}).first().sql); });
         if (!done)
             return done;
         if (!m_witness && !isRefused(row)) {
@@ -230,8 +229,8 @@ Result<bool> settled(Connection &connection, const Site &site, Batch &batch)
     if (!batch.inDoubt)
         return false;
     const Witness &witness = *batch.inDoubt;
-    const auto rows = connection.query(
-        site, QStringLiteral("select * from %1 where ID=").arg(witness.table) + witness.cells.first());
+    const auto rows =
+        connection.query(site, QStringLiteral("select * from %1 where ID=").arg(witness.table) + witness.cells.first());
     // Without the table it is another file than the one that was written.
     if (!rows && rows.error().code() != Error::TableMissing)
         return rows.error();

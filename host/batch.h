@@ -41,7 +41,8 @@ struct Batch {
 
 /// Does the steps in order in one transaction; rows of different tables between two other steps may change places. A
 /// step that the table itself refuses (a constraint, a trigger, no such table) is left out and listed. An Error when
-/// anything else fails: then the file is as it was, or the batch is in doubt, which the next call with it settles first.
+/// anything else fails: then the file is as it was, or the batch is in doubt, which the next call with it settles
+/// first.
 Status store(Connection &connection, const Site &site, Batch &batch);
 
 /// One INSERT, and the steps whose rows it stores, in order.

@@ -14,24 +14,17 @@ struct Meaning {
 
 // What SQLite says of a file or a medium. A batch is tried again for these, so they must be its very words.
 constexpr Meaning exactly[] = {
-    {"database is locked", Error::Locked},
-    {"database table is locked", Error::Locked},
-    {"locking protocol", Error::Locked},
-    {"database or disk is full", Error::StorageFailed},
-    {"disk I/O error", Error::StorageFailed},
-    {"attempt to write a readonly database", Error::StorageFailed},
-    {"out of memory", Error::StorageFailed},
-    {"unable to open database file", Error::FileError},
-    {"file is not a database", Error::FileError},
-    {"database disk image is malformed", Error::FileError},
+    {"database is locked", Error::Locked},        {"database table is locked", Error::Locked},
+    {"locking protocol", Error::Locked},          {"database or disk is full", Error::StorageFailed},
+    {"disk I/O error", Error::StorageFailed},     {"attempt to write a readonly database", Error::StorageFailed},
+    {"out of memory", Error::StorageFailed},      {"unable to open database file", Error::FileError},
+    {"file is not a database", Error::FileError}, {"database disk image is malformed", Error::FileError},
 };
 
 // What SQLite says of a statement. These only choose the advice.
 constexpr Meaning inside[] = {
-    {"no such table", Error::TableMissing},
-    {"no such column", Error::TableLayout},
-    {"has no column", Error::TableLayout},
-    {"values were supplied", Error::TableLayout},
+    {"no such table", Error::TableMissing},       {"no such column", Error::TableLayout},
+    {"has no column", Error::TableLayout},        {"values were supplied", Error::TableLayout},
     {"malformed database schema", Error::Failed},
 };
 

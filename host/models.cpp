@@ -40,7 +40,8 @@ std::unique_ptr<Pages> pagesOf(Recorder *recorder, const TableName &table, const
             },
             answer);
     };
-    return std::make_unique<Pages>(recorder, table.text(), titles, query.order == Order::NewestFirst, askSnapshot, askPage);
+    return std::make_unique<Pages>(recorder, table.text(), titles, query.order == Order::NewestFirst, askSnapshot,
+                                   askPage);
 }
 
 template<typename Record>

@@ -122,9 +122,10 @@ PagedModel::Pages::Page &PagedModel::Pages::page(int number)
         if (m_rows <= rowsKeptAtMost)
             m_keepsAll = true;
         else
-            setErrors(m_error, QStringLiteral("something reads all %1 rows through this model, as a proxy that sorts or "
-                                              "filters does; it keeps %2 at most. Narrow its query")
-                                   .arg(QString::number(m_rows), QString::number(rowsKeptAtMost)));
+            setErrors(m_error,
+                      QStringLiteral("something reads all %1 rows through this model, as a proxy that sorts or "
+                                     "filters does; it keeps %2 at most. Narrow its query")
+                          .arg(QString::number(m_rows), QString::number(rowsKeptAtMost)));
     }
     if (!m_turn.isActive())
         m_turn.start(0);

@@ -29,8 +29,7 @@ public:
         qint64 throughId;
         quint64 look;
     };
-    using AskSnapshot =
-        std::function<Question(QObject *context, std::function<void(const Result<Snapshot> &)> answer)>;
+    using AskSnapshot = std::function<Question(QObject *context, std::function<void(const Result<Snapshot> &)> answer)>;
     using AskPage = std::function<Question(QObject *context, const Wanted &wanted,
                                            std::function<void(const Result<Rows> &)> answer)>;
 

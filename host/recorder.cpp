@@ -158,7 +158,8 @@ Question Recorder::remove(const Result<Removal> &removal, QObject *context, Remo
     } else {
         // The oldest row to keep is looked for where questions are answered, so that no row waits for it.
         m_worker->ask(
-            [this, removal = *removal, answered, handle](const Result<std::shared_ptr<Connection>> &connection) mutable {
+            [this, removal = *removal, answered,
+             handle](const Result<std::shared_ptr<Connection>> &connection) mutable {
                 if (!connection)
                     return answered(connection.error());
                 const auto newest = newestToRemove(**connection, removal);

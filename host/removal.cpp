@@ -48,8 +48,9 @@ Result<Removal> Removal::before(LocalTime time, bool withMilliseconds) const
 
 Result<qint64> newestToRemove(Connection &connection, const Removal &removal)
 {
-    const auto rows = connection.query(removal.site, QStringLiteral("select ID from %1 order by ID desc limit 1 offset %2")
-                                                         .arg(removal.site.table, QString::number(removal.keep)));
+    const auto rows =
+        connection.query(removal.site, QStringLiteral("select ID from %1 order by ID desc limit 1 offset %2")
+                                           .arg(removal.site.table, QString::number(removal.keep)));
     if (!rows)
         return rows.error();
     return rows->isEmpty() ? -1 : rows->first().first().toLongLong();

@@ -80,8 +80,8 @@ Status Recorder::Worker::start()
     try {
         m_writer = std::thread([this] { write(); });
     } catch (const std::system_error &error) {
-        return site.error(Error::Failed, QStringLiteral("the system starts no thread: ") +
-                                             QString::fromLocal8Bit(error.what()));
+        return site.error(Error::Failed,
+                          QStringLiteral("the system starts no thread: ") + QString::fromLocal8Bit(error.what()));
     }
     m_started = true;
     return {};

@@ -23,7 +23,7 @@ struct Item {
     Write write;
     std::function<void(qint64 changed)> afterwards; ///< Called by the worker once the step is in the file.
     std::function<void(const Error &)> failed;      ///< Called by the worker when the step is dropped.
-    qint64 number = 0; ///< In the order in which steps were taken.
+    qint64 number = 0;                              ///< In the order in which steps were taken.
     Clock::time_point taken = {};
 
     bool isRow() const { return write.kind != Write::CreateTable; }
@@ -153,7 +153,7 @@ private:
     std::condition_variable m_room;    ///< For callers: there is room.
     std::condition_variable m_settled; ///< For callers: rows were settled and reported; the thread ended.
     std::deque<Item> m_waiting;
-    std::vector<Item> m_batch; ///< Taken out to be stored; changed by the writer alone.
+    std::vector<Item> m_batch;         ///< Taken out to be stored; changed by the writer alone.
     std::optional<qint64> m_reporting; ///< The first step of a batch that is settled and not yet reported.
     int m_rowsWaiting = 0;
     int m_rowsInBatch = 0;

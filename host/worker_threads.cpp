@@ -119,7 +119,8 @@ bool Recorder::Worker::mayBegin(const Asked &asked) const
 
 bool Recorder::Worker::hasDuty() const
 {
-    return !m_stopping && (!m_removals.empty() || (!m_readsApart && !m_questions.empty() && mayBegin(m_questions.front())));
+    return !m_stopping &&
+           (!m_removals.empty() || (!m_readsApart && !m_questions.empty() && mayBegin(m_questions.front())));
 }
 
 void Recorder::Worker::takeBatch()
@@ -137,8 +138,8 @@ void Recorder::Worker::takeBatch()
     }
     m_rowsWaiting -= m_rowsInBatch;
     m_nextTry = Clock::now();
-    m_giveUp = m_options.giveUpAfter.count() == 0 ? Deadline(Clock::time_point::max())
-                                                  : Deadline(m_options.giveUpAfter);
+    m_giveUp =
+        m_options.giveUpAfter.count() == 0 ? Deadline(Clock::time_point::max()) : Deadline(m_options.giveUpAfter);
 }
 
 void Recorder::Worker::storeBatch()
@@ -389,8 +390,8 @@ void Recorder::Worker::read()
 void Recorder::Worker::answer(const Asked &asked, const std::shared_ptr<Connection> &connection)
 {
     if (asked.handle.isCancelled()) {
-        mail(asked.asking(Error(Error::Cancelled, QStringLiteral("ask"), QString(),
-                                QStringLiteral("cancelled before it began"))));
+        mail(asked.asking(
+            Error(Error::Cancelled, QStringLiteral("ask"), QString(), QStringLiteral("cancelled before it began"))));
         return;
     }
     const Connection::Question scope(*connection, asked.handle.m_cancelled.get());

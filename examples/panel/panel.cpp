@@ -12,6 +12,7 @@
 #include <QLabel>
 #include <QPushButton>
 #include <QTableView>
+#include <QTimer>
 #include <QtMath>
 
 using namespace device;
@@ -52,15 +53,10 @@ public:
           m_log(library, folder + QStringLiteral("/log.db"), deviceOptions())
     {
         setWindowTitle(QStringLiteral("Boiler"));
-        m_history.createTable(m_boiler, QStringLiteral("Boiler 1"));
+        m_history.createTable(m_boiler, {QStringLiteral("Boiler 1"), QStringLiteral("°C")});
         m_alarms.createTable(m_alarmData);
         m_log.createTable(m_operatorLog);
-
-        auto *samples = new SampleModel(&m_history, m_boiler, {}, this);
-        auto *alarms = new AlarmModel(&m_alarms, m_alarmData, {}, this);
-        auto *entries = new LogModel(&m_log, m_operatorLog, {}, this);
-        for (PagedModel *model : {static_cast<PagedModel *>(samples), static_cast<PagedModel *>(alarms),
-                                  static_cast<PagedModel *>(entries)})
+        for (PagedModel *model : QList<PagedModel *>{&m_samples, &m_raised, &m_entries})
             model->setFollowing(true);
 
         auto *acknowledge = new QPushButton(QStringLiteral("Acknowledge"));
@@ -68,11 +64,11 @@ public:
         grid->addWidget(m_temperature, 0, 0);
         grid->addWidget(acknowledge, 0, 1);
         grid->addWidget(new QLabel(QStringLiteral("Samples")), 1, 0);
-        grid->addWidget(viewOf(samples, {170}), 2, 0, 3, 1);
+        grid->addWidget(viewOf(&m_samples, {170}), 2, 0, 3, 1);
         grid->addWidget(new QLabel(QStringLiteral("Alarms")), 1, 1);
-        grid->addWidget(viewOf(alarms, {45, 140, 65, 50, 55, 45, 190, 85}), 2, 1);
+        grid->addWidget(viewOf(&m_raised, {45, 140, 65, 50, 55, 45, 190, 85}), 2, 1);
         grid->addWidget(new QLabel(QStringLiteral("Operator log")), 3, 1);
-        grid->addWidget(viewOf(entries, {170, 80, 80}), 4, 1);
+        grid->addWidget(viewOf(&m_entries, {170, 80, 80}), 4, 1);
         grid->addWidget(m_health, 5, 0, 1, 2);
         grid->setColumnStretch(0, 2);
         grid->setColumnStretch(1, 5);
@@ -80,7 +76,10 @@ public:
         connect(acknowledge, &QPushButton::clicked, this, [this] { log(QStringLiteral("Acknowledged")); });
         connect(&m_alarms, &AlarmRecorder::raised, this, [this](const Alarm &alarm) { m_state = alarm.description; });
         connect(&m_alarms, &AlarmRecorder::ended, this, [this] { m_state.clear(); });
-        connect(&m_history, &Recorder::troubled, this, [this](const Error &why) { m_state = why.text(); });
+        for (Recorder *recorder : QList<Recorder *>{&m_history, &m_alarms, &m_log}) {
+            connect(recorder, &Recorder::troubled, this, [this](const Error &why) { m_state = why.text(); });
+            keep(recorder->start());
+        }
         connect(&m_sampling, &QTimer::timeout, this, [this] { takeSample(); });
         m_sampling.start(20);
         log(QStringLiteral("Panel started"));
@@ -131,7 +130,7 @@ private:
         keep(m_alarms.raise(m_alarmData, alarm));
     }
 
-    // A refused row is said, never passed over.
+    // A refused row is shown, never passed over.
     void keep(const Status &taken)
     {
         if (!taken)
@@ -141,15 +140,19 @@ private:
     const TableName m_boiler = TableName::must("Boiler");
     const TableName m_alarmData = TableName::must("AlarmData");
     const TableName m_operatorLog = TableName::must("OperatorLog");
-    HistoryRecorder m_history;
-    AlarmRecorder m_alarms;
-    LogRecorder m_log;
     QTimer m_sampling;
     int m_count = 0;
     bool m_high = false;
     QString m_state;
     QLabel *m_temperature = new QLabel;
     QLabel *m_health = new QLabel;
+    // The recorders after all that their last signals touch, the models after their recorders.
+    HistoryRecorder m_history;
+    AlarmRecorder m_alarms;
+    LogRecorder m_log;
+    SampleModel m_samples{&m_history, m_boiler};
+    AlarmModel m_raised{&m_alarms, m_alarmData};
+    LogModel m_entries{&m_log, m_operatorLog};
 };
 
 } // namespace

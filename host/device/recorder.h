@@ -120,10 +120,10 @@ Q_SIGNALS:
     void stored(const QString &table, int rows);                            ///< They are in the file.
     void refused(const QString &table, const device::Error &why);           ///< One row was not taken.
     void dropped(const QString &table, int rows, const device::Error &why); ///< They were taken and are lost.
-    void troubled(const device::Error &why); ///< Storing or opening failed; it is tried again.
-    void recovered();                        ///< It works again.
+    void troubled(const device::Error &why);         ///< Storing or opening failed; it is tried again.
+    void recovered();                                ///< It works again.
     void removed(const QString &table, qint64 rows); ///< A deletion ended, whole or not.
-    void tableReady(const QString &table);   ///< A createTable() is done: the table is in the file.
+    void tableReady(const QString &table);           ///< A createTable() is done: the table is in the file.
 
 protected:
     using Letter = std::function<void()>; ///< A call to make in the thread of this object.
@@ -207,11 +207,11 @@ public:
         const bool hasContext = context != nullptr;
         return post([hasContext, guard = QPointer<QObject>(context), question = std::move(question),
                      answer = std::move(answer)](const Result<std::shared_ptr<Connection>> &connection) mutable {
-            return Letter([hasContext, guard, answer = std::move(answer),
-                           given = given<Answer>(question, connection)]() mutable {
-                if (guard || !hasContext)
-                    answer(static_cast<const Answer &>(given));
-            });
+            return Letter(
+                [hasContext, guard, answer = std::move(answer), given = given<Answer>(question, connection)]() mutable {
+                    if (guard || !hasContext)
+                        answer(static_cast<const Answer &>(given));
+                });
         });
     }
 

@@ -33,6 +33,9 @@ public:
     }
     LocalTime(const QDateTime &time) : LocalTime(local(time)) {}
 
+    /// The time of this device's clock, in its zone.
+    static LocalTime now() { return QDateTime::currentDateTime(); }
+
     bool isValid() const { return m_msecs != invalid; }
     QDate date() const { return isValid() ? QDate::fromJulianDay(days()) : QDate(); }
     QTime time() const

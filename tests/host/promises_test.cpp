@@ -306,7 +306,8 @@ TEST_F(Promises, ACancelledQuestionIsAnsweredAsCancelled)
         },
         [](const Result<int> &) {});
     const Question question = recorder.ask(
-        &recorder, [](HistoryStore &) { return 2; }, [&](const Result<int> &answer) { second = answer.error().code(); });
+        &recorder, [](HistoryStore &) { return 2; },
+        [&](const Result<int> &answer) { second = answer.error().code(); });
     question.cancel();
     go.set_value();
     EXPECT_TRUE(eventually([&] { return second.has_value(); }));

@@ -292,7 +292,7 @@ TEST_F(RecorderFaults, ATableThatHasUsedItsLastIdBlocksNoOther)
     record(*recorder, 0, 1);
     require(recorder->flush(milliseconds(20000)));
     OtherProgram(path()).run("update Boiler set ID=9223372036854775807;"
-                                "update sqlite_sequence set seq=9223372036854775807 where name='Boiler'"_q);
+                             "update sqlite_sequence set seq=9223372036854775807 where name='Boiler'"_q);
     record(*recorder, 1, 2);
     require(recorder->record(other, numbered(0)));
     const Settled settled = recorder->flush(milliseconds(20000));

@@ -41,7 +41,8 @@ protected:
                 ++number;
             if (number % 100 == 0)
                 recorder.ask(
-                    nullptr, [boiler](HistoryStore &store) { return store.count(boiler); }, [](const Result<qint64> &) {});
+                    nullptr, [boiler](HistoryStore &store) { return store.count(boiler); },
+                    [](const Result<qint64> &) {});
             QCoreApplication::processEvents();
         }
     }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // Random lives of a recorder: rows, tables, questions, deletions of what is old, locks, disks that fail, files that are
-// moved away, event loops within slots, stops and starts. At each step the counters agree; at the end of each life every
-// row that was announced is in a file, once and in order, and every other accepted row was reported.
+// moved away, event loops within slots, stops and starts. At each step the counters agree; at the end of each life
+// every row that was announced is in a file, once and in order, and every other accepted row was reported.
 //
 // DEVICE_HOST_STEPS: how many (20,000). DEVICE_HOST_SEED: which.
 #include "faulty_disk.h"
@@ -211,7 +211,8 @@ private:
                 if (connection.run("select 1 from sqlite_master where name='%1'"_q.arg(table.text())).isEmpty())
                     continue;
                 int last = -1;
-                for (const QStringList &row : connection.run("select LevelID from %1 order by ID"_q.arg(table.text()))) {
+                for (const QStringList &row :
+                     connection.run("select LevelID from %1 order by ID"_q.arg(table.text()))) {
                     const int number = row.first().toInt();
                     EXPECT_GT(number, last) << each.toStdString() << ": out of order or twice";
                     last = number;
@@ -268,10 +269,11 @@ TEST_F(RecorderModel, EveryAcceptedRowIsInAFileOnceOrReported)
         QTemporaryDir folder;
         done += Life(library(), folder.path(), seed, disk).live(steps - done);
     }
-    std::printf("%d steps in %u lives: %lld rows stored, %lld reported lost, %lld batches failed at first, %d calls to the "
-                "disk failed, %lld files moved away, %lld questions answered, %lld nested loops\n",
-                steps, seed - first, Life::s_stored, Life::s_dropped, Life::s_failedBatches, disk.failures(),
-                Life::s_moved, Life::s_answers, Life::s_nested);
+    std::printf(
+        "%d steps in %u lives: %lld rows stored, %lld reported lost, %lld batches failed at first, %d calls to the "
+        "disk failed, %lld files moved away, %lld questions answered, %lld nested loops\n",
+        steps, seed - first, Life::s_stored, Life::s_dropped, Life::s_failedBatches, disk.failures(), Life::s_moved,
+        Life::s_answers, Life::s_nested);
     EXPECT_GT(Life::s_failedBatches, 0) << "nothing was provoked";
 }
 

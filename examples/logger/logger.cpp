@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: MIT
+//
+// A data logger: 50 series at 10 Hz, an alarm for each that is too high, the operator log, the latest values once a
+// second, and an end on SIGINT or SIGTERM that loses nothing. Usage: device_logger [LIBRARY [FOLDER]]
+#include "device/recorder.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QTextStream>
+#include <QTimer>
+
+#include <cmath>
+#include <csignal>
+
+using namespace device;
+
+static volatile std::sig_atomic_t interrupted = 0;
+
+int main(int argc, char **argv)
+{
+    constexpr int seriesCount = 50;
+    constexpr double limit = 95;
+    QCoreApplication application(argc, argv);
+    std::signal(SIGINT, [](int) { interrupted = 1; });
+    std::signal(SIGTERM, [](int) { interrupted = 1; });
+    // Declared before the recorders, whose last signals use them.
+    QTextStream out(stdout), errors(stderr);
+    const auto report = [&](const Error &why) { errors << why.text() << Qt::endl; };
+    const auto check = [&](const Status &status) { return status.ok() || (report(status.error()), false); };
+
+    const auto library = Library::load(application.arguments().value(1));
+    if (!library)
+        return report(library.error()), 1;
+    const QDir folder(application.arguments().value(2, QStringLiteral(".")));
+    RecorderOptions options;
+    options.file.profile = Profile::Durable;
+    HistoryRecorder history(*library, folder.filePath(QStringLiteral("history.db")), options);
+    AlarmRecorder alarms(*library, folder.filePath(QStringLiteral("alarms.db")), options);
+    LogRecorder log(*library, folder.filePath(QStringLiteral("log.db")), options);
+    const TableName alarmTable = TableName::must("AlarmData"), logTable = TableName::must("OperatorLog");
+    QList<TableName> tables;
+    for (int i = 0; i < seriesCount; ++i) {
+        tables << TableName::from(QStringLiteral("Series%1").arg(i)).value();
+        history.createTable(tables.last(), {QStringLiteral("Sensor %1").arg(i), QStringLiteral("°C")});
+    }
+    alarms.createTable(alarmTable);
+    log.createTable(logTable);
+    const QList<Recorder *> recorders{&history, &alarms, &log};
+    for (Recorder *recorder : recorders) {
+        QObject::connect(recorder, &Recorder::troubled, report);
+        if (!check(recorder->start()))
+            return 1;
+    }
+    const auto note = [&](const QString &message) {
+        check(log.record(logTable, {LocalTime::now(), QStringLiteral("service"), QStringLiteral("Logger"), message}));
+    };
+    note(QStringLiteral("started"));
+
+    QVector<bool> high(seriesCount, true); // so that an alarm that ended while nobody measured is ended
+    QTimer sampling, showing;
+    QObject::connect(&sampling, &QTimer::timeout, [&, tick = 0]() mutable {
+        const LocalTime now = LocalTime::now();
+        for (int i = (++tick, 0); i < seriesCount; ++i) {
+            const Sample sample(now, 50 + 46 * std::sin(tick / 40.0 + i));
+            Alarm alarm;
+            alarm.start = now;
+            alarm.object = tables.at(i).text();
+            alarm.type = QStringLiteral("High");
+            alarm.value = sample.value;
+            check(history.record(tables.at(i), sample));
+            const bool wasHigh = std::exchange(high[i], sample.number() > limit);
+            if (high.at(i) && (!wasHigh || tick == 1))
+                check(alarms.raiseUnlessActive(alarmTable, alarm));
+            else if (!high.at(i) && wasHigh)
+                check(alarms.end(alarmTable, alarm.object, alarm.type, now));
+        }
+        if (interrupted)
+            QCoreApplication::quit();
+    });
+    QObject::connect(&showing, &QTimer::timeout, [&] {
+        const auto question = [&](HistoryStore &store) { return store.latest(tables); };
+        history.ask(nullptr, question, [&](const Result<QList<Latest<Sample>>> &latest) {
+            if (latest && latest->first().record)
+                out << latest->first().record->value << " °C, and " << latest->size() - 1 << " others" << Qt::endl;
+        });
+    });
+    sampling.start(100);
+    showing.start(1000);
+    QCoreApplication::exec();
+
+    note(QStringLiteral("stopped"));
+    bool whole = true;
+    for (Recorder *recorder : recorders) {
+        whole = recorder->stop(std::chrono::seconds(10)) && whole; // what was lost is in its why
+        out << recorder->path() << ": " << recorder->health().stored << " rows stored" << Qt::endl;
+    }
+    return whole ? 0 : 1;
+}
