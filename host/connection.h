@@ -64,7 +64,8 @@ public:
 
     /// Outside a transaction: VACUUM and the like, tried until the deadline.
     Status alone(const Site &site, const QString &sql);
-    void checkpoint();
+    /// Whether all of the write-ahead log is in the file now.
+    Result<bool> checkpoint();
     Result<qint64> usedBytes();
 
 private:

@@ -291,6 +291,17 @@ QString Kind<LogEntry>::condition(const Filter<LogEntry> &filter)
     return filter.user ? QStringLiteral("userName=%1").arg(quoted(*filter.user)) : QString();
 }
 
+namespace
+{
+
+QString isActive(const QString &object, const QString &type)
+{
+    return QLatin1String("AlarmObject=") + quoted(object) + QLatin1String(" and AlarmType=") + quoted(type) +
+           QLatin1String(" and EndDate='' and EndTime=''");
+}
+
+} // namespace
+
 Result<QString> endingStatement(const QString &operation, const QString &table, const QString &object,
                                 const QString &type, LocalTime when)
 {
@@ -303,8 +314,19 @@ Result<QString> endingStatement(const QString &operation, const QString &table, 
                          QStringLiteral("no alarm can have the object or type: ") + QLatin1String(why));
     }
     return QLatin1String("update ") + table + QLatin1String(" set EndDate='") + time.left(10) +
-           QLatin1String("',EndTime='") + time.mid(11) + QLatin1String("' where AlarmObject=") + quoted(object) +
-           QLatin1String(" and AlarmType=") + quoted(type) + QLatin1String(" and EndDate='' and EndTime=''");
+           QLatin1String("',EndTime='") + time.mid(11) + QLatin1String("' where ") + isActive(object, type);
+}
+
+Result<QString> raisingStatement(const QString &operation, const QString &table, const Alarm &alarm)
+{
+    RowText row;
+    Kind<Alarm>::encode(alarm, row);
+    const auto values = row.take(operation, table);
+    if (!values)
+        return values.error();
+    return QLatin1String("insert into ") + table + QLatin1String(" select * from (values") + *values +
+           QLatin1String(") where not exists(select 1 from ") + table + QLatin1String(" where ") +
+           isActive(alarm.object, alarm.type) + QLatin1Char(')');
 }
 
 } // namespace device

@@ -91,6 +91,9 @@ struct Kind<LogEntry> {
 Result<QString> endingStatement(const QString &operation, const QString &table, const QString &object,
                                 const QString &type, LocalTime when);
 
+/// The INSERT that raises an alarm unless one of the same object and type is active; changes() says whether it did.
+Result<QString> raisingStatement(const QString &operation, const QString &table, const Alarm &alarm);
+
 } // namespace device
 
 #endif

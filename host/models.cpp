@@ -187,7 +187,7 @@ void PagedModel::setError(const QString &text)
 template<typename Record>
 PagedModelOf<Record>::PagedModelOf(RecorderOf<Record> *recorder, const TableName &table, const Query<Record> &query,
                                    QObject *parent)
-    : PagedModel(recorder, titlesOf<Record, Title>(), query.newestAtTop, parent),
+    : PagedModel(recorder, titlesOf<Record, Title>(), query.order == Order::NewestFirst, parent),
       m_recorder(recorder),
       m_table(table),
       m_query(query)
@@ -210,7 +210,7 @@ void PagedModelOf<Record>::askForPage(const Wanted &wanted)
     using Store = typename RecorderOf<Record>::StoreType;
     Query<Record> query = m_query;
     query.through(wanted.throughId).page(wanted.offset, wanted.count);
-    query.newestAtTop = wanted.newestFirst;
+    query.order = wanted.newestFirst ? Order::NewestFirst : Order::OldestFirst;
     m_recorder->template ask<Result<Cells>>(
         this,
         [table = m_table, query](Store &store) -> Result<Cells> {

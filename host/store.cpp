@@ -3,6 +3,7 @@
 
 #include "connection.h"
 #include "kind.h"
+#include "schema.h"
 
 #include <algorithm>
 
@@ -15,26 +16,6 @@ namespace
 Site at(const char *operation, const TableName &table)
 {
     return {QLatin1String(operation), table.text()};
-}
-
-template<typename Record>
-QString columnList()
-{
-    QStringList names;
-    for (const Column &column : Kind<Record>::columns())
-        names << QLatin1String(column.name);
-    return names.join(QLatin1Char(','));
-}
-
-// Word for word what the store library's own createTable() runs, so that the files are the same.
-template<typename Record>
-QString creation(const TableName &table)
-{
-    QString sql =
-        QLatin1String("create table ") + table.text() + QLatin1String("(ID INTEGER PRIMARY KEY AUTOINCREMENT");
-    for (const Column &column : Kind<Record>::columns())
-        sql += QLatin1Char(',') + QLatin1String(column.name) + QLatin1Char(' ') + QLatin1String(column.type);
-    return sql + QLatin1Char(')');
 }
 
 // The " where ..." of a query, or why it cannot be asked.
@@ -58,6 +39,23 @@ Result<QString> conditions(const Site &site, const Query<Record> &query)
     if (query.throughId >= 0)
         wanted << QStringLiteral("ID<=%1").arg(query.throughId);
     return wanted.isEmpty() ? QString() : QLatin1String(" where ") + wanted.join(QLatin1String(" and "));
+}
+
+// The table in a transaction of its own.
+template<typename Record>
+Result<bool> created(Connection &connection, const TableName &table, const SeriesInfo &info = {})
+{
+    bool made = false;
+    const Status done = connection.transaction(at("create", table), [&]() -> Status {
+        const auto tried = makeTable<Record>(connection, table, info);
+        if (!tried)
+            return tried.error();
+        made = *tried;
+        return {};
+    });
+    if (!done)
+        return done.error();
+    return made;
 }
 
 } // namespace
@@ -88,7 +86,8 @@ Result<QStringList> StoreFile::tables()
     const auto rows =
         m_connection->query({QStringLiteral("list tables"), QString()},
                             QStringLiteral("select name from sqlite_master where type='table' and name not like "
-                                           "'sqlite\\_%' escape '\\' and name!='tb_config' order by name"));
+                                           "'sqlite\\_%' escape '\\' and name not like 'device %' and "
+                                           "name!='tb_config' collate nocase order by name"));
     if (!rows)
         return rows.error();
     QStringList names;
@@ -97,12 +96,12 @@ Result<QStringList> StoreFile::tables()
     return names;
 }
 
-Result<qint64> StoreFile::trim(const TableName &table, qint64 keep)
+Result<qint64> StoreFile::keepNewest(const TableName &table, qint64 rows)
 {
-    return m_connection->change(at("trim", table),
+    return m_connection->change(at("keep the newest of", table),
                                 {QStringLiteral("delete from %1 where ID<=(select ID from %1 order by ID desc limit "
                                                 "1 offset %2)")
-                                     .arg(table.text(), QString::number(qMax(qint64(0), keep)))});
+                                     .arg(table.text(), QString::number(qMax(qint64(0), rows)))});
 }
 
 Result<qint64> StoreFile::clear(const TableName &table)
@@ -131,9 +130,9 @@ Status StoreFile::compact()
     return m_connection->alone({QStringLiteral("compact"), QString()}, QStringLiteral("VACUUM"));
 }
 
-void StoreFile::checkpoint()
+Result<bool> StoreFile::checkpoint()
 {
-    m_connection->checkpoint();
+    return m_connection->checkpoint();
 }
 
 qint64 StoreFile::failedCommits() const
@@ -147,48 +146,9 @@ Result<qint64> StoreFile::usedBytes()
 }
 
 template<typename Record>
-Result<bool> Store<Record>::createTable(const TableName &table, const QString &name)
+Result<bool> Store<Record>::createTable(const TableName &table)
 {
-    const Site site = at("create", table);
-    if (const char *why = unstorable(name))
-        return site.error(Error::TextRefused, QStringLiteral("the name cannot be held: ") + QLatin1String(why));
-    const bool indexed = m_connection->options().profile != Profile::AsIs;
-    const QString index = QStringLiteral("create index if not exists %1_time on %1(DATETIME)").arg(table.text());
-    bool created = false;
-    const Status done = m_connection->transaction(site, [&]() -> Status {
-        created = false;
-        const auto columns =
-            m_connection->ask(site, QStringLiteral("select name from pragma_table_info(%1)").arg(quoted(table.text())));
-        if (!columns)
-            return columns.error();
-        if (!columns->isEmpty()) {
-            QStringList names;
-            for (const QStringList &row : columns->mid(1))
-                names << row.first();
-            if (names.join(QLatin1Char(',')) == columnList<Record>())
-                return indexed ? m_connection->run(site, index) : Status();
-            return site.error(Error::TableLayout,
-                              QStringLiteral("it stands with the columns ") + names.join(QLatin1String(", ")));
-        }
-        QStringList statements{creation<Record>(table)};
-        if constexpr (std::is_same_v<Record, Sample>) {
-            statements << QStringLiteral("create table if not exists tb_config(ID INTEGER PRIMARY KEY AUTOINCREMENT,"
-                                         "COLLECTOR text,NAME text)")
-                       << QStringLiteral("insert into tb_config values(NULL,") + quoted(table.text()) +
-                              QLatin1Char(',') + quoted(name) + QLatin1Char(')');
-        }
-        if (indexed)
-            statements << index;
-        for (const QString &statement : statements) {
-            if (const Status each = m_connection->run(site, statement); !each)
-                return each;
-        }
-        created = true;
-        return {};
-    });
-    if (!done)
-        return done.error();
-    return created;
+    return created<Record>(*m_connection, table);
 }
 
 template<typename Record>
@@ -231,10 +191,11 @@ Result<QList<Record>> Store<Record>::read(const TableName &table, const Query<Re
     const auto where = conditions(site, query);
     if (!where)
         return where.error();
-    QString sql = QLatin1String("select ") + columnList<Record>() + QLatin1String(" from ") + table.text() + *where +
-                  QLatin1String(query.newestAtTop ? " order by DATETIME desc,ID desc" : " order by DATETIME,ID");
-    if (query.limit >= 0 || query.offset > 0)
-        sql += QStringLiteral(" limit %1 offset %2").arg(query.limit).arg(query.offset);
+    QString sql =
+        QLatin1String("select ") + columnList<Record>() + QLatin1String(" from ") + table.text() + *where +
+        QLatin1String(query.order == Order::NewestFirst ? " order by DATETIME desc,ID desc" : " order by DATETIME,ID");
+    if (query.count >= 0 || query.offset > 0)
+        sql += QStringLiteral(" limit %1 offset %2").arg(query.count).arg(query.offset);
     auto rows = m_connection->query(site, sql);
     if (!rows)
         return rows.error();
@@ -270,6 +231,63 @@ Result<Snapshot> Store<Record>::snapshot(const TableName &table, const Query<Rec
 }
 
 template<typename Record>
+Result<QList<Latest<Record>>> Store<Record>::latest(const QList<TableName> &tables)
+{
+    constexpr int tablesPerStatement = 400; // SQLite takes 500 SELECTs in one statement
+    const char *operation = "read the latest of";
+    const auto layouts = layoutsIn(*m_connection);
+    if (!layouts)
+        return layouts.error();
+    const QString wanted = QLatin1String("ID,") + columnList<Record>();
+    QList<Latest<Record>> all;
+    QStringList selects;
+    for (const TableName &table : tables) {
+        const QString columns = layouts->value(table.text().toLower()).join(QLatin1Char(','));
+        Latest<Record> latest{table, {}, {}};
+        if (columns.isEmpty())
+            latest.error =
+                at(operation, table).error(Error::TableMissing, QLatin1String("no such table: ") + table.text());
+        else if (columns != wanted)
+            latest.error =
+                at(operation, table).error(Error::TableLayout, QLatin1String("it has the columns ") + columns);
+        else
+            selects << QStringLiteral("select %1,%2 from %3 where ID=(select max(ID) from %3)")
+                           .arg(QString::number(all.size()), columnList<Record>(), table.text());
+        all.append(latest);
+    }
+    for (int first = 0; first < selects.size(); first += tablesPerStatement) {
+        auto rows = m_connection->query({QLatin1String(operation), QString()},
+                                        selects.mid(first, tablesPerStatement).join(QLatin1String(" union all ")));
+        if (!rows)
+            return rows.error();
+        for (QStringList &row : *rows) {
+            const int place = row.takeFirst().toInt();
+            all[place].record = Kind<Record>::decode(std::move(row));
+        }
+    }
+    return all;
+}
+
+template<typename Record>
+Result<std::optional<TimeRange>> Store<Record>::range(const TableName &table)
+{
+    // In the order of time, so that an index on it finds both ends at once.
+    const QString form = QLatin1String("[0-9][0-9][0-9][0-9]-[0-1][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-5][0-9]") +
+                         QLatin1String(Kind<Record>::milliseconds ? ".[0-9][0-9][0-9]" : "");
+    const QString end =
+        QStringLiteral("(select DATETIME from %1 where DATETIME glob '%2' order by DATETIME").arg(table.text(), form);
+    const auto rows =
+        m_connection->query(at("look at", table), QStringLiteral("select %1 limit 1),%1 desc limit 1)").arg(end));
+    if (!rows)
+        return rows.error();
+    const QStringList row = rows->first();
+    if (row.value(0).isEmpty())
+        return std::optional<TimeRange>();
+    return std::optional<TimeRange>(
+        {parseTime(row.at(0), Kind<Record>::milliseconds), parseTime(row.at(1), Kind<Record>::milliseconds)});
+}
+
+template<typename Record>
 Result<qint64> Store<Record>::removeBefore(const TableName &table, LocalTime time)
 {
     const Site site = at("remove from", table);
@@ -286,32 +304,40 @@ template class DEVICE_HOST_EXPORT Store<LogEntry>;
 
 Result<HistoryStore> HistoryStore::open(const Library &library, const QString &path, const OpenOptions &options)
 {
-    auto connection = Connection::open(library, path, options);
-    if (!connection)
-        return connection.error();
-    return HistoryStore(*connection);
+    return Connection::open(library, path, options).map([](std::shared_ptr<Connection> connection) {
+        return HistoryStore(std::move(connection));
+    });
+}
+
+Result<bool> HistoryStore::createTable(const TableName &table, const SeriesInfo &info)
+{
+    return created<Sample>(*m_connection, table, info);
 }
 
 Result<QList<Series>> HistoryStore::series()
 {
-    const Site site{QStringLiteral("list series"), QString()};
-    QList<Series> all;
-    const auto rows = m_connection->query(site, QStringLiteral("select COLLECTOR,NAME from tb_config order by ID"));
-    if (!rows && rows.error().code() == Error::TableMissing)
-        return all; // a file without a value table
-    if (!rows)
-        return rows.error();
-    for (const QStringList &row : *rows)
-        all.append({row.value(0), row.value(1)});
-    return all;
+    return seriesIn(*m_connection);
 }
 
 Result<AlarmStore> AlarmStore::open(const Library &library, const QString &path, const OpenOptions &options)
 {
-    auto connection = Connection::open(library, path, options);
-    if (!connection)
-        return connection.error();
-    return AlarmStore(*connection);
+    return Connection::open(library, path, options).map([](std::shared_ptr<Connection> connection) {
+        return AlarmStore(std::move(connection));
+    });
+}
+
+Result<QList<Alarm>> AlarmStore::active(const TableName &table)
+{
+    return read(table, Query<Alarm>().active());
+}
+
+Result<bool> AlarmStore::raiseUnlessActive(const TableName &table, const Alarm &alarm)
+{
+    const Site site = at("raise", table);
+    const auto statement = raisingStatement(site.operation, table.text(), alarm);
+    if (!statement)
+        return statement.error();
+    return m_connection->change(site, {*statement}).map([](qint64 raised) { return raised > 0; });
 }
 
 Result<qint64> AlarmStore::end(const TableName &table, const QString &object, const QString &type, LocalTime when)
@@ -323,9 +349,9 @@ Result<qint64> AlarmStore::end(const TableName &table, const QString &object, co
     return m_connection->change(site, {*statement});
 }
 
-Result<qint64> AlarmStore::purge(const TableName &table, LocalTime time)
+Result<qint64> AlarmStore::removeEndedAndBefore(const TableName &table, LocalTime time)
 {
-    const Site site = at("purge", table);
+    const Site site = at("remove from", table);
     QString text;
     if (!appendTime(text, time, false))
         return site.error(Error::TimeRefused, QStringLiteral("the time is no time of the tables"));
@@ -335,10 +361,9 @@ Result<qint64> AlarmStore::purge(const TableName &table, LocalTime time)
 
 Result<LogStore> LogStore::open(const Library &library, const QString &path, const OpenOptions &options)
 {
-    auto connection = Connection::open(library, path, options);
-    if (!connection)
-        return connection.error();
-    return LogStore(*connection);
+    return Connection::open(library, path, options).map([](std::shared_ptr<Connection> connection) {
+        return LogStore(std::move(connection));
+    });
 }
 
 } // namespace device

@@ -266,8 +266,8 @@ private:
 };
 
 /// The device's own store makes the table, so that it is the same to the word as on a device.
-template<typename Store>
-Status makeTable(const ImportOptions &options)
+template<typename Store, typename... Name>
+Status makeTable(const ImportOptions &options, const Name &...seriesName)
 {
     const auto library = storeLibrary(options.target);
     if (!library)
@@ -278,7 +278,7 @@ Status makeTable(const ImportOptions &options)
     auto store = Store::open(*library, options.target.path);
     if (!store)
         return store.error();
-    const auto made = store->createTable(*name, options.name);
+    const auto made = store->createTable(*name, seriesName...);
     return made ? Status() : Status(made.error());
 }
 
@@ -290,7 +290,7 @@ Status makeTable(const ImportOptions &options, Kind kind)
     case Kind::Log:
         return makeTable<device::LogStore>(options);
     default:
-        return makeTable<device::HistoryStore>(options);
+        return makeTable<device::HistoryStore>(options, options.name);
     }
 }
 

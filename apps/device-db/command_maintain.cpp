@@ -114,7 +114,7 @@ Outcome trim(const MaintainOptions &options)
         return rows.error();
     return remove(options, *rows, [&](const device::TableName &name) -> Result<qint64> {
         auto store = openStore<device::HistoryStore>(options.file);
-        return store ? store->trim(name, options.keep) : store.error();
+        return store ? store->keepNewest(name, options.keep) : store.error();
     });
 }
 
@@ -148,7 +148,7 @@ Outcome purge(const MaintainOptions &options)
         auto store = openStore<device::AlarmStore>(options.file);
         if (!store)
             return store.error();
-        return options.ended ? store->purge(name, time) : store->removeBefore(name, time);
+        return options.ended ? store->removeEndedAndBefore(name, time) : store->removeBefore(name, time);
     });
 }
 
@@ -211,8 +211,12 @@ Outcome checkpoint(const MaintainOptions &options)
     auto store = openStore<device::HistoryStore>(options.file);
     if (!store)
         return store.error();
-    store->checkpoint();
-    std::printf("%s: the write-ahead log is in the file\n", options.file.path.toUtf8().constData());
+    const auto moved = store->checkpoint();
+    if (!moved)
+        return moved.error();
+    std::printf("%s: %s\n", options.file.path.toUtf8().constData(),
+                *moved ? "the write-ahead log is in the file"
+                       : "a part of the write-ahead log stays in it while the file is read; try again later");
     return Done;
 }
 
@@ -238,20 +242,26 @@ Outcome tune(const MaintainOptions &options)
     for (const Table &table : *tables) {
         if (!holdsRecords(table.kind))
             continue;
-        const QString name = table.name + QLatin1String("_time"); // as the host layer names it
-        auto index = database->prepare("select coalesce(sum(l.name=?2),0),count(*) from pragma_index_list(?1) l join "
-                                       "pragma_index_info(l.name) i where i.seqno=0 and upper(i.name)='DATETIME'");
+        const QString name = QLatin1String("device index ") + table.name; // as the host layer names it
+        const QString formerName = table.name + QLatin1String("_time");
+        auto index = database->prepare("select l.name from pragma_index_list(?1) l join pragma_index_info(l.name) i "
+                                       "where l.partial=0 and i.seqno=0 and upper(i.name)='DATETIME'");
         if (!index)
             return index.error();
         index->bind(1, table.name.toUtf8());
-        index->bind(2, name.toUtf8());
-        if (!index->step())
-            return index->status() ? failure(options.file.path, QStringLiteral("no answer about indexes"))
-                                   : index->status().error();
-        if (options.undo && index->number(0) > 0) {
-            statements << "drop index " + identifier(name);
+        bool indexed = false;
+        while (index->step()) {
+            indexed = true;
+            const QString found = QString::fromUtf8(index->cell(0));
+            if (!options.undo ||
+                (found.compare(name, Qt::CaseInsensitive) != 0 && found.compare(formerName, Qt::CaseInsensitive) != 0))
+                continue;
+            statements << "drop index " + identifier(found);
             changes << QStringLiteral("%1: no index on time").arg(table.name);
-        } else if (!options.undo && index->number(1) == 0) {
+        }
+        if (const Status status = index->status(); !status)
+            return status.error();
+        if (!options.undo && !indexed) {
             statements << "create index " + identifier(name) + " on " + identifier(table.name) + "(DATETIME)";
             changes << QStringLiteral("%1: an index on time").arg(table.name);
         }

@@ -86,8 +86,10 @@ bool holdsRecords(Kind kind)
 
 Result<QList<Table>> tablesOf(const Database &database)
 {
-    auto rows = database.prepare("select m.name,c.name from sqlite_master m join pragma_table_info(m.name) c where "
-                                 "m.type='table' and m.name not like 'sqlite\\_%' escape '\\' order by m.name,c.cid");
+    auto rows =
+        database.prepare("select m.name,c.name from sqlite_master m join pragma_table_info(m.name) c where "
+                         "m.type='table' and m.name not like 'sqlite\\_%' escape '\\' and m.name not like 'device %' "
+                         "order by m.name,c.cid");
     if (!rows)
         return rows.error();
     QList<Table> tables;

@@ -36,7 +36,8 @@ struct Table {
     QStringList columns;
 };
 
-/// The tables of a file in the order of their names; SQLite's own are left out.
+/// The tables of a file in the order of their names; SQLite's own and what the host layer adds
+/// ("device ...") are left out.
 Result<QList<Table>> tablesOf(const Database &database);
 
 /// The record table of that name, or with an empty name the only one of the file. `kinds`: those that will do,

@@ -138,9 +138,9 @@ private:
             m_state = taken.error().text();
     }
 
-    const TableName m_boiler = TableName::from(QStringLiteral("Boiler")).value();
-    const TableName m_alarmData = TableName::from(QStringLiteral("AlarmData")).value();
-    const TableName m_operatorLog = TableName::from(QStringLiteral("OperatorLog")).value();
+    const TableName m_boiler = TableName::must("Boiler");
+    const TableName m_alarmData = TableName::must("AlarmData");
+    const TableName m_operatorLog = TableName::must("OperatorLog");
     HistoryRecorder m_history;
     AlarmRecorder m_alarms;
     LogRecorder m_log;

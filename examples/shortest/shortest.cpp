@@ -26,10 +26,10 @@ int main(int argc, char **argv)
     auto store = HistoryStore::open(*library, QStringLiteral("history.db"));
     if (!store)
         return failed(store.error());
-    const TableName boiler = TableName::from(QStringLiteral("Boiler")).value();
+    const TableName boiler = TableName::must("Boiler");
     if (const auto created = store->createTable(boiler, QStringLiteral("Boiler 1")); !created)
         return failed(created.error());
-    if (const auto appended = store->append(boiler, {{QDateTime::currentDateTime(), QStringLiteral("87.5")}});
+    if (const auto appended = store->append(boiler, {{QDateTime::currentDateTime(), 87.5}});
         !appended)
         return failed(appended.error());
     const auto newest = store->read(boiler, Query<Sample>().page(0, 10));

@@ -153,7 +153,13 @@ public:
     void createTable(const TableName &table, const QString &name = QString())
     {
         ask<Result<bool>>(
-            this, [table, name](StoreType &store) { return store.createTable(table, name); },
+            this,
+            [table, name](StoreType &store) {
+                if constexpr (std::is_same_v<Record, Sample>)
+                    return store.createTable(table, name);
+                else
+                    return store.createTable(table);
+            },
             [this](const Result<bool> &created) {
                 if (!created)
                     Q_EMIT troubled(created.error());

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 
 namespace device
 {
@@ -51,10 +52,41 @@ struct Snapshot {
     qint64 lastId = 0;
 };
 
-/// A value table as the configuration table lists it.
-struct Series {
-    QString table;
+/// What people call a series.
+struct SeriesInfo {
+    SeriesInfo(QString nameText = {}, QString unitText = {}, QString descriptionText = {})
+        : name(std::move(nameText)), unit(std::move(unitText)), description(std::move(descriptionText))
+    {
+    }
+
     QString name;
+    QString unit; ///< Of the values, such as "°C".
+    QString description;
+};
+
+/// A series as the file lists it.
+struct Series : SeriesInfo {
+    Series(SeriesInfo info, QString listedTable, std::optional<TableName> tableName)
+        : SeriesInfo(std::move(info)), listed(std::move(listedTable)), table(std::move(tableName))
+    {
+    }
+
+    QString listed;                 ///< Its table, in the words of the file. Whether it exists was not asked.
+    std::optional<TableName> table; ///< The same to work with; empty if it is not a name that this layer takes.
+};
+
+/// The times of the earliest and of the latest record.
+struct TimeRange {
+    LocalTime first;
+    LocalTime last;
+};
+
+/// What latest() found in one table.
+template<typename Record>
+struct Latest {
+    TableName table;
+    std::optional<Record> record; ///< Empty if the table has no rows or could not be read.
+    std::optional<Error> error;   ///< Why it could not be read: it is missing, or it has other columns.
 };
 
 /// What all stores share: one file, opened by open() of the store, closed by the destructor.
@@ -72,16 +104,19 @@ public:
     QString path() const;
 
     Result<bool> tableExists(const TableName &table);
+    /// The tables of the file by name, those of other programs included. The configuration table and what this layer
+    /// adds to a file are left out.
     Result<QStringList> tables();
 
-    /// Deletes the oldest recorded rows beyond the `keep` newest; the number deleted.
-    Result<qint64> trim(const TableName &table, qint64 keep);
+    /// Deletes all rows but the `rows` that were recorded last; the number deleted.
+    Result<qint64> keepNewest(const TableName &table, qint64 rows);
     /// Empties the table and starts its IDs at 1 again; the number deleted.
     Result<qint64> clear(const TableName &table);
     /// Gives free pages back to the file system.
     Status compact();
-    /// Moves the write-ahead log into the file as far as readers allow; nothing in other journal modes.
-    void checkpoint();
+    /// Moves the write-ahead log into the file as far as readers allow: true if all of it is in the file now, false if
+    /// a reader or another checkpoint kept a part back. True without a write-ahead log.
+    Result<bool> checkpoint();
 
     qint64 failedCommits() const; ///< Commits that failed at first; all were healed or rolled back.
     Result<qint64> usedBytes();   ///< Of the file, free pages left out.
@@ -97,9 +132,9 @@ template<typename Record>
 class Store : public StoreFile
 {
 public:
-    /// Makes the table when it is missing: true when it was made, false when it stood already. An Error when
-    /// it stands with other columns. History tables are listed with `name` in the configuration table.
-    Result<bool> createTable(const TableName &table, const QString &name = QString());
+    /// Makes the table if it is missing: true if it was made, false if it exists already. An Error if it exists with
+    /// other columns.
+    Result<bool> createTable(const TableName &table);
 
     /// Stores the rows, in order, in one transaction. Rows that cannot be held are refused one by one, the
     /// others stored; when none could be stored, the first row's Error is returned.
@@ -110,7 +145,17 @@ public:
     Result<qint64> count(const TableName &table, const Query<Record> &query = {});
     /// The same, with the last ID: a query `through()` it sees no later rows.
     Result<Snapshot> snapshot(const TableName &table, const Query<Record> &query = {});
-    /// Deletes the records before `time`; the number deleted.
+
+    /// The record of each table that was recorded last, in the order of `tables`. That is the one with the highest ID,
+    /// not the one with the latest time: after a clock was set back, the latest time would be an old value's for as
+    /// long as it was set back. A table that is missing or has other columns has an Error of its own and the others
+    /// are read all the same. Asks the file twice, however many tables there are (and once more per 400 tables).
+    Result<QList<Latest<Record>>> latest(const QList<TableName> &tables);
+    /// The earliest and the latest time of the table, whatever the order of recording; nothing if it has no rows. Rows
+    /// whose time has another form than the store's play no part.
+    Result<std::optional<TimeRange>> range(const TableName &table);
+
+    /// Deletes the records before `time`, active alarms included; the number deleted.
     Result<qint64> removeBefore(const TableName &table, LocalTime time);
 
 protected:
@@ -122,6 +167,11 @@ class DEVICE_HOST_EXPORT HistoryStore : public Store<Sample>
 public:
     static Result<HistoryStore> open(const Library &library, const QString &path, const OpenOptions &options = {});
 
+    /// As for every store; the file lists the table with the name, which is kept from then on. A unit or a description
+    /// replaces what the file had for this table, even if the table exists already; without both, that stays.
+    Result<bool> createTable(const TableName &table, const SeriesInfo &info = {});
+
+    /// The series that the file lists, each once, in the order in which they were first listed.
     Result<QList<Series>> series();
 
 private:
@@ -135,10 +185,15 @@ class DEVICE_HOST_EXPORT AlarmStore : public Store<Alarm>
 public:
     static Result<AlarmStore> open(const Library &library, const QString &path, const OpenOptions &options = {});
 
+    /// The alarms that have not ended, newest first.
+    Result<QList<Alarm>> active(const TableName &table);
+    /// Stores the alarm unless one of the same object and type is active: whether it was stored. A program that starts
+    /// again raises what it finds with this, so that an alarm that was raised before does not appear twice.
+    Result<bool> raiseUnlessActive(const TableName &table, const Alarm &alarm);
     /// Ends the active alarms of this object and type; how many there were.
     Result<qint64> end(const TableName &table, const QString &object, const QString &type, LocalTime when);
-    /// Deletes the alarms that started before `time`, and every ended one; the number deleted.
-    Result<qint64> purge(const TableName &table, LocalTime time);
+    /// Deletes every ended alarm, and of the active ones those that started before `time`; the number deleted.
+    Result<qint64> removeEndedAndBefore(const TableName &table, LocalTime time);
 
 private:
     using Store::Store;

@@ -92,7 +92,7 @@ TEST_F(Models, AnEndedAlarmLeavesTheModelOfActiveOnes)
     AlarmRecorder recorder(library(), path(), options);
     const TableName alarms = table("AlarmData"_q);
     recorder.createTable(alarms);
-    AlarmModel active(&recorder, alarms, Query<Alarm>().where({Filter<Alarm>::Active}));
+    AlarmModel active(&recorder, alarms, Query<Alarm>().active());
     AlarmModel all(&recorder, alarms);
     QAbstractItemModelTester tester(&active, QAbstractItemModelTester::FailureReportingMode::Fatal);
     active.setFollowing(true);
