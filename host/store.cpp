@@ -3,6 +3,7 @@
 
 #include "connection.h"
 #include "kind.h"
+#include "reading.h"
 
 #include <algorithm>
 
@@ -231,18 +232,8 @@ Result<QList<Record>> Store<Record>::read(const TableName &table, const Query<Re
     const auto where = conditions(site, query);
     if (!where)
         return where.error();
-    QString sql = QLatin1String("select ") + columnList<Record>() + QLatin1String(" from ") + table.text() + *where +
-                  QLatin1String(query.newestAtTop ? " order by DATETIME desc,ID desc" : " order by DATETIME,ID");
-    if (query.limit >= 0 || query.offset > 0)
-        sql += QStringLiteral(" limit %1 offset %2").arg(query.limit).arg(query.offset);
-    auto rows = m_connection->query(site, sql);
-    if (!rows)
-        return rows.error();
-    QList<Record> records;
-    records.reserve(rows->size());
-    for (QStringList &row : rows.value())
-        records.append(Kind<Record>::decode(std::move(row)));
-    return records;
+    return readRecords<Record>(*m_connection, site,
+                               {table.text(), *where, query.newestAtTop, query.offset, query.limit});
 }
 
 template<typename Record>

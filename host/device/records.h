@@ -61,6 +61,7 @@ private:
 struct Sample {
     LocalTime time;
     QString value;
+    qint64 id = 0; ///< The row's ID in the table; 0 for one not read from a file. Not compared.
 
     friend bool operator==(const Sample &a, const Sample &b) { return a.time == b.time && a.value == b.value; }
 };
@@ -75,6 +76,7 @@ struct Alarm {
     QString limit; ///< The limit it crossed, as text.
     QString description;
     std::optional<LocalTime> end; ///< Empty while the alarm is active.
+    qint64 id = 0;                ///< As in Sample.
 
     bool active() const { return !end; }
     friend bool operator==(const Alarm &a, const Alarm &b)
@@ -90,6 +92,7 @@ struct LogEntry {
     QString user;
     QString name;
     QString message;
+    qint64 id = 0; ///< As in Sample.
 
     friend bool operator==(const LogEntry &a, const LogEntry &b)
     {
