@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "connection.h"
 
+#include "inserts.h"
 #include "message_capture.h"
 
 #include "interface_data_base.h"
@@ -18,8 +19,6 @@ namespace
 {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr int statementLength = 60000; // characters; far below SQLite's limit, long enough to pay
 
 struct Meaning {
     const char *words;
@@ -144,6 +143,7 @@ Result<std::shared_ptr<Connection>> Connection::open(const Library &library, con
         return tables.error();
     if (const Status prepared = connection->applyProfile(); !prepared)
         return prepared.error();
+    connection->m_hasJson = connection->query(site, jsonTrial()).ok();
     return connection;
 }
 
@@ -309,9 +309,8 @@ Status Connection::all(const Site &site, const QVector<Write> &writes, Written &
 {
     written = Written();
     for (int i = 0; i < writes.size();) {
-        const Write &first = writes.at(i);
-        if (first.table.isEmpty()) {
-            if (const Status done = run(site, first.text); !done)
+        if (writes.at(i).table.isEmpty()) {
+            if (const Status done = run(site, writes.at(i).text); !done)
                 return done;
             const auto changed = ask(site, QStringLiteral("select changes()"));
             if (!changed)
@@ -320,15 +319,14 @@ Status Connection::all(const Site &site, const QVector<Write> &writes, Written &
             ++i;
             continue;
         }
-        QString sql;
-        sql.reserve(statementLength + first.text.size());
-        sql += QLatin1String("insert into ") + first.table + QLatin1String(" values") + first.text;
-        for (++i; i < writes.size() && writes.at(i).table == first.table &&
-                  sql.size() + writes.at(i).text.size() < statementLength;
-             ++i)
-            sql += QLatin1Char(',') + writes.at(i).text;
-        if (const Status done = run(site, sql); !done)
-            return done;
+        QVector<int> rows;
+        for (; i < writes.size() && !writes.at(i).table.isEmpty(); ++i)
+            rows.append(i);
+        const QVector<Insert> inserts = insertsOf(writes, rows, m_hasJson);
+        for (const Insert &insert : inserts) {
+            if (const Status done = run(site, insert.sql); !done)
+                return done;
+        }
     }
     written.stored = int(writes.size());
     return {};

@@ -20,7 +20,7 @@ struct Site {
 /// One row to insert, or one statement that changes rows.
 struct Write {
     QString table; ///< Empty: `text` is a whole statement.
-    QString text;  ///< Else the values, "(NULL,...)": neighbours of one table go into one INSERT.
+    QString text;  ///< Else the row, as RowText has it: see insertsOf().
 };
 
 struct Written {
@@ -84,6 +84,7 @@ private:
     interface_data_base *m_store;
     QString m_path;
     OpenOptions m_options;
+    bool m_hasJson = false;
     qint64 m_failedCommits = 0;
 };
 

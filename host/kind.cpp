@@ -14,8 +14,7 @@ const QVector<Column> &Kind<Sample>::columns()
 
 void Kind<Sample>::encode(const Sample &sample, RowText &row)
 {
-    row.time(sample.time, milliseconds);
-    row.text("Value", sample.value);
+    row.sample(sample.time, "Value", sample.value);
 }
 
 template<typename Cells>
