@@ -208,13 +208,13 @@ TYPED_TEST(WholeTable, GivesTheIdsOfItsRows)
     for (const int id : {3, 17, 4000000})
         PlainConnection(this->path())
             .run("insert into Boiler values(%1,"_q.arg(id) + cells.row(static_cast<Record *>(nullptr)) + ")"_q);
-    PlainConnection(this->path()).run("update Boiler set DATETIME=NULL where ID=4000000"_q);
+    PlainConnection(this->path()).run("update Boiler set DATETIME='yesterday' where ID=4000000"_q);
     const auto ids = [](const QList<Record> &records) {
-        QList<qint64> ids;
+        QList<qint64> all;
         for (const Record &record : records)
-            ids.append(record.id);
-        std::sort(ids.begin(), ids.end());
-        return ids;
+            all.append(record.id);
+        std::sort(all.begin(), all.end());
+        return all;
     };
     EXPECT_EQ(ids(require(store.read(name))), QList<qint64>({3, 17, 4000000}));
     EXPECT_EQ(ids(require(store.read(name, Query<Record>().through(17)))), QList<qint64>({3, 17}));
