@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "batch.h"
 
-#include "kind.h"
+#include "inserts.h"
+#include "row_text.h"
 
-#include <QHash>
 #include <QSet>
 
 #include <algorithm>
@@ -14,8 +14,6 @@ namespace device
 
 namespace
 {
-
-constexpr int statementLength = 60000; // characters; far below SQLite's limit, long enough to pay
 
 // One way of a batch into the file.
 class Storing
@@ -97,7 +95,7 @@ Status Storing::rows(const QVector<int> &rows)
 {
     if (rows.isEmpty())
         return {};
-    const QVector<Insert> inserts = insertsOf(m_batch.writes, rows);
+    const QVector<Insert> inserts = insertsOf(m_batch.writes, rows, m_connection.hasJson());
     for (const Insert &each : inserts) {
         const Status done = m_singly.contains(each.table) ? singly(each) : insert(each);
         if (!done)
@@ -124,7 +122,7 @@ Status Storing::singly(const Insert &insert)
 {
     for (const int row : insert.rows) {
         const Status done = inSavepoint(
-            row, [&] { return m_connection.run(at(insert.table), insertsOf(m_batch.writes, {row}).first().sql); });
+            row, [&] { return m_connection.run(at(insert.table), insertsOf(m_batch.writes, {row}, false).first().sql); });
         if (!done)
             return done;
         if (!m_witness && !isRefused(row)) {
@@ -240,28 +238,6 @@ Result<bool> settled(Connection &connection, const Site &site, Batch &batch)
 }
 
 } // namespace
-
-QVector<Insert> insertsOf(const QVector<Write> &writes, const QVector<int> &rows)
-{
-    QVector<Insert> inserts;
-    QHash<QString, int> latest; // table to the INSERT that takes its next row
-    for (const int i : rows) {
-        const Write &row = writes.at(i);
-        const int at = latest.value(row.table, -1);
-        if (at >= 0 && inserts.at(at).sql.size() + row.text.size() < statementLength) {
-            Insert &insert = inserts[at];
-            insert.sql += QLatin1Char(',') + row.text;
-            insert.rows.append(i);
-            continue;
-        }
-        latest.insert(row.table, int(inserts.size()));
-        QString sql;
-        sql.reserve(rows.size() == 1 ? 0 : statementLength);
-        sql += QLatin1String("insert into ") + row.table + QLatin1String(" values") + row.text;
-        inserts.append({row.table, sql, {i}});
-    }
-    return inserts;
-}
 
 Status store(Connection &connection, const Site &site, Batch &batch)
 {

@@ -13,7 +13,7 @@ using Creation = std::function<Result<bool>(Connection &)>;
 /// One step of a batch.
 struct Write {
     enum Kind {
-        Row,        ///< `text` holds the values, "(NULL,...)".
+        Row,        ///< `text` is a row, as RowText has it: see insertsOf().
         Change,     ///< `text` is one statement that changes or inserts rows of `table`.
         CreateTable ///< `create` makes `table`.
     };
@@ -44,16 +44,6 @@ struct Batch {
 /// anything else fails: then the file is as it was, or the batch is in doubt, which the next call with it settles
 /// first.
 Status store(Connection &connection, const Site &site, Batch &batch);
-
-/// One INSERT, and the steps whose rows it stores, in order.
-struct Insert {
-    QString table;
-    QString sql;
-    QVector<int> rows;
-};
-
-/// The INSERTs for these rows: grouped by table, in order within each, as few as the length of a statement allows.
-QVector<Insert> insertsOf(const QVector<Write> &writes, const QVector<int> &rows);
 
 } // namespace device
 

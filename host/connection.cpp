@@ -2,6 +2,7 @@
 #include "connection.h"
 
 #include "deadline.h"
+#include "inserts.h"
 #include "message_capture.h"
 
 #include "interface_data_base.h"
@@ -137,6 +138,7 @@ Result<std::shared_ptr<Connection>> Connection::open(const Library &library, con
     if (!mode)
         return mode.error();
     connection->m_writesAhead = !mode->isEmpty() && mode->first().value(0) == QLatin1String("wal");
+    connection->m_hasJson = connection->query(site, jsonTrial()).ok();
     connection->m_file = FileIdentity::of(connection->m_path);
     if (connection->m_writesAhead)
         connection->m_log = FileIdentity::of(connection->logPath());

@@ -44,6 +44,7 @@ public:
     qint64 failedCommits() const { return m_failedCommits; }
     /// In write-ahead mode a reader and the writer do not lock each other out.
     bool writesAhead() const { return m_writesAhead; }
+    bool hasJson() const { return m_hasJson; } ///< SQLite has json_each().
     /// Whether the path still names the file that this connection opened, its write-ahead log included.
     bool moved() const;
 
@@ -109,6 +110,7 @@ private:
     Role m_role;
     const std::atomic_bool *m_cancelled = nullptr; ///< Of the question that is being answered.
     bool m_writesAhead = false;
+    bool m_hasJson = false;
     bool m_explained = true;
     bool m_commitInDoubt = false;
     FileIdentity m_file;

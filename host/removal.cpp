@@ -2,7 +2,7 @@
 #include "removal.h"
 
 #include "deadline.h"
-#include "kind.h"
+#include "row_text.h"
 
 #include <algorithm>
 

@@ -2,7 +2,9 @@
 #include "device/store.h"
 
 #include "batch.h"
+#include "cells.h"
 #include "kind.h"
+#include "reading.h"
 #include "schema.h"
 
 #include <algorithm>
@@ -190,19 +192,8 @@ Result<QList<Record>> Store<Record>::read(const TableName &table, const Query<Re
     const auto where = conditions(site, query);
     if (!where)
         return where.error();
-    QString sql =
-        QLatin1String("select ") + columnList<Record>() + QLatin1String(" from ") + table.text() + *where +
-        QLatin1String(query.order == Order::NewestFirst ? " order by DATETIME desc,ID desc" : " order by DATETIME,ID");
-    if (query.count >= 0 || query.offset > 0)
-        sql += QStringLiteral(" limit %1 offset %2").arg(query.count).arg(query.offset);
-    auto rows = m_connection->query(site, sql);
-    if (!rows)
-        return rows.error();
-    QList<Record> records;
-    records.reserve(rows->size());
-    for (QStringList &row : rows.value())
-        records.append(Kind<Record>::decode(std::move(row)));
-    return records;
+    return readRecords<Record>(*m_connection, site,
+                               {table.text(), *where, query.order == Order::NewestFirst, query.offset, query.count});
 }
 
 template<typename Record>
@@ -237,7 +228,7 @@ Result<QList<Latest<Record>>> Store<Record>::latest(const QList<TableName> &tabl
     const auto layouts = layoutsIn(*m_connection);
     if (!layouts)
         return layouts.error();
-    const QString wanted = QLatin1String("ID,") + columnList<Record>();
+    const QString wanted = RowCells::selection(Kind<Record>::columns());
     QList<Latest<Record>> all;
     QStringList selects;
     for (const TableName &table : tables) {
@@ -251,9 +242,10 @@ Result<QList<Latest<Record>>> Store<Record>::latest(const QList<TableName> &tabl
                 at(operation, table).error(Error::TableLayout, QLatin1String("it has the columns ") + columns);
         else
             selects << QStringLiteral("select %1,%2 from %3 where ID=(select max(ID) from %3)")
-                           .arg(QString::number(all.size()), columnList<Record>(), table.text());
+                           .arg(QString::number(all.size()), wanted, table.text());
         all.append(latest);
     }
+    RowCells cells(Kind<Record>::milliseconds);
     for (int first = 0; first < selects.size(); first += tablesPerStatement) {
         auto rows = m_connection->query({QLatin1String(operation), QString()},
                                         selects.mid(first, tablesPerStatement).join(QLatin1String(" union all ")));
@@ -261,7 +253,8 @@ Result<QList<Latest<Record>>> Store<Record>::latest(const QList<TableName> &tabl
             return rows.error();
         for (QStringList &row : *rows) {
             const int place = row.takeFirst().toInt();
-            all[place].record = Kind<Record>::decode(std::move(row));
+            cells.begin(std::move(row));
+            all[place].record = Kind<Record>::decode(cells);
         }
     }
     return all;
@@ -282,8 +275,9 @@ Result<std::optional<TimeRange>> Store<Record>::range(const TableName &table)
     const QStringList row = rows->first();
     if (row.value(0).isEmpty())
         return std::optional<TimeRange>();
-    return std::optional<TimeRange>(
-        {parseTime(row.at(0), Kind<Record>::milliseconds), parseTime(row.at(1), Kind<Record>::milliseconds)});
+    TimeReader times(Kind<Record>::milliseconds);
+    const auto time = [&](const QString &text) { return times.read(text.constData(), text.size()); };
+    return std::optional<TimeRange>({time(row.at(0)), time(row.at(1))});
 }
 
 template<typename Record>

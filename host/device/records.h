@@ -72,6 +72,7 @@ struct Sample {
 
     LocalTime time;
     QString value;
+    qint64 id = 0; ///< The row's ID in the table; 0 for one not read from a file. Not compared.
 
     /// The value as a number, or nothing: see device::number().
     std::optional<double> number() const { return device::number(value); }
@@ -88,6 +89,7 @@ struct Alarm {
     QString limit; ///< The limit it crossed, as text.
     QString description;
     std::optional<LocalTime> end; ///< Empty while the alarm is active.
+    qint64 id = 0;                ///< As in Sample.
 
     bool active() const { return !end; }
     friend bool operator==(const Alarm &a, const Alarm &b)
@@ -103,6 +105,7 @@ struct LogEntry {
     QString user;
     QString name;
     QString message;
+    qint64 id = 0; ///< As in Sample.
 
     friend bool operator==(const LogEntry &a, const LogEntry &b)
     {

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_READING_H
+#define DEVICE_READING_H
+
+#include "connection.h"
+
+namespace device
+{
+
+/// Which records of a table, in the words of SQL.
+struct Selection {
+    QString table;
+    QString where; ///< " where ...", or nothing.
+    bool newestFirst;
+    qint64 offset;
+    qint64 limit; ///< Negative: all.
+};
+
+/// The selected records in order of time, those of equal time in order of recording (both reversed with newestFirst).
+/// They are those of one moment, whatever other connections store in the meantime.
+template<typename Record>
+Result<QList<Record>> readRecords(Connection &connection, const Site &site, const Selection &selection);
+
+} // namespace device
+
+#endif

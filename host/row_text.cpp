@@ -1,0 +1,201 @@
+// SPDX-License-Identifier: MIT
+#include "row_text.h"
+
+namespace device
+{
+
+namespace
+{
+
+constexpr int longestRow = 900000; // bytes of UTF-8; SQLite takes a statement of a million
+constexpr int usualRow = 160;      // characters
+constexpr int timeLength = 19;     // of a sample: yyyy-MM-dd hh:mm:ss
+constexpr int frame = 12;          // what stands around a sample's two cells
+
+QChar *writeDigits(QChar *to, int value, int width)
+{
+    for (int i = width; i-- > 0; value /= 10)
+        to[i] = QLatin1Char(char('0' + value % 10));
+    return to + width;
+}
+
+// JSON would need an escape for one of its characters.
+bool needsEscape(const QString &text)
+{
+    bool escape = false;
+    for (const QChar c : text)
+        escape |= c.unicode() < 0x20 || c == QLatin1Char('"') || c == QLatin1Char('\\');
+    return escape;
+}
+
+void appendDoublingQuotes(QString &to, const QString &text)
+{
+    if (!text.contains(QLatin1Char('\''))) {
+        to += text;
+        return;
+    }
+    QString inside = text;
+    to += inside.replace(QLatin1Char('\''), QLatin1String("''"));
+}
+
+} // namespace
+
+QString quoted(const QString &text)
+{
+    QString literal;
+    literal.reserve(text.size() + 2);
+    literal += QLatin1Char('\'');
+    appendDoublingQuotes(literal, text);
+    literal += QLatin1Char('\'');
+    return literal;
+}
+
+const char *unstorable(const QString &text)
+{
+    bool plain = true;
+    for (const QChar c : text) {
+        if (c.isNull())
+            return "it holds the character U+0000, which ends a text in the file";
+        plain = plain && c.unicode() < 0x80;
+    }
+    // The very conversions that the text goes through on its way into the file and out again.
+    if (plain || QString::fromUtf8(text.toUtf8()) == text)
+        return nullptr;
+    return text.startsWith(QChar(0xfeff)) ? "it begins with a byte order mark, which is taken away when it is read"
+                                          : "it holds half of a surrogate pair, which is no character";
+}
+
+bool appendTime(QString &to, LocalTime time, bool withMilliseconds)
+{
+    int year = 0;
+    int month = 0;
+    int day = 0;
+    time.date().getDate(&year, &month, &day);
+    if (!time.isValid() || year < 1 || year > 9999)
+        return false;
+    const QTime clock = time.time();
+    QChar text[23];
+    QChar *at = writeDigits(text, year, 4);
+    *at++ = QLatin1Char('-');
+    at = writeDigits(at, month, 2);
+    *at++ = QLatin1Char('-');
+    at = writeDigits(at, day, 2);
+    *at++ = QLatin1Char(' ');
+    at = writeDigits(at, clock.hour(), 2);
+    *at++ = QLatin1Char(':');
+    at = writeDigits(at, clock.minute(), 2);
+    *at++ = QLatin1Char(':');
+    at = writeDigits(at, clock.second(), 2);
+    if (withMilliseconds) {
+        *at++ = QLatin1Char('.');
+        at = writeDigits(at, clock.msec(), 3);
+    }
+    to.append(text, int(at - text));
+    return true;
+}
+
+void RowText::openCell()
+{
+    if (m_text.isEmpty()) {
+        m_text.reserve(usualRow);
+        m_text += QLatin1String("(NULL");
+    }
+    m_text += QLatin1String(",'");
+}
+
+void RowText::number(int value)
+{
+    openCell();
+    m_text += QString::number(value) + QLatin1Char('\'');
+}
+
+void RowText::time(LocalTime time, bool withMilliseconds)
+{
+    openCell();
+    appendOrRefuse(time, withMilliseconds);
+    m_text += QLatin1Char('\'');
+}
+
+void RowText::dateAndClock(const std::optional<LocalTime> &time)
+{
+    openCell();
+    if (!time) {
+        m_text += QLatin1String("',''");
+        return;
+    }
+    const int blank = int(m_text.size()) + 10; // after yyyy-MM-dd
+    appendOrRefuse(*time, false);
+    m_text += QLatin1Char('\'');
+    if (!m_refused)
+        m_text.replace(blank, 1, QLatin1String("','"));
+}
+
+void RowText::text(const char *column, const QString &text)
+{
+    refuseUnstorable(column, text);
+    openCell();
+    appendDoublingQuotes(m_text, text);
+    m_text += QLatin1Char('\'');
+}
+
+void RowText::sample(LocalTime time, const char *column, const QString &value)
+{
+    const bool member = !needsEscape(value);
+    m_text.reserve(frame + timeLength + value.size());
+    m_text += member ? QLatin1String("\"") : QLatin1String("(NULL,'");
+    appendOrRefuse(time, false);
+    m_text += member ? QLatin1String("\":\"") : QLatin1String("','");
+    refuseUnstorable(column, value);
+    appendDoublingQuotes(m_text, value);
+    m_text += member ? QLatin1Char('"') : QLatin1Char('\'');
+}
+
+void RowText::appendOrRefuse(LocalTime time, bool withMilliseconds)
+{
+    if (!appendTime(m_text, time, withMilliseconds))
+        refuse(Error::TimeRefused, time.isValid() ? QStringLiteral("the year %1 cannot be held").arg(time.date().year())
+                                                  : QStringLiteral("the time is invalid"));
+}
+
+void RowText::refuseUnstorable(const char *column, const QString &text)
+{
+    const char *why = unstorable(text);
+    if (!why)
+        return;
+    QString shown = text.left(80);
+    shown.replace(QChar(0), QLatin1String("\\0"));
+    refuse(Error::TextRefused,
+           QStringLiteral("%1 cannot hold the text \"%2\": %3").arg(QLatin1String(column), shown, QLatin1String(why)));
+}
+
+void RowText::refuse(Error::Code code, const QString &cause)
+{
+    if (m_refused)
+        return;
+    m_refused = true;
+    m_code = code;
+    m_cause = cause;
+}
+
+Result<QString> RowText::take(const QString &operation, const QString &table)
+{
+    if (!m_refused && m_text.size() > longestRow / 3 && m_text.toUtf8().size() > longestRow)
+        refuse(Error::TextRefused, QStringLiteral("the row that begins %1 is longer than %2 bytes")
+                                       .arg(m_text.left(80), QString::number(longestRow)));
+    if (m_refused)
+        return Error(m_code, operation, table, m_cause);
+    if (!isMember(m_text))
+        m_text += QLatin1Char(')');
+    return std::move(m_text);
+}
+
+QString RowText::values(const QString &row)
+{
+    if (!isMember(row))
+        return row;
+    const int value = 1 + timeLength + 3; // after "time":"
+    return QLatin1String("(NULL,'") + row.mid(1, timeLength) + QLatin1String("','") +
+           row.mid(value, row.size() - value - 1) + QLatin1String("')");
+}
+
+} // namespace device
