@@ -12,15 +12,16 @@ QString Error::advice() const
     case LibraryError:
         return QStringLiteral("Install the library for this Qt, or name its file.");
     case FileError:
-        return QStringLiteral("Check the path, its folder and its rights; put a backup in place of a damaged file.");
+        return QStringLiteral("Check the path, the folder and its permissions; restore a damaged file from a backup.");
     case TableMissing:
         return QStringLiteral("Create the table first.");
     case TableLayout:
-        return QStringLiteral("Open the table with the store of its kind, or take another name.");
+        return QStringLiteral("Open the table with the store of its kind, or use another name.");
     case NameRefused:
-        return QStringLiteral("Take up to 64 letters, digits and \"_\", no digit in front and no word of SQL.");
+        return QStringLiteral(
+            "Use up to 64 letters, digits and \"_\"; do not begin with a digit or use a word of SQL.");
     case TextRefused:
-        return QStringLiteral("Remove what cannot be kept, or encode the text, for example as base64.");
+        return QStringLiteral("Remove what cannot be stored, or encode the text, for example as base64.");
     case TimeRefused:
         return QStringLiteral("Give a valid time of the years 1 to 9999.");
     case Locked:

@@ -30,7 +30,8 @@ Result<QString> conditions(const Site &site, const Query<Record> &query)
             continue;
         QString text;
         if (!appendTime(text, *time, Kind<Record>::milliseconds))
-            return site.error(Error::TimeRefused, QStringLiteral("a bound of the range is no time of the tables"));
+            return site.error(Error::TimeRefused,
+                              QStringLiteral("a bound of the range is not a time that the tables can hold"));
         wanted << QLatin1String("DATETIME") + QLatin1String(comparison) + quoted(text);
     }
     const QString filter = Kind<Record>::condition(query.filter);
@@ -286,7 +287,7 @@ Result<qint64> Store<Record>::removeBefore(const TableName &table, LocalTime tim
     const Site site = at("remove from", table);
     QString text;
     if (!appendTime(text, time, Kind<Record>::milliseconds))
-        return site.error(Error::TimeRefused, QStringLiteral("the time is no time of the tables"));
+        return site.error(Error::TimeRefused, QStringLiteral("the tables cannot hold this time"));
     return m_connection->change(site,
                                 {QStringLiteral("delete from %1 where DATETIME<%2").arg(table.text(), quoted(text))});
 }
@@ -347,7 +348,7 @@ Result<qint64> AlarmStore::removeEndedAndBefore(const TableName &table, LocalTim
     const Site site = at("remove from", table);
     QString text;
     if (!appendTime(text, time, false))
-        return site.error(Error::TimeRefused, QStringLiteral("the time is no time of the tables"));
+        return site.error(Error::TimeRefused, QStringLiteral("the tables cannot hold this time"));
     return m_connection->change(site, {QStringLiteral("delete from %1 where DATETIME<%2 or EndDate!='' and EndTime!=''")
                                            .arg(table.text(), quoted(text))});
 }

@@ -10,7 +10,7 @@ namespace device
 namespace
 {
 
-// The words that SQLite does not take as a bare table name. Sorted.
+// The words that SQLite does not accept as a bare table name. Sorted.
 constexpr const char *reserved[] = {
     "add",      "all",     "alter",  "and",         "as",         "autoincrement", "between",    "case",
     "check",    "collate", "commit", "constraint",  "create",     "default",       "deferrable", "delete",
@@ -38,7 +38,7 @@ const char *fault(const QString &text)
         const bool letter = (c >= QLatin1Char('a') && c <= QLatin1Char('z')) ||
                             (c >= QLatin1Char('A') && c <= QLatin1Char('Z')) || c == QLatin1Char('_');
         if (!letter && !(c >= QLatin1Char('0') && c <= QLatin1Char('9')))
-            return "it holds something other than letters, digits and \"_\"";
+            return "it contains something other than letters, digits and \"_\"";
     }
     if (text.at(0) >= QLatin1Char('0') && text.at(0) <= QLatin1Char('9'))
         return "it begins with a digit";

@@ -22,11 +22,11 @@ public:
     enum Code {
         Failed,       ///< SQLite refused; the cause says why.
         LibraryError, ///< The library is missing or is not the one expected.
-        FileError,    ///< The file cannot be opened or is no database.
+        FileError,    ///< The file cannot be opened or is not a database.
         TableMissing,
-        TableLayout,   ///< The table stands, with other columns.
-        NameRefused,   ///< The text is no table name.
-        TextRefused,   ///< The text would not come back as it is.
+        TableLayout,   ///< The table exists with other columns.
+        NameRefused,   ///< The text is not a table name.
+        TextRefused,   ///< The text would not come back as it went in.
         TimeRefused,   ///< The time is invalid or outside the years 1 to 9999.
         Locked,        ///< Another connection kept the file locked past the deadline.
         StorageFailed, ///< The disk is full, read-only or failing.
