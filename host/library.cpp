@@ -8,6 +8,8 @@
 #include <QFileInfo>
 #include <QLibrary>
 
+#include <dlfcn.h>
+
 namespace device
 {
 
@@ -37,6 +39,15 @@ int qtMajorOf(const QByteArray &content)
     return content.contains("libQtCore.so") ? 4 : 0;
 }
 
+// Where this code lies: with a shared host layer its own library, else the program or plugin that it was linked into.
+QString ownFolder()
+{
+    Dl_info info;
+    if (dladdr(reinterpret_cast<const void *>(&qtMajorOf), &info) == 0)
+        return QString();
+    return QFileInfo(QFile::decodeName(info.dli_fname)).absolutePath();
+}
+
 QString firstExisting()
 {
     const QString named = QFile::decodeName(qgetenv("DEVICE_DATABASE_LIBRARY"));
@@ -61,12 +72,14 @@ QStringList Library::places()
         const QString own = QCoreApplication::applicationDirPath();
         folders << own << own + QLatin1String("/../lib");
     }
-    folders << QFile::decodeName(qgetenv("LD_LIBRARY_PATH")).split(QLatin1Char(':'));
-    folders << QStringLiteral("/usr/local/lib") << QStringLiteral("/usr/lib");
+    folders << ownFolder() << QFile::decodeName(qgetenv("LD_LIBRARY_PATH")).split(QLatin1Char(':'));
+    folders << QStringLiteral(DEVICE_HOST_INSTALL_LIBDIR) << QStringLiteral("/usr/local/lib")
+            << QStringLiteral("/usr/lib");
 #ifdef DEVICE_HOST_LIBRARY_ARCHITECTURE
     folders << QStringLiteral("/usr/lib/" DEVICE_HOST_LIBRARY_ARCHITECTURE);
 #endif
     folders.removeAll(QString());
+    folders.removeDuplicates();
     return folders;
 }
 

@@ -21,12 +21,13 @@ public:
     /// Loads the library at `path`. With an empty path: $DEVICE_DATABASE_LIBRARY, or the first of places()
     /// that exists. A library built for another Qt is refused before it is loaded: two Qts in one process crash.
     ///
-    /// Also puts a message handler in front of the host's (once a process). It takes the store library's
+    /// Also puts a message handler in front of the host's (once per process). It takes the store library's
     /// lines during calls from here, to make them an Error's cause, and hands everything else on. A host
     /// that installs a handler of its own does so before, or hands on what it gets.
     static Result<Library> load(const QString &path = QString());
 
-    /// The places searched, in order.
+    /// The folders searched, in order: the program's, its ../lib, that of the host layer itself, $LD_LIBRARY_PATH, the
+    /// folder that the libraries were configured to be installed in, the system's.
     static QStringList places();
 
     QString path() const;

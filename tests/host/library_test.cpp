@@ -5,6 +5,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QSet>
 
 using namespace device;
 
@@ -46,6 +47,13 @@ TEST_F(Libraries, TheEnvironmentNamesTheLibrary)
     ASSERT_FALSE(missing.ok());
     EXPECT_TRUE(missing.error().text().contains("nowhere.so"_q));
     qunsetenv("DEVICE_DATABASE_LIBRARY");
+}
+
+TEST_F(Libraries, ArePlacedWhereTheyAreConfiguredToBeInstalledToo)
+{
+    const QStringList places = Library::places();
+    EXPECT_TRUE(places.contains(QString::fromLocal8Bit(INSTALL_LIBDIR))) << places.join(" "_q).toStdString();
+    EXPECT_EQ(QSet<QString>(places.begin(), places.end()).size(), places.size()) << "none is searched twice";
 }
 
 TEST_F(Libraries, AMissingFileIsNamed)
