@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "operatorlog_db.h"
 
+#include "private/cells.h"
+#include "private/query.h"
+#include "private/statement.h"
+
 #include <QDebug>
 #include <QMutexLocker>
 
 #include <helpsqlite.h>
+
+using namespace detail;
 
 namespace
 {
@@ -73,8 +79,7 @@ void operatorlog_db::insertManyDatas(QList<QStringList> &rows, QString table)
         const QString user = helpSQLite::toSQLiteString(row.at(1));
         const QString log = helpSQLite::toSQLiteString(row.at(2));
         const QString message = helpSQLite::toSQLiteString(row.at(3));
-        const QString *const cells[] = {&table, &row.at(0), &user, &log, &message};
-        Execution(m_connection, insert.fill(cells));
+        Execution(m_connection, insert.fill(table, row.at(0), user, log, message));
     }
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())
