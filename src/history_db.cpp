@@ -22,13 +22,14 @@ void appendSamples(const TableQuery &query, void *list)
     QList<DataContent> &samples = *static_cast<QList<DataContent> *>(list);
     if (query.columnCount() != 3)
         return;
-    reserveFor(samples, query.rowCount());
     DayReader days;
     for (int row = 0; row < query.rowCount(); ++row) {
         QString date;
         QString time;
         if (!days.read(query.cell(row, 1), date, time))
             return;
+        if (row == 0)
+            reserveFor(samples, query.rowCount()); // no sooner: a list that gets nothing must not grow
         DataContent &sample = appendNew(samples);
         sample.date.swap(date);
         sample.time.swap(time);
