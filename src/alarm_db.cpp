@@ -86,7 +86,6 @@ void alarm_db::insertManyDatas(QList<QStringList> &rows, QString)
         return;
     QMutexLocker lock(&m_mutex);
     Execution(m_connection, "begin transaction");
-    // As by one arg() call after the other: a marker inside a cell is rewritten by the cells behind it.
     StatementTemplate insert("insert into AlarmData values(NULL,'%1','%2','%3','%4','%5','%6','%7','%8','%9')");
     QString start;
     start.reserve(64); // kept from row to row

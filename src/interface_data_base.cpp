@@ -33,7 +33,7 @@ int interface_data_base::closeDB()
     if (!m_connection)
         return 0;
     QMutexLocker lock(&m_mutex);
-    if (!m_connection)
+    if (!m_connection) // closed by another thread while this one waited
         return 0;
     const int code = sqlite3_close(m_connection);
     m_connection = nullptr; // even when SQLite refused: a closed store stays closed
@@ -51,7 +51,7 @@ void interface_data_base::dbWalCheckPoint()
 }
 
 // Row callback of tableIsExist: anything but a count that starts with '0' means that the table is there.
-// A table name may turn the text into one that answers NULL; that is no table.
+// A table name may turn the text into one that answers NULL; that is not a table.
 static int isExisted(void *flag, int, char **texts, char **)
 {
     *static_cast<bool *>(flag) = texts[0] && texts[0][0] != '0';
@@ -110,7 +110,7 @@ bool interface_data_base::deleteDataForMax(int count, QString table)
         return false;
     QMutexLocker lock(&m_mutex);
     const QString name = rereadUtf8(table);
-    // A negative count is no limit to SQLite and empties the table; the caller's number is not guarded.
+    // To SQLite a negative count means no limit, which empties the table; by contract nothing guards against it.
     const Execution trim(
         m_connection,
         statement("delete from '%1' where ID in (select ID from %2 order by ID limit 0,%3);", name, name, count));
@@ -165,7 +165,7 @@ int interface_data_base::getDataCountOfTimeQuery(QString start, QString end, QSt
 
 QStringList interface_data_base::selectConfigInfo()
 {
-    QMutexLocker lock(&m_mutex);
+    QMutexLocker lock(&m_mutex); // before the test for the closed store, unlike all other operations
     QStringList pairs;
     if (!m_connection)
         return pairs;

@@ -32,7 +32,7 @@ void appendEntries(const TableQuery &query, void *list)
     }
 }
 
-// Bounds always get their milliseconds, also when they hold some already.
+// Bounds always get milliseconds, even if they already have some.
 QString rangeStart(QString time)
 {
     return time.replace(QLatin1String("/"), QLatin1String("-")).append(QLatin1String(".000"));
@@ -70,7 +70,6 @@ void operatorlog_db::insertManyDatas(QList<QStringList> &rows, QString table)
         return;
     QMutexLocker lock(&m_mutex);
     Execution(m_connection, "begin transaction");
-    // As by one arg() call after the other: a marker inside a cell is rewritten by the cells behind it.
     StatementTemplate insert("insert into %1 values(NULL, '%2', '%3', '%4', '%5');");
     for (int i = 0; i < rows.size(); ++i) {
         const QStringList &row = rows.at(i);

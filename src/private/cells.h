@@ -12,7 +12,8 @@ namespace detail
 {
 
 // What a cell means, from SQLite's UTF-8 text. Each of these answers as the Qt calls that it replaces, and calls them
-// for everything but the plain case. The readers refer to the cells they were given, so none may outlive the query.
+// for everything but the plain case. DayReader and RecurringTexts keep pointers to cells, so they must not outlive the
+// query.
 
 QString toText(const char *cell);  ///< QString::fromUtf8(); a null text for NULL.
 int toInt(const char *cell);       ///< QString::toInt(); 0 if it is not a number.

@@ -12,8 +12,8 @@ namespace detail
 {
 
 /// The text with its markers "%1" to "%9" filled by one QString::arg() call per value, lowest marker first. A marker
-/// inside a value is therefore filled by the values after it: hosts rely on that, and every statement of the library
-/// has the text that this gives.
+/// inside a value is therefore filled by the values after it. Hosts rely on that: this defines the statements' texts,
+/// and StatementTemplate below only gives the same texts faster.
 template<typename... Values>
 QString chained(const char *text, const Values &...values)
 {
@@ -47,7 +47,7 @@ public:
     {
         if (const char *const spliced = spliceTexts(cellText(values)...))
             return spliced;
-        // From the values, not from their texts: arg() knows a form of marker that only numbers heed.
+        // From the values, not from their texts: arg() formats a number in another way for a marker such as "%L1".
         m_chained = chained(m_text, values...).toUtf8();
         return m_chained.constData();
     }
