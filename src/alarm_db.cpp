@@ -85,7 +85,7 @@ void alarm_db::insertManyDatas(QList<QStringList> &rows, QString)
     if (!m_connection || rows.isEmpty())
         return;
     QMutexLocker lock(&m_mutex);
-    Execution(m_connection, "begin transaction");
+    executeSilently(m_connection, "begin transaction");
     StatementTemplate insert("insert into AlarmData values(NULL,'%1','%2','%3','%4','%5','%6','%7','%8','%9')");
     QString start;
     start.reserve(64); // kept from row to row
@@ -96,8 +96,8 @@ void alarm_db::insertManyDatas(QList<QStringList> &rows, QString)
         start.resize(0);
         start.append(row.at(1)).append(QLatin1Char(' ')).append(row.at(2)).replace(QLatin1Char('/'), QLatin1Char('-'));
         const QString description = rereadUtf8(helpSQLite::toSQLiteString(row.at(7)));
-        Execution(m_connection, insert.fill(levelText(row.at(0)), start, row.at(3), row.at(4), row.at(5), row.at(6),
-                                            description, row.at(8), row.at(9)));
+        executeSilently(m_connection, insert.fill(levelText(row.at(0)), start, row.at(3), row.at(4), row.at(5),
+                                                  row.at(6), description, row.at(8), row.at(9)));
     }
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())

@@ -82,7 +82,7 @@ void history::insertManyDatas(QList<QStringList> &rows, QString table)
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    Execution(m_connection, "begin transaction");
+    executeSilently(m_connection, "begin transaction");
     StatementTemplate insert("insert into %1 values(NULL,'%2','%3')");
     const QString name = rereadLatin1(table);
     for (int i = 0; i < rows.size(); ++i) {
@@ -94,7 +94,7 @@ void history::insertManyDatas(QList<QStringList> &rows, QString table)
         }
         dateTime = rereadLatin1(dateTime.replace(QLatin1Char('/'), QLatin1Char('-')));
         value = rereadLatin1(value);
-        Execution(m_connection, insert.fill(name, dateTime, value));
+        executeSilently(m_connection, insert.fill(name, dateTime, value));
     }
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())

@@ -188,9 +188,9 @@ void interface_data_base::insertConfig(QString collector, QString name)
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    Execution(m_connection, "begin transaction");
-    Execution(m_connection,
-              statement("insert into tb_config values(NULL,'%1','%2')", rereadUtf8(collector), rereadUtf8(name)));
+    executeSilently(m_connection, "begin transaction");
+    executeSilently(m_connection,
+                    statement("insert into tb_config values(NULL,'%1','%2')", rereadUtf8(collector), rereadUtf8(name)));
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())
         qDebug() << "insertManyDatas fail"; // no rollback: the transaction stays open until a later commit
@@ -306,7 +306,7 @@ bool interface_data_base::runStatements(const QStringList &statements, QList<QSt
         return true;
 
     bool allSucceeded = true;
-    Execution(m_connection, "begin transaction");
+    executeSilently(m_connection, "begin transaction");
     for (int i = 0; i < statements.size(); ++i) {
         const Execution each(m_connection, statements.at(i).toUtf8());
         if (each.failed()) {

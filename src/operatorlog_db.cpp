@@ -69,7 +69,7 @@ void operatorlog_db::insertManyDatas(QList<QStringList> &rows, QString table)
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    Execution(m_connection, "begin transaction");
+    executeSilently(m_connection, "begin transaction");
     StatementTemplate insert("insert into %1 values(NULL, '%2', '%3', '%4', '%5');");
     for (int i = 0; i < rows.size(); ++i) {
         const QStringList &row = rows.at(i);
@@ -78,7 +78,7 @@ void operatorlog_db::insertManyDatas(QList<QStringList> &rows, QString table)
         const QString user = helpSQLite::toSQLiteString(row.at(1));
         const QString log = helpSQLite::toSQLiteString(row.at(2));
         const QString message = helpSQLite::toSQLiteString(row.at(3));
-        Execution(m_connection, insert.fill(table, row.at(0), user, log, message));
+        executeSilently(m_connection, insert.fill(table, row.at(0), user, log, message));
     }
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())

@@ -150,8 +150,8 @@ void TimeReader::read(const char *cell, QDateTime &time)
         const int second = digits(cell + 17, 2);
         const int milliseconds = m_form == Seconds ? 0 : digits(cell + 20, 3);
         if (m_dayIsPlain && QTime::isValid(hour, minute, second, milliseconds)) {
-            setLocalTime(time, m_day, QTime(hour, minute, second, milliseconds),
-                         m_dayStart + 1000 * (60 * (60 * hour + minute) + second) + milliseconds);
+            const int sinceMidnight = 1000 * (60 * (60 * hour + minute) + second) + milliseconds;
+            setLocalTime(time, m_day, QTime(hour, minute, second, milliseconds), m_dayStart + sinceMidnight);
             return;
         }
     }

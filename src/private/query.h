@@ -62,6 +62,12 @@ private:
     int m_code;
 };
 
+/// Runs a statement whose failure is ignored: the contract reports neither a failed "begin" nor a row that is lost.
+inline void executeSilently(sqlite3 *connection, const char *sql)
+{
+    const Execution ignored(connection, sql);
+}
+
 /// Makes room for `more` elements before they are appended one by one. Does nothing unless that at least doubles
 /// the list: lists grow geometrically on their own, and reserving for many small batches would defeat that.
 template<typename T>
