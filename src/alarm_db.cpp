@@ -1,12 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "alarm_db.h"
 
+#include "private/cells.h"
+#include "private/query.h"
+#include "private/statement.h"
+#include "private/texts.h"
+
 #include <QDebug>
 #include <QMutexLocker>
 
 #include <helpsqlite.h>
 
-#include <algorithm>
+using namespace detail;
 
 namespace
 {
@@ -34,30 +39,18 @@ void appendAlarms(const TableQuery &query, void *list)
         alarm.limitValue = toDouble(query.cell(row, 6));
         alarm.description = descriptions.read(query.cell(row, 7));
         if (!isEmpty(query.cell(row, 8)) || !isEmpty(query.cell(row, 9))) // an active alarm has no end to parse
-            alarm.endTime = QDateTime::fromString(
-                QString::fromLatin1("%1 %2").arg(toText(query.cell(row, 8))).arg(toText(query.cell(row, 9))),
-                QLatin1String("yyyy-MM-dd hh:mm:ss"));
+            alarm.endTime =
+                QDateTime::fromString(chained("%1 %2", toText(query.cell(row, 8)), toText(query.cell(row, 9))),
+                                      QLatin1String("yyyy-MM-dd hh:mm:ss"));
     }
 }
 
-// QString::number() of the text's toInt(). A level is one digit, mostly.
+// QString::number() of the text's toInt(). Most levels are one digit.
 QString levelText(const QString &text)
 {
     if (text.size() == 1 && ushort(text.at(0).unicode() - '0') < 10)
         return text;
     return QString::number(text.toInt());
-}
-
-// "DATE TIME", each "/" turned into "-".
-void joinStart(const QString &date, const QString &time, QString &start)
-{
-    const int dateSize = int(date.size());
-    start.resize(dateSize + 1 + time.size());
-    QChar *const to = start.data();
-    std::copy(date.constData(), date.constData() + dateSize, to);
-    to[dateSize] = QLatin1Char(' ');
-    std::copy(time.constData(), time.constData() + time.size(), to + dateSize + 1);
-    std::replace(to, to + start.size(), QChar(QLatin1Char('/')), QChar(QLatin1Char('-')));
 }
 
 } // namespace
@@ -92,8 +85,7 @@ void alarm_db::insertManyDatas(QList<QStringList> &rows, QString)
     if (!m_connection || rows.isEmpty())
         return;
     QMutexLocker lock(&m_mutex);
-    Execution(m_connection, "begin transaction");
-    // As by one arg() call after the other: a marker inside a cell is rewritten by the cells behind it.
+    executeSilently(m_connection, "begin transaction");
     StatementTemplate insert("insert into AlarmData values(NULL,'%1','%2','%3','%4','%5','%6','%7','%8','%9')");
     QString start;
     start.reserve(64); // kept from row to row
@@ -101,12 +93,11 @@ void alarm_db::insertManyDatas(QList<QStringList> &rows, QString)
         const QStringList &row = rows.at(i);
         if (row.size() < 10)
             continue;
-        const QString level = levelText(row.at(0));
-        joinStart(row.at(1), row.at(2), start);
+        start.resize(0);
+        start.append(row.at(1)).append(QLatin1Char(' ')).append(row.at(2)).replace(QLatin1Char('/'), QLatin1Char('-'));
         const QString description = rereadUtf8(helpSQLite::toSQLiteString(row.at(7)));
-        const QString *const cells[] = {&level,     &start,       &row.at(3), &row.at(4), &row.at(5),
-                                        &row.at(6), &description, &row.at(8), &row.at(9)};
-        Execution(m_connection, insert.fill(cells));
+        executeSilently(m_connection, insert.fill(levelText(row.at(0)), start, row.at(3), row.at(4), row.at(5),
+                                                  row.at(6), description, row.at(8), row.at(9)));
     }
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())

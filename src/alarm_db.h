@@ -8,21 +8,22 @@
 
 /// One alarm. The layout is the contract with the host.
 struct AlarmData {
-    int level = 0;         ///< 0 when the cell is no number.
-    double limitValue = 0; ///< 0 when the cell is no number.
+    int level = 0;         ///< 0 if the cell is not a number.
+    double limitValue = 0; ///< 0 if the cell is not a number.
     QString description;
     QString alarmObject;
     QString alarmType;
     QString currentValue; ///< Text, unlike the limit.
     QString extraText;    ///< Never filled; empty.
-    QDateTime startTime;  ///< Local time; invalid when the text is no time.
-    QDateTime endTime;    ///< Invalid: the record queries return active alarms only.
+    QDateTime startTime;  ///< Local time; invalid if the text is not a time.
+    QDateTime endTime; ///< Of an active alarm invalid, and the record queries return only active ones. They go by the
+                       ///< columns' names, this field by the last two cells: another layout can make it valid.
 };
 Q_DECLARE_TYPEINFO(AlarmData, Q_MOVABLE_TYPE);
 
 /// The store for alarms: when one started, what raised it, and when it ended.
 /// An alarm is active while its end date and end time are both empty.
-/// What each operation promises stands at interface_data_base.
+/// The operations are described at interface_data_base.
 class alarm_db : public interface_data_base
 {
 public:

@@ -16,15 +16,15 @@ class interface_data_base;
 // called from any thread.
 extern "C" {
 
-/// The kinds of store: "history", "alarm", "operatorLog", in this order. These are no keys: a key has
-/// "DB" behind the kind.
+/// The kinds of store: "history", "alarm", "operatorLog", in this order. These are not keys: a key is
+/// the kind followed by "DB".
 Q_DECL_EXPORT QStringList device_getSupportList();
 
-/// A new, closed store for the key "historyDB", "alarmDB" or "operatorLogDB", exact in case; null for any
-/// other key. The host owns it until it hands it to device_closeDB().
+/// A new, closed store for the key "historyDB", "alarmDB" or "operatorLogDB" (case matters); null for any
+/// other key. The host owns it until it passes it to device_closeDB().
 Q_DECL_EXPORT interface_data_base *device_createDB(QString key);
 
-/// Closes and destroys a store of device_createDB(); nothing for null.
+/// Closes and destroys a store that device_createDB() made; does nothing for null.
 Q_DECL_EXPORT void device_closeDB(interface_data_base *store);
 }
 

@@ -1,55 +1,37 @@
 // SPDX-License-Identifier: MIT
 #include "history_db.h"
 
+#include "private/cells.h"
+#include "private/query.h"
+#include "private/statement.h"
+#include "private/texts.h"
+
 #include <QDebug>
 #include <QMutexLocker>
 
 #include <cstdio>
-#include <cstring>
+
+using namespace detail;
 
 namespace
 {
 
-// How many bytes up to a blank, the end or what is not ASCII.
-size_t wordSize(const char *text)
-{
-    const char *byte = text;
-    while (*byte && *byte != ' ' && uchar(*byte) < 0x80)
-        ++byte;
-    return size_t(byte - text);
-}
-
-// A row whose time is not "date time" ends the output: the samples in front of it stay.
+// A row whose time is not "date time" ends the output: the samples before it stay.
 void appendSamples(const TableQuery &query, void *list)
 {
     QList<DataContent> &samples = *static_cast<QList<DataContent> *>(list);
     if (query.columnCount() != 3)
         return;
-    reserveFor(samples, query.rowCount());
-    QString date;
-    const char *day = nullptr; // "date ", as the cell holds it that `date` comes from
-    size_t daySize = 0;
+    DayReader days;
     for (int row = 0; row < query.rowCount(); ++row) {
-        const char *const cell = query.cell(row, 1);
-        if (!cell || daySize == 0 || std::strncmp(cell, day, daySize) != 0) { // consecutive samples share their date
-            const size_t size = cell ? wordSize(cell) : 0;
-            day = cell;
-            daySize = size > 0 && cell[size] == ' ' ? size + 1 : 0;
-            date = QString::fromLatin1(cell, int(size));
-        }
-        const size_t timeSize = daySize > 0 ? wordSize(cell + daySize) : 0;
+        QString date;
         QString time;
-        if (timeSize > 0 && cell[daySize + timeSize] == '\0') {
-            time = QString::fromLatin1(cell + daySize, int(timeSize));
-        } else {
-            const QStringList dateTime = QString::fromUtf8(cell).split(QLatin1String(" "));
-            if (dateTime.size() != 2)
-                return;
-            date = dateTime.at(0);
-            time = dateTime.at(1);
-        }
+        if (!days.read(query.cell(row, 1), date, time))
+            return;
+        if (row == 0)
+            reserveFor(samples, query.rowCount()); // no sooner: a list that gets nothing must not grow
         DataContent &sample = appendNew(samples);
-        sample.date = date;
+        sample.date.swap(date);
         sample.time.swap(time);
         sample.value = toText(query.cell(row, 2));
     }
@@ -100,7 +82,7 @@ void history::insertManyDatas(QList<QStringList> &rows, QString table)
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    Execution(m_connection, "begin transaction");
+    executeSilently(m_connection, "begin transaction");
     StatementTemplate insert("insert into %1 values(NULL,'%2','%3')");
     const QString name = rereadLatin1(table);
     for (int i = 0; i < rows.size(); ++i) {
@@ -112,8 +94,7 @@ void history::insertManyDatas(QList<QStringList> &rows, QString table)
         }
         dateTime = rereadLatin1(dateTime.replace(QLatin1Char('/'), QLatin1Char('-')));
         value = rereadLatin1(value);
-        const QString *const cells[] = {&name, &dateTime, &value};
-        Execution(m_connection, insert.fill(cells));
+        executeSilently(m_connection, insert.fill(name, dateTime, value));
     }
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())
@@ -158,9 +139,9 @@ void history::findDataOfValue(QString value, QString end, void *list, QString ta
         return;
     QMutexLocker lock(&m_mutex);
     // Each template is filled before it is joined: a "%1" in the value stays what it is.
-    QString sql = QString::fromLatin1("select * from %1 where DATETIME <= '%2' AND Value LIKE ").arg(table).arg(end);
+    QString sql = chained("select * from %1 where DATETIME <= '%2' AND Value LIKE ", table, end);
     sql.append(QLatin1String("'%")).append(value).append(QLatin1String("%'"));
-    sql.append(QString::fromLatin1(" order by DATETIME %1;").arg(order));
+    sql.append(chained(" order by DATETIME %1;", order));
     const TableQuery query(m_connection, sql.toUtf8());
     if (query.failed()) {
         qDebug() << "findDataOfValue" << QString::fromLatin1(query.errorText());

@@ -13,8 +13,8 @@ struct DataContent {
 };
 Q_DECLARE_TYPEINFO(DataContent, Q_MOVABLE_TYPE);
 
-/// The store for sampled values: one value table a series, and tb_config, which lists them.
-/// What each operation promises stands at interface_data_base.
+/// The store for sampled values: one value table per series, and tb_config, which lists them.
+/// The operations are described at interface_data_base.
 class history : public interface_data_base
 {
 public:

@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "operatorlog_db.h"
 
+#include "private/cells.h"
+#include "private/query.h"
+#include "private/statement.h"
+
 #include <QDebug>
 #include <QMutexLocker>
 
 #include <helpsqlite.h>
+
+using namespace detail;
 
 namespace
 {
@@ -26,7 +32,7 @@ void appendEntries(const TableQuery &query, void *list)
     }
 }
 
-// Bounds always get their milliseconds, also when they hold some already.
+// Bounds always get milliseconds, even if they already have some.
 QString rangeStart(QString time)
 {
     return time.replace(QLatin1String("/"), QLatin1String("-")).append(QLatin1String(".000"));
@@ -63,8 +69,7 @@ void operatorlog_db::insertManyDatas(QList<QStringList> &rows, QString table)
     if (!m_connection)
         return;
     QMutexLocker lock(&m_mutex);
-    Execution(m_connection, "begin transaction");
-    // As by one arg() call after the other: a marker inside a cell is rewritten by the cells behind it.
+    executeSilently(m_connection, "begin transaction");
     StatementTemplate insert("insert into %1 values(NULL, '%2', '%3', '%4', '%5');");
     for (int i = 0; i < rows.size(); ++i) {
         const QStringList &row = rows.at(i);
@@ -73,8 +78,7 @@ void operatorlog_db::insertManyDatas(QList<QStringList> &rows, QString table)
         const QString user = helpSQLite::toSQLiteString(row.at(1));
         const QString log = helpSQLite::toSQLiteString(row.at(2));
         const QString message = helpSQLite::toSQLiteString(row.at(3));
-        const QString *const cells[] = {&table, &row.at(0), &user, &log, &message};
-        Execution(m_connection, insert.fill(cells));
+        executeSilently(m_connection, insert.fill(table, row.at(0), user, log, message));
     }
     const Execution commit(m_connection, "commit transaction");
     if (commit.failed())

@@ -12,12 +12,12 @@ struct OperatorLogData {
     QString userName;
     QString logName;
     QString message;
-    QDateTime dateTime; ///< Local time with milliseconds; invalid when the text is no such time.
+    QDateTime dateTime; ///< Local time with milliseconds; invalid if the text is not such a time.
 };
 Q_DECLARE_TYPEINFO(OperatorLogData, Q_MOVABLE_TYPE);
 
 /// The store for the operator log: who did what, to the millisecond.
-/// What each operation promises stands at interface_data_base.
+/// The operations are described at interface_data_base.
 class operatorlog_db : public interface_data_base
 {
 public:

@@ -491,6 +491,18 @@ TEST_F(AlarmQuery, FindDataByTimeGivesThePageInTheOrderOfTheIds)
     EXPECT_EQ(namesByTime(start, end, 5, 10), QStringList());
 }
 
+// Page times size is the offset: a negative page with the size -1 is a positive one.
+TEST_F(AlarmQuery, FindDataByTimeOfPageSizeMinus1LosesTheFirstAlarmsOfANegativePage)
+{
+    add50();
+    const QString start = "2024-01-01 00:00:01"_q;
+    const QString end = "2024-01-01 00:00:50"_q;
+    EXPECT_EQ(namesByTime(start, end, 0, -1), numbers(50, 1));
+    EXPECT_EQ(namesByTime(start, end, 3, -1), numbers(50, 1));
+    EXPECT_EQ(namesByTime(start, end, -1, -1), numbers(49, 1));
+    EXPECT_EQ(namesByTime(start, end, -2, -1), numbers(48, 1));
+}
+
 TEST_F(AlarmQuery, FindDataByTimeGivesEndedAlarmsTooWithAllTheirCells)
 {
     relay({"9"_q, "2"_q, "'2024-05-06 07:08:09'"_q, "'Kühler €'"_q, "NULL"_q, "'87.5'"_q, "'80'"_q, "''"_q,

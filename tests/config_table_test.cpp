@@ -134,4 +134,17 @@ TEST_P(ConfigTable, AnInsertIntoAnOpenTransactionCommitsIt)
     EXPECT_EQ(storedPairs(), (Rows{{"A"_q, "B"_q}, {"C"_q, "D"_q}}));
 }
 
+// As on a disk that fills up: SQLite may end the transaction within the insert.
+TEST_P(ConfigTable, AnInsertThatRollsBackMakesTheCommitFail)
+{
+    PlainConnection(path()).run(
+        "create table tb_config(ID INTEGER PRIMARY KEY AUTOINCREMENT,COLLECTOR text,NAME text);"
+        "create trigger t before insert on tb_config begin select raise(rollback, 'no'); end"_q);
+    Store &store = open();
+    store.insertConfig("A"_q, "B"_q);
+    EXPECT_EQ(log.take(), QStringList{streamed("insertManyDatas fail")});
+    EXPECT_NE(sqlite3_get_autocommit(trace.connection()), 0);
+    EXPECT_EQ(storedPairs(), Rows());
+}
+
 } // namespace

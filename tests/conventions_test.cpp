@@ -74,6 +74,14 @@ TEST_P(Opening, RunsNothingAndSetsNothing)
         EXPECT_EQ(settingOf(handle, setting), settingOf(plainHandle, setting)) << setting;
 }
 
+TEST_P(Opening, MakesAnEmptyFileAtOnce)
+{
+    Store &store = open();
+    EXPECT_EQ(bytesOf(path()), QByteArray());
+    EXPECT_TRUE(store.createTable("T"_q, "N"_q));
+    EXPECT_NE(bytesOf(path()), QByteArray());
+}
+
 TEST_P(Opening, TakesThePathAsUtf8)
 {
     const QString file = path() + "-Мощность-功率-ä.db"_q;

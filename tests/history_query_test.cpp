@@ -262,6 +262,17 @@ TEST_F(HistoryQuery, AMalformedFirstRowGivesNoRecord)
     EXPECT_EQ(values(), QStringList{"good"_q});
 }
 
+// A fresh list shares its data with no other that anything was reserved for.
+TEST_F(HistoryQuery, AListThatGetsNoRecordIsNotEvenReservedFor)
+{
+    addHours(0, 3);
+    add("''"_q, "'malformed'"_q);
+    QList<DataContent> fresh;
+    store().findDataOfTime(""_q, "z"_q, &fresh, "T"_q, "asc"_q);
+    EXPECT_EQ(fresh.size(), 0);
+    EXPECT_TRUE(fresh.isSharedWith(QList<DataContent>()));
+}
+
 TEST_F(HistoryQuery, ANullValueIsAnEmptyText)
 {
     add("'2024-01-01 00:00:00'"_q, "NULL"_q);
@@ -434,6 +445,17 @@ TEST_F(HistoryQuery, FindDataByTimeThatFailsHasEmptiedItsResultAndLogsTheQuotedE
         EXPECT_EQ(log.take(),
                   QStringList{streamed("findDataByTime", QString::fromLatin1("no such table: f\xC3\xBChler"))});
     }
+}
+
+// Each text ends there by itself; the statement goes on.
+TEST_F(HistoryQuery, FindDataByTimeDropsTheRestOfATextBehindANul)
+{
+    const QString junk = QChar(0) + "junk"_q;
+    Rows result;
+    store().findDataByTime("a"_q + junk, "z"_q + junk, 2, 10, result, "T"_q + junk);
+    EXPECT_EQ(trace.take(),
+              QStringList{"select * from 'T' where DATETIME between 'a' and 'z' order by ID limit 20,10"_q});
+    EXPECT_EQ(log.take(), QStringList());
 }
 
 /// A table name of letters of one kind, and the bounds and the page that its statement gets.

@@ -6,6 +6,7 @@
 
 #include <QFile>
 
+#include <chrono>
 #include <functional>
 #include <future>
 
@@ -165,6 +166,80 @@ TEST_P(Locking, TwoThreadsMayBothMakeATableAndOneOfThemFails)
         expected << "operatorlog Table create success!"_q
                  << "operatorlog Table create fail!"_q;
     EXPECT_EQ(log.take(), expected);
+}
+
+// Only selectConfigInfo asks for the mutex before it looks whether the store is open.
+TEST_P(Locking, AClosedStoreAnswersWithoutTheMutexButForItsConfiguration)
+{
+    const library::StorePtr store = library::store(key());
+    QMutex &mutex = reinterpret_cast<Fields *>(store.get())->mutex;
+    mutex.lock();
+    EXPECT_EQ(store->closeDB(), 0);
+    std::future<void> waiting;
+    for (const Call<Store> &call : calls<Store>()) {
+        SCOPED_TRACE(call.name);
+        if (call.slot != 25) {
+            Outcome outcome(GetParam());
+            call.on(*store, outcome);
+            EXPECT_EQ(outcome.answer(), call.refusal);
+            continue;
+        }
+        waiting = std::async(std::launch::async, [&] { EXPECT_EQ(store->selectConfigInfo(), QStringList()); });
+        EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    }
+    mutex.unlock();
+    waiting.get();
+    EXPECT_EQ(log.take(), QStringList());
+}
+
+TEST_P(Locking, WhatHasNoMeaningForTheKindAnswersWithoutTheMutex)
+{
+    prepareFile(path(), GetParam());
+    Store &store = open();
+    QMutex &mutex = reinterpret_cast<Fields *>(&store)->mutex;
+    mutex.lock();
+    for (const Call<Store> &call : calls<Store>()) {
+        if (meaningOf(call.name, GetParam()))
+            continue;
+        SCOPED_TRACE(call.name);
+        Outcome outcome(GetParam());
+        call.on(store, outcome);
+        EXPECT_EQ(outcome.answer(), call.refusal);
+    }
+    mutex.unlock();
+}
+
+/// What each message found: was the store held?
+std::function<void(const QString &)> onMessage;
+
+void look(QtMsgType, const QMessageLogContext &, const QString &text)
+{
+    onMessage(text);
+}
+
+// A message handler that calls the same store hangs, but in the messages of createTable.
+TEST_P(Locking, FailureMessagesAreWrittenWhileTheStoreIsHeldAndThoseOfCreateTableAreNot)
+{
+    Store &store = open(); // an empty file, in which nothing can be asked
+    QStringList held;
+    QStringList free;
+    onMessage = [&](const QString &text) { (isLocked(store) ? held : free).append(text); };
+    const QtMessageHandler before = qInstallMessageHandler(look);
+    for (const Call<Store> &call : calls<Store>()) {
+        if (call.slot == 3)
+            continue;
+        Outcome outcome(GetParam());
+        call.on(store, outcome);
+    }
+    EXPECT_FALSE(held.isEmpty());
+    EXPECT_EQ(free, QStringList());
+    held.clear();
+
+    EXPECT_TRUE(store.createTable("T"_q, "N"_q));
+    EXPECT_FALSE(store.createTable("no,table"_q, "N"_q));
+    qInstallMessageHandler(before);
+    EXPECT_EQ(held, QStringList());
+    EXPECT_EQ(free.size(), GetParam() == History ? 3 : 2);
 }
 
 TEST_P(Locking, OpeningHoldsTheStore)

@@ -180,6 +180,25 @@ TEST_P(Maintenance, AFailingCheckpointSaysSqlitesTextAlone)
     onTheStoresConnection("commit");
 }
 
+TEST_P(Maintenance, ACheckpointInATransactionThatHasReadOrWrittenFailsInEveryJournalMode)
+{
+    prepareRows(1);
+    for (const char *mode : {"delete", "wal"}) {
+        PlainConnection(path()).run("PRAGMA journal_mode=%1"_q.arg(QLatin1String(mode)));
+        Store &store = open();
+        onTheStoresConnection("begin");
+        store.dbWalCheckPoint();
+        EXPECT_EQ(log.take(), QStringList()) << mode;
+        for (const char *statement : {"select * from T", "insert into T values(NULL,'2024')"}) {
+            onTheStoresConnection(statement);
+            store.dbWalCheckPoint();
+            EXPECT_EQ(log.take(), QStringList{streamed("database table is locked")}) << mode << ": " << statement;
+        }
+        onTheStoresConnection("rollback");
+        closeStore();
+    }
+}
+
 // deleteDataForMax
 
 TEST_P(Maintenance, TrimmingPastesTheTableTwiceAndTheNumberUnchanged)

@@ -43,7 +43,7 @@ CALL = re.compile(r"^\s+(?!return\b|delete\b|throw\b)[A-Za-z_][\w:.\->]*(?: \w+)
 
 def mutants():
     """All of them: (file, line number, what was done, the line as it is then; of a call, as it was)."""
-    for path in sorted((ROOT / "src").glob("*.cpp")):
+    for path in sorted((ROOT / "src").rglob("*.cpp")):
         for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
             code = re.sub(r"\s*//.*$", "", line)
             if not code.strip() or code.lstrip().startswith("#"):
@@ -72,8 +72,8 @@ class Laboratory:
         self.compile = {}
         for entry in json.loads(database):
             source = (build / entry["file"]).resolve()
-            if source.parent == ROOT / "src" and source.suffix == ".cpp" and "CMakeFiles/device_database.dir" in entry["command"]:
-                self.compile[source.name] = re.sub(r"-O\d", "-O0", entry["command"])
+            if source.is_relative_to(ROOT / "src") and source.suffix == ".cpp" and "CMakeFiles/device_database.dir" in entry["command"]:
+                self.compile[source.relative_to(ROOT / "src")] = re.sub(r"-O\d", "-O0", entry["command"])
         # The programs in the order in which they tend to notice; the last ones take longest.
         names = [path.name for path in sorted((build / "tests").glob("*_test"))]
         late = ["model_test", "concurrency_test", "locking_test", "zones_test", "differential_test", "kill_test"]
@@ -87,10 +87,13 @@ class Laboratory:
             if self.compiled(name, folder / "src" / name):
                 raise SystemExit(f"mutants: {name} does not compile unchanged")
 
+    def object(self, name):
+        return self.folder / f"{name.name}.o"
+
     def compiled(self, name, source):
         """The compiler's complaint, or nothing."""
         command = self.compile[name]
-        output = self.folder / f"{name}.o"
+        output = self.object(name)
         command = re.sub(r" -o \S+", f" -o {output}", command)
         command = re.sub(r" -M[DTF]+(?: \S+\.o(?:\.d)?)?", "", command)
         command = re.sub(r" -c \S+", f" -c {source}", command).replace(" -Werror", "")
@@ -103,7 +106,7 @@ class Laboratory:
         qt = subprocess.run(["ldd", self.build / "src/libdevice_database.so"], capture_output=True, text=True,
                             check=True).stdout
         libraries = re.findall(r"=> (\S*lib(?:Qt\dCore|sqlite3)\.so\S*)", qt)
-        subprocess.run(["g++", "-shared", "-o", library, *(self.folder / f"{name}.o" for name in self.compile),
+        subprocess.run(["g++", "-shared", "-o", library, *(self.object(name) for name in self.compile),
                         f"-Wl,--version-script={ROOT / 'cmake/exported_names.map'}", tools, f"-Wl,-rpath,{tools.parent}",
                         *libraries], check=True)
         return library
@@ -142,7 +145,7 @@ def main():
         chosen = sorted(random.Random(arguments.seed).sample(chosen, arguments.count), key=lambda mutant: mutant[:2])
     if arguments.list:
         for path, number, kind, line in chosen:
-            print(f"{path.name}:{number}: {kind}: {line.strip()}")
+            print(f"{path.relative_to(ROOT)}:{number}: {kind}: {line.strip()}")
         return
     started = time.monotonic()
     noticed = broken = 0
@@ -152,15 +155,16 @@ def main():
         if (complaint := laboratory.notices(laboratory.linked())) is not None:
             raise SystemExit(f"mutants: {complaint} fails with the unchanged library")
         for at, (path, number, kind, line) in enumerate(chosen, 1):
-            copy = Path(name) / "src" / path.name
+            module = path.relative_to(ROOT / "src")
+            copy = Path(name) / "src" / module
             original = copy.read_text(encoding="utf-8")
             lines = original.splitlines()
             lines[number - 1] = ";" if kind == "without" else line
             copy.write_text("\n".join(lines) + "\n", encoding="utf-8")
-            where = f"{path.name}:{number}: {kind}: {line.strip()}"
-            built = Path(name) / f"{path.name}.o"
+            where = f"{module}:{number}: {kind}: {line.strip()}"
+            built = laboratory.object(module)
             unchanged = built.read_bytes()
-            if laboratory.compiled(path.name, copy):
+            if laboratory.compiled(module, copy):
                 broken += 1
                 by = "the compiler"
             else:

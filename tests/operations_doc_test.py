@@ -32,7 +32,7 @@ def blocks(page, language):
 
 def main(root):
     page = (root / "docs/operations.md").read_text(encoding="utf-8")
-    in_source = {text for file in sorted((root / "src").glob("*.cpp")) for text in literals(file.read_text("utf-8"))}
+    in_source = {text for file in sorted((root / "src").rglob("*.cpp")) for text in literals(file.read_text("utf-8"))}
     entry_points = declarations((root / "src/database.h").read_text("utf-8"), r"Q_DECL_EXPORT ([^;]+);")
     slots = declarations((root / "src/interface_data_base.h").read_text("utf-8"),
                          r"virtual ([^~;{]+?)(?: = 0)?;")

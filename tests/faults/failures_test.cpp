@@ -120,6 +120,34 @@ TEST_P(Failures, WithAWriteAheadLogTheLastToCloseLocksTheFileForAMoment)
     EXPECT_EQ(stored(), QStringList{"first"_q});
 }
 
+// A count cannot tell: it is 0 then as well.
+TEST_P(Failures, WithAWriteAheadLogAStoreThatHasSeenItsTableLosesNoFirstBatch)
+{
+    prepare(Journal::WriteAhead);
+    auto last = std::make_unique<PlainConnection>(storePath);
+    EXPECT_EQ(last->value("select count(*) from AlarmData"_q), "1"_q);
+    int logsRemoved = 0;
+    disk.beforeRemove([&](const QByteArray &name) {
+        logsRemoved += name.endsWith("-wal");
+        const library::StorePtr store = opened();
+        EXPECT_EQ(store->getDataCountOfTable("AlarmData"_q), 0);
+        EXPECT_EQ(log.take(), QStringList{streamed("database getDataCountOfTable failed;", "database is locked")});
+        EXPECT_FALSE(store->tableIsExist("AlarmData"_q));
+        EXPECT_EQ(log.take(), QStringList());
+    });
+    last.reset();
+    EXPECT_EQ(logsRemoved, 1);
+
+    const library::StorePtr store = opened();
+    EXPECT_TRUE(store->tableIsExist("AlarmData"_q));
+    PlainConnection(storePath).value("select count(*) from AlarmData"_q); // no longer the last when it closes
+    disk.beforeRemove({});
+    EXPECT_EQ(logsRemoved, 1);
+    insert(*store, {"first"_q});
+    EXPECT_EQ(stored(), QStringList{"first"_q});
+    EXPECT_EQ(log.take(), QStringList());
+}
+
 TEST_P(Failures, WhileAnotherConnectionWritesABatchVanishesWithoutAWord)
 {
     for (const Journal journal : {Journal::Delete, Journal::WriteAhead}) {
