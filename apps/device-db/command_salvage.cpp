@@ -49,9 +49,16 @@ QByteArray summary(const SalvageReport &report, const QString &target, int width
                       grouped(report.unknownPages));
     if (report.logPages > 0)
         lines << QStringLiteral("%1 pages were taken from the write-ahead log").arg(grouped(report.logPages));
-    if (!report.headerStands)
+    if (report.journalPages > 0)
+        lines << QStringLiteral("%1 pages were taken from the rollback journal: its transaction was never committed")
+                     .arg(grouped(report.journalPages));
+    if (report.journalDamaged)
+        lines << QStringLiteral(
+            "The rollback journal is damaged: rows of a transaction that was never committed may be "
+            "among these");
+    if (!report.headerIntact)
         lines << QStringLiteral("The beginning of the file is gone.");
-    else if (!report.schemaStands)
+    else if (!report.schemaIntact)
         lines << QStringLiteral("The list of the tables is damaged.");
     if (report.rejectedCells > 0)
         lines << QStringLiteral("%1 rows stood in part only and were left out").arg(grouped(report.rejectedCells));
@@ -69,17 +76,40 @@ QByteArray summary(const SalvageReport &report, const QString &target, int width
     return text;
 }
 
+Status openBytes(QFile &file)
+{
+    if (file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+        return {};
+    return failure(file.fileName(), file.errorString() + QStringLiteral("; check its rights and the medium"));
+}
+
+// A log that is there is not left out silently.
+Status openLog(QFile &file)
+{
+    return file.exists() && file.size() > 0 ? openBytes(file) : Status();
+}
+
 Outcome run(const SalvageCommand &command)
 {
-    if (!QFileInfo(command.damaged).isFile())
+    if (!QFileInfo::exists(command.damaged))
         return failure(command.damaged, QStringLiteral("there is no such file; check the name"));
+    if (!QFileInfo(command.damaged).isFile())
+        return failure(command.damaged, QStringLiteral("this is not a file; name a database file"));
     if (QFileInfo(command.damaged) == QFileInfo(command.target))
         return failure(command.target, QStringLiteral("this is the damaged file; take another name for the new one"));
     QFile file(command.damaged);
-    QFile wal(command.damaged + QLatin1String("-wal"));
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return failure(command.damaged, file.errorString() + QStringLiteral("; check its rights and the medium"));
-    const bool hasLog = wal.open(QIODevice::ReadOnly | QIODevice::Unbuffered);
+    QFile log(command.damaged + QLatin1String("-wal"));
+    QFile journal(command.damaged + QLatin1String("-journal"));
+    Status opened = openBytes(file);
+    if (opened)
+        opened = openLog(log);
+    if (opened)
+        opened = openLog(journal);
+    if (!opened)
+        return opened.error();
+    DamagedFiles files{file};
+    files.writeAheadLog = log.isOpen() ? &log : nullptr;
+    files.rollbackJournal = journal.isOpen() ? &journal : nullptr;
     auto target = NewFile::make(command.target, command.force);
     if (!target)
         return target.error();
@@ -96,7 +126,7 @@ Outcome run(const SalvageCommand &command)
         SalvageOptions options;
         options.pageSize = command.pageSize;
         options.progress = [&](double part) { progress.show(qint64(part * 1000), 1000, 0); };
-        auto salvaged = salvage(file, hasLog ? &wal : nullptr, database->handle(), options);
+        auto salvaged = salvage(files, *database, options);
         if (!salvaged)
             return salvaged.error();
         report = *salvaged;
@@ -135,7 +165,7 @@ Outcome run(const SalvageCommand &command)
     writer->settle();
     if (forPeople)
         output.write('\n' + summary(report, command.target, output.width()));
-    return lost > 0 || !report.schemaStands ? Attention : Done;
+    return lost > 0 || !report.schemaIntact || report.journalDamaged ? Attention : Done;
 }
 
 } // namespace
@@ -145,8 +175,8 @@ void addSalvage(Program &program)
     CLI::App *const command = program.add(
         "salvage", "Get the rows out of a damaged file into a new one",
         "Reads every page of DAMAGED, also when its beginning is gone, pages are overwritten or the end is missing, and "
-        "writes the rows that stand in full, with their IDs, to NEW. DAMAGED is never written. A write-ahead log beside "
-        "it is taken into account. Rows of a table of which nothing tells the name come into tables called "
+        "writes the rows that stand in full, with their IDs, to NEW. DAMAGED is never written. A write-ahead log or a "
+        "rollback journal beside it is taken into account. Rows of a table of which nothing tells the name come into tables called "
         "salvaged_..., in several where nothing tells what belongs together. \"Lost pages\" are those that a table still names and "
         "that hold nothing any more. Exit code 3: something is lost.");
     const auto options = std::make_shared<SalvageCommand>();

@@ -2,52 +2,58 @@
 #ifndef DEVICE_DB_DAMAGED_FILE_H
 #define DEVICE_DB_DAMAGED_FILE_H
 
+#include "page_images.h"
 #include "sqlite_pages.h"
-
-#include <QHash>
-#include <QIODevice>
 
 namespace device_db
 {
+
+/// A database file and the logs beside it, which belong to its state. All are open for reading and can be positioned.
+struct DamagedFiles {
+    QIODevice &file;
+    QIODevice *writeAheadLog = nullptr;   ///< Null when there is none.
+    QIODevice *rollbackJournal = nullptr; ///< Null when there is none.
+};
 
 /// The pages of a database file of which nothing is taken for granted. It is only ever read.
 class DamagedFile
 {
 public:
-    /// Both devices are open and can be positioned. `wal`: the write-ahead log that stands beside the file; its
-    /// committed pages, up to the first frame that does not fit, are taken in place of the file's.
-    /// `pageSize` 0: from the file's header, the log's header, or found out by trying.
-    DamagedFile(QIODevice &file, QIODevice *wal, quint32 pageSize);
+    /// In place of a page of the file comes its committed image in the write-ahead log, or the original image in the
+    /// rollback journal of a transaction that was never committed; in this order, as SQLite recovers a file.
+    /// `pageSize` 0: from a log's header, or found by trying. The devices outlive this object.
+    DamagedFile(const DamagedFiles &files, quint32 pageSize);
 
-    bool headerStands() const { return m_headerStands; }
+    bool headerIntact() const { return m_headerIntact; }
     quint32 pageSize() const { return m_pageSize; }
+    /// As far as the pages go that exist, or that the file says it had before it was cut.
     quint32 lastPage() const { return m_lastPage; }
-    std::vector<quint32> pages() const; ///< The numbers of all that are there, ascending.
-    quint32 logPages() const { return quint32(m_log.size()); }
-    quint32 firstFreePage() const { return m_firstFreePage; } ///< 0: none, or nobody knows.
+    std::vector<quint32> pages() const; ///< The numbers of all that exist, ascending.
+    quint32 logPages() const { return quint32(m_log.offsets.size()); }
+    quint32 journalPages() const { return quint32(m_journal.offsets.size()); }
+    bool journalDamaged() const { return m_journal.damaged; }
+    quint32 firstFreePage() const { return m_firstFreePage; } ///< 0: none, or unknown.
     Encoding encoding() const { return m_encoding; }
     void setEncoding(Encoding encoding) { m_encoding = encoding; }
 
-    /// The usable bytes of page 1 and up; cut where the file is cut, empty where there is none. `torn` is set
-    /// when the page is not there in full.
+    /// The usable bytes of page 1 and up, zeros where the file is cut within it; empty for a page that does not exist.
+    /// `torn` is set when it is not all there.
     QByteArray page(quint32 number, bool *torn = nullptr) const;
 
 private:
-    QByteArray readAt(QIODevice &device, qint64 offset, qint64 size) const;
     void readHeader();
-    void readLog(QIODevice &wal);
     quint32 likelyPageSize() const;
 
-    QIODevice &m_file;
-    QIODevice *m_wal;
-    bool m_headerStands = false;
+    DamagedFiles m_files;
+    bool m_headerIntact = false;
     quint32 m_pageSize = 0;
     quint32 m_reserved = 0;
-    quint32 m_filePages = 0;
+    quint32 m_filePages = 0; ///< How many pages of the file belong to the database.
     quint32 m_lastPage = 0;
     quint32 m_firstFreePage = 0;
     Encoding m_encoding = Encoding::Utf8;
-    QHash<quint32, qint64> m_log; ///< The place of the newest committed copy of a page.
+    PageImages m_log;
+    PageImages m_journal;
 };
 
 } // namespace device_db

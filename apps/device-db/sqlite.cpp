@@ -98,6 +98,16 @@ void Statement::bind(int place, qint64 number)
     sqlite3_bind_int64(m_statement.get(), place, number);
 }
 
+void Statement::bind(int place, double number)
+{
+    sqlite3_bind_double(m_statement.get(), place, number);
+}
+
+void Statement::bindBlob(int place, const QByteArray &bytes)
+{
+    sqlite3_bind_blob(m_statement.get(), place, bytes.constData(), int(bytes.size()), SQLITE_TRANSIENT);
+}
+
 Database::Database(sqlite3 *connection, QString name) : m_connection(connection), m_name(std::move(name)) {}
 
 void Database::Close::operator()(sqlite3 *connection) const
@@ -163,6 +173,11 @@ Result<QByteArray> Database::text(const QByteArray &sql) const
         return QByteArray();
     }
     return statement->cell(0);
+}
+
+qint64 Database::changes() const
+{
+    return sqlite3_changes(handle());
 }
 
 QByteArray identifier(const QString &name)

@@ -30,8 +30,10 @@ public:
     qint64 number(int column) const;
     int type(int column) const; ///< SQLITE_TEXT and the like.
 
-    void bind(int place, const QByteArray &text);
+    void bind(int place, const QByteArray &text); ///< NULL for a null array.
     void bind(int place, qint64 number);
+    void bind(int place, double number);
+    void bindBlob(int place, const QByteArray &bytes);
 
 private:
     friend class Database;
@@ -58,6 +60,8 @@ public:
     Status run(const QByteArray &sql) const;
     Result<qint64> number(const QByteArray &sql) const;
     Result<QByteArray> text(const QByteArray &sql) const;
+
+    qint64 changes() const; ///< Rows that the last insert, update or delete has changed.
 
     QString name() const { return m_name; }
     sqlite3 *handle() const { return m_connection.get(); }

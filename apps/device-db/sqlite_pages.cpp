@@ -32,11 +32,12 @@ struct Extent {
     size_t end;
 };
 
-// Whether cells and free blocks fill the content area to the last byte, as in every page that SQLite wrote.
-bool fillsContent(Bytes page, size_t header, std::vector<Extent> extents)
+// Whether cells and free blocks fill the content area to the last byte, as in every page that SQLite wrote. `cells`:
+// where the list of the cells ends.
+bool fillsContent(Bytes page, size_t header, size_t cells, std::vector<Extent> extents)
 {
     const size_t content = page.number(header + 5, 2) ? size_t(page.number(header + 5, 2)) : 65536;
-    if (content > page.size() || content < header + 8 + 2 * size_t(page.number(header + 3, 2)))
+    if (content > page.size() || content < cells)
         return false;
     for (size_t block = size_t(page.number(header + 1, 2)); block != 0;) {
         const size_t next = size_t(page.number(block, 2));
@@ -154,7 +155,7 @@ std::optional<Leaf> readLeaf(Bytes page, bool first)
         leaf.cells.push_back(*cell);
         extents.push_back(extent);
     }
-    leaf.sound = leaf.rejected == 0 && ascending && fillsContent(page, header, std::move(extents));
+    leaf.sound = leaf.rejected == 0 && ascending && fillsContent(page, header, cells, std::move(extents));
     return leaf;
 }
 
@@ -166,9 +167,12 @@ std::vector<Child> readInterior(Bytes page, bool first, quint32 pageCount)
     if (pageType(page, first) != PageType::TableInterior || cells > page.size())
         return {};
     std::vector<Child> children;
+    std::vector<Extent> extents;
+    bool allExist = true;
     const auto add = [&](quint32 child, qint64 key) {
         children.push_back({child, key});
-        return child >= 2 && child <= pageCount;
+        allExist = allExist && child <= pageCount;
+        return child >= 2;
     };
     for (size_t i = 0; i < count; ++i) {
         const size_t offset = size_t(page.number(header + 12 + 2 * i, 2));
@@ -176,8 +180,9 @@ std::vector<Child> readInterior(Bytes page, bool first, quint32 pageCount)
         if (offset < cells || key.size == 0 || (i > 0 && children.back().lastRowid >= qint64(key.value)) ||
             !add(page.page(offset), qint64(key.value)))
             return {};
+        extents.push_back({offset, offset + 4 + key.size});
     }
-    if (!add(page.page(header + 8), 0))
+    if (!add(page.page(header + 8), 0) || (!allExist && !fillsContent(page, header, cells, std::move(extents))))
         return {};
     return children;
 }

@@ -78,7 +78,8 @@ struct Child {
     qint64 lastRowid; ///< None of its rows has a greater one.
 };
 /// The children of an interior page of a table; the last one's lastRowid has no meaning. Empty when the page is
-/// not whole in every detail.
+/// not whole in every detail. A child beyond `pageCount`, where a file is cut, counts only when the page is also filled
+/// to the last byte, as SQLite writes it.
 std::vector<Child> readInterior(Bytes page, bool first, quint32 pageCount);
 
 struct Value {
