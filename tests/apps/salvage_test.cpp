@@ -6,7 +6,7 @@
 #include "plain_connection.h"
 #include "text_literal.h"
 
-#include "salvage.h"
+#include "storefile/salvage/salvage.h"
 
 #include "device/library.h"
 #include "device/store.h"

@@ -2,7 +2,7 @@
 //
 // The input is a damaged database file and, as its last byte, what else is so: below 64, its second half is the
 // write-ahead log; odd, pages have 512 bytes. Rows that are said to be found stand in the new file.
-#include "salvage.h"
+#include "storefile/salvage/salvage.h"
 
 #include <QBuffer>
 
