@@ -3,7 +3,7 @@
 
 #include "text_literal.h"
 
-#include "sqlite.h"
+#include "storefile/sqlite.h"
 
 #include "device/library.h"
 #include "device/store.h"

@@ -3,7 +3,7 @@
 
 #include "plain_connection.h"
 
-#include "salvage.h"
+#include "storefile/salvage/salvage.h"
 
 #include <map>
 #include <random>

@@ -5,7 +5,7 @@
 #include "salvage_files.h"
 #include "text_literal.h"
 
-#include "sqlite.h"
+#include "storefile/sqlite.h"
 
 #include <QBuffer>
 #include <QFile>

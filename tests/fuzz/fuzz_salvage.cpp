@@ -3,8 +3,8 @@
 // The input is a damaged database file and, as its last byte, what else is so: below 64, its second half is the
 // write-ahead log, below 128 the rollback journal; odd, pages have 512 bytes. Rows that are said to be found are in the
 // new file.
-#include "salvage.h"
-#include "sqlite.h"
+#include "storefile/salvage/salvage.h"
+#include "storefile/sqlite.h"
 
 #include <QBuffer>
 
