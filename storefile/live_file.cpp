@@ -425,6 +425,12 @@ Result<ReadableFile> openForReading(const QString &path, const ReadOptions &opti
     return ReadableFile(path, nullptr, true);
 }
 
+bool isLocked(const QString &path)
+{
+    const Source source(path);
+    return source.isOpen() && source.isInUse();
+}
+
 Result<OpenFile> openFile(const QString &path, const ReadOptions &options)
 {
     auto file = openForReading(path, options);

@@ -50,6 +50,10 @@ private:
 /// Opens and closes the file: not for a process that holds locks on it, which POSIX would drop then.
 Result<ReadableFile> openForReading(const QString &path, const ReadOptions &options);
 
+/// Whether another process holds one of SQLite's locks on the file: in write-ahead mode each one that has it open, in
+/// rollback-journal mode one that reads or writes at this moment.
+bool isLocked(const QString &path);
+
 /// A file to read from and the connection to it.
 struct OpenFile {
     ReadableFile file; ///< Outlives the connection.

@@ -186,6 +186,35 @@ qint64 Database::changes() const
     return sqlite3_changes(handle());
 }
 
+Result<qint64> copyPages(const Database &from, const Database &to, const std::function<void(qint64, qint64)> &progress)
+{
+    constexpr int pagesAStep = 256;
+    if (const Status begun = from.run("begin; select count(*) from sqlite_master"); !begun)
+        return begun.error();
+    sqlite3_backup *const backup = sqlite3_backup_init(to.handle(), "main", from.handle(), "main");
+    if (!backup)
+        return failure(to.name(), QString::fromUtf8(sqlite3_errmsg(to.handle())));
+    int code = SQLITE_OK;
+    while (code == SQLITE_OK) {
+        code = sqlite3_backup_step(backup, pagesAStep);
+        const qint64 all = sqlite3_backup_pagecount(backup);
+        if (progress)
+            progress(all - sqlite3_backup_remaining(backup), all);
+    }
+    const qint64 pages = sqlite3_backup_pagecount(backup);
+    sqlite3_backup_finish(backup);
+    if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB)
+        return failure(
+            from.name(),
+            QStringLiteral("%1; \"device-db salvage\" gets rows out").arg(QString::fromUtf8(sqlite3_errstr(code))));
+    if (code != SQLITE_DONE)
+        return failure(to.name(), QString::fromUtf8(sqlite3_errstr(code)) +
+                                      QStringLiteral("; check free space, rights and the medium"));
+    if (const Status ended = from.run("commit"); !ended)
+        return ended.error();
+    return pages;
+}
+
 QByteArray identifier(const QString &name)
 {
     QByteArray inside = name.toUtf8();

@@ -7,6 +7,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <functional>
 #include <memory>
 
 struct sqlite3;
@@ -77,6 +78,12 @@ private:
     std::unique_ptr<sqlite3, Close> m_connection;
     QString m_name;
 };
+
+/// Copies one committed state of a file over another, page by page and whatever is on the pages. Holds one read
+/// transaction from the first page to the last, so that a writer neither waits nor makes it begin anew. The number of
+/// pages. `progress` is called with the pages that are done and all; may be empty.
+Result<qint64> copyPages(const Database &from, const Database &to,
+                         const std::function<void(qint64, qint64)> &progress = {});
 
 /// An identifier between double quotes.
 QByteArray identifier(const QString &name);

@@ -5,12 +5,16 @@
 #include "salvage_files.h"
 #include "text_literal.h"
 
+#include "storefile/salvage/damaged_source.h"
+#include "storefile/sqlite.h"
+
 #include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <functional>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -268,6 +272,115 @@ TEST_F(SalvageLogs, PagesThatTheLogHasTakenAwayAreNotLookedAt)
     EXPECT_EQ(salvaged.report.pages, device.value("pragma page_count"_q).toLongLong());
     EXPECT_EQ(salvaged.report.deletedRows, 0);
     EXPECT_EQ(salvaged.tables.at("Boiler"_q).size(), 1000u);
+}
+
+/// Another process that has the file open until this object goes.
+class User
+{
+public:
+    /// `use` runs there for ever; the object is made when it calls `isReady`.
+    User(const QString &path, const std::function<void(const std::function<void()> &isReady)> &use)
+    {
+        int ready[2];
+        EXPECT_EQ(pipe(ready), 0);
+        m_process = fork();
+        if (m_process == 0) {
+            QFile file(path);
+            (void)file.open(QIODevice::ReadOnly);
+            use([&] { (void)!::write(ready[1], "", 1); });
+            _exit(0);
+        }
+        char byte;
+        EXPECT_EQ(read(ready[0], &byte, 1), 1);
+        close(ready[0]);
+        close(ready[1]);
+    }
+    ~User()
+    {
+        ::kill(m_process, SIGKILL);
+        waitpid(m_process, nullptr, 0);
+    }
+    Q_DISABLE_COPY(User)
+
+private:
+    pid_t m_process;
+};
+
+/// Goes on writing batches of equal rows.
+void writeForEver(const QString &path, const char *mode, const std::function<void()> &isReady)
+{
+    const auto store = library::store("historyDB");
+    QList<QStringList> rows;
+    store->openDB(path);
+    store->execSQL({"pragma journal_mode=%1"_q.arg(QString::fromLatin1(mode))}, rows, 1);
+    store->execSQL({"pragma wal_autocheckpoint=20"_q}, rows, 1);
+    store->createTable("Boiler"_q, "Boiler 1"_q);
+    for (int batch = 0;; ++batch) {
+        rows.clear();
+        for (int i = 0; i < 20; ++i)
+            rows << QStringList{"2024-05-06 07:08:09"_q, QString::number(batch)};
+        store->insertManyDatas(rows, "Boiler"_q);
+        if (batch == 100)
+            isReady();
+        usleep(2000);
+    }
+}
+
+using SalvageLive = SalvageLogs;
+
+TEST_F(SalvageLive, AFileThatIsWrittenComesInOneState)
+{
+    for (const char *mode : {"wal", "delete"}) {
+        SCOPED_TRACE(mode);
+        QFile::remove(path());
+        const User writer(path(), [&](const auto &isReady) { writeForEver(path(), mode, isReady); });
+        for (int i = 0; i < 5; ++i) {
+            device_db::ReadOptions options;
+            options.deadline = std::chrono::seconds(20);
+            const auto source = device_db::DamagedSource::open(path(), options);
+            ASSERT_TRUE(source.ok()) << source.error().cause().toStdString();
+            EXPECT_TRUE(source->isSnapshot());
+            EXPECT_TRUE(source->whyNoSnapshot().isNull()) << source->whyNoSnapshot().toStdString();
+            const QString rows = path("rows.db");
+            const auto report = device_db::salvage(source->files(), makeTarget(rows));
+            ASSERT_TRUE(report.ok());
+            EXPECT_EQ(report->rejectedCells + report->duplicates + report->damagedPages, 0);
+            PlainConnection salvaged(rows);
+            EXPECT_EQ(salvaged.value("select max(ID)-count(*) from Boiler"_q), "0"_q);
+            EXPECT_EQ(
+                salvaged.value("select count(*) from (select 1 from Boiler group by Value having count(*)!=20)"_q),
+                "0"_q);
+            EXPECT_GT(report->rows(), 2000);
+        }
+    }
+}
+
+TEST_F(SalvageLive, AFileThatIsInUseAndHasNoBeginningIsReadAllTheSame)
+{
+    QByteArray bytes = makeFile(1, 300).bytes;
+    std::mt19937 random(1);
+    damage(bytes, 0, 4096, random);
+    write(bytes);
+    const User user(path(), [](const auto &isReady) {
+        isReady();
+        pause();
+    });
+    const auto source = device_db::DamagedSource::open(path());
+    ASSERT_TRUE(source.ok()) << source.error().cause().toStdString();
+    EXPECT_FALSE(source->isSnapshot());
+    EXPECT_TRUE(source->whyNoSnapshot().contains("process"_q));
+    const auto report = device_db::salvage(source->files(), makeTarget(path("rows.db")));
+    ASSERT_TRUE(report.ok());
+    EXPECT_GT(report->rows(), 600);
+}
+
+TEST_F(SalvageLive, AFileThatNobodyUsesIsNotCopied)
+{
+    makeTarget(path());
+    const auto source = device_db::DamagedSource::open(path());
+    ASSERT_TRUE(source.ok());
+    EXPECT_FALSE(source->isSnapshot());
+    EXPECT_TRUE(source->whyNoSnapshot().isNull());
 }
 
 } // namespace

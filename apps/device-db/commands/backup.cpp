@@ -8,8 +8,6 @@
 #include "storefile/texts.h"
 #include "terminal/progress.h"
 
-#include <sqlite3.h>
-
 #include <QFileInfo>
 
 namespace device_db
@@ -24,35 +22,6 @@ struct BackupCommand {
     QString target;
     bool force = false;
 };
-
-// One read transaction holds from the first page to the last, so that a writer neither waits nor makes it begin anew.
-Result<qint64> copyPages(const Database &from, const Database &to)
-{
-    constexpr int pagesAStep = 256;
-    if (const Status begun = from.run("begin; select count(*) from sqlite_master"); !begun)
-        return begun.error();
-    sqlite3_backup *const backup = sqlite3_backup_init(to.handle(), "main", from.handle(), "main");
-    if (!backup)
-        return failure(to.name(), QString::fromUtf8(sqlite3_errmsg(to.handle())));
-    Progress progress(QStringLiteral("pages"));
-    int code = SQLITE_OK;
-    while (code == SQLITE_OK) {
-        code = sqlite3_backup_step(backup, pagesAStep);
-        const qint64 all = sqlite3_backup_pagecount(backup);
-        const qint64 done = all - sqlite3_backup_remaining(backup);
-        progress.show(done, all, done);
-    }
-    const qint64 pages = sqlite3_backup_pagecount(backup);
-    sqlite3_backup_finish(backup);
-    if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB)
-        return failure(
-            from.name(),
-            QStringLiteral("%1; \"device-db salvage\" gets rows out").arg(QString::fromUtf8(sqlite3_errstr(code))));
-    if (code != SQLITE_DONE)
-        return failure(to.name(), QString::fromUtf8(sqlite3_errstr(code)) +
-                                      QStringLiteral("; check free space, rights and the medium"));
-    return pages;
-}
 
 Outcome run(const BackupCommand &command)
 {
@@ -69,7 +38,9 @@ Outcome run(const BackupCommand &command)
         const auto to = Database::open(target->part(), Database::ReadWrite, command.target);
         if (!to)
             return to.error();
-        const auto copied = copyPages(file->database, *to);
+        Progress progress(QStringLiteral("pages"));
+        const auto copied =
+            copyPages(file->database, *to, [&](qint64 done, qint64 all) { progress.show(done, all, done); });
         if (!copied)
             return copied.error();
         pages = *copied;

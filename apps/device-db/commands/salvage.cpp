@@ -4,6 +4,7 @@
 #include "commands/options.h"
 #include "program/program.h"
 #include "storefile/new_file.h"
+#include "storefile/salvage/damaged_source.h"
 #include "storefile/salvage/salvage.h"
 #include "storefile/texts.h"
 #include "terminal/progress.h"
@@ -78,40 +79,15 @@ QByteArray summary(const SalvageReport &report, const QString &target, int width
     return text;
 }
 
-Status openBytes(QFile &file)
-{
-    if (file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return {};
-    return failure(file.fileName(), file.errorString() + QStringLiteral("; check its rights and the medium"));
-}
-
-// A log that is there is not left out silently.
-Status openLog(QFile &file)
-{
-    return file.exists() && file.size() > 0 ? openBytes(file) : Status();
-}
-
 Outcome run(const SalvageCommand &command)
 {
-    if (!QFileInfo::exists(command.damaged))
-        return failure(command.damaged, QStringLiteral("there is no such file; check the name"));
-    if (!QFileInfo(command.damaged).isFile())
-        return failure(command.damaged, QStringLiteral("this is not a file; name a database file"));
-    if (QFileInfo(command.damaged) == QFileInfo(command.target))
+    if (QFileInfo::exists(command.damaged) && QFileInfo(command.damaged) == QFileInfo(command.target))
         return failure(command.target, QStringLiteral("this is the damaged file; take another name for the new one"));
-    QFile file(command.damaged);
-    QFile log(command.damaged + QLatin1String("-wal"));
-    QFile journal(command.damaged + QLatin1String("-journal"));
-    Status opened = openBytes(file);
-    if (opened)
-        opened = openLog(log);
-    if (opened)
-        opened = openLog(journal);
-    if (!opened)
-        return opened.error();
-    DamagedFiles files{file};
-    files.writeAheadLog = log.isOpen() ? &log : nullptr;
-    files.rollbackJournal = journal.isOpen() ? &journal : nullptr;
+    const auto source = DamagedSource::open(command.damaged);
+    if (!source)
+        return source.error();
+    if (!source->whyNoSnapshot().isNull())
+        complain(QStringLiteral("%1: %2").arg(command.damaged, source->whyNoSnapshot()));
     auto target = NewFile::make(command.target, command.force);
     if (!target)
         return target.error();
@@ -128,7 +104,7 @@ Outcome run(const SalvageCommand &command)
         SalvageOptions options;
         options.pageSize = command.pageSize;
         options.progress = [&](double part) { progress.show(qint64(part * 1000), 1000, 0); };
-        auto salvaged = salvage(files, *database, options);
+        auto salvaged = salvage(source->files(), *database, options);
         if (!salvaged)
             return salvaged.error();
         report = *salvaged;
@@ -167,7 +143,8 @@ Outcome run(const SalvageCommand &command)
     writer->settle();
     if (forPeople)
         output.write('\n' + summary(report, command.target, output.width()));
-    return lost > 0 || !report.schemaIntact || report.journalDamaged ? Attention : Done;
+    const bool isAll = lost == 0 && report.schemaIntact && !report.journalDamaged && source->whyNoSnapshot().isNull();
+    return isAll ? Done : Attention;
 }
 
 } // namespace
@@ -177,10 +154,11 @@ void addSalvage(Program &program)
     CLI::App *const command = program.add(
         "salvage", "Get the rows out of a damaged file into a new one",
         "Reads every page of DAMAGED, also when its beginning is gone, pages are overwritten or the end is missing, and "
-        "writes the rows that stand in full, with their IDs, to NEW. DAMAGED is never written. A write-ahead log or a "
-        "rollback journal beside it is taken into account. Rows of a table of which nothing tells the name come into tables called "
-        "salvaged_..., in several where nothing tells what belongs together. \"Lost pages\" are those that a table still names and "
-        "that hold nothing any more. Exit code 3: something is lost.");
+        "writes the rows that are there in full, with their IDs, to NEW. DAMAGED is never written. A write-ahead log or "
+        "a rollback journal beside it is taken into account, and a file that is in use is read from a snapshot. Rows of "
+        "a table whose name is lost go into tables called salvaged_..., into several where nothing says what belongs "
+        "together. \"Lost pages\" are those that a table still names and that hold nothing any more, \"Partial\" are "
+        "rows that were left out because a part of them is gone. Exit code 3: something is lost.");
     const auto options = std::make_shared<SalvageCommand>();
     addText(command, "DAMAGED", options->damaged, "The damaged file")->type_name("")->required();
     addText(command, "NEW", options->target, "The file to make")->type_name("")->required();
