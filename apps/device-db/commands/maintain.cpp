@@ -217,71 +217,107 @@ Outcome checkpoint(const MaintainOptions &options)
     return Done;
 }
 
-Outcome tune(const MaintainOptions &options)
+/// What tune does to a file.
+struct Tuning {
+    QList<QByteArray> indexes; ///< Statements.
+    QByteArray journal;        ///< The mode to set; empty: it is set.
+    QStringList changes;       ///< In words.
+};
+
+Result<Tuning> tuningOf(const Database &database, bool undo)
 {
-    const auto database = openForWriting(options.file);
-    if (!database)
-        return database.error();
-    QStringList changes;
-    QList<QByteArray> statements;
-    const auto journal = database->text("pragma journal_mode");
+    Tuning tuning;
+    const auto journal = database.text("pragma journal_mode");
     if (!journal)
         return journal.error();
-    const bool isWal = *journal == "wal";
-    if (isWal == options.undo) {
-        statements << (options.undo ? "pragma journal_mode=delete" : "pragma journal_mode=wal");
-        changes << (options.undo ? QStringLiteral("journal: rollback; readers can make the device's commits fail")
-                                 : QStringLiteral("journal: write-ahead; readers no longer disturb the device"));
+    if ((*journal == "wal") == undo) {
+        tuning.journal = undo ? "delete" : "wal";
+        tuning.changes << (undo ? QStringLiteral("journal: rollback; readers can make the device's commits fail")
+                                : QStringLiteral("journal: write-ahead; readers no longer disturb the device"));
     }
-    const auto tables = tablesOf(*database);
+    const auto tables = tablesOf(database);
     if (!tables)
         return tables.error();
     for (const Table &table : *tables) {
         if (!holdsRecords(table.kind))
             continue;
         const QString name = table.name + QLatin1String("_time"); // as the host layer names it
-        auto index = database->prepare("select coalesce(sum(l.name=?2),0),count(*) from pragma_index_list(?1) l join "
-                                       "pragma_index_info(l.name) i where i.seqno=0 and upper(i.name)='DATETIME'");
+        auto index = database.prepare("select coalesce(sum(l.name=?2),0),count(*) from pragma_index_list(?1) l join "
+                                      "pragma_index_info(l.name) i where i.seqno=0 and upper(i.name)='DATETIME'");
         if (!index)
             return index.error();
         index->bind(1, table.name.toUtf8());
         index->bind(2, name.toUtf8());
         if (!index->step())
-            return index->status() ? failure(options.file.path, QStringLiteral("no answer about indexes"))
+            return index->status() ? failure(database.name(), QStringLiteral("no answer about indexes"))
                                    : index->status().error();
-        if (options.undo && index->number(0) > 0) {
-            statements << "drop index " + identifier(name);
-            changes << QStringLiteral("%1: no index on time").arg(table.name);
-        } else if (!options.undo && index->number(1) == 0) {
-            statements << "create index " + identifier(name) + " on " + identifier(table.name) + "(DATETIME)";
-            changes << QStringLiteral("%1: an index on time").arg(table.name);
+        if (undo && index->number(0) > 0) {
+            tuning.indexes << "drop index " + identifier(name);
+            tuning.changes << QStringLiteral("%1: no index on time").arg(table.name);
+        } else if (!undo && index->number(1) == 0) {
+            tuning.indexes << "create index " + identifier(name) + " on " + identifier(table.name) + "(DATETIME)";
+            tuning.changes << QStringLiteral("%1: an index on time").arg(table.name);
         }
     }
-    if (changes.isEmpty()) {
-        say(QStringLiteral("%1: nothing to change").arg(options.file.path));
+    return tuning;
+}
+
+// The indexes first and together: they are what a full disk or Ctrl-C meets, and are then undone. The journal, which
+// cannot be set within a transaction, takes no time.
+Status apply(const Tuning &tuning, const Database &database)
+{
+    QByteArray indexes("begin immediate;");
+    for (const QByteArray &statement : tuning.indexes)
+        indexes += statement + ';';
+    if (const Status made = database.run(indexes + "commit"); !made) {
+        (void)database.run("rollback"); // SQLite may have done so itself
+        return failure(database.name(), made.error().cause() + QStringLiteral(". Nothing was changed"));
+    }
+    if (tuning.journal.isEmpty())
+        return {};
+    const auto now = database.text("pragma journal_mode=" + tuning.journal);
+    if (now && *now == tuning.journal)
+        return {};
+    return failure(database.name(),
+                   (now ? QStringLiteral("the journal stays as it is; the file system may take no write-ahead log")
+                        : now.error().cause()) +
+                       QStringLiteral(". The indexes on time were changed"));
+}
+
+Outcome tune(const MaintainOptions &options)
+{
+    const auto show = [&](const Tuning &tuning, const QString &what) {
+        if (tuning.changes.isEmpty()) {
+            say(QStringLiteral("%1: nothing to change").arg(options.file.path));
+            return;
+        }
+        say(options.file.path + QLatin1String(": ") + what);
+        for (const QString &change : tuning.changes)
+            say(QLatin1String("  ") + change);
+    };
+    if (options.dryRun) {
+        ReadOptions reading;
+        reading.lock = options.file.lock;
+        const auto file = openFile(options.file.path, reading);
+        if (!file)
+            return file.error();
+        const auto tuning = tuningOf(file->database, options.undo);
+        if (!tuning)
+            return tuning.error();
+        show(*tuning, QStringLiteral("would be changed"));
         return Done;
     }
-    if (!options.dryRun) {
-        for (const QByteArray &statement : statements) {
-            auto run = database->prepare(statement); // a pragma gives a row
-            if (!run)
-                return run.error();
-            while (run->step())
-                continue;
-            if (const Status status = run->status(); !status)
-                return status.error();
-        }
-        const auto now = database->text("pragma journal_mode");
-        if (!now)
-            return now.error();
-        if ((*now == "wal") == options.undo)
-            return failure(options.file.path,
-                           QStringLiteral("the journal stays as it is; the file system may take no write-ahead log"));
+    const auto database = openForWriting(options.file);
+    if (!database)
+        return database.error();
+    const auto tuning = tuningOf(*database, options.undo);
+    if (!tuning)
+        return tuning.error();
+    if (!tuning->changes.isEmpty()) {
+        if (const Status applied = apply(*tuning, *database); !applied)
+            return applied.error();
     }
-    say(QStringLiteral("%1: %2").arg(options.file.path,
-                                     options.dryRun ? QStringLiteral("would be changed") : QStringLiteral("changed")));
-    for (const QString &change : changes)
-        say(QLatin1String("  ") + change);
+    show(*tuning, QStringLiteral("changed"));
     return Done;
 }
 
