@@ -9,6 +9,7 @@
 #include "storefile/sqlite.h"
 
 #include <QFile>
+#include <QProcess>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -16,6 +17,7 @@
 #include <csignal>
 #include <functional>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace
@@ -191,6 +193,33 @@ TEST_F(SalvageJournal, AJournalThatIsCutCountsAsFarAsItGoes)
     const Salvaged salvaged = salvage(bytes, {}, journal);
     EXPECT_TRUE(salvaged.report.journalDamaged);
     EXPECT_EQ(salvaged.report.journalPages, qint64(all.size() / 2));
+}
+
+TEST_F(SalvageJournal, TheToolTakesItAndSaysSo)
+{
+    const auto run = [&] {
+        QProcess tool;
+        tool.setProcessChannelMode(QProcess::MergedChannels);
+        tool.start(QString::fromLocal8Bit(DEVICE_DB), {"salvage"_q, path(), path("rows.db"), "--force"_q});
+        EXPECT_TRUE(tool.waitForFinished(120000));
+        return std::pair<int, QString>(tool.exitCode(), QString::fromUtf8(tool.readAll()));
+    };
+    auto [code, said] = run();
+    EXPECT_EQ(code, 0);
+    EXPECT_TRUE(said.contains("pages were taken from the rollback journal"_q)) << said.toStdString();
+    EXPECT_EQ(rowsOf(path("rows.db"), "select * from Boiler"_q).size(), 1500);
+    EXPECT_EQ(valueOf(path("rows.db"), "select count(*) from Boiler where Value='never committed'"_q), "0"_q);
+    EXPECT_EQ(bytesOf(), bytes);
+    EXPECT_EQ(bytesOf("device.db-journal"), journal);
+
+    QFile file(path("device.db-journal"));
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    file.seek(records()[1].second + 4096 - 200);
+    file.write("damaged");
+    file.close();
+    std::tie(code, said) = run();
+    EXPECT_EQ(code, 3);
+    EXPECT_TRUE(said.contains("The rollback journal is damaged"_q)) << said.toStdString();
 }
 
 TEST_F(SalvageJournal, TheJournalOfAnEndedTransactionSaysNothing)
