@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
-// The library's fast paths against the plain algorithm of benchmarks/plain.cpp, on random and nasty input:
+// The library's fast paths against the plain algorithm of support/plain.cpp, on random and nasty input:
 // the same statement texts, the same records, null texts and invalid times included. The number of rows for
 // each test is DEVICE_DATABASE_CASES; the seed is printed and can be given as DEVICE_DATABASE_SEED.
-#include "../benchmarks/plain.h"
+#include "plain.h"
 #include "sqlite_calls.h"
 #include "store_test.h"
 

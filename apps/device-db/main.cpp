@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "program.h"
+#include "commands/commands.h"
+#include "program/program.h"
+#include "storefile/temporary_file.h"
 
 #include <QCoreApplication>
 
@@ -18,6 +20,8 @@ int main(int argc, char **argv)
     }
     std::signal(SIGPIPE, SIG_IGN); // a pager that was quit, `| head`: writing fails instead
     QCoreApplication application(argc, argv);
+    device_db::removeTemporaryFilesOnSignals();
     device_db::Program program;
+    device_db::addCommands(program);
     return program.run(argc, argv);
 }

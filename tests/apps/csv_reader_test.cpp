@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "csv_reader.h"
+#include "import/csv_reader.h"
 
-#include "table_writer.h"
+#include "terminal/table_writer.h"
 
 #include "qt_printers.h"
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // What plot and stats make of a series, beside the plain way of finding it.
-#include "reduction.h"
-#include "statistics.h"
+#include "storefile/reduction.h"
+#include "storefile/statistics.h"
 
 #include <gtest/gtest.h>
 
@@ -99,8 +99,8 @@ TEST(Reduction, APauseBreaksTheLine)
 TEST(SeriesStatistics, FindGapsAndStepsOfTheClock)
 {
     SeriesStatistics figures;
-    EXPECT_EQ(figures.usualDistance(), -1);
-    EXPECT_EQ(figures.gaps(), 0);
+    EXPECT_EQ(figures.distances.usual(), -1);
+    EXPECT_EQ(figures.distances.gaps(), 0);
     for (const qint64 second : {0, 10, 20, 30, 40, 100, 110, 90, 101, 111, 161})
         figures.add(second * 1000, QByteArray::number(second));
     figures.add(-1, "fault");
@@ -110,11 +110,11 @@ TEST(SeriesStatistics, FindGapsAndStepsOfTheClock)
     EXPECT_EQ(figures.lowest, 0);
     EXPECT_EQ(figures.highest, 161);
     EXPECT_DOUBLE_EQ(figures.mean(), (0 + 10 + 20 + 30 + 40 + 100 + 110 + 90 + 101 + 111 + 161 + 1) / 12.0);
-    EXPECT_EQ(figures.usualDistance(), 10000);
+    EXPECT_EQ(figures.distances.usual(), 10000);
     EXPECT_EQ(figures.stepsBack, 1);
-    EXPECT_EQ(figures.gaps(), 2) << "60 s and 101 s; 50 s are five times the usual distance and no more";
-    EXPECT_EQ(figures.longestGap(), 101000);
-    EXPECT_EQ(figures.longestGapBegin(), 161000);
+    EXPECT_EQ(figures.distances.gaps(), 2) << "60 s and 101 s; 50 s are five times the usual distance and no more";
+    EXPECT_EQ(figures.distances.longest(), 101000);
+    EXPECT_EQ(figures.distances.longestBegin(), 161000);
 }
 
 TEST(Floods, AreMoreThanTenAlarmsWithinTenMinutes)

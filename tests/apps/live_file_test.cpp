@@ -6,8 +6,8 @@
 #include "plain_connection.h"
 #include "text_literal.h"
 
-#include "live_file.h"
-#include "sqlite.h"
+#include "storefile/live_file.h"
+#include "storefile/temporary_file.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -329,20 +329,14 @@ TEST_F(LiveFile, AWriteAheadFileWithoutALogIsReadAsItStandsAndLeftSo)
     EXPECT_EQ(traces(), before);
 }
 
-// Who starts the tests may ignore these, as nohup does, and then so would the program. Before its first snapshot.
-const bool areHeard = [] {
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        std::signal(signal, SIG_DFL);
-    return true;
-}();
-
 TEST_F(LiveFile, AnInterruptedProgramLeavesNoSnapshot)
 {
-    ASSERT_TRUE(areHeard);
     PlainConnection(path()).run("create table T(a)"_q);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         const pid_t child = fork();
         if (child == 0) {
+            std::signal(signal, SIG_DFL); // who starts the tests may ignore it, as nohup does
+            device_db::removeTemporaryFilesOnSignals();
             const auto file = openForReading(path(), {});
             raise(signal);
             _exit(0);

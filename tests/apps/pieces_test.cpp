@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "table_writer.h"
-#include "tables.h"
-#include "times.h"
+#include "storefile/texts.h"
+#include "storefile/times.h"
+#include "terminal/table_writer.h"
+#include "terminal/text.h"
 #include "tool_test.h"
 
 #include <QElapsedTimer>

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+#include "commands/commands.h"
+
+namespace device_db
+{
+
+void addCommands(Program &program)
+{
+    addInfo(program);
+    addRows(program);
+    addImport(program);
+    addExport(program);
+    addMaintenance(program);
+    addStats(program);
+    addPlot(program);
+    addCheck(program);
+    addBackup(program);
+    addSalvage(program);
+}
+
+} // namespace device_db

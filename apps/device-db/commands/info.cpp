@@ -1,0 +1,218 @@
+// SPDX-License-Identifier: MIT
+#include "commands/commands.h"
+
+#include "commands/options.h"
+#include "import/bookkeeping.h"
+#include "program/program.h"
+#include "storefile/file_facts.h"
+#include "storefile/texts.h"
+#include "storefile/times.h"
+#include "terminal/progress.h"
+#include "terminal/table_writer.h"
+#include "terminal/text.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <algorithm>
+
+namespace device_db
+{
+
+namespace
+{
+
+struct InfoOptions {
+    QString path;
+    ReadOptions reading;
+    OutputOptions output;
+};
+
+QString journalText(const FileFacts &facts)
+{
+    if (facts.journal != "wal") {
+        return facts.journalBytes > 0 ? QStringLiteral("rollback, %1 of a transaction that is under way or was cut off")
+                                            .arg(bytesText(facts.journalBytes))
+                                      : QStringLiteral("rollback: a reader can make the device's commits fail");
+    }
+    return facts.walBytes > 0 ? QStringLiteral("write-ahead, %1 in the log").arg(bytesText(facts.walBytes))
+                              : QStringLiteral("write-ahead");
+}
+
+void print(const InfoOptions &options, const FileFacts &facts, const QStringList &unfinished)
+{
+    Output output(options.output);
+    const auto line = [&](const char *title, const QString &text) {
+        output.write(QByteArray(title).leftJustified(10) + visible(text).toUtf8() + '\n');
+    };
+    line("File", options.path);
+    line("Size", QStringLiteral("%1: %2 pages of %3 bytes, %4 free")
+                     .arg(bytesText(facts.bytes), grouped(facts.pages))
+                     .arg(facts.pageSize)
+                     .arg(grouped(facts.freePages)));
+    line("Journal", journalText(facts));
+    line("Texts", QString::fromLatin1(facts.encoding));
+    line("Open in",
+         facts.processes.isEmpty() ? QStringLiteral("no process that can be seen from here") : listed(facts.processes));
+    for (const QString &import : unfinished)
+        line("Unfinished", QStringLiteral("import of %1; run it again to go on").arg(import));
+
+    output.write("\n");
+    const auto tables = rowWriter(Format::Table,
+                                  {{"", QStringLiteral("Table")},
+                                   {"", QStringLiteral("Kind")},
+                                   {"", QStringLiteral("Rows"), true, false, true},
+                                   {"", QStringLiteral("First"), false, false, true},
+                                   {"", QStringLiteral("Last"), false, false, true},
+                                   {"", QStringLiteral("Last ID"), true, false, true},
+                                   {"", QStringLiteral("Size"), true, false, true},
+                                   {"", QStringLiteral("Index"), false, false, true}},
+                                  output);
+    // To the minute where there is room, to the day in 80 columns.
+    const int shown = output.width() == 0 || output.width() >= 96 ? 16 : 10;
+    for (const TableFacts &each : facts.tables) {
+        const auto time = [&](const QByteArray &text) {
+            return options.output.utc ? inUtc(text, hasMilliseconds(each.table.kind)) : text;
+        };
+        const bool records = holdsRecords(each.table.kind);
+        tables->row({each.table.name.toUtf8(), nameOf(each.table.kind),
+                     each.rows < 0 ? QByteArray("") : grouped(each.rows).toLatin1(),
+                     records && each.rows > 0 ? time(each.first).left(shown) : "",
+                     records && each.rows > 0 ? time(each.last).left(shown) : "",
+                     records ? grouped(each.lastId).toLatin1() : "",
+                     each.bytes < 0 ? QByteArray("") : bytesText(each.bytes).toLatin1(),
+                     !records       ? ""
+                     : each.indexed ? "time"
+                                    : "none"},
+                    Tone::Plain);
+    }
+    tables->settle();
+    if (facts.tables.isEmpty())
+        output.write("no tables\n");
+
+    if (!facts.registrations.isEmpty()) {
+        output.write("\n");
+        const auto series = rowWriter(
+            Format::Table, {{"", QStringLiteral("Collector")}, {"", QStringLiteral("Name")}, {"", QString()}}, output);
+        for (const Registration &each : facts.registrations)
+            series->row({each.collector, each.name, each.hasTable ? "" : "there is no such table"},
+                        each.hasTable ? Tone::Plain : Tone::Warning);
+        series->settle();
+    }
+    if (facts.findings.isEmpty())
+        return;
+    output.write("\nWorth a look\n");
+    for (const Finding &finding : facts.findings) {
+        QString text = finding.table.isEmpty() ? QStringLiteral("(file)") : finding.table;
+        if (finding.rows > 0)
+            text += QLatin1String(", ") + rowsText(finding.rows);
+        output.write("  " + visible(text + QLatin1String(": ") + finding.what).toUtf8() + '\n');
+        if (!finding.detail.isEmpty())
+            output.write("      " + visible(finding.detail).toUtf8() + '\n');
+    }
+}
+
+QJsonArray findingsOf(const FileFacts &facts, const QString &table)
+{
+    QJsonArray findings;
+    for (const Finding &finding : facts.findings) {
+        if (finding.table == table)
+            findings.append(QJsonObject{{QStringLiteral("what"), finding.what},
+                                        {QStringLiteral("rows"), finding.rows},
+                                        {QStringLiteral("id"), finding.firstId},
+                                        {QStringLiteral("detail"), finding.detail}});
+    }
+    return findings;
+}
+
+void printJson(const InfoOptions &options, const FileFacts &facts, const QStringList &unfinished)
+{
+    QJsonArray tables;
+    for (const TableFacts &each : facts.tables) {
+        QJsonObject table{{QStringLiteral("name"), each.table.name},
+                          {QStringLiteral("kind"), QLatin1String(nameOf(each.table.kind))},
+                          {QStringLiteral("columns"), QJsonArray::fromStringList(each.table.columns)},
+                          {QStringLiteral("findings"), findingsOf(facts, each.table.name)}};
+        if (each.rows >= 0)
+            table.insert(QStringLiteral("rows"), each.rows);
+        if (each.bytes >= 0)
+            table.insert(QStringLiteral("bytes"), each.bytes);
+        if (holdsRecords(each.table.kind)) {
+            const bool milliseconds = hasMilliseconds(each.table.kind);
+            for (const auto &[key, time] : {std::pair{"first", each.first}, std::pair{"last", each.last}}) {
+                if (each.rows > 0)
+                    table.insert(QLatin1String(key),
+                                 QString::fromUtf8(options.output.utc ? inUtc(time, milliseconds) : time));
+            }
+            table.insert(QStringLiteral("last_id"), each.lastId);
+            table.insert(QStringLiteral("time_index"), each.indexed);
+        }
+        tables.append(table);
+    }
+    QJsonArray registrations;
+    for (const Registration &each : facts.registrations)
+        registrations.append(QJsonObject{{QStringLiteral("collector"), QString::fromUtf8(each.collector)},
+                                         {QStringLiteral("name"), QString::fromUtf8(each.name)},
+                                         {QStringLiteral("table"), each.hasTable}});
+    QJsonArray processes;
+    for (const OpenProcess &each : facts.processes)
+        processes.append(QJsonObject{{QStringLiteral("id"), each.id}, {QStringLiteral("name"), each.name}});
+    const QJsonObject file{
+        {QStringLiteral("file"), options.path},
+        {QStringLiteral("bytes"), facts.bytes},
+        {QStringLiteral("pages"), facts.pages},
+        {QStringLiteral("page_size"), facts.pageSize},
+        {QStringLiteral("free_pages"), facts.freePages},
+        {QStringLiteral("journal"), facts.journal == "wal" ? QStringLiteral("wal") : QStringLiteral("rollback")},
+        {QStringLiteral("encoding"), QString::fromLatin1(facts.encoding)},
+        {QStringLiteral("processes"), processes},
+        {QStringLiteral("unfinished_imports"), QJsonArray::fromStringList(unfinished)},
+        {QStringLiteral("configuration"), registrations},
+        {QStringLiteral("findings"), findingsOf(facts, QString())},
+        {QStringLiteral("tables"), tables}};
+    Output output(options.output);
+    output.write(QJsonDocument(file).toJson());
+}
+
+Outcome run(const InfoOptions &options)
+{
+    const auto file = openFile(options.path, options.reading);
+    if (!file)
+        return file.error();
+    const auto unfinished = unfinishedImports(file->database);
+    if (!unfinished)
+        return unfinished.error();
+    Progress progress(QStringLiteral("rows looked at"));
+    auto facts = factsOf(file->database, options.path, [&](qint64 rows) { progress.show(0, 0, rows); });
+    if (!facts)
+        return facts.error();
+    progress.wipe();
+    auto &tables = facts->tables;
+    tables.erase(std::remove_if(tables.begin(), tables.end(),
+                                [](const TableFacts &each) { return each.table.name == Bookkeeping::tableName; }),
+                 tables.end());
+    if (options.output.format == Format::Json)
+        printJson(options, *facts, *unfinished);
+    else
+        print(options, *facts, *unfinished);
+    return Done;
+}
+
+} // namespace
+
+void addInfo(Program &program)
+{
+    CLI::App *const command = program.add(
+        "info", "Say what the file is, what is in it and what looks odd",
+        "Every row is looked at once, in the order of recording: times in another form, before 2000 or in the future, "
+        "a clock that went back, gaps between samples, ends of alarms that no query finds.");
+    const auto options = std::make_shared<InfoOptions>();
+    addFile(command, options->path, options->reading);
+    command->add_flag_callback(
+        "--json", [options = options.get()] { options->output.format = Format::Json; }, "Print JSON");
+    addLook(command, options->output);
+    program.onRun(command, [options] { return run(*options); });
+}
+
+} // namespace device_db

@@ -1,0 +1,383 @@
+// SPDX-License-Identifier: MIT
+//
+// trim, purge, clear, vacuum, checkpoint and tune: what changes a file that stands.
+#include "commands/commands.h"
+
+#include "commands/options.h"
+#include "commands/writing.h"
+#include "program/program.h"
+#include "storefile/live_file.h"
+#include "storefile/texts.h"
+#include "storefile/times.h"
+
+#include "device/store.h"
+
+#include <QFileInfo>
+
+#include <optional>
+
+namespace device_db
+{
+
+namespace
+{
+
+struct MaintainOptions {
+    WriteOptions file;
+    QString table;
+    bool yes = false;
+    qint64 keep = 0;
+    QString before;
+    bool ended = false;
+    bool undo = false;
+    bool dryRun = false;
+};
+
+/// What a deletion takes: its rows, and the first and last of their times.
+struct Doomed {
+    Table table;
+    qint64 rows = 0;
+    qint64 left = 0;
+    QByteArray first;
+    QByteArray last;
+};
+
+/// `where` may use ?1.
+Result<Doomed> doomed(const MaintainOptions &options, const QByteArray &where,
+                      const std::function<Result<QByteArray>(Kind)> &value, const QVector<Kind> &kinds)
+{
+    // Closed again before a store opens the file.
+    const auto database = openForWriting(options.file);
+    if (!database)
+        return database.error();
+    const auto table = chooseTable(*database, options.table, kinds);
+    if (!table)
+        return table.error();
+    const QByteArray name = identifier(table->name);
+    auto rows = database->prepare("select count(*),min(DATETIME),max(DATETIME),(select count(*) from " + name +
+                                  ") from " + name + " where " + QByteArray(where).replace("%table", name));
+    if (!rows)
+        return rows.error();
+    const auto bound = value(table->kind);
+    if (!bound)
+        return bound.error();
+    rows->bind(1, *bound);
+    if (!rows->step())
+        return rows->status() ? failure(options.file.path, QStringLiteral("counting gave no row"))
+                              : rows->status().error();
+    return Doomed{*table, rows->number(0), rows->number(3) - rows->number(0), rows->cell(1), rows->cell(2)};
+}
+
+/// Opens the file with the store of `Store`, after whatever was looked at by other means was closed.
+template<typename Store>
+Result<Store> openStore(const WriteOptions &options)
+{
+    const auto library = storeLibrary(options);
+    if (!library)
+        return library.error();
+    device::OpenOptions opening;
+    opening.create = false;
+    return Store::open(*library, options.path, opening);
+}
+
+/// Shows what goes, asks, deletes and says how many went.
+Outcome remove(const MaintainOptions &options, const Doomed &rows,
+               const std::function<Result<qint64>(const device::TableName &)> &deletion)
+{
+    if (rows.rows == 0) {
+        say(QStringLiteral("%1: no rows of %2 to delete").arg(options.file.path, rows.table.name));
+        return Done;
+    }
+    const QString question = QStringLiteral("%1 of %2, from %3 to %4, will be deleted; %5 stay. Go on?")
+                                 .arg(rowsText(rows.rows), rows.table.name, QString::fromUtf8(rows.first),
+                                      QString::fromUtf8(rows.last), grouped(rows.left));
+    if (const Status may = confirmed(options.file.path, question, options.yes); !may)
+        return may.error();
+    const auto name = device::TableName::from(rows.table.name);
+    if (!name)
+        return name.error();
+    const auto deleted = deletion(*name);
+    if (!deleted)
+        return deleted.error();
+    say(QStringLiteral("%1: %2 of %3 deleted, from %4 to %5; %6 left")
+            .arg(options.file.path, rowsText(*deleted), rows.table.name, QString::fromUtf8(rows.first),
+                 QString::fromUtf8(rows.last), grouped(rows.left)));
+    return Done;
+}
+
+const auto noValue = [](Kind) { return Result<QByteArray>(QByteArray("")); };
+
+Outcome trim(const MaintainOptions &options)
+{
+    const auto rows = doomed(options, "ID<=(select ID from %table order by ID desc limit 1 offset cast(?1 as integer))",
+                             [&](Kind) { return Result<QByteArray>(QByteArray::number(options.keep)); }, {});
+    if (!rows)
+        return rows.error();
+    return remove(options, *rows, [&](const device::TableName &name) -> Result<qint64> {
+        auto store = openStore<device::HistoryStore>(options.file);
+        return store ? store->keepNewest(name, options.keep) : store.error();
+    });
+}
+
+Outcome purge(const MaintainOptions &options)
+{
+    QByteArray bound;
+    const auto rows = doomed(
+        options, options.ended ? "DATETIME<?1 or EndDate!='' and EndTime!=''" : "DATETIME<?1",
+        [&](Kind kind) -> Result<QByteArray> {
+            const auto text = boundText(options.before, Bound::First, hasMilliseconds(kind), false);
+            if (text)
+                bound = *text;
+            return text;
+        },
+        options.ended ? QVector<Kind>{Kind::Alarms} : QVector<Kind>{});
+    if (!rows)
+        return rows.error();
+    const QString form = hasMilliseconds(rows->table.kind) ? QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")
+                                                           : QStringLiteral("yyyy-MM-dd hh:mm:ss");
+    const QDateTime parsed = QDateTime::fromString(QString::fromLatin1(bound), form);
+    const device::LocalTime time(parsed.date(), parsed.time());
+    return remove(options, *rows, [&](const device::TableName &name) -> Result<qint64> {
+        if (rows->table.kind == Kind::Log) {
+            auto store = openStore<device::LogStore>(options.file);
+            return store ? store->removeBefore(name, time) : store.error();
+        }
+        if (rows->table.kind == Kind::Samples) {
+            auto store = openStore<device::HistoryStore>(options.file);
+            return store ? store->removeBefore(name, time) : store.error();
+        }
+        auto store = openStore<device::AlarmStore>(options.file);
+        if (!store)
+            return store.error();
+        return options.ended ? store->removeEndedAndBefore(name, time) : store->removeBefore(name, time);
+    });
+}
+
+Outcome clear(const MaintainOptions &options)
+{
+    const auto rows = doomed(options, "1", noValue, {});
+    if (!rows)
+        return rows.error();
+    return remove(options, *rows, [&](const device::TableName &name) -> Result<qint64> {
+        auto store = openStore<device::HistoryStore>(options.file);
+        return store ? store->clear(name) : store.error();
+    });
+}
+
+Outcome vacuum(const MaintainOptions &options)
+{
+    qint64 freeBytes = 0;
+    {
+        const auto database = openForWriting(options.file);
+        if (!database)
+            return database.error();
+        const auto bytes =
+            database->number("select freelist_count*page_size from pragma_freelist_count,pragma_page_size");
+        if (!bytes)
+            return bytes.error();
+        freeBytes = *bytes;
+    }
+    const qint64 before = QFileInfo(options.file.path).size();
+    const QString question = QStringLiteral("The file is written anew (%1, %2 of it free); that needs up to twice its "
+                                            "size of room. Go on?")
+                                 .arg(bytesText(before), bytesText(freeBytes));
+    if (const Status may = confirmed(options.file.path, question, options.yes); !may)
+        return may.error();
+    {
+        auto store = openStore<device::HistoryStore>(options.file);
+        if (!store)
+            return store.error();
+        if (const Status done = store->compact(); !done)
+            return done.error();
+    }
+    say(QStringLiteral("%1: %2, was %3")
+            .arg(options.file.path, bytesText(QFileInfo(options.file.path).size()), bytesText(before)));
+    return Done;
+}
+
+Outcome checkpoint(const MaintainOptions &options)
+{
+    {
+        const auto database = openForWriting(options.file);
+        if (!database)
+            return database.error();
+        const auto journal = database->text("pragma journal_mode");
+        if (!journal)
+            return journal.error();
+        if (*journal != "wal") {
+            say(QStringLiteral("%1: nothing to do, it keeps no write-ahead log").arg(options.file.path));
+            return Done;
+        }
+    }
+    auto store = openStore<device::HistoryStore>(options.file);
+    if (!store)
+        return store.error();
+    const auto moved = store->checkpoint();
+    if (!moved)
+        return moved.error();
+    say(QStringLiteral("%1: %2").arg(
+        options.file.path, *moved ? QStringLiteral("the write-ahead log is in the file")
+                                  : QStringLiteral("a part of the write-ahead log stays in it while the file is read; try "
+                                                   "again later")));
+    return Done;
+}
+
+/// What tune does to a file.
+struct Tuning {
+    QList<QByteArray> indexes; ///< Statements.
+    QByteArray journal;        ///< The mode to set; empty: it is set.
+    QStringList changes;       ///< In words.
+};
+
+Result<Tuning> tuningOf(const Database &database, bool undo)
+{
+    Tuning tuning;
+    const auto journal = database.text("pragma journal_mode");
+    if (!journal)
+        return journal.error();
+    if ((*journal == "wal") == undo) {
+        tuning.journal = undo ? "delete" : "wal";
+        tuning.changes << (undo ? QStringLiteral("journal: rollback; readers can make the device's commits fail")
+                                : QStringLiteral("journal: write-ahead; readers no longer disturb the device"));
+    }
+    const auto tables = tablesOf(database);
+    if (!tables)
+        return tables.error();
+    for (const Table &table : *tables) {
+        if (!holdsRecords(table.kind))
+            continue;
+        const QString name = QLatin1String("device index ") + table.name; // as the host layer names it
+        const QString formerName = table.name + QLatin1String("_time");
+        auto index = database.prepare("select l.name from pragma_index_list(?1) l join pragma_index_info(l.name) i "
+                                      "where l.partial=0 and i.seqno=0 and upper(i.name)='DATETIME'");
+        if (!index)
+            return index.error();
+        index->bind(1, table.name.toUtf8());
+        bool indexed = false;
+        while (index->step()) {
+            indexed = true;
+            const QString found = QString::fromUtf8(index->cell(0));
+            if (!undo ||
+                (found.compare(name, Qt::CaseInsensitive) != 0 && found.compare(formerName, Qt::CaseInsensitive) != 0))
+                continue;
+            tuning.indexes << "drop index " + identifier(found);
+            tuning.changes << QStringLiteral("%1: no index on time").arg(table.name);
+        }
+        if (const Status status = index->status(); !status)
+            return status.error();
+        if (!undo && !indexed) {
+            tuning.indexes << "create index " + identifier(name) + " on " + identifier(table.name) + "(DATETIME)";
+            tuning.changes << QStringLiteral("%1: an index on time").arg(table.name);
+        }
+    }
+    return tuning;
+}
+
+// The indexes first and together: they are what a full disk or Ctrl-C meets, and are then undone. The journal, which
+// cannot be set within a transaction, takes no time.
+Status apply(const Tuning &tuning, const Database &database)
+{
+    QByteArray indexes("begin immediate;");
+    for (const QByteArray &statement : tuning.indexes)
+        indexes += statement + ';';
+    if (const Status made = database.run(indexes + "commit"); !made) {
+        (void)database.run("rollback"); // SQLite may have done so itself
+        return failure(database.name(), made.error().cause() + QStringLiteral(". Nothing was changed"));
+    }
+    if (tuning.journal.isEmpty())
+        return {};
+    const auto now = database.text("pragma journal_mode=" + tuning.journal);
+    if (now && *now == tuning.journal)
+        return {};
+    return failure(database.name(),
+                   (now ? QStringLiteral("the journal stays as it is; the file system may take no write-ahead log")
+                        : now.error().cause()) +
+                       QStringLiteral(". The indexes on time were changed"));
+}
+
+Outcome tune(const MaintainOptions &options)
+{
+    const auto show = [&](const Tuning &tuning, const QString &what) {
+        if (tuning.changes.isEmpty()) {
+            say(QStringLiteral("%1: nothing to change").arg(options.file.path));
+            return;
+        }
+        say(options.file.path + QLatin1String(": ") + what);
+        for (const QString &change : tuning.changes)
+            say(QLatin1String("  ") + change);
+    };
+    if (options.dryRun) {
+        ReadOptions reading;
+        reading.lock = options.file.lock;
+        const auto file = openFile(options.file.path, reading);
+        if (!file)
+            return file.error();
+        const auto tuning = tuningOf(file->database, options.undo);
+        if (!tuning)
+            return tuning.error();
+        show(*tuning, QStringLiteral("would be changed"));
+        return Done;
+    }
+    const auto database = openForWriting(options.file);
+    if (!database)
+        return database.error();
+    const auto tuning = tuningOf(*database, options.undo);
+    if (!tuning)
+        return tuning.error();
+    if (!tuning->changes.isEmpty()) {
+        if (const Status applied = apply(*tuning, *database); !applied)
+            return applied.error();
+    }
+    show(*tuning, QStringLiteral("changed"));
+    return Done;
+}
+
+} // namespace
+
+void addMaintenance(Program &program)
+{
+    const auto add = [&](const char *name, const char *summary, const char *details,
+                         Outcome (*body)(const MaintainOptions &), bool hasTable, bool asks) {
+        CLI::App *const command = program.add(name, summary, details);
+        const auto options = std::make_shared<MaintainOptions>();
+        addWritableFile(command, options->file);
+        if (hasTable)
+            addText(command, "TABLE", options->table, "The table")->type_name("")->required();
+        if (asks)
+            command->add_flag("-y,--yes", options->yes, "Do not ask");
+        program.onRun(command, [options, body] { return body(*options); });
+        return std::pair{command, options.get()};
+    };
+    {
+        const auto [command, options] = add("trim", "Delete the oldest rows beyond a number",
+                                            "Oldest by the order of recording.", trim, true, true);
+        command->add_option("--keep", options->keep, "So many of the newest rows stay")
+            ->type_name("N")
+            ->required()
+            ->check(wholeNumber());
+    }
+    {
+        const auto [command, options] =
+            add("purge", "Delete the rows before a time",
+                "A TIME is a day, a day and a time, or a span back from now such as 90d.", purge, true, true);
+        addText(command, "--before", options->before, "Rows of this time and later stay")
+            ->type_name("TIME")
+            ->required();
+        command->add_flag("--ended", options->ended, "Of alarms also every ended one, as the device's own purge does");
+    }
+    add("clear", "Delete all rows of a table", "The table stays; its IDs begin at 1 again.", clear, true, true);
+    add("vacuum", "Give free pages back to the file system", "", vacuum, false, true);
+    add("checkpoint", "Move the write-ahead log into the file", "", checkpoint, false, false);
+    {
+        const auto [command, options] = add(
+            "tune", "Prepare a file for a device",
+            "Sets the write-ahead journal, so that readers no longer make the device's commits fail (two files, -wal and "
+            "-shm, then stand beside the file while it is open), and an index on time for each table of records, by "
+            "which ranges and pages are found at once (each row takes some more room). Says what changes.",
+            tune, false, false);
+        command->add_flag("--undo", options->undo, "Back to the rollback journal and no such index");
+        command->add_flag("--dry-run", options->dryRun, "Only say what would change");
+    }
+}
+
+} // namespace device_db

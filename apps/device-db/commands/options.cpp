@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: MIT
+#include "commands/options.h"
+
+#include <cstring>
+
+namespace device_db
+{
+
+CLI::Option *addText(CLI::App *command, const std::string &name, QString &value, const std::string &description)
+{
+    return command
+        ->add_option_function<std::string>(
+            name, [&value](const std::string &given) { value = QString::fromStdString(given); }, description)
+        ->type_name("TEXT");
+}
+
+CLI::Option *addTexts(CLI::App *command, const std::string &name, QStringList &value, const std::string &description)
+{
+    return command
+        ->add_option_function<std::vector<std::string>>(
+            name,
+            [&value](const std::vector<std::string> &given) {
+                for (const std::string &each : given)
+                    value << QString::fromStdString(each);
+            },
+            description)
+        ->type_name("TEXT");
+}
+
+CLI::Validator wholeNumber()
+{
+    return CLI::Validator(
+        [](const std::string &given) {
+            const bool fits =
+                !given.empty() && given.size() < 19 && given.find_first_not_of("0123456789") == std::string::npos;
+            return fits ? std::string() : "\"" + given + "\" is no whole number";
+        },
+        "");
+}
+
+void addSeparator(CLI::App *command, char &separator)
+{
+    const CLI::Validator oneCharacter(
+        [](const std::string &given) {
+            const bool fits = given == "tab" || (given.size() == 1 && given[0] > 0 && !std::strchr("\"\r\n", given[0]));
+            return fits ? std::string() : "one character, or the word tab";
+        },
+        "");
+    command
+        ->add_option_function<std::string>(
+            "--separator", [&separator](const std::string &given) { separator = given == "tab" ? '\t' : given[0]; },
+            "Between the cells of CSV: one character, or tab; default: a comma")
+        ->type_name("CHAR")
+        ->check(oneCharacter);
+}
+
+CLI::Option *addFile(CLI::App *command, QString &path, ReadOptions &options)
+{
+    CLI::Option *const file = addText(command, "FILE", path, "The database file")->type_name("")->required();
+    command->add_flag("--lock", options.lock,
+                      "Read the file itself, with locks: a device that writes it at that moment may lose a commit");
+    return file;
+}
+
+void addRange(CLI::App *command, RowFilter &filter)
+{
+    addText(command, "--from", filter.from, "From this time on")->type_name("TIME");
+    addText(command, "--to", filter.to, "Up to this time; a day is taken in whole")->type_name("TIME");
+}
+
+void addFilter(CLI::App *command, RowFilter &filter)
+{
+    CLI::Option *const active = command->add_flag("--active", filter.active, "Alarms that have not ended");
+    command->add_flag("--ended", filter.ended, "Alarms that have ended")->excludes(active);
+    command->add_option("--level", filter.levels, "Alarms of this level; may be given several times")->type_name("N");
+    addTexts(command, "--user", filter.users, "Log entries of this user; may be given several times")
+        ->type_name("NAME");
+}
+
+void addNull(CLI::App *command, std::optional<QByteArray> &null, const std::string &description)
+{
+    command
+        ->add_option_function<std::string>(
+            "--null", [&null](const std::string &text) { null = QByteArray::fromStdString(text); }, description)
+        ->type_name("TEXT");
+}
+
+void addOutput(CLI::App *command, OutputOptions &options)
+{
+    const auto format = [&](const char *name, Format value, const char *description) {
+        return command->add_flag_callback(
+            name, [&options, value] { options.format = value; }, description);
+    };
+    CLI::Option *const csv = format("--csv", Format::Csv, "Print CSV, each cell exactly as it stands in the file");
+    CLI::Option *const json = format("--json", Format::Json, "Print JSON, one object a line");
+    CLI::Option *const full = format("--full", Format::Full, "Print each row as a block, nothing cut off");
+    csv->excludes(json)->excludes(full);
+    json->excludes(full);
+    addLook(command, options);
+}
+
+void addLook(CLI::App *command, OutputOptions &options)
+{
+    command->add_flag("--utc", options.utc,
+                      "Times in UTC, given and printed; the device's zone is that of this computer, or $TZ");
+    command->add_option("--width", options.width, "Columns of a line; 0: no limit; default: the terminal's")
+        ->type_name("N");
+    addText(command, "--color", options.colours, "auto, always or never; default: auto")
+        ->type_name("WHEN")
+        ->check(CLI::IsMember({"auto", "always", "never"}, CLI::ignore_case));
+    command->add_flag("--no-pager", options.noPager, "Print straight to the terminal");
+}
+
+} // namespace device_db

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_DB_OPTIONS_H
+#define DEVICE_DB_OPTIONS_H
+
+#include "storefile/live_file.h"
+#include "storefile/row_query.h"
+#include "terminal/output.h"
+
+#include <CLI/CLI.hpp>
+
+#include <QStringList>
+
+#include <optional>
+
+namespace device_db
+{
+
+/// Options and arguments with Qt's types. The returned option can be made required and the like.
+CLI::Option *addText(CLI::App *command, const std::string &name, QString &value, const std::string &description);
+CLI::Option *addTexts(CLI::App *command, const std::string &name, QStringList &value, const std::string &description);
+
+/// Takes 0 and more.
+CLI::Validator wholeNumber();
+
+/// FILE and --lock of a command that reads.
+CLI::Option *addFile(CLI::App *command, QString &path, ReadOptions &options);
+/// --from and --to.
+void addRange(CLI::App *command, RowFilter &filter);
+/// --active, --ended, --level, --user.
+void addFilter(CLI::App *command, RowFilter &filter);
+
+/// --separator of CSV: one character, or the word tab.
+void addSeparator(CLI::App *command, char &separator);
+/// --null: the text of CSV that stands for NULL.
+void addNull(CLI::App *command, std::optional<QByteArray> &null, const std::string &description);
+
+/// --csv, --json, --full, --utc, --width, --color, --no-pager.
+void addOutput(CLI::App *command, OutputOptions &options);
+/// Those that go with any form: --utc, --width, --color, --no-pager.
+void addLook(CLI::App *command, OutputOptions &options);
+
+} // namespace device_db
+
+#endif

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: MIT
+#include "commands/writing.h"
+
+#include "commands/options.h"
+#include "storefile/open_processes.h"
+#include "storefile/tables.h"
+#include "terminal/text.h"
+
+#include <QFileInfo>
+
+#include <cstdio>
+
+#include <unistd.h>
+
+namespace device_db
+{
+
+void addWritableFile(CLI::App *command, WriteOptions &options)
+{
+    addText(command, "FILE", options.path, "The database file")->type_name("")->required();
+    command->add_flag("--lock", options.lock,
+                      "Write although another process has the file open, whose own commits may fail meanwhile");
+    command->add_flag(
+        "--run-triggers", options.runTriggers,
+        "Write although the file has triggers, which then run; without it they are named and you are asked");
+    addText(command, "--library", options.library,
+            "The store library; default: $DEVICE_DATABASE_LIBRARY, or the first in the usual places")
+        ->type_name("PATH");
+}
+
+Status mayBeWritten(const WriteOptions &options)
+{
+    const QFileInfo file(options.path);
+    if (!file.exists())
+        return failure(options.path, QStringLiteral("there is no such file; check the name"));
+    if (!file.isFile())
+        return failure(options.path, QStringLiteral("this is no file; name a database file"));
+    if (!file.isWritable())
+        return failure(options.path, QStringLiteral("it may not be written; check its rights, or work on a copy"));
+    if (options.lock)
+        return {};
+    if (const auto others = processesThatHave(options.path); !others.isEmpty())
+        return failure(options.path, QStringLiteral("%1 has it open, and what it writes meanwhile could be lost; stop "
+                                                    "it, or take that upon you with --lock")
+                                         .arg(listed(others)));
+    return {};
+}
+
+Result<Database> openForWriting(const WriteOptions &options)
+{
+    if (const Status may = mayBeWritten(options); !may)
+        return may.error();
+    auto database = Database::open(options.path, Database::ReadWrite);
+    if (!database || options.runTriggers)
+        return database;
+    const auto triggers = triggersOf(*database);
+    if (!triggers)
+        return triggers.error();
+    if (triggers->isEmpty())
+        return database;
+    const QString names = triggers->join(QLatin1String(", "));
+    if (!isatty(STDIN_FILENO))
+        return failure(options.path, QStringLiteral("it has triggers, which would run when it is written: %1. "
+                                                    "--run-triggers lets them")
+                                         .arg(names));
+    const QString question = QStringLiteral("The file has triggers, which run when it is written: %1. Go on?");
+    if (const Status may = confirmed(options.path, question.arg(names), false); !may)
+        return may.error();
+    return database;
+}
+
+Result<device::Library> storeLibrary(const WriteOptions &options)
+{
+    return device::Library::load(options.library);
+}
+
+Status confirmed(const QString &input, const QString &question, bool yes)
+{
+    if (yes)
+        return {};
+    if (!isatty(STDIN_FILENO))
+        return failure(input, QStringLiteral("nobody can be asked here; --yes goes ahead"));
+    std::fprintf(stderr, "%s [yes/no] ", visible(question).toUtf8().constData());
+    std::fflush(stderr);
+    char answer[16] = "";
+    if (!std::fgets(answer, sizeof answer, stdin) || (qstricmp(answer, "yes\n") != 0 && qstricmp(answer, "y\n") != 0))
+        return failure(input, QStringLiteral("left as it is"));
+    return {};
+}
+
+} // namespace device_db

@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: MIT
+#include "program/program.h"
+
+#include "program/help.h"
+#include "program/manual.h"
+#include "terminal/output.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace device_db
+{
+
+Program::Program() : m_commandLine("The bench tool for the files of the device's store library.", "device-db")
+{
+    m_commandLine.formatter(std::make_shared<HelpFormatter>());
+    m_commandLine.set_version_flag("--version", DEVICE_DB_VERSION, "Print the version");
+    m_commandLine.require_subcommand(1);
+    m_commandLine.footer("\"device-db COMMAND --help\" tells more. Exit codes: 0 done, 1 failed, 2 wrong arguments,\n"
+                         "3 done but something needs a look, 4 the file is damaged, 130 interrupted.");
+}
+
+CLI::App *Program::add(const char *name, const char *summary, const char *details)
+{
+    CLI::App *const command = m_commandLine.add_subcommand(name, summary);
+    command->footer(details);
+    return command;
+}
+
+void Program::onRun(CLI::App *command, std::function<Outcome()> body)
+{
+    command->callback([this, body = std::move(body)] { m_body = body; });
+}
+
+int Program::run(int argc, char **argv)
+{
+    // For the build alone: these two are not shown.
+    if (argc == 2 && qstrcmp(argv[1], "--man") == 0)
+        return std::fputs(manualPage(m_commandLine).c_str(), stdout) < 0 ? Failed : Done;
+    if (argc == 2 && qstrcmp(argv[1], "--completion") == 0)
+        return std::fputs(bashCompletion(m_commandLine).c_str(), stdout) < 0 ? Failed : Done;
+    // CLI11 would only say that a command is missing.
+    const std::vector<CLI::App *> commands = m_commandLine.get_subcommands({});
+    if (argc > 1 && argv[1][0] != '-' && std::none_of(commands.begin(), commands.end(), [&](const CLI::App *command) {
+            return command->get_name() == argv[1];
+        })) {
+        complain(QStringLiteral("there is no command \"%1\". \"device-db --help\" lists them")
+                     .arg(QString::fromUtf8(argv[1])));
+        return Usage;
+    }
+    try {
+        m_commandLine.parse(argc, argv);
+    } catch (const CLI::Success &asked) {
+        return m_commandLine.exit(asked); // --help, --version
+    } catch (const CLI::ParseError &wrong) {
+        QString command;
+        for (const CLI::App *given : m_commandLine.get_subcommands())
+            command = QString::fromStdString(given->get_name()) + QLatin1Char(' ');
+        complain(QStringLiteral("%1. \"device-db %2--help\" tells how it goes")
+                     .arg(QString::fromStdString(wrong.what()).replace(QLatin1Char('\n'), QLatin1Char(' ')), command));
+        return Usage;
+    }
+    const Outcome outcome = m_body();
+    if (outcome)
+        return *outcome;
+    complain(oneLine(outcome.error()));
+    return Failed;
+}
+
+} // namespace device_db

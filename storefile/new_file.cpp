@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: MIT
+#include "storefile/new_file.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace device_db
+{
+
+namespace
+{
+
+Error systemFailure(const QString &path)
+{
+    return failure(path, QString::fromLocal8Bit(std::strerror(errno)) +
+                             QStringLiteral("; check the folder, its rights and free space"));
+}
+
+Error thereAlready(const QString &path)
+{
+    return failure(path, QStringLiteral("there is a file of this name; take another name, or --force to replace it"));
+}
+
+bool sync(const QString &path, int flags)
+{
+    const int file = open(QFile::encodeName(path).constData(), flags | O_CLOEXEC);
+    const bool done = file >= 0 && fsync(file) == 0;
+    if (file >= 0)
+        close(file);
+    return done;
+}
+
+} // namespace
+
+NewFile::NewFile(QString path, std::unique_ptr<TemporaryFile> part, bool force)
+    : m_path(std::move(path)), m_part(std::move(part)), m_force(force)
+{
+}
+
+QString NewFile::part() const
+{
+    return QFile::decodeName(m_part->path());
+}
+
+Result<NewFile> NewFile::make(const QString &path, bool force)
+{
+    if (QFileInfo(path).isDir())
+        return failure(path, QStringLiteral("this is a folder; name a file in it"));
+    if (QFileInfo::exists(path) && !force)
+        return thereAlready(path);
+    for (const char *ending : {"-journal", "-wal"}) {
+        if (QFileInfo::exists(path + QLatin1String(ending)))
+            return failure(path + QLatin1String(ending),
+                           QStringLiteral("it would be taken for the new file's own; move "
+                                          "it away first, or take another name"));
+    }
+    QByteArray part = QFile::encodeName(path) + ".part-XXXXXX";
+    const int file = mkstemp(part.data());
+    if (file < 0)
+        return systemFailure(path);
+    auto temporary = std::make_unique<TemporaryFile>(part);
+    const mode_t mask = umask(0);
+    umask(mask);
+    fchmod(file, 0666 & ~mask);
+    close(file);
+    return NewFile(path, std::move(temporary), force);
+}
+
+Status NewFile::putInPlace()
+{
+    if (!sync(part(), O_RDONLY))
+        return systemFailure(m_path);
+    const QByteArray from = m_part->path();
+    const QByteArray to = QFile::encodeName(m_path);
+    // Without a file system that can do both at once there is a moment between looking and renaming.
+    const bool isThere = QFileInfo::exists(m_path) && !m_force;
+    if (isThere ||
+        (renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), m_force ? 0 : RENAME_NOREPLACE) != 0 &&
+         (errno != EINVAL || std::rename(from.constData(), to.constData()) != 0)))
+        return isThere || errno == EEXIST ? thereAlready(m_path) : systemFailure(m_path);
+    m_part->keep();
+    sync(QFileInfo(m_path).absolutePath(), O_RDONLY | O_DIRECTORY); // a folder that cannot be synced is no failure
+    return {};
+}
+
+} // namespace device_db

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: MIT
+#ifndef STOREFILE_NEW_FILE_H
+#define STOREFILE_NEW_FILE_H
+
+#include "storefile/error.h"
+#include "storefile/temporary_file.h"
+
+#include <memory>
+
+namespace device_db
+{
+
+/// A file that is there in full or not at all: written under another name beside its place, and removed again unless
+/// it was put there.
+class NewFile
+{
+public:
+    /// An Error when there is a file already (and not `force`), or one beside it that SQLite would take for its own.
+    static Result<NewFile> make(const QString &path, bool force);
+
+    /// Where to write; an empty file is there.
+    QString part() const;
+    /// What was written is on the disk, under its name, when this is done.
+    Status putInPlace();
+
+private:
+    NewFile(QString path, std::unique_ptr<TemporaryFile> part, bool force);
+
+    QString m_path;
+    std::unique_ptr<TemporaryFile> m_part;
+    bool m_force;
+};
+
+} // namespace device_db
+
+#endif

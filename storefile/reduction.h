@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+#ifndef STOREFILE_REDUCTION_H
+#define STOREFILE_REDUCTION_H
+
+#include <QtGlobal>
+
+#include <vector>
+
+namespace device_db
+{
+
+struct Point {
+    qint64 time = 0; ///< Milliseconds.
+    double value = 0;
+};
+
+/// Reduces any number of points to at most four in each column of a picture: the first, the lowest, the highest
+/// and the last. A line through them covers the very same pixels as one through all, so no spike is lost.
+/// The points may come in any order.
+class Reduction
+{
+public:
+    /// `columns` of equal width from the time `first` to `last`; points outside belong to the outermost columns.
+    Reduction(qint64 first, qint64 last, int columns);
+
+    void add(Point point);
+    qint64 count() const { return m_count; }
+
+    /// In the order of time.
+    std::vector<Point> points() const;
+    /// As drawn: a new line begins where there is a pause of at least ten times the mean distance and three columns.
+    std::vector<std::vector<Point>> lines() const;
+
+private:
+    struct Column {
+        Point first;
+        Point lowest;
+        Point highest;
+        Point last;
+        bool used = false;
+    };
+
+    qint64 m_first;
+    qint64 m_last;
+    qint64 m_count = 0;
+    std::vector<Column> m_columns;
+};
+
+} // namespace device_db
+
+#endif

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: MIT
+#include "storefile/row_query.h"
+
+#include "storefile/texts.h"
+#include "storefile/times.h"
+
+#include <sqlite3.h>
+
+namespace device_db
+{
+
+namespace
+{
+
+// SQL's own comparison without regard to case knows ASCII letters alone.
+void containsText(sqlite3_context *context, int count, sqlite3_value **values)
+{
+    const QString &wanted = *static_cast<const QString *>(sqlite3_user_data(context));
+    for (int i = 0; i < count; ++i) {
+        const auto *const bytes = reinterpret_cast<const char *>(sqlite3_value_text(values[i]));
+        if (!bytes)
+            continue;
+        const QByteArray cell = QByteArray::fromRawData(bytes, sqlite3_value_bytes(values[i]));
+        if (QString::fromUtf8(cell).contains(wanted, Qt::CaseInsensitive) ||
+            QString::fromUtf8(decodedTwice(cell)).contains(wanted, Qt::CaseInsensitive)) {
+            sqlite3_result_int(context, 1);
+            return;
+        }
+    }
+    sqlite3_result_int(context, 0);
+}
+
+} // namespace
+
+QVector<Kind> RowFilter::kinds() const
+{
+    const bool ofAlarms = active || ended || !levels.empty();
+    const bool ofLog = !users.isEmpty();
+    QVector<Kind> fitting;
+    for (const Kind kind : {Kind::Samples, Kind::Alarms, Kind::Log}) {
+        if ((!ofAlarms || kind == Kind::Alarms) && (!ofLog || kind == Kind::Log))
+            fitting << kind;
+    }
+    return fitting;
+}
+
+Result<Statement> filtered(const Database &database, const Table &table, const RowFilter &filter, bool utc,
+                           const QByteArray &head, const QByteArray &tail)
+{
+    QList<QByteArray> conditions;
+    QVector<QByteArray> texts;
+    const bool milliseconds = hasMilliseconds(table.kind);
+    for (const auto &[given, bound] : {std::pair{filter.from, Bound::First}, std::pair{filter.to, Bound::Last}}) {
+        if (given.isEmpty())
+            continue;
+        const auto text = boundText(given, bound, milliseconds, utc);
+        if (!text)
+            return text.error();
+        conditions << (bound == Bound::First ? "DATETIME>=?" : "DATETIME<=?");
+        texts << *text;
+    }
+    if (filter.active)
+        conditions << "EndDate='' and EndTime=''";
+    if (filter.ended)
+        conditions << "EndDate!='' and EndTime!=''";
+    if (!filter.levels.empty()) {
+        QByteArray list;
+        for (const int level : filter.levels)
+            list += (list.isEmpty() ? "" : ",") + QByteArray::number(level);
+        conditions << "LevelID in (" + list + ')';
+    }
+    if (!filter.users.isEmpty()) {
+        QByteArray list;
+        for (const QString &user : filter.users) {
+            list += list.isEmpty() ? "?" : ",?";
+            texts << user.toUtf8();
+        }
+        conditions << "userName in (" + list + ')';
+    }
+    if (filter.afterId >= 0)
+        conditions << "ID>" + QByteArray::number(filter.afterId);
+    if (!filter.containing.isEmpty()) {
+        sqlite3_create_function_v2(database.handle(), "contains_text", -1, SQLITE_UTF8 | SQLITE_DIRECTONLY,
+                                   new QString(filter.containing), containsText, nullptr, nullptr,
+                                   [](void *wanted) { delete static_cast<QString *>(wanted); });
+        QByteArray cells;
+        for (const QString &column : table.columns.mid(1))
+            cells += (cells.isEmpty() ? "" : ",") + identifier(column);
+        conditions << "contains_text(" + cells + ')';
+    }
+    QByteArray sql = head;
+    if (!conditions.isEmpty())
+        sql += " where " + conditions.join(" and ");
+    auto statement = database.prepare(sql + tail);
+    if (!statement)
+        return statement.error();
+    for (int i = 0; i < texts.size(); ++i)
+        statement->bind(i + 1, texts.at(i));
+    return statement;
+}
+
+Result<Statement> rowsOf(const Database &database, const Table &table, const RowQuery &query)
+{
+    QByteArray order;
+    switch (query.order) {
+    case Order::OldestFirst:
+        order = " order by DATETIME,ID";
+        break;
+    case Order::NewestFirst:
+        order = " order by DATETIME desc,ID desc";
+        break;
+    case Order::AsRecorded:
+        order = " order by ID";
+        break;
+    }
+    if (query.limit >= 0 || query.offset > 0)
+        order += " limit " + QByteArray::number(query.limit) + " offset " + QByteArray::number(query.offset);
+    return filtered(database, table, query.filter, query.utc,
+                    "select " + columnList(table.kind) + " from " + identifier(table.name), order);
+}
+
+Result<qint64> countOf(const Database &database, const Table &table, const RowFilter &filter, bool utc)
+{
+    auto statement = filtered(database, table, filter, utc, "select count(*) from " + identifier(table.name), "");
+    if (!statement)
+        return statement.error();
+    if (!statement->step())
+        return statement->status().ok() ? failure(database.name(), QStringLiteral("counting gave no row"))
+                                        : statement->status().error();
+    return statement->number(0);
+}
+
+} // namespace device_db

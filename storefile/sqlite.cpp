@@ -1,0 +1,225 @@
+// SPDX-License-Identifier: MIT
+#include "storefile/sqlite.h"
+
+#include <sqlite3.h>
+
+namespace device_db
+{
+
+namespace
+{
+
+Error sqliteError(sqlite3 *connection, int code, const QString &site)
+{
+    const QString words =
+        connection ? QString::fromUtf8(sqlite3_errmsg(connection)) : QString::fromUtf8(sqlite3_errstr(code));
+    switch (code & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+        return failure(site, words + QStringLiteral("; another process holds it, try again or stop that process"));
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+        return failure(site, words + QStringLiteral("; \"device-db check\" tells more, \"device-db salvage\" gets "
+                                                    "rows out"));
+    case SQLITE_FULL:
+    case SQLITE_IOERR:
+    case SQLITE_READONLY:
+    case SQLITE_CANTOPEN:
+        return failure(site, words + QStringLiteral("; check rights, free space and the medium"));
+    default:
+        return failure(site, words);
+    }
+}
+
+} // namespace
+
+Statement::Statement(sqlite3_stmt *statement, QString site) : m_statement(statement), m_site(std::move(site)) {}
+
+void Statement::Finalize::operator()(sqlite3_stmt *statement) const
+{
+    sqlite3_finalize(statement);
+}
+
+bool Statement::step()
+{
+    m_code = sqlite3_step(m_statement.get());
+    return m_code == SQLITE_ROW;
+}
+
+void Statement::reset()
+{
+    sqlite3_reset(m_statement.get());
+}
+
+Status Statement::status() const
+{
+    if (m_code == SQLITE_ROW || m_code == SQLITE_DONE || m_code == SQLITE_OK)
+        return {};
+    return sqliteError(sqlite3_db_handle(m_statement.get()), m_code, m_site);
+}
+
+int Statement::columns() const
+{
+    return sqlite3_column_count(m_statement.get());
+}
+
+QByteArray Statement::cell(int column) const
+{
+    sqlite3_stmt *const statement = m_statement.get();
+    const int type = sqlite3_column_type(statement, column);
+    if (type == SQLITE_NULL)
+        return QByteArray();
+    const void *const bytes =
+        type == SQLITE_BLOB ? sqlite3_column_blob(statement, column) : sqlite3_column_text(statement, column);
+    const int size = sqlite3_column_bytes(statement, column);
+    return size == 0 ? QByteArray("") : QByteArray(static_cast<const char *>(bytes), size);
+}
+
+qint64 Statement::number(int column) const
+{
+    return sqlite3_column_int64(m_statement.get(), column);
+}
+
+int Statement::type(int column) const
+{
+    return sqlite3_column_type(m_statement.get(), column);
+}
+
+void Statement::bind(int place, const QByteArray &text)
+{
+    if (text.isNull())
+        sqlite3_bind_null(m_statement.get(), place);
+    else
+        sqlite3_bind_text(m_statement.get(), place, text.constData(), int(text.size()), SQLITE_TRANSIENT);
+}
+
+void Statement::bind(int place, qint64 number)
+{
+    sqlite3_bind_int64(m_statement.get(), place, number);
+}
+
+void Statement::bind(int place, double number)
+{
+    sqlite3_bind_double(m_statement.get(), place, number);
+}
+
+void Statement::bindBlob(int place, const QByteArray &bytes)
+{
+    sqlite3_bind_blob(m_statement.get(), place, bytes.constData(), int(bytes.size()), SQLITE_TRANSIENT);
+}
+
+Database::Database(sqlite3 *connection, QString name) : m_connection(connection), m_name(std::move(name)) {}
+
+void Database::Close::operator()(sqlite3 *connection) const
+{
+    sqlite3_close_v2(connection);
+}
+
+Result<Database> Database::open(const QString &path, Mode mode, const QString &name)
+{
+    const QString site = name.isEmpty() ? path : name;
+    sqlite3 *connection = nullptr;
+    const int code = sqlite3_open_v2(path.toUtf8().constData(), &connection,
+                                     mode == ReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE, nullptr);
+    Database database(connection, site);
+    if (code != SQLITE_OK)
+        return sqliteError(connection, code, site);
+    sqlite3_extended_result_codes(connection, 1);
+    sqlite3_busy_timeout(connection, 2000);
+    sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    if (mode == ReadOnly) {
+        sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+        sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+    }
+    // SQLite looks at a file when it is first read.
+    if (const auto tables = database.number("select count(*) from sqlite_master"); !tables)
+        return tables.error();
+    return database;
+}
+
+Result<Statement> Database::prepare(const QByteArray &sql) const
+{
+    sqlite3_stmt *statement = nullptr;
+    const int code = sqlite3_prepare_v2(handle(), sql.constData(), int(sql.size()), &statement, nullptr);
+    if (code != SQLITE_OK)
+        return sqliteError(handle(), code, m_name);
+    return Statement(statement, m_name);
+}
+
+Status Database::run(const QByteArray &sql) const
+{
+    const int code = sqlite3_exec(handle(), sql.constData(), nullptr, nullptr, nullptr);
+    if (code != SQLITE_OK)
+        return sqliteError(handle(), code, m_name);
+    return {};
+}
+
+Result<qint64> Database::number(const QByteArray &sql) const
+{
+    auto statement = prepare(sql);
+    if (!statement)
+        return statement.error();
+    if (!statement->step()) {
+        if (const Status status = statement->status(); !status)
+            return status.error();
+        return failure(m_name, QStringLiteral("no row from: ") + QString::fromUtf8(sql));
+    }
+    return statement->number(0);
+}
+
+Result<QByteArray> Database::text(const QByteArray &sql) const
+{
+    auto statement = prepare(sql);
+    if (!statement)
+        return statement.error();
+    if (!statement->step()) {
+        if (const Status status = statement->status(); !status)
+            return status.error();
+        return QByteArray();
+    }
+    return statement->cell(0);
+}
+
+qint64 Database::changes() const
+{
+    return sqlite3_changes(handle());
+}
+
+Result<qint64> copyPages(const Database &from, const Database &to, const std::function<void(qint64, qint64)> &progress)
+{
+    constexpr int pagesAStep = 256;
+    if (const Status begun = from.run("begin; select count(*) from sqlite_master"); !begun)
+        return begun.error();
+    sqlite3_backup *const backup = sqlite3_backup_init(to.handle(), "main", from.handle(), "main");
+    if (!backup)
+        return failure(to.name(), QString::fromUtf8(sqlite3_errmsg(to.handle())));
+    int code = SQLITE_OK;
+    while (code == SQLITE_OK) {
+        code = sqlite3_backup_step(backup, pagesAStep);
+        const qint64 all = sqlite3_backup_pagecount(backup);
+        if (progress)
+            progress(all - sqlite3_backup_remaining(backup), all);
+    }
+    const qint64 pages = sqlite3_backup_pagecount(backup);
+    sqlite3_backup_finish(backup);
+    if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB)
+        return failure(
+            from.name(),
+            QStringLiteral("%1; \"device-db salvage\" gets rows out").arg(QString::fromUtf8(sqlite3_errstr(code))));
+    if (code != SQLITE_DONE)
+        return failure(to.name(), QString::fromUtf8(sqlite3_errstr(code)) +
+                                      QStringLiteral("; check free space, rights and the medium"));
+    if (const Status ended = from.run("commit"); !ended)
+        return ended.error();
+    return pages;
+}
+
+QByteArray identifier(const QString &name)
+{
+    QByteArray inside = name.toUtf8();
+    inside.replace('"', "\"\"");
+    return '"' + inside + '"';
+}
+
+} // namespace device_db

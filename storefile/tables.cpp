@@ -1,0 +1,209 @@
+// SPDX-License-Identifier: MIT
+#include "storefile/tables.h"
+
+#include "storefile/texts.h"
+
+#include <algorithm>
+
+namespace device_db
+{
+
+namespace
+{
+
+Kind kindOf(const QStringList &columns)
+{
+    for (const Kind kind : {Kind::Samples, Kind::Alarms, Kind::Log, Kind::Configuration}) {
+        if (columns.size() == 1 + columnsOf(kind).size() &&
+            qstricmp(columns.join(QLatin1Char(',')).toUtf8().constData(), columnList(kind).constData()) == 0)
+            return kind;
+    }
+    return Kind::Foreign;
+}
+
+} // namespace
+
+const QVector<KnownColumn> &columnsOf(Kind kind)
+{
+    static const QVector<KnownColumn> samples{{"DATETIME", "dateTime", "time", "Time", false},
+                                              {"Value", "text", "value", "Value", false}};
+    static const QVector<KnownColumn> alarms{{"LevelID", "INTEGER", "level", "Level", false},
+                                             {"DATETIME", "dateTime", "start", "Start", false},
+                                             {"AlarmObject", "text", "object", "Object", false},
+                                             {"AlarmType", "text", "type", "Type", false},
+                                             {"CurrentValue", "text", "value", "Value", false},
+                                             {"LimitValue", "text", "limit", "Limit", false},
+                                             {"AlarmDescription", "text", "description", "Description", true},
+                                             {"EndDate", "text", "end_date", "End date", false},
+                                             {"EndTime", "text", "end_time", "End time", false}};
+    static const QVector<KnownColumn> log{{"DATETIME", "dateTime NOT NULL", "time", "Time", false},
+                                          {"userName", "text", "user", "User", false},
+                                          {"logName", "text", "log", "Log", false},
+                                          {"message", "text", "message", "Message", false}};
+    static const QVector<KnownColumn> configuration{{"COLLECTOR", "text", "collector", "Collector", true},
+                                                    {"NAME", "text", "name", "Name", true}};
+    static const QVector<KnownColumn> none;
+    switch (kind) {
+    case Kind::Samples:
+        return samples;
+    case Kind::Alarms:
+        return alarms;
+    case Kind::Log:
+        return log;
+    case Kind::Configuration:
+        return configuration;
+    case Kind::Foreign:
+        break;
+    }
+    return none;
+}
+
+const char *nameOf(Kind kind)
+{
+    switch (kind) {
+    case Kind::Samples:
+        return "samples";
+    case Kind::Alarms:
+        return "alarms";
+    case Kind::Log:
+        return "log";
+    case Kind::Configuration:
+        return "configuration";
+    case Kind::Foreign:
+        break;
+    }
+    return "foreign";
+}
+
+QByteArray definitionOf(Kind kind)
+{
+    if (kind == Kind::Foreign)
+        return QByteArray();
+    QByteArray definition("ID INTEGER PRIMARY KEY AUTOINCREMENT");
+    for (const KnownColumn &column : columnsOf(kind))
+        definition += QByteArray(",") + column.name + ' ' + column.declaration;
+    return definition;
+}
+
+QByteArray columnList(Kind kind)
+{
+    QByteArray list("ID");
+    for (const KnownColumn &column : columnsOf(kind))
+        list += QByteArray(",") + column.name;
+    return list;
+}
+
+int timeColumnOf(Kind kind)
+{
+    return kind == Kind::Alarms ? int(AlarmStart) : int(SampleTime); // the log's is at the same place
+}
+
+bool hasMilliseconds(Kind kind)
+{
+    return kind == Kind::Log;
+}
+
+bool holdsRecords(Kind kind)
+{
+    return kind == Kind::Samples || kind == Kind::Alarms || kind == Kind::Log;
+}
+
+Result<QList<Table>> tablesOf(const Database &database)
+{
+    // A virtual table has no root page; asking for its columns would run its module.
+    auto rows = database.prepare("select m.name,c.name,m.rootpage from sqlite_master m left join "
+                                 "pragma_table_info(iif(m.rootpage>0,m.name,'')) c where m.type='table' and m.name not "
+                                 "like 'sqlite\\_%' escape '\\' and m.name not like 'device %' order by m.name,c.cid");
+    if (!rows)
+        return rows.error();
+    QList<Table> tables;
+    while (rows->step()) {
+        const QString name = QString::fromUtf8(rows->cell(0));
+        if (tables.isEmpty() || tables.last().name != name)
+            tables.append({name, Kind::Foreign, {}, rows->number(2) == 0});
+        if (!tables.last().isVirtual)
+            tables.last().columns << QString::fromUtf8(rows->cell(1));
+    }
+    if (const Status status = rows->status(); !status)
+        return status.error();
+    for (Table &table : tables)
+        table.kind = kindOf(table.columns);
+    return tables;
+}
+
+Result<Table> chooseTable(const Database &database, const QString &wanted, const QVector<Kind> &kinds)
+{
+    const auto tables = tablesOf(database);
+    if (!tables)
+        return tables.error();
+    QStringList names;
+    QStringList fitting;
+    Table chosen;
+    for (const Table &table : *tables) {
+        if (!holdsRecords(table.kind))
+            continue;
+        names << table.name;
+        if (!kinds.isEmpty() && !kinds.contains(table.kind))
+            continue;
+        fitting << table.name;
+        if (wanted.isEmpty() || table.name.compare(wanted, Qt::CaseInsensitive) == 0) // as SQL finds it
+            chosen = table;
+    }
+    const QString all = names.join(QLatin1String(", "));
+    if (!wanted.isEmpty() && chosen.name.isEmpty()) {
+        if (names.contains(wanted, Qt::CaseInsensitive))
+            return failure(database.name(), QStringLiteral("table %1 is of another kind; this takes %2")
+                                                .arg(wanted, fitting.isEmpty() ? QStringLiteral("none of its tables")
+                                                                               : fitting.join(QLatin1String(", "))));
+        return failure(database.name(),
+                       names.isEmpty() ? QStringLiteral("it has no table of records; \"device-db info\" tells more")
+                                       : QStringLiteral("there is no table %1; it has %2").arg(wanted, all));
+    }
+    if (fitting.isEmpty())
+        return failure(database.name(),
+                       names.isEmpty() ? QStringLiteral("it has no table of records; \"device-db info\" tells more")
+                                       : QStringLiteral("it has no table of the kind asked for; it has ") + all);
+    if (wanted.isEmpty() && fitting.size() > 1)
+        return failure(database.name(), QStringLiteral("name one of its tables: ") + fitting.join(QLatin1String(", ")));
+    return chosen;
+}
+
+Result<QStringList> triggersOf(const Database &database)
+{
+    auto rows = database.prepare("select name,tbl_name from sqlite_master where type='trigger' order by tbl_name,name");
+    if (!rows)
+        return rows.error();
+    QStringList triggers;
+    while (rows->step())
+        triggers << QStringLiteral("%1 on %2").arg(QString::fromUtf8(rows->cell(0)), QString::fromUtf8(rows->cell(1)));
+    if (const Status status = rows->status(); !status)
+        return status.error();
+    return triggers;
+}
+
+Result<QList<Registration>> registrationsOf(const Database &database, const QList<Table> &tables)
+{
+    QList<Registration> registrations;
+    // A table of its columns and not only something of its name, which may be a view.
+    const bool listed = std::any_of(tables.begin(), tables.end(), [](const Table &table) {
+        return table.kind == Kind::Configuration && table.name == QLatin1String("tb_config");
+    });
+    if (!listed)
+        return registrations;
+    auto rows = database.prepare("select COLLECTOR,NAME from tb_config order by ID");
+    if (!rows)
+        return rows.error();
+    while (rows->step()) {
+        const QByteArray collector = decodedTwice(rows->cell(0));
+        const bool hasTable = std::any_of(tables.begin(), tables.end(), [&](const Table &other) {
+            return other.kind == Kind::Samples &&
+                   other.name.compare(QString::fromUtf8(collector), Qt::CaseInsensitive) == 0;
+        });
+        registrations.append({collector, decodedTwice(rows->cell(1)), hasTable});
+    }
+    if (const Status status = rows->status(); !status)
+        return status.error();
+    return registrations;
+}
+
+} // namespace device_db

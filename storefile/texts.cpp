@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+#include "storefile/texts.h"
+
+#include <QLocale>
+
+#include <algorithm>
+
+namespace device_db
+{
+
+namespace
+{
+
+bool isAscii(const QByteArray &cell)
+{
+    return std::all_of(cell.begin(), cell.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+} // namespace
+
+QString grouped(qint64 number)
+{
+    return QLocale(QLocale::English, QLocale::UnitedStates).toString(number);
+}
+
+QString rowsText(qint64 rows)
+{
+    return grouped(rows) + QLatin1String(rows == 1 ? " row" : " rows");
+}
+
+QString bytesText(qint64 bytes)
+{
+    if (bytes < 1000)
+        return QStringLiteral("%1 B").arg(bytes);
+    double value = double(bytes);
+    const char *unit = "B";
+    for (const char *next : {"kB", "MB", "GB"}) {
+        if (value < 999.5)
+            break;
+        value /= 1000;
+        unit = next;
+    }
+    return QStringLiteral("%1 %2").arg(value, 0, 'f', value < 99.95 ? 1 : 0).arg(QLatin1String(unit));
+}
+
+bool isUtf8(const QByteArray &cell)
+{
+    return isAscii(cell) || QString::fromUtf8(cell).toUtf8() == cell;
+}
+
+QByteArray decodedTwice(const QByteArray &cell)
+{
+    if (isAscii(cell))
+        return cell;
+    const QString text = QString::fromUtf8(cell);
+    if (std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() > 0xff; }))
+        return cell;
+    const QByteArray once = text.toLatin1();
+    return QString::fromUtf8(once).toUtf8() == once ? once : cell;
+}
+
+} // namespace device_db

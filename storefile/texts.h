@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+#ifndef STOREFILE_TEXTS_H
+#define STOREFILE_TEXTS_H
+
+#include <QByteArray>
+#include <QString>
+
+namespace device_db
+{
+
+/// 1234567 as "1,234,567".
+QString grouped(qint64 number);
+/// "1 row", "1,234 rows".
+QString rowsText(qint64 rows);
+/// "12.3 MB".
+QString bytesText(qint64 bytes);
+
+/// Whether a cell survives the way through a QString.
+bool isUtf8(const QByteArray &cell);
+/// A cell that the store library encoded twice as it was meant; any other as it is.
+QByteArray decodedTwice(const QByteArray &cell);
+
+} // namespace device_db
+
+#endif

@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: MIT
+#include "storefile/times.h"
+
+#include <QRegularExpression>
+
+#include <optional>
+
+namespace device_db
+{
+
+namespace
+{
+
+QByteArray formOf(const QDateTime &time, bool milliseconds)
+{
+    return time
+        .toString(milliseconds ? QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz") : QStringLiteral("yyyy-MM-dd hh:mm:ss"))
+        .toLatin1();
+}
+
+QDateTime fromText(const QByteArray &time, bool milliseconds, Qt::TimeSpec spec)
+{
+    const QString text = QString::fromLatin1(time);
+    QDateTime parsed = QDateTime::fromString(text, milliseconds ? QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")
+                                                                : QStringLiteral("yyyy-MM-dd hh:mm:ss"));
+    parsed.setTimeSpec(spec);
+    return parsed;
+}
+
+int digits(const char *at, int count)
+{
+    int value = 0;
+    for (int i = 0; i < count; ++i) {
+        if (at[i] < '0' || at[i] > '9')
+            return -1;
+        value = value * 10 + (at[i] - '0');
+    }
+    return value;
+}
+
+std::optional<qint64> timeIn(const QByteArray &time, bool milliseconds)
+{
+    if (time.size() != (milliseconds ? 23 : 19))
+        return std::nullopt;
+    const char *const at = time.constData();
+    if (at[4] != '-' || at[7] != '-' || at[10] != ' ' || at[13] != ':' || at[16] != ':' ||
+        (milliseconds && at[19] != '.'))
+        return std::nullopt;
+    const QDate date(digits(at, 4), digits(at + 5, 2), digits(at + 8, 2));
+    const QTime clock(digits(at + 11, 2), digits(at + 14, 2), digits(at + 17, 2),
+                      milliseconds ? digits(at + 20, 3) : 0);
+    if (!date.isValid() || !clock.isValid())
+        return std::nullopt;
+    return (date.toJulianDay() - 2440588) * 86400000 + clock.msecsSinceStartOfDay();
+}
+
+} // namespace
+
+Result<QByteArray> boundText(const QString &given, Bound bound, bool milliseconds, bool utc)
+{
+    const QString text = given.trimmed();
+    const QDateTime now = utc ? QDateTime::currentDateTimeUtc() : QDateTime::currentDateTime();
+    QDateTime time;
+    static const QRegularExpression span(QStringLiteral("^(\\d{1,6})([smhdw])$"));
+    static const QRegularExpression point(
+        QStringLiteral("^(\\d{4})[-/](\\d\\d)[-/](\\d\\d)(?:[ T](\\d\\d):(\\d\\d)(?::(\\d\\d)(?:\\.(\\d{3}))?)?)?$"));
+    const bool last = bound == Bound::Last;
+    if (text == QLatin1String("now")) {
+        time = now;
+    } else if (text == QLatin1String("today") || text == QLatin1String("yesterday")) {
+        time = now;
+        time.setDate(now.date().addDays(text == QLatin1String("today") ? 0 : -1));
+        time.setTime(last ? QTime(23, 59, 59, 999) : QTime(0, 0));
+    } else if (const auto back = span.match(text); back.hasMatch()) {
+        const qint64 seconds[] = {1, 60, 3600, 86400, 7 * 86400};
+        const auto unit = QStringLiteral("smhdw").indexOf(back.captured(2));
+        time = now.addSecs(-back.captured(1).toLongLong() * seconds[unit]);
+    } else if (const auto match = point.match(text); match.hasMatch()) {
+        const auto part = [&](int index, int otherwise) {
+            return match.captured(index).isEmpty() ? otherwise : match.captured(index).toInt();
+        };
+        const QDate date(part(1, 0), part(2, 0), part(3, 0));
+        const QTime clock(part(4, last ? 23 : 0), part(5, last ? 59 : 0), part(6, last ? 59 : 0),
+                          part(7, last ? 999 : 0));
+        if (!date.isValid() || !clock.isValid())
+            return failure(given, QStringLiteral("there is no such day or time; give one such as 2024-05-06 07:08:09"));
+        // Not through a QDateTime: an hour that the zone leaves out is a time like any other in the tables.
+        if (!utc) {
+            const QByteArray form =
+                (date.toString(Qt::ISODate) + QLatin1Char(' ') + clock.toString(QStringLiteral("hh:mm:ss.zzz")))
+                    .toLatin1();
+            return milliseconds ? form : form.left(19);
+        }
+        time = QDateTime(date, clock, Qt::UTC);
+    } else {
+        return failure(given, QStringLiteral("this is no time; give one such as 2024-05-06, \"2024-05-06 07:08:09\", "
+                                             "today or 24h (so long ago)"));
+    }
+    return formOf(time.toLocalTime(), milliseconds);
+}
+
+qint64 millisecondsOf(const QByteArray &time, bool milliseconds)
+{
+    return timeIn(time, milliseconds).value_or(-1);
+}
+
+bool isTime(const QByteArray &text, bool milliseconds)
+{
+    return timeIn(text, milliseconds).has_value();
+}
+
+QByteArray endOfAlarm(const QByteArray &date, const QByteArray &time)
+{
+    return QByteArray(date + ' ' + time).replace('/', '-');
+}
+
+QByteArray inUtc(const QByteArray &time, bool milliseconds)
+{
+    const QDateTime parsed = fromText(time, milliseconds, Qt::LocalTime);
+    return parsed.isValid() ? formOf(parsed.toUTC(), milliseconds) : time;
+}
+
+QString duration(qint64 milliseconds)
+{
+    if (milliseconds < 1000)
+        return QStringLiteral("%1 s").arg(double(milliseconds) / 1000, 0, 'f', 3);
+    const qint64 seconds = milliseconds / 1000;
+    QString text;
+    if (seconds >= 86400)
+        text = QStringLiteral("%1 d ").arg(seconds / 86400);
+    const qint64 rest = seconds % 86400;
+    return text + QStringLiteral("%1:%2:%3")
+                      .arg(rest / 3600)
+                      .arg(rest / 60 % 60, 2, 10, QLatin1Char('0'))
+                      .arg(rest % 60, 2, 10, QLatin1Char('0'));
+}
+
+} // namespace device_db

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+//
+// Ctrl-C while a new file is being written: nothing is left of it.
+#include "tool_test.h"
+
+#include <csignal>
+
+namespace
+{
+
+class Interrupt : public ToolTest, public ::testing::WithParamInterface<const char *>
+{
+};
+
+TEST_P(Interrupt, LeavesNoPartOfTheNewFile)
+{
+    {
+        PlainConnection file(path("device.db"_q));
+        file.run("create table T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text);"
+                 "with recursive n(i) as (select 1 union all select i+1 from n where i<300000) "
+                 "insert into T1 select NULL,'2024-05-06 07:08:09','a value of some length' from n"_q);
+    }
+    const QStringList before = QDir(path("."_q)).entryList(QDir::Files);
+    QProcess tool;
+    start(tool, {QString::fromLatin1(GetParam()), "device.db"_q, "new.db"_q});
+    const auto isWriting = [&] {
+        const auto parts = QDir(path("."_q)).entryInfoList({"new.db.part-*"_q}, QDir::Files);
+        return !parts.isEmpty() && parts.first().size() > 0;
+    };
+    while (!isWriting() && tool.state() == QProcess::Running)
+        tool.waitForFinished(1);
+    ASSERT_EQ(tool.state(), QProcess::Running) << "it was done before it could be interrupted";
+    ::kill(pid_t(tool.processId()), SIGINT);
+    ASSERT_TRUE(tool.waitForFinished(60000));
+    EXPECT_EQ(tool.exitStatus(), QProcess::CrashExit) << "it ends by the signal itself";
+    EXPECT_EQ(QDir(path("."_q)).entryList(QDir::Files), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, Interrupt, ::testing::Values("salvage", "backup"));
+
+} // namespace
