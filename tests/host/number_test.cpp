@@ -50,8 +50,9 @@ TEST(Numbers, AreWrittenInTheFewestDigitsThatReadBackTheSame)
         const quint64 bits = random();
         double value = 0;
         std::memcpy(&value, &bits, sizeof value);
-        if (std::isfinite(value))
+        if (std::isfinite(value)) {
             ASSERT_EQ(number(numberText(value)), value) << bits;
+        }
     }
 }
 
