@@ -48,6 +48,16 @@ const Limit limits[] = {
     {"growth-records/*", "OURS 1000000", "OURS 10000", atMost, 1.4, 1.4},
     {"memory-peak/1000000/*", "OURS", "FLOOR + list", atMost, 1.00, 1.00},
     {"memory-list/1000000/history", "OURS", "PLAIN", atMost, 0.85, 0.85},
+
+    {"typed-append/*/history", "TYPED", "SQLiteCpp prepared", atMost, 1.10, 1.10},
+    {"typed-append/*/history", "* prepared", "TYPED", atLeast, 1.00, 1.00},
+    {"typed-append/*/history", "* text", "TYPED", atLeast, 1.00, 1.00},
+    {"typed-series/200/history", "TYPED", "SQLiteCpp prepared", atMost, 1.25, 1.25},
+    {"typed-read/*/history", "TYPED", "SQLiteCpp", atMost, 1.10, 1.10},
+    {"typed-read/*/history", "SQLiteCpp", "TYPED", atLeast, 1.00, 1.00},
+    {"typed-read/*/history", "Qt SQL", "TYPED", atLeast, 1.00, 1.00},
+    {"typed-read/*/history", "SOCI", "TYPED", atLeast, 1.00, 1.00},
+    {"typed-read/*/history", "POCO", "TYPED", atLeast, 1.00, 1.00},
 };
 
 } // namespace

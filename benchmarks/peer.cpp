@@ -5,8 +5,12 @@
 
 QString preparedInsert(const Kind &kind)
 {
-    return QStringLiteral("insert into %1 values(NULL%2)")
-        .arg(QLatin1String(kind.table), QStringLiteral(",?").repeated(kind.columns));
+    return preparedInsert(kind, QLatin1String(kind.table));
+}
+
+QString preparedInsert(const Kind &kind, const QString &table)
+{
+    return QStringLiteral("insert into %1 values(NULL%2)").arg(table, QStringLiteral(",?").repeated(kind.columns));
 }
 
 QString textInsert(const Kind &kind, const QStringList &row)

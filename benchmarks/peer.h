@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "kinds.h"
+#include "typed_records.h"
 
 #include <memory>
 #include <string>
@@ -25,6 +25,20 @@ public:
     virtual void read(const Kind &kind, const QString &sql, QList<OperatorLogData> &entries) = 0;
     virtual void read(const Kind &kind, const QString &sql, QList<QStringList> &result) = 0;
 
+    // The host layer's records, in one transaction.
+    virtual void appendPrepared(const QList<device::Sample> &samples) = 0;
+    virtual void appendPrepared(const QList<device::Alarm> &alarms) = 0;
+    virtual void appendPrepared(const QList<device::LogEntry> &entries) = 0;
+    virtual void appendText(const QList<device::Sample> &samples) = 0;
+    virtual void appendText(const QList<device::Alarm> &alarms) = 0;
+    virtual void appendText(const QList<device::LogEntry> &entries) = 0;
+    virtual void readTyped(const QString &sql, QList<device::Sample> &samples) = 0;
+    virtual void readTyped(const QString &sql, QList<device::Alarm> &alarms) = 0;
+    virtual void readTyped(const QString &sql, QList<device::LogEntry> &entries) = 0;
+    /// Sample after sample into table after table, beginning anew behind the last: one prepared statement per table,
+    /// kept from batch to batch as an application does that stores the same series for years.
+    virtual void appendRoundRobin(const QStringList &tables, const QList<device::Sample> &samples) = 0;
+
 private:
     Q_DISABLE_COPY(Peer)
 };
@@ -42,6 +56,7 @@ extern const PeerType pocoPeer;
 
 /// "insert into Table values(NULL,?,?)".
 QString preparedInsert(const Kind &kind);
+QString preparedInsert(const Kind &kind, const QString &table);
 /// PLAIN's statement for the row.
 QString textInsert(const Kind &kind, const QStringList &row);
 /// The same in the fewest steps.
@@ -96,7 +111,8 @@ void fill(QStringList &row, const Cells &cells)
         row.append(cells.text(column));
 }
 
-/// Forwards the four read() functions to `Derived::readInto(kind, sql, list)`.
+/// Forwards the overloads to `Derived::readInto(kind, sql, list)`, appendRecords(list), appendTexts(list) and
+/// readRecords(sql, list).
 template<typename Derived>
 class PeerBase : public Peer
 {
@@ -117,6 +133,16 @@ public:
     {
         self().readInto(kind, sql, result);
     }
+
+    void appendPrepared(const QList<device::Sample> &samples) override { self().appendRecords(samples); }
+    void appendPrepared(const QList<device::Alarm> &alarms) override { self().appendRecords(alarms); }
+    void appendPrepared(const QList<device::LogEntry> &entries) override { self().appendRecords(entries); }
+    void appendText(const QList<device::Sample> &samples) override { self().appendTexts(samples); }
+    void appendText(const QList<device::Alarm> &alarms) override { self().appendTexts(alarms); }
+    void appendText(const QList<device::LogEntry> &entries) override { self().appendTexts(entries); }
+    void readTyped(const QString &sql, QList<device::Sample> &samples) override { self().readRecords(sql, samples); }
+    void readTyped(const QString &sql, QList<device::Alarm> &alarms) override { self().readRecords(sql, alarms); }
+    void readTyped(const QString &sql, QList<device::LogEntry> &entries) override { self().readRecords(sql, entries); }
 
 private:
     Derived &self() { return *static_cast<Derived *>(this); }

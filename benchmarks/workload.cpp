@@ -2,20 +2,16 @@
 #include "workload.h"
 
 #include "connection.h"
-#include "loaded_library.h"
+#include "files.h"
+#include "fingerprint.h"
 #include "memory.h"
 #include "peer.h"
 #include "plain.h"
-
-#include <QCryptographicHash>
-#include <QFile>
-#include <QMap>
+#include "typed.h"
 
 #include <sqlite3.h>
 
-#include <deque>
 #include <memory>
-#include <stdexcept>
 
 namespace
 {
@@ -39,141 +35,6 @@ const struct {
     {&sqliteCppPeer, "SQLiteCpp joined", &Peer::insertJoined},
 };
 
-using Store = std::shared_ptr<interface_data_base>;
-
-Store openStore(const Kind &kind, const QString &path)
-{
-    const Store store = library::store(kind.key);
-    if (store->openDB(path) != SQLITE_OK)
-        throw std::runtime_error("openDB failed");
-    return store;
-}
-
-/// The database files, made on demand.
-class Files
-{
-public:
-    Files(const Data &data, const QString &folder) : m_data(data), m_folder(folder) {}
-
-    /// A new file with an empty table, made by the library itself.
-    QString empty(const Kind &kind) { return create(kind, QStringLiteral("%1/%2.db").arg(m_folder).arg(++m_count)); }
-
-    /// The same in memory, where every connection of this process finds it by its name.
-    QString emptyInMemory(const Kind &kind)
-    {
-        const QString path = QStringLiteral("file:/%1?vfs=memdb").arg(++m_count);
-        m_inMemory.push_back(std::make_unique<Connection>(path)); // keeps it alive
-        return create(kind, path);
-    }
-
-    /// A file that holds the first `rows` rows; always the same one: it is for reading.
-    QString filled(const Kind &kind, int rows, bool indexed = false)
-    {
-        QString &path = m_filled[{QLatin1String(kind.name), QString::number(rows), QString::number(indexed)}];
-        if (!path.isEmpty())
-            return path;
-        if (indexed) {
-            path = filledCopy(kind, rows);
-            Connection(path).run("create index byTime on " + QByteArray(kind.table) + " (DATETIME)");
-            return path;
-        }
-        path = empty(kind);
-        Connection connection(path);
-        connection.run("begin");
-        sqlite3_stmt *insert = nullptr;
-        sqlite3_prepare_v2(connection.handle(), preparedInsert(kind).toUtf8().constData(), -1, &insert, nullptr);
-        for (int row = 0; row < rows; ++row) {
-            forEachColumn(kind, m_data.row(kind, row), [insert](int column, const QString &text) {
-                const QByteArray bytes = text.toUtf8();
-                sqlite3_bind_text(insert, column + 1, bytes.constData(), int(bytes.size()), SQLITE_TRANSIENT);
-            });
-            sqlite3_step(insert);
-            sqlite3_reset(insert);
-        }
-        sqlite3_finalize(insert);
-        connection.run("commit");
-        return path;
-    }
-
-    /// The same, but a file of its own.
-    QString filledCopy(const Kind &kind, int rows)
-    {
-        const QString path = QStringLiteral("%1/%2.db").arg(m_folder).arg(++m_count);
-        QFile::copy(filled(kind, rows), path);
-        return path;
-    }
-
-    const Data &data() const { return m_data; }
-
-private:
-    static QString create(const Kind &kind, const QString &path)
-    {
-        if (!openStore(kind, path)->createTable(QLatin1String(kind.table), QString()))
-            throw std::runtime_error("createTable failed");
-        return path;
-    }
-
-    const Data m_data;
-    const QString m_folder;
-    int m_count = 0;
-    std::vector<std::unique_ptr<Connection>> m_inMemory;
-    QMap<QStringList, QString> m_filled;
-};
-
-// Fingerprints
-
-QByteArray hash(const std::function<void(QCryptographicHash &)> &add)
-{
-    QCryptographicHash sum(QCryptographicHash::Sha1);
-    add(sum);
-    return sum.result();
-}
-
-void add(QCryptographicHash &sum, const QString &text)
-{
-    sum.addData(text.toUtf8().append('\0'));
-}
-
-void add(QCryptographicHash &sum, const DataContent &sample)
-{
-    for (const QString &text : {sample.date, sample.time, sample.extraText, sample.value})
-        add(sum, text);
-}
-
-void add(QCryptographicHash &sum, const AlarmData &alarm)
-{
-    for (const QString &text : {QString::number(alarm.level), QString::number(alarm.limitValue), alarm.description,
-                                alarm.alarmObject, alarm.alarmType, alarm.currentValue, alarm.extraText,
-                                alarm.startTime.toString(Qt::ISODateWithMs), alarm.endTime.toString(Qt::ISODateWithMs)})
-        add(sum, text);
-}
-
-void add(QCryptographicHash &sum, const OperatorLogData &entry)
-{
-    for (const QString &text :
-         {entry.userName, entry.logName, entry.message, entry.dateTime.toString(Qt::ISODateWithMs)})
-        add(sum, text);
-}
-
-void add(QCryptographicHash &sum, const QStringList &row)
-{
-    for (const QString &text : row)
-        add(sum, text);
-}
-
-/// What stands in a table of a file, the IDs left out.
-QByteArray contents(const Kind &kind, const QString &path)
-{
-    return hash([&](QCryptographicHash &sum) {
-        Connection connection(path);
-        const Table table(connection.handle(), "select * from " + QByteArray(kind.table) + " order by ID");
-        for (int row = 1; row <= table.rows; ++row) {
-            for (int column = 1; column < table.columns; ++column)
-                sum.addData(QByteArray(table.cells[row * table.columns + column]).append('\0'));
-        }
-    });
-}
-
 // Inserts
 
 void run(Connection &connection, const QByteArray &sql)
@@ -184,8 +45,9 @@ void run(Connection &connection, const QByteArray &sql)
 Contender inserting(const Kind &kind, const QString &path, const std::string &name, int rows,
                     std::function<void()> insert, std::function<void()> clear)
 {
-    return {name, double(rows), std::move(insert), [&kind, path] { return contents(kind, path); }, std::move(clear),
-            {}};
+    return {
+        name, double(rows), std::move(insert), [&kind, path] { return contents(kind.table, path); }, std::move(clear),
+        {}};
 }
 
 Contender floorInsert(const Kind &kind, const QString &path, const Rows &rows, const QByteArray &clear)
@@ -256,27 +118,6 @@ std::vector<Contender> insertContenders(const Kind &kind, Files &files, int batc
 }
 
 // Reads
-
-/// Runs gather their outputs; freeing them is not measured.
-template<typename Record>
-Contender reading(const std::string &name, double items, std::function<void(QList<Record> &)> read)
-{
-    const auto outputs = std::make_shared<std::deque<QList<Record>>>();
-    return {name,
-            items,
-            [outputs, read] {
-                outputs->emplace_back();
-                read(outputs->back());
-            },
-            [outputs] {
-                return hash([&](QCryptographicHash &sum) {
-                    for (const Record &record : outputs->front())
-                        add(sum, record);
-                });
-            },
-            [outputs] { outputs->clear(); },
-            {}};
-}
 
 Contender floorRead(const QString &path, const QByteArray &sql, double items)
 {
@@ -429,11 +270,6 @@ std::vector<Contender> rowPageContenders(const Kind &kind, const QString &path)
 
 // Growth and memory
 
-Contender figure(const char *name, double value)
-{
-    return {name, 1, {}, {}, {}, [value] { return value; }};
-}
-
 std::string named(const char *contender, int rows)
 {
     return contender + (' ' + std::to_string(rows));
@@ -559,5 +395,6 @@ std::vector<Workload> allWorkloads(const Sizes &sizes, const Data &data, const Q
     addStore<DataContent>(workloads, files, sizes);
     addStore<AlarmData>(workloads, files, sizes);
     addStore<OperatorLogData>(workloads, files, sizes);
+    addTyped(workloads, files, sizes);
     return workloads;
 }

@@ -12,13 +12,6 @@ constexpr int usualRow = 160;      // characters
 constexpr int timeLength = 19;     // of a sample: yyyy-MM-dd hh:mm:ss
 constexpr int frame = 12;          // what stands around a sample's two cells
 
-QChar *writeDigits(QChar *to, int value, int width)
-{
-    for (int i = width; i-- > 0; value /= 10)
-        to[i] = QLatin1Char(char('0' + value % 10));
-    return to + width;
-}
-
 // JSON would need an escape for one of its characters.
 bool needsEscape(const QString &text)
 {
@@ -67,31 +60,10 @@ const char *unstorable(const QString &text)
 
 bool appendTime(QString &to, LocalTime time, bool withMilliseconds)
 {
-    int year = 0;
-    int month = 0;
-    int day = 0;
-    time.date().getDate(&year, &month, &day);
-    if (!time.isValid() || year < 1 || year > 9999)
-        return false;
-    const QTime clock = time.time();
-    QChar text[23];
-    QChar *at = writeDigits(text, year, 4);
-    *at++ = QLatin1Char('-');
-    at = writeDigits(at, month, 2);
-    *at++ = QLatin1Char('-');
-    at = writeDigits(at, day, 2);
-    *at++ = QLatin1Char(' ');
-    at = writeDigits(at, clock.hour(), 2);
-    *at++ = QLatin1Char(':');
-    at = writeDigits(at, clock.minute(), 2);
-    *at++ = QLatin1Char(':');
-    at = writeDigits(at, clock.second(), 2);
-    if (withMilliseconds) {
-        *at++ = QLatin1Char('.');
-        at = writeDigits(at, clock.msec(), 3);
-    }
-    to.append(text, int(at - text));
-    return true;
+    QChar text[longestTime];
+    const int length = writeTime(text, time, withMilliseconds);
+    to.append(text, length);
+    return length > 0;
 }
 
 void RowText::openCell()

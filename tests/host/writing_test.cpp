@@ -124,6 +124,7 @@ TEST_F(Writing, ABatchOfManyTablesTakesOneInsertPerTable)
     SqliteCalls calls;
     {
         HistoryRecorder recorder(library(), path(), options);
+        require(recorder.start());
         for (int i = 0; i < tables; ++i)
             recorder.createTable(table("Series%1"_q.arg(i)));
         require(recorder.flush(std::chrono::seconds(20)));
