@@ -124,10 +124,10 @@ void run(const Library &library, Profile profile, const char *name, int rows, in
     const Settled settled = recorder.stop(std::chrono::minutes(5));
     std::sort(waits.begin(), waits.end());
     const auto at = [&](double part) { return waits.empty() ? -1 : waits[size_t(double(waits.size() - 1) * part)]; };
-    std::printf("%-8s %zu rows, p50 %.0f ms, p99 %.0f ms, longest %.0f ms; %lld questions answered, batches p99 %.0f ms; "
-                "%lld dropped\n",
-                name, waits.size(), at(0.5), at(0.99), at(1), load.answers, recorder.health().latencyP99,
-                settled.dropped);
+    std::printf(
+        "%-8s %zu rows, p50 %.0f ms, p99 %.0f ms, longest %.0f ms; %lld questions answered, batches p99 %.0f ms; "
+        "%lld dropped\n",
+        name, waits.size(), at(0.5), at(0.99), at(1), load.answers, recorder.health().latencyP99, settled.dropped);
 }
 
 } // namespace

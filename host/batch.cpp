@@ -121,8 +121,9 @@ Status Storing::insert(const Insert &insert)
 Status Storing::singly(const Insert &insert)
 {
     for (const int row : insert.rows) {
-        const Status done = inSavepoint(
-            row, [&] { return m_connection.run(at(insert.table), insertsOf(m_batch.writes, {row}, false).first().sql); });
+        const Status done = inSavepoint(row, [&] {
+            return m_connection.run(at(insert.table), insertsOf(m_batch.writes, {row}, false).first().sql);
+        });
         if (!done)
             return done;
         if (!m_witness && !isRefused(row)) {

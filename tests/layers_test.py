@@ -13,6 +13,7 @@ import sys
 
 ORDER = """
 device_tools
+src/private
 src
 host/device
 host
@@ -24,6 +25,7 @@ apps/device-db/import
 apps/device-db/commands
 apps/device-db
 examples/device_monitor
+examples/logger
 examples/panel
 examples/shortest
 tests/support

@@ -29,8 +29,7 @@ int main(int argc, char **argv)
     const TableName boiler = TableName::must("Boiler");
     if (const auto created = store->createTable(boiler, QStringLiteral("Boiler 1")); !created)
         return failed(created.error());
-    if (const auto appended = store->append(boiler, {{QDateTime::currentDateTime(), 87.5}});
-        !appended)
+    if (const auto appended = store->append(boiler, {{QDateTime::currentDateTime(), 87.5}}); !appended)
         return failed(appended.error());
     const auto newest = store->read(boiler, Query<Sample>().page(0, 10));
     if (!newest)

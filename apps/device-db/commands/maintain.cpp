@@ -216,9 +216,10 @@ Outcome checkpoint(const MaintainOptions &options)
     if (!moved)
         return moved.error();
     say(QStringLiteral("%1: %2").arg(
-        options.file.path, *moved ? QStringLiteral("the write-ahead log is in the file")
-                                  : QStringLiteral("a part of the write-ahead log stays in it while the file is read; try "
-                                                   "again later")));
+        options.file.path, *moved
+                               ? QStringLiteral("the write-ahead log is in the file")
+                               : QStringLiteral("a part of the write-ahead log stays in it while the file is read; try "
+                                                "again later")));
     return Done;
 }
 
