@@ -21,9 +21,9 @@ struct SalvageOptions {
 /// A table that rows came out of.
 struct SalvagedTable {
     enum NameFrom {
-        Schema, ///< The file still says it.
-        LastId, ///< Its last ID is that of this name in SQLite's list of IDs.
-        MadeUp  ///< Nothing says it.
+        FromSchema, ///< The file still says it.
+        LastId,     ///< Its last ID is that of this name in SQLite's list of IDs.
+        MadeUp      ///< Nothing says it.
     };
     QString name;
     Kind kind = Kind::Foreign;

@@ -153,7 +153,7 @@ void Grower::growRooted()
         Tree tree;
         tree.kind = definition.kind;
         tree.name = definition.name;
-        tree.nameFrom = SalvagedTable::Schema;
+        tree.nameFrom = SalvagedTable::FromSchema;
         tree.rooted = true;
         walk(tree, definition.root, lowestId, highestId, 0);
         finish(tree);

@@ -31,7 +31,7 @@ struct SalvageCommand {
 const char *textOf(SalvagedTable::NameFrom from)
 {
     switch (from) {
-    case SalvagedTable::Schema:
+    case SalvagedTable::FromSchema:
         return "the file";
     case SalvagedTable::LastId:
         return "last ID";
