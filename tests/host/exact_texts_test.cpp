@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "every_kind.h"
 #include "host_test.h"
 
 #include <QRandomGenerator>
@@ -160,26 +161,11 @@ QStringList textsOf(const LogEntry &entry)
     return {entry.user, entry.name, entry.message};
 }
 
-template<typename StoreType, typename Record>
-struct Pairing {
-    using Kept = StoreType;
-    using Row = Record;
-};
-
 template<typename Pair>
 class EveryText : public HostTest
 {
 };
 
-using Pairings =
-    ::testing::Types<Pairing<HistoryStore, Sample>, Pairing<AlarmStore, Alarm>, Pairing<LogStore, LogEntry>>;
-struct KindNames {
-    template<typename Pair>
-    static std::string GetName(int place)
-    {
-        return std::array{"History", "Alarm", "Log"}[size_t(place)];
-    }
-};
 TYPED_TEST_SUITE(EveryText, Pairings, KindNames);
 
 TYPED_TEST(EveryText, ComesBackTheSameInOrderOrIsRefusedByName)

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "every_kind.h"
 #include "host_test.h"
 #include "sqlite_calls.h"
 
@@ -136,26 +137,11 @@ bool readsColumns(const QString &statement)
     return statement.contains("group_concat"_q);
 }
 
-template<typename StoreType, typename Record>
-struct Pairing {
-    using Kept = StoreType;
-    using Row = Record;
-};
-
 template<typename Pair>
 class WholeTable : public HostTest
 {
 };
 
-using Pairings =
-    ::testing::Types<Pairing<HistoryStore, Sample>, Pairing<AlarmStore, Alarm>, Pairing<LogStore, LogEntry>>;
-struct KindNames {
-    template<typename Pair>
-    static std::string GetName(int place)
-    {
-        return std::array{"History", "Alarm", "Log"}[size_t(place)];
-    }
-};
 TYPED_TEST_SUITE(WholeTable, Pairings, KindNames);
 
 TYPED_TEST(WholeTable, GivesEveryCellThatAnotherProgramStoredAsAPageDoes)
