@@ -129,7 +129,10 @@ void Recorder::Worker::takeBatch()
     const auto end = m_waiting.begin() + std::ptrdiff_t(steps);
     m_batch.assign(std::make_move_iterator(m_waiting.begin()), std::make_move_iterator(end));
     m_waiting.erase(m_waiting.begin(), end);
-    m_tried = Batch();
+    m_tried.writes.clear();
+    m_tried.refused.clear();
+    m_tried.changed.clear();
+    m_tried.inDoubt.reset();
     m_tried.writes.reserve(int(steps));
     m_rowsInBatch = 0;
     for (const Item &item : m_batch) {
