@@ -132,7 +132,7 @@ int main(int argc, char **argv)
     QCoreApplication application(argc, argv);
     if (parser.isSet("help"))
         parser.showHelp();
-    // The stores tell what they do; it is not wanted here.
+    // The stores' messages are not wanted here.
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
         if (type != QtDebugMsg)
             std::fprintf(stderr, "%s\n", qPrintable(text));

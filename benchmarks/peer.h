@@ -17,7 +17,7 @@ public:
     virtual void insertPrepared(const Kind &kind, const Rows &rows) = 0;
     /// One statement text a row, PLAIN's.
     virtual void insertText(const Kind &kind, const Rows &rows) = 0;
-    /// One statement text a row, joined by hand. Worth a line for the fastest peer alone.
+    /// One statement text per row, joined directly. Worth a line for the fastest peer alone.
     virtual void insertJoined(const Kind &, const Rows &) {}
 
     virtual void read(const Kind &kind, const QString &sql, QList<DataContent> &samples) = 0;
@@ -35,7 +35,7 @@ public:
     virtual void readTyped(const QString &sql, QList<device::Sample> &samples) = 0;
     virtual void readTyped(const QString &sql, QList<device::Alarm> &alarms) = 0;
     virtual void readTyped(const QString &sql, QList<device::LogEntry> &entries) = 0;
-    /// Sample after sample into table after table, beginning anew behind the last: one prepared statement per table,
+    /// Sample after sample into table after table, beginning anew after the last: one prepared statement per table,
     /// kept from batch to batch as an application does that stores the same series for years.
     virtual void appendRoundRobin(const QStringList &tables, const QList<device::Sample> &samples) = 0;
 

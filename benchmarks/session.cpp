@@ -20,7 +20,7 @@ namespace
 
 // Qt 6 hashes texts with 256-bit instructions and leaves their registers in use; until somebody clears them, all other
 // code with vector instructions, SQLite's included, takes up to 1.7 times as long. Here the hash of one option on the
-// command line was enough, for everybody who was measured behind it.
+// command line was enough, for everybody who was measured after it.
 void clearVectorRegisters()
 {
 #ifdef __x86_64__

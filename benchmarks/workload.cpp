@@ -91,7 +91,7 @@ Contender ourInsert(const Kind &kind, const QString &path, const Rows &rows, std
         [store, clear] { clear(store); });
 }
 
-/// A batch into an empty table, which is emptied behind it.
+/// A batch into an empty table, which is emptied afterwards.
 std::vector<Contender> insertContenders(const Kind &kind, Files &files, int batch, bool inMemory)
 {
     const Rows rows = files.data().rows(kind, batch);
@@ -275,7 +275,7 @@ std::string named(const char *contender, int rows)
     return contender + (' ' + std::to_string(rows));
 }
 
-/// The same batch behind few rows and behind many. The oldest rows make room for the next.
+/// The same batch appended to few rows and to many. The oldest rows make room for the next.
 std::vector<Contender> growingInserts(const Kind &kind, Files &files, const Sizes &sizes)
 {
     const Rows rows = files.data().rows(kind, sizes.batch);

@@ -21,7 +21,7 @@ int trim(interface_data_base &history, const QString &table, int most)
 }
 
 /// The number of alarms that went. The store's purge deletes every ended alarm and all that started before
-/// the threshold; what it will take is copied first. A copy that stands already, from a run that was cut
+/// the threshold; what it will take is copied first. A copy that exists already, from a run that was cut
 /// short between the two, is passed over.
 int archive(interface_data_base &alarms, const QDateTime &threshold)
 {

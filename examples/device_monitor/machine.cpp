@@ -9,7 +9,7 @@
 namespace
 {
 
-/// The words behind `label` on its line in a file of /proc.
+/// The words after `label` on its line in a file of /proc.
 QList<QByteArray> words(const char *path, const QByteArray &label)
 {
     QFile file(path);
@@ -40,7 +40,7 @@ Machine::Machine(const QString &folder) : m_last(readCounters()), m_folder(folde
 
 Machine::Counters Machine::readCounters()
 {
-    // user nice system idle iowait irq softirq steal; guest time behind them is part of user time.
+    // user nice system idle iowait irq softirq steal; guest time after them is part of user time.
     const QList<QByteArray> ticks = words("/proc/stat", "cpu").mid(0, 8);
     Counters now;
     for (const QByteArray &each : ticks)
