@@ -20,7 +20,7 @@ class Storing
 {
 public:
     Storing(Connection &connection, const Site &site, Batch &batch)
-        : m_connection(connection), m_site(site), m_batch(batch)
+        : m_connection(connection), m_site(site), m_batch(batch), m_changedBefore(batch.changed)
     {
     }
 
@@ -31,6 +31,8 @@ private:
     bool isRefused(int step) const { return m_refused.find(step) != m_refused.end(); }
     Status allSteps();
     Status rows(const QVector<int> &rows);
+    Result<qint64> changes();
+    Status isKept(const QString &table);
     Status insert(const Insert &insert);
     Status singly(const Insert &insert);
     Status change(int step);
@@ -43,6 +45,7 @@ private:
     Connection &m_connection;
     const Site m_site;
     Batch &m_batch;
+    const QVector<qint64> m_changedBefore; ///< In a try that may be in the file, and that has left no witness.
     std::map<int, Error> m_refused;
     std::optional<Witness> m_witness;
     QSet<QString> m_singly; ///< Tables whose rows are inserted one by one.
@@ -59,15 +62,19 @@ Status Storing::run()
     m_batch.refused.clear();
     for (const auto &[step, why] : m_refused)
         m_batch.refused.append({step, why});
-    const bool moved = !done && done.error().code() == Error::FileMoved;
-    if (moved || (!done && m_connection.commitInDoubt()))
+    if (done)
+        return done;
+    if (done.error().code() == Error::FileMoved || m_connection.commitInDoubt())
         m_batch.inDoubt = m_witness;
+    else
+        m_batch.changed = m_changedBefore;
     return done;
 }
 
 Status Storing::allSteps()
 {
     m_witness.reset();
+    m_batch.changed = m_changedBefore;
     bool mayHaveChanged = false;
     QVector<int> rows;
     const int size = int(m_batch.writes.size());
@@ -96,12 +103,49 @@ Status Storing::rows(const QVector<int> &rows)
     if (rows.isEmpty())
         return {};
     const QVector<Insert> inserts = insertsOf(m_batch.writes, rows, m_connection.hasJson());
+    const auto changesBefore = changes();
+    if (!changesBefore)
+        return changesBefore.error();
+    bool allSingly = true;
     for (const Insert &each : inserts) {
-        const Status done = m_singly.contains(each.table) ? singly(each) : insert(each);
+        const bool isSingly = m_singly.contains(each.table);
+        const Status done = isSingly ? singly(each) : insert(each);
         if (!done)
             return done;
+        allSingly = allSingly && isSingly;
     }
-    return {};
+    const auto changesAfter = changes();
+    if (!changesAfter)
+        return changesAfter.error();
+    if (allSingly || *changesAfter - *changesBefore == rows.size())
+        return {};
+    // A trigger or a conflict clause was at work, which may have left rows out without an error: each on its own.
+    for (const Insert &each : inserts)
+        m_singly.insert(each.table);
+    m_again = true;
+    return at(QString()).error(Error::Failed, QStringLiteral("a table did not keep its rows"));
+}
+
+Result<qint64> Storing::changes()
+{
+    const auto rows = m_connection.ask(m_site, QStringLiteral("select total_changes()"));
+    if (!rows)
+        return rows.error();
+    return rows->first().first().toLongLong();
+}
+
+// Whether the row that was inserted last is in its table.
+Status Storing::isKept(const QString &table)
+{
+    const auto kept = m_connection.ask(at(table), QStringLiteral("select changes(),exists(select 1 from %1 where "
+                                                                 "rowid=last_insert_rowid())")
+                                                      .arg(table));
+    if (!kept)
+        return kept.error();
+    if (kept->first().value(0) == QLatin1String("1") && kept->first().value(1) == QLatin1String("1"))
+        return {};
+    return at(table).error(Error::Failed,
+                           QStringLiteral("a trigger or a conflict clause of the table left the row out"));
 }
 
 Status Storing::insert(const Insert &insert)
@@ -110,7 +154,8 @@ Status Storing::insert(const Insert &insert)
     if (done)
         return m_witness ? Status() : lookAtWitness(insert.table, QStringLiteral("last_insert_rowid()"));
     const Error why = judged(done.error());
-    // Which row it was is found with each on its own, from the beginning: a statement that fails may leave rows behind.
+    // Each row on its own, from the beginning, shows which one it was: a statement that fails may leave rows in the
+    // table.
     if (!isOfTheFile(why.code())) {
         m_singly.insert(insert.table);
         m_again = true;
@@ -122,7 +167,9 @@ Status Storing::singly(const Insert &insert)
 {
     for (const int row : insert.rows) {
         const Status done = inSavepoint(row, [&] {
-            return m_connection.run(at(insert.table), insertsOf(m_batch.writes, {row}, false).first().sql);
+            const Status inserted =
+                m_connection.run(at(insert.table), insertsOf(m_batch.writes, {row}, false).first().sql);
+            return inserted ? isKept(insert.table) : inserted;
         });
         if (!done)
             return done;
@@ -164,7 +211,7 @@ Status Storing::change(int step)
         const auto changed = m_connection.ask(m_site, QStringLiteral("select changes()"));
         if (!changed)
             return changed.error();
-        // In a try after one whose commit was in doubt, what that one changed is not changed a second time.
+        // What a try whose commit was in doubt did change is not changed a second time.
         m_batch.changed[step] = std::max(m_batch.changed[step], changed->first().first().toLongLong());
         return {};
     });
@@ -235,6 +282,8 @@ Result<bool> settled(Connection &connection, const Site &site, Batch &batch)
         return rows.error();
     const bool stored = rows && !rows->isEmpty() && rows->first() == witness.cells;
     batch.inDoubt.reset();
+    if (!stored)
+        batch.changed.fill(0);
     return stored;
 }
 

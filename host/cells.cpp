@@ -42,7 +42,7 @@ std::optional<LocalTime> joined(TimeReader &times, const QChar *date, int dateSi
     return times.read(text, 19);
 }
 
-// Whether the text is what SQLite had in so many bytes: not cut off at U+0000, and of nothing but valid UTF-8.
+// Whether the text is what SQLite had in this many bytes: not cut off at U+0000, and of nothing but valid UTF-8.
 bool isWhole(const QString &text, qint64 bytes)
 {
     ushort all = 0;

@@ -77,6 +77,16 @@ FileIdentity FileIdentity::of(const QString &path)
     return {quint64(found.st_dev), quint64(found.st_ino)};
 }
 
+Status checkOptions(const Site &site, const OpenOptions &options)
+{
+    if (options.checkpointPages < 1)
+        return site.error(Error::OptionRefused,
+                          QStringLiteral("checkpointPages is %1; the least is 1").arg(options.checkpointPages));
+    if (options.profile < Profile::AsIs || options.profile > Profile::Flash)
+        return site.error(Error::OptionRefused, QStringLiteral("profile is none of its values"));
+    return {};
+}
+
 Connection::Question::Question(Connection &connection, const std::atomic_bool *cancelled)
     : m_connection(connection), m_role(connection.m_role)
 {
@@ -97,17 +107,34 @@ Connection::Connection(Library library, interface_data_base *store, QString path
 
 Connection::~Connection()
 {
-    const MessageCapture capture; // the destructor's farewell is no news to the host
+    const MessageCapture capture; // the messages of closing are not for the application
+    if (moved())
+        (void)emptyLog(); // SQLite itself leaves the log of a moved file where it is
     m_library.closeStore(m_store);
 }
 
 Result<std::shared_ptr<Connection>> Connection::open(const Library &library, const QString &path,
-                                                     const OpenOptions &options, Role role)
+                                                     const OpenOptions &options)
+{
+    return open(library, path, options, Writer, nullptr);
+}
+
+Result<std::shared_ptr<Connection>> Connection::openReader(const Library &library, const QString &path,
+                                                           const OpenOptions &options, const FileIdentity &file)
+{
+    return open(library, path, options, Reader, &file);
+}
+
+Result<std::shared_ptr<Connection>> Connection::open(const Library &library, const QString &path,
+                                                     const OpenOptions &options, Role role,
+                                                     const FileIdentity *expected)
 {
     const Site site{QStringLiteral("open %1").arg(path), QString()};
+    if (const Status checked = checkOptions(site, options); !checked)
+        return checked.error();
     const QFileInfo file(path);
     if (path.isEmpty() || path.contains(QChar(0)))
-        return site.error(Error::FileError, QStringLiteral("this is no file name"));
+        return site.error(Error::FileError, QStringLiteral("this is not a file name"));
     if (file.isDir())
         return site.error(Error::FileError, QStringLiteral("this is a folder"));
     if (!file.exists() && (!options.create || role == Reader))
@@ -127,6 +154,10 @@ Result<std::shared_ptr<Connection>> Connection::open(const Library &library, con
     }();
     if (code != 0)
         return site.error(Error::FileError, openingCause(code));
+    connection->m_file = FileIdentity::of(connection->m_path);
+    // Before the first read, which opens the log: that of the expected file may still have the name that another's has.
+    if (expected && !(connection->m_file == *expected))
+        return site.error(Error::FileMoved, QStringLiteral("%1 was moved or deleted").arg(path));
     // SQLite opens a file when it is first read.
     if (const auto tables = connection->number(site, QStringLiteral("select count(*) from sqlite_master")); !tables)
         return tables.error();
@@ -139,9 +170,11 @@ Result<std::shared_ptr<Connection>> Connection::open(const Library &library, con
         return mode.error();
     connection->m_writesAhead = !mode->isEmpty() && mode->first().value(0) == QLatin1String("wal");
     connection->m_hasJson = connection->query(site, jsonTrial()).ok();
-    connection->m_file = FileIdentity::of(connection->m_path);
-    if (connection->m_writesAhead)
-        connection->m_log = FileIdentity::of(connection->logPath());
+    if (connection->m_writesAhead) {
+        // Beside the file itself, as SQLite has it, when the path is a symbolic link.
+        connection->m_logPath = QFileInfo(connection->m_path).canonicalFilePath() + QLatin1String("-wal");
+        connection->m_log = FileIdentity::of(connection->m_logPath);
+    }
     return connection;
 }
 
@@ -164,17 +197,35 @@ Status Connection::applyProfile()
     return {};
 }
 
-// Beside the file itself, as SQLite has it, when the path is a symbolic link.
-QString Connection::logPath() const
-{
-    return QFileInfo(m_path).canonicalFilePath() + QLatin1String("-wal");
-}
-
 bool Connection::moved() const
 {
-    if (!(FileIdentity::of(m_path) == m_file))
-        return true;
-    return m_log.inode != 0 && !(FileIdentity::of(logPath()) == m_log);
+    return m_file.inode != 0 && (!(FileIdentity::of(m_path) == m_file) || (m_writesAhead && !logIsInPlace()));
+}
+
+// One try.
+Status Connection::emptyLog()
+{
+    const Site site{QStringLiteral("leave %1").arg(m_path), QString()};
+    if (!m_writesAhead)
+        return {};
+    const auto answer = ask(site, QStringLiteral("pragma wal_checkpoint(truncate)"));
+    if (!answer)
+        return answer.error();
+    if (answer->first().value(0) != QLatin1String("0"))
+        return site.error(Error::Locked, QStringLiteral("it was moved while its write-ahead log is being read"));
+    return {};
+}
+
+Status Connection::takeLogIntoFile()
+{
+    Patience patience(*this);
+    for (;;) {
+        const Status done = emptyLog();
+        if (done || !logIsInPlace())
+            return {};
+        if (!patience.again())
+            return patience.stopped(Site(), done.error());
+    }
 }
 
 Status Connection::mayWrite(const Site &site) const
@@ -270,6 +321,8 @@ Status Connection::transaction(const Site &site, const std::function<Status()> &
 Status Connection::attempt(const Site &site, const std::function<Status()> &body, Patience &patience)
 {
     m_commitInDoubt = false;
+    if (moved())
+        return left(site);
     // "immediate": whoever writes waits here, before anything was done, and not in the middle.
     Status begun = run(site, QStringLiteral("begin immediate"));
     if (!begun && isInTransaction()) {
@@ -284,9 +337,14 @@ Status Connection::attempt(const Site &site, const std::function<Status()> &body
     }
     if (const Status done = commit(site, patience); !done)
         return done;
-    if (moved())
-        return site.error(Error::FileMoved, QStringLiteral("%1 was moved or deleted while it was open").arg(m_path));
-    return {};
+    return moved() ? left(site) : Status(); // moved since this began: only then can it be in the wrong file
+}
+
+// Whoever gets this Error opens the path again, so the log must not wait for that.
+Error Connection::left(const Site &site)
+{
+    (void)takeLogIntoFile();
+    return site.error(Error::FileMoved, QStringLiteral("%1 was moved or deleted while it was open").arg(m_path));
 }
 
 Status Connection::commit(const Site &site, Patience &patience)

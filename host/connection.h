@@ -25,28 +25,40 @@ struct FileIdentity {
     }
 };
 
+/// Whether a file can be opened with these options; the Error names the option that cannot work.
+Status checkOptions(const Site &site, const OpenOptions &options);
+
 /// The one channel to one file: SQL through execSQL() of a history store, whatever the kind of table.
 ///
 /// That slot answers for each statement by itself, rows or no rows, which no other slot does. Only the words of a
 /// failure come by the debug output. Of one thread at a time.
 class Connection
 {
-public:
     enum Role { Writer, Reader };
 
-    /// A Reader changes nothing: it neither creates the file nor sets it up, and its operations that write fail.
+public:
     static Result<std::shared_ptr<Connection>> open(const Library &library, const QString &path,
-                                                    const OpenOptions &options, Role role = Writer);
+                                                    const OpenOptions &options);
+    /// A connection that changes nothing: it neither creates the file nor sets it up, and its operations that write
+    /// fail. Error::FileMoved when the path does not name `file` any more.
+    static Result<std::shared_ptr<Connection>> openReader(const Library &library, const QString &path,
+                                                          const OpenOptions &options, const FileIdentity &file);
     ~Connection();
 
     QString path() const { return m_path; }
+    FileIdentity file() const { return m_file; }
     const OpenOptions &options() const { return m_options; }
+    bool isReader() const { return m_role == Reader; }
     qint64 failedCommits() const { return m_failedCommits; }
     /// In write-ahead mode a reader and the writer do not lock each other out.
     bool writesAhead() const { return m_writesAhead; }
     bool hasJson() const { return m_hasJson; } ///< SQLite has json_each().
     /// Whether the path still names the file that this connection opened, its write-ahead log included.
     bool moved() const;
+    /// Moves what the write-ahead log holds into the file that is open, wherever that is now. To be done before another
+    /// file is opened by the same path: the log keeps its name, and SQLite would take it for that of the other file. An
+    /// Error when the log still holds something and still has that name.
+    Status takeLogIntoFile();
 
     /// While it holds, the connection refuses to write and gives up when `cancelled` turns true.
     class Question
@@ -78,7 +90,7 @@ public:
     bool isInTransaction();
     /// Whether SQLite said why the last run() or ask() failed.
     bool explained() const { return m_explained; }
-    /// The last transaction() failed in its very last step, so that only the file can tell whether it is stored.
+    /// The last transaction() failed in its very last step, so that only the file can show whether it is stored.
     bool commitInDoubt() const { return m_commitInDoubt; }
 
     /// Outside a transaction: VACUUM and the like, tried until the deadline.
@@ -91,12 +103,17 @@ public:
 private:
     class Patience;
 
+    static Result<std::shared_ptr<Connection>> open(const Library &library, const QString &path,
+                                                    const OpenOptions &options, Role role,
+                                                    const FileIdentity *expected);
     Connection(Library library, interface_data_base *store, QString path, const OpenOptions &options, Role role);
     Q_DISABLE_COPY(Connection)
 
     Status mayWrite(const Site &site) const;
     Status applyProfile();
-    QString logPath() const;
+    bool logIsInPlace() const { return m_log.inode != 0 && FileIdentity::of(m_logPath) == m_log; }
+    Status emptyLog();
+    Error left(const Site &site);
     Error failed(const Site &site, const MessageCapture &capture);
     Error asLock(const Site &site) const;
     Status attempt(const Site &site, const std::function<Status()> &body, Patience &patience);
@@ -115,6 +132,7 @@ private:
     bool m_commitInDoubt = false;
     FileIdentity m_file;
     FileIdentity m_log;
+    QString m_logPath;
     qint64 m_failedCommits = 0;
 };
 

@@ -33,7 +33,7 @@ QString statement(const QVector<Write> &writes, const Insert &insert, int length
     return sql;
 }
 
-// For each table the INSERT that takes its next row. SQLite does not tell upper from lower case in a table's name.
+// For each table the INSERT that takes its next row. SQLite ignores the case of a table's name.
 class Tables
 {
 public:

@@ -6,6 +6,21 @@
 namespace device
 {
 
+namespace
+{
+
+// A text for a time in the hour that the zone leaves out in spring: no QDateTime can be it.
+QVariant timeCell(LocalTime time, bool withMilliseconds)
+{
+    const QDateTime here = time.toDateTime();
+    QString text;
+    if (here.isValid() || !appendTime(text, time, withMilliseconds))
+        return here;
+    return text;
+}
+
+} // namespace
+
 const QVector<Column> &Kind<Sample>::columns()
 {
     static const QVector<Column> columns{{"DATETIME", "dateTime", "Time"}, {"Value", "text", "Value"}};
@@ -29,7 +44,7 @@ Sample Kind<Sample>::decode(Cells &row)
 
 QVector<QVariant> Kind<Sample>::cells(const Sample &sample)
 {
-    return {sample.time.toDateTime(), sample.value};
+    return {timeCell(sample.time, milliseconds), sample.value};
 }
 
 QString Kind<Sample>::condition(const Filter<Sample> &filter)
@@ -59,7 +74,7 @@ void Kind<Alarm>::encode(const Alarm &alarm, RowText &row)
     row.text("AlarmType", alarm.type);
     row.text("CurrentValue", alarm.value);
     row.text("LimitValue", alarm.limit);
-    row.text("AlarmDescription", alarm.description);
+    row.twiceEncoded("AlarmDescription", alarm.description);
     row.dateAndClock(alarm.end);
 }
 
@@ -74,7 +89,7 @@ Alarm Kind<Alarm>::decode(Cells &row)
     alarm.type = row.recurring();
     alarm.value = row.text();
     alarm.limit = row.recurring();
-    alarm.description = row.recurring();
+    alarm.description = decodedTwice(row.recurring());
     alarm.end = row.dateAndClock();
     return alarm;
 }
@@ -82,7 +97,7 @@ Alarm Kind<Alarm>::decode(Cells &row)
 QVector<QVariant> Kind<Alarm>::cells(const Alarm &alarm)
 {
     return {alarm.level,
-            alarm.start.toDateTime(),
+            timeCell(alarm.start, milliseconds),
             alarm.object,
             alarm.type,
             alarm.value,
@@ -136,7 +151,7 @@ LogEntry Kind<LogEntry>::decode(Cells &row)
 
 QVector<QVariant> Kind<LogEntry>::cells(const LogEntry &entry)
 {
-    return {entry.time.toDateTime(), entry.user, entry.name, entry.message};
+    return {timeCell(entry.time, milliseconds), entry.user, entry.name, entry.message};
 }
 
 QString Kind<LogEntry>::condition(const Filter<LogEntry> &filter)
@@ -166,7 +181,7 @@ Result<QString> endingStatement(const QString &operation, const QString &table, 
 {
     QString time;
     if (!appendTime(time, when, false))
-        return Error(Error::TimeRefused, operation, table, QStringLiteral("the time is no time of the tables"));
+        return Error(Error::TimeRefused, operation, table, QStringLiteral("the tables cannot hold this time"));
     for (const QString &text : {object, type}) {
         if (const char *why = unstorable(text))
             return Error(Error::TextRefused, operation, table,

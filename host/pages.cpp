@@ -73,9 +73,10 @@ void PagedModel::Pages::refresh()
 
 void PagedModel::Pages::takeSnapshot(const Result<Snapshot> &snapshot)
 {
+    const QPointer<PagedModel> alive(m_model); // a slot may delete it
     m_asking = false;
     setError(snapshot ? QString() : snapshot.error().text());
-    if (snapshot) {
+    if (alive && snapshot) {
         const int before = m_rows;
         const int rows = int(std::min<qint64>(snapshot->rows, std::numeric_limits<int>::max()));
         if (rows > before) {
@@ -88,18 +89,18 @@ void PagedModel::Pages::takeSnapshot(const Result<Snapshot> &snapshot)
         m_rows = rows;
         m_throughId = snapshot->lastId;
         ++m_look;
-        if (m_rows <= rowsKeptAtMost)
-            setErrors(m_error, QString());
         if (rows > before)
             m_model->endInsertRows();
         else if (rows < before)
             m_model->endResetModel();
-        if (rows > 0)
+        if (alive && m_rows <= rowsKeptAtMost)
+            setErrors(m_error, QString());
+        if (alive && rows > 0)
             reportChange(0, rows - 1);
-        if (rows != before)
+        if (alive && rows != before)
             Q_EMIT m_model->countChanged();
     }
-    if (std::exchange(m_askAgain, false))
+    if (alive && std::exchange(m_askAgain, false))
         refresh();
 }
 
@@ -161,16 +162,17 @@ void PagedModel::Pages::takePage(const Wanted &wanted, const Result<Rows> &rows)
     const auto waiting = m_pages.find(wanted.page);
     if (waiting == m_pages.end() || waiting->asked != wanted.look)
         return; // no longer wanted, or asked again since
-    setError(rows ? QString() : rows.error().text());
-    if (!rows) {
+    if (rows) {
+        waiting->rows = *rows;
+        if (wanted.newestFirst)
+            std::reverse(waiting->rows.begin(), waiting->rows.end());
+    } else {
         m_pages.erase(waiting); // the next look at it asks again
-        return;
     }
-    waiting->rows = *rows;
-    if (wanted.newestFirst)
-        std::reverse(waiting->rows.begin(), waiting->rows.end());
+    const QPointer<PagedModel> alive(m_model); // a slot may delete it
+    setError(rows ? QString() : rows.error().text());
     const int first = wanted.page * pageRows;
-    if (first < m_rows)
+    if (alive && rows && first < m_rows)
         reportChange(first, std::min(first + pageRows, m_rows) - 1);
 }
 

@@ -15,6 +15,10 @@ namespace
 // IDs in one statement: all that is in memory twice is a slice, however large the table is.
 constexpr qint64 sliceIds = 10000;
 
+// A question to a recorder lets go of its moment after this many slices, some tenths of a second: while it holds one,
+// the write-ahead log can only grow.
+constexpr int slicesOfAMoment = 20;
+
 LocalTime timeOf(const Sample &sample)
 {
     return sample.time;
@@ -40,22 +44,28 @@ bool isOlder(const Record &a, const Record &b)
 class OneMoment
 {
 public:
-    OneMoment(Connection &connection, const Site &site) : m_connection(connection), m_site(site)
+    OneMoment(Connection &connection, const Site &site) : m_connection(connection), m_site(site) { begin(); }
+    ~OneMoment() { end(); }
+
+    void renew()
     {
-        m_begun = m_connection.run(m_site, QStringLiteral("begin")).ok();
-    }
-    ~OneMoment()
-    {
-        if (m_begun)
-            (void)m_connection.run(m_site, QStringLiteral("rollback"));
+        end();
+        begin();
     }
 
 private:
     Q_DISABLE_COPY(OneMoment)
 
+    void begin() { m_begun = m_connection.run(m_site, QStringLiteral("begin")).ok(); }
+    void end()
+    {
+        if (m_begun)
+            (void)m_connection.run(m_site, QStringLiteral("rollback"));
+    }
+
     Connection &m_connection;
     const Site m_site;
-    bool m_begun;
+    bool m_begun = false;
 };
 
 // All records that match, by joined columns, in the order of recording, which SQLite need not sort. Where the clock was
@@ -75,7 +85,7 @@ public:
     QList<Record> take();
 
 private:
-    Status readSlices();
+    Status readSlices(OneMoment &moment);
     Status readSlice(const QString &condition);
     Result<QStringList> ask(const QString &sql);
 
@@ -92,7 +102,7 @@ private:
 template<typename Record>
 Status JoinedReading<Record>::read()
 {
-    const OneMoment moment(m_connection, m_site);
+    OneMoment moment(m_connection, m_site);
     const auto ids =
         ask(QStringLiteral("select (select min(ID) from %1),(select max(ID) from %1)").arg(m_selection.table));
     if (!ids)
@@ -118,17 +128,20 @@ Status JoinedReading<Record>::read()
         m_first = found->at(1).toLongLong();
         m_last = found->at(2).toLongLong();
     }
-    return readSlices();
+    return readSlices(moment);
 }
 
 template<typename Record>
-Status JoinedReading<Record>::readSlices()
+Status JoinedReading<Record>::readSlices(OneMoment &moment)
 {
     // An index on time would only lead away from the IDs of the slice.
     const QString condition =
         QLatin1String(" not indexed") +
         (m_selection.where.isEmpty() ? QStringLiteral(" where") : m_selection.where + QLatin1String(" and"));
+    int slices = 0;
     for (qint64 first = m_first; m_exact;) {
+        if (m_connection.isReader() && ++slices % slicesOfAMoment == 0)
+            moment.renew();
         const auto end = ask(QStringLiteral("select (select ID from %1 where ID>=%2 order by ID limit 1 offset %3)")
                                  .arg(m_selection.table, QString::number(first), QString::number(sliceIds - 1)));
         if (!end)

@@ -17,7 +17,9 @@ struct Selection {
 };
 
 /// The selected records in order of time, those of equal time in order of recording (both reversed with newestFirst).
-/// They are those of one moment, whatever other connections store in the meantime.
+/// They are those of one moment, whatever other connections store in the meantime. A Reader's large table is read in
+/// several moments: no record that is stored after the first is among them, and none that is removed before the last of
+/// them is certain to be.
 template<typename Record>
 Result<QList<Record>> readRecords(Connection &connection, const Site &site, const Selection &selection);
 

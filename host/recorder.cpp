@@ -8,8 +8,6 @@
 #include <QEvent>
 #include <QThread>
 
-#include <algorithm>
-
 namespace device
 {
 
@@ -28,7 +26,16 @@ Recorder::~Recorder()
 
 void Recorder::stopNow()
 {
-    (void)stop(m_worker->options().stopWithin); // what it loses is reported
+    for (bool delivered = false; !delivered;) {
+        try {
+            (void)stop(m_worker->options().stopWithin); // what it loses is reported
+            delivered = true;
+        } catch (const std::exception &thrown) { // it would end the program if it left a destructor
+            qWarning("%s: a slot threw while its recorder was destroyed: %s", qPrintable(path()), thrown.what());
+        } catch (...) {
+            qWarning("%s: a slot threw while its recorder was destroyed", qPrintable(path()));
+        }
+    }
 }
 
 QString Recorder::path() const
@@ -198,10 +205,10 @@ void RecorderOf<Record>::createTable(const TableName &table, const SeriesInfo &i
             worker().mail([answer, made] { answer(made != 0); });
         worker().tell(&Recorder::tableReady, text);
     };
-    item.failed = [this, answer](const Error &why) {
+    item.failed = [this, text = table.text(), answer](const Error &why) {
         if (answer)
             worker().mail([answer, why] { answer(why); });
-        worker().tell(&Recorder::troubled, why);
+        worker().tell(&Recorder::tableFailed, text, why);
     };
     create(std::move(item));
 }
@@ -216,9 +223,7 @@ Question RecorderOf<Record>::removeBefore(const TableName &table, LocalTime time
 template<typename Record>
 Question RecorderOf<Record>::keepNewest(const TableName &table, qint64 keep, QObject *context, Removed answer)
 {
-    Removal removal(table);
-    removal.keep = std::max(qint64(0), keep);
-    return remove(removal, context, std::move(answer));
+    return remove(Removal(table).keeping(keep), context, std::move(answer));
 }
 
 template<typename Record>

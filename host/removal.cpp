@@ -46,6 +46,16 @@ Result<Removal> Removal::before(LocalTime time, bool withMilliseconds) const
     return removal;
 }
 
+Result<Removal> Removal::keeping(qint64 rows) const
+{
+    if (rows < 0)
+        return site.error(Error::OptionRefused,
+                          QStringLiteral("the number of rows to keep is %1; the least is 0").arg(rows));
+    Removal removal = *this;
+    removal.keep = rows;
+    return removal;
+}
+
 Result<qint64> newestToRemove(Connection &connection, const Removal &removal)
 {
     const auto rows =

@@ -14,6 +14,8 @@ struct Removal {
 
     /// The same, only of rows before `time`.
     Result<Removal> before(LocalTime time, bool withMilliseconds) const;
+    /// The same, but for the `rows` newest.
+    Result<Removal> keeping(qint64 rows) const;
 
     Site site;
     QString condition;          ///< "" for every row.

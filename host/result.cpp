@@ -45,7 +45,7 @@ QString Error::advice() const
     case OptionRefused:
         return QStringLiteral("Correct the option.");
     }
-    return QStringLiteral("See the cause.");
+    return QString();
 }
 
 QString Error::text() const
@@ -53,7 +53,9 @@ QString Error::text() const
     QString line = m_operation;
     if (!m_table.isEmpty())
         line += QLatin1Char(' ') + m_table;
-    return line + QLatin1String(": ") + m_cause + QLatin1String(". ") + advice();
+    line += QLatin1String(": ") + m_cause + QLatin1Char('.');
+    const QString remedy = advice();
+    return remedy.isEmpty() ? line : line + QLatin1Char(' ') + remedy;
 }
 
 } // namespace device

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "row_text.h"
 
+#include <algorithm>
+
 namespace device
 {
 
@@ -10,7 +12,7 @@ namespace
 constexpr int longestRow = 900000; // bytes of UTF-8; SQLite takes a statement of a million
 constexpr int usualRow = 160;      // characters
 constexpr int timeLength = 19;     // of a sample: yyyy-MM-dd hh:mm:ss
-constexpr int frame = 12;          // what stands around a sample's two cells
+constexpr int frame = 12;          // what surrounds a sample's two cells
 
 // JSON would need an escape for one of its characters.
 bool needsEscape(const QString &text)
@@ -19,6 +21,14 @@ bool needsEscape(const QString &text)
     for (const QChar c : text)
         escape |= c.unicode() < 0x20 || c == QLatin1Char('"') || c == QLatin1Char('\\');
     return escape;
+}
+
+bool isAscii(const QString &text)
+{
+    ushort all = 0;
+    for (const QChar c : text)
+        all |= c.unicode();
+    return all < 0x80;
 }
 
 void appendDoublingQuotes(QString &to, const QString &text)
@@ -55,7 +65,21 @@ const char *unstorable(const QString &text)
     if (plain || QString::fromUtf8(text.toUtf8()) == text)
         return nullptr;
     return text.startsWith(QChar(0xfeff)) ? "it begins with a byte order mark, which is taken away when it is read"
-                                          : "it holds half of a surrogate pair, which is no character";
+                                          : "it holds half of a surrogate pair, which is not a character";
+}
+
+QString encodedTwice(const QString &text)
+{
+    return isAscii(text) ? text : QString::fromLatin1(text.toUtf8());
+}
+
+QString decodedTwice(const QString &text)
+{
+    if (isAscii(text) || std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() > 0xff; }))
+        return text;
+    const QByteArray once = text.toLatin1();
+    const QString decoded = QString::fromUtf8(once);
+    return decoded.toUtf8() == once ? decoded : text;
 }
 
 bool appendTime(QString &to, LocalTime time, bool withMilliseconds)
@@ -107,6 +131,14 @@ void RowText::text(const char *column, const QString &text)
     refuseUnstorable(column, text);
     openCell();
     appendDoublingQuotes(m_text, text);
+    m_text += QLatin1Char('\'');
+}
+
+void RowText::twiceEncoded(const char *column, const QString &text)
+{
+    refuseUnstorable(column, text);
+    openCell();
+    appendDoublingQuotes(m_text, encodedTwice(text));
     m_text += QLatin1Char('\'');
 }
 

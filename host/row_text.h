@@ -14,6 +14,13 @@ QString quoted(const QString &text);
 /// Why a text would not come back from the file as it went in; null when it would.
 const char *unstorable(const QString &text);
 
+/// The names in the configuration table and the descriptions of alarms are UTF-8 that the store library takes for
+/// Latin-1 and encodes once more. Its hosts expect them so; a text that is ASCII stays as it is.
+QString encodedTwice(const QString &text);
+
+/// The text that was meant. One that was not encoded twice, because another program wrote it, is returned as it is.
+QString decodedTwice(const QString &text);
+
 /// Writes a time as the tables hold it. `withMilliseconds`: the log's form. False for a time they cannot hold.
 bool appendTime(QString &to, LocalTime time, bool withMilliseconds);
 
@@ -28,6 +35,8 @@ public:
     /// Two cells, the date and the clock; both empty without a time.
     void dateAndClock(const std::optional<LocalTime> &time);
     void text(const char *column, const QString &text);
+    /// text() for a cell that is encodedTwice().
+    void twiceEncoded(const char *column, const QString &text);
     /// Both cells of a sample, in place of all of the above.
     void sample(LocalTime time, const char *column, const QString &value);
 

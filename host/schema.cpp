@@ -4,8 +4,6 @@
 #include "connection.h"
 #include "kind.h"
 
-#include <algorithm>
-
 namespace device
 {
 
@@ -25,22 +23,6 @@ QString creation(const TableName &table)
     for (const Column &column : Kind<Record>::columns())
         sql += QLatin1Char(',') + QLatin1String(column.name) + QLatin1Char(' ') + QLatin1String(column.type);
     return sql + QLatin1Char(')');
-}
-
-// The store library writes a name of the configuration table so, and its hosts expect it.
-QString encodedTwice(const QString &text)
-{
-    return QString::fromLatin1(text.toUtf8());
-}
-
-// A text that was not encoded twice, because another program wrote it, is returned as it is.
-QString decodedTwice(const QString &text)
-{
-    if (std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() > 0xff; }))
-        return text;
-    const QByteArray once = text.toLatin1();
-    const QString decoded = QString::fromUtf8(once);
-    return decoded.toUtf8() == once ? decoded : text;
 }
 
 QStringList listing(const TableName &table, const QString &name)
@@ -102,9 +84,9 @@ Result<bool> makeTable(Connection &connection, const TableName &table, const Ser
         return columns.error();
     const bool missing = columns->isEmpty();
     QStringList names;
-    for (const QStringList &row : columns->mid(1))
+    for (const QStringList &row : *columns)
         names << row.first();
-    if (!missing && names.join(QLatin1Char(',')) != columnList<Record>())
+    if (!missing && names.mid(1).join(QLatin1Char(',')) != columnList<Record>())
         return site.error(Error::TableLayout,
                           QStringLiteral("it exists with the columns ") + names.join(QLatin1String(", ")));
 

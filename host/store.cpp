@@ -5,6 +5,7 @@
 #include "cells.h"
 #include "kind.h"
 #include "reading.h"
+#include "removal.h"
 #include "schema.h"
 
 #include <algorithm>
@@ -101,10 +102,12 @@ Result<QStringList> StoreFile::tables()
 
 Result<qint64> StoreFile::keepNewest(const TableName &table, qint64 rows)
 {
-    return m_connection->change(at("keep the newest of", table),
-                                {QStringLiteral("delete from %1 where ID<=(select ID from %1 order by ID desc limit "
-                                                "1 offset %2)")
-                                     .arg(table.text(), QString::number(qMax(qint64(0), rows)))});
+    const auto removal = Removal(table).keeping(rows);
+    if (!removal)
+        return removal.error();
+    return m_connection->change(removal->site, {QStringLiteral("delete from %1 where ID<=(select ID from %1 order by "
+                                                               "ID desc limit 1 offset %2)")
+                                                    .arg(table.text(), QString::number(removal->keep))});
 }
 
 Result<qint64> StoreFile::clear(const TableName &table)

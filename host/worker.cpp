@@ -60,19 +60,17 @@ Status Recorder::Worker::start()
     if (m_started)
         return site.error(Error::Failed, QStringLiteral("it was started already"));
     if (m_path.isEmpty() || m_path.contains(QChar(0)))
-        return refused("path", QStringLiteral("is no file name"));
+        return refused("path", QStringLiteral("is not a file name"));
     if (m_options.batchRows < 1)
         return tooSmall("batchRows", m_options.batchRows, 1);
     if (m_options.capacity < 1)
         return tooSmall("capacity", m_options.capacity, 1);
     if (m_options.capacityBytes < leastCapacityBytes)
         return tooSmall("capacityBytes", m_options.capacityBytes, leastCapacityBytes);
-    if (m_options.file.checkpointPages < 1)
-        return tooSmall("file.checkpointPages", m_options.file.checkpointPages, 1);
     if (m_options.whenFull < WhenFull::Wait || m_options.whenFull > WhenFull::DropOldest)
         return refused("whenFull", QStringLiteral("is none of its values"));
-    if (m_options.file.profile < Profile::AsIs || m_options.file.profile > Profile::Flash)
-        return refused("file.profile", QStringLiteral("is none of its values"));
+    if (const Status checked = checkOptions(site, m_options.file); !checked)
+        return site.error(Error::OptionRefused, QLatin1String("file.") + checked.error().cause());
     if (m_options.file.cancel)
         return refused("file.cancel", QStringLiteral("is set; a recorder has its own, see cancel()"));
 

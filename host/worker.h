@@ -104,11 +104,15 @@ private:
     // On the writer's thread.
     void write();
     bool open();
-    Status remakeTables();
+    Status openFile();
+    Status remakeTables(Connection &connection);
     void serve();
+    size_t stepsOfABatch() const;
     void takeBatch();
     void storeBatch();
-    void reopen(const Error &why);
+    void reopen();
+    Error leftBehind();
+    void lookForFile();
     void settleBatch();
     void dropBatch(const Error &why);
     void duty(std::unique_lock<std::mutex> &lock);
@@ -178,8 +182,10 @@ private:
     qint64 m_unheardRows = 0;
     std::optional<Error> m_unheardLoss;
     Clock::time_point m_nextWarning = {};
-    int m_openings = 0; ///< The reader follows them.
+    int m_openings = 0;  ///< The reader follows them,
+    FileIdentity m_file; ///< to this file.
     bool m_readsApart = false;
+    bool m_fileIsMissed = false; ///< The reader found another file than that.
     bool m_started = false;
     bool m_stopping = false;
     bool m_finished = false;

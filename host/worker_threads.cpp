@@ -33,12 +33,7 @@ void Recorder::Worker::write()
 bool Recorder::Worker::open()
 {
     for (;;) {
-        const auto connection = Connection::open(m_library, m_path, m_options.file);
-        Status opened = connection ? Status() : Status(connection.error());
-        if (connection) {
-            m_connection = *connection;
-            opened = remakeTables();
-        }
+        const Status opened = openFile();
         if (opened) {
             const auto bytes = m_connection->usedBytes();
             m_bytesBefore = bytes ? *bytes : 0;
@@ -47,32 +42,50 @@ bool Recorder::Worker::open()
             tell(&Recorder::ready);
             const std::lock_guard lock(m_mutex);
             ++m_openings;
+            m_file = m_connection->file();
             m_readsApart = m_connection->writesAhead();
             if (m_readsApart && !m_reader.joinable())
                 m_reader = std::thread([this] { read(); });
             m_asked.notify_all();
             return true;
         }
-        m_connection.reset();
         if (opened.error().code() != Error::Cancelled) {
             fails(opened.error());
             answerAll(opened.error());
         }
         std::unique_lock lock(m_mutex);
         m_wake.wait_for(lock, retryPause, [this] { return m_cancel.load(); });
-        if (m_cancel || (m_stopping && m_waiting.empty() && m_batch.empty()))
+        if (m_cancel || (m_stopping && m_waiting.empty() && m_batch.empty())) {
+            m_connection.reset();
             return false;
+        }
     }
 }
 
-Status Recorder::Worker::remakeTables()
+Status Recorder::Worker::openFile()
+{
+    if (m_connection) {
+        if (const Status left = m_connection->takeLogIntoFile(); !left)
+            return left;
+        m_connection.reset();
+    }
+    const auto connection = Connection::open(m_library, m_path, m_options.file);
+    if (!connection)
+        return connection.error();
+    if (const Status made = remakeTables(**connection); !made)
+        return made;
+    m_connection = *connection;
+    return {};
+}
+
+Status Recorder::Worker::remakeTables(Connection &connection)
 {
     Batch batch;
     for (const Write &table : m_tables)
         batch.writes.append(table);
-    const Status made = store(*m_connection, {QStringLiteral("create"), QString()}, batch);
+    const Status made = store(connection, {QStringLiteral("create"), QString()}, batch);
     if (made && !batch.refused.isEmpty())
-        tell(&Recorder::troubled, batch.refused.first().error);
+        tell(&Recorder::tableFailed, batch.refused.first().error.table(), batch.refused.first().error);
     return made;
 }
 
@@ -82,6 +95,12 @@ void Recorder::Worker::serve()
     while (!m_cancel && m_connection) {
         const bool again = !m_batch.empty();
         const bool due = again ? Clock::now() >= m_nextTry : !m_waiting.empty() && isDue();
+        if (std::exchange(m_fileIsMissed, false)) {
+            lock.unlock();
+            lookForFile();
+            lock.lock();
+            continue;
+        }
         // A due batch goes first; between two of them one question or one slice of a deletion has its turn.
         if (due && !(m_dutyFirst && hasDuty())) {
             if (!again)
@@ -123,9 +142,24 @@ bool Recorder::Worker::hasDuty() const
            (!m_removals.empty() || (!m_readsApart && !m_questions.empty() && mayBegin(m_questions.front())));
 }
 
+// What is in hand can no longer make room. So that the oldest rows can be dropped, and not the newest refused, it takes
+// at most half of it.
+size_t Recorder::Worker::stepsOfABatch() const
+{
+    const size_t most = std::min(m_waiting.size(), size_t(m_options.batchRows));
+    if (m_options.whenFull != WhenFull::DropOldest)
+        return most;
+    const size_t half = std::max<size_t>(1, size_t(m_options.capacity) / 2);
+    size_t steps = 0;
+    qint64 bytes = 0;
+    while (steps < std::min(most, half) && (steps == 0 || bytes < m_options.capacityBytes / 2))
+        bytes += m_waiting[steps++].bytes();
+    return steps;
+}
+
 void Recorder::Worker::takeBatch()
 {
-    const size_t steps = std::min(m_waiting.size(), size_t(m_options.batchRows));
+    const size_t steps = stepsOfABatch();
     const auto end = m_waiting.begin() + std::ptrdiff_t(steps);
     m_batch.assign(std::make_move_iterator(m_waiting.begin()), std::make_move_iterator(end));
     m_waiting.erase(m_waiting.begin(), end);
@@ -163,7 +197,7 @@ void Recorder::Worker::storeBatch()
     if (why.code() == Error::Cancelled)
         return;
     if (why.code() == Error::FileMoved || m_connection->moved()) {
-        reopen(why);
+        reopen();
         return;
     }
     fails(why);
@@ -173,19 +207,34 @@ void Recorder::Worker::storeBatch()
 }
 
 // The file that is open is no longer the one that the path names. The batch stays what is stored next.
-void Recorder::Worker::reopen(const Error &why)
+void Recorder::Worker::reopen()
+{
+    fails(leftBehind());
+    (void)open(); // or the recorder stops: serve() sees that
+}
+
+// Counts the rows in the file that was moved or deleted.
+Error Recorder::Worker::leftBehind()
 {
     QString cause = QStringLiteral("the file was moved or deleted while it was open");
     if (m_storedInFile > 0)
         cause += QStringLiteral("; %1 rows that were stored before are in that file").arg(m_storedInFile);
-    {
-        const std::lock_guard lock(m_mutex);
-        m_health.movedAway += m_storedInFile;
-        m_readsApart = false;
+    const std::lock_guard lock(m_mutex);
+    m_health.movedAway += std::exchange(m_storedInFile, 0);
+    m_readsApart = false;
+    return Error(Error::FileMoved, QStringLiteral("record"), QString(), cause);
+}
+
+// The reader found that the path does not name the file any more. It may do so again by now.
+void Recorder::Worker::lookForFile()
+{
+    if (m_connection->moved()) {
+        reopen();
+        return;
     }
-    m_connection.reset();
-    fails(Error(Error::FileMoved, why.operation(), QString(), cause));
-    (void)open(); // or the recorder stops: serve() sees that
+    const std::lock_guard lock(m_mutex);
+    m_readsApart = m_connection->writesAhead();
+    m_asked.notify_all();
 }
 
 void Recorder::Worker::settleBatch()
@@ -289,6 +338,8 @@ void Recorder::Worker::dropBatch(const Error &why)
 // The end: what is still there is dropped, what is still asked is answered.
 void Recorder::Worker::finish()
 {
+    if (m_connection && m_connection->moved())
+        fails(leftBehind());
     std::optional<Error> trouble;
     {
         const std::lock_guard lock(m_mutex);
@@ -344,6 +395,10 @@ void Recorder::Worker::removeSlice(Removing &removing)
     }
     if (removal.removed > 0)
         tell(&Recorder::removed, removal.site.table, removal.removed);
+    if (!done && done.error().code() == Error::FileMoved) {
+        const std::lock_guard lock(m_mutex);
+        m_fileIsMissed = true;
+    }
     if (done)
         mail(removing.answer(removal.removed));
     else
@@ -370,16 +425,28 @@ void Recorder::Worker::read()
         m_questions.pop_front();
         m_running = asked.handle;
         const bool reopened = std::exchange(opening, m_openings) != m_openings;
+        const FileIdentity file = m_file;
         lock.unlock();
-        if (reopened || (connection && connection->moved()))
+        if (reopened)
             connection.reset();
         std::optional<Error> why;
         if (!connection) {
-            const auto opened = Connection::open(m_library, m_path, m_options.file, Connection::Reader);
+            const auto opened = Connection::openReader(m_library, m_path, m_options.file, file);
             if (opened)
                 connection = *opened;
             else
                 why = opened.error();
+        }
+        if (connection ? connection->moved() : why->code() == Error::FileMoved) {
+            // The writer leaves the file first, with its log: then the next one can be opened.
+            connection.reset();
+            lock.lock();
+            m_running.reset();
+            m_questions.push_front(asked);
+            m_readsApart = false;
+            m_fileIsMissed = true;
+            m_wake.notify_all();
+            continue;
         }
         if (why)
             mail(asked.asking(*why));

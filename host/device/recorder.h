@@ -43,7 +43,7 @@ struct Health {
     bool open = false;        ///< The file is open, or was when the recorder stopped.
     QString trouble;          ///< Why opening or storing fails at present; empty while all goes well.
     qint64 accepted = 0;      ///< Rows taken into the queue.
-    qint64 stored = 0;        ///< Rows in the file, each exactly once.
+    qint64 stored = 0;        ///< Rows in the file, each exactly once; of alarms, ends and raiseUnlessActive() too.
     qint64 refused = 0;       ///< Rows not taken: no room, or a text or time that cannot be held.
     qint64 dropped = 0;       ///< Rows taken but not stored; each was reported.
     qint64 movedAway = 0;     ///< Of those stored: rows in a file that was moved or deleted afterwards.
@@ -87,7 +87,8 @@ private:
 /// Make it, connect to its signals, start() it. A file that cannot be opened or written is tried again until it can
 /// be; rows wait in the meantime. refused(), and dropped() for want of room, are emitted in the thread that hands the
 /// row over. All other signals, and the answers to questions, come in the thread of this object: by its event loop,
-/// or by flush() and stop() there.
+/// or by flush() and stop() there. What a slot throws comes out of whatever delivers its signal, the signals after it
+/// are delivered by the next.
 class DEVICE_HOST_EXPORT Recorder : public QObject
 {
     Q_OBJECT
@@ -124,6 +125,7 @@ Q_SIGNALS:
     void recovered();                                ///< It works again.
     void removed(const QString &table, qint64 rows); ///< A deletion ended, whole or not.
     void tableReady(const QString &table);           ///< A createTable() is done: the table is in the file.
+    void tableFailed(const QString &table, const device::Error &why); ///< It cannot be made; it is not tried again.
 
 protected:
     using Letter = std::function<void()>; ///< A call to make in the thread of this object.
@@ -195,7 +197,8 @@ public:
 
     /// Puts `question` to a store of this file, on a thread of the recorder, and hands what it returns to `answer` in
     /// the thread of this object, unless `context`, which lives there too, is gone by then. `question` takes a
-    /// StoreType & and returns a T or a Result<T>; `answer` takes a const Result<T> &. An answer always comes: an
+    /// StoreType & and returns a T or a Result<T>, not void; `answer` takes a const Result<T> &. Both can be copied. An
+    /// answer always comes: an
     /// Error when the file cannot be opened, when the question was cancelled or threw, or when the recorder stops.
     ///
     /// A question only reads; what it writes fails with Error::ReadOnly. In write-ahead mode it has a connection of its

@@ -27,8 +27,9 @@ class LocalTime
 public:
     LocalTime() = default;
     LocalTime(const QDate &date, const QTime &time)
-        : m_msecs(date.isValid() && time.isValid() ? date.toJulianDay() * msecsPerDay + time.msecsSinceStartOfDay()
-                                                   : invalid)
+        : m_msecs(date.isValid() && time.isValid() && qAbs(date.toJulianDay()) < farthestDay
+                      ? date.toJulianDay() * msecsPerDay + time.msecsSinceStartOfDay()
+                      : invalid)
     {
     }
     LocalTime(const QDateTime &time) : LocalTime(local(time)) {}
@@ -50,6 +51,7 @@ public:
 
 private:
     static constexpr qint64 msecsPerDay = 86400000;
+    static constexpr qint64 farthestDay = std::numeric_limits<qint64>::max() / msecsPerDay - 1;
     static constexpr qint64 invalid = std::numeric_limits<qint64>::min();
 
     static LocalTime local(const QDateTime &time)
@@ -67,7 +69,7 @@ struct Sample {
     Sample() = default;
     Sample(LocalTime when, QString text) : time(when), value(std::move(text)) {}
     /// The value as numberText() writes it: number() gives the same double. One that is not finite is stored as a text
-    /// that is no number.
+    /// that is not a number.
     Sample(LocalTime when, double amount) : time(when), value(numberText(amount)) {}
 
     LocalTime time;

@@ -108,7 +108,7 @@ public:
     /// adds to a file are left out.
     Result<QStringList> tables();
 
-    /// Deletes all rows but the `rows` that were recorded last; the number deleted.
+    /// Deletes all rows but the `rows` that were recorded last; the number deleted. `rows` is 0 or more.
     Result<qint64> keepNewest(const TableName &table, qint64 rows);
     /// Empties the table and starts its IDs at 1 again; the number deleted.
     Result<qint64> clear(const TableName &table);

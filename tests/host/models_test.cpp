@@ -236,4 +236,46 @@ TEST_F(Models, ModelsAreFoundByTheirOwnClass)
     EXPECT_EQ(parent.findChild<AlarmModel *>(), nullptr);
 }
 
+TEST_F(Models, AModelMayBeDeletedInASlotOfItsOwn)
+{
+    const TableName boiler = table("Boiler"_q);
+    HistoryRecorder recorder(library(), path());
+    require(recorder.start());
+    recorder.createTable(boiler);
+    require(recorder.record(boiler, {at("2024-05-06 07:00:00"_q), "1"_q}));
+    require(recorder.flush(milliseconds(20000)));
+    const auto deletedBy = [&](const TableName &table, const auto signal) {
+        auto *model = new SampleModel(&recorder, table);
+        const QPointer<SampleModel> alive(model);
+        QObject::connect(model, signal, [=] { delete model; });
+        EXPECT_TRUE(eventually([&] {
+            if (alive)
+                (void)alive->data(alive->index(0, 0));
+            return alive.isNull();
+        }));
+    };
+    deletedBy(boiler, &PagedModel::countChanged);
+    deletedBy(boiler, &PagedModel::dataChanged);
+    deletedBy(boiler, &PagedModel::rowsInserted);
+    deletedBy(table("Missing"_q), &PagedModel::errorChanged);
+}
+
+TEST_F(Models, ATimeInTheHourThatSummerTimeLeavesOutIsShown)
+{
+    const TableName boiler = table("Boiler"_q);
+    qputenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
+    tzset();
+    const LocalTime gap(QDate(2024, 3, 31), QTime(2, 30));
+    HistoryRecorder recorder(library(), path());
+    require(recorder.start());
+    recorder.createTable(boiler);
+    require(recorder.record(boiler, {gap, "1"_q}));
+    require(recorder.flush(milliseconds(20000)));
+    SampleModel model(&recorder, boiler);
+    EXPECT_TRUE(eventually([&] { return model.data(model.index(0, 0)).toString() == "2024-03-31 02:30:00"_q; }));
+    EXPECT_EQ(model.recordAt(0)->time, gap);
+    qputenv("TZ", "UTC");
+    tzset();
+}
+
 } // namespace

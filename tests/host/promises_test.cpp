@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include <sqlite3.h>
+
 namespace
 {
 
@@ -152,7 +154,7 @@ TEST_F(Promises, StartNamesTheOptionThatCannotWork)
               "file.cancel is set; a recorder has its own, see cancel()"_q);
     EXPECT_EQ(refusal([](RecorderOptions &) {}), "started"_q);
     HistoryRecorder nowhere(library(), QString());
-    EXPECT_EQ(nowhere.start().error().cause(), "path is no file name"_q);
+    EXPECT_EQ(nowhere.start().error().cause(), "path is not a file name"_q);
     HistoryRecorder twice(library(), path());
     require(twice.start());
     EXPECT_FALSE(twice.start().ok());
@@ -410,6 +412,38 @@ TEST_F(Promises, AStandingAlarmIsNotRaisedAgain)
         require(recorder.stop(milliseconds(20000)));
     }
     EXPECT_EQ(raised, 1);
+    EXPECT_EQ(valueOf(path(), "select count(*) from AlarmData"_q), "1"_q);
+}
+
+TEST_F(Promises, AnAlarmThatAnotherProgramRaisedInTheMeantimeIsNotReportedAsRaised)
+{
+    const TableName alarms = table("AlarmData"_q);
+    require(require(AlarmStore::open(library(), path())).createTable(alarms));
+    OtherProgram other(path());
+    other.run("begin;select * from AlarmData"_q); // the recorder inserts its alarm, and cannot commit
+    Alarm alarm;
+    alarm.start = at("2024-05-06 07:08:09"_q);
+    alarm.object = "Pump"_q;
+    alarm.type = "High"_q;
+    options.file.deadline = milliseconds(10);
+    AlarmRecorder recorder(library(), path(), options);
+    int raised = 0;
+    QObject::connect(&recorder, &AlarmRecorder::raised, [&] { ++raised; });
+    require(recorder.start());
+    require(recorder.raiseUnlessActive(alarms, alarm));
+    recorder.flushSoon();
+    ASSERT_TRUE(eventually([&] { return recorder.health().failedBatches > 1; }));
+    const char *insert = "insert into AlarmData(DATETIME,AlarmObject,AlarmType,EndDate,EndTime) "
+                         "values('2024-05-06 07:08:08','Pump','High','','')";
+    bool inserted = false;
+    ASSERT_TRUE(eventually([&] {
+        inserted = inserted || sqlite3_exec(other.handle(), insert, nullptr, nullptr, nullptr) == SQLITE_OK;
+        return inserted;
+    }));
+    other.run("commit"_q);
+    const Settled settled = recorder.stop(milliseconds(20000));
+    EXPECT_TRUE(settled.ok());
+    EXPECT_EQ(raised, 0);
     EXPECT_EQ(valueOf(path(), "select count(*) from AlarmData"_q), "1"_q);
 }
 

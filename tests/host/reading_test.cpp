@@ -230,7 +230,7 @@ protected:
 
     /// One row per minute from the start of 2024 on; each tenth ID is left out, and at row 12,345 the clock is set back
     /// by a week.
-    static void fill(PlainConnection &plain)
+    static void fill(PlainConnection &plain, int rows = LargeTable::rows)
     {
         plain.run(QStringLiteral(
                       "with recursive n(i) as (select 0 union all select i+1 from n where i<%1-1) insert into Boiler "
@@ -330,6 +330,33 @@ TEST_F(LargeTable, IsOfOneMomentWhileAnotherConnectionStoresAndDeletes)
     stop = true;
     writer.join();
     EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(LargeTable, IsReadByAQuestionInSeveralMomentsThatLetTheLogBeCheckpointed)
+{
+    constexpr int many = 210000;
+    RecorderOptions options;
+    options.file.profile = Profile::Flash;
+    HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
+    recorder.createTable(boiler);
+    require(recorder.flush(std::chrono::milliseconds(20000)));
+    {
+        PlainConnection plain(path());
+        fill(plain, many);
+    }
+    SqliteCalls calls;
+    std::optional<Result<QList<Sample>>> read;
+    recorder.ask(
+        &recorder, [this](HistoryStore &store) { return store.read(boiler); },
+        [&](const Result<QList<Sample>> &answer) { read = answer; });
+    for (int i = 0; i < 400 && !read; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        require(recorder.flush(std::chrono::milliseconds(20000)));
+    }
+    ASSERT_TRUE(read);
+    EXPECT_EQ(require(*read).size(), many);
+    EXPECT_EQ(calls.take().count("begin"_q), 2);
 }
 
 } // namespace

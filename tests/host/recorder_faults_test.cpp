@@ -8,7 +8,9 @@
 #include <QFile>
 #include <QLoggingCategory>
 
+#include <cstdio>
 #include <future>
+#include <stdexcept>
 #include <thread>
 
 namespace
@@ -128,6 +130,21 @@ TEST_F(RecorderFaults, ALongDeletionLetsRowsPass)
     }
 }
 
+TEST_F(RecorderFaults, ANegativeNumberOfRowsToKeepIsRefused)
+{
+    const auto recorder = recorderOf(Profile::AsIs);
+    record(*recorder, 0, 3);
+    require(recorder->flush(milliseconds(20000)));
+    std::optional<Result<qint64>> kept;
+    recorder->keepNewest(boiler, -1, recorder.get(), [&](const Result<qint64> &rows) { kept = rows; });
+    ASSERT_TRUE(eventually([&] { return kept.has_value(); }));
+    EXPECT_EQ(codeOf(*kept), Error::OptionRefused);
+    auto store = require(HistoryStore::open(library(), path()));
+    EXPECT_EQ(codeOf(store.keepNewest(boiler, -1)), Error::OptionRefused);
+    expectNumbers(3);
+    EXPECT_EQ(require(store.keepNewest(boiler, 0)), 3);
+}
+
 TEST_F(RecorderFaults, AFileThatIsDeletedIsMadeAgainAndWhatWasInItReported)
 {
     for (const Profile profile : {Profile::AsIs, Profile::Durable, Profile::Flash}) {
@@ -173,6 +190,71 @@ TEST_F(RecorderFaults, AFileThatIsMovedAndPutBackGoesOn)
         expectNumbers(path(), 10, 20);
         require(recorder->stop(milliseconds(20000)));
     }
+}
+
+TEST_F(RecorderFaults, AFileThatIsMovedAwayAloneTakesItsRowsAlong)
+{
+    const auto recorder = recorderOf(Profile::Durable);
+    record(*recorder, 0, 300);
+    require(recorder->flush(milliseconds(20000)));
+    ASSERT_TRUE(QFile::rename(path(), path("away.db")));
+    record(*recorder, 300, 310);
+    require(recorder->flush(milliseconds(20000)));
+    require(recorder->stop(milliseconds(20000)));
+    expectNumbers(path(), 300, 310);
+    expectNumbers(path("away.db"), 0, 300);
+}
+
+TEST_F(RecorderFaults, ABackupMovedIntoThePlaceIsNotMixedWithTheLogOfTheOldFile)
+{
+    for (const bool byAQuestion : {false, true}) {
+        removeFiles();
+        {
+            auto backup = require(HistoryStore::open(library(), path("backup.db")));
+            require(backup.createTable(table("Other"_q)));
+            require(backup.createTable(boiler));
+            QList<Sample> rows;
+            for (int i = 0; i < 500; ++i)
+                rows << numbered(i);
+            require(backup.append(boiler, rows));
+        }
+        const auto recorder = recorderOf(Profile::Durable);
+        record(*recorder, 0, 3000);
+        require(recorder->flush(milliseconds(20000)));
+        ASSERT_EQ(std::rename(path("backup.db").toLocal8Bit().constData(), path().toLocal8Bit().constData()), 0);
+        if (byAQuestion) {
+            qint64 rows = -1;
+            recorder->ask(
+                recorder.get(), [this](HistoryStore &store) { return store.count(boiler); },
+                [&](const Result<qint64> &count) { rows = require(count); });
+            EXPECT_TRUE(eventually([&] { return rows >= 0; }));
+            EXPECT_EQ(rows, 500);
+        }
+        record(*recorder, 500, 510);
+        require(recorder->flush(milliseconds(20000)));
+        require(recorder->stop(milliseconds(20000)));
+        EXPECT_EQ(valueOf(path(), "pragma integrity_check"_q), "ok"_q);
+        EXPECT_EQ(valueOf(path(), "select count(*) from Other"_q), "0"_q);
+        expectNumbers(510);
+    }
+}
+
+TEST_F(RecorderFaults, AStoreWhoseFileWasReplacedLeavesNoLogToTheNext)
+{
+    OpenOptions durable;
+    durable.profile = Profile::Durable;
+    require(require(HistoryStore::open(library(), path("backup.db"))).createTable(boiler));
+    auto store = std::make_unique<HistoryStore>(require(HistoryStore::open(library(), path(), durable)));
+    require(store->createTable(boiler));
+    for (int i = 0; i < 300; ++i)
+        require(store->append(boiler, {numbered(i)}));
+    ASSERT_EQ(std::rename(path("backup.db").toLocal8Bit().constData(), path().toLocal8Bit().constData()), 0);
+    EXPECT_EQ(codeOf(store->append(boiler, {numbered(300)})), Error::FileMoved);
+    store = std::make_unique<HistoryStore>(require(HistoryStore::open(library(), path(), durable)));
+    require(store->append(boiler, {numbered(0)}));
+    store.reset();
+    EXPECT_EQ(valueOf(path(), "pragma integrity_check"_q), "ok"_q);
+    expectNumbers(1);
 }
 
 TEST_F(RecorderFaults, ALogThatIsDeletedLosesNoRowAndStoresNoneTwice)
@@ -337,6 +419,97 @@ TEST_F(RecorderFaults, WithDebugOutputSwitchedOffALockLosesNothing)
     require(recorder->flush(milliseconds(20000)));
     expectNumbers(10);
     QLoggingCategory::setFilterRules(QString());
+}
+
+TEST_F(RecorderFaults, AFileThatWasMovedIsNoticedWhenTheRecorderStops)
+{
+    for (const Profile profile : {Profile::AsIs, Profile::Durable}) {
+        removeFiles();
+        QFile::remove(path("away.db"));
+        const auto recorder = recorderOf(profile);
+        QStringList troubles;
+        QObject::connect(recorder.get(), &Recorder::troubled, [&](const Error &why) { troubles << why.text(); });
+        record(*recorder, 0, 300);
+        require(recorder->flush(milliseconds(20000)));
+        ASSERT_TRUE(QFile::rename(path(), path("away.db")));
+        require(recorder->stop(milliseconds(20000)));
+        EXPECT_EQ(recorder->health().movedAway, 300);
+        EXPECT_EQ(troubles.filter("300 rows that were stored before are in that file"_q).size(), 1);
+        expectNumbers(path("away.db"), 0, 300);
+    }
+}
+
+TEST_F(RecorderFaults, AMovedStoreStoresNothing)
+{
+    for (const Profile profile : {Profile::AsIs, Profile::Durable}) {
+        removeFiles();
+        QFile::remove(path("away.db"));
+        OpenOptions opened;
+        opened.profile = profile;
+        {
+            auto store = require(HistoryStore::open(library(), path(), opened));
+            require(store.createTable(boiler));
+            require(store.append(boiler, {numbered(0)}));
+            ASSERT_TRUE(QFile::rename(path(), path("away.db")));
+            for (int i = 0; i < 2; ++i)
+                EXPECT_EQ(codeOf(store.append(boiler, {numbered(1)})), Error::FileMoved);
+        }
+        expectNumbers(path("away.db"), 0, 1);
+    }
+}
+
+TEST_F(RecorderFaults, TheOldestRowsMakeRoomEvenWhileABatchWaitsForALock)
+{
+    options.whenFull = WhenFull::DropOldest;
+    options.capacity = 100; // less than a batch
+    options.file.deadline = milliseconds(10);
+    const auto recorder = recorderOf(Profile::AsIs);
+    OtherProgram other(path());
+    other.run("begin immediate"_q);
+    record(*recorder, 0, 100);
+    recorder->flushSoon();
+    ASSERT_TRUE(eventually([&] { return recorder->health().failedBatches > 0; }));
+    record(*recorder, 100, 1000);
+    expectBalance(recorder->health());
+    EXPECT_EQ(recorder->health().refused, 0);
+    other.run("commit"_q);
+    const Settled settled = recorder->stop(milliseconds(20000));
+    EXPECT_EQ(settled.stored + settled.dropped, 1000);
+    EXPECT_EQ(settled.stored, 100);
+    EXPECT_EQ(valueOf(path(), "select Value from Boiler order by ID desc"_q), "999"_q);
+}
+
+TEST_F(RecorderFaults, ATableThatCannotBeMadeIsReportedAsThat)
+{
+    PlainConnection(path()).run("create table Boiler(ID INTEGER PRIMARY KEY,x)"_q);
+    HistoryRecorder recorder(library(), path(), options);
+    QStringList failed;
+    int troubles = 0;
+    QObject::connect(&recorder, &Recorder::tableFailed,
+                     [&](const QString &table, const Error &why) { failed << table << why.cause(); });
+    QObject::connect(&recorder, &Recorder::troubled, [&] { ++troubles; });
+    require(recorder.start());
+    recorder.createTable(boiler);
+    require(recorder.stop(milliseconds(20000)));
+    EXPECT_EQ(failed, QStringList({"Boiler"_q, "it exists with the columns ID, x"_q}));
+    EXPECT_EQ(troubles, 0);
+}
+
+TEST_F(RecorderFaults, ASlotThatThrowsWhileItsRecorderIsDestroyedDoesNotEndTheProgram)
+{
+    QLoggingCategory::setFilterRules("default.warning=false"_q);
+    int stored = 0;
+    {
+        HistoryRecorder recorder(library(), path(), options);
+        QObject::connect(&recorder, &Recorder::ready, [] { throw std::runtime_error("thrown by a slot"); });
+        QObject::connect(&recorder, &Recorder::stored, [&](const QString &, int rows) { stored += rows; });
+        require(recorder.start());
+        recorder.createTable(boiler);
+        record(recorder, 0, 3);
+    }
+    QLoggingCategory::setFilterRules(QString());
+    EXPECT_EQ(stored, 3);
+    expectNumbers(3);
 }
 
 } // namespace

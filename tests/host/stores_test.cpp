@@ -98,6 +98,26 @@ TEST_F(Stores, SamplesAreReadByRangeOrderPageAndContent)
     EXPECT_EQ(require(store.tables()), QStringList{"Boiler"_q});
 }
 
+TEST_F(Stores, TheDescriptionOfAnAlarmIsThatOfTheStoreLibrary)
+{
+    const QString description = "Kühler über 80 °C – it's Ω"_q;
+    auto store = require(AlarmStore::open(library(), path()));
+    require(store.createTable(alarms));
+    const auto bare = library::store("alarmDB");
+    ASSERT_EQ(bare->openDB(path()), 0);
+    QList<QStringList> rows{{"2"_q, "2024-05-06"_q, "07:00:00"_q, "Pump"_q, "High"_q, "87.50"_q, "80"_q, description,
+                             QString(), QString()}};
+    bare->insertManyDatas(rows, "AlarmData"_q);
+    Alarm raised = alarm("2024-05-06 07:00:00"_q, "Pump"_q);
+    raised.description = description;
+    require(store.append(alarms, {raised}));
+    EXPECT_EQ(require(store.read(alarms)), QList<Alarm>({raised, raised}));
+    EXPECT_EQ(rowsOf(path(), "select distinct AlarmDescription from AlarmData"_q).size(), 1);
+    PlainConnection(path()).run("update AlarmData set AlarmDescription='Öl' where ID=1"_q);
+    EXPECT_EQ(require(store.read(alarms, Query<Alarm>().oldestFirst())).first().description, "Öl"_q)
+        << "another program wrote it";
+}
+
 TEST_F(Stores, AlarmsAreActiveUntilTheyAreEnded)
 {
     auto store = require(AlarmStore::open(library(), path()));
@@ -322,5 +342,58 @@ INSTANTIATE_TEST_SUITE_P(All, Profiles,
                          ::testing::Values(ProfileCase{Profile::AsIs, "delete", 0},
                                            ProfileCase{Profile::Durable, "wal", 1},
                                            ProfileCase{Profile::Flash, "wal", 1}));
+
+TEST_F(Stores, RowsThatATableLeavesOutSilentlyAreListed)
+{
+    auto store = require(HistoryStore::open(library(), path()));
+    const auto appended = [&](const QString &schema) {
+        PlainConnection plain(path());
+        plain.run("drop table if exists Boiler;drop table if exists Mirror;"
+                  "create table Boiler(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text);"
+                  "create table Mirror(Value text);"_q +
+                  schema);
+        const Appended done = require(
+            store.append(boiler, {sample("2024-05-06 07:00:00"_q, "1"_q), sample("2024-05-06 07:00:01"_q, "odd"_q),
+                                  sample("2024-05-06 07:00:02"_q, "3"_q), sample("2024-05-06 07:00:03"_q, "odd"_q)}));
+        EXPECT_EQ(plain.value("select count(*) from Boiler"_q), QString::number(done.stored));
+        QString refused;
+        for (const Refusal &refusal : done.refused)
+            refused += QString::number(refusal.row);
+        return refused;
+    };
+    EXPECT_EQ(appended("create trigger t before insert on Boiler when new.Value='odd' "
+                       "begin select raise(ignore); end"_q),
+              "13"_q);
+    EXPECT_EQ(appended("create trigger t after insert on Boiler when new.Value='odd' "
+                       "begin delete from Boiler where ID=new.ID; end"_q),
+              "13"_q);
+    EXPECT_EQ(appended("drop table Boiler;create table Boiler(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,"
+                       "Value text unique on conflict ignore)"_q),
+              "3"_q);
+    EXPECT_EQ(appended("create trigger t after insert on Boiler begin insert into Mirror values(new.Value); end"_q),
+              QString());
+    EXPECT_EQ(valueOf(path(), "select count(*) from Mirror"_q), "4"_q);
+}
+
+TEST_F(Stores, AnOptionThatCannotWorkIsRefused)
+{
+    OpenOptions options;
+    options.checkpointPages = 0;
+    EXPECT_EQ(codeOf(HistoryStore::open(library(), path(), options)), Error::OptionRefused);
+    options.checkpointPages = 1;
+    options.profile = Profile(77);
+    EXPECT_EQ(codeOf(AlarmStore::open(library(), path(), options)), Error::OptionRefused);
+    EXPECT_FALSE(QFile::exists(path()));
+}
+
+TEST_F(Stores, ATimeOutsideTheYearsThatCanBeCountedIsInvalid)
+{
+    for (const qint64 year : {584556072LL, -584556072LL}) {
+        const QDate date = QDate::fromJulianDay(qint64(365.2425 * double(year)) + 1721060);
+        ASSERT_TRUE(date.isValid());
+        EXPECT_FALSE(LocalTime(date, QTime(0, 0)).isValid());
+    }
+    EXPECT_TRUE(LocalTime(QDate(9999, 12, 31), QTime(23, 59)).isValid());
+}
 
 } // namespace
