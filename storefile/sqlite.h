@@ -26,6 +26,8 @@ public:
     Status status() const;
 
     int columns() const;
+    QString nameOf(int column) const;
+    bool onlyReads() const;
     /// The cell's bytes, UTF-8 for a text; a null array for NULL. Valid for ever (a copy).
     QByteArray cell(int column) const;
     qint64 number(int column) const;
@@ -59,6 +61,7 @@ public:
     /// Never creates a file: a mistyped name is an error. `name`: what messages call the file, when it is a copy.
     static Result<Database> open(const QString &path, Mode mode, const QString &name = QString());
 
+    /// An Error also when there is more than one statement.
     Result<Statement> prepare(const QByteArray &sql) const;
     Status run(const QByteArray &sql) const;
     Result<qint64> number(const QByteArray &sql) const;

@@ -128,6 +128,7 @@ Result<QList<Table>> tablesOf(const Database &database)
         return status.error();
     for (Table &table : tables)
         table.kind = kindOf(table.columns);
+    std::sort(tables.begin(), tables.end(), [](const Table &a, const Table &b) { return comesBefore(a.name, b.name); });
     return tables;
 }
 

@@ -56,6 +56,17 @@ TEST(MillisecondsOf, ATimeOfTheTablesAndNothingElse)
         EXPECT_EQ(millisecondsOf(text, false), -1) << text;
 }
 
+TEST(ComesBefore, NumbersInNamesAreCounted)
+{
+    const QStringList ordered{"2"_q,   "10"_q,   "S"_q,     "S01"_q,    "S1"_q,  "s2"_q,   "S2a"_q,
+                              "S10"_q, "s10b"_q, "S10b2"_q, "S10b10"_q, "T 9"_q, "T 10"_q, "Über"_q};
+    for (int i = 0; i < ordered.size(); ++i) {
+        for (int k = 0; k < ordered.size(); ++k)
+            EXPECT_EQ(comesBefore(ordered.at(i), ordered.at(k)), i < k)
+                << ordered.at(i).toStdString() << ' ' << ordered.at(k).toStdString();
+    }
+}
+
 TEST(Duration, ReadsAsOneWouldSayIt)
 {
     EXPECT_EQ(duration(250), "0.250 s"_q);

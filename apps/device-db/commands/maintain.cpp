@@ -42,20 +42,24 @@ struct Doomed {
     QByteArray last;
 };
 
+/// Looks at a file without changing it, even when somebody else has it open.
+Result<OpenFile> openForDryRun(const MaintainOptions &options)
+{
+    ReadOptions reading;
+    reading.lock = options.file.lock;
+    return openFile(options.file.path, reading);
+}
+
 /// `where` may use ?1.
-Result<Doomed> doomed(const MaintainOptions &options, const QByteArray &where,
+Result<Doomed> doomed(const Database &database, const MaintainOptions &options, const QByteArray &where,
                       const std::function<Result<QByteArray>(Kind)> &value, const QVector<Kind> &kinds)
 {
-    // Closed again before a store opens the file.
-    const auto database = openForWriting(options.file);
-    if (!database)
-        return database.error();
-    const auto table = chooseTable(*database, options.table, kinds);
+    const auto table = chooseTable(database, options.table, kinds);
     if (!table)
         return table.error();
     const QByteArray name = identifier(table->name);
-    auto rows = database->prepare("select count(*),min(DATETIME),max(DATETIME),(select count(*) from " + name +
-                                  ") from " + name + " where " + QByteArray(where).replace("%table", name));
+    auto rows = database.prepare("select count(*),min(DATETIME),max(DATETIME),(select count(*) from " + name +
+                                 ") from " + name + " where " + QByteArray(where).replace("%table", name));
     if (!rows)
         return rows.error();
     const auto bound = value(table->kind);
@@ -66,6 +70,18 @@ Result<Doomed> doomed(const MaintainOptions &options, const QByteArray &where,
         return rows->status() ? failure(options.file.path, QStringLiteral("counting gave no row"))
                               : rows->status().error();
     return Doomed{*table, rows->number(0), rows->number(3) - rows->number(0), rows->cell(1), rows->cell(2)};
+}
+
+Result<Doomed> doomed(const MaintainOptions &options, const QByteArray &where,
+                      const std::function<Result<QByteArray>(Kind)> &value, const QVector<Kind> &kinds)
+{
+    if (options.dryRun) {
+        const auto file = openForDryRun(options);
+        return file ? doomed(file->database, options, where, value, kinds) : file.error();
+    }
+    // Closed again before a store opens the file.
+    const auto database = openForWriting(options.file);
+    return database ? doomed(*database, options, where, value, kinds) : database.error();
 }
 
 /// Opens the file with the store of `Store`, after whatever was looked at by other means was closed.
@@ -88,10 +104,14 @@ Outcome remove(const MaintainOptions &options, const Doomed &rows,
         say(QStringLiteral("%1: no rows of %2 to delete").arg(options.file.path, rows.table.name));
         return Done;
     }
-    const QString question = QStringLiteral("%1 of %2, from %3 to %4, will be deleted; %5 stay. Go on?")
-                                 .arg(rowsText(rows.rows), rows.table.name, QString::fromUtf8(rows.first),
-                                      QString::fromUtf8(rows.last), grouped(rows.left));
-    if (const Status may = confirmed(options.file.path, question, options.yes); !may)
+    const QString plan = QStringLiteral("%1 of %2, from %3 to %4, would be deleted; %5 would stay")
+                             .arg(rowsText(rows.rows), rows.table.name, QString::fromUtf8(rows.first),
+                                  QString::fromUtf8(rows.last), grouped(rows.left));
+    if (options.dryRun) {
+        say(options.file.path + QLatin1String(": ") + plan);
+        return Done;
+    }
+    if (const Status may = confirmed(options.file.path, plan, options.yes); !may)
         return may.error();
     const auto name = device::TableName::from(rows.table.name);
     if (!name)
@@ -178,8 +198,8 @@ Outcome vacuum(const MaintainOptions &options)
         freeBytes = *bytes;
     }
     const qint64 before = QFileInfo(options.file.path).size();
-    const QString question = QStringLiteral("The file is written anew (%1, %2 of it free); that needs up to twice its "
-                                            "size of room. Go on?")
+    const QString question = QStringLiteral("the file would be written anew (%1, %2 of it free), which needs up to "
+                                            "twice its size of room")
                                  .arg(bytesText(before), bytesText(freeBytes));
     if (const Status may = confirmed(options.file.path, question, options.yes); !may)
         return may.error();
@@ -308,9 +328,7 @@ Outcome tune(const MaintainOptions &options)
             say(QLatin1String("  ") + change);
     };
     if (options.dryRun) {
-        ReadOptions reading;
-        reading.lock = options.file.lock;
-        const auto file = openFile(options.file.path, reading);
+        const auto file = openForDryRun(options);
         if (!file)
             return file.error();
         const auto tuning = tuningOf(file->database, options.undo);
@@ -346,6 +364,8 @@ void addMaintenance(Program &program)
             addText(command, "TABLE", options->table, "The table")->type_name("")->required();
         if (asks)
             command->add_flag("-y,--yes", options->yes, "Do not ask");
+        if (hasTable)
+            command->add_flag("--dry-run", options->dryRun, "Only say what would be deleted");
         program.onRun(command, [options, body] { return body(*options); });
         return std::pair{command, options.get()};
     };

@@ -24,7 +24,8 @@ CLI::Option *addTexts(CLI::App *command, const std::string &name, QStringList &v
                     value << QString::fromStdString(each);
             },
             description)
-        ->type_name("TEXT");
+        ->type_name("TEXT")
+        ->allow_extra_args(name.front() != '-'); // --user NAME must not take the TABLE after it
 }
 
 CLI::Validator wholeNumber()
@@ -72,7 +73,15 @@ void addFilter(CLI::App *command, RowFilter &filter)
 {
     CLI::Option *const active = command->add_flag("--active", filter.active, "Alarms that have not ended");
     command->add_flag("--ended", filter.ended, "Alarms that have ended")->excludes(active);
-    command->add_option("--level", filter.levels, "Alarms of this level; may be given several times")->type_name("N");
+    command->add_option("--level", filter.levels, "Alarms of this level; may be given several times")
+        ->type_name("N")
+        ->allow_extra_args(false);
+    addTexts(command, "--object", filter.objects, "Alarms of this object; may be given several times")
+        ->type_name("NAME");
+    addTexts(command, "--type", filter.types, "Alarms of this type; may be given several times")->type_name("NAME");
+    addTexts(command, "--value", filter.values,
+             "Samples whose value compares so: \">80\", \"<=5\", \"!=0\", \"=ON\"; all that are given must hold")
+        ->type_name("COMPARISON");
     addTexts(command, "--user", filter.users, "Log entries of this user; may be given several times")
         ->type_name("NAME");
 }

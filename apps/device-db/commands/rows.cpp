@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// show, newest, range, find, count and tail: rows of a table on the terminal.
+// show, newest, range, find and tail: rows of a table on the terminal.
 #include "commands/commands.h"
 
 #include "commands/options.h"
@@ -23,9 +23,6 @@ namespace
 {
 
 constexpr const char *aboutTables = "TABLE may be left out when the file has only one that fits.";
-constexpr const char *aboutTimes =
-    "A TIME is a day (2024-05-06), a day and a time (\"2024-05-06 07:08\", with or without seconds and "
-    "milliseconds), now, today, yesterday, or a span back from now (90m, 24h, 7d). Both ends belong to a range.";
 
 struct RowsOptions {
     QString path;
@@ -61,10 +58,17 @@ public:
             const QByteArray key(known.key);
             if (m_forPeople && key == "end_time")
                 continue;
-            columns.append({key,
-                            m_forPeople && key == "end_date" ? QStringLiteral("End") : QString::fromLatin1(known.title),
-                            key == "level" || key == "value" || key == "limit", key == "level",
-                            key == "level" || key == "time" || key == "start" || key == "end_date", known.twice});
+            OutputColumn column{key, QString::fromLatin1(known.title)};
+            column.right = key == "level" || key == "value" || key == "limit";
+            column.number = key == "level";
+            column.fixed = key == "level" || key == "time" || key == "start";
+            column.twice = known.twice;
+            column.main = key == "description" || key == "message";
+            if (m_forPeople && key == "end_date") {
+                column.title = QStringLiteral("End");
+                column.least = 8; // a clock
+            }
+            columns.append(column);
         }
         return columns;
     }
@@ -162,46 +166,6 @@ Outcome print(RowsOptions &options)
     if (const Status status = rows->status(); !status)
         return status.error();
     writer->end();
-    return Done;
-}
-
-Outcome count(RowsOptions &options)
-{
-    const auto opened = openFile(options.path, options.reading);
-    if (!opened)
-        return opened.error();
-    const Database &database = opened->database;
-    QList<Table> tables;
-    if (options.table.isEmpty()) {
-        const auto all = tablesOf(database);
-        if (!all)
-            return all.error();
-        for (const Table &table : *all) {
-            if (options.query.filter.kinds().contains(table.kind))
-                tables << table;
-        }
-    } else {
-        const auto table = chooseTable(database, options.table, options.query.filter.kinds());
-        if (!table)
-            return table.error();
-        tables << *table;
-    }
-    Output output(options.output);
-    const auto writer = rowWriter(options.output.format,
-                                  {{"table", QStringLiteral("Table")},
-                                   {"kind", QStringLiteral("Kind")},
-                                   {"rows", QStringLiteral("Rows"), true, true}},
-                                  output);
-    for (const Table &table : tables) {
-        const auto rows = countOf(database, table, options.query.filter, options.output.utc);
-        if (!rows)
-            return rows.error();
-        if (!writer->row({table.name.toUtf8(), nameOf(table.kind),
-                          isForPeople(options.output.format) ? grouped(*rows).toLatin1() : QByteArray::number(*rows)},
-                         Tone::Plain))
-            break;
-    }
-    writer->settle();
     return Done;
 }
 
@@ -358,15 +322,6 @@ void addRows(Program &program)
         addLimit(command, *options, "At most so many rows");
         addPresentation(command, *options);
         program.onRun(command, [options] { return print(*options); });
-    }
-    {
-        CLI::App *const command = program.add("count", "Count the rows, of one table or of each", aboutTimes);
-        const auto options = made(command);
-        addTable(command, *options);
-        addRange(command, options->query.filter);
-        addFilter(command, options->query.filter);
-        addOutput(command, options->output);
-        program.onRun(command, [options] { return count(*options); });
     }
     {
         CLI::App *const command = program.add("tail", "Print the newest rows and follow what comes", aboutTables);

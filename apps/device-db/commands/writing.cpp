@@ -63,7 +63,7 @@ Result<Database> openForWriting(const WriteOptions &options)
         return failure(options.path, QStringLiteral("it has triggers, which would run when it is written: %1. "
                                                     "--run-triggers lets them")
                                          .arg(names));
-    const QString question = QStringLiteral("The file has triggers, which run when it is written: %1. Go on?");
+    const QString question = QStringLiteral("it has triggers, which run when it is written: %1");
     if (const Status may = confirmed(options.path, question.arg(names), false); !may)
         return may.error();
     return database;
@@ -74,13 +74,14 @@ Result<device::Library> storeLibrary(const WriteOptions &options)
     return device::Library::load(options.library);
 }
 
-Status confirmed(const QString &input, const QString &question, bool yes)
+Status confirmed(const QString &input, const QString &plan, bool yes)
 {
     if (yes)
         return {};
     if (!isatty(STDIN_FILENO))
-        return failure(input, QStringLiteral("nobody can be asked here; --yes goes ahead"));
-    std::fprintf(stderr, "%s [yes/no] ", visible(question).toUtf8().constData());
+        return failure(input, plan + QStringLiteral("; not a terminal, use --yes to go ahead"));
+    std::fprintf(stderr, "%s: %s. Go on? [yes/no] ", visible(input).toUtf8().constData(),
+                 visible(plan).toUtf8().constData());
     std::fflush(stderr);
     char answer[16] = "";
     if (!std::fgets(answer, sizeof answer, stdin) || (qstricmp(answer, "yes\n") != 0 && qstricmp(answer, "y\n") != 0))

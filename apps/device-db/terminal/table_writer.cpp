@@ -16,7 +16,6 @@ namespace
 {
 
 constexpr int rowsMeasured = 1000; // the widths of a table are those of its first rows
-constexpr int narrowest = 6;
 
 const char *colourOf(Tone tone)
 {
@@ -82,11 +81,14 @@ private:
             titles << column.title;
             m_widths << displayWidth(column.title);
         }
+        QVector<int> contents(int(m_columns.size()), 0);
         for (const auto &waiting : m_waiting) {
             for (int i = 0; i < m_columns.size(); ++i)
-                m_widths[i] = std::max(m_widths.at(i), displayWidth(waiting.first.at(i)));
+                contents[i] = std::max(contents.at(i), displayWidth(waiting.first.at(i)));
         }
-        fit();
+        for (int i = 0; i < m_columns.size(); ++i)
+            m_widths[i] = std::max(m_widths.at(i), contents.at(i));
+        fit(contents);
         for (const int width : m_widths)
             lines << QString(width, QChar(0x2500));
         if (!print(titles, Tone::Plain) || !print(lines, Tone::Faint))
@@ -99,19 +101,26 @@ private:
         return true;
     }
 
-    // Takes from the widest column until the line fits; times and levels give last.
-    void fit()
+    // Until the line fits: empty columns give up their titles, then the widest of the others gives, the main one and
+    // those that are fixed last.
+    void fit(const QVector<int> &contents)
     {
         if (m_output.width() == 0)
             return;
         int excess = -m_output.width() + 2 * int(m_widths.size() - 1);
         for (const int width : m_widths)
             excess += width;
-        for (const bool fixedToo : {false, true}) {
+        for (int i = 0; i < m_widths.size() && excess > 0; ++i) {
+            const int given = contents.at(i) == 0 ? std::min(excess, m_widths.at(i) - 1) : 0;
+            m_widths[i] -= given;
+            excess -= given;
+        }
+        const auto rank = [](const OutputColumn &column) { return column.fixed ? 2 : column.main ? 1 : 0; };
+        for (const int turn : {0, 1, 2}) {
             while (excess > 0) {
                 int widest = -1;
                 for (int i = 0; i < m_widths.size(); ++i) {
-                    if ((fixedToo || !m_columns.at(i).fixed) && m_widths.at(i) > narrowest &&
+                    if (rank(m_columns.at(i)) <= turn && m_widths.at(i) > m_columns.at(i).least &&
                         (widest < 0 || m_widths.at(i) > m_widths.at(widest)))
                         widest = i;
                 }

@@ -18,6 +18,8 @@ struct OutputColumn {
     bool number = false; ///< In JSON a number, when the cell is an integer.
     bool fixed = false;  ///< Not cut while other columns can be.
     bool twice = false;  ///< For people the text is decoded; see decodedTwice().
+    bool main = false;   ///< What is read: cut after the others, but before those that are fixed.
+    int least = 6;       ///< Not cut below this width.
 };
 
 enum class Tone { Plain, Faint, Notice, Warning, Danger };
