@@ -24,6 +24,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <limits>
 #include <optional>
 
 #include <sqlite3.h>
@@ -168,12 +169,19 @@ public:
         // The names first: an input that does not fit leaves no new file behind.
         if (const Status opened = openInput(); !opened)
             return opened.error();
+        // Nor does a new table when the file for refused rows cannot be; only an old one has an earlier run to go on
+        // with.
+        if (m_makeTable && !m_options.dryRun) {
+            if (const Status ready = openRefused(); !ready)
+                return ready.error();
+        }
         if (!m_options.dryRun) {
             if (const Status opened = openTarget(); !opened)
                 return opened.error();
+            if (const Status ready = openRefused(); !ready)
+                return ready.error();
         }
         m_begin = m_place;
-        m_refused.emplace(refusedPath(), m_place.refusedBytes);
         std::signal(SIGINT, [](int) { interrupted = true; });
         std::signal(SIGTERM, [](int) { interrupted = true; });
         m_timer.start();
@@ -183,16 +191,12 @@ public:
     }
 
 private:
-    QString refusedPath() const
-    {
-        if (!m_options.refused.isEmpty())
-            return m_options.refused;
-        return (m_fromPipe ? m_options.target.path : m_options.input) + QLatin1String(".refused.csv");
-    }
     Status openInput();
     Status openTarget();
+    Status openRefused();
     Status copy();
     Status store(const QVector<QByteArray> &cells, QByteArray &reason);
+    bool hasHighestId() const;
     Status refuse(const CsvRow &row, const QByteArray &reason);
     enum class End { OfBatch, OfRun, OfInput };
     Status commit(End end);
@@ -211,6 +215,7 @@ private:
     std::optional<Statement> m_insert;
     std::optional<Bookkeeping> m_bookkeeping;
     std::optional<RefusedRows> m_refused;
+    qint64 m_endsBefore = 0; ///< Alarms, stored.
     Place m_begin;
     Place m_place;
 };
@@ -219,6 +224,16 @@ Status Import::openInput()
 {
     if (!(m_fromPipe ? m_input.open(stdin, QIODevice::ReadOnly) : m_input.open(QIODevice::ReadOnly)))
         return failure(m_options.input, m_input.errorString() + QStringLiteral("; check the name and its rights"));
+    // A FIFO and <(...) have a name and can be read once, like standard input.
+    m_fromPipe = m_fromPipe || !QFileInfo(m_options.input).isFile();
+    const QByteArray beginning = m_input.peek(16);
+    if (beginning.startsWith("SQLite format 3"))
+        return failure(m_options.input, QStringLiteral("this is a database; \"device-db export\" writes a table "
+                                                       "as CSV"));
+    if (beginning.startsWith("\xff\xfe") || beginning.startsWith("\xfe\xff") || beginning.contains('\0'))
+        return failure(m_options.input,
+                       QStringLiteral("this is not a text in UTF-8; convert it first, from UTF-16 with "
+                                      "iconv -f UTF-16 -t UTF-8"));
     const auto table = standingTable(m_options);
     if (!table)
         return table.error();
@@ -272,6 +287,19 @@ Status Import::openTarget()
     return m_database->run("begin immediate");
 }
 
+Status Import::openRefused()
+{
+    if (m_refused)
+        return {};
+    const QString target = QFileInfo(m_options.target.path).absoluteFilePath();
+    auto made = RefusedRows::make(m_options.refused, m_fromPipe ? m_options.target.path : m_options.input,
+                                  (target + QLatin1Char('\n') + m_options.table).toUtf8(), m_place.refusedBytes);
+    if (!made)
+        return made.error();
+    m_refused.emplace(std::move(made).value());
+    return {};
+}
+
 Status Import::copy()
 {
     const RowCheck check(m_assignment, m_options.null, m_options.asIs);
@@ -289,6 +317,7 @@ Status Import::copy()
         }
         if (reason.isEmpty()) {
             ++m_place.stored;
+            m_endsBefore += endsBeforeItBegins(m_kind, cells);
         } else if (const Status refused = refuse(row, reason); !refused) {
             return refused;
         }
@@ -316,12 +345,27 @@ Status Import::store(const QVector<QByteArray> &cells, QByteArray &reason)
     m_insert->step();
     const Status status = m_insert->status();
     if (!status) {
-        if ((sqlite3_errcode(m_database->handle()) & 0xff) != SQLITE_CONSTRAINT)
+        const int code = sqlite3_errcode(m_database->handle()) & 0xff;
+        if (code == SQLITE_FULL && hasHighestId()) // SQLite has one word for both
+            return failure(m_options.target.path,
+                           QStringLiteral("%1 has given the highest ID there is, so no row can be added; clear the "
+                                          "table, or import into another one")
+                               .arg(m_options.table));
+        if (code != SQLITE_CONSTRAINT)
             return status; // the open transaction goes with the connection
         reason = "the table refuses it: " + QByteArray(sqlite3_errmsg(m_database->handle()));
     }
     m_insert->reset();
     return {};
+}
+
+bool Import::hasHighestId() const
+{
+    auto sequence = m_database->prepare("select seq from sqlite_sequence where name=?");
+    if (!sequence)
+        return false;
+    sequence->bind(1, m_options.table.toUtf8());
+    return sequence->step() && sequence->number(0) == std::numeric_limits<qint64>::max();
 }
 
 Status Import::refuse(const CsvRow &row, const QByteArray &reason)
@@ -350,6 +394,8 @@ Status Import::commit(End end)
     }
     if (const Status committed = m_database->run("commit"); !committed)
         return committed;
+    if (end == End::OfInput)
+        return m_refused->finish();
     return end == End::OfBatch ? m_database->run("begin immediate") : Status();
 }
 
@@ -367,9 +413,10 @@ Outcome Import::report()
         line += QStringLiteral("; %1 with those of before").arg(grouped(m_place.stored));
     say(line);
     if (m_place.refused > 0) {
-        const QString where = QStringLiteral("; %1 tells lines and reasons").arg(m_refused->path());
-        complain(QStringLiteral("%1: %2 refused").arg(m_options.input, rowsText(m_place.refused)) +
-                 (m_options.dryRun ? QString() : where));
+        QString refused = QStringLiteral("%1: %2 refused").arg(m_options.input, rowsText(m_place.refused));
+        if (!m_options.dryRun)
+            refused += QStringLiteral("; %1 tells lines and reasons").arg(m_refused->path());
+        complain(refused);
     }
     if (interrupted) {
         complain(QStringLiteral("%1: interrupted; %2")
@@ -377,7 +424,10 @@ Outcome Import::report()
                                                       : QStringLiteral("run it again to go on")));
         return Interrupted;
     }
-    return m_place.refused > 0 ? Attention : Done;
+    if (m_endsBefore > 0)
+        complain(
+            QStringLiteral("%1: %2 of alarms that end before they begin").arg(m_options.input, rowsText(m_endsBefore)));
+    return m_place.refused + m_endsBefore > 0 ? Attention : Done;
 }
 
 } // namespace
@@ -407,7 +457,8 @@ void addImport(Program &program)
     command->add_flag("--as-is", options->asIs, "Store times and levels of any form, which the device may not find");
     command->add_flag("--dry-run", options->dryRun, "Store nothing; print the first rows that would be refused");
     command->add_flag("--restart", options->restart, "Begin at the first row although an earlier run stored some");
-    addText(command, "--refused", options->refused, "The file for refused rows; default: INPUT.refused.csv")
+    addText(command, "--refused", options->refused,
+            "The file to make for refused rows; default: INPUT.refused.csv, or with a number where that exists")
         ->type_name("PATH");
     program.onRun(command, [options] { return Import(*options).run(); });
 }

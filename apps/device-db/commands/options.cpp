@@ -113,7 +113,8 @@ void addLook(CLI::App *command, OutputOptions &options)
     command->add_flag("--utc", options.utc,
                       "Times in UTC, given and printed; the device's zone is that of this computer, or $TZ");
     command->add_option("--width", options.width, "Columns of a line; 0: no limit; default: the terminal's")
-        ->type_name("N");
+        ->type_name("N")
+        ->check(wholeNumber());
     addText(command, "--color", options.colours, "auto, always or never; default: auto")
         ->type_name("WHEN")
         ->check(CLI::IsMember({"auto", "always", "never"}, CLI::ignore_case));

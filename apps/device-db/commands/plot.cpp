@@ -8,16 +8,18 @@
 #include "storefile/row_query.h"
 #include "storefile/texts.h"
 #include "storefile/times.h"
+#include "terminal/text.h"
 
 #include "device/number.h"
 
 #include <QDateTime>
-#include <QFileInfo>
+#include <QFile>
 #include <QProcess>
 
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <optional>
 
 namespace device_db
 {
@@ -75,8 +77,8 @@ Picture pictureOf(const QString &target)
 // A name between single quotes, in which gnuplot replaces nothing.
 QByteArray quoted(const QString &text)
 {
-    QString inside = text;
-    inside.replace(QLatin1Char('\''), QLatin1String("''")).replace(QLatin1Char('\n'), QLatin1Char(' '));
+    QString inside = visible(text);
+    inside.replace(QLatin1Char('\''), QLatin1String("''"));
     return '\'' + inside.toUtf8() + '\'';
 }
 
@@ -106,31 +108,31 @@ Result<QString> titleOf(const Database &database, const QString &table)
     return name.isEmpty() || name == table ? table : name + QLatin1String(" (") + table + QLatin1Char(')');
 }
 
-// The ends of what will be drawn, when the options leave them open.
+// The ends of what will be drawn: of the rows that have a time, whatever else is in the column.
 Status findRange(const Database &database, const QList<Table> &tables, const PlotCommand &command, Chart &chart)
 {
-    bool any = false;
+    QByteArray first;
+    QByteArray last;
     for (const Table &table : tables) {
-        // Texts alone: a time that became a number is no time.
-        auto ends = filtered(database, table, command.range, command.utc,
-                             "select min(DATETIME),max(DATETIME) from (select DATETIME from " + identifier(table.name),
-                             ") where typeof(DATETIME)='text' and DATETIME glob '[0-9][0-9][0-9][0-9]-*'");
-        if (!ends)
-            return ends.error();
-        ends->step();
-        const qint64 first = shown(ends->cell(0), false, command.utc);
-        const qint64 last = shown(ends->cell(1), false, command.utc);
-        if (const Status status = ends->status(); !status)
+        auto times =
+            filtered(database, table, command.range, command.utc, "select DATETIME from " + identifier(table.name), "");
+        if (!times)
+            return times.error();
+        while (times->step()) {
+            const QByteArray time = times->cell(0);
+            if (!isTime(time, false))
+                continue;
+            first = first.isEmpty() ? time : std::min(first, time);
+            last = std::max(last, time);
+        }
+        if (const Status status = times->status(); !status)
             return status;
-        if (first < 0 || last < 0)
-            continue;
-        chart.first = any ? std::min(chart.first, first) : first;
-        chart.last = any ? std::max(chart.last, last) : last;
-        any = true;
     }
-    if (!any)
+    if (first.isEmpty())
         return failure(database.name(), QStringLiteral("there is no row with a time in this range; \"device-db info\" "
                                                        "tells what the file holds"));
+    chart.first = shown(first, false, command.utc);
+    chart.last = shown(last, false, command.utc);
     return {};
 }
 
@@ -214,7 +216,7 @@ const char *colourOf(int level)
     return level >= 3 ? "#d62728" : level == 2 ? "#ff7f0e" : level == 1 ? "#e0b400" : "#7f7f7f";
 }
 
-QByteArray script(const PlotCommand &command, const Chart &chart, const QString &target)
+QByteArray script(const PlotCommand &command, const Chart &chart)
 {
     const Picture picture = pictureOf(command.target);
     QByteArray text;
@@ -231,7 +233,7 @@ QByteArray script(const PlotCommand &command, const Chart &chart, const QString 
         break;
     }
     if (picture != Picture::Terminal)
-        text += "set output " + quoted(target) + "\nset grid back linetype 1 linecolor rgb '#d8d8d8' linewidth 0.5\n";
+        text += "set grid back linetype 1 linecolor rgb '#d8d8d8' linewidth 0.5\n";
     const qint64 span = chart.last - chart.first;
     const qint64 pad = span == 0 ? 30000 : 0;
     const char *format = span < 4 * 60000              ? "%H:%M:%S\\n%Y-%m-%d"
@@ -310,7 +312,8 @@ QByteArray script(const PlotCommand &command, const Chart &chart, const QString 
     return text + "plot " + plots + '\n';
 }
 
-Status draw(const QByteArray &commands)
+// The picture, as gnuplot writes it to its standard output.
+Result<QByteArray> draw(const QByteArray &commands)
 {
     QProcess gnuplot;
     gnuplot.start(QStringLiteral("gnuplot"), {QStringLiteral("-")});
@@ -324,9 +327,10 @@ Status draw(const QByteArray &commands)
     const QString complaint = QString::fromUtf8(gnuplot.readAllStandardError()).simplified();
     if (!finished || gnuplot.exitStatus() != QProcess::NormalExit || gnuplot.exitCode() != 0)
         return failure(QStringLiteral("gnuplot"), QStringLiteral("it failed: ") + complaint.right(300));
-    const QByteArray picture = gnuplot.readAllStandardOutput();
-    std::fwrite(picture.constData(), 1, size_t(picture.size()), stdout);
-    return {};
+    QByteArray picture = gnuplot.readAllStandardOutput();
+    if (picture.startsWith('\f')) // on a terminal it begins with a new page
+        picture.remove(0, 1);
+    return picture;
 }
 
 Result<QList<Table>> chosen(const Database &database, const QStringList &wanted)
@@ -354,8 +358,11 @@ Outcome run(PlotCommand &command)
         !command.target.endsWith(QLatin1String(".png"), Qt::CaseInsensitive))
         return failure(command.target, QStringLiteral("the name ends in neither .png nor .svg; the ending says what is "
                                                       "drawn"));
+    OutputOptions straight;
+    straight.noPager = true;
+    Output terminal(straight);
     if (std::sscanf(command.size.c_str(), "%dx%d", &command.width, &command.height) != 2) {
-        command.width = picture == Picture::Terminal ? Output(OutputOptions{}).width() : 1200;
+        command.width = picture == Picture::Terminal ? terminal.width() : 1200;
         command.height = picture == Picture::Terminal ? 24 : 500;
         if (command.width == 0)
             command.width = 80;
@@ -366,6 +373,13 @@ Outcome run(PlotCommand &command)
     const auto tables = chosen(file->database, command.series);
     if (!tables)
         return tables.error();
+    std::optional<NewFile> target;
+    if (picture != Picture::Terminal) {
+        auto made = NewFile::make(command.target, command.force, {command.path, command.alarmFile});
+        if (!made)
+            return made.error();
+        target.emplace(std::move(made).value());
+    }
     Chart chart;
     if (const Status found = findRange(file->database, *tables, command, chart); !found)
         return found.error();
@@ -396,15 +410,15 @@ Outcome run(PlotCommand &command)
     }
     if (drawn == 0)
         return failure(command.path, QStringLiteral("none of the values in this range is a number"));
-    if (picture == Picture::Terminal) {
-        if (const Status done = draw(script(command, chart, QString())); !done)
-            return done.error();
+    const auto image = draw(script(command, chart));
+    if (!image)
+        return image.error();
+    if (!target) {
+        terminal.write(*image);
     } else {
-        auto target = NewFile::make(command.target, command.force);
-        if (!target)
-            return target.error();
-        if (const Status done = draw(script(command, chart, target->part())); !done)
-            return done.error();
+        QFile output(target->part());
+        if (!output.open(QIODevice::WriteOnly) || output.write(*image) != image->size() || !output.flush())
+            return failure(command.target, output.errorString() + QStringLiteral("; check the free space"));
         if (const Status placed = target->putInPlace(); !placed)
             return placed.error();
         say(QStringLiteral("%1: %2 samples, %3 alarms").arg(command.target, grouped(drawn), grouped(chart.alarms)));

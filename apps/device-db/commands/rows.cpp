@@ -12,7 +12,6 @@
 
 #include <QElapsedTimer>
 #include <QFileInfo>
-#include <QThread>
 
 #include <sys/stat.h>
 
@@ -101,14 +100,23 @@ public:
     }
 
 private:
+    // Both as they are: NULL is not an empty text, which is how the store writes that an alarm lasts.
+    static QByteArray oneCell(const QByteArray &date, const QByteArray &clock)
+    {
+        if (date.isNull() && clock.isNull())
+            return QByteArray();
+        const auto shown = [](const QByteArray &cell) { return cell.isNull() ? QByteArray("NULL") : cell; };
+        return (shown(date) + ' ' + shown(clock)).trimmed();
+    }
+
     // The clock alone, and in front of it the days that lie between: lines are short of room.
     static QByteArray shortEnd(const QByteArray &start, const QByteArray &date, const QByteArray &clock)
     {
         const qint64 from = millisecondsOf(start.left(10) + " 00:00:00", false);
         const qint64 to = millisecondsOf(QByteArray(date).replace('/', '-') + " 00:00:00", false);
-        if (from < 0 || to < from)
-            return (date + ' ' + clock).trimmed(); // active, or in a form of its own
-        return (to > from ? '+' + QByteArray::number((to - from) / 86400000) + " d " : QByteArray()) + clock;
+        if (from < 0 || to < from || clock.isEmpty())
+            return oneCell(date, clock); // active, or in a form of its own
+        return to > from ? '+' + QByteArray::number((to - from) / 86400000) + " d " + clock : clock;
     }
 
     void toUtc(QVector<QByteArray> &cells) const
@@ -224,8 +232,7 @@ Outcome tail(RowsOptions &options)
     writer->settle();
     options.query.order = Order::AsRecorded;
     options.query.limit = -1;
-    while (output.flush()) {
-        QThread::msleep(ulong(std::max(10, options.interval)));
+    while (output.flush() && output.waitFor(std::max(10, options.interval))) {
         const QByteArray now = marks(options.path);
         if (now == seen)
             continue;

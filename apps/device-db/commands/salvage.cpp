@@ -11,9 +11,6 @@
 #include "terminal/table_writer.h"
 #include "terminal/text.h"
 
-#include <QFile>
-#include <QFileInfo>
-
 namespace device_db
 {
 
@@ -81,14 +78,12 @@ QByteArray summary(const SalvageReport &report, const QString &target, int width
 
 Outcome run(const SalvageCommand &command)
 {
-    if (QFileInfo::exists(command.damaged) && QFileInfo(command.damaged) == QFileInfo(command.target))
-        return failure(command.target, QStringLiteral("this is the damaged file; take another name for the new one"));
     const auto source = DamagedSource::open(command.damaged);
     if (!source)
         return source.error();
     if (!source->whyNoSnapshot().isNull())
         complain(QStringLiteral("%1: %2").arg(command.damaged, source->whyNoSnapshot()));
-    auto target = NewFile::make(command.target, command.force);
+    auto target = NewFile::make(command.target, command.force, {command.damaged});
     if (!target)
         return target.error();
 

@@ -8,6 +8,7 @@
 #include "storefile/texts.h"
 #include "storefile/times.h"
 #include "terminal/table_writer.h"
+#include "terminal/text.h"
 
 #include <QDateTime>
 
@@ -52,7 +53,7 @@ public:
         : m_output(output), m_people(isForPeople(format))
     {
         if (m_people)
-            output.write((s_any ? "\n" : "") + title.toUtf8() + '\n');
+            output.write((s_any ? "\n" : "") + visible(title).toUtf8() + '\n');
         s_any = true;
         m_writer = rowWriter(format, columns, output);
     }

@@ -135,8 +135,24 @@ QByteArray RowCheck::misfit(QVector<QByteArray> &cells) const
         level.toInt(&isNumber);
         if (!isNumber)
             return "the level \"" + level.left(40) + "\" is no whole number";
+        const QByteArray &endDate = cells.at(AlarmEndDate - 1);
+        const QByteArray &endTime = cells.at(AlarmEndTime - 1);
+        const bool active = endDate.isEmpty() && endTime.isEmpty() && !endDate.isNull() && !endTime.isNull();
+        if (!active && (endDate.isEmpty() || endTime.isEmpty()))
+            return "an end needs a date and a time, or neither; no query finds an alarm with half an end";
+        if (!active && !isTime(endOfAlarm(endDate, endTime), false))
+            return "the end \"" + (endDate + ' ' + endTime).left(40) + "\" is none of the form yyyy-MM-dd hh:mm:ss";
     }
     return QByteArray();
+}
+
+bool endsBeforeItBegins(Kind kind, const QVector<QByteArray> &cells)
+{
+    if (kind != Kind::Alarms)
+        return false;
+    const QByteArray &start = cells.at(AlarmStart - 1);
+    const QByteArray end = endOfAlarm(cells.at(AlarmEndDate - 1), cells.at(AlarmEndTime - 1));
+    return isTime(start, false) && isTime(end, false) && end < start;
 }
 
 } // namespace device_db

@@ -43,6 +43,10 @@ private:
     bool m_asIs;
 };
 
+/// Whether a row, as refusal() gives it, is an alarm with an end before its start: a clock was set, or columns are
+/// mixed up.
+bool endsBeforeItBegins(Kind kind, const QVector<QByteArray> &cells);
+
 } // namespace device_db
 
 #endif

@@ -6,10 +6,23 @@
 #include "terminal/output.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
 
 namespace device_db
 {
+
+namespace
+{
+
+int print(const std::string &text)
+{
+    OutputOptions straight;
+    straight.noPager = true;
+    return Output(straight).write(QByteArray::fromStdString(text)) ? Done : Failed;
+}
+
+} // namespace
 
 Program::Program() : m_commandLine("The bench tool for the files of the device's store library.", "device-db")
 {
@@ -34,11 +47,21 @@ void Program::onRun(CLI::App *command, std::function<Outcome()> body)
 
 int Program::run(int argc, char **argv)
 {
+    const int code = execute(argc, argv);
+    if (outputIsComplete())
+        return code;
+    complain(QStringLiteral("standard output: %1; not all of it was taken")
+                 .arg(QString::fromLocal8Bit(std::strerror(errno))));
+    return Failed;
+}
+
+int Program::execute(int argc, char **argv)
+{
     // For the build alone: these two are not shown.
     if (argc == 2 && qstrcmp(argv[1], "--man") == 0)
-        return std::fputs(manualPage(m_commandLine).c_str(), stdout) < 0 ? Failed : Done;
+        return print(manualPage(m_commandLine));
     if (argc == 2 && qstrcmp(argv[1], "--completion") == 0)
-        return std::fputs(bashCompletion(m_commandLine).c_str(), stdout) < 0 ? Failed : Done;
+        return print(bashCompletion(m_commandLine));
     // CLI11 would only say that a command is missing.
     const std::vector<CLI::App *> commands = m_commandLine.get_subcommands({});
     if (argc > 1 && argv[1][0] != '-' && std::none_of(commands.begin(), commands.end(), [&](const CLI::App *command) {

@@ -39,6 +39,8 @@ public:
     int run(int argc, char **argv);
 
 private:
+    int execute(int argc, char **argv);
+
     CLI::App m_commandLine;
     std::function<Outcome()> m_body;
 };

@@ -17,29 +17,6 @@ namespace
 
 constexpr int rowsMeasured = 1000; // the widths of a table are those of its first rows
 
-const char *colourOf(Tone tone)
-{
-    switch (tone) {
-    case Tone::Faint:
-        return "\033[2m";
-    case Tone::Notice:
-        return "\033[36m";
-    case Tone::Warning:
-        return "\033[33m";
-    case Tone::Danger:
-        return "\033[31m";
-    case Tone::Plain:
-        break;
-    }
-    return "";
-}
-
-QByteArray coloured(const QString &line, Tone tone, bool colours)
-{
-    const QByteArray text = line.toUtf8();
-    return colours && tone != Tone::Plain ? colourOf(tone) + text + "\033[0m" : text;
-}
-
 QString forPeople(const OutputColumn &column, const QByteArray &cell)
 {
     return QString::fromUtf8(column.twice ? decodedTwice(cell) : cell);
@@ -69,7 +46,7 @@ public:
             return m_output.write("no rows\n");
         if (!settle())
             return false;
-        return m_output.write(coloured(rowsText(m_rows), Tone::Faint, m_output.colours()) + '\n');
+        return m_output.write(rowsText(m_rows).toUtf8() + '\n', Tone::Faint);
     }
 
 private:
@@ -147,7 +124,7 @@ private:
         }
         while (line.endsWith(QLatin1Char(' ')))
             line.chop(1);
-        return m_output.write(coloured(line, tone, m_output.colours()) + '\n');
+        return m_output.write(line.toUtf8() + '\n', tone);
     }
 
     QVector<OutputColumn> m_columns;
@@ -179,7 +156,7 @@ public:
                 line = visible(line.replace(QLatin1Char('\t'), QLatin1String("    ")));
             block += lines.join(QLatin1Char('\n') + QString(m_width + 2, QLatin1Char(' '))) + QLatin1Char('\n');
         }
-        return m_output.write(coloured(block, tone, m_output.colours()));
+        return m_output.write(block.toUtf8(), tone);
     }
 
 private:
@@ -198,7 +175,10 @@ public:
             m_header << column.key;
     }
 
-    bool row(const QVector<QByteArray> &cells, Tone) override { return header() && m_output.write(csvRow(cells, ',')); }
+    bool row(const QVector<QByteArray> &cells, Tone) override
+    {
+        return header() && m_output.writeData(csvRow(cells, ','));
+    }
     bool end() override { return header(); }
 
 private:
@@ -206,7 +186,7 @@ private:
     {
         if (m_header.isEmpty())
             return true;
-        const bool written = m_output.write(csvRow(m_header, ','));
+        const bool written = m_output.writeData(csvRow(m_header, ','));
         m_header.clear();
         return written;
     }
@@ -220,7 +200,7 @@ class JsonWriter : public RowWriter
 public:
     JsonWriter(const QVector<OutputColumn> &columns, Output &output) : m_columns(columns), m_output(output) {}
 
-    bool row(const QVector<QByteArray> &cells, Tone) override { return m_output.write(jsonRow(m_columns, cells)); }
+    bool row(const QVector<QByteArray> &cells, Tone) override { return m_output.writeData(jsonRow(m_columns, cells)); }
 
 private:
     QVector<OutputColumn> m_columns;

@@ -22,8 +22,6 @@ struct OutputColumn {
     int least = 6;       ///< Not cut below this width.
 };
 
-enum class Tone { Plain, Faint, Notice, Warning, Danger };
-
 /// Takes rows and prints them in one form.
 class RowWriter
 {
