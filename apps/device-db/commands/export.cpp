@@ -28,7 +28,7 @@ struct ExportOptions {
     RowQuery query;
     QString output;
     QString format;
-    char separator = ',';
+    std::optional<char> separator;
     std::optional<QByteArray> null;
     bool noHeader = false;
     bool withId = false;
@@ -103,7 +103,7 @@ public:
         QVector<QByteArray> names;
         for (const OutputColumn &column : m_columns)
             names << column.key;
-        return write(csvRow(names, m_options.separator));
+        return write(csvRow(names, m_options.separator.value_or(',')));
     }
 
     bool row(const Statement &row)
@@ -128,7 +128,7 @@ public:
             m_changed += m_options.null ? 0 : 1;
             cell = m_options.null.value_or("");
         }
-        return write(csvRow(cells, m_options.separator));
+        return write(csvRow(cells, m_options.separator.value_or(',')));
     }
 
     bool foot() { return m_format != QLatin1String("sql") || write("COMMIT;\n"); }

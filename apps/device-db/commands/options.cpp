@@ -39,7 +39,7 @@ CLI::Validator wholeNumber()
         "");
 }
 
-void addSeparator(CLI::App *command, char &separator)
+void addSeparator(CLI::App *command, std::optional<char> &separator)
 {
     const CLI::Validator oneCharacter(
         [](const std::string &given) {

@@ -35,7 +35,7 @@ void addRange(CLI::App *command, RowFilter &filter);
 void addFilter(CLI::App *command, RowFilter &filter);
 
 /// --separator of CSV: one character, or the word tab.
-void addSeparator(CLI::App *command, char &separator);
+void addSeparator(CLI::App *command, std::optional<char> &separator);
 /// --null: the text of CSV that stands for NULL.
 void addNull(CLI::App *command, std::optional<QByteArray> &null, const std::string &description);
 

@@ -49,7 +49,7 @@ bool RefusedRows::open()
     return m_file->resize(kept) && m_file->seek(kept) && (kept > 0 || m_file->write(header) == header.size());
 }
 
-Status RefusedRows::add(const CsvRow &row, const QByteArray &reason)
+Status RefusedRows::add(const InputRow &row, const QByteArray &reason)
 {
     const bool written =
         (m_file || open()) &&

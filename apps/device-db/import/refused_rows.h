@@ -2,7 +2,7 @@
 #ifndef DEVICE_DB_REFUSED_ROWS_H
 #define DEVICE_DB_REFUSED_ROWS_H
 
-#include "import/csv_reader.h"
+#include "import/row_reader.h"
 #include "storefile/error.h"
 
 #include <QFile>
@@ -23,7 +23,7 @@ public:
     /// are of an earlier run; what the file holds beyond is of rows that come again.
     static Result<RefusedRows> make(const QString &named, const QString &input, const QByteArray &import, qint64 keep);
 
-    Status add(const CsvRow &row, const QByteArray &reason);
+    Status add(const InputRow &row, const QByteArray &reason);
     /// What was added is with the system.
     Status flush();
     /// Gives the file its name: nothing more comes.
