@@ -116,8 +116,13 @@ QByteArray endOfAlarm(const QByteArray &date, const QByteArray &time)
 
 QByteArray inUtc(const QByteArray &time, bool milliseconds)
 {
+    if (!isTime(time, milliseconds))
+        return time;
     const QDateTime parsed = fromText(time, milliseconds, Qt::LocalTime);
-    return parsed.isValid() ? formOf(parsed.toUTC(), milliseconds) : time;
+    // In an hour that summer time leaves out Qt gives an invalid time or moves it, by version.
+    if (!parsed.isValid() || formOf(parsed, milliseconds) != time)
+        return time + " local";
+    return formOf(parsed.toUTC(), milliseconds);
 }
 
 QString duration(qint64 milliseconds)

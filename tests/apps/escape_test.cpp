@@ -55,6 +55,12 @@ protected:
         write("in"_q + attack + ".csv"_q,
               ("time,value\n" + attack + ",1\n2024-05-06 10:00:00," + attack + '\n').toUtf8());
         write("odd"_q + attack + ".csv"_q, ("col" + attack + ",b\n1,2\n").toUtf8());
+        write("wide"_q + attack + ".csv"_q, ("time,W" + attack + "\n2024-05-06 07:08:09,1\n").toUtf8());
+        write("lines"_q + attack + ".json"_q,
+              ("{\"time\":\"2024-05-06 07:08:09\",\"value\":[1]}\n{\"x" +
+               QString(attack).remove(QLatin1Char('\x1b')).remove(QLatin1Char('\x07')).remove(QLatin1Char('\r')) +
+               "\":1}\nnot" + attack)
+                  .toUtf8());
         write("broken"_q + attack + ".db"_q, "not a database" + attack.toUtf8());
     }
 
@@ -76,6 +82,8 @@ TEST_F(Escape, NoTextOfAFileSteersTheTerminal)
     const QString input = "in"_q + attack + ".csv"_q;
     const QString odd = "odd"_q + attack + ".csv"_q;
     const QString none = "none"_q + attack;
+    const QString wide = "wide"_q + attack + ".csv"_q;
+    const QString lines = "lines"_q + attack + ".json"_q;
     QList<QStringList> commands{
         {"info"_q, file()},
         {"info"_q, file(), "--json"_q},
@@ -84,6 +92,15 @@ TEST_F(Escape, NoTextOfAFileSteersTheTerminal)
         {"plot"_q, file()},
         {"plot"_q, file(), series(), "-o"_q, "p"_q + attack + ".svg"_q},
         {"plot"_q, file(), series(), "-o"_q, "p"_q + attack},
+        {"plot"_q, file(), "--right"_q, series(), "--title"_q, attack},
+        {"plot"_q, file(), "--only-alarms"_q, "--title"_q, attack},
+        {"count"_q, file(), "--per"_q, "day"_q},
+        {"show"_q, file(), "--object"_q, attack, "--type"_q, attack},
+        {"show"_q, file(), "--value"_q, attack},
+        {"sql"_q, file(), "select * from "_q + quotedName("A"_q)},
+        {"sql"_q, file(), "select Value as "_q + quotedName("v"_q) + " from "_q + quotedName("S"_q), "--json"_q},
+        {"sql"_q, file(), "select Value as "_q + quotedName("v"_q) + " from "_q + quotedName("S"_q), "--csv"_q},
+        {"sql"_q, file(), attack},
         {"backup"_q, file(), "copy"_q + attack},
         {"backup"_q, file(), "copy"_q + attack},
         {"backup"_q, file(), file()},
@@ -104,6 +121,13 @@ TEST_F(Escape, NoTextOfAFileSteersTheTerminal)
         {"import"_q, file(), series(), input, "--dry-run"_q},
         {"import"_q, file(), series(), input, "--run-triggers"_q},
         {"import"_q, file(), series(), odd, "--run-triggers"_q},
+        {"import"_q, file(), wide, "--wide"_q, "--run-triggers"_q},
+        {"import"_q, file(), wide, "--wide"_q, "--run-triggers"_q, "--create"_q},
+        {"import"_q, file(), series(), input, "--zone"_q, attack},
+        {"import"_q, file(), series(), input, "--time-format"_q, attack},
+        {"import"_q, file(), series(), input, "--encoding"_q, attack},
+        {"import"_q, file(), series(), input, "--default"_q, attack},
+        {"import"_q, file(), series(), lines, "--run-triggers"_q, "--dry-run"_q},
         {"import"_q, file(), none, input, "--run-triggers"_q},
         {"import"_q, file(), "O"_q + attack, input, "--run-triggers"_q},
         {"import"_q, file(), none, input, "--run-triggers"_q, "--create"_q, "--kind"_q, "samples"_q, "--name"_q,
@@ -142,7 +166,7 @@ TEST_F(Escape, NoTextOfAFileSteersTheTerminal)
     }
     for (QStringList command : commands) {
         if (QStringList{"info"_q, "count"_q, "stats"_q, "check"_q, "show"_q, "newest"_q, "find"_q, "tail"_q, "range"_q,
-                        "salvage"_q}
+                        "salvage"_q, "sql"_q}
                 .contains(command.first()))
             command << "--no-pager"_q
                     << "--color"_q

@@ -43,6 +43,10 @@ TEST(BoundText, TakesUtcWhenItIsTold)
     EXPECT_EQ(inUtc("2024-07-01 12:00:00", false), "2024-07-01 10:00:00");
     EXPECT_EQ(inUtc("2024-01-01 12:00:00.125", true), "2024-01-01 11:00:00.125");
     EXPECT_EQ(inUtc("noon", false), "noon");
+    EXPECT_EQ(inUtc("2024-03-31 01:59:59", false), "2024-03-31 00:59:59");
+    EXPECT_EQ(inUtc("2024-03-31 02:30:00", false), "2024-03-31 02:30:00 local") << "an hour that there was not";
+    EXPECT_EQ(inUtc("2024-03-31 02:30:00.000", true), "2024-03-31 02:30:00.000 local");
+    EXPECT_EQ(inUtc("2024-03-31 03:00:00", false), "2024-03-31 01:00:00");
     qputenv("TZ", "UTC");
     tzset();
 }

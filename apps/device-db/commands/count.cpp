@@ -96,7 +96,12 @@ Outcome run(const CountCommand &command)
                 return Done;
         }
     }
-    writer->settle();
+    if (tables->isEmpty() && isForPeople(command.output.format))
+        output.write("no tables of records\n");
+    else if (isForPeople(command.output.format))
+        writer->settle();
+    else
+        writer->end();
     return Done;
 }
 

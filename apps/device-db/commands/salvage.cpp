@@ -92,8 +92,8 @@ Outcome run(const SalvageCommand &command)
         const auto database = Database::open(target->part(), Database::ReadWrite, command.target);
         if (!database)
             return database.error();
-        // The file is put in its place when it is whole, so it needs no journal.
-        if (const Status set = database->run("pragma journal_mode=off; pragma synchronous=off"); !set)
+        // The file is put in its place when it is whole, so its journal need not survive, only serve a rollback.
+        if (const Status set = database->run("pragma journal_mode=memory; pragma synchronous=off"); !set)
             return set.error();
         Progress progress(QStringLiteral("rows"));
         SalvageOptions options;

@@ -5,6 +5,7 @@
 #include "program/program.h"
 #include "storefile/sql_query.h"
 #include "terminal/table_writer.h"
+#include "terminal/text.h"
 
 #include <sqlite3.h>
 
@@ -34,7 +35,7 @@ Outcome run(const SqlCommand &command)
     bool isRow = rows.step();
     QVector<OutputColumn> columns;
     for (int i = 0; i < rows.columns(); ++i) {
-        OutputColumn column{rows.nameOf(i).toUtf8(), rows.nameOf(i)};
+        OutputColumn column{rows.nameOf(i).toUtf8(), visible(rows.nameOf(i))};
         const int type = isRow ? rows.type(i) : SQLITE_NULL;
         column.number = type == SQLITE_INTEGER;
         column.right = type == SQLITE_INTEGER || type == SQLITE_FLOAT;

@@ -71,7 +71,12 @@ Result<Database> openForWriting(const WriteOptions &options)
 
 Result<device::Library> storeLibrary(const WriteOptions &options)
 {
-    return device::Library::load(options.library);
+    auto library = device::Library::load(options.library);
+    if (library)
+        return library;
+    return failure(library.error().operation(),
+                   library.error().cause() + QStringLiteral("; name the file of the store library with --library or in "
+                                                            "$DEVICE_DATABASE_LIBRARY"));
 }
 
 Status confirmed(const QString &input, const QString &plan, bool yes)

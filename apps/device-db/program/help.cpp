@@ -51,7 +51,9 @@ std::string HelpFormatter::make_option(const CLI::Option *option, bool positiona
     if (const std::size_t comma = name.find(','); comma != std::string::npos)
         name.insert(comma + 1, " ");
     const std::string value = positional ? std::string() : valueOf(option);
-    return entry(name + (value.empty() ? "" : " " + value), option->get_description());
+    // What must be given is seen in the usage line only for what has no name.
+    const char *const required = !positional && option->get_required() ? "; required" : "";
+    return entry(name + (value.empty() ? "" : " " + value), option->get_description() + required);
 }
 
 std::string HelpFormatter::make_option_opts(const CLI::Option *option) const

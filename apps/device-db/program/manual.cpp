@@ -32,7 +32,8 @@ std::string optionEntry(const CLI::Option *option)
     std::string entry = ".TP\n\\fB" + escaped(name) + "\\fR";
     if (const std::string value = option->get_positional() ? std::string() : valueOf(option); !value.empty())
         entry += " \\fI" + escaped(value) + "\\fR";
-    return entry + "\n" + escaped(option->get_description()) + "\n";
+    const char *const required = !option->get_positional() && option->get_required() ? "; required" : "";
+    return entry + "\n" + escaped(option->get_description() + required) + "\n";
 }
 
 // The words that a caller may type for an option: "--limit -n".

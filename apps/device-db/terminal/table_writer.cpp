@@ -249,6 +249,17 @@ QByteArray csvRow(const QVector<QByteArray> &cells, char separator)
     return row;
 }
 
+namespace
+{
+
+QByteArray jsonText(const QByteArray &text)
+{
+    const QByteArray array = QJsonDocument(QJsonArray{QString::fromUtf8(text)}).toJson(QJsonDocument::Compact);
+    return array.mid(1, array.size() - 2); // between the brackets
+}
+
+} // namespace
+
 QByteArray jsonRow(const QVector<OutputColumn> &columns, const QVector<QByteArray> &cells)
 {
     // Put together here because QJsonObject would sort the columns by name; each text is Qt's.
@@ -256,7 +267,7 @@ QByteArray jsonRow(const QVector<OutputColumn> &columns, const QVector<QByteArra
     for (int i = 0; i < columns.size(); ++i) {
         if (i > 0)
             row += ',';
-        row += '"' + columns.at(i).key + "\":";
+        row += jsonText(columns.at(i).key) + ':';
         const QByteArray &cell = cells.at(i);
         bool isNumber = false;
         if (columns.at(i).number)
@@ -266,8 +277,7 @@ QByteArray jsonRow(const QVector<OutputColumn> &columns, const QVector<QByteArra
         } else if (isNumber) {
             row += cell;
         } else {
-            const QByteArray array = QJsonDocument(QJsonArray{QString::fromUtf8(cell)}).toJson(QJsonDocument::Compact);
-            row += array.mid(1, array.size() - 2); // between the brackets
+            row += jsonText(cell);
         }
     }
     row += "}\n";
