@@ -112,7 +112,7 @@ Status NewFile::putInPlace()
          (errno != EINVAL || std::rename(from.constData(), to.constData()) != 0)))
         return isThere || errno == EEXIST ? thereAlready(m_path) : systemFailure(m_path);
     m_part->keep();
-    sync(QFileInfo(m_path).absolutePath(), O_RDONLY | O_DIRECTORY); // a folder that cannot be synced is no failure
+    sync(QFileInfo(m_path).absolutePath(), O_RDONLY | O_DIRECTORY); // a folder that cannot be synced is not a failure
     return {};
 }
 

@@ -19,7 +19,7 @@ Error sqliteError(sqlite3 *connection, int code, const QString &site)
         return failure(site, words + QStringLiteral("; another process holds it, try again or stop that process"));
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
-        return failure(site, words + QStringLiteral("; \"device-db check\" tells more, \"device-db salvage\" gets "
+        return failure(site, words + QStringLiteral("; \"device-db check\" says more, \"device-db salvage\" gets "
                                                     "rows out"));
     case SQLITE_FULL:
     case SQLITE_IOERR:

@@ -93,8 +93,8 @@ Result<QByteArray> boundText(const QString &given, Bound bound, bool millisecond
         }
         time = QDateTime(date, clock, Qt::UTC);
     } else {
-        return failure(given, QStringLiteral("this is no time; give one such as 2024-05-06, \"2024-05-06 07:08:09\", "
-                                             "today or 24h (so long ago)"));
+        return failure(given, QStringLiteral("not a time; give one such as 2024-05-06, \"2024-05-06 07:08:09\", "
+                                             "today or 24h (that long ago)"));
     }
     return formOf(time.toLocalTime(), milliseconds);
 }

@@ -64,7 +64,7 @@ QByteArray axesOf(const Chart &chart, Picture picture)
                                                        : "%Y-%m-%d";
     text += "set xdata time\nset format x \"" + QByteArray(format) + "\" timedate\nset xrange [" +
             seconds(chart.first - pad) + ':' + seconds(chart.last + pad) + "]\n";
-    // A label of a date is wide; so many fit beside each other.
+    // A label of a date is wide: this many fit beside each other.
     const int labelWidth = picture == Picture::Terminal ? 14 : 110;
     const int labels = std::max(2, chart.width / labelWidth);
     static constexpr qint64 steps[] = {1,       2,        5,        10,       15,       30,      60,      120,
@@ -127,7 +127,7 @@ QByteArray pointsOf(const Series &series)
     for (const auto &line : series.points.lines()) {
         for (const Point &point : line)
             text += seconds(point.time) + ' ' + number(point.value) + '\n';
-        // A single point between two pauses is no line; drawn twice it is a dot.
+        // A single point between two pauses is not a line; drawn twice it is a dot.
         if (line.size() == 1)
             text += seconds(line.front().time) + ' ' + number(line.front().value) + '\n';
         text += '\n';
@@ -147,7 +147,7 @@ QByteArray marksOf(const Chart &chart, int level)
     return text;
 }
 
-// The series of the axis at the left, which the marks stand below; else those of the other.
+// The series of the axis at the left, which the marks are below; else those of the other.
 double lowestValue(const Chart &chart)
 {
     double lowest = 0;

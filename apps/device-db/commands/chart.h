@@ -20,7 +20,7 @@ struct Series {
     QString title;
     bool right = false; ///< On the axis at the right.
     Reduction points;
-    qint64 left = 0; ///< Values that are no numbers, or without a time.
+    qint64 left = 0; ///< Values that are not numbers, or without a time.
 };
 
 /// An alarm, or several of one level that touch.

@@ -61,7 +61,7 @@ QByteArray sqlLiteral(const Statement &row, int column)
     case SQLITE_BLOB:
         return "X'" + cell.toHex() + '\'';
     default:
-        // A literal ends at U+0000, and bytes that are no UTF-8 do not survive every editor.
+        // A literal ends at U+0000, and bytes that are not UTF-8 do not survive every editor.
         if (cell.contains('\0') || !isUtf8(cell))
             return "CAST(X'" + cell.toHex() + "' AS TEXT)";
         return textLiteral(cell);
@@ -133,7 +133,7 @@ public:
 
     bool foot() { return m_format != QLatin1String("sql") || write("COMMIT;\n"); }
 
-    /// NULLs written as empty texts, or texts that are no UTF-8.
+    /// NULLs written as empty texts, or texts that are not UTF-8.
     qint64 changed() const { return m_changed; }
 
 private:
@@ -213,7 +213,7 @@ Outcome exportRows(ExportOptions &options)
     complain(
         options.path + QLatin1String(": ") +
         (format == QLatin1String("json")
-             ? QStringLiteral("%1 texts are no UTF-8 and were changed; csv and sql keep them")
+             ? QStringLiteral("%1 texts are not UTF-8 and were changed; csv and sql keep them")
              : QStringLiteral("%1 cells are NULL and were written as empty texts; --null TEXT, json and sql keep them"))
             .arg(exporter.changed()));
     return Attention;
@@ -236,14 +236,14 @@ void addExport(Program &program)
         ->check(CLI::IsMember({"csv", "json", "sql"}));
     addRange(command, options->query.filter);
     addFilter(command, options->query.filter);
-    command->add_option("-n,--limit", options->query.limit, "At most so many rows")
+    command->add_option("-n,--limit", options->query.limit, "At most this many rows")
         ->type_name("N")
         ->check(wholeNumber());
     command->add_flag("--by-time", options->byTime, "In the order of time");
     command->add_flag("--id", options->withId, "Write the IDs too");
     addSeparator(command, options->separator);
     command->add_flag("--no-header", options->noHeader, "CSV without a row of names");
-    addNull(command, options->null, "Of CSV: the text that stands for NULL; default: an empty text, and a warning");
+    addNull(command, options->null, "In CSV, the text that means NULL; default: an empty text, and a warning");
     command->add_flag("--force", options->force, "Replace the output when it is there");
     program.onRun(command, [options] { return exportRows(*options); });
 }

@@ -419,7 +419,7 @@ void addImport(Program &program)
     addText(command, "--zone", options->zone,
             "The device's zone, such as Europe/Berlin: for times with a Z, an offset, or in seconds since 1970")
         ->type_name("ZONE");
-    addNull(command, options->null, "The text that stands for NULL; default: there is none");
+    addNull(command, options->null, "The text that means NULL; default: there is none");
     command->add_flag("--as-is", options->asIs, "Store times and levels of any form, which the device may not find");
     command->add_flag("--dry-run", options->dryRun, "Store nothing; print the first rows that would be refused");
     command->add_flag("--restart", options->restart, "Begin at the first row although an earlier run stored some");

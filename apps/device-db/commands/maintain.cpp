@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// trim, purge, clear, vacuum, checkpoint and tune: what changes a file that stands.
+// trim, purge, clear, vacuum, checkpoint and tune: what changes an existing file.
 #include "commands/commands.h"
 
 #include "commands/options.h"
@@ -391,7 +391,7 @@ void addMaintenance(Program &program)
     {
         const auto [command, options] = add("trim", "Delete the oldest rows beyond a number",
                                             "Oldest by the order of recording.", trim, true, true);
-        command->add_option("--keep", options->keep, "So many of the newest rows stay")
+        command->add_option("--keep", options->keep, "Keep this many of the newest rows")
             ->type_name("N")
             ->required()
             ->check(wholeNumber());
@@ -412,8 +412,8 @@ void addMaintenance(Program &program)
         const auto [command, options] = add(
             "tune", "Prepare a file for a device",
             "Sets the write-ahead journal, so that readers no longer make the device's commits fail (two files, -wal and "
-            "-shm, then stand beside the file while it is open), and an index on time for each table of records, by "
-            "which ranges and pages are found at once (each row takes some more room). Says what changes.",
+            "-shm, are beside the file while it is open), and an index on time for each table of records, by which "
+            "ranges and pages are found without reading the table (each row takes some more room). Says what changes.",
             tune, false, false);
         command->add_flag("--undo", options->undo, "Back to the rollback journal and no such index");
         command->add_flag("--dry-run", options->dryRun, "Only say what would change");

@@ -34,7 +34,7 @@ CLI::Validator wholeNumber()
         [](const std::string &given) {
             const bool fits =
                 !given.empty() && given.size() < 19 && given.find_first_not_of("0123456789") == std::string::npos;
-            return fits ? std::string() : "\"" + given + "\" is no whole number";
+            return fits ? std::string() : "\"" + given + "\" is not a whole number";
         },
         "");
 }
@@ -100,7 +100,7 @@ void addOutput(CLI::App *command, OutputOptions &options)
         return command->add_flag_callback(
             name, [&options, value] { options.format = value; }, description);
     };
-    CLI::Option *const csv = format("--csv", Format::Csv, "Print CSV, each cell exactly as it stands in the file");
+    CLI::Option *const csv = format("--csv", Format::Csv, "Print CSV, each cell exactly as it is in the file");
     CLI::Option *const json = format("--json", Format::Json, "Print JSON, one object a line");
     CLI::Option *const full = format("--full", Format::Full, "Print each row as a block, nothing cut off");
     csv->excludes(json)->excludes(full);

@@ -157,7 +157,7 @@ Status readAlarms(const Database &database, const PlotCommand &command, Chart &c
 /// What is drawn: series and on which side, or the tables of alarms alone.
 struct Choice {
     QList<Table> tables;
-    int left = 0; ///< So many of them belong to the axis at the left, the others to the one at the right.
+    int left = 0; ///< The number of them on the left axis; the others are on the right one.
 };
 
 Result<Choice> chosen(const Database &database, const PlotCommand &command)
@@ -252,7 +252,7 @@ Outcome run(const PlotCommand &command)
         samples += series.points.count();
         left += series.left;
         if (series.left > 0)
-            complain(QStringLiteral("%1: left out because they are no numbers or have no time: %2 values")
+            complain(QStringLiteral("%1: left out because they are not numbers or have no time: %2 values")
                          .arg(series.table, grouped(series.left)));
     }
     if (samples == 0 && !command.onlyAlarms)
@@ -282,7 +282,7 @@ void addPlot(Program &program)
         "Of each column of the picture the first, the lowest, the highest and the last value are drawn, so that no "
         "spike is lost however many samples there are. Pauses stay empty. Alarms of the file, or of the one that "
         "--alarms names, are bands behind them in the colour of their level; on the terminal they are a row of digits, "
-        "their levels. Values that are no numbers are left out and counted; exit code 3 then. Needs gnuplot.");
+        "their levels. Values that are not numbers are left out and counted; exit code 3 then. Needs gnuplot.");
     const auto options = std::make_shared<PlotCommand>();
     addFile(command, options->path, options->reading);
     CLI::Option *const series =

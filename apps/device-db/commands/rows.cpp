@@ -208,7 +208,7 @@ Outcome tail(RowsOptions &options)
         presentation.emplace(opened->table, options.output, options.withId);
         writer = rowWriter(options.output.format, presentation->columns(), output);
         options.table = opened->table.name;
-        // The newest, turned round: what comes last stands at the bottom.
+        // The newest, turned round: the newest row is at the bottom.
         options.query.order = Order::NewestFirst;
         auto rows = rowsOf(opened->database, opened->table, options.query);
         if (!rows)
@@ -282,8 +282,8 @@ void addRows(Program &program)
         addTable(command, *options);
         addRange(command, options->query.filter);
         addFilter(command, options->query.filter);
-        addLimit(command, *options, "At most so many rows");
-        command->add_option("--offset", options->query.offset, "Leave out so many rows in front")
+        addLimit(command, *options, "At most this many rows");
+        command->add_option("--offset", options->query.offset, "Skip this many rows first")
             ->type_name("N")
             ->check(wholeNumber());
         command->add_flag("--newest-first", options->newestFirst, "Turn the order round");
@@ -300,7 +300,7 @@ void addRows(Program &program)
         options->query.order = Order::NewestFirst;
         addTable(command, *options);
         addFilter(command, options->query.filter);
-        addLimit(command, *options, "So many rows; default: 10");
+        addLimit(command, *options, "Number of rows; default: 10");
         addPresentation(command, *options);
         program.onRun(command, [options] { return print(*options); });
     }
@@ -311,7 +311,7 @@ void addRows(Program &program)
         addText(command, "TO", options->query.filter.to, "The last time")->type_name("")->required();
         addTable(command, *options);
         addFilter(command, options->query.filter);
-        addLimit(command, *options, "At most so many rows");
+        addLimit(command, *options, "At most this many rows");
         addPresentation(command, *options);
         program.onRun(command, [options] { return print(*options); });
     }
@@ -326,7 +326,7 @@ void addRows(Program &program)
         addTable(command, *options);
         addRange(command, options->query.filter);
         addFilter(command, options->query.filter);
-        addLimit(command, *options, "At most so many rows");
+        addLimit(command, *options, "At most this many rows");
         addPresentation(command, *options);
         program.onRun(command, [options] { return print(*options); });
     }
@@ -336,11 +336,11 @@ void addRows(Program &program)
         options->query.limit = 10;
         addTable(command, *options);
         command->add_flag("-f,--follow", options->follow, "Go on with the rows that come, until Ctrl-C");
-        command->add_option("--interval", options->interval, "Look so often, in milliseconds; default: 500")
+        command->add_option("--interval", options->interval, "How often to look, in milliseconds; default: 500")
             ->type_name("MS")
             ->check(wholeNumber());
         addFilter(command, options->query.filter);
-        addLimit(command, *options, "So many rows at first; default: 10");
+        addLimit(command, *options, "Number of rows to begin with; default: 10");
         addPresentation(command, *options);
         program.onRun(command, [options] { return tail(*options); });
     }

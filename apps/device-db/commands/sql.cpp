@@ -31,7 +31,7 @@ Outcome run(const SqlCommand &command)
     if (!prepared)
         return prepared.error();
     Statement rows = std::move(prepared).value();
-    // A result has no types but those of its cells; the first row stands for all.
+    // A result has no types but those of its cells; the first row decides for all.
     bool isRow = rows.step();
     QVector<OutputColumn> columns;
     for (int i = 0; i < rows.columns(); ++i) {

@@ -418,7 +418,7 @@ Outcome run(const StatsCommand &command)
                      [](const Table &table) { return holdsRecords(table.kind); });
     }
     if (tables.isEmpty())
-        return failure(command.path, QStringLiteral("it has no table of records; \"device-db info\" tells more"));
+        return failure(command.path, QStringLiteral("it has no table of records; \"device-db info\" says more"));
     Statistics statistics(database, command);
     QList<Table> series;
     for (const Table &table : tables) {

@@ -125,9 +125,9 @@ Result<Assignment> assigned(const QString &input, Kind kind, const QStringList &
         if (column == -1 && !isLeftOut(name))
             return failure(
                 input, names.size() == 1
-                           ? QStringLiteral("\"%1\" is no column of %2 (%3); is another --separator needed?")
+                           ? QStringLiteral("\"%1\" is not a column of %2 (%3); is another --separator needed?")
                                  .arg(name.left(60), QLatin1String(nameOf(kind)), list)
-                           : QStringLiteral("\"%1\" is no column of %2 (%3); name them with --columns, - leaves one "
+                           : QStringLiteral("\"%1\" is not a column of %2 (%3); name them with --columns, - leaves one "
                                             "out, --no-header takes the first row as data")
                                  .arg(name.left(60), QLatin1String(nameOf(kind)), list));
         if (column >= 0 && assignment.columnOfCell.contains(column))

@@ -85,7 +85,7 @@ bool CsvReader::feed()
     };
     const auto endOfRow = [](int, void *self) {
         auto &reader = *static_cast<CsvReader *>(self);
-        const qint64 line = reader.m_line; // of a next row behind a lone carriage return
+        const qint64 line = reader.m_line; // of a next row after a lone carriage return
         reader.m_rows.push_back(std::move(reader.m_current));
         reader.m_current = InputRow();
         reader.m_current.line = line;
@@ -110,7 +110,7 @@ bool CsvReader::feed()
     if (m_parser->isBetweenRows())
         m_current.line = m_line;
     if (csv_parse(&m_parser->csv, begin, size_t(size), endOfCell, endOfRow, this) != size_t(size))
-        fault("a quote stands within a cell, or text behind a closing quote", QByteArray(begin, size).trimmed());
+        fault("a quote within a cell, or text after a closing quote", QByteArray(begin, size).trimmed());
     else if (m_parser->csv.entry_pos > longestCell)
         fault("a cell is longer than 16 MB; is a quote left open?", QByteArray(""));
     m_place += size;

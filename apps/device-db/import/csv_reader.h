@@ -16,7 +16,8 @@ namespace device_db
 class CsvReader : public RowReader
 {
 public:
-    /// `input` is open, stands where reading begins, and outlives this. A byte order mark at `offset` 0 is skipped.
+    /// `input` is open, at the place where reading begins, and outlives this. A byte order mark at `offset` 0 is
+    /// skipped.
     CsvReader(QIODevice *input, char separator, qint64 offset = 0, qint64 line = 1);
     ~CsvReader() override;
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Rows are bound to a prepared statement and not handed to the typed stores: a table may hold cells that are no record
-// (an end of an alarm in the host's own form), and import takes back to the byte what export wrote.
+// Rows are bound to a prepared statement and not handed to the typed stores: a table may hold cells that are not a
+// record (an end of an alarm in the host's own form), and import takes back to the byte what export wrote.
 #include "import/row_store.h"
 
 #include <sqlite3.h>

@@ -78,7 +78,7 @@ std::string manualPage(const CLI::App &commandLine)
     for (const auto &[code, meaning] :
          {std::pair{"0", "Done."}, std::pair{"1", "Failed; a line on standard error names the input and the remedy."},
           std::pair{"2", "The arguments make no sense."},
-          std::pair{"3", "Done, and something needs a look: refused rows, findings that are no damage."},
+          std::pair{"3", "Done, and something needs a look: refused rows, findings that are not damage."},
           std::pair{"4", "The file is damaged."}, std::pair{"130", "Interrupted."}})
         page += std::string(".TP\n.B ") + code + "\n" + meaning + "\n";
     page += ".SH ENVIRONMENT\n";

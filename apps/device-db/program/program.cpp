@@ -29,7 +29,7 @@ Program::Program() : m_commandLine("The bench tool for the files of the device's
     m_commandLine.formatter(std::make_shared<HelpFormatter>());
     m_commandLine.set_version_flag("--version", DEVICE_DB_VERSION, "Print the version");
     m_commandLine.require_subcommand(1);
-    m_commandLine.footer("\"device-db COMMAND --help\" tells more. Exit codes: 0 done, 1 failed, 2 wrong arguments,\n"
+    m_commandLine.footer("\"device-db COMMAND --help\" says more. Exit codes: 0 done, 1 failed, 2 wrong arguments,\n"
                          "3 done but something needs a look, 4 the file is damaged, 130 interrupted.");
 }
 
@@ -79,7 +79,7 @@ int Program::execute(int argc, char **argv)
         QString command;
         for (const CLI::App *given : m_commandLine.get_subcommands())
             command = QString::fromStdString(given->get_name()) + QLatin1Char(' ');
-        complain(QStringLiteral("%1. \"device-db %2--help\" tells how it goes")
+        complain(QStringLiteral("%1. \"device-db %2--help\" shows its usage")
                      .arg(QString::fromStdString(wrong.what()).replace(QLatin1Char('\n'), QLatin1Char(' ')), command));
         return Usage;
     }

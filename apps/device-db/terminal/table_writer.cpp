@@ -242,7 +242,7 @@ QByteArray csvRow(const QVector<QByteArray> &cells, char separator)
         row += QByteArray(cell).replace('"', "\"\"");
         row += '"';
     }
-    // A row of one empty cell would be an empty line, which is no row.
+    // A row of one empty cell would be an empty line, which is not a row.
     if (row.isEmpty())
         row = "\"\"";
     row += '\n';
