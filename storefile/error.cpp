@@ -15,7 +15,7 @@ QString oneLine(const Error &error)
     if (!error.table().isEmpty())
         line += QLatin1Char(' ') + error.table();
     line += QLatin1String(": ") + error.cause();
-    // The host layer keeps the remedy apart; ours stands in the cause.
+    // The host layer keeps the remedy apart; ours is in the cause.
     if (error.code() != Error::Failed)
         line += QLatin1String(". ") + error.advice();
     line.replace(QLatin1Char('\n'), QLatin1Char(' '));

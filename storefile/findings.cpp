@@ -171,7 +171,8 @@ QList<Finding> configurationFindings(const QList<Table> &tables, const QList<Reg
         const QString collector = QString::fromUtf8(each.collector);
         if (!each.hasTable && !listed.contains(collector, Qt::CaseInsensitive))
             found.append({Severity::Attention, QStringLiteral("tb_config"),
-                          QStringLiteral("it lists %1, which is no table of samples").arg(collector), 0, 0, QString()});
+                          QStringLiteral("it lists %1, which is not a table of samples").arg(collector), 0, 0,
+                          QString()});
         listed << collector;
     }
     const bool hasList = std::any_of(tables.begin(), tables.end(), [](const Table &table) {

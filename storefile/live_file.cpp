@@ -189,13 +189,14 @@ Status Source::look()
 {
     const QByteArray bytes = header();
     if (!bytes.isEmpty() && !bytes.startsWith(QByteArray("SQLite format 3\0", 16)))
-        return failure(m_name, QStringLiteral("this is no database, or its beginning is damaged; \"device-db salvage\" "
-                                              "gets rows out of a damaged file"));
+        return failure(m_name,
+                       QStringLiteral("this is not a database, or its beginning is damaged; \"device-db salvage\" "
+                                      "gets rows out of a damaged file"));
     m_writeAhead = bytes.size() == 100 && bytes.at(18) == 2 && bytes.at(19) == 2;
     return {};
 }
 
-// SQLite changes the file only while a journal with a valid header stands beside it. The header is zero until the
+// SQLite changes the file only while a journal with a valid header is beside it. The header is zero until the
 // journal is safe on the disk, and again, or the journal gone or empty, when the transaction is over.
 Source::Journal Source::journal() const
 {
@@ -336,7 +337,7 @@ Result<std::unique_ptr<TemporaryFile>> Source::rollbackSnapshot(Clock::time_poin
     }
     return failure(m_name,
                    QStringLiteral("it is written without a pause long enough for a snapshot; try again, or read "
-                                  "it with --lock, which makes the writer's commits fail meanwhile"));
+                                  "it with --lock, which makes the writer's commits fail in the meantime"));
 }
 
 Result<std::unique_ptr<TemporaryFile>> Source::writeAheadSnapshot()
@@ -393,7 +394,7 @@ Result<ReadableFile> openForReading(const QString &path, const ReadOptions &opti
     if (!info.exists())
         return failure(path, QStringLiteral("there is no such file; check the name"));
     if (!info.isFile())
-        return failure(path, QStringLiteral("this is no file; name a database file"));
+        return failure(path, QStringLiteral("this is not a file; name a database file"));
     Source source(path);
     if (!source.isOpen())
         return failure(path, QStringLiteral("it cannot be read: %1; check its rights").arg(systemError()));

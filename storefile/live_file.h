@@ -13,7 +13,7 @@ namespace device_db
 
 struct ReadOptions {
     bool lock = false; ///< Read the file itself with SQLite's locks, which may make the device's commits fail.
-    std::chrono::milliseconds deadline{5000}; ///< So long a moment is waited for in which nobody writes.
+    std::chrono::milliseconds deadline{5000}; ///< How long to wait for a moment in which nobody writes.
 };
 
 class TemporaryFile;
@@ -42,10 +42,10 @@ private:
 /// Makes the file at `path` readable without taking a lock that could disturb who writes it.
 ///
 /// In rollback-journal mode a reader's lock makes the device's commit fail, so a snapshot is copied with plain reads,
-/// in a moment in which no transaction changes the file; an Error when there was none until the deadline. In
-/// write-ahead mode readers disturb nobody, and the file itself is read; but one that nobody uses and that has a log
-/// beside it from a copy, because closing it would move the log into the file. A transaction that a dead device
-/// left half done is rolled back in the copy. The file and what stands beside it are left as they are.
+/// in a moment in which no transaction changes the file; an Error if there is none before the deadline. In write-ahead
+/// mode readers disturb nobody, so the file itself is read. Exception: a file that no process has open but that still
+/// has a -wal beside it is read from a copy, because closing our connection would checkpoint that log. A transaction
+/// that a dead device left half done is rolled back in the copy. The file and what is beside it are left as they are.
 ///
 /// Opens and closes the file: not for a process that holds locks on it, which POSIX would drop then.
 Result<ReadableFile> openForReading(const QString &path, const ReadOptions &options);

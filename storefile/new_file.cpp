@@ -40,6 +40,17 @@ bool sync(const QString &path, int flags)
 
 } // namespace
 
+bool isSameFile(const QString &a, const QString &b)
+{
+    struct stat first {
+    };
+    struct stat second {
+    };
+    return stat(QFile::encodeName(a).constData(), &first) == 0 &&
+           stat(QFile::encodeName(b).constData(), &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
+
 NewFile::NewFile(QString path, std::unique_ptr<TemporaryFile> part, bool force)
     : m_path(std::move(path)), m_part(std::move(part)), m_force(force)
 {
@@ -50,12 +61,26 @@ QString NewFile::part() const
     return QFile::decodeName(m_part->path());
 }
 
-Result<NewFile> NewFile::make(const QString &path, bool force)
+Result<NewFile> NewFile::make(const QString &wanted, bool force, const QStringList &inputs)
 {
-    if (QFileInfo(path).isDir())
-        return failure(path, QStringLiteral("this is a folder; name a file in it"));
-    if (QFileInfo::exists(path) && !force)
-        return thereAlready(path);
+    const QFileInfo present(wanted);
+    const QString path = present.exists() ? present.canonicalFilePath() : wanted;
+    if (present.isDir())
+        return failure(wanted, QStringLiteral("this is a folder; name a file in it"));
+    for (const QString &input : inputs) {
+        if (input.isEmpty())
+            continue;
+        for (const char *ending : {"", "-journal", "-wal", "-shm"}) {
+            const QString name = input + QLatin1String(ending);
+            if (isSameFile(name, path) || QFileInfo(name).absoluteFilePath() == present.absoluteFilePath())
+                return failure(wanted, ending[0] ? QStringLiteral("this is a part of %1; take another name").arg(input)
+                                                 : QStringLiteral("this is the file itself; take another name"));
+        }
+    }
+    if (present.exists() && !present.isFile())
+        return failure(wanted, QStringLiteral("this is not a file; name one"));
+    if (present.exists() && !force)
+        return thereAlready(wanted);
     for (const char *ending : {"-journal", "-wal"}) {
         if (QFileInfo::exists(path + QLatin1String(ending)))
             return failure(path + QLatin1String(ending),
@@ -87,7 +112,7 @@ Status NewFile::putInPlace()
          (errno != EINVAL || std::rename(from.constData(), to.constData()) != 0)))
         return isThere || errno == EEXIST ? thereAlready(m_path) : systemFailure(m_path);
     m_part->keep();
-    sync(QFileInfo(m_path).absolutePath(), O_RDONLY | O_DIRECTORY); // a folder that cannot be synced is no failure
+    sync(QFileInfo(m_path).absolutePath(), O_RDONLY | O_DIRECTORY); // a folder that cannot be synced is not a failure
     return {};
 }
 

@@ -5,10 +5,15 @@
 #include "storefile/error.h"
 #include "storefile/temporary_file.h"
 
+#include <QStringList>
+
 #include <memory>
 
 namespace device_db
 {
+
+/// Whether both names, which may be links, lead to one file.
+bool isSameFile(const QString &a, const QString &b);
 
 /// A file that is there in full or not at all: written under another name beside its place, and removed again unless
 /// it was put there.
@@ -16,7 +21,9 @@ class NewFile
 {
 public:
     /// An Error when there is a file already (and not `force`), or one beside it that SQLite would take for its own.
-    static Result<NewFile> make(const QString &path, bool force);
+    /// `inputs`: what is read while it is written; neither these nor what SQLite keeps beside them are ever replaced,
+    /// under whatever name. A symbolic link is followed. What is not a file, such as a device, is not replaced either.
+    static Result<NewFile> make(const QString &path, bool force, const QStringList &inputs = {});
 
     /// Where to write; an empty file is there.
     QString part() const;

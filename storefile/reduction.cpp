@@ -43,7 +43,7 @@ std::vector<Point> Reduction::points() const
             points.push_back(point);
         std::stable_sort(points.begin() + std::ptrdiff_t(begin), points.end(),
                          [](const Point &a, const Point &b) { return a.time < b.time; });
-        // The same point may stand for two.
+        // The same point may be two of them.
         points.erase(std::unique(points.begin() + std::ptrdiff_t(begin), points.end(),
                                  [](const Point &a, const Point &b) { return a.time == b.time && a.value == b.value; }),
                      points.end());

@@ -4,6 +4,10 @@
 #include "storefile/texts.h"
 #include "storefile/times.h"
 
+#include "device/number.h"
+
+#include <QRegularExpression>
+
 #include <sqlite3.h>
 
 namespace device_db
@@ -30,15 +34,56 @@ void containsText(sqlite3_context *context, int count, sqlite3_value **values)
     sqlite3_result_int(context, 0);
 }
 
+// NULL for what is not a number, which then fits no comparison.
+void numberOf(sqlite3_context *context, int, sqlite3_value **values)
+{
+    const auto *const bytes = reinterpret_cast<const char *>(sqlite3_value_text(values[0]));
+    const auto number = device::number(QByteArray(bytes, bytes ? sqlite3_value_bytes(values[0]) : 0));
+    number ? sqlite3_result_double(context, *number) : sqlite3_result_null(context);
+}
+
+// The conditions of a WHERE and what their places are filled with.
+struct Conditions {
+    QList<QByteArray> parts;
+    QVector<QByteArray> texts;
+
+    void addOneOf(const char *column, const QStringList &wanted)
+    {
+        if (wanted.isEmpty())
+            return;
+        for (const QString &each : wanted)
+            texts << each.toUtf8();
+        parts << column + QByteArray(" in (?") + QByteArray(",?").repeated(int(wanted.size()) - 1) + ')';
+    }
+};
+
+Status addComparison(const Database &database, const QString &given, Conditions &conditions)
+{
+    static const QRegularExpression form(QStringLiteral("^\\s*(>=|<=|!=|>|<|=)\\s*(.*\\S)\\s*$"));
+    const auto match = form.match(given);
+    const QByteArray operation = match.captured(1).toLatin1();
+    const QByteArray wanted = match.captured(2).toUtf8();
+    const bool isNumber = device::number(wanted).has_value();
+    if (!match.hasMatch() || (!isNumber && operation != "=" && operation != "!="))
+        return failure(given, QStringLiteral("give a comparison with a number, such as \">80\", or \"=\" and a text"));
+    sqlite3_create_function_v2(database.handle(), "number_of", 1, SQLITE_UTF8 | SQLITE_DIRECTONLY, nullptr, numberOf,
+                               nullptr, nullptr, nullptr);
+    conditions.parts << (isNumber ? "number_of(Value)" + operation + "cast(? as real)" : "Value" + operation + '?');
+    conditions.texts << wanted;
+    return {};
+}
+
 } // namespace
 
 QVector<Kind> RowFilter::kinds() const
 {
-    const bool ofAlarms = active || ended || !levels.empty();
+    const bool ofAlarms = active || ended || !levels.empty() || !objects.isEmpty() || !types.isEmpty();
     const bool ofLog = !users.isEmpty();
+    const bool ofSamples = !values.isEmpty();
     QVector<Kind> fitting;
     for (const Kind kind : {Kind::Samples, Kind::Alarms, Kind::Log}) {
-        if ((!ofAlarms || kind == Kind::Alarms) && (!ofLog || kind == Kind::Log))
+        if ((!ofAlarms || kind == Kind::Alarms) && (!ofLog || kind == Kind::Log) &&
+            (!ofSamples || kind == Kind::Samples))
             fitting << kind;
     }
     return fitting;
@@ -47,8 +92,7 @@ QVector<Kind> RowFilter::kinds() const
 Result<Statement> filtered(const Database &database, const Table &table, const RowFilter &filter, bool utc,
                            const QByteArray &head, const QByteArray &tail)
 {
-    QList<QByteArray> conditions;
-    QVector<QByteArray> texts;
+    Conditions conditions;
     const bool milliseconds = hasMilliseconds(table.kind);
     for (const auto &[given, bound] : {std::pair{filter.from, Bound::First}, std::pair{filter.to, Bound::Last}}) {
         if (given.isEmpty())
@@ -56,29 +100,28 @@ Result<Statement> filtered(const Database &database, const Table &table, const R
         const auto text = boundText(given, bound, milliseconds, utc);
         if (!text)
             return text.error();
-        conditions << (bound == Bound::First ? "DATETIME>=?" : "DATETIME<=?");
-        texts << *text;
+        conditions.parts << (bound == Bound::First ? "DATETIME>=?" : "DATETIME<=?");
+        conditions.texts << *text;
     }
     if (filter.active)
-        conditions << "EndDate='' and EndTime=''";
+        conditions.parts << "EndDate='' and EndTime=''";
     if (filter.ended)
-        conditions << "EndDate!='' and EndTime!=''";
+        conditions.parts << "EndDate!='' and EndTime!=''";
     if (!filter.levels.empty()) {
         QByteArray list;
         for (const int level : filter.levels)
             list += (list.isEmpty() ? "" : ",") + QByteArray::number(level);
-        conditions << "LevelID in (" + list + ')';
+        conditions.parts << "LevelID in (" + list + ')';
     }
-    if (!filter.users.isEmpty()) {
-        QByteArray list;
-        for (const QString &user : filter.users) {
-            list += list.isEmpty() ? "?" : ",?";
-            texts << user.toUtf8();
-        }
-        conditions << "userName in (" + list + ')';
+    conditions.addOneOf("AlarmObject", filter.objects);
+    conditions.addOneOf("AlarmType", filter.types);
+    conditions.addOneOf("userName", filter.users);
+    for (const QString &value : filter.values) {
+        if (const Status added = addComparison(database, value, conditions); !added)
+            return added.error();
     }
     if (filter.afterId >= 0)
-        conditions << "ID>" + QByteArray::number(filter.afterId);
+        conditions.parts << "ID>" + QByteArray::number(filter.afterId);
     if (!filter.containing.isEmpty()) {
         sqlite3_create_function_v2(database.handle(), "contains_text", -1, SQLITE_UTF8 | SQLITE_DIRECTONLY,
                                    new QString(filter.containing), containsText, nullptr, nullptr,
@@ -86,16 +129,16 @@ Result<Statement> filtered(const Database &database, const Table &table, const R
         QByteArray cells;
         for (const QString &column : table.columns.mid(1))
             cells += (cells.isEmpty() ? "" : ",") + identifier(column);
-        conditions << "contains_text(" + cells + ')';
+        conditions.parts << "contains_text(" + cells + ')';
     }
     QByteArray sql = head;
-    if (!conditions.isEmpty())
-        sql += " where " + conditions.join(" and ");
+    if (!conditions.parts.isEmpty())
+        sql += " where " + conditions.parts.join(" and ");
     auto statement = database.prepare(sql + tail);
     if (!statement)
         return statement.error();
-    for (int i = 0; i < texts.size(); ++i)
-        statement->bind(i + 1, texts.at(i));
+    for (int i = 0; i < conditions.texts.size(); ++i)
+        statement->bind(i + 1, conditions.texts.at(i));
     return statement;
 }
 

@@ -16,6 +16,9 @@ struct RowFilter {
     bool active = false;
     bool ended = false;
     std::vector<int> levels;
+    QStringList objects; ///< Of alarms.
+    QStringList types;   ///< Of alarms.
+    QStringList values;  ///< Of samples: comparisons such as ">80" or "=ON", all of which hold.
     QStringList users;
     QString containing; ///< In any text of the row, whatever the case of its letters.
     qint64 afterId = -1;

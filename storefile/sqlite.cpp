@@ -19,7 +19,7 @@ Error sqliteError(sqlite3 *connection, int code, const QString &site)
         return failure(site, words + QStringLiteral("; another process holds it, try again or stop that process"));
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
-        return failure(site, words + QStringLiteral("; \"device-db check\" tells more, \"device-db salvage\" gets "
+        return failure(site, words + QStringLiteral("; \"device-db check\" says more, \"device-db salvage\" gets "
                                                     "rows out"));
     case SQLITE_FULL:
     case SQLITE_IOERR:
@@ -61,6 +61,16 @@ Status Statement::status() const
 int Statement::columns() const
 {
     return sqlite3_column_count(m_statement.get());
+}
+
+QString Statement::nameOf(int column) const
+{
+    return QString::fromUtf8(sqlite3_column_name(m_statement.get(), column));
+}
+
+bool Statement::onlyReads() const
+{
+    return sqlite3_stmt_readonly(m_statement.get()) != 0;
 }
 
 QByteArray Statement::cell(int column) const
@@ -140,11 +150,16 @@ Result<Database> Database::open(const QString &path, Mode mode, const QString &n
 
 Result<Statement> Database::prepare(const QByteArray &sql) const
 {
-    sqlite3_stmt *statement = nullptr;
-    const int code = sqlite3_prepare_v2(handle(), sql.constData(), int(sql.size()), &statement, nullptr);
+    sqlite3_stmt *prepared = nullptr;
+    const char *rest = nullptr;
+    const int code = sqlite3_prepare_v2(handle(), sql.constData(), int(sql.size()), &prepared, &rest);
     if (code != SQLITE_OK)
         return sqliteError(handle(), code, m_name);
-    return Statement(statement, m_name);
+    Statement statement(prepared, m_name);
+    // Else the others would be left out silently.
+    if (!QByteArray(rest).trimmed().isEmpty())
+        return failure(m_name, QStringLiteral("this is more than one statement; give one"));
+    return statement;
 }
 
 Status Database::run(const QByteArray &sql) const

@@ -16,16 +16,18 @@ struct sqlite3_stmt;
 namespace device_db
 {
 
-/// A prepared statement. Cells are the very bytes of the file: the typed stores would hide what is no record.
+/// A prepared statement. Cells are the very bytes of the file: the typed stores would hide what is not a record.
 class Statement
 {
 public:
-    /// Goes to the next row; false at the end and on a failure, which status() tells.
+    /// Goes to the next row; false at the end and on a failure, which status() reports.
     bool step();
     void reset();
     Status status() const;
 
     int columns() const;
+    QString nameOf(int column) const;
+    bool onlyReads() const;
     /// The cell's bytes, UTF-8 for a text; a null array for NULL. Valid for ever (a copy).
     QByteArray cell(int column) const;
     qint64 number(int column) const;
@@ -59,6 +61,7 @@ public:
     /// Never creates a file: a mistyped name is an error. `name`: what messages call the file, when it is a copy.
     static Result<Database> open(const QString &path, Mode mode, const QString &name = QString());
 
+    /// An Error if there is more than one statement, too.
     Result<Statement> prepare(const QByteArray &sql) const;
     Status run(const QByteArray &sql) const;
     Result<qint64> number(const QByteArray &sql) const;

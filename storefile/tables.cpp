@@ -128,6 +128,7 @@ Result<QList<Table>> tablesOf(const Database &database)
         return status.error();
     for (Table &table : tables)
         table.kind = kindOf(table.columns);
+    std::sort(tables.begin(), tables.end(), [](const Table &a, const Table &b) { return comesBefore(a.name, b.name); });
     return tables;
 }
 
@@ -155,14 +156,14 @@ Result<Table> chooseTable(const Database &database, const QString &wanted, const
             return failure(database.name(), QStringLiteral("table %1 is of another kind; this takes %2")
                                                 .arg(wanted, fitting.isEmpty() ? QStringLiteral("none of its tables")
                                                                                : fitting.join(QLatin1String(", "))));
-        return failure(database.name(),
-                       names.isEmpty() ? QStringLiteral("it has no table of records; \"device-db info\" tells more")
-                                       : QStringLiteral("there is no table %1; it has %2").arg(wanted, all));
+        return failure(database.name(), names.isEmpty()
+                                            ? QStringLiteral("it has no table of records; \"device-db info\" says more")
+                                            : QStringLiteral("there is no table %1; it has %2").arg(wanted, all));
     }
     if (fitting.isEmpty())
-        return failure(database.name(),
-                       names.isEmpty() ? QStringLiteral("it has no table of records; \"device-db info\" tells more")
-                                       : QStringLiteral("it has no table of the kind asked for; it has ") + all);
+        return failure(database.name(), names.isEmpty()
+                                            ? QStringLiteral("it has no table of records; \"device-db info\" says more")
+                                            : QStringLiteral("it has no table of the kind asked for; it has ") + all);
     if (wanted.isEmpty() && fitting.size() > 1)
         return failure(database.name(), QStringLiteral("name one of its tables: ") + fitting.join(QLatin1String(", ")));
     return chosen;

@@ -59,7 +59,7 @@ struct Table {
     bool isVirtual = false; ///< Rows come from a module and not from the file; never touched, not even to count them.
 };
 
-/// The tables of a file in the order of their names; SQLite's own and views are left out.
+/// The tables of a file in the order of comesBefore(); SQLite's own and views are left out.
 Result<QList<Table>> tablesOf(const Database &database);
 
 /// The record table of that name, or with an empty name the only one of the file. `kinds`: those that will do,

@@ -59,4 +59,36 @@ QByteArray decodedTwice(const QByteArray &cell)
     return QString::fromUtf8(once).toUtf8() == once ? once : cell;
 }
 
+// Not QCollator, which counts only where it was built with ICU.
+bool comesBefore(const QString &name, const QString &other)
+{
+    const auto isDigit = [](QChar c) { return c >= QLatin1Char('0') && c <= QLatin1Char('9'); };
+    const auto number = [&](const QString &text, int &i) { // without zeros in front
+        const int begin = i;
+        while (i < text.size() && isDigit(text.at(i)))
+            ++i;
+        QString digits = text.mid(begin, i - begin);
+        while (digits.size() > 1 && digits.startsWith(QLatin1Char('0')))
+            digits.remove(0, 1);
+        return digits;
+    };
+    int i = 0;
+    int k = 0;
+    while (i < name.size() && k < other.size()) {
+        if (isDigit(name.at(i)) && isDigit(other.at(k))) {
+            const QString left = number(name, i);
+            const QString right = number(other, k);
+            if (left.size() != right.size() || left != right)
+                return left.size() != right.size() ? left.size() < right.size() : left < right;
+        } else {
+            const QChar left = name.at(i++).toCaseFolded();
+            const QChar right = other.at(k++).toCaseFolded();
+            if (left != right)
+                return left < right;
+        }
+    }
+    const bool isShorter = name.size() - i < other.size() - k;
+    return name.size() - i == other.size() - k ? name < other : isShorter;
+}
+
 } // namespace device_db

@@ -20,6 +20,9 @@ bool isUtf8(const QByteArray &cell);
 /// A cell that the store library encoded twice as it was meant; any other as it is.
 QByteArray decodedTwice(const QByteArray &cell);
 
+/// Whether one name comes before another as people count: S2 before S10, whatever the case of the letters.
+bool comesBefore(const QString &name, const QString &other);
+
 } // namespace device_db
 
 #endif

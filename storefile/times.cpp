@@ -93,8 +93,8 @@ Result<QByteArray> boundText(const QString &given, Bound bound, bool millisecond
         }
         time = QDateTime(date, clock, Qt::UTC);
     } else {
-        return failure(given, QStringLiteral("this is no time; give one such as 2024-05-06, \"2024-05-06 07:08:09\", "
-                                             "today or 24h (so long ago)"));
+        return failure(given, QStringLiteral("not a time; give one such as 2024-05-06, \"2024-05-06 07:08:09\", "
+                                             "today or 24h (that long ago)"));
     }
     return formOf(time.toLocalTime(), milliseconds);
 }
@@ -116,8 +116,13 @@ QByteArray endOfAlarm(const QByteArray &date, const QByteArray &time)
 
 QByteArray inUtc(const QByteArray &time, bool milliseconds)
 {
+    if (!isTime(time, milliseconds))
+        return time;
     const QDateTime parsed = fromText(time, milliseconds, Qt::LocalTime);
-    return parsed.isValid() ? formOf(parsed.toUTC(), milliseconds) : time;
+    // In an hour that summer time leaves out Qt gives an invalid time or moves it, by version.
+    if (!parsed.isValid() || formOf(parsed, milliseconds) != time)
+        return time + " local";
+    return formOf(parsed.toUTC(), milliseconds);
 }
 
 QString duration(qint64 milliseconds)

@@ -26,7 +26,8 @@ bool isTime(const QByteArray &text, bool milliseconds);
 /// The end of an alarm in the form of the other times: the store takes any text, hosts write `/` or `-`.
 QByteArray endOfAlarm(const QByteArray &date, const QByteArray &time);
 
-/// A time of the tables in UTC; any other text as it is. An hour that summer time repeats counts as its first.
+/// A time of the tables in UTC; any other text as it is. An hour that summer time repeats counts as its first. A time
+/// in an hour that summer time leaves out has no UTC and comes as it is with " local" after it.
 QByteArray inUtc(const QByteArray &time, bool milliseconds);
 
 /// "2 d 03:04:05", "1:05:00", "0.250 s".

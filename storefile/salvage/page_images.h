@@ -8,7 +8,7 @@
 namespace device_db
 {
 
-/// The page images in a log that lies beside a database file and belongs in the place of the file's own pages.
+/// The page images in a log beside a database file. They take the place of the file's own pages.
 struct PageImages {
     quint32 pageSize = 0;           ///< 0: there is no such log, or it is of no use.
     quint32 databasePages = 0;      ///< The size of the database that the images belong to; 0: unknown.

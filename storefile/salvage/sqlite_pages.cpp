@@ -17,7 +17,7 @@ size_t headerOffset(bool first)
     return first ? firstPageHeader : 0;
 }
 
-// How much of a payload stands in the leaf itself.
+// How much of a payload is in the leaf itself.
 size_t localSize(quint64 payloadSize, size_t usable)
 {
     if (payloadSize <= usable - 35)

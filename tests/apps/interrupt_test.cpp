@@ -8,7 +8,7 @@
 namespace
 {
 
-class Interrupt : public ToolTest, public ::testing::WithParamInterface<const char *>
+class Interrupt : public ToolTest, public ::testing::WithParamInterface<QStringList>
 {
 };
 
@@ -22,7 +22,7 @@ TEST_P(Interrupt, LeavesNoPartOfTheNewFile)
     }
     const QStringList before = QDir(path("."_q)).entryList(QDir::Files);
     QProcess tool;
-    start(tool, {QString::fromLatin1(GetParam()), "device.db"_q, "new.db"_q});
+    start(tool, GetParam());
     const auto isWriting = [&] {
         const auto parts = QDir(path("."_q)).entryInfoList({"new.db.part-*"_q}, QDir::Files);
         return !parts.isEmpty() && parts.first().size() > 0;
@@ -36,6 +36,10 @@ TEST_P(Interrupt, LeavesNoPartOfTheNewFile)
     EXPECT_EQ(QDir(path("."_q)).entryList(QDir::Files), before);
 }
 
-INSTANTIATE_TEST_SUITE_P(Commands, Interrupt, ::testing::Values("salvage", "backup"));
+INSTANTIATE_TEST_SUITE_P(Commands, Interrupt,
+                         ::testing::Values(QStringList{"salvage"_q, "device.db"_q, "new.db"_q},
+                                           QStringList{"backup"_q, "device.db"_q, "new.db"_q},
+                                           QStringList{"export"_q, "device.db"_q, "T1"_q, "-o"_q, "new.db"_q}),
+                         [](const auto &parameter) { return parameter.param.first().toStdString(); });
 
 } // namespace

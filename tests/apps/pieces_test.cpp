@@ -43,6 +43,10 @@ TEST(BoundText, TakesUtcWhenItIsTold)
     EXPECT_EQ(inUtc("2024-07-01 12:00:00", false), "2024-07-01 10:00:00");
     EXPECT_EQ(inUtc("2024-01-01 12:00:00.125", true), "2024-01-01 11:00:00.125");
     EXPECT_EQ(inUtc("noon", false), "noon");
+    EXPECT_EQ(inUtc("2024-03-31 01:59:59", false), "2024-03-31 00:59:59");
+    EXPECT_EQ(inUtc("2024-03-31 02:30:00", false), "2024-03-31 02:30:00 local") << "an hour that there was not";
+    EXPECT_EQ(inUtc("2024-03-31 02:30:00.000", true), "2024-03-31 02:30:00.000 local");
+    EXPECT_EQ(inUtc("2024-03-31 03:00:00", false), "2024-03-31 01:00:00");
     qputenv("TZ", "UTC");
     tzset();
 }
@@ -54,6 +58,17 @@ TEST(MillisecondsOf, ATimeOfTheTablesAndNothingElse)
     for (const char *text : {"", "1970-01-01", "1970-01-01 00:00:00.007", "1970-01-01T00:00:00", "1970-02-30 00:00:00",
                              "1970-01-01 00:00:0x", "1970/01/01 00:00:00"})
         EXPECT_EQ(millisecondsOf(text, false), -1) << text;
+}
+
+TEST(ComesBefore, NumbersInNamesAreCounted)
+{
+    const QStringList ordered{"2"_q,   "10"_q,   "S"_q,     "S01"_q,    "S1"_q,  "s2"_q,   "S2a"_q,
+                              "S10"_q, "s10b"_q, "S10b2"_q, "S10b10"_q, "T 9"_q, "T 10"_q, "Über"_q};
+    for (int i = 0; i < ordered.size(); ++i) {
+        for (int k = 0; k < ordered.size(); ++k)
+            EXPECT_EQ(comesBefore(ordered.at(i), ordered.at(k)), i < k)
+                << ordered.at(i).toStdString() << ' ' << ordered.at(k).toStdString();
+    }
 }
 
 TEST(Duration, ReadsAsOneWouldSayIt)

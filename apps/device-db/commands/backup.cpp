@@ -25,12 +25,10 @@ struct BackupCommand {
 
 Outcome run(const BackupCommand &command)
 {
-    if (QFileInfo(command.path).exists() && QFileInfo(command.path) == QFileInfo(command.target))
-        return failure(command.target, QStringLiteral("this is the file itself; take another name for the copy"));
     const auto file = openFile(command.path, command.reading);
     if (!file)
         return file.error();
-    auto target = NewFile::make(command.target, command.force);
+    auto target = NewFile::make(command.target, command.force, {command.path});
     if (!target)
         return target.error();
     qint64 pages = 0;

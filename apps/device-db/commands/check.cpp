@@ -153,7 +153,7 @@ void addCheck(Program &program)
 {
     CLI::App *const command =
         program.add("check", "Look for damage and for what will make trouble",
-                    "Checks the structure of the file, the definition of each table, the list of the series and every "
+                    "Checks the structure of the file, the definition of each table, the configuration table and every "
                     "row, as info does. Exit code 0: all is well; 3: something needs a look; 4: the file is damaged.");
     const auto options = std::make_shared<CheckCommand>();
     addFile(command, options->path, options->reading);

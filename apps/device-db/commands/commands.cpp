@@ -8,10 +8,12 @@ void addCommands(Program &program)
 {
     addInfo(program);
     addRows(program);
+    addCount(program);
     addImport(program);
     addExport(program);
     addMaintenance(program);
     addStats(program);
+    addSql(program);
     addPlot(program);
     addCheck(program);
     addBackup(program);

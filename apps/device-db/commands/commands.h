@@ -9,7 +9,8 @@ class Program;
 
 // Each adds one command, or a family, with its options; each is in the file of its name.
 void addInfo(Program &program);
-void addRows(Program &program); ///< show, newest, range, find, count, tail
+void addRows(Program &program); ///< show, newest, range, find, tail
+void addCount(Program &program);
 void addImport(Program &program);
 void addExport(Program &program);
 void addMaintenance(Program &program); ///< trim, purge, clear, vacuum, checkpoint, tune
@@ -18,6 +19,7 @@ void addPlot(Program &program);
 void addCheck(Program &program);
 void addBackup(Program &program);
 void addSalvage(Program &program);
+void addSql(Program &program);
 
 /// All of them, in the order of the help.
 void addCommands(Program &program);

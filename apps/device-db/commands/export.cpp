@@ -3,14 +3,15 @@
 
 #include "commands/options.h"
 #include "program/program.h"
+#include "storefile/new_file.h"
 #include "storefile/row_query.h"
 #include "storefile/texts.h"
 #include "terminal/progress.h"
 #include "terminal/table_writer.h"
+#include "terminal/text.h"
 
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 
 #include <sqlite3.h>
 
@@ -27,7 +28,7 @@ struct ExportOptions {
     RowQuery query;
     QString output;
     QString format;
-    char separator = ',';
+    std::optional<char> separator;
     std::optional<QByteArray> null;
     bool noHeader = false;
     bool withId = false;
@@ -60,7 +61,7 @@ QByteArray sqlLiteral(const Statement &row, int column)
     case SQLITE_BLOB:
         return "X'" + cell.toHex() + '\'';
     default:
-        // A literal ends at U+0000, and bytes that are no UTF-8 do not survive every editor.
+        // A literal ends at U+0000, and bytes that are not UTF-8 do not survive every editor.
         if (cell.contains('\0') || !isUtf8(cell))
             return "CAST(X'" + cell.toHex() + "' AS TEXT)";
         return textLiteral(cell);
@@ -83,8 +84,9 @@ QString formatOf(const ExportOptions &options)
 class Exporter
 {
 public:
-    Exporter(const ExportOptions &options, const QString &format, const Table &table, QIODevice &output)
-        : m_options(options), m_format(format), m_table(table), m_output(output)
+    /// `isSeen`: the output is a terminal.
+    Exporter(const ExportOptions &options, const QString &format, const Table &table, QIODevice &output, bool isSeen)
+        : m_options(options), m_format(format), m_table(table), m_output(output), m_isSeen(isSeen)
     {
         if (options.withId)
             m_columns.append({"id", QString(), true, true});
@@ -101,7 +103,7 @@ public:
         QVector<QByteArray> names;
         for (const OutputColumn &column : m_columns)
             names << column.key;
-        return write(csvRow(names, m_options.separator));
+        return write(csvRow(names, m_options.separator.value_or(',')));
     }
 
     bool row(const Statement &row)
@@ -126,21 +128,26 @@ public:
             m_changed += m_options.null ? 0 : 1;
             cell = m_options.null.value_or("");
         }
-        return write(csvRow(cells, m_options.separator));
+        return write(csvRow(cells, m_options.separator.value_or(',')));
     }
 
     bool foot() { return m_format != QLatin1String("sql") || write("COMMIT;\n"); }
 
-    /// NULLs written as empty texts, or texts that are no UTF-8.
+    /// NULLs written as empty texts, or texts that are not UTF-8.
     qint64 changed() const { return m_changed; }
 
 private:
-    bool write(const QByteArray &text) { return m_output.write(text) == text.size(); }
+    bool write(const QByteArray &text)
+    {
+        const QByteArray shown = m_isSeen ? visibleLines(text) : text;
+        return m_output.write(shown) == shown.size();
+    }
 
     const ExportOptions &m_options;
     QString m_format;
     Table m_table;
     QIODevice &m_output;
+    bool m_isSeen;
     QVector<OutputColumn> m_columns;
     qint64 m_changed = 0;
 };
@@ -148,14 +155,19 @@ private:
 Outcome exportRows(ExportOptions &options)
 {
     const bool toFile = !options.output.isEmpty() && options.output != QLatin1String("-");
-    if (toFile && QFileInfo::exists(options.output) && !options.force)
-        return failure(options.output, QStringLiteral("it exists; --force writes over it"));
     const QString format = formatOf(options);
     const auto opened = openTable(options.path, options.reading, options.table, options.query.filter.kinds());
     if (!opened)
         return opened.error();
     const Database &database = opened->database;
     const Table &table = opened->table;
+    std::optional<NewFile> target;
+    if (toFile) {
+        auto made = NewFile::make(options.output, options.force, {options.path});
+        if (!made)
+            return made.error();
+        target.emplace(std::move(made).value());
+    }
     options.query.order = options.byTime ? Order::OldestFirst : Order::AsRecorded;
     const auto total = countOf(database, table, options.query.filter, false);
     if (!total)
@@ -169,16 +181,12 @@ Outcome exportRows(ExportOptions &options)
     creation->bind(1, table.name.toUtf8());
     creation->step();
 
-    // A file appears under its name when it is whole.
-    QSaveFile saved(options.output);
-    QFile standardOutput;
-    QIODevice *device = &saved;
-    if (!toFile)
-        device = &standardOutput;
-    if (!(toFile ? saved.open(QIODevice::WriteOnly) : standardOutput.open(stdout, QIODevice::WriteOnly)))
-        return failure(options.output, device->errorString() + QStringLiteral("; check the folder and its rights"));
-
-    Exporter exporter(options, format, table, *device);
+    QFile output;
+    if (target)
+        output.setFileName(target->part());
+    if (!(target ? output.open(QIODevice::WriteOnly) : output.open(stdout, QIODevice::WriteOnly)))
+        return failure(options.output, output.errorString() + QStringLiteral("; check the folder and its rights"));
+    Exporter exporter(options, format, table, output, !target && outputIsSeen());
     Progress progress(QStringLiteral("rows"));
     qint64 count = 0;
     bool written = exporter.head(creation->cell(0));
@@ -189,20 +197,23 @@ Outcome exportRows(ExportOptions &options)
     }
     if (const Status status = rows->status(); !status)
         return status.error();
-    written = written && exporter.foot() && (toFile ? saved.commit() : standardOutput.flush());
-    if (!written)
-        return toFile ? failure(options.output, saved.errorString() + QStringLiteral("; check the free space"))
+    if (!(written && exporter.foot() && output.flush()))
+        return target ? failure(options.output, output.errorString() + QStringLiteral("; check the free space"))
                       : failure(QStringLiteral("standard output"),
-                                standardOutput.errorString() + QStringLiteral("; not all rows were taken"));
+                                output.errorString() + QStringLiteral("; not all rows were taken"));
     progress.wipe();
-    if (toFile)
+    if (target) {
+        output.close();
+        if (const Status placed = target->putInPlace(); !placed)
+            return placed.error();
         say(QStringLiteral("%1: %2 of %3").arg(options.output, rowsText(count), table.name));
+    }
     if (exporter.changed() == 0)
         return Done;
     complain(
         options.path + QLatin1String(": ") +
         (format == QLatin1String("json")
-             ? QStringLiteral("%1 texts are no UTF-8 and were changed; csv and sql keep them")
+             ? QStringLiteral("%1 texts are not UTF-8 and were changed; csv and sql keep them")
              : QStringLiteral("%1 cells are NULL and were written as empty texts; --null TEXT, json and sql keep them"))
             .arg(exporter.changed()));
     return Attention;
@@ -225,15 +236,15 @@ void addExport(Program &program)
         ->check(CLI::IsMember({"csv", "json", "sql"}));
     addRange(command, options->query.filter);
     addFilter(command, options->query.filter);
-    command->add_option("-n,--limit", options->query.limit, "At most so many rows")
+    command->add_option("-n,--limit", options->query.limit, "At most this many rows")
         ->type_name("N")
         ->check(wholeNumber());
     command->add_flag("--by-time", options->byTime, "In the order of time");
     command->add_flag("--id", options->withId, "Write the IDs too");
     addSeparator(command, options->separator);
     command->add_flag("--no-header", options->noHeader, "CSV without a row of names");
-    addNull(command, options->null, "Of CSV: the text that stands for NULL; default: an empty text, and a warning");
-    command->add_flag("--force", options->force, "Write over an output that exists");
+    addNull(command, options->null, "In CSV, the text that means NULL; default: an empty text, and a warning");
+    command->add_flag("--force", options->force, "Replace the output when it is there");
     program.onRun(command, [options] { return exportRows(*options); });
 }
 

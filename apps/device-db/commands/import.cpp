@@ -1,32 +1,28 @@
 // SPDX-License-Identifier: MIT
-//
-// Rows are bound to a prepared statement and not handed to the typed stores: a table may hold cells that are no record
-// (an end of an alarm in the host's own form), and import takes back to the byte what export wrote. Tables are made by
-// the stores.
 #include "commands/commands.h"
 
+#include "commands/destinations.h"
 #include "commands/options.h"
 #include "commands/writing.h"
 #include "import/bookkeeping.h"
 #include "import/columns.h"
-#include "import/csv_reader.h"
+#include "import/input.h"
 #include "import/refused_rows.h"
+#include "import/row_store.h"
 #include "program/program.h"
-#include "storefile/live_file.h"
 #include "storefile/texts.h"
 #include "terminal/progress.h"
 #include "terminal/text.h"
 
 #include "device/store.h"
 
-#include <QFile>
 #include <QFileInfo>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <optional>
-
-#include <sqlite3.h>
+#include <utility>
 
 namespace device_db
 {
@@ -41,13 +37,15 @@ std::atomic_bool interrupted{false}; // lock-free: set in a signal handler
 struct ImportOptions {
     WriteOptions target;
     QString table;
-    QString input;
+    InputOptions input;
     QString kind;
     QString name;
     bool create = false;
-    char separator = ',';
-    bool noHeader = false;
+    bool wide = false;
     QString columns;
+    QStringList constants;
+    QString timeFormat;
+    QString zone;
     std::optional<QByteArray> null;
     bool asIs = false;
     bool dryRun = false;
@@ -65,103 +63,10 @@ Result<Kind> kindNamed(const ImportOptions &options)
                    QStringLiteral("a new table needs its kind: --kind samples, --kind alarms or --kind log"));
 }
 
-/// The device's own store makes the table, so that it is the same to the word as on a device.
-template<typename Store, typename... Name>
-Status makeTable(const ImportOptions &options, const Name &...seriesName)
-{
-    const auto library = storeLibrary(options.target);
-    if (!library)
-        return library.error();
-    const auto name = device::TableName::from(options.table);
-    if (!name)
-        return name.error();
-    auto store = Store::open(*library, options.target.path);
-    if (!store)
-        return store.error();
-    const auto made = store->createTable(*name, seriesName...);
-    return made ? Status() : Status(made.error());
-}
-
-Status makeTable(const ImportOptions &options, Kind kind)
-{
-    switch (kind) {
-    case Kind::Alarms:
-        return makeTable<device::AlarmStore>(options);
-    case Kind::Log:
-        return makeTable<device::LogStore>(options);
-    default:
-        return makeTable<device::HistoryStore>(options, options.name);
-    }
-}
-
-/// Whether the table stands; Foreign when the file or the table is missing.
-Result<Table> standingTable(const ImportOptions &options)
-{
-    if (!QFileInfo::exists(options.target.path)) {
-        if (options.create)
-            return Table{options.table, Kind::Foreign, {}};
-        return failure(options.target.path, QStringLiteral("there is no such file; check the name, or make it with "
-                                                           "--create"));
-    }
-    std::optional<OpenFile> readable;
-    std::optional<Database> writable;
-    if (options.dryRun) {
-        ReadOptions reading;
-        reading.lock = options.target.lock;
-        auto file = openFile(options.target.path, reading);
-        if (!file)
-            return file.error();
-        readable.emplace(std::move(file).value());
-    } else {
-        auto file = openForWriting(options.target);
-        if (!file)
-            return file.error();
-        writable.emplace(std::move(file).value());
-    }
-    const Database &database = options.dryRun ? readable->database : *writable;
-    const auto tables = tablesOf(database);
-    if (!tables)
-        return tables.error();
-    for (const Table &table : *tables) {
-        if (table.name.compare(options.table, Qt::CaseInsensitive) == 0 && !holdsRecords(table.kind))
-            return failure(options.target.path, QStringLiteral("table %1 has other columns (%2); take another name")
-                                                    .arg(table.name, table.columns.join(QLatin1String(", "))));
-        if (table.name.compare(options.table, Qt::CaseInsensitive) == 0)
-            return table;
-    }
-    if (options.create)
-        return Table{options.table, Kind::Foreign, {}};
-    const auto chosen = chooseTable(database, options.table); // for its words
-    return failure(options.target.path,
-                   (chosen ? QString() : chosen.error().cause()) + QStringLiteral(", or make it with --create"));
-}
-
-/// Reads what the columns of the input are: from its first row, or from the options.
-Result<Assignment> columnsOfInput(const ImportOptions &options, Kind kind, CsvReader &reader)
-{
-    QStringList names = options.columns.isEmpty() ? QStringList() : options.columns.split(QLatin1Char(','));
-    if (!options.noHeader) {
-        CsvRow header;
-        if (!reader.next(header))
-            return failure(options.input, QStringLiteral("it is empty"));
-        if (names.isEmpty()) {
-            for (const QByteArray &cell : header.cells)
-                names << QString::fromUtf8(cell);
-        }
-    }
-    return assigned(options.input, kind, names.isEmpty() ? keysOf(kind) : names);
-}
-
 class Import
 {
 public:
-    explicit Import(ImportOptions options)
-        : m_options(std::move(options)),
-          m_fromPipe(m_options.input == QLatin1String("-")),
-          m_input(m_options.input),
-          m_progress(QStringLiteral("rows"))
-    {
-    }
+    explicit Import(ImportOptions options) : m_options(std::move(options)), m_progress(QStringLiteral("rows")) {}
 
     Outcome run()
     {
@@ -173,7 +78,6 @@ public:
                 return opened.error();
         }
         m_begin = m_place;
-        m_refused.emplace(refusedPath(), m_place.refusedBytes);
         std::signal(SIGINT, [](int) { interrupted = true; });
         std::signal(SIGTERM, [](int) { interrupted = true; });
         m_timer.start();
@@ -183,148 +87,222 @@ public:
     }
 
 private:
-    QString refusedPath() const
-    {
-        if (!m_options.refused.isEmpty())
-            return m_options.refused;
-        return (m_fromPipe ? m_options.target.path : m_options.input) + QLatin1String(".refused.csv");
-    }
+    QStringList tables() const;
+    QString destinationNames() const { return tables().join(QLatin1String(", ")); }
+    QString destinationText() const;
+    Lookup lookup() const { return {m_options.create, m_options.wide, m_options.dryRun}; }
     Status openInput();
+    Status chooseTable(const QStringList &names);
+    Status chooseSeries(const QStringList &names, const QStringList &header);
     Status openTarget();
+    Status goOn();
+    Status openRefused();
     Status copy();
-    Status store(const QVector<QByteArray> &cells, QByteArray &reason);
-    Status refuse(const CsvRow &row, const QByteArray &reason);
+    Result<int> store(const QVector<QByteArray> &cells, QByteArray &reason);
+    Status refuse(const InputRow &row, const QByteArray &reason);
     enum class End { OfBatch, OfRun, OfInput };
     Status commit(End end);
     Outcome report();
 
     ImportOptions m_options;
-    bool m_fromPipe;
-    QFile m_input;
     Progress m_progress;
     QElapsedTimer m_timer;
-    Kind m_kind = Kind::Foreign;
-    bool m_makeTable = false;
-    std::optional<CsvReader> m_reader;
+    std::unique_ptr<Input> m_input;
     Assignment m_assignment;
+    QVector<Destination> m_destinations;
+    std::optional<RowCheck> m_check;
     std::optional<Database> m_database;
-    std::optional<Statement> m_insert;
+    std::optional<RowStore> m_store;
     std::optional<Bookkeeping> m_bookkeeping;
     std::optional<RefusedRows> m_refused;
+    qint64 m_endsBefore = 0; ///< Alarms, stored.
     Place m_begin;
     Place m_place;
 };
 
+QStringList Import::tables() const
+{
+    QStringList names;
+    for (const Destination &destination : m_destinations)
+        names << destination.table;
+    return names;
+}
+
+QString Import::destinationText() const
+{
+    return m_destinations.size() == 1 ? m_destinations.first().table
+                                      : QStringLiteral("%1 tables").arg(grouped(m_destinations.size()));
+}
+
 Status Import::openInput()
 {
-    if (!(m_fromPipe ? m_input.open(stdin, QIODevice::ReadOnly) : m_input.open(QIODevice::ReadOnly)))
-        return failure(m_options.input, m_input.errorString() + QStringLiteral("; check the name and its rights"));
-    const auto table = standingTable(m_options);
-    if (!table)
-        return table.error();
+    const auto times = TimeForms::make(m_options.timeFormat, m_options.zone);
+    if (!times)
+        return times.error();
+    auto input = Input::open(m_options.input);
+    if (!input)
+        return input.error();
+    m_input = std::move(input).value();
+    if (m_input->isJson() && !m_options.columns.isEmpty())
+        return failure(m_options.input.path, QStringLiteral("these are JSON lines, whose keys name the columns; leave "
+                                                            "out --columns"));
+    const auto header = m_input->header();
+    if (!header)
+        return header.error();
+    const QStringList names = m_options.columns.isEmpty() ? *header : m_options.columns.split(QLatin1Char(','));
+    if (const Status chosen = m_options.wide ? chooseSeries(names, *header) : chooseTable(names); !chosen)
+        return chosen;
     m_options.target.runTriggers = true; // who was to be asked was asked
-    m_options.table = table->name;
-    m_kind = table->kind;
-    if (m_kind == Kind::Foreign) {
+    m_check.emplace(m_assignment, *times, m_options.null, m_options.asIs);
+    return {};
+}
+
+Status Import::chooseTable(const QStringList &names)
+{
+    m_destinations = {{m_options.table, m_options.name}};
+    if (const Status found = lookUp(m_options.target, lookup(), m_destinations); !found)
+        return found;
+    Kind kind = m_destinations.first().kind;
+    if (kind == Kind::Foreign) {
         const auto named = kindNamed(m_options);
         if (!named)
             return named.error();
-        m_kind = *named;
-        m_makeTable = true;
+        kind = *named;
     }
-    m_reader.emplace(&m_input, m_options.separator);
-    const auto assignment = columnsOfInput(m_options, m_kind, *m_reader);
+    const auto assignment =
+        assigned(m_options.input.path, kind, names.isEmpty() ? keysOf(kind) : names, m_options.constants);
     if (!assignment)
         return assignment.error();
     m_assignment = *assignment;
     return {};
 }
 
+// A column that --columns renames keeps its heading as the name of the series.
+Status Import::chooseSeries(const QStringList &names, const QStringList &header)
+{
+    const auto assignment = assignedSeries(m_options.input.path, names);
+    if (!assignment)
+        return assignment.error();
+    m_assignment = *assignment;
+    for (int column = 1; column < m_assignment.columns.size(); ++column) {
+        const int cell = int(m_assignment.columnOfCell.indexOf(column));
+        const QString heading = header.value(cell).trimmed();
+        const QString table = m_assignment.columns.at(column);
+        m_destinations << Destination{table, heading.isEmpty() ? table : heading};
+    }
+    if (const Status found = lookUp(m_options.target, lookup(), m_destinations); !found)
+        return found;
+    for (const Destination &destination : m_destinations) {
+        const auto name = device::TableName::from(destination.table);
+        if (destination.kind == Kind::Foreign && !name)
+            return failure(m_options.input.path, QStringLiteral("the column \"%1\" cannot be the name of a table (%2); "
+                                                                "name the tables with --columns, such as --columns "
+                                                                "time,S1,S2")
+                                                     .arg(destination.table.left(60), name.error().cause()));
+    }
+    return {};
+}
+
 Status Import::openTarget()
 {
-    if (m_makeTable) {
-        if (const Status made = makeTable(m_options, m_kind); !made)
+    const bool isMissing = std::any_of(m_destinations.cbegin(), m_destinations.cend(),
+                                       [](const Destination &each) { return each.kind == Kind::Foreign; });
+    if (isMissing) {
+        // A new table has no earlier run, and is not made when the file for refused rows cannot be.
+        if (const Status ready = openRefused(); !ready)
+            return ready;
+        if (const Status made = makeTables(m_options.target, m_destinations, m_assignment.kind); !made)
             return made;
     }
     auto database = openForWriting(m_options.target);
     if (!database)
         return database.error();
     m_database.emplace(std::move(database).value());
-    const QByteArray places = QByteArray(",?").repeated(int(columnsOf(m_kind).size()));
-    auto insert = m_database->prepare("insert into " + identifier(m_options.table) + '(' + columnList(m_kind) +
-                                      ") values(NULL" + places + ')');
-    if (!insert)
-        return insert.error();
-    m_insert.emplace(std::move(insert).value());
-    if (!m_fromPipe) {
-        m_bookkeeping.emplace(*m_database, m_input, m_options.table);
-        const auto earlier = m_bookkeeping->find(m_options.restart);
-        if (!earlier)
-            return earlier.error();
-        if (earlier->offset > 0) {
-            m_place = *earlier;
-            m_input.seek(m_place.offset);
-            m_reader.emplace(&m_input, m_options.separator, m_place.offset, m_place.line);
-            complain(QStringLiteral("%1: going on at line %2, after %3 of an earlier run")
-                         .arg(m_options.input, grouped(m_place.line), rowsText(m_place.stored)));
-        }
+    auto store = m_options.wide ? RowStore::ofSeries(*m_database, tables())
+                                : RowStore::ofTable(*m_database, tables().first(), m_assignment.kind);
+    if (!store)
+        return store.error();
+    m_store.emplace(std::move(store).value());
+    if (m_input->isFile()) {
+        m_bookkeeping.emplace(*m_database, m_input->file(), destinationNames());
+        if (const Status gone = goOn(); !gone)
+            return gone;
+    }
+    if (!m_refused) {
+        if (const Status ready = openRefused(); !ready)
+            return ready;
     }
     return m_database->run("begin immediate");
 }
 
+Status Import::openRefused()
+{
+    const QString target = QFileInfo(m_options.target.path).absoluteFilePath();
+    auto made = RefusedRows::make(m_options.refused, m_input->isFile() ? m_options.input.path : m_options.target.path,
+                                  (target + QLatin1Char('\n') + destinationNames()).toUtf8(), m_place.refusedBytes);
+    if (!made)
+        return made.error();
+    m_refused.emplace(std::move(made).value());
+    return {};
+}
+
+Status Import::goOn()
+{
+    const auto earlier = m_bookkeeping->find(m_options.restart);
+    if (!earlier)
+        return earlier.error();
+    if (earlier->offset == 0)
+        return {};
+    m_place = *earlier;
+    complain(QStringLiteral("%1: going on at line %2, after %3 of an earlier run")
+                 .arg(m_options.input.path, grouped(m_place.line), rowsText(m_place.stored)));
+    return m_input->goTo(m_place.offset, m_place.line);
+}
+
 Status Import::copy()
 {
-    const RowCheck check(m_assignment, m_options.null, m_options.asIs);
-    const qint64 size = m_input.isSequential() ? 0 : m_input.size();
-    CsvRow row;
+    InputRow row;
     QVector<QByteArray> cells;
     qint64 rows = 0;
     qint64 inTransaction = 0;
     // An interruption waits for the end of a line, where the next run can go on.
-    while (!(interrupted && m_reader->atBoundary()) && m_reader->next(row)) {
-        QByteArray reason = check.refusal(row, cells);
+    while (!(interrupted && m_input->rows().atBoundary()) && m_input->rows().next(row)) {
+        QByteArray reason = m_check->refusal(row, cells);
         if (reason.isEmpty()) {
-            if (const Status stored = store(cells, reason); !stored)
-                return stored;
+            const auto stored = store(cells, reason);
+            if (!stored)
+                return stored.error();
+            m_place.stored += *stored;
         }
         if (reason.isEmpty()) {
-            ++m_place.stored;
+            m_endsBefore += endsBeforeItBegins(m_assignment.kind, cells);
         } else if (const Status refused = refuse(row, reason); !refused) {
             return refused;
         }
         if (++rows % 1024 == 0)
-            m_progress.show(m_reader->offset(), size, m_place.stored - m_begin.stored, m_begin.offset);
-        if (++inTransaction >= rowsOfTransaction && m_reader->atBoundary()) {
+            m_progress.show(m_input->position(), m_input->size(), m_place.stored - m_begin.stored, m_begin.offset);
+        if (++inTransaction >= rowsOfTransaction && m_input->rows().atBoundary()) {
             if (const Status done = commit(End::OfBatch); !done)
                 return done;
             inTransaction = 0;
         }
     }
-    if (m_reader->failed())
-        return failure(m_options.input,
-                       m_input.errorString() + QStringLiteral("; run it again to go on after what is stored"));
+    if (const Status read = m_input->status(); !read)
+        return read;
     return commit(interrupted ? End::OfRun : End::OfInput);
 }
 
-/// `reason` is set when it is the table that refuses the row.
-Status Import::store(const QVector<QByteArray> &cells, QByteArray &reason)
+/// The number of rows stored; `reason` is set when it is a table that refuses one.
+Result<int> Import::store(const QVector<QByteArray> &cells, QByteArray &reason)
 {
-    if (!m_insert)
-        return {}; // a dry run
-    for (int i = 0; i < cells.size(); ++i)
-        m_insert->bind(i + 1, cells.at(i));
-    m_insert->step();
-    const Status status = m_insert->status();
-    if (!status) {
-        if ((sqlite3_errcode(m_database->handle()) & 0xff) != SQLITE_CONSTRAINT)
-            return status; // the open transaction goes with the connection
-        reason = "the table refuses it: " + QByteArray(sqlite3_errmsg(m_database->handle()));
-    }
-    m_insert->reset();
-    return {};
+    if (m_store)
+        return m_store->store(cells, reason);
+    // A dry run.
+    const auto isValue = [](const QByteArray &cell) { return !cell.isEmpty(); };
+    return m_options.wide ? int(std::count_if(cells.cbegin() + 1, cells.cend(), isValue)) : 1;
 }
 
-Status Import::refuse(const CsvRow &row, const QByteArray &reason)
+Status Import::refuse(const InputRow &row, const QByteArray &reason)
 {
     ++m_place.refused;
     if (!m_options.dryRun)
@@ -342,14 +320,16 @@ Status Import::commit(End end)
     if (const Status flushed = m_refused->flush(); !flushed)
         return flushed;
     if (m_bookkeeping) {
-        m_place.offset = m_reader->offset();
-        m_place.line = m_reader->line();
+        m_place.offset = m_input->rows().offset();
+        m_place.line = m_input->rows().line();
         m_place.refusedBytes = m_refused->size();
         if (const Status kept = end == End::OfInput ? m_bookkeeping->forget() : m_bookkeeping->keep(m_place); !kept)
             return kept;
     }
     if (const Status committed = m_database->run("commit"); !committed)
         return committed;
+    if (end == End::OfInput)
+        return m_refused->finish();
     return end == End::OfBatch ? m_database->run("begin immediate") : Status();
 }
 
@@ -360,24 +340,28 @@ Outcome Import::report()
     const qint64 elapsed = std::max<qint64>(1, m_timer.elapsed());
     QString line = m_options.dryRun ? QStringLiteral("%1: %2 would be stored in %3")
                                     : QStringLiteral("%1: %2 stored in %3, %4 a second");
-    line = line.arg(m_options.target.path, rowsText(stored), m_options.table);
+    line = line.arg(m_options.target.path, rowsText(stored), destinationText());
     if (!m_options.dryRun)
         line = line.arg(grouped(stored * 1000 / elapsed));
     if (m_begin.stored > 0)
         line += QStringLiteral("; %1 with those of before").arg(grouped(m_place.stored));
     say(line);
     if (m_place.refused > 0) {
-        const QString where = QStringLiteral("; %1 tells lines and reasons").arg(m_refused->path());
-        complain(QStringLiteral("%1: %2 refused").arg(m_options.input, rowsText(m_place.refused)) +
-                 (m_options.dryRun ? QString() : where));
+        QString refused = QStringLiteral("%1: %2 refused").arg(m_options.input.path, rowsText(m_place.refused));
+        if (!m_options.dryRun)
+            refused += QStringLiteral("; %1 lists lines and reasons").arg(m_refused->path());
+        complain(refused);
     }
     if (interrupted) {
         complain(QStringLiteral("%1: interrupted; %2")
-                     .arg(m_options.input, m_fromPipe ? QStringLiteral("what is stored stays")
-                                                      : QStringLiteral("run it again to go on")));
+                     .arg(m_options.input.path, m_input->isFile() ? QStringLiteral("run it again to go on")
+                                                                  : QStringLiteral("what is stored stays")));
         return Interrupted;
     }
-    return m_place.refused > 0 ? Attention : Done;
+    if (m_endsBefore > 0)
+        complain(QStringLiteral("%1: %2 of alarms that end before they begin")
+                     .arg(m_options.input.path, rowsText(m_endsBefore)));
+    return m_place.refused + m_endsBefore > 0 ? Attention : Done;
 }
 
 } // namespace
@@ -385,29 +369,62 @@ Outcome Import::report()
 void addImport(Program &program)
 {
     CLI::App *const command = program.add(
-        "import", "Store the rows of a CSV file in a table",
-        "The first row names the columns: samples have time,value; alarms "
-        "level,start,object,type,value,limit,description,end_date,end_time; the log time,user,log,message. Cells are stored "
-        "as they are; a time may also have / or T in it. An import that was stopped goes on where it was when the "
-        "same command is run again.");
+        "import", "Store the rows of a CSV or JSON file in a table",
+        "The first row, or the keys of JSON lines, name the columns: samples have time,value; alarms "
+        "level,start,object,type,value,limit,description,end_date,end_time; the log time,user,log,message. Two columns "
+        "date,time are taken for the time, and a column end for the end of an alarm. Cells are stored as they are; times "
+        "in the usual forms are turned into that of the table. An import that was stopped goes on where it was when the "
+        "same command is run again. With --wide each column but the time is a series in a table of its own, and no TABLE "
+        "is given.");
     const auto options = std::make_shared<ImportOptions>();
     addWritableFile(command, options->target);
-    addText(command, "TABLE", options->table, "The table")->type_name("")->required();
-    addText(command, "INPUT", options->input, "The CSV file; - for standard input")->type_name("")->required();
+    addText(command, "TABLE", options->table, "The table; not with --wide")->type_name("");
+    addText(command, "INPUT", options->input.path, "The CSV or JSON file; - for standard input")->type_name("");
+    command->parse_complete_callback([options] {
+        if (options->wide && !options->input.path.isEmpty())
+            throw CLI::ExtrasError({options->table.toStdString() + " (--wide takes no TABLE)"});
+        if (options->wide)
+            options->input.path = std::exchange(options->table, QString());
+        if (options->input.path.isEmpty())
+            throw CLI::RequiredError("INPUT");
+    });
     command->add_flag("--create", options->create, "Make the file or the table when it is missing");
     addText(command, "--kind", options->kind, "Of a new table: samples, alarms or log")
         ->type_name("KIND")
         ->check(CLI::IsMember({"samples", "alarms", "log"}));
-    addText(command, "--name", options->name, "The name of a new table of samples in the configuration table");
-    addSeparator(command, options->separator);
-    command->add_flag("--no-header", options->noHeader, "The first row holds data; the columns are those of the table");
+    CLI::Option *const name =
+        addText(command, "--name", options->name, "The name of a new table of samples in the configuration table");
+    command
+        ->add_flag("--wide", options->wide,
+                   "One time and many series: each further column goes into the table that its heading names")
+        ->excludes(name);
+    addSeparator(command, options->input.separator);
+    addText(command, "--encoding", options->input.encoding,
+            "Of INPUT, such as windows-1252; default: UTF-8, or UTF-16 where its mark comes first")
+        ->type_name("NAME");
+    command->add_option("--skip", options->input.skip, "Leave out this many lines at the beginning")
+        ->type_name("N")
+        ->check(wholeNumber());
+    command->add_flag("--no-header", options->input.noHeader,
+                      "The first row holds data; the columns are those of the table");
     addText(command, "--columns", options->columns, "The names of the columns, in order; - leaves one out")
         ->type_name("NAME,...");
-    addNull(command, options->null, "The text that stands for NULL; default: there is none");
+    addTexts(command, "--default", options->constants,
+             "What a column holds that INPUT lacks, such as level=1; may be given several times")
+        ->type_name("COLUMN=TEXT");
+    addText(command, "--time-format", options->timeFormat,
+            "The form of the times, such as \"dd/MM/yyyy h:mm AP\"; default: the usual ones, in which the day comes "
+            "first only with dots (6.5.2024)")
+        ->type_name("FORM");
+    addText(command, "--zone", options->zone,
+            "The device's zone, such as Europe/Berlin: for times with a Z, an offset, or in seconds since 1970")
+        ->type_name("ZONE");
+    addNull(command, options->null, "The text that means NULL; default: there is none");
     command->add_flag("--as-is", options->asIs, "Store times and levels of any form, which the device may not find");
     command->add_flag("--dry-run", options->dryRun, "Store nothing; print the first rows that would be refused");
     command->add_flag("--restart", options->restart, "Begin at the first row although an earlier run stored some");
-    addText(command, "--refused", options->refused, "The file for refused rows; default: INPUT.refused.csv")
+    addText(command, "--refused", options->refused,
+            "The file to make for refused rows; default: INPUT.refused.csv, or with a number where that exists")
         ->type_name("PATH");
     program.onRun(command, [options] { return Import(*options).run(); });
 }

@@ -172,7 +172,7 @@ void printJson(const InfoOptions &options, const FileFacts &facts, const QString
         {QStringLiteral("findings"), findingsOf(facts, QString())},
         {QStringLiteral("tables"), tables}};
     Output output(options.output);
-    output.write(QJsonDocument(file).toJson());
+    output.writeData(QJsonDocument(file).toJson());
 }
 
 Outcome run(const InfoOptions &options)

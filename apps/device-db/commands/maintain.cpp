@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// trim, purge, clear, vacuum, checkpoint and tune: what changes a file that stands.
+// trim, purge, clear, vacuum, checkpoint and tune: what changes an existing file.
 #include "commands/commands.h"
 
 #include "commands/options.h"
@@ -14,7 +14,8 @@
 
 #include <QFileInfo>
 
-#include <optional>
+#include <functional>
+#include <limits>
 
 namespace device_db
 {
@@ -36,36 +37,158 @@ struct MaintainOptions {
 /// What a deletion takes: its rows, and the first and last of their times.
 struct Doomed {
     Table table;
+    QByteArray condition; ///< Of an SQL statement, in which ?1 is `value`.
+    QByteArray value;
     qint64 rows = 0;
     qint64 left = 0;
     QByteArray first;
     QByteArray last;
 };
 
-/// `where` may use ?1.
-Result<Doomed> doomed(const MaintainOptions &options, const QByteArray &where,
-                      const std::function<Result<QByteArray>(Kind)> &value, const QVector<Kind> &kinds)
+/// Looks at a file without changing it, even when somebody else has it open.
+Result<OpenFile> openForDryRun(const MaintainOptions &options)
 {
-    // Closed again before a store opens the file.
-    const auto database = openForWriting(options.file);
-    if (!database)
-        return database.error();
-    const auto table = chooseTable(*database, options.table, kinds);
+    ReadOptions reading;
+    reading.lock = options.file.lock;
+    return openFile(options.file.path, reading);
+}
+
+/// Of a deletion: the tables it is for, and what goes. In the condition %table is the table's name, and ?1 the value.
+struct Deletion {
+    QVector<Kind> kinds; ///< Empty: any.
+    QByteArray condition;
+    std::function<Result<QByteArray>(Kind)> value;
+};
+
+Result<Doomed> doomed(const Database &database, const MaintainOptions &options, const Deletion &deletion)
+{
+    const auto table = chooseTable(database, options.table, deletion.kinds);
     if (!table)
         return table.error();
     const QByteArray name = identifier(table->name);
-    auto rows = database->prepare("select count(*),min(DATETIME),max(DATETIME),(select count(*) from " + name +
-                                  ") from " + name + " where " + QByteArray(where).replace("%table", name));
+    const QByteArray condition = QByteArray(deletion.condition).replace("%table", name);
+    auto rows = database.prepare("select count(*),min(DATETIME),max(DATETIME),(select count(*) from " + name +
+                                 ") from " + name + " where " + condition);
     if (!rows)
         return rows.error();
-    const auto bound = value(table->kind);
-    if (!bound)
-        return bound.error();
-    rows->bind(1, *bound);
+    const auto value = deletion.value(table->kind);
+    if (!value)
+        return value.error();
+    rows->bind(1, *value);
     if (!rows->step())
         return rows->status() ? failure(options.file.path, QStringLiteral("counting gave no row"))
                               : rows->status().error();
-    return Doomed{*table, rows->number(0), rows->number(3) - rows->number(0), rows->cell(1), rows->cell(2)};
+    return Doomed{*table,        condition,    *value, rows->number(0), rows->number(3) - rows->number(0),
+                  rows->cell(1), rows->cell(2)};
+}
+
+// Not by the stores of the host layer: they take only names that need no quotes, and a table that is there is to be
+// tidied whatever it is called. Slice after slice, so that nobody waits long for the lock.
+Result<qint64> deleteRows(const Database &database, const Doomed &rows)
+{
+    const QByteArray name = identifier(rows.table.name);
+    auto end = database.prepare("select ID from " + name + " where ID>=?1 order by ID limit 1 offset 4999");
+    auto slice = database.prepare("delete from " + name + " not indexed where ID between ?2 and ?3 and (" +
+                                  rows.condition + ')');
+    const auto lowest = database.number("select min(ID) from " + name);
+    if (!end || !slice || !lowest)
+        return !end ? end.error() : !slice ? slice.error() : lowest.error();
+    qint64 deleted = 0;
+    qint64 first = *lowest;
+    for (bool isLast = false; !isLast;) {
+        end->bind(1, first);
+        isLast = !end->step() || end->number(0) == std::numeric_limits<qint64>::max();
+        const qint64 last = isLast ? std::numeric_limits<qint64>::max() : end->number(0);
+        if (const Status found = end->status(); !found)
+            return found.error();
+        end->reset();
+        slice->bind(1, rows.value);
+        slice->bind(2, first);
+        slice->bind(3, last);
+        slice->step();
+        if (const Status done = slice->status(); !done)
+            return done.error();
+        slice->reset();
+        deleted += database.changes();
+        first = last + 1;
+    }
+    return deleted;
+}
+
+/// Shows what goes, asks, deletes, says how many went and does `finish`.
+Outcome remove(const MaintainOptions &options, const Deletion &deletion,
+               const std::function<Status(const Database &, const Table &)> &finish = {})
+{
+    const auto plan = [&](const Doomed &rows) {
+        return QStringLiteral("%1 of %2, from %3 to %4, would be deleted; %5 would stay")
+            .arg(rowsText(rows.rows), rows.table.name, QString::fromUtf8(rows.first), QString::fromUtf8(rows.last),
+                 grouped(rows.left));
+    };
+    const auto nothing = [&](const Doomed &rows) {
+        say(QStringLiteral("%1: no rows of %2 to delete").arg(options.file.path, rows.table.name));
+        return Done;
+    };
+    if (options.dryRun) {
+        const auto file = openForDryRun(options);
+        if (!file)
+            return file.error();
+        const auto rows = doomed(file->database, options, deletion);
+        if (!rows)
+            return rows.error();
+        if (rows->rows == 0)
+            return nothing(*rows);
+        say(options.file.path + QLatin1String(": ") + plan(*rows));
+        return Done;
+    }
+    const auto database = openForWriting(options.file);
+    if (!database)
+        return database.error();
+    const auto rows = doomed(*database, options, deletion);
+    if (!rows)
+        return rows.error();
+    if (rows->rows == 0)
+        return nothing(*rows);
+    if (const Status may = confirmed(options.file.path, plan(*rows), options.yes); !may)
+        return may.error();
+    const auto deleted = deleteRows(*database, *rows);
+    if (!deleted)
+        return deleted.error();
+    if (finish) {
+        if (const Status finished = finish(*database, rows->table); !finished)
+            return finished.error();
+    }
+    say(QStringLiteral("%1: %2 of %3 deleted, from %4 to %5; %6 left")
+            .arg(options.file.path, rowsText(*deleted), rows->table.name, QString::fromUtf8(rows->first),
+                 QString::fromUtf8(rows->last), grouped(rows->left)));
+    return Done;
+}
+
+Outcome trim(const MaintainOptions &options)
+{
+    return remove(options, {{},
+                            "ID<=(select ID from %table order by ID desc limit 1 offset cast(?1 as integer))",
+                            [&](Kind) { return Result<QByteArray>(QByteArray::number(options.keep)); }});
+}
+
+Outcome purge(const MaintainOptions &options)
+{
+    return remove(options,
+                  {options.ended ? QVector<Kind>{Kind::Alarms} : QVector<Kind>{},
+                   options.ended ? "DATETIME<?1 or EndDate!='' and EndTime!=''" : "DATETIME<?1",
+                   [&](Kind kind) { return boundText(options.before, Bound::First, hasMilliseconds(kind), false); }});
+}
+
+Outcome clear(const MaintainOptions &options)
+{
+    const auto anew = [](const Database &database, const Table &table) -> Status {
+        auto sequence = database.prepare("delete from sqlite_sequence where name=?");
+        if (!sequence)
+            return sequence.error();
+        sequence->bind(1, table.name.toUtf8());
+        sequence->step();
+        return sequence->status();
+    };
+    return remove(options, {{}, "1", [](Kind) { return Result<QByteArray>(QByteArray("")); }}, anew);
 }
 
 /// Opens the file with the store of `Store`, after whatever was looked at by other means was closed.
@@ -78,90 +201,6 @@ Result<Store> openStore(const WriteOptions &options)
     device::OpenOptions opening;
     opening.create = false;
     return Store::open(*library, options.path, opening);
-}
-
-/// Shows what goes, asks, deletes and says how many went.
-Outcome remove(const MaintainOptions &options, const Doomed &rows,
-               const std::function<Result<qint64>(const device::TableName &)> &deletion)
-{
-    if (rows.rows == 0) {
-        say(QStringLiteral("%1: no rows of %2 to delete").arg(options.file.path, rows.table.name));
-        return Done;
-    }
-    const QString question = QStringLiteral("%1 of %2, from %3 to %4, will be deleted; %5 stay. Go on?")
-                                 .arg(rowsText(rows.rows), rows.table.name, QString::fromUtf8(rows.first),
-                                      QString::fromUtf8(rows.last), grouped(rows.left));
-    if (const Status may = confirmed(options.file.path, question, options.yes); !may)
-        return may.error();
-    const auto name = device::TableName::from(rows.table.name);
-    if (!name)
-        return name.error();
-    const auto deleted = deletion(*name);
-    if (!deleted)
-        return deleted.error();
-    say(QStringLiteral("%1: %2 of %3 deleted, from %4 to %5; %6 left")
-            .arg(options.file.path, rowsText(*deleted), rows.table.name, QString::fromUtf8(rows.first),
-                 QString::fromUtf8(rows.last), grouped(rows.left)));
-    return Done;
-}
-
-const auto noValue = [](Kind) { return Result<QByteArray>(QByteArray("")); };
-
-Outcome trim(const MaintainOptions &options)
-{
-    const auto rows = doomed(options, "ID<=(select ID from %table order by ID desc limit 1 offset cast(?1 as integer))",
-                             [&](Kind) { return Result<QByteArray>(QByteArray::number(options.keep)); }, {});
-    if (!rows)
-        return rows.error();
-    return remove(options, *rows, [&](const device::TableName &name) -> Result<qint64> {
-        auto store = openStore<device::HistoryStore>(options.file);
-        return store ? store->keepNewest(name, options.keep) : store.error();
-    });
-}
-
-Outcome purge(const MaintainOptions &options)
-{
-    QByteArray bound;
-    const auto rows = doomed(
-        options, options.ended ? "DATETIME<?1 or EndDate!='' and EndTime!=''" : "DATETIME<?1",
-        [&](Kind kind) -> Result<QByteArray> {
-            const auto text = boundText(options.before, Bound::First, hasMilliseconds(kind), false);
-            if (text)
-                bound = *text;
-            return text;
-        },
-        options.ended ? QVector<Kind>{Kind::Alarms} : QVector<Kind>{});
-    if (!rows)
-        return rows.error();
-    const QString form = hasMilliseconds(rows->table.kind) ? QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")
-                                                           : QStringLiteral("yyyy-MM-dd hh:mm:ss");
-    const QDateTime parsed = QDateTime::fromString(QString::fromLatin1(bound), form);
-    const device::LocalTime time(parsed.date(), parsed.time());
-    return remove(options, *rows, [&](const device::TableName &name) -> Result<qint64> {
-        if (rows->table.kind == Kind::Log) {
-            auto store = openStore<device::LogStore>(options.file);
-            return store ? store->removeBefore(name, time) : store.error();
-        }
-        if (rows->table.kind == Kind::Samples) {
-            auto store = openStore<device::HistoryStore>(options.file);
-            return store ? store->removeBefore(name, time) : store.error();
-        }
-        auto store = openStore<device::AlarmStore>(options.file);
-        if (!store)
-            return store.error();
-        return options.ended ? store->removeEndedAndBefore(name, time) : store->removeBefore(name, time);
-    });
-}
-
-Outcome clear(const MaintainOptions &options)
-{
-    const auto rows = doomed(options, "1", noValue, {});
-    if (!rows)
-        return rows.error();
-    return remove(options, *rows, [&](const device::TableName &name) -> Result<qint64> {
-        auto store = openStore<device::HistoryStore>(options.file);
-        return store ? store->clear(name) : store.error();
-    });
 }
 
 Outcome vacuum(const MaintainOptions &options)
@@ -178,8 +217,8 @@ Outcome vacuum(const MaintainOptions &options)
         freeBytes = *bytes;
     }
     const qint64 before = QFileInfo(options.file.path).size();
-    const QString question = QStringLiteral("The file is written anew (%1, %2 of it free); that needs up to twice its "
-                                            "size of room. Go on?")
+    const QString question = QStringLiteral("the file would be written anew (%1, %2 of it free), which needs up to "
+                                            "twice its size of room")
                                  .arg(bytesText(before), bytesText(freeBytes));
     if (const Status may = confirmed(options.file.path, question, options.yes); !may)
         return may.error();
@@ -308,9 +347,7 @@ Outcome tune(const MaintainOptions &options)
             say(QLatin1String("  ") + change);
     };
     if (options.dryRun) {
-        ReadOptions reading;
-        reading.lock = options.file.lock;
-        const auto file = openFile(options.file.path, reading);
+        const auto file = openForDryRun(options);
         if (!file)
             return file.error();
         const auto tuning = tuningOf(file->database, options.undo);
@@ -346,13 +383,15 @@ void addMaintenance(Program &program)
             addText(command, "TABLE", options->table, "The table")->type_name("")->required();
         if (asks)
             command->add_flag("-y,--yes", options->yes, "Do not ask");
+        if (hasTable)
+            command->add_flag("--dry-run", options->dryRun, "Only say what would be deleted");
         program.onRun(command, [options, body] { return body(*options); });
         return std::pair{command, options.get()};
     };
     {
         const auto [command, options] = add("trim", "Delete the oldest rows beyond a number",
                                             "Oldest by the order of recording.", trim, true, true);
-        command->add_option("--keep", options->keep, "So many of the newest rows stay")
+        command->add_option("--keep", options->keep, "Keep this many of the newest rows")
             ->type_name("N")
             ->required()
             ->check(wholeNumber());
@@ -373,8 +412,8 @@ void addMaintenance(Program &program)
         const auto [command, options] = add(
             "tune", "Prepare a file for a device",
             "Sets the write-ahead journal, so that readers no longer make the device's commits fail (two files, -wal and "
-            "-shm, then stand beside the file while it is open), and an index on time for each table of records, by "
-            "which ranges and pages are found at once (each row takes some more room). Says what changes.",
+            "-shm, are beside the file while it is open), and an index on time for each table of records, by which "
+            "ranges and pages are found without reading the table (each row takes some more room). Says what changes.",
             tune, false, false);
         command->add_flag("--undo", options->undo, "Back to the rollback journal and no such index");
         command->add_flag("--dry-run", options->dryRun, "Only say what would change");

@@ -24,7 +24,8 @@ CLI::Option *addTexts(CLI::App *command, const std::string &name, QStringList &v
                     value << QString::fromStdString(each);
             },
             description)
-        ->type_name("TEXT");
+        ->type_name("TEXT")
+        ->allow_extra_args(name.front() != '-'); // --user NAME must not take the TABLE after it
 }
 
 CLI::Validator wholeNumber()
@@ -33,12 +34,12 @@ CLI::Validator wholeNumber()
         [](const std::string &given) {
             const bool fits =
                 !given.empty() && given.size() < 19 && given.find_first_not_of("0123456789") == std::string::npos;
-            return fits ? std::string() : "\"" + given + "\" is no whole number";
+            return fits ? std::string() : "\"" + given + "\" is not a whole number";
         },
         "");
 }
 
-void addSeparator(CLI::App *command, char &separator)
+void addSeparator(CLI::App *command, std::optional<char> &separator)
 {
     const CLI::Validator oneCharacter(
         [](const std::string &given) {
@@ -72,7 +73,15 @@ void addFilter(CLI::App *command, RowFilter &filter)
 {
     CLI::Option *const active = command->add_flag("--active", filter.active, "Alarms that have not ended");
     command->add_flag("--ended", filter.ended, "Alarms that have ended")->excludes(active);
-    command->add_option("--level", filter.levels, "Alarms of this level; may be given several times")->type_name("N");
+    command->add_option("--level", filter.levels, "Alarms of this level; may be given several times")
+        ->type_name("N")
+        ->allow_extra_args(false);
+    addTexts(command, "--object", filter.objects, "Alarms of this object; may be given several times")
+        ->type_name("NAME");
+    addTexts(command, "--type", filter.types, "Alarms of this type; may be given several times")->type_name("NAME");
+    addTexts(command, "--value", filter.values,
+             "Samples whose value compares so: \">80\", \"<=5\", \"!=0\", \"=ON\"; all that are given must hold")
+        ->type_name("COMPARISON");
     addTexts(command, "--user", filter.users, "Log entries of this user; may be given several times")
         ->type_name("NAME");
 }
@@ -91,7 +100,7 @@ void addOutput(CLI::App *command, OutputOptions &options)
         return command->add_flag_callback(
             name, [&options, value] { options.format = value; }, description);
     };
-    CLI::Option *const csv = format("--csv", Format::Csv, "Print CSV, each cell exactly as it stands in the file");
+    CLI::Option *const csv = format("--csv", Format::Csv, "Print CSV, each cell exactly as it is in the file");
     CLI::Option *const json = format("--json", Format::Json, "Print JSON, one object a line");
     CLI::Option *const full = format("--full", Format::Full, "Print each row as a block, nothing cut off");
     csv->excludes(json)->excludes(full);
@@ -104,7 +113,8 @@ void addLook(CLI::App *command, OutputOptions &options)
     command->add_flag("--utc", options.utc,
                       "Times in UTC, given and printed; the device's zone is that of this computer, or $TZ");
     command->add_option("--width", options.width, "Columns of a line; 0: no limit; default: the terminal's")
-        ->type_name("N");
+        ->type_name("N")
+        ->check(wholeNumber());
     addText(command, "--color", options.colours, "auto, always or never; default: auto")
         ->type_name("WHEN")
         ->check(CLI::IsMember({"auto", "always", "never"}, CLI::ignore_case));

@@ -19,6 +19,11 @@ namespace device_db
 CLI::Option *addText(CLI::App *command, const std::string &name, QString &value, const std::string &description);
 CLI::Option *addTexts(CLI::App *command, const std::string &name, QStringList &value, const std::string &description);
 
+/// What a TIME may be, for the help.
+constexpr const char *aboutTimes =
+    "A TIME is a day (2024-05-06), a day and a time (\"2024-05-06 07:08\", with or without seconds and "
+    "milliseconds), now, today, yesterday, or a span back from now (90m, 24h, 7d). Both ends belong to a range.";
+
 /// Takes 0 and more.
 CLI::Validator wholeNumber();
 
@@ -26,11 +31,11 @@ CLI::Validator wholeNumber();
 CLI::Option *addFile(CLI::App *command, QString &path, ReadOptions &options);
 /// --from and --to.
 void addRange(CLI::App *command, RowFilter &filter);
-/// --active, --ended, --level, --user.
+/// --active, --ended, --level, --object, --type, --value, --user.
 void addFilter(CLI::App *command, RowFilter &filter);
 
 /// --separator of CSV: one character, or the word tab.
-void addSeparator(CLI::App *command, char &separator);
+void addSeparator(CLI::App *command, std::optional<char> &separator);
 /// --null: the text of CSV that stands for NULL.
 void addNull(CLI::App *command, std::optional<QByteArray> &null, const std::string &description);
 

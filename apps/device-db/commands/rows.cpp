@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// show, newest, range, find, count and tail: rows of a table on the terminal.
+// show, newest, range, find and tail: rows of a table on the terminal.
 #include "commands/commands.h"
 
 #include "commands/options.h"
@@ -12,7 +12,6 @@
 
 #include <QElapsedTimer>
 #include <QFileInfo>
-#include <QThread>
 
 #include <sys/stat.h>
 
@@ -23,9 +22,6 @@ namespace
 {
 
 constexpr const char *aboutTables = "TABLE may be left out when the file has only one that fits.";
-constexpr const char *aboutTimes =
-    "A TIME is a day (2024-05-06), a day and a time (\"2024-05-06 07:08\", with or without seconds and "
-    "milliseconds), now, today, yesterday, or a span back from now (90m, 24h, 7d). Both ends belong to a range.";
 
 struct RowsOptions {
     QString path;
@@ -61,10 +57,17 @@ public:
             const QByteArray key(known.key);
             if (m_forPeople && key == "end_time")
                 continue;
-            columns.append({key,
-                            m_forPeople && key == "end_date" ? QStringLiteral("End") : QString::fromLatin1(known.title),
-                            key == "level" || key == "value" || key == "limit", key == "level",
-                            key == "level" || key == "time" || key == "start" || key == "end_date", known.twice});
+            OutputColumn column{key, QString::fromLatin1(known.title)};
+            column.right = key == "level" || key == "value" || key == "limit";
+            column.number = key == "level";
+            column.fixed = key == "level" || key == "time" || key == "start";
+            column.twice = known.twice;
+            column.main = key == "description" || key == "message";
+            if (m_forPeople && key == "end_date") {
+                column.title = QStringLiteral("End");
+                column.least = 8; // a clock
+            }
+            columns.append(column);
         }
         return columns;
     }
@@ -97,14 +100,23 @@ public:
     }
 
 private:
+    // Both as they are: NULL is not an empty text, which is how the store writes that an alarm lasts.
+    static QByteArray oneCell(const QByteArray &date, const QByteArray &clock)
+    {
+        if (date.isNull() && clock.isNull())
+            return QByteArray();
+        const auto shown = [](const QByteArray &cell) { return cell.isNull() ? QByteArray("NULL") : cell; };
+        return (shown(date) + ' ' + shown(clock)).trimmed();
+    }
+
     // The clock alone, and in front of it the days that lie between: lines are short of room.
     static QByteArray shortEnd(const QByteArray &start, const QByteArray &date, const QByteArray &clock)
     {
         const qint64 from = millisecondsOf(start.left(10) + " 00:00:00", false);
         const qint64 to = millisecondsOf(QByteArray(date).replace('/', '-') + " 00:00:00", false);
-        if (from < 0 || to < from)
-            return (date + ' ' + clock).trimmed(); // active, or in a form of its own
-        return (to > from ? '+' + QByteArray::number((to - from) / 86400000) + " d " : QByteArray()) + clock;
+        if (from < 0 || to < from || clock.isEmpty())
+            return oneCell(date, clock); // active, or in a form of its own
+        return to > from ? '+' + QByteArray::number((to - from) / 86400000) + " d " + clock : clock;
     }
 
     void toUtc(QVector<QByteArray> &cells) const
@@ -165,46 +177,6 @@ Outcome print(RowsOptions &options)
     return Done;
 }
 
-Outcome count(RowsOptions &options)
-{
-    const auto opened = openFile(options.path, options.reading);
-    if (!opened)
-        return opened.error();
-    const Database &database = opened->database;
-    QList<Table> tables;
-    if (options.table.isEmpty()) {
-        const auto all = tablesOf(database);
-        if (!all)
-            return all.error();
-        for (const Table &table : *all) {
-            if (options.query.filter.kinds().contains(table.kind))
-                tables << table;
-        }
-    } else {
-        const auto table = chooseTable(database, options.table, options.query.filter.kinds());
-        if (!table)
-            return table.error();
-        tables << *table;
-    }
-    Output output(options.output);
-    const auto writer = rowWriter(options.output.format,
-                                  {{"table", QStringLiteral("Table")},
-                                   {"kind", QStringLiteral("Kind")},
-                                   {"rows", QStringLiteral("Rows"), true, true}},
-                                  output);
-    for (const Table &table : tables) {
-        const auto rows = countOf(database, table, options.query.filter, options.output.utc);
-        if (!rows)
-            return rows.error();
-        if (!writer->row({table.name.toUtf8(), nameOf(table.kind),
-                          isForPeople(options.output.format) ? grouped(*rows).toLatin1() : QByteArray::number(*rows)},
-                         Tone::Plain))
-            break;
-    }
-    writer->settle();
-    return Done;
-}
-
 // What changes when somebody writes: the times and sizes of the file and of its write-ahead log.
 QByteArray marks(const QString &path)
 {
@@ -236,7 +208,7 @@ Outcome tail(RowsOptions &options)
         presentation.emplace(opened->table, options.output, options.withId);
         writer = rowWriter(options.output.format, presentation->columns(), output);
         options.table = opened->table.name;
-        // The newest, turned round: what comes last stands at the bottom.
+        // The newest, turned round: the newest row is at the bottom.
         options.query.order = Order::NewestFirst;
         auto rows = rowsOf(opened->database, opened->table, options.query);
         if (!rows)
@@ -260,8 +232,7 @@ Outcome tail(RowsOptions &options)
     writer->settle();
     options.query.order = Order::AsRecorded;
     options.query.limit = -1;
-    while (output.flush()) {
-        QThread::msleep(ulong(std::max(10, options.interval)));
+    while (output.flush() && output.waitFor(std::max(10, options.interval))) {
         const QByteArray now = marks(options.path);
         if (now == seen)
             continue;
@@ -311,8 +282,8 @@ void addRows(Program &program)
         addTable(command, *options);
         addRange(command, options->query.filter);
         addFilter(command, options->query.filter);
-        addLimit(command, *options, "At most so many rows");
-        command->add_option("--offset", options->query.offset, "Leave out so many rows in front")
+        addLimit(command, *options, "At most this many rows");
+        command->add_option("--offset", options->query.offset, "Skip this many rows first")
             ->type_name("N")
             ->check(wholeNumber());
         command->add_flag("--newest-first", options->newestFirst, "Turn the order round");
@@ -329,7 +300,7 @@ void addRows(Program &program)
         options->query.order = Order::NewestFirst;
         addTable(command, *options);
         addFilter(command, options->query.filter);
-        addLimit(command, *options, "So many rows; default: 10");
+        addLimit(command, *options, "Number of rows; default: 10");
         addPresentation(command, *options);
         program.onRun(command, [options] { return print(*options); });
     }
@@ -340,7 +311,7 @@ void addRows(Program &program)
         addText(command, "TO", options->query.filter.to, "The last time")->type_name("")->required();
         addTable(command, *options);
         addFilter(command, options->query.filter);
-        addLimit(command, *options, "At most so many rows");
+        addLimit(command, *options, "At most this many rows");
         addPresentation(command, *options);
         program.onRun(command, [options] { return print(*options); });
     }
@@ -355,18 +326,9 @@ void addRows(Program &program)
         addTable(command, *options);
         addRange(command, options->query.filter);
         addFilter(command, options->query.filter);
-        addLimit(command, *options, "At most so many rows");
+        addLimit(command, *options, "At most this many rows");
         addPresentation(command, *options);
         program.onRun(command, [options] { return print(*options); });
-    }
-    {
-        CLI::App *const command = program.add("count", "Count the rows, of one table or of each", aboutTimes);
-        const auto options = made(command);
-        addTable(command, *options);
-        addRange(command, options->query.filter);
-        addFilter(command, options->query.filter);
-        addOutput(command, options->output);
-        program.onRun(command, [options] { return count(*options); });
     }
     {
         CLI::App *const command = program.add("tail", "Print the newest rows and follow what comes", aboutTables);
@@ -374,11 +336,11 @@ void addRows(Program &program)
         options->query.limit = 10;
         addTable(command, *options);
         command->add_flag("-f,--follow", options->follow, "Go on with the rows that come, until Ctrl-C");
-        command->add_option("--interval", options->interval, "Look so often, in milliseconds; default: 500")
+        command->add_option("--interval", options->interval, "How often to look, in milliseconds; default: 500")
             ->type_name("MS")
             ->check(wholeNumber());
         addFilter(command, options->query.filter);
-        addLimit(command, *options, "So many rows at first; default: 10");
+        addLimit(command, *options, "Number of rows to begin with; default: 10");
         addPresentation(command, *options);
         program.onRun(command, [options] { return tail(*options); });
     }

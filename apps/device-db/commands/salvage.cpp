@@ -11,9 +11,6 @@
 #include "terminal/table_writer.h"
 #include "terminal/text.h"
 
-#include <QFile>
-#include <QFileInfo>
-
 namespace device_db
 {
 
@@ -45,7 +42,7 @@ QByteArray summary(const SalvageReport &report, const QString &target, int width
 {
     QStringList lines;
     lines << QStringLiteral("%1 pages of %2 bytes: %3 with rows, %4 of these damaged; %5 of trees and indexes, %6 of "
-                            "long rows, %7 free; %8 unreadable or of no use")
+                            "long rows, %7 free; %8 unreadable or unused")
                  .arg(grouped(report.pages), QString::number(report.pageSize),
                       grouped(report.rowPages + report.damagedPages), grouped(report.damagedPages),
                       grouped(report.treePages), grouped(report.overflowPages), grouped(report.freePages),
@@ -64,14 +61,15 @@ QByteArray summary(const SalvageReport &report, const QString &target, int width
     else if (!report.schemaIntact)
         lines << QStringLiteral("The list of the tables is damaged.");
     if (report.rejectedCells > 0)
-        lines << QStringLiteral("%1 rows stood in part only and were left out").arg(grouped(report.rejectedCells));
+        lines << QStringLiteral("%1 rows were there only in part and were left out").arg(grouped(report.rejectedCells));
     if (report.duplicates > 0)
         lines << QStringLiteral("%1 rows had an ID that was there already").arg(grouped(report.duplicates));
     if (report.deletedRows > 0)
-        lines << QStringLiteral("%1 rows stand on pages that no table uses: they were deleted and stay so")
+        lines << QStringLiteral("%1 rows are on pages that no table uses: they were deleted and stay so")
                      .arg(grouped(report.deletedRows));
     if (report.foreignRows > 0)
-        lines << QStringLiteral("%1 rows of tables that are no store's were left out").arg(grouped(report.foreignRows));
+        lines << QStringLiteral("%1 rows of tables that are not a store's were left out")
+                     .arg(grouped(report.foreignRows));
     lines << QStringLiteral("%1: %2 rows").arg(target, grouped(report.rows()));
     QByteArray text;
     for (const QString &line : lines)
@@ -81,14 +79,12 @@ QByteArray summary(const SalvageReport &report, const QString &target, int width
 
 Outcome run(const SalvageCommand &command)
 {
-    if (QFileInfo::exists(command.damaged) && QFileInfo(command.damaged) == QFileInfo(command.target))
-        return failure(command.target, QStringLiteral("this is the damaged file; take another name for the new one"));
     const auto source = DamagedSource::open(command.damaged);
     if (!source)
         return source.error();
     if (!source->whyNoSnapshot().isNull())
         complain(QStringLiteral("%1: %2").arg(command.damaged, source->whyNoSnapshot()));
-    auto target = NewFile::make(command.target, command.force);
+    auto target = NewFile::make(command.target, command.force, {command.damaged});
     if (!target)
         return target.error();
 
@@ -97,8 +93,8 @@ Outcome run(const SalvageCommand &command)
         const auto database = Database::open(target->part(), Database::ReadWrite, command.target);
         if (!database)
             return database.error();
-        // The file is put in its place when it is whole, so it needs no journal.
-        if (const Status set = database->run("pragma journal_mode=off; pragma synchronous=off"); !set)
+        // The file is put in its place when it is whole, so its journal need not survive, only serve a rollback.
+        if (const Status set = database->run("pragma journal_mode=memory; pragma synchronous=off"); !set)
             return set.error();
         Progress progress(QStringLiteral("rows"));
         SalvageOptions options;
@@ -153,7 +149,7 @@ void addSalvage(Program &program)
 {
     CLI::App *const command = program.add(
         "salvage", "Get the rows out of a damaged file into a new one",
-        "Reads every page of DAMAGED, also when its beginning is gone, pages are overwritten or the end is missing, and "
+        "Reads every page of DAMAGED, even when its beginning is gone, pages are overwritten or the end is missing, and "
         "writes the rows that are there in full, with their IDs, to NEW. DAMAGED is never written. A write-ahead log or "
         "a rollback journal beside it is taken into account, and a file that is in use is read from a snapshot. Rows of "
         "a table whose name is lost go into tables called salvaged_..., into several where nothing says what belongs "

@@ -8,10 +8,12 @@
 #include "storefile/texts.h"
 #include "storefile/times.h"
 #include "terminal/table_writer.h"
+#include "terminal/text.h"
 
 #include <QDateTime>
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
 
 namespace device_db
@@ -26,8 +28,11 @@ struct StatsCommand {
     QStringList tables;
     RowFilter range;
     std::string by; ///< Empty: everything that fits, for people.
-    int limit = 10;
+    int limit = -1; ///< Negative: the default of each section.
     OutputOptions output;
+
+    size_t lines() const { return limit < 0 ? 10 : size_t(limit); } ///< Of a list by frequency.
+    size_t linesOfSeries() const { return limit < 0 ? SIZE_MAX : size_t(limit); }
 };
 
 QByteArray timeText(qint64 milliseconds)
@@ -39,28 +44,65 @@ QByteArray timeText(qint64 milliseconds)
         .toLatin1();
 }
 
-QByteArray numberText(double number)
+// The digits that tell a number from its neighbours, eight or more: a counter's last ones matter.
+int digitsOf(double number)
 {
-    return QByteArray::number(number, 'g', 8);
+    int digits = 8;
+    while (digits < 17 && QByteArray::number(number, 'g', digits).toDouble() != number)
+        ++digits;
+    return digits;
 }
 
-/// Prints one section; for people with a title above.
+QByteArray numberText(double number, int digits)
+{
+    return QByteArray::number(number, 'g', digits);
+}
+
+/// Standard output, section by section. For people each has its title and a table of its own. A program gets one table,
+/// whatever the number of sections: they differ in the file's table alone, which is then the first column.
+class Report
+{
+public:
+    explicit Report(const OutputOptions &options) : m_output(options), m_format(options.format) {}
+    ~Report()
+    {
+        if (m_data)
+            m_data->end();
+    }
+
+private:
+    friend class Section;
+    Output m_output;
+    Format m_format;
+    bool m_any = false;
+    std::unique_ptr<RowWriter> m_data;
+};
+
+/// One section. `table`: what it is about; empty: several series.
 class Section
 {
 public:
-    Section(Output &output, Format format, const QString &title, const QVector<OutputColumn> &columns)
-        : m_output(output), m_people(isForPeople(format))
+    Section(Report &report, const QString &table, const QString &title, QVector<OutputColumn> columns)
+        : m_report(report), m_people(isForPeople(report.m_format)), m_table(table.toUtf8())
     {
-        if (m_people)
-            output.write((s_any ? "\n" : "") + title.toUtf8() + '\n');
-        s_any = true;
-        m_writer = rowWriter(format, columns, output);
+        if (m_people) {
+            const QString heading = table.isEmpty() ? title : table + QLatin1String(": ") + title;
+            report.m_output.write((report.m_any ? "\n" : "") + visible(heading).toUtf8() + '\n');
+            m_writer = rowWriter(report.m_format, columns, report.m_output);
+        } else if (!report.m_data) {
+            if (!table.isEmpty())
+                columns.prepend({"table", QString()});
+            report.m_data = rowWriter(report.m_format, columns, report.m_output);
+        }
+        report.m_any = true;
     }
     ~Section()
     {
+        if (!m_people)
+            return;
         m_writer->settle();
-        if (m_people && m_rows == 0)
-            m_output.write("none\n");
+        if (m_rows == 0)
+            m_report.m_output.write("none\n");
     }
 
     bool forPeople() const { return m_people; }
@@ -69,23 +111,28 @@ public:
     {
         if (milliseconds < 0)
             return QByteArray("");
-        return m_people ? duration(milliseconds).toLatin1() : numberText(double(milliseconds) / 1000);
+        const double seconds = double(milliseconds) / 1000;
+        return m_people ? duration(milliseconds).toLatin1() : numberText(seconds, digitsOf(seconds));
     }
-    void row(const QVector<QByteArray> &cells)
+    void row(QVector<QByteArray> cells)
     {
         ++m_rows;
-        m_writer->row(cells, Tone::Plain);
+        if (m_people) {
+            m_writer->row(cells, Tone::Plain);
+            return;
+        }
+        if (!m_table.isEmpty())
+            cells.prepend(m_table);
+        m_report.m_data->row(cells, Tone::Plain);
     }
 
 private:
-    static bool s_any;
-    Output &m_output;
+    Report &m_report;
     bool m_people;
+    QByteArray m_table;
     int m_rows = 0;
-    std::unique_ptr<RowWriter> m_writer;
+    std::unique_ptr<RowWriter> m_writer; ///< For people alone.
 };
-
-bool Section::s_any = false;
 
 struct AlarmGroup {
     qint64 alarms = 0;
@@ -106,8 +153,8 @@ struct SingleAlarm {
 class Statistics
 {
 public:
-    Statistics(const Database &database, const StatsCommand &command, Output &output)
-        : m_database(database), m_command(command), m_output(output)
+    Statistics(const Database &database, const StatsCommand &command)
+        : m_database(database), m_command(command), m_report(command.output)
     {
     }
 
@@ -129,16 +176,12 @@ private:
     {
         return millisecondsOf(m_command.output.utc ? inUtc(text, milliseconds) : text, milliseconds);
     }
-    void groups(const QString &title, const char *key, const QString &heading,
+    void groups(const Table &table, const QString &title, const char *key, const QString &heading,
                 const std::map<QByteArray, AlarmGroup> &all);
-    QString heading(const Table &table, const char *what) const
-    {
-        return table.name + QStringLiteral(": ") + QLatin1String(what);
-    }
 
     const Database &m_database;
     const StatsCommand &m_command;
-    Output &m_output;
+    Report m_report;
 };
 
 Status Statistics::series(const QList<Table> &tables)
@@ -157,43 +200,49 @@ Status Statistics::series(const QList<Table> &tables)
             return status;
         all.emplace_back(table, figures);
     }
+    const size_t lines = std::min(all.size(), m_command.linesOfSeries());
     if (wants("series")) {
-        Section section(m_output, m_command.output.format, QStringLiteral("Series"),
+        Section section(m_report, QString(), QStringLiteral("Series"),
                         {{"series", QStringLiteral("Series")},
                          {"rows", QStringLiteral("Rows"), true, true},
                          {"no_numbers", QStringLiteral("No numbers"), true, true},
                          {"minimum", QStringLiteral("Minimum"), true},
                          {"mean", QStringLiteral("Mean"), true},
                          {"maximum", QStringLiteral("Maximum"), true}});
-        for (const auto &[table, figures] : all) {
-            const bool any = figures.numbers > 0;
-            section.row(
-                {table.name.toUtf8(), section.count(figures.rows), section.count(figures.rows - figures.numbers),
-                 any ? numberText(figures.lowest) : QByteArray(""), any ? numberText(figures.mean()) : QByteArray(""),
-                 any ? numberText(figures.highest) : QByteArray("")});
+        for (size_t i = 0; i < lines; ++i) {
+            const auto &[table, figures] = all[i];
+            const int digits = std::max(digitsOf(figures.lowest), digitsOf(figures.highest));
+            const auto number = [&, any = figures.numbers > 0](double value) {
+                return any ? numberText(value, digits) : QByteArray("");
+            };
+            section.row({table.name.toUtf8(), section.count(figures.rows),
+                         section.count(figures.rows - figures.numbers), number(figures.lowest), number(figures.mean()),
+                         number(figures.highest)});
         }
     }
     if (wants("time")) {
-        Section section(m_output, m_command.output.format, QStringLiteral("Times"),
+        Section section(m_report, QString(), QStringLiteral("Times"),
                         {{"series", QStringLiteral("Series")},
                          {"first", QStringLiteral("First")},
                          {"last", QStringLiteral("Last")},
                          {"usual_s", QStringLiteral("Usual distance"), true},
                          {"steps_back", QStringLiteral("Set back"), true, true}});
-        for (const auto &[table, figures] : all)
+        for (size_t i = 0; i < lines; ++i) {
+            const auto &[table, figures] = all[i];
             section.row({table.name.toUtf8(), timeText(figures.firstTime), timeText(figures.lastTime),
                          section.span(figures.distances.usual()), section.count(figures.stepsBack)});
+        }
     }
     if (wants("gap")) {
-        Section section(m_output, m_command.output.format,
-                        QStringLiteral("Gaps, pauses of more than five times the usual distance"),
+        Section section(m_report, QString(), QStringLiteral("Gaps, pauses of more than five times the usual distance"),
                         {{"series", QStringLiteral("Series")},
                          {"gaps", QStringLiteral("Gaps"), true, true},
                          {"longest_s", QStringLiteral("Longest"), true},
                          {"begin", QStringLiteral("It begins")}});
+        size_t shown = 0;
         for (const auto &[table, figures] : all) {
             const qint64 gaps = figures.distances.gaps();
-            if (gaps > 0 || !section.forPeople())
+            if ((gaps > 0 || !section.forPeople()) && shown++ < lines)
                 section.row({table.name.toUtf8(), section.count(gaps),
                              section.span(gaps > 0 ? figures.distances.longest() : -1),
                              timeText(gaps > 0 ? figures.distances.longestBegin() : -1)});
@@ -202,10 +251,10 @@ Status Statistics::series(const QList<Table> &tables)
     return {};
 }
 
-void Statistics::groups(const QString &title, const char *key, const QString &heading,
+void Statistics::groups(const Table &table, const QString &title, const char *key, const QString &heading,
                         const std::map<QByteArray, AlarmGroup> &all)
 {
-    Section section(m_output, m_command.output.format, title,
+    Section section(m_report, table.name, title,
                     {{key, heading},
                      {"alarms", QStringLiteral("Alarms"), true, true},
                      {"active", QStringLiteral("Active"), true, true},
@@ -214,8 +263,8 @@ void Statistics::groups(const QString &title, const char *key, const QString &he
     std::vector<std::pair<QByteArray, AlarmGroup>> sorted(all.begin(), all.end());
     std::stable_sort(sorted.begin(), sorted.end(),
                      [](const auto &a, const auto &b) { return a.second.alarms > b.second.alarms; });
-    if (int(sorted.size()) > m_command.limit)
-        sorted.resize(size_t(m_command.limit));
+    if (sorted.size() > m_command.lines())
+        sorted.resize(m_command.lines());
     for (const auto &[name, group] : sorted)
         section.row({name, section.count(group.alarms), section.count(group.active),
                      section.span(group.ended > 0 ? group.lasted / group.ended : -1), section.span(group.longest)});
@@ -250,28 +299,28 @@ Status Statistics::alarms(const Table &table)
             // Only the longest are kept, whatever the size of the file.
             single.push_back(
                 {alarms->cell(AlarmObject), alarms->cell(AlarmType), alarms->cell(AlarmLevel), begin, lasted});
-            if (single.size() > 2 * size_t(m_command.limit) + 1000) {
+            if (single.size() > 2 * m_command.lines() + 1000) {
                 std::stable_sort(single.begin(), single.end(),
                                  [](const auto &a, const auto &b) { return a.lasted > b.lasted; });
-                single.resize(size_t(m_command.limit));
+                single.resize(m_command.lines());
             }
         }
     }
     if (const Status status = alarms->status(); !status)
         return status;
     if (wants("level"))
-        groups(heading(table, "alarms by level"), "level", QStringLiteral("Level"), levels);
+        groups(table, QStringLiteral("alarms by level"), "level", QStringLiteral("Level"), levels);
     if (wants("object"))
-        groups(heading(table, "alarms by object, the most frequent first"), "object", QStringLiteral("Object"),
+        groups(table, QStringLiteral("alarms by object, the most frequent first"), "object", QStringLiteral("Object"),
                objects);
     if (wants("type"))
-        groups(heading(table, "alarms by type, the most frequent first"), "type", QStringLiteral("Type"), types);
+        groups(table, QStringLiteral("alarms by type, the most frequent first"), "type", QStringLiteral("Type"), types);
     if (wants("longest")) {
         std::stable_sort(single.begin(), single.end(),
                          [](const auto &a, const auto &b) { return a.lasted > b.lasted; });
-        if (int(single.size()) > m_command.limit)
-            single.resize(size_t(m_command.limit));
-        Section section(m_output, m_command.output.format, heading(table, "the longest alarms that have ended"),
+        if (single.size() > m_command.lines())
+            single.resize(m_command.lines());
+        Section section(m_report, table.name, QStringLiteral("the longest alarms that have ended"),
                         {{"start", QStringLiteral("Start")},
                          {"lasted_s", QStringLiteral("Lasted"), true},
                          {"level", QStringLiteral("Level"), true, true},
@@ -281,13 +330,18 @@ Status Statistics::alarms(const Table &table)
             section.row({timeText(alarm.begin), section.span(alarm.lasted), alarm.level, alarm.object, alarm.type});
     }
     if (wants("flood")) {
-        Section section(m_output, m_command.output.format,
-                        heading(table, "floods, more than ten alarms within ten minutes"),
+        std::vector<Flood> floods = floodsIn(begins);
+        std::stable_sort(floods.begin(), floods.end(),
+                         [](const Flood &a, const Flood &b) { return a.alarms > b.alarms; });
+        if (floods.size() > m_command.lines())
+            floods.resize(m_command.lines());
+        Section section(m_report, table.name,
+                        QStringLiteral("floods, more than ten alarms within ten minutes, the largest first"),
                         {{"first", QStringLiteral("First alarm")},
                          {"last", QStringLiteral("Last alarm")},
                          {"alarms", QStringLiteral("Alarms"), true, true},
                          {"most", QStringLiteral("Most in 10 min"), true, true}});
-        for (const Flood &flood : floodsIn(begins))
+        for (const Flood &flood : floods)
             section.row(
                 {timeText(flood.begin), timeText(flood.end), section.count(flood.alarms), section.count(flood.most)});
     }
@@ -323,9 +377,9 @@ Status Statistics::log(const Table &table)
     std::vector<std::pair<QByteArray, User>> sorted(users.begin(), users.end());
     std::stable_sort(sorted.begin(), sorted.end(),
                      [](const auto &a, const auto &b) { return a.second.entries > b.second.entries; });
-    if (int(sorted.size()) > m_command.limit)
-        sorted.resize(size_t(m_command.limit));
-    Section section(m_output, m_command.output.format, heading(table, "entries by user"),
+    if (sorted.size() > m_command.lines())
+        sorted.resize(m_command.lines());
+    Section section(m_report, table.name, QStringLiteral("entries by user"),
                     {{"user", QStringLiteral("User")},
                      {"entries", QStringLiteral("Entries"), true, true},
                      {"first", QStringLiteral("First")},
@@ -364,9 +418,8 @@ Outcome run(const StatsCommand &command)
                      [](const Table &table) { return holdsRecords(table.kind); });
     }
     if (tables.isEmpty())
-        return failure(command.path, QStringLiteral("it has no table of records; \"device-db info\" tells more"));
-    Output output(command.output);
-    Statistics statistics(database, command, output);
+        return failure(command.path, QStringLiteral("it has no table of records; \"device-db info\" says more"));
+    Statistics statistics(database, command);
     QList<Table> series;
     for (const Table &table : tables) {
         if (table.kind == Kind::Samples)
@@ -400,7 +453,7 @@ void addStats(Program &program)
     command->add_option("--by", options->by, "One of series, time, gap, level, object, type, longest, flood, user")
         ->type_name("WHAT")
         ->check(CLI::IsMember({"series", "time", "gap", "level", "object", "type", "longest", "flood", "user"}));
-    command->add_option("-n,--limit", options->limit, "So many lines of each; default: 10")
+    command->add_option("-n,--limit", options->limit, "Number of lines of each list; default: 10, and all series")
         ->type_name("N")
         ->check(CLI::Range(1, 1000000));
     addOutput(command, options->output);

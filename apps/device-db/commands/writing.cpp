@@ -19,10 +19,10 @@ void addWritableFile(CLI::App *command, WriteOptions &options)
 {
     addText(command, "FILE", options.path, "The database file")->type_name("")->required();
     command->add_flag("--lock", options.lock,
-                      "Write although another process has the file open, whose own commits may fail meanwhile");
+                      "Write even if another process has the file open, whose own commits may then fail");
     command->add_flag(
         "--run-triggers", options.runTriggers,
-        "Write although the file has triggers, which then run; without it they are named and you are asked");
+        "Write even if the file has triggers, which then run; without it they are named and you are asked");
     addText(command, "--library", options.library,
             "The store library; default: $DEVICE_DATABASE_LIBRARY, or the first in the usual places")
         ->type_name("PATH");
@@ -34,15 +34,16 @@ Status mayBeWritten(const WriteOptions &options)
     if (!file.exists())
         return failure(options.path, QStringLiteral("there is no such file; check the name"));
     if (!file.isFile())
-        return failure(options.path, QStringLiteral("this is no file; name a database file"));
+        return failure(options.path, QStringLiteral("this is not a file; name a database file"));
     if (!file.isWritable())
         return failure(options.path, QStringLiteral("it may not be written; check its rights, or work on a copy"));
     if (options.lock)
         return {};
     if (const auto others = processesThatHave(options.path); !others.isEmpty())
-        return failure(options.path, QStringLiteral("%1 has it open, and what it writes meanwhile could be lost; stop "
-                                                    "it, or take that upon you with --lock")
-                                         .arg(listed(others)));
+        return failure(options.path,
+                       QStringLiteral("%1 has it open, and what it writes at the same time could be lost; "
+                                      "stop it, or accept that with --lock")
+                           .arg(listed(others)));
     return {};
 }
 
@@ -63,7 +64,7 @@ Result<Database> openForWriting(const WriteOptions &options)
         return failure(options.path, QStringLiteral("it has triggers, which would run when it is written: %1. "
                                                     "--run-triggers lets them")
                                          .arg(names));
-    const QString question = QStringLiteral("The file has triggers, which run when it is written: %1. Go on?");
+    const QString question = QStringLiteral("it has triggers, which run when it is written: %1");
     if (const Status may = confirmed(options.path, question.arg(names), false); !may)
         return may.error();
     return database;
@@ -71,16 +72,22 @@ Result<Database> openForWriting(const WriteOptions &options)
 
 Result<device::Library> storeLibrary(const WriteOptions &options)
 {
-    return device::Library::load(options.library);
+    auto library = device::Library::load(options.library);
+    if (library)
+        return library;
+    return failure(library.error().operation(),
+                   library.error().cause() + QStringLiteral("; name the file of the store library with --library or in "
+                                                            "$DEVICE_DATABASE_LIBRARY"));
 }
 
-Status confirmed(const QString &input, const QString &question, bool yes)
+Status confirmed(const QString &input, const QString &plan, bool yes)
 {
     if (yes)
         return {};
     if (!isatty(STDIN_FILENO))
-        return failure(input, QStringLiteral("nobody can be asked here; --yes goes ahead"));
-    std::fprintf(stderr, "%s [yes/no] ", visible(question).toUtf8().constData());
+        return failure(input, plan + QStringLiteral("; not a terminal, use --yes to go ahead"));
+    std::fprintf(stderr, "%s: %s. Go on? [yes/no] ", visible(input).toUtf8().constData(),
+                 visible(plan).toUtf8().constData());
     std::fflush(stderr);
     char answer[16] = "";
     if (!std::fgets(answer, sizeof answer, stdin) || (qstricmp(answer, "yes\n") != 0 && qstricmp(answer, "y\n") != 0))

@@ -30,8 +30,9 @@ Result<Database> openForWriting(const WriteOptions &options);
 
 Result<device::Library> storeLibrary(const WriteOptions &options);
 
-/// Asks on the terminal, "yes" goes on. Without a terminal it is an Error that names --yes.
-Status confirmed(const QString &input, const QString &question, bool yes);
+/// Says what would be done to `input` and asks on the terminal; "yes" goes on. Without a terminal it is an Error that
+/// says the same and names --yes.
+Status confirmed(const QString &input, const QString &plan, bool yes);
 
 } // namespace device_db
 

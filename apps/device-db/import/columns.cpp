@@ -4,6 +4,8 @@
 #include "storefile/texts.h"
 #include "storefile/times.h"
 
+#include <algorithm>
+
 namespace device_db
 {
 
@@ -19,42 +21,84 @@ constexpr Alias aliases[] = {
     {"timestamp", "time"}, {"date", "time"},   {"datetime", "time"},    {"time", "start"},       {"timestamp", "start"},
     {"username", "user"},  {"logname", "log"}, {"enddate", "end_date"}, {"endtime", "end_time"}, {"text", "message"}};
 
+QByteArray plain(const QString &name)
+{
+    return name.trimmed().toLower().toUtf8();
+}
+
+bool isOneOf(const QString &name, std::initializer_list<const char *> words)
+{
+    return std::find(words.begin(), words.end(), plain(name)) != words.end();
+}
+
+bool isDate(const QString &name)
+{
+    return isOneOf(name, {"date", "start_date", "startdate"});
+}
+
+bool isClock(const QString &name)
+{
+    return isOneOf(name, {"time", "clock", "start_time", "starttime"});
+}
+
+bool isLeftOut(const QString &name)
+{
+    return isOneOf(name, {"-", "id"});
+}
+
 int columnNamed(Kind kind, const QString &name)
 {
     const QVector<KnownColumn> &columns = columnsOf(kind);
-    const QByteArray plain = name.trimmed().toLower().toUtf8();
+    const QByteArray wanted = plain(name);
     for (int i = 0; i < columns.size(); ++i) {
-        if (plain == columns.at(i).key || plain == QByteArray(columns.at(i).name).toLower() ||
-            plain == QByteArray(columns.at(i).title).toLower())
+        if (wanted == columns.at(i).key || wanted == QByteArray(columns.at(i).name).toLower() ||
+            wanted == QByteArray(columns.at(i).title).toLower())
             return i;
     }
     for (const Alias &alias : aliases) {
         for (int i = 0; i < columns.size(); ++i) {
-            if (plain == alias.name && qstrcmp(columns.at(i).key, alias.key) == 0)
+            if (wanted == alias.name && qstrcmp(columns.at(i).key, alias.key) == 0)
                 return i;
         }
     }
     return -1;
 }
 
-/// The time in the form of the tables when it is one in a form beside it (`/`, `T`, without milliseconds in the log).
-bool toTableForm(QByteArray &time, bool milliseconds)
+// One column with a date and one with a time of day, which make the time together.
+bool hasDateAndClock(const QStringList &names)
 {
-    if (isTime(time, milliseconds))
-        return true;
-    QByteArray turned = time;
-    turned.replace('/', '-');
-    if (turned.size() > 10 && turned.at(10) == 'T')
-        turned[10] = ' ';
-    if (milliseconds && turned.size() == 19)
-        turned += ".000";
-    if (!isTime(turned, milliseconds))
-        return false;
-    time = turned;
-    return true;
+    return std::count_if(names.begin(), names.end(), isDate) == 1 &&
+           std::count_if(names.begin(), names.end(), isClock) == 1;
+}
+
+bool hasTime(const Assignment &assignment)
+{
+    return assignment.columnOfCell.contains(assignment.timeColumn()) ||
+           assignment.columnOfCell.contains(Assignment::DateOfTime);
+}
+
+Status addConstants(Assignment &assignment, const QStringList &constants)
+{
+    for (const QString &constant : constants) {
+        const auto equals = constant.indexOf(QLatin1Char('='));
+        const int column = columnNamed(assignment.kind, constant.left(equals));
+        if (equals < 0 || column < 0)
+            return failure(constant,
+                           QStringLiteral("give a column and what it holds, such as level=1; the columns are %1")
+                               .arg(assignment.columns.join(QLatin1Char(','))));
+        if (assignment.columnOfCell.contains(column))
+            return failure(constant, QStringLiteral("the input has this column; leave it out with - in --columns"));
+        assignment.constants[column] = constant.mid(equals + 1).toUtf8();
+    }
+    return {};
 }
 
 } // namespace
+
+int Assignment::timeColumn() const
+{
+    return isWide ? 0 : timeColumnOf(kind) - 1;
+}
 
 QStringList keysOf(Kind kind)
 {
@@ -64,79 +108,162 @@ QStringList keysOf(Kind kind)
     return keys;
 }
 
-Result<Assignment> assigned(const QString &input, Kind kind, const QStringList &names)
+Result<Assignment> assigned(const QString &input, Kind kind, const QStringList &names, const QStringList &constants)
 {
-    const QString list = keysOf(kind).join(QLatin1Char(','));
-    Assignment assignment{kind, {}};
+    Assignment assignment;
+    assignment.kind = kind;
+    assignment.columns = keysOf(kind);
+    assignment.constants.fill(QByteArray(""), int(assignment.columns.size()));
+    const QString list = assignment.columns.join(QLatin1Char(','));
+    const bool isSplit = hasDateAndClock(names);
     for (const QString &name : names) {
-        const bool leftOut = name == QLatin1String("-") || name.compare(QLatin1String("id"), Qt::CaseInsensitive) == 0;
-        const int column = leftOut ? -1 : columnNamed(kind, name);
-        if (column < 0 && !leftOut)
+        const int column = isLeftOut(name)                                           ? Assignment::LeftOut
+                           : isSplit && isDate(name)                                 ? Assignment::DateOfTime
+                           : isSplit && isClock(name)                                ? Assignment::ClockOfTime
+                           : kind == Kind::Alarms && isOneOf(name, {"end", "ended"}) ? Assignment::WholeEnd
+                                                                                     : columnNamed(kind, name);
+        if (column == -1 && !isLeftOut(name))
             return failure(
                 input, names.size() == 1
-                           ? QStringLiteral("\"%1\" is no column of %2 (%3); is another --separator needed?")
+                           ? QStringLiteral("\"%1\" is not a column of %2 (%3); is another --separator needed?")
                                  .arg(name.left(60), QLatin1String(nameOf(kind)), list)
-                           : QStringLiteral("\"%1\" is no column of %2 (%3); name them with --columns, - leaves one "
+                           : QStringLiteral("\"%1\" is not a column of %2 (%3); name them with --columns, - leaves one "
                                             "out, --no-header takes the first row as data")
                                  .arg(name.left(60), QLatin1String(nameOf(kind)), list));
         if (column >= 0 && assignment.columnOfCell.contains(column))
             return failure(input, QStringLiteral("two columns are called \"%1\"; name them with --columns").arg(name));
         assignment.columnOfCell << column;
     }
-    if (!assignment.columnOfCell.contains(timeColumnOf(kind) - 1))
+    if (!hasTime(assignment))
         return failure(input, QStringLiteral("it has no column for the time; name the columns with --columns, "
                                              "such as --columns ") +
                                   list);
+    if (const Status added = addConstants(assignment, constants); !added)
+        return added.error();
     return assignment;
 }
 
-RowCheck::RowCheck(Assignment assignment, std::optional<QByteArray> null, bool asIs)
-    : m_assignment(std::move(assignment)), m_null(std::move(null)), m_asIs(asIs)
+Result<Assignment> assignedSeries(const QString &input, const QStringList &names)
+{
+    Assignment assignment;
+    assignment.kind = Kind::Samples;
+    assignment.isWide = true;
+    assignment.columns << QStringLiteral("time");
+    const bool isSplit = hasDateAndClock(names);
+    for (const QString &name : names) {
+        if (isLeftOut(name)) {
+            assignment.columnOfCell << Assignment::LeftOut;
+        } else if (isSplit && isDate(name)) {
+            assignment.columnOfCell << Assignment::DateOfTime;
+        } else if (isSplit && isClock(name)) {
+            assignment.columnOfCell << Assignment::ClockOfTime;
+        } else if (!isSplit && columnNamed(Kind::Samples, name) == 0) {
+            if (assignment.columnOfCell.contains(0))
+                return failure(input, QStringLiteral("two columns are a time; name them with --columns"));
+            assignment.columnOfCell << 0;
+        } else {
+            if (assignment.columns.contains(name.trimmed(), Qt::CaseInsensitive))
+                return failure(input,
+                               QStringLiteral("two columns are called \"%1\"; name them with --columns").arg(name));
+            assignment.columnOfCell << int(assignment.columns.size());
+            assignment.columns << name.trimmed();
+        }
+    }
+    if (!hasTime(assignment) || assignment.columns.size() < 2)
+        return failure(input,
+                       QStringLiteral("it has no column for the time, or none for a series; name the columns with "
+                                      "--columns, such as --columns time,S1,S2"));
+    assignment.constants.fill(QByteArray(""), int(assignment.columns.size()));
+    return assignment;
+}
+
+RowCheck::RowCheck(Assignment assignment, TimeForms times, std::optional<QByteArray> null, bool asIs)
+    : m_assignment(std::move(assignment)), m_times(std::move(times)), m_null(std::move(null)), m_asIs(asIs)
 {
 }
 
-QByteArray RowCheck::refusal(const CsvRow &row, QVector<QByteArray> &cells) const
+QByteArray RowCheck::refusal(const InputRow &row, QVector<QByteArray> &cells) const
 {
     if (!row.fault.isEmpty())
         return row.fault;
-    if (row.cells.size() != m_assignment.cells())
+    if (row.cells.size() != m_assignment.columnOfCell.size())
         return "its number of cells is " + QByteArray::number(qint64(row.cells.size())) + ", not " +
-               QByteArray::number(m_assignment.cells());
-    cells.fill(QByteArray(""), int(columnsOf(m_assignment.kind).size()));
+               QByteArray::number(qint64(m_assignment.columnOfCell.size()));
+    cells = m_assignment.constants;
+    QByteArray date;
+    QByteArray clock;
+    QByteArray end;
     for (int i = 0; i < row.cells.size(); ++i) {
         const int column = m_assignment.columnOfCell.at(i);
-        if (column < 0)
+        if (column == Assignment::LeftOut)
             continue;
-        QByteArray &cell = cells[column];
+        QByteArray &cell = column == Assignment::DateOfTime    ? date
+                           : column == Assignment::ClockOfTime ? clock
+                           : column == Assignment::WholeEnd    ? end
+                                                               : cells[column];
         cell = row.cells.at(i);
         if (m_null && cell == *m_null) {
             cell = QByteArray();
             continue;
         }
+        const QByteArray name = column >= 0                      ? m_assignment.columns.at(column).toUtf8()
+                                : column == Assignment::WholeEnd ? QByteArray("end")
+                                                                 : QByteArray("time");
         if (cell.contains('\0'))
-            return nameOfColumn(column) + " holds U+0000, which ends a text in the file";
+            return name + " holds U+0000, which ends a text in the file";
         if (!isUtf8(cell))
-            return nameOfColumn(column) +
-                   " is no UTF-8, or begins with a byte order mark; convert the input with iconv";
+            return name + " is not UTF-8, or begins with a byte order mark; name the input's --encoding";
+    }
+    if (m_assignment.columnOfCell.contains(Assignment::DateOfTime))
+        cells[m_assignment.timeColumn()] = date + ' ' + clock;
+    if (m_assignment.columnOfCell.contains(Assignment::WholeEnd) && !end.isEmpty()) {
+        if (!m_asIs) {
+            if (const QByteArray reason = m_times.refusal(end, false); !reason.isEmpty())
+                return "of the end, " + reason;
+        }
+        cells[AlarmEndDate - 1] = end.left(10);
+        cells[AlarmEndTime - 1] = end.mid(11);
     }
     return m_asIs ? QByteArray() : misfit(cells);
 }
 
 QByteArray RowCheck::misfit(QVector<QByteArray> &cells) const
 {
-    const bool milliseconds = hasMilliseconds(m_assignment.kind);
-    QByteArray &time = cells[timeColumnOf(m_assignment.kind) - 1];
-    if (!toTableForm(time, milliseconds))
-        return "the time \"" + time.left(40) + "\" is none of the form " +
-               (milliseconds ? "yyyy-MM-dd hh:mm:ss.zzz" : "yyyy-MM-dd hh:mm:ss");
-    if (m_assignment.kind == Kind::Alarms) {
-        bool isNumber = false;
-        const QByteArray &level = cells.at(AlarmLevel - 1);
-        level.toInt(&isNumber);
-        if (!isNumber)
-            return "the level \"" + level.left(40) + "\" is no whole number";
-    }
+    const QByteArray reason = m_times.refusal(cells[m_assignment.timeColumn()], hasMilliseconds(m_assignment.kind));
+    if (!reason.isEmpty() || m_assignment.kind != Kind::Alarms)
+        return reason;
+    bool isNumber = false;
+    const QByteArray &level = cells.at(AlarmLevel - 1);
+    level.toInt(&isNumber);
+    if (!isNumber)
+        return "the level \"" + level.left(40) + "\" is not a whole number";
+    return misfitOfEnd(cells[AlarmEndDate - 1], cells[AlarmEndTime - 1]);
+}
+
+// Hosts write the ends with - or /, so an end that is in order stays as it is.
+QByteArray RowCheck::misfitOfEnd(QByteArray &date, QByteArray &time) const
+{
+    if (date.isEmpty() && time.isEmpty() && !date.isNull() && !time.isNull())
+        return QByteArray(); // active
+    if (date.isEmpty() || time.isEmpty())
+        return "an end needs a date and a time, or neither; no query finds an alarm with half an end";
+    if (isTime(endOfAlarm(date, time), false))
+        return QByteArray();
+    QByteArray end = date + ' ' + time;
+    if (const QByteArray reason = m_times.refusal(end, false); !reason.isEmpty())
+        return "of the end, " + reason;
+    date = end.left(10);
+    time = end.mid(11);
     return QByteArray();
+}
+
+bool endsBeforeItBegins(Kind kind, const QVector<QByteArray> &cells)
+{
+    if (kind != Kind::Alarms)
+        return false;
+    const QByteArray &start = cells.at(AlarmStart - 1);
+    const QByteArray end = endOfAlarm(cells.at(AlarmEndDate - 1), cells.at(AlarmEndTime - 1));
+    return isTime(start, false) && isTime(end, false) && end < start;
 }
 
 } // namespace device_db

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "import/csv_reader.h"
 
-#include <QFileDevice>
-
 #include <csv.h>
 
 #include <algorithm>
@@ -46,7 +44,18 @@ CsvReader::CsvReader(QIODevice *input, char separator, qint64 offset, qint64 lin
 
 CsvReader::~CsvReader() = default;
 
-bool CsvReader::next(CsvRow &row)
+std::optional<QStringList> CsvReader::header()
+{
+    InputRow row;
+    if (!next(row))
+        return std::nullopt;
+    QStringList names;
+    for (const QByteArray &cell : row.cells)
+        names << QString::fromUtf8(cell);
+    return names;
+}
+
+bool CsvReader::next(InputRow &row)
 {
     while (m_rows.empty()) {
         if (m_ended || !feed())
@@ -62,7 +71,7 @@ void CsvReader::fault(const QByteArray &why, const QByteArray &text)
     m_current.fault = why;
     m_current.cells = {text};
     m_rows.push_back(std::move(m_current));
-    m_current = CsvRow();
+    m_current = InputRow();
     const char separator = char(csv_get_delim(&m_parser->csv));
     m_parser = std::make_unique<Parser>(separator);
 }
@@ -76,9 +85,9 @@ bool CsvReader::feed()
     };
     const auto endOfRow = [](int, void *self) {
         auto &reader = *static_cast<CsvReader *>(self);
-        const qint64 line = reader.m_line; // of a next row behind a lone carriage return
+        const qint64 line = reader.m_line; // of a next row after a lone carriage return
         reader.m_rows.push_back(std::move(reader.m_current));
-        reader.m_current = CsvRow();
+        reader.m_current = InputRow();
         reader.m_current.line = line;
     };
 
@@ -86,8 +95,6 @@ bool CsvReader::feed()
         m_buffer = m_input->read(bufferSize);
         m_place = 0;
         if (m_buffer.isEmpty()) {
-            const auto *const file = qobject_cast<QFileDevice *>(m_input);
-            m_failed = file && file->error() != QFileDevice::NoError;
             m_ended = true;
             if (csv_fini(&m_parser->csv, endOfCell, endOfRow, this) != 0)
                 fault("a quote is opened and never closed; the rest of the input was taken for its text",
@@ -103,7 +110,7 @@ bool CsvReader::feed()
     if (m_parser->isBetweenRows())
         m_current.line = m_line;
     if (csv_parse(&m_parser->csv, begin, size_t(size), endOfCell, endOfRow, this) != size_t(size))
-        fault("a quote stands within a cell, or text behind a closing quote", QByteArray(begin, size).trimmed());
+        fault("a quote within a cell, or text after a closing quote", QByteArray(begin, size).trimmed());
     else if (m_parser->csv.entry_pos > longestCell)
         fault("a cell is longer than 16 MB; is a quote left open?", QByteArray(""));
     m_place += size;

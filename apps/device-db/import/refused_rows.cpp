@@ -3,36 +3,83 @@
 
 #include "terminal/table_writer.h"
 
+#include <QCryptographicHash>
+#include <QFileInfo>
+
 #include <algorithm>
 
 namespace device_db
 {
 
-RefusedRows::RefusedRows(const QString &path, qint64 keep) : m_file(path), m_keep(keep) {}
-
-Status RefusedRows::add(const CsvRow &row, const QByteArray &reason)
+namespace
 {
-    bool written = true;
-    if (!m_file.isOpen()) {
-        written = m_file.open(QIODevice::ReadWrite) && m_file.resize(std::min(m_keep, m_file.size())) &&
-                  m_file.seek(m_file.size());
-        if (m_file.size() == 0)
-            written = written && m_file.write("line,reason,cells\n") > 0;
-    }
-    written =
-        written && m_file.write(csvRow(QVector<QByteArray>{QByteArray::number(row.line), reason} + row.cells, ',')) > 0;
-    return written ? Status() : trouble();
+
+const QByteArray header("line,reason,cells\n");
+
+bool isThere(const QString &path)
+{
+    const QFileInfo present(path);
+    return present.exists() || present.isSymLink(); // a link that leads nowhere is something too
+}
+
+} // namespace
+
+RefusedRows::RefusedRows(QString wanted, bool mayBeNumbered, const QByteArray &import, qint64 keep)
+    : m_wanted(std::move(wanted)), m_mayBeNumbered(mayBeNumbered), m_keep(keep)
+{
+    const QByteArray mark = QCryptographicHash::hash(import, QCryptographicHash::Sha1).toHex().left(8);
+    m_path = m_wanted + QLatin1String(".part-") + QString::fromLatin1(mark);
+}
+
+Result<RefusedRows> RefusedRows::make(const QString &named, const QString &input, const QByteArray &import, qint64 keep)
+{
+    if (named.isEmpty())
+        return RefusedRows(input + QLatin1String(".refused.csv"), true, import, keep);
+    if (isThere(named))
+        return failure(named, QStringLiteral("there is a file of this name; name another one with --refused"));
+    return RefusedRows(named, false, import, keep);
+}
+
+bool RefusedRows::open()
+{
+    m_file = std::make_unique<QFile>(m_path);
+    if (!m_file->open(QIODevice::ReadWrite))
+        return false;
+    const qint64 kept = std::min(m_keep, m_file->size());
+    return m_file->resize(kept) && m_file->seek(kept) && (kept > 0 || m_file->write(header) == header.size());
+}
+
+Status RefusedRows::add(const InputRow &row, const QByteArray &reason)
+{
+    const bool written =
+        (m_file || open()) &&
+        m_file->write(csvRow(QVector<QByteArray>{QByteArray::number(row.line), reason} + row.cells, ',')) > 0;
+    return written ? Status() : trouble(*m_file);
 }
 
 Status RefusedRows::flush()
 {
-    return !m_file.isOpen() || m_file.flush() ? Status() : Status(trouble());
+    return !m_file || m_file->flush() ? Status() : Status(trouble(*m_file));
 }
 
-Error RefusedRows::trouble() const
+Status RefusedRows::finish()
 {
-    return failure(m_file.fileName(),
-                   m_file.errorString() + QStringLiteral("; name another place for refused rows with --refused"));
+    if (!m_file && m_keep == 0)
+        return {};
+    m_file.reset();
+    QFile file(m_path);
+    QString name = m_wanted;
+    for (int number = 2; m_mayBeNumbered && isThere(name); ++number)
+        name = m_wanted.chopped(3) + QStringLiteral("%1.csv").arg(number);
+    if (!file.rename(name)) // which replaces nothing
+        return trouble(file);
+    m_path = name;
+    return {};
+}
+
+Error RefusedRows::trouble(const QFile &file) const
+{
+    return failure(m_path, file.errorString() + QStringLiteral("; name another place for refused rows with --refused"));
 }
 
 } // namespace device_db

@@ -25,7 +25,7 @@ std::string entry(const std::string &name, const std::string &text)
 
 std::string valueOf(const CLI::Option *option)
 {
-    // Behind a colon stand the names of its checks.
+    // After a colon come the names of its checks.
     const std::string type = option->get_type_name();
     return option->get_items_expected_max() == 0 ? std::string() : type.substr(0, type.find(':'));
 }
@@ -51,7 +51,9 @@ std::string HelpFormatter::make_option(const CLI::Option *option, bool positiona
     if (const std::size_t comma = name.find(','); comma != std::string::npos)
         name.insert(comma + 1, " ");
     const std::string value = positional ? std::string() : valueOf(option);
-    return entry(name + (value.empty() ? "" : " " + value), option->get_description());
+    // What must be given is seen in the usage line only for what has no name.
+    const char *const required = !positional && option->get_required() ? "; required" : "";
+    return entry(name + (value.empty() ? "" : " " + value), option->get_description() + required);
 }
 
 std::string HelpFormatter::make_option_opts(const CLI::Option *option) const
@@ -66,7 +68,7 @@ std::string HelpFormatter::make_subcommand(const CLI::App *command) const
 
 std::string HelpFormatter::make_description(const CLI::App *app) const
 {
-    // The details of a command stand in its footer: CLI11 lists the description as the summary.
+    // The details of a command are in its footer: CLI11 lists the description as the summary.
     std::string text = wrapped(app->get_description(), width, "");
     if (app->get_parent() && !app->get_footer().empty())
         text += "\n\n" + wrapped(app->get_footer(), width, "");

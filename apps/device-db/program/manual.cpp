@@ -32,7 +32,8 @@ std::string optionEntry(const CLI::Option *option)
     std::string entry = ".TP\n\\fB" + escaped(name) + "\\fR";
     if (const std::string value = option->get_positional() ? std::string() : valueOf(option); !value.empty())
         entry += " \\fI" + escaped(value) + "\\fR";
-    return entry + "\n" + escaped(option->get_description()) + "\n";
+    const char *const required = !option->get_positional() && option->get_required() ? "; required" : "";
+    return entry + "\n" + escaped(option->get_description() + required) + "\n";
 }
 
 // The words that a caller may type for an option: "--limit -n".
@@ -77,7 +78,7 @@ std::string manualPage(const CLI::App &commandLine)
     for (const auto &[code, meaning] :
          {std::pair{"0", "Done."}, std::pair{"1", "Failed; a line on standard error names the input and the remedy."},
           std::pair{"2", "The arguments make no sense."},
-          std::pair{"3", "Done, and something needs a look: refused rows, findings that are no damage."},
+          std::pair{"3", "Done, and something needs a look: refused rows, findings that are not damage."},
           std::pair{"4", "The file is damaged."}, std::pair{"130", "Interrupted."}})
         page += std::string(".TP\n.B ") + code + "\n" + meaning + "\n";
     page += ".SH ENVIRONMENT\n";

@@ -6,17 +6,30 @@
 #include "terminal/output.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
 
 namespace device_db
 {
+
+namespace
+{
+
+int print(const std::string &text)
+{
+    OutputOptions straight;
+    straight.noPager = true;
+    return Output(straight).write(QByteArray::fromStdString(text)) ? Done : Failed;
+}
+
+} // namespace
 
 Program::Program() : m_commandLine("The bench tool for the files of the device's store library.", "device-db")
 {
     m_commandLine.formatter(std::make_shared<HelpFormatter>());
     m_commandLine.set_version_flag("--version", DEVICE_DB_VERSION, "Print the version");
     m_commandLine.require_subcommand(1);
-    m_commandLine.footer("\"device-db COMMAND --help\" tells more. Exit codes: 0 done, 1 failed, 2 wrong arguments,\n"
+    m_commandLine.footer("\"device-db COMMAND --help\" says more. Exit codes: 0 done, 1 failed, 2 wrong arguments,\n"
                          "3 done but something needs a look, 4 the file is damaged, 130 interrupted.");
 }
 
@@ -34,11 +47,21 @@ void Program::onRun(CLI::App *command, std::function<Outcome()> body)
 
 int Program::run(int argc, char **argv)
 {
+    const int code = execute(argc, argv);
+    if (outputIsComplete())
+        return code;
+    complain(QStringLiteral("standard output: %1; not all of it was taken")
+                 .arg(QString::fromLocal8Bit(std::strerror(errno))));
+    return Failed;
+}
+
+int Program::execute(int argc, char **argv)
+{
     // For the build alone: these two are not shown.
     if (argc == 2 && qstrcmp(argv[1], "--man") == 0)
-        return std::fputs(manualPage(m_commandLine).c_str(), stdout) < 0 ? Failed : Done;
+        return print(manualPage(m_commandLine));
     if (argc == 2 && qstrcmp(argv[1], "--completion") == 0)
-        return std::fputs(bashCompletion(m_commandLine).c_str(), stdout) < 0 ? Failed : Done;
+        return print(bashCompletion(m_commandLine));
     // CLI11 would only say that a command is missing.
     const std::vector<CLI::App *> commands = m_commandLine.get_subcommands({});
     if (argc > 1 && argv[1][0] != '-' && std::none_of(commands.begin(), commands.end(), [&](const CLI::App *command) {
@@ -56,7 +79,7 @@ int Program::run(int argc, char **argv)
         QString command;
         for (const CLI::App *given : m_commandLine.get_subcommands())
             command = QString::fromStdString(given->get_name()) + QLatin1Char(' ');
-        complain(QStringLiteral("%1. \"device-db %2--help\" tells how it goes")
+        complain(QStringLiteral("%1. \"device-db %2--help\" shows its usage")
                      .arg(QString::fromStdString(wrong.what()).replace(QLatin1Char('\n'), QLatin1Char(' ')), command));
         return Usage;
     }

@@ -16,7 +16,7 @@ enum ExitCode {
     Done = 0,
     Failed = 1,       ///< The file, the medium or the data stood in the way.
     Usage = 2,        ///< The arguments make no sense.
-    Attention = 3,    ///< Done, and something needs a look: refused rows, findings that are no damage.
+    Attention = 3,    ///< Done, and something needs a look: refused rows, findings that are not damage.
     Damaged = 4,      ///< The file is damaged.
     Interrupted = 130 ///< By Ctrl-C.
 };
@@ -39,6 +39,8 @@ public:
     int run(int argc, char **argv);
 
 private:
+    int execute(int argc, char **argv);
+
     CLI::App m_commandLine;
     std::function<Outcome()> m_body;
 };

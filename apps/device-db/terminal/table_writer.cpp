@@ -16,30 +16,6 @@ namespace
 {
 
 constexpr int rowsMeasured = 1000; // the widths of a table are those of its first rows
-constexpr int narrowest = 6;
-
-const char *colourOf(Tone tone)
-{
-    switch (tone) {
-    case Tone::Faint:
-        return "\033[2m";
-    case Tone::Notice:
-        return "\033[36m";
-    case Tone::Warning:
-        return "\033[33m";
-    case Tone::Danger:
-        return "\033[31m";
-    case Tone::Plain:
-        break;
-    }
-    return "";
-}
-
-QByteArray coloured(const QString &line, Tone tone, bool colours)
-{
-    const QByteArray text = line.toUtf8();
-    return colours && tone != Tone::Plain ? colourOf(tone) + text + "\033[0m" : text;
-}
 
 QString forPeople(const OutputColumn &column, const QByteArray &cell)
 {
@@ -70,7 +46,7 @@ public:
             return m_output.write("no rows\n");
         if (!settle())
             return false;
-        return m_output.write(coloured(rowsText(m_rows), Tone::Faint, m_output.colours()) + '\n');
+        return m_output.write(rowsText(m_rows).toUtf8() + '\n', Tone::Faint);
     }
 
 private:
@@ -82,11 +58,14 @@ private:
             titles << column.title;
             m_widths << displayWidth(column.title);
         }
+        QVector<int> contents(int(m_columns.size()), 0);
         for (const auto &waiting : m_waiting) {
             for (int i = 0; i < m_columns.size(); ++i)
-                m_widths[i] = std::max(m_widths.at(i), displayWidth(waiting.first.at(i)));
+                contents[i] = std::max(contents.at(i), displayWidth(waiting.first.at(i)));
         }
-        fit();
+        for (int i = 0; i < m_columns.size(); ++i)
+            m_widths[i] = std::max(m_widths.at(i), contents.at(i));
+        fit(contents);
         for (const int width : m_widths)
             lines << QString(width, QChar(0x2500));
         if (!print(titles, Tone::Plain) || !print(lines, Tone::Faint))
@@ -99,19 +78,26 @@ private:
         return true;
     }
 
-    // Takes from the widest column until the line fits; times and levels give last.
-    void fit()
+    // Until the line fits: empty columns give up their titles, then the widest of the others gives, the main one and
+    // those that are fixed last.
+    void fit(const QVector<int> &contents)
     {
         if (m_output.width() == 0)
             return;
         int excess = -m_output.width() + 2 * int(m_widths.size() - 1);
         for (const int width : m_widths)
             excess += width;
-        for (const bool fixedToo : {false, true}) {
+        for (int i = 0; i < m_widths.size() && excess > 0; ++i) {
+            const int given = contents.at(i) == 0 ? std::min(excess, m_widths.at(i) - 1) : 0;
+            m_widths[i] -= given;
+            excess -= given;
+        }
+        const auto rank = [](const OutputColumn &column) { return column.fixed ? 2 : column.main ? 1 : 0; };
+        for (const int turn : {0, 1, 2}) {
             while (excess > 0) {
                 int widest = -1;
                 for (int i = 0; i < m_widths.size(); ++i) {
-                    if ((fixedToo || !m_columns.at(i).fixed) && m_widths.at(i) > narrowest &&
+                    if (rank(m_columns.at(i)) <= turn && m_widths.at(i) > m_columns.at(i).least &&
                         (widest < 0 || m_widths.at(i) > m_widths.at(widest)))
                         widest = i;
                 }
@@ -138,7 +124,7 @@ private:
         }
         while (line.endsWith(QLatin1Char(' ')))
             line.chop(1);
-        return m_output.write(coloured(line, tone, m_output.colours()) + '\n');
+        return m_output.write(line.toUtf8() + '\n', tone);
     }
 
     QVector<OutputColumn> m_columns;
@@ -170,7 +156,7 @@ public:
                 line = visible(line.replace(QLatin1Char('\t'), QLatin1String("    ")));
             block += lines.join(QLatin1Char('\n') + QString(m_width + 2, QLatin1Char(' '))) + QLatin1Char('\n');
         }
-        return m_output.write(coloured(block, tone, m_output.colours()));
+        return m_output.write(block.toUtf8(), tone);
     }
 
 private:
@@ -189,7 +175,10 @@ public:
             m_header << column.key;
     }
 
-    bool row(const QVector<QByteArray> &cells, Tone) override { return header() && m_output.write(csvRow(cells, ',')); }
+    bool row(const QVector<QByteArray> &cells, Tone) override
+    {
+        return header() && m_output.writeData(csvRow(cells, ','));
+    }
     bool end() override { return header(); }
 
 private:
@@ -197,7 +186,7 @@ private:
     {
         if (m_header.isEmpty())
             return true;
-        const bool written = m_output.write(csvRow(m_header, ','));
+        const bool written = m_output.writeData(csvRow(m_header, ','));
         m_header.clear();
         return written;
     }
@@ -211,7 +200,7 @@ class JsonWriter : public RowWriter
 public:
     JsonWriter(const QVector<OutputColumn> &columns, Output &output) : m_columns(columns), m_output(output) {}
 
-    bool row(const QVector<QByteArray> &cells, Tone) override { return m_output.write(jsonRow(m_columns, cells)); }
+    bool row(const QVector<QByteArray> &cells, Tone) override { return m_output.writeData(jsonRow(m_columns, cells)); }
 
 private:
     QVector<OutputColumn> m_columns;
@@ -253,12 +242,23 @@ QByteArray csvRow(const QVector<QByteArray> &cells, char separator)
         row += QByteArray(cell).replace('"', "\"\"");
         row += '"';
     }
-    // A row of one empty cell would be an empty line, which is no row.
+    // A row of one empty cell would be an empty line, which is not a row.
     if (row.isEmpty())
         row = "\"\"";
     row += '\n';
     return row;
 }
+
+namespace
+{
+
+QByteArray jsonText(const QByteArray &text)
+{
+    const QByteArray array = QJsonDocument(QJsonArray{QString::fromUtf8(text)}).toJson(QJsonDocument::Compact);
+    return array.mid(1, array.size() - 2); // between the brackets
+}
+
+} // namespace
 
 QByteArray jsonRow(const QVector<OutputColumn> &columns, const QVector<QByteArray> &cells)
 {
@@ -267,7 +267,7 @@ QByteArray jsonRow(const QVector<OutputColumn> &columns, const QVector<QByteArra
     for (int i = 0; i < columns.size(); ++i) {
         if (i > 0)
             row += ',';
-        row += '"' + columns.at(i).key + "\":";
+        row += jsonText(columns.at(i).key) + ':';
         const QByteArray &cell = cells.at(i);
         bool isNumber = false;
         if (columns.at(i).number)
@@ -277,8 +277,7 @@ QByteArray jsonRow(const QVector<OutputColumn> &columns, const QVector<QByteArra
         } else if (isNumber) {
             row += cell;
         } else {
-            const QByteArray array = QJsonDocument(QJsonArray{QString::fromUtf8(cell)}).toJson(QJsonDocument::Compact);
-            row += array.mid(1, array.size() - 2); // between the brackets
+            row += jsonText(cell);
         }
     }
     row += "}\n";

@@ -8,6 +8,20 @@
 namespace device_db
 {
 
+namespace
+{
+
+// The control characters above ASCII, which some terminals obey, and those that change the direction of what follows
+// or end a line.
+bool steers(QChar c)
+{
+    const ushort code = c.unicode();
+    return (code >= 0x80 && code < 0xa0) || (code >= 0x202a && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069) ||
+           code == 0x2028 || code == 0x2029;
+}
+
+} // namespace
+
 std::string wrapped(const std::string &text, std::size_t lineWidth, const std::string &indent)
 {
     std::string result;
@@ -76,12 +90,22 @@ QString visible(const QString &text)
             result += QChar(0x2400 + c.unicode());
         else if (c.unicode() == 0x7f)
             result += QChar(0x2421);
-        else if (c.unicode() < 0xa0 && c.unicode() > 0x7f)
-            result += QChar(0xfffd); // the other control characters, which some terminals obey
+        else if (steers(c))
+            result += QChar(0xfffd);
         else
             result += c;
     }
     return result;
+}
+
+QByteArray visibleLines(const QByteArray &text)
+{
+    if (std::all_of(text.begin(), text.end(), [](char c) { return (c >= 0x20 && c < 0x7f) || c == '\n' || c == '\t'; }))
+        return text;
+    QString result;
+    for (const QChar c : QString::fromUtf8(text))
+        result += c == QLatin1Char('\n') || c == QLatin1Char('\t') ? QString(c) : visible(QString(c));
+    return result.toUtf8();
 }
 
 } // namespace device_db

@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: MIT
+#include "import/json_reader.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLocale>
+#include <QVariant>
+
+#include <utility>
+
+namespace device_db
+{
+
+namespace
+{
+
+constexpr qint64 longestLine = 64 << 20; // something that is not lines must not be taken into memory as a whole
+
+// Null when the value is not a cell's.
+std::optional<QByteArray> cellOf(const QJsonValue &value)
+{
+    switch (value.type()) {
+    case QJsonValue::Null:
+        return QByteArray();
+    case QJsonValue::Undefined:
+        return QByteArray("");
+    case QJsonValue::Bool:
+        return QByteArray(value.toBool() ? "true" : "false");
+    case QJsonValue::Double: {
+        const QVariant number = value.toVariant(); // an integer keeps all of its digits
+        return number.userType() == QMetaType::LongLong
+                   ? QByteArray::number(number.toLongLong())
+                   : QString::number(number.toDouble(), 'g', QLocale::FloatingPointShortest).toLatin1();
+    }
+    case QJsonValue::String: {
+        const QByteArray text = value.toString().toUtf8();
+        return text.isNull() ? QByteArray("") : text;
+    }
+    default:
+        return std::nullopt;
+    }
+}
+
+} // namespace
+
+JsonReader::JsonReader(QIODevice *input, QStringList keys, qint64 offset, qint64 line)
+    : m_input(input), m_keys(std::move(keys)), m_offset(offset), m_line(line)
+{
+    if (offset == 0 && input->peek(3) == "\xef\xbb\xbf")
+        m_offset += input->read(3).size();
+}
+
+std::optional<QStringList> JsonReader::header()
+{
+    while (m_waiting.isNull()) {
+        m_waiting = m_input->readLine(longestLine);
+        if (m_waiting.isEmpty())
+            return std::nullopt;
+        if (m_waiting.trimmed().isEmpty()) {
+            m_offset += m_waiting.size();
+            ++m_line;
+            m_waiting = QByteArray();
+        }
+    }
+    m_keys = QJsonDocument::fromJson(m_waiting).object().keys();
+    return m_keys.isEmpty() ? std::nullopt : std::optional(m_keys);
+}
+
+bool JsonReader::next(InputRow &row)
+{
+    for (;;) {
+        const QByteArray text =
+            m_waiting.isNull() ? m_input->readLine(longestLine) : std::exchange(m_waiting, QByteArray());
+        if (text.isEmpty())
+            return false;
+        row = {m_line++, {}, {}};
+        m_offset += text.size();
+        if (!text.trimmed().isEmpty()) {
+            QJsonParseError error{};
+            const QJsonObject object = QJsonDocument::fromJson(text, &error).object();
+            const auto refuse = [&](const QByteArray &why) {
+                row.cells = {text.trimmed()};
+                row.fault = why;
+                return true;
+            };
+            if (object.isEmpty())
+                return refuse(error.error == QJsonParseError::NoError
+                                  ? QByteArray("it is not a JSON object with keys")
+                                  : "it is not JSON: " + error.errorString().toUtf8());
+            int found = 0;
+            for (const QString &key : std::as_const(m_keys)) {
+                found += object.contains(key);
+                const auto cell = cellOf(object.value(key));
+                if (!cell)
+                    return refuse("\"" + key.toUtf8() + "\" is a list or an object, not a cell");
+                row.cells << *cell;
+            }
+            if (found < object.size()) {
+                for (const QString &key : object.keys()) {
+                    if (!m_keys.contains(key))
+                        return refuse("\"" + key.toUtf8() + "\" is not a key of the first line");
+                }
+            }
+            return true;
+        }
+    }
+}
+
+} // namespace device_db
