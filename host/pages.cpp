@@ -34,6 +34,10 @@ void PagedModel::Pages::belongTo(PagedModel *model)
     QObject::connect(&m_soon, &QTimer::timeout, model, [this] { refresh(); });
     QObject::connect(&m_turn, &QTimer::timeout, model, [this] { m_askedThisTurn = 0; });
     Recorder *const recorder = m_recorder;
+    if (!recorder) {
+        setError(QStringLiteral("the model was made without a recorder"));
+        return;
+    }
     const auto changed = [this](const QString &table) {
         if (m_following && table.compare(m_table, Qt::CaseInsensitive) == 0 && !m_soon.isActive())
             m_soon.start();

@@ -278,4 +278,11 @@ TEST_F(Models, ATimeInTheHourThatSummerTimeLeavesOutIsShown)
     tzset();
 }
 
+TEST_F(Models, AModelWithoutARecorderSaysSo)
+{
+    const SampleModel model(nullptr, table("Boiler"_q));
+    EXPECT_EQ(model.rowCount(), 0);
+    EXPECT_TRUE(model.errorText().contains("without a recorder"_q));
+}
+
 } // namespace

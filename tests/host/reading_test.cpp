@@ -230,13 +230,13 @@ protected:
 
     /// One row per minute from the start of 2024 on; each tenth ID is left out, and at row 12,345 the clock is set back
     /// by a week.
-    static void fill(PlainConnection &plain, int rows = LargeTable::rows)
+    static void fill(PlainConnection &plain, int count = rows)
     {
         plain.run(QStringLiteral(
                       "with recursive n(i) as (select 0 union all select i+1 from n where i<%1-1) insert into Boiler "
                       "select i+i/9,datetime('2024-01-01',(i-case when i<12345 then 0 else 10080 end)||' minutes'),"
                       "'value '||i from n")
-                      .arg(rows));
+                      .arg(count));
     }
     HistoryStore opened(const OpenOptions &options = {})
     {
