@@ -82,12 +82,12 @@ TEST_F(Outputs, RowsComeWithoutAPager)
     makeSamples();
     for (const char *type : {"xterm", "dumb", ""}) {
         const Outcome without =
-            runOnTerminal({"newest"_q, "e.db"_q, "--color"_q, "never"_q}, {type, "/nowhere", QByteArray()});
+            runOnTerminal({"newest"_q, "e.db"_q, "--color"_q, "never"_q}, {type, "/nowhere", "\nq"});
         EXPECT_EQ(without.exitCode, 0);
         EXPECT_TRUE(without.output.contains("2024-05-06 07:08:10")) << without.output.constData();
         EXPECT_FALSE(without.output.contains("not found")) << without.output.constData();
     }
-    const Outcome dumb = runOnTerminal({"newest"_q, "e.db"_q}, {"dumb", QByteArray(), QByteArray()});
+    const Outcome dumb = runOnTerminal({"newest"_q, "e.db"_q}, {"dumb", QByteArray(), "\nq"}); // for a pager that waits
     EXPECT_FALSE(dumb.output.contains("WARNING")) << dumb.output.constData();
     EXPECT_FALSE(dumb.output.contains('\x1b')) << dumb.output.constData();
 }
