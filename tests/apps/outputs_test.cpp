@@ -110,6 +110,23 @@ TEST_F(Outputs, LostOutputIsAFailure)
     }
 }
 
+// A limit of the size of files stands in for a full disk; --lock saves the copy, which it would meet first.
+TEST_F(Outputs, AFileThatCannotGrowSaysWhy)
+{
+    PlainConnection(path("large.db"_q))
+        .run("create table T(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text);"
+             "insert into T(DATETIME,Value) with recursive n(i) as (select 1 union all select i+1 from n where i<3000)"
+             "select '2024-05-06 07:08:09',hex(zeroblob(50)) from n"_q);
+    QProcess process;
+    process.setWorkingDirectory(path(""_q));
+    process.start("bash"_q, {"-c"_q, "trap '' XFSZ; ulimit -f 64; '%1' export large.db --lock -o out.csv"_q.arg(
+                                         QString::fromLocal8Bit(DEVICE_DB))});
+    const Outcome outcome = finish(process);
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_EQ(outcome.errors, "device-db: out.csv: File too large; check the free space\n");
+    EXPECT_EQ(QDir(path(""_q)).entryList(QDir::Files), QStringList{"large.db"_q});
+}
+
 TEST_F(Outputs, AReaderThatHasSeenEnoughIsNoFailure)
 {
     PlainConnection(path("many.db"_q))
