@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "storefile/live_file.h"
 
+#include "storefile/system_error.h"
 #include "storefile/temporary_file.h"
 #include "storefile/texts.h"
 
@@ -12,7 +13,6 @@
 
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <thread>
@@ -34,11 +34,6 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr std::array<const char *, 4> besides{"", "-journal", "-wal", "-shm"};
-
-QString systemError()
-{
-    return QString::fromLocal8Bit(std::strerror(errno));
-}
 
 // SQLite's locks are locks of single bytes, which can be looked at without taking one.
 constexpr off_t reservedByte = 0x40000001;

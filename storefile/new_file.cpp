@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "storefile/new_file.h"
 
+#include "storefile/system_error.h"
+
 #include <QFile>
 #include <QFileInfo>
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -20,8 +21,7 @@ namespace
 
 Error systemFailure(const QString &path)
 {
-    return failure(path, QString::fromLocal8Bit(std::strerror(errno)) +
-                             QStringLiteral("; check the folder, its rights and free space"));
+    return failure(path, systemError() + QStringLiteral("; check the folder, its rights and free space"));
 }
 
 Error thereAlready(const QString &path)

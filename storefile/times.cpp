@@ -11,6 +11,8 @@ namespace device_db
 namespace
 {
 
+constexpr const char *localMark = " local";
+
 QByteArray formOf(const QDateTime &time, bool milliseconds)
 {
     return time
@@ -121,8 +123,13 @@ QByteArray inUtc(const QByteArray &time, bool milliseconds)
     const QDateTime parsed = fromText(time, milliseconds, Qt::LocalTime);
     // In an hour that summer time leaves out Qt gives an invalid time or moves it, by version.
     if (!parsed.isValid() || formOf(parsed, milliseconds) != time)
-        return time + " local";
+        return time + localMark;
     return formOf(parsed.toUTC(), milliseconds);
+}
+
+QByteArray beginningOf(const QByteArray &time, int size)
+{
+    return time.endsWith(localMark) ? time.left(size) + localMark : time.left(size);
 }
 
 QString duration(qint64 milliseconds)

@@ -29,6 +29,8 @@ QByteArray endOfAlarm(const QByteArray &date, const QByteArray &time);
 /// A time of the tables in UTC; any other text as it is. An hour that summer time repeats counts as its first. A time
 /// in an hour that summer time leaves out has no UTC and comes as it is with " local" after it.
 QByteArray inUtc(const QByteArray &time, bool milliseconds);
+/// The first characters of such a time, for a day or an hour; " local" after it stays.
+QByteArray beginningOf(const QByteArray &time, int size);
 
 /// "2 d 03:04:05", "1:05:00", "0.250 s".
 QString duration(qint64 milliseconds);

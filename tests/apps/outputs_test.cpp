@@ -82,12 +82,12 @@ TEST_F(Outputs, RowsComeWithoutAPager)
     makeSamples();
     for (const char *type : {"xterm", "dumb", ""}) {
         const Outcome without =
-            runOnTerminal({"newest"_q, "e.db"_q, "--color"_q, "never"_q}, {type, "/nowhere", QByteArray()});
+            runOnTerminal({"newest"_q, "e.db"_q, "--color"_q, "never"_q}, {type, "/nowhere", "\nq"});
         EXPECT_EQ(without.exitCode, 0);
         EXPECT_TRUE(without.output.contains("2024-05-06 07:08:10")) << without.output.constData();
         EXPECT_FALSE(without.output.contains("not found")) << without.output.constData();
     }
-    const Outcome dumb = runOnTerminal({"newest"_q, "e.db"_q}, {"dumb", QByteArray(), QByteArray()});
+    const Outcome dumb = runOnTerminal({"newest"_q, "e.db"_q}, {"dumb", QByteArray(), "\nq"}); // for a pager that waits
     EXPECT_FALSE(dumb.output.contains("WARNING")) << dumb.output.constData();
     EXPECT_FALSE(dumb.output.contains('\x1b')) << dumb.output.constData();
 }
@@ -108,6 +108,23 @@ TEST_F(Outputs, LostOutputIsAFailure)
         EXPECT_TRUE(outcome.errors.contains("No space left on device"))
             << command << ": " << outcome.errors.constData();
     }
+}
+
+// A limit of the size of files stands in for a full disk; --lock saves the copy, which it would meet first.
+TEST_F(Outputs, AFileThatCannotGrowSaysWhy)
+{
+    PlainConnection(path("large.db"_q))
+        .run("create table T(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text);"
+             "insert into T(DATETIME,Value) with recursive n(i) as (select 1 union all select i+1 from n where i<3000)"
+             "select '2024-05-06 07:08:09',hex(zeroblob(50)) from n"_q);
+    QProcess process;
+    process.setWorkingDirectory(path(""_q));
+    process.start("bash"_q, {"-c"_q, "trap '' XFSZ; ulimit -f 64; '%1' export large.db --lock -o out.csv"_q.arg(
+                                         QString::fromLocal8Bit(DEVICE_DB))});
+    const Outcome outcome = finish(process);
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_EQ(outcome.errors, "device-db: out.csv: File too large; check the free space\n");
+    EXPECT_EQ(QDir(path(""_q)).entryList(QDir::Files), QStringList{"large.db"_q});
 }
 
 TEST_F(Outputs, AReaderThatHasSeenEnoughIsNoFailure)

@@ -46,6 +46,8 @@ TEST(BoundText, TakesUtcWhenItIsTold)
     EXPECT_EQ(inUtc("2024-03-31 01:59:59", false), "2024-03-31 00:59:59");
     EXPECT_EQ(inUtc("2024-03-31 02:30:00", false), "2024-03-31 02:30:00 local") << "an hour that there was not";
     EXPECT_EQ(inUtc("2024-03-31 02:30:00.000", true), "2024-03-31 02:30:00.000 local");
+    EXPECT_EQ(beginningOf(inUtc("2024-03-31 02:30:00", false), 13), "2024-03-31 02 local");
+    EXPECT_EQ(beginningOf("2024-03-31 02:30:00", 10), "2024-03-31");
     EXPECT_EQ(inUtc("2024-03-31 03:00:00", false), "2024-03-31 01:00:00");
     qputenv("TZ", "UTC");
     tzset();

@@ -55,7 +55,7 @@ Result<std::map<QByteArray, qint64>> countsOf(const Database &database, const Ta
     const bool milliseconds = hasMilliseconds(table.kind);
     while (times->step()) {
         const QByteArray time = times->cell(0);
-        ++counts[(command.output.utc ? inUtc(time, milliseconds) : time).left(size)];
+        ++counts[beginningOf(command.output.utc ? inUtc(time, milliseconds) : time, size)];
     }
     if (const Status status = times->status(); !status)
         return status.error();

@@ -5,6 +5,7 @@
 #include "program/program.h"
 #include "storefile/new_file.h"
 #include "storefile/row_query.h"
+#include "storefile/system_error.h"
 #include "storefile/texts.h"
 #include "terminal/progress.h"
 #include "terminal/table_writer.h"
@@ -198,9 +199,9 @@ Outcome exportRows(ExportOptions &options)
     if (const Status status = rows->status(); !status)
         return status.error();
     if (!(written && exporter.foot() && output.flush()))
-        return target ? failure(options.output, output.errorString() + QStringLiteral("; check the free space"))
+        return target ? failure(options.output, systemError() + QStringLiteral("; check the free space"))
                       : failure(QStringLiteral("standard output"),
-                                output.errorString() + QStringLiteral("; not all rows were taken"));
+                                systemError() + QStringLiteral("; not all rows were taken"));
     progress.wipe();
     if (target) {
         output.close();

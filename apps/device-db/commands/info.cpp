@@ -73,13 +73,12 @@ void print(const InfoOptions &options, const FileFacts &facts, const QStringList
     const int shown = output.width() == 0 || output.width() >= 96 ? 16 : 10;
     for (const TableFacts &each : facts.tables) {
         const auto time = [&](const QByteArray &text) {
-            return options.output.utc ? inUtc(text, hasMilliseconds(each.table.kind)) : text;
+            return beginningOf(options.output.utc ? inUtc(text, hasMilliseconds(each.table.kind)) : text, shown);
         };
         const bool records = holdsRecords(each.table.kind);
         tables->row({each.table.name.toUtf8(), nameOf(each.table.kind),
                      each.rows < 0 ? QByteArray("") : grouped(each.rows).toLatin1(),
-                     records && each.rows > 0 ? time(each.first).left(shown) : "",
-                     records && each.rows > 0 ? time(each.last).left(shown) : "",
+                     records && each.rows > 0 ? time(each.first) : "", records && each.rows > 0 ? time(each.last) : "",
                      records ? grouped(each.lastId).toLatin1() : "",
                      each.bytes < 0 ? QByteArray("") : bytesText(each.bytes).toLatin1(),
                      !records       ? ""

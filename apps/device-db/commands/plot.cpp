@@ -6,6 +6,7 @@
 #include "program/program.h"
 #include "storefile/new_file.h"
 #include "storefile/row_query.h"
+#include "storefile/system_error.h"
 #include "storefile/texts.h"
 #include "storefile/times.h"
 
@@ -265,7 +266,7 @@ Outcome run(const PlotCommand &command)
     } else {
         QFile output(target->part());
         if (!output.open(QIODevice::WriteOnly) || output.write(*image) != image->size() || !output.flush())
-            return failure(command.target, output.errorString() + QStringLiteral("; check the free space"));
+            return failure(command.target, systemError() + QStringLiteral("; check the free space"));
         if (const Status placed = target->putInPlace(); !placed)
             return placed.error();
         say(QStringLiteral("%1: %2 samples, %3 alarms").arg(command.target, grouped(samples), grouped(chart.alarms)));

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "import/refused_rows.h"
 
+#include "storefile/system_error.h"
 #include "terminal/table_writer.h"
 
 #include <QCryptographicHash>
@@ -54,12 +55,12 @@ Status RefusedRows::add(const InputRow &row, const QByteArray &reason)
     const bool written =
         (m_file || open()) &&
         m_file->write(csvRow(QVector<QByteArray>{QByteArray::number(row.line), reason} + row.cells, ',')) > 0;
-    return written ? Status() : trouble(*m_file);
+    return written ? Status() : trouble(systemError());
 }
 
 Status RefusedRows::flush()
 {
-    return !m_file || m_file->flush() ? Status() : Status(trouble(*m_file));
+    return !m_file || m_file->flush() ? Status() : Status(trouble(systemError()));
 }
 
 Status RefusedRows::finish()
@@ -72,14 +73,14 @@ Status RefusedRows::finish()
     for (int number = 2; m_mayBeNumbered && isThere(name); ++number)
         name = m_wanted.chopped(3) + QStringLiteral("%1.csv").arg(number);
     if (!file.rename(name)) // which replaces nothing
-        return trouble(file);
+        return trouble(file.errorString());
     m_path = name;
     return {};
 }
 
-Error RefusedRows::trouble(const QFile &file) const
+Error RefusedRows::trouble(const QString &why) const
 {
-    return failure(m_path, file.errorString() + QStringLiteral("; name another place for refused rows with --refused"));
+    return failure(m_path, why + QStringLiteral("; name another place for refused rows with --refused"));
 }
 
 } // namespace device_db

@@ -35,7 +35,7 @@ public:
 private:
     RefusedRows(QString wanted, bool mayBeNumbered, const QByteArray &import, qint64 keep);
     bool open();
-    Error trouble(const QFile &file) const;
+    Error trouble(const QString &why) const;
 
     QString m_wanted;
     bool m_mayBeNumbered;

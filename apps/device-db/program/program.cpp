@@ -3,11 +3,10 @@
 
 #include "program/help.h"
 #include "program/manual.h"
+#include "storefile/system_error.h"
 #include "terminal/output.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 
 namespace device_db
 {
@@ -50,8 +49,7 @@ int Program::run(int argc, char **argv)
     const int code = execute(argc, argv);
     if (outputIsComplete())
         return code;
-    complain(QStringLiteral("standard output: %1; not all of it was taken")
-                 .arg(QString::fromLocal8Bit(std::strerror(errno))));
+    complain(QStringLiteral("standard output: %1; not all of it was taken").arg(systemError()));
     return Failed;
 }
 
