@@ -14,6 +14,7 @@ namespace device_db
 namespace
 {
 
+constexpr qint64 usualLine = 4096;
 constexpr qint64 longestLine = 64 << 20; // something that is not lines must not be taken into memory as a whole
 
 // Null when the value is not a cell's.
@@ -50,10 +51,23 @@ JsonReader::JsonReader(QIODevice *input, QStringList keys, qint64 offset, qint64
         m_offset += input->read(3).size();
 }
 
+// In parts: Qt takes memory for the longest line that it may read.
+QByteArray JsonReader::readLine()
+{
+    QByteArray line = m_input->readLine(usualLine);
+    while (!line.isEmpty() && !line.endsWith('\n') && line.size() < longestLine) {
+        const QByteArray more = m_input->readLine(usualLine);
+        if (more.isEmpty())
+            break;
+        line += more;
+    }
+    return line;
+}
+
 std::optional<QStringList> JsonReader::header()
 {
     while (m_waiting.isNull()) {
-        m_waiting = m_input->readLine(longestLine);
+        m_waiting = readLine();
         if (m_waiting.isEmpty())
             return std::nullopt;
         if (m_waiting.trimmed().isEmpty()) {
@@ -69,8 +83,7 @@ std::optional<QStringList> JsonReader::header()
 bool JsonReader::next(InputRow &row)
 {
     for (;;) {
-        const QByteArray text =
-            m_waiting.isNull() ? m_input->readLine(longestLine) : std::exchange(m_waiting, QByteArray());
+        const QByteArray text = m_waiting.isNull() ? readLine() : std::exchange(m_waiting, QByteArray());
         if (text.isEmpty())
             return false;
         row = {m_line++, {}, {}};

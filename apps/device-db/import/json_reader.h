@@ -25,6 +25,8 @@ public:
     qint64 line() const override { return m_line; }
 
 private:
+    QByteArray readLine();
+
     QIODevice *m_input;
     QStringList m_keys;
     QByteArray m_waiting; ///< The first line, which header() has read; else null.
