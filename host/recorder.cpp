@@ -282,8 +282,8 @@ Question AlarmRecorder::removeEndedAndBefore(const TableName &table, LocalTime t
     return remove(removal.before(time, false), context, std::move(answer));
 }
 
-template class DEVICE_HOST_EXPORT RecorderOf<Sample>;
-template class DEVICE_HOST_EXPORT RecorderOf<Alarm>;
-template class DEVICE_HOST_EXPORT RecorderOf<LogEntry>;
+template class RecorderOf<Sample>;
+template class RecorderOf<Alarm>;
+template class RecorderOf<LogEntry>;
 
 } // namespace device

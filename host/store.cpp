@@ -295,9 +295,9 @@ Result<qint64> Store<Record>::removeBefore(const TableName &table, LocalTime tim
                                 {QStringLiteral("delete from %1 where DATETIME<%2").arg(table.text(), quoted(text))});
 }
 
-template class DEVICE_HOST_EXPORT Store<Sample>;
-template class DEVICE_HOST_EXPORT Store<Alarm>;
-template class DEVICE_HOST_EXPORT Store<LogEntry>;
+template class Store<Sample>;
+template class Store<Alarm>;
+template class Store<LogEntry>;
 
 Result<HistoryStore> HistoryStore::open(const Library &library, const QString &path, const OpenOptions &options)
 {

@@ -173,7 +173,7 @@ struct StoreOf<LogEntry> {
 
 /// The typed side of a Recorder.
 template<typename Record>
-class RecorderOf : public Recorder
+class DEVICE_HOST_EXPORT RecorderOf : public Recorder
 {
 public:
     using StoreType = typename StoreOf<Record>::Type;
@@ -292,9 +292,9 @@ Q_SIGNALS:
     void ended(const QString &object, const QString &type, device::LocalTime when);
 };
 
-extern template class DEVICE_HOST_EXPORT RecorderOf<Sample>;
-extern template class DEVICE_HOST_EXPORT RecorderOf<Alarm>;
-extern template class DEVICE_HOST_EXPORT RecorderOf<LogEntry>;
+extern template class RecorderOf<Sample>;
+extern template class RecorderOf<Alarm>;
+extern template class RecorderOf<LogEntry>;
 
 } // namespace device
 

@@ -22,7 +22,7 @@ namespace device
 /// A QDateTime is taken wherever one is asked for; the way back is toDateTime(). It is not a QDateTime because that
 /// asks the zone at every construction, which makes reading three times as slow, and because an hour that the zone
 /// leaves out in spring is a time like any other here.
-class LocalTime
+class DEVICE_HOST_EXPORT LocalTime
 {
 public:
     LocalTime() = default;
@@ -65,7 +65,7 @@ private:
 };
 
 /// One sampled value.
-struct Sample {
+struct DEVICE_HOST_EXPORT Sample {
     Sample() = default;
     Sample(LocalTime when, QString text) : time(when), value(std::move(text)) {}
     /// The value as numberText() writes it: number() gives the same double. One that is not finite is stored as a text
@@ -82,7 +82,7 @@ struct Sample {
 };
 
 /// One alarm, identified on the device by its object and type.
-struct Alarm {
+struct DEVICE_HOST_EXPORT Alarm {
     int level = 0;
     LocalTime start;
     QString object;
@@ -102,7 +102,7 @@ struct Alarm {
 };
 
 /// One action of an operator.
-struct LogEntry {
+struct DEVICE_HOST_EXPORT LogEntry {
     LocalTime time;
     QString user;
     QString name;

@@ -129,7 +129,7 @@ protected:
 
 /// The operations on one kind of record. HistoryStore, AlarmStore and LogStore are the ones to use.
 template<typename Record>
-class Store : public StoreFile
+class DEVICE_HOST_EXPORT Store : public StoreFile
 {
 public:
     /// Makes the table if it is missing: true if it was made, false if it exists already. An Error if it exists with
@@ -212,9 +212,9 @@ private:
     friend class RecorderOf; // makes stores on its own connection
 };
 
-extern template class DEVICE_HOST_EXPORT Store<Sample>;
-extern template class DEVICE_HOST_EXPORT Store<Alarm>;
-extern template class DEVICE_HOST_EXPORT Store<LogEntry>;
+extern template class Store<Sample>;
+extern template class Store<Alarm>;
+extern template class Store<LogEntry>;
 
 } // namespace device
 
