@@ -2,8 +2,8 @@
 //
 // What a power cut leaves of the batches that a typed store has acknowledged, in the profiles that promise something.
 // DEVICE_FAULTS_CUTS is the number of cuts in each test, DEVICE_FAULTS_SEED chooses others.
-#include "../faults/power_cut.h"
 #include "host_test.h"
+#include "power_cut.h"
 
 #include "device/store.h"
 

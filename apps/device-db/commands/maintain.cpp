@@ -110,7 +110,8 @@ Result<qint64> deleteRows(const Database &database, const Doomed &rows)
             return done.error();
         slice->reset();
         deleted += database.changes();
-        first = last + 1;
+        if (!isLast)
+            first = last + 1;
     }
     return deleted;
 }
