@@ -3,6 +3,8 @@
 
 #include <QCoreApplication>
 
+#include <csignal>
+
 namespace
 {
 
@@ -102,21 +104,103 @@ TEST_F(Import, ThatIsInterruptedKeepsWhatItHasAndSaysSo)
     EXPECT_TRUE(run({"export"_q, "many.db"_q}).output == stored);
 }
 
-TEST_F(Import, OfAnInputThatWasChangedSinceIsRefused)
+/// An import of many.csv into many.db that was stopped.
+class StoppedImport : public Import
 {
-    write("many.csv"_q, manySamples());
-    const QStringList arguments{"import"_q, "many.db"_q, "Many"_q, "many.csv"_q, "--create"_q, "--kind"_q, "samples"_q};
-    QProcess process;
-    start(process, arguments);
-    while (QFileInfo(path("many.db"_q)).size() < 500000 && process.state() == QProcess::Running)
-        process.waitForFinished(1);
-    process.terminate();
-    ASSERT_EQ(finish(process).exitCode, 130);
+protected:
+    const QStringList m_arguments{"import"_q,   "many.db"_q, "Many"_q,   "many.csv"_q,
+                                  "--create"_q, "--kind"_q,  "samples"_q};
+
+    void stop(const QStringList &options = {}, int signal = SIGTERM)
+    {
+        QProcess process;
+        start(process, m_arguments + options);
+        while (QFileInfo(path("many.db"_q)).size() < 500000 && process.state() == QProcess::Running)
+            process.waitForFinished(1);
+        ::kill(pid_t(process.processId()), signal);
+        const Outcome outcome = finish(process);
+        ASSERT_EQ(outcome.exitCode, 130) << outcome.errors.constData();
+    }
+    void SetUp() override { write("many.csv"_q, manySamples(&m_stored)); }
+
+    QByteArray m_stored;
+};
+
+TEST_F(StoppedImport, OfAnInputThatWasChangedSinceIsRefused)
+{
+    stop();
     write("many.csv"_q, "time,value\n2024-05-06 07:08:09,1\n");
-    const Outcome changed = run(arguments);
+    const Outcome changed = run(m_arguments);
     EXPECT_EQ(changed.exitCode, 1);
     EXPECT_TRUE(changed.errors.contains("--restart")) << changed.errors.constData();
-    EXPECT_EQ(run(arguments + QStringList{"--restart"_q}).exitCode, 0);
+    EXPECT_EQ(run(m_arguments + QStringList{"--restart"_q}).exitCode, 0);
+}
+
+TEST_F(StoppedImport, DoesNotGoOnInATableThatWasEmptied)
+{
+    stop();
+    ASSERT_EQ(run({"clear"_q, "many.db"_q, "Many"_q, "--yes"_q}).exitCode, 0);
+    const Outcome again = run(m_arguments);
+    EXPECT_EQ(again.exitCode, 1);
+    EXPECT_TRUE(again.errors.contains("rows that it stored in Many are no longer there; --restart"))
+        << again.errors.constData();
+    EXPECT_EQ(run(m_arguments + QStringList{"--restart"_q}).exitCode, 3);
+    EXPECT_TRUE(run({"export"_q, "many.db"_q}).output == m_stored);
+}
+
+// Other rows have the same IDs since.
+TEST_F(StoppedImport, DoesNotGoOnAfterTheRowsOfAnother)
+{
+    stop();
+    PlainConnection(path("many.db"_q)).run("update Many set DATETIME='2023'||substr(DATETIME,5)"_q);
+    const Outcome again = run(m_arguments);
+    EXPECT_EQ(again.exitCode, 1);
+    EXPECT_TRUE(again.errors.contains("no longer there")) << again.errors.constData();
+}
+
+TEST_F(StoppedImport, GoesOnAfterOlderRowsWereDeletedAndNewerOnesCame)
+{
+    stop();
+    ASSERT_EQ(run({"trim"_q, "many.db"_q, "Many"_q, "--keep"_q, "5"_q, "--yes"_q}).exitCode, 0);
+    PlainConnection(path("many.db"_q)).run("insert into Many values(NULL,'2024-05-07 07:08:09','')"_q);
+    const Outcome again = run(m_arguments);
+    EXPECT_EQ(again.exitCode, 3);
+    EXPECT_TRUE(again.errors.contains("going on at line")) << again.errors.constData();
+}
+
+TEST_F(StoppedImport, BeginsAnewInATableThatWasMadeAnew)
+{
+    stop();
+    PlainConnection(path("many.db"_q)).run("drop table Many"_q);
+    EXPECT_EQ(run(m_arguments).exitCode, 3);
+    EXPECT_TRUE(run({"export"_q, "many.db"_q}).output == m_stored);
+}
+
+TEST_F(StoppedImport, GoesOnOnlyWithTheOptionsThatItBeganWith)
+{
+    stop({"--zone"_q, "UTC"_q});
+    for (const QStringList &others :
+         {QStringList{"--zone"_q, "Asia/Tokyo"_q}, QStringList{"--zone"_q, "UTC"_q, "--columns"_q, "time,value"_q},
+          QStringList{"--zone"_q, "UTC"_q, "--as-is"_q}, QStringList{"--zone"_q, "UTC"_q, "--null"_q, ""_q},
+          QStringList{"--zone"_q, "UTC"_q, "--time-format"_q, "yyyy-dd-MM hh:mm:ss"_q},
+          QStringList{"--zone"_q, "UTC"_q, "--encoding"_q, "latin1"_q},
+          QStringList{"--zone"_q, "UTC"_q, "--separator"_q, ","_q}}) {
+        const Outcome outcome = run(m_arguments + others);
+        EXPECT_EQ(outcome.exitCode, 1) << qPrintable(others.join(QLatin1Char(' ')));
+        EXPECT_TRUE(outcome.errors.contains("with another --")) << outcome.errors.constData();
+    }
+    EXPECT_EQ(run({"import"_q, "many.db"_q, "Many"_q, "many.csv"_q, "--zone"_q, "UTC"_q}).exitCode, 3);
+    EXPECT_TRUE(run({"export"_q, "many.db"_q}).output == m_stored);
+}
+
+TEST_F(Import, WorksBesideAnyTableOfSamples)
+{
+    write("wide.csv"_q, "time,device_db_import\n2024-05-06 07:08:09,1\n");
+    for (int i = 0; i < 2; ++i) {
+        const Outcome outcome = run({"import"_q, "wide.db"_q, "wide.csv"_q, "--wide"_q, "--create"_q});
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.errors.constData();
+    }
+    EXPECT_TRUE(run({"info"_q, "wide.db"_q}).output.contains("device_db_import"));
 }
 
 TEST_F(Import, DoesNotTouchAFileThatAnotherProcessHasOpen)

@@ -17,6 +17,7 @@
 #include "device/store.h"
 
 #include <QFileInfo>
+#include <QJsonArray>
 
 #include <algorithm>
 #include <atomic>
@@ -90,12 +91,13 @@ private:
     QStringList tables() const;
     QString destinationNames() const { return tables().join(QLatin1String(", ")); }
     QString destinationText() const;
+    QJsonObject form() const;
     Lookup lookup() const { return {m_options.create, m_options.wide, m_options.dryRun}; }
     Status openInput();
     Status chooseTable(const QStringList &names);
     Status chooseSeries(const QStringList &names, const QStringList &header);
     Status openTarget();
-    Status goOn();
+    Status goOn(bool fromTheStart);
     Status openRefused();
     Status copy();
     Result<int> store(const QVector<QByteArray> &cells, QByteArray &reason);
@@ -132,6 +134,24 @@ QString Import::destinationText() const
 {
     return m_destinations.size() == 1 ? m_destinations.first().table
                                       : QStringLiteral("%1 tables").arg(grouped(m_destinations.size()));
+}
+
+/// What decides the meaning of a line: an import goes on only with the same.
+QJsonObject Import::form() const
+{
+    const InputOptions &input = m_options.input;
+    return {{QStringLiteral("--columns"), m_options.columns},
+            {QStringLiteral("--default"), QJsonArray::fromStringList(m_options.constants)},
+            {QStringLiteral("--kind"), QLatin1String(nameOf(m_assignment.kind))},
+            {QStringLiteral("--wide"), m_options.wide},
+            {QStringLiteral("--separator"), input.separator ? QString(QLatin1Char(*input.separator)) : QString()},
+            {QStringLiteral("--encoding"), input.encoding},
+            {QStringLiteral("--skip"), input.skip},
+            {QStringLiteral("--no-header"), input.noHeader},
+            {QStringLiteral("--time-format"), m_options.timeFormat},
+            {QStringLiteral("--zone"), m_options.zone},
+            {QStringLiteral("--null"), m_options.null ? QString::fromUtf8(*m_options.null) : QJsonValue()},
+            {QStringLiteral("--as-is"), m_options.asIs}};
 }
 
 Status Import::openInput()
@@ -205,9 +225,9 @@ Status Import::chooseSeries(const QStringList &names, const QStringList &header)
 
 Status Import::openTarget()
 {
-    const bool isMissing = std::any_of(m_destinations.cbegin(), m_destinations.cend(),
-                                       [](const Destination &each) { return each.kind == Kind::Foreign; });
-    if (isMissing) {
+    const auto missing = [](const Destination &each) { return each.kind == Kind::Foreign; };
+    const bool areNew = std::all_of(m_destinations.cbegin(), m_destinations.cend(), missing);
+    if (std::any_of(m_destinations.cbegin(), m_destinations.cend(), missing)) {
         // A new table has no earlier run, and is not made when the file for refused rows cannot be.
         if (const Status ready = openRefused(); !ready)
             return ready;
@@ -224,8 +244,10 @@ Status Import::openTarget()
         return store.error();
     m_store.emplace(std::move(store).value());
     if (m_input->isFile()) {
-        m_bookkeeping.emplace(*m_database, m_input->file(), destinationNames());
-        if (const Status gone = goOn(); !gone)
+        // Of a file with many series there is one place, so that other --columns are noticed.
+        m_bookkeeping.emplace(*m_database, m_input->file(),
+                              m_options.wide ? QStringLiteral("several tables") : destinationNames(), tables(), form());
+        if (const Status gone = goOn(m_options.restart || areNew); !gone)
             return gone;
     }
     if (!m_refused) {
@@ -246,9 +268,9 @@ Status Import::openRefused()
     return {};
 }
 
-Status Import::goOn()
+Status Import::goOn(bool fromTheStart)
 {
-    const auto earlier = m_bookkeeping->find(m_options.restart);
+    const auto earlier = m_bookkeeping->find(fromTheStart);
     if (!earlier)
         return earlier.error();
     if (earlier->offset == 0)
