@@ -9,6 +9,7 @@
 #include "storefile/live_file.h"
 #include "storefile/texts.h"
 #include "storefile/times.h"
+#include "terminal/output.h"
 
 #include "device/store.h"
 
@@ -41,9 +42,14 @@ struct Doomed {
     QByteArray value;
     qint64 rows = 0;
     qint64 left = 0;
+    qint64 unread = 0; ///< Of these, kept because nobody can say how old they are.
     QByteArray first;
     QByteArray last;
 };
+
+// Times are compared as texts. What is not one, such as "2024" or "06.05.2024 07:00", would come before all of them.
+constexpr const char *hasTime = "coalesce(DATETIME glob '[0-9][0-9][0-9][0-9]-[0-9][0-9]-[0-9][0-9] "
+                                "[0-9][0-9]:[0-9][0-9]:[0-9][0-9]*' and julianday(DATETIME) is not null,0)";
 
 /// Looks at a file without changing it, even when somebody else has it open.
 Result<OpenFile> openForDryRun(const MaintainOptions &options)
@@ -58,6 +64,7 @@ struct Deletion {
     QVector<Kind> kinds; ///< Empty: any.
     QByteArray condition;
     std::function<Result<QByteArray>(Kind)> value;
+    bool isByTime = false;
 };
 
 Result<Doomed> doomed(const Database &database, const MaintainOptions &options, const Deletion &deletion)
@@ -67,8 +74,11 @@ Result<Doomed> doomed(const Database &database, const MaintainOptions &options, 
         return table.error();
     const QByteArray name = identifier(table->name);
     const QByteArray condition = QByteArray(deletion.condition).replace("%table", name);
-    auto rows = database.prepare("select count(*),min(DATETIME),max(DATETIME),(select count(*) from " + name +
-                                 ") from " + name + " where " + condition);
+    const QByteArray unread =
+        deletion.isByTime ? "(select count(*) from " + name + " where not (" + hasTime + " or " + condition + "))"
+                          : "0";
+    auto rows = database.prepare("select count(*),min(DATETIME),max(DATETIME),(select count(*) from " + name + ")," +
+                                 unread + " from " + name + " where " + condition);
     if (!rows)
         return rows.error();
     const auto value = deletion.value(table->kind);
@@ -78,8 +88,8 @@ Result<Doomed> doomed(const Database &database, const MaintainOptions &options, 
     if (!rows->step())
         return rows->status() ? failure(options.file.path, QStringLiteral("counting gave no row"))
                               : rows->status().error();
-    return Doomed{*table,        condition,    *value, rows->number(0), rows->number(3) - rows->number(0),
-                  rows->cell(1), rows->cell(2)};
+    return Doomed{*table,          condition,     *value,       rows->number(0), rows->number(3) - rows->number(0),
+                  rows->number(4), rows->cell(1), rows->cell(2)};
 }
 
 // Not by the stores of the host layer: they take only names that need no quotes, and a table that is there is to be
@@ -115,17 +125,24 @@ Result<qint64> deleteRows(const Database &database, const Doomed &rows)
     return deleted;
 }
 
+QString unreadText(const Doomed &rows, const QString &before)
+{
+    return rows.unread == 0 ? QString()
+                            : QStringLiteral("; %1%2 whose time cannot be read").arg(before, rowsText(rows.unread));
+}
+
 /// Shows what goes, asks, deletes, says how many went and does `finish`.
 Outcome remove(const MaintainOptions &options, const Deletion &deletion,
                const std::function<Status(const Database &, const Table &)> &finish = {})
 {
     const auto plan = [&](const Doomed &rows) {
-        return QStringLiteral("%1 of %2, from %3 to %4, would be deleted; %5 would stay")
+        return QStringLiteral("%1 of %2, from %3 to %4, would be deleted; %5 would stay%6")
             .arg(rowsText(rows.rows), rows.table.name, QString::fromUtf8(rows.first), QString::fromUtf8(rows.last),
-                 grouped(rows.left));
+                 grouped(rows.left), unreadText(rows, QStringLiteral("among them ")));
     };
     const auto nothing = [&](const Doomed &rows) {
-        say(QStringLiteral("%1: no rows of %2 to delete").arg(options.file.path, rows.table.name));
+        say(QStringLiteral("%1: no rows of %2 to delete%3")
+                .arg(options.file.path, rows.table.name, unreadText(rows, QStringLiteral("it keeps "))));
         return Done;
     };
     if (options.dryRun) {
@@ -157,10 +174,16 @@ Outcome remove(const MaintainOptions &options, const Deletion &deletion,
         if (const Status finished = finish(*database, rows->table); !finished)
             return finished.error();
     }
-    say(QStringLiteral("%1: %2 of %3 deleted, from %4 to %5; %6 left")
+    const qint64 spared = rows->rows - *deleted;
+    say(QStringLiteral("%1: %2 of %3 deleted, from %4 to %5; %6 left%7")
             .arg(options.file.path, rowsText(*deleted), rows->table.name, QString::fromUtf8(rows->first),
-                 QString::fromUtf8(rows->last), grouped(rows->left)));
-    return Done;
+                 QString::fromUtf8(rows->last), grouped(rows->left + spared),
+                 unreadText(*rows, QStringLiteral("among them "))));
+    if (spared == 0)
+        return Done;
+    complain(QStringLiteral("%1: %2 of %3 could not be deleted; a trigger keeps them")
+                 .arg(options.file.path, rowsText(spared), rows->table.name));
+    return Attention;
 }
 
 Outcome trim(const MaintainOptions &options)
@@ -174,8 +197,10 @@ Outcome purge(const MaintainOptions &options)
 {
     return remove(options,
                   {options.ended ? QVector<Kind>{Kind::Alarms} : QVector<Kind>{},
-                   options.ended ? "DATETIME<?1 or EndDate!='' and EndTime!=''" : "DATETIME<?1",
-                   [&](Kind kind) { return boundText(options.before, Bound::First, hasMilliseconds(kind), false); }});
+                   QByteArray("(DATETIME<?1 and ") + hasTime + ')' +
+                       (options.ended ? " or coalesce(EndDate!='' and EndTime!='',0)" : ""),
+                   [&](Kind kind) { return boundText(options.before, Bound::First, hasMilliseconds(kind), false); },
+                   true});
 }
 
 Outcome clear(const MaintainOptions &options)
@@ -400,7 +425,8 @@ void addMaintenance(Program &program)
         const auto [command, options] =
             add("purge", "Delete the rows before a time",
                 "A TIME is a day, a day and a time, or a span back from now such as 90d.", purge, true, true);
-        addText(command, "--before", options->before, "Rows of this time and later stay")
+        addText(command, "--before", options->before,
+                "Rows of this time and later stay, and those whose time cannot be read")
             ->type_name("TIME")
             ->required();
         command->add_flag("--ended", options->ended, "Of alarms also every ended one, as the device's own purge does");
