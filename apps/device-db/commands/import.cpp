@@ -10,6 +10,7 @@
 #include "import/refused_rows.h"
 #include "import/row_store.h"
 #include "program/program.h"
+#include "storefile/new_file.h"
 #include "storefile/texts.h"
 #include "terminal/progress.h"
 #include "terminal/text.h"
@@ -118,6 +119,8 @@ private:
     std::optional<Bookkeeping> m_bookkeeping;
     std::optional<RefusedRows> m_refused;
     qint64 m_endsBefore = 0; ///< Alarms, stored.
+    std::optional<qint64> m_rowsBefore;
+    qint64 m_lost = 0; ///< Rows that were stored or there before, and are not in the tables at the end.
     Place m_begin;
     Place m_place;
 };
@@ -254,7 +257,13 @@ Status Import::openTarget()
         if (const Status ready = openRefused(); !ready)
             return ready;
     }
-    return m_database->run("begin immediate");
+    if (const Status begun = m_database->run("begin immediate"); !begun)
+        return begun;
+    const auto rows = m_store->rowsIfAnyMayGo();
+    if (!rows)
+        return rows.error();
+    m_rowsBefore = *rows;
+    return {};
 }
 
 Status Import::openRefused()
@@ -264,6 +273,10 @@ Status Import::openRefused()
                                   (target + QLatin1Char('\n') + destinationNames()).toUtf8(), m_place.refusedBytes);
     if (!made)
         return made.error();
+    if (!m_options.refused.isEmpty()) {
+        if (const Status may = isNoPartOf(m_options.refused, {m_options.target.path}); !may)
+            return may;
+    }
     m_refused.emplace(std::move(made).value());
     return {};
 }
@@ -348,6 +361,12 @@ Status Import::commit(End end)
         if (const Status kept = end == End::OfInput ? m_bookkeeping->forget() : m_bookkeeping->keep(m_place); !kept)
             return kept;
     }
+    if (end != End::OfBatch && m_rowsBefore) {
+        const auto rows = m_store->rowsIfAnyMayGo();
+        if (!rows)
+            return rows.error();
+        m_lost = m_place.stored - m_begin.stored - (rows->value_or(0) - *m_rowsBefore);
+    }
     if (const Status committed = m_database->run("commit"); !committed)
         return committed;
     if (end == End::OfInput)
@@ -374,6 +393,10 @@ Outcome Import::report()
             refused += QStringLiteral("; %1 lists lines and reasons").arg(m_refused->path());
         complain(refused);
     }
+    if (m_lost > 0)
+        complain(QStringLiteral("%1: %2 fewer in %3 than that; a trigger or a conflict clause of the table deletes or "
+                                "replaces rows")
+                     .arg(m_options.target.path, rowsText(m_lost), destinationText()));
     if (interrupted) {
         complain(QStringLiteral("%1: interrupted; %2")
                      .arg(m_options.input.path, m_input->isFile() ? QStringLiteral("run it again to go on")
@@ -383,7 +406,7 @@ Outcome Import::report()
     if (m_endsBefore > 0)
         complain(QStringLiteral("%1: %2 of alarms that end before they begin")
                      .arg(m_options.input.path, rowsText(m_endsBefore)));
-    return m_place.refused + m_endsBefore > 0 ? Attention : Done;
+    return m_place.refused + m_endsBefore + m_lost > 0 ? Attention : Done;
 }
 
 } // namespace
@@ -411,15 +434,16 @@ void addImport(Program &program)
             throw CLI::RequiredError("INPUT");
     });
     command->add_flag("--create", options->create, "Make the file or the table when it is missing");
-    addText(command, "--kind", options->kind, "Of a new table: samples, alarms or log")
-        ->type_name("KIND")
-        ->check(CLI::IsMember({"samples", "alarms", "log"}));
+    CLI::Option *const kind = addText(command, "--kind", options->kind, "Of a new table: samples, alarms or log");
+    kind->type_name("KIND")->check(CLI::IsMember({"samples", "alarms", "log"}));
     CLI::Option *const name =
         addText(command, "--name", options->name, "The name of a new table of samples in the configuration table");
-    command
-        ->add_flag("--wide", options->wide,
-                   "One time and many series: each further column goes into the table that its heading names")
-        ->excludes(name);
+    CLI::Option *const wide =
+        command
+            ->add_flag("--wide", options->wide,
+                       "One time and many series: each further column goes into the table that its heading names")
+            ->excludes(name)
+            ->excludes(kind);
     addSeparator(command, options->input.separator);
     addText(command, "--encoding", options->input.encoding,
             "Of INPUT, such as windows-1252; default: UTF-8, or UTF-16 where its mark comes first")
@@ -433,7 +457,8 @@ void addImport(Program &program)
         ->type_name("NAME,...");
     addTexts(command, "--default", options->constants,
              "What a column holds that INPUT lacks, such as level=1; may be given several times")
-        ->type_name("COLUMN=TEXT");
+        ->type_name("COLUMN=TEXT")
+        ->excludes(wide);
     addText(command, "--time-format", options->timeFormat,
             "The form of the times, such as \"dd/MM/yyyy h:mm AP\"; default: the usual ones, in which the day comes "
             "first only with dots (6.5.2024)")
