@@ -15,6 +15,10 @@
 
 #include <QFileInfo>
 
+#include <sqlite3.h>
+
+#include <atomic>
+#include <csignal>
 #include <functional>
 #include <limits>
 
@@ -50,6 +54,30 @@ struct Doomed {
 // Times are compared as texts. What is not one, such as "2024" or "06.05.2024 07:00", would come before all of them.
 constexpr const char *hasTime = "coalesce(DATETIME glob '[0-9][0-9][0-9][0-9]-[0-9][0-9]-[0-9][0-9] "
                                 "[0-9][0-9]:[0-9][0-9]:[0-9][0-9]*' and julianday(DATETIME) is not null,0)";
+
+std::atomic_bool interrupted{false};
+std::atomic<sqlite3 *> busy{nullptr};
+
+/// While this lives, Ctrl-C and the like stop a long statement, and the program goes on to roll back and to say so.
+class Interruptible
+{
+public:
+    explicit Interruptible(const Database &database)
+    {
+        busy = database.handle();
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+            const auto stop = [](int) {
+                interrupted = true;
+                if (sqlite3 *const connection = busy)
+                    sqlite3_interrupt(connection);
+            };
+            if (std::signal(signal, stop) == SIG_IGN)
+                std::signal(signal, SIG_IGN);
+        }
+    }
+    ~Interruptible() { busy = nullptr; }
+    Q_DISABLE_COPY(Interruptible)
+};
 
 /// Looks at a file without changing it, even when somebody else has it open.
 Result<OpenFile> openForDryRun(const MaintainOptions &options)
@@ -105,7 +133,7 @@ Result<qint64> deleteRows(const Database &database, const Doomed &rows)
         return !end ? end.error() : !slice ? slice.error() : lowest.error();
     qint64 deleted = 0;
     qint64 first = *lowest;
-    for (bool isLast = false; !isLast;) {
+    for (bool isLast = false; !isLast && !interrupted;) {
         end->bind(1, first);
         isLast = !end->step() || end->number(0) == std::numeric_limits<qint64>::max();
         const qint64 last = isLast ? std::numeric_limits<qint64>::max() : end->number(0);
@@ -116,7 +144,9 @@ Result<qint64> deleteRows(const Database &database, const Doomed &rows)
         slice->bind(2, first);
         slice->bind(3, last);
         slice->step();
-        if (const Status done = slice->status(); !done)
+        if (const Status done = slice->status(); !done && interrupted)
+            break; // this slice is undone
+        else if (!done)
             return done.error();
         slice->reset();
         deleted += database.changes();
@@ -167,9 +197,15 @@ Outcome remove(const MaintainOptions &options, const Deletion &deletion,
         return nothing(*rows);
     if (const Status may = confirmed(options.file.path, plan(*rows), options.yes); !may)
         return may.error();
+    const Interruptible guard(*database);
     const auto deleted = deleteRows(*database, *rows);
     if (!deleted)
         return deleted.error();
+    if (interrupted) {
+        complain(QStringLiteral("%1: interrupted; %2 of %3 deleted, the others are left")
+                     .arg(options.file.path, rowsText(*deleted), rows->table.name));
+        return Interrupted;
+    }
     if (finish) {
         if (const Status finished = finish(*database, rows->table); !finished)
             return finished.error();
@@ -232,7 +268,9 @@ Outcome vacuum(const MaintainOptions &options)
 {
     qint64 freeBytes = 0;
     {
-        const auto database = openForWriting(options.file);
+        WriteOptions file = options.file;
+        file.runTriggers = true; // it runs none
+        const auto database = openForWriting(file);
         if (!database)
             return database.error();
         const auto bytes =
@@ -388,8 +426,14 @@ Outcome tune(const MaintainOptions &options)
     if (!tuning)
         return tuning.error();
     if (!tuning->changes.isEmpty()) {
-        if (const Status applied = apply(*tuning, *database); !applied)
+        const Interruptible guard(*database);
+        const Status applied = apply(*tuning, *database);
+        if (!applied && !interrupted)
             return applied.error();
+        if (!applied) {
+            complain(oneLine(applied.error()));
+            return Interrupted;
+        }
     }
     show(*tuning, QStringLiteral("changed"));
     return Done;
