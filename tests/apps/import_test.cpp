@@ -136,6 +136,14 @@ TEST_F(StoppedImport, OfAnInputThatWasChangedSinceIsRefused)
     EXPECT_EQ(run(m_arguments + QStringList{"--restart"_q}).exitCode, 0);
 }
 
+TEST_F(StoppedImport, ByALostConnectionLeavesAWholeFile)
+{
+    stop({}, SIGHUP);
+    EXPECT_FALSE(QFile::exists(path("many.db-journal"_q)));
+    EXPECT_EQ(run(m_arguments).exitCode, 3);
+    EXPECT_TRUE(run({"export"_q, "many.db"_q}).output == m_stored);
+}
+
 TEST_F(StoppedImport, DoesNotGoOnInATableThatWasEmptied)
 {
     stop();

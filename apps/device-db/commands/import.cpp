@@ -82,9 +82,14 @@ public:
         m_begin = m_place;
         std::signal(SIGINT, [](int) { interrupted = true; });
         std::signal(SIGTERM, [](int) { interrupted = true; });
+        if (std::signal(SIGHUP, [](int) { interrupted = true; }) == SIG_IGN)
+            std::signal(SIGHUP, SIG_IGN); // nohup
         m_timer.start();
-        if (const Status copied = copy(); !copied)
+        if (const Status copied = copy(); !copied) {
+            if (m_refused && !m_isKept)
+                m_refused->discard();
             return copied.error();
+        }
         return report();
     }
 
@@ -120,7 +125,9 @@ private:
     std::optional<RefusedRows> m_refused;
     qint64 m_endsBefore = 0; ///< Alarms, stored.
     std::optional<qint64> m_rowsBefore;
-    qint64 m_lost = 0; ///< Rows that were stored or there before, and are not in the tables at the end.
+    qint64 m_lost = 0;      ///< Rows that were stored or there before, and are not in the tables at the end.
+    QString m_firstRefusal; ///< Of this run.
+    bool m_isKept = false;  ///< Rows were committed.
     Place m_begin;
     Place m_place;
 };
@@ -340,6 +347,8 @@ Result<int> Import::store(const QVector<QByteArray> &cells, QByteArray &reason)
 Status Import::refuse(const InputRow &row, const QByteArray &reason)
 {
     ++m_place.refused;
+    if (m_firstRefusal.isEmpty())
+        m_firstRefusal = QStringLiteral("; line %1: %2").arg(grouped(row.line), QString::fromUtf8(reason));
     if (!m_options.dryRun)
         return m_refused->add(row, reason);
     if (m_place.refused <= 10)
@@ -369,7 +378,8 @@ Status Import::commit(End end)
     }
     if (const Status committed = m_database->run("commit"); !committed)
         return committed;
-    if (end == End::OfInput)
+    m_isKept = true;
+    if (end == End::OfInput || (end == End::OfRun && !m_bookkeeping)) // nothing more comes
         return m_refused->finish();
     return end == End::OfBatch ? m_database->run("begin immediate") : Status();
 }
@@ -390,7 +400,7 @@ Outcome Import::report()
     if (m_place.refused > 0) {
         QString refused = QStringLiteral("%1: %2 refused").arg(m_options.input.path, rowsText(m_place.refused));
         if (!m_options.dryRun)
-            refused += QStringLiteral("; %1 lists lines and reasons").arg(m_refused->path());
+            refused += m_firstRefusal + QStringLiteral("; %1 lists lines and reasons").arg(m_refused->path());
         complain(refused);
     }
     if (m_lost > 0)
