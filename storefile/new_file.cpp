@@ -51,6 +51,26 @@ bool isSameFile(const QString &a, const QString &b)
            first.st_ino == second.st_ino;
 }
 
+Status isNoPartOf(const QString &wanted, const QStringList &inputs)
+{
+    const QString absolute = QFileInfo(wanted).absoluteFilePath();
+    for (const QString &input : inputs) {
+        // SQLite names its files after the one that a link leads to.
+        for (const QString &file : {input, QFileInfo(input).canonicalFilePath()}) {
+            if (file.isEmpty())
+                continue;
+            for (const char *ending : {"", "-journal", "-wal", "-shm"}) {
+                const QString name = file + QLatin1String(ending);
+                if (isSameFile(name, wanted) || QFileInfo(name).absoluteFilePath() == absolute)
+                    return failure(wanted, ending[0]
+                                               ? QStringLiteral("this is a part of %1; take another name").arg(input)
+                                               : QStringLiteral("this is the file itself; take another name"));
+            }
+        }
+    }
+    return {};
+}
+
 NewFile::NewFile(QString path, std::unique_ptr<TemporaryFile> part, bool force)
     : m_path(std::move(path)), m_part(std::move(part)), m_force(force)
 {
@@ -67,16 +87,8 @@ Result<NewFile> NewFile::make(const QString &wanted, bool force, const QStringLi
     const QString path = present.exists() ? present.canonicalFilePath() : wanted;
     if (present.isDir())
         return failure(wanted, QStringLiteral("this is a folder; name a file in it"));
-    for (const QString &input : inputs) {
-        if (input.isEmpty())
-            continue;
-        for (const char *ending : {"", "-journal", "-wal", "-shm"}) {
-            const QString name = input + QLatin1String(ending);
-            if (isSameFile(name, path) || QFileInfo(name).absoluteFilePath() == present.absoluteFilePath())
-                return failure(wanted, ending[0] ? QStringLiteral("this is a part of %1; take another name").arg(input)
-                                                 : QStringLiteral("this is the file itself; take another name"));
-        }
-    }
+    if (const Status may = isNoPartOf(wanted, inputs); !may)
+        return may.error();
     if (present.exists() && !present.isFile())
         return failure(wanted, QStringLiteral("this is not a file; name one"));
     if (present.exists() && !force)

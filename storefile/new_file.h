@@ -15,6 +15,9 @@ namespace device_db
 /// Whether both names, which may be links, lead to one file.
 bool isSameFile(const QString &a, const QString &b);
 
+/// An Error when `wanted` is the name of one of these files, or of one that SQLite keeps beside it, there or not.
+Status isNoPartOf(const QString &wanted, const QStringList &inputs);
+
 /// A file that is there in full or not at all: written under another name beside its place, and removed again unless
 /// it was put there.
 class NewFile

@@ -129,7 +129,9 @@ Result<Database> Database::open(const QString &path, Mode mode, const QString &n
 {
     const QString site = name.isEmpty() ? path : name;
     sqlite3 *connection = nullptr;
-    const int code = sqlite3_open_v2(path.toUtf8().constData(), &connection,
+    // SQLite takes file:NAME for a URI and :memory: for no file at all.
+    const QByteArray file = (path.startsWith(QLatin1Char('/')) ? QByteArray() : QByteArray("./")) + path.toUtf8();
+    const int code = sqlite3_open_v2(file.constData(), &connection,
                                      mode == ReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE, nullptr);
     Database database(connection, site);
     if (code != SQLITE_OK)
@@ -157,8 +159,13 @@ Result<Statement> Database::prepare(const QByteArray &sql) const
         return sqliteError(handle(), code, m_name);
     Statement statement(prepared, m_name);
     // Else the others would be left out silently.
-    if (!QByteArray(rest).trimmed().isEmpty())
-        return failure(m_name, QStringLiteral("this is more than one statement; give one"));
+    while (*rest) {
+        sqlite3_stmt *next = nullptr;
+        const int nextCode = sqlite3_prepare_v2(handle(), rest, -1, &next, &rest);
+        sqlite3_finalize(next);
+        if (nextCode != SQLITE_OK || next) // else it is a comment
+            return failure(m_name, QStringLiteral("this is more than one statement; give one"));
+    }
     return statement;
 }
 

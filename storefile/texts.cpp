@@ -45,7 +45,12 @@ QString bytesText(qint64 bytes)
 
 bool isUtf8(const QByteArray &cell)
 {
-    return isAscii(cell) || QString::fromUtf8(cell).toUtf8() == cell;
+    return isAscii(cell) || fromUtf8(cell).toUtf8() == cell;
+}
+
+QString fromUtf8(const QByteArray &cell)
+{
+    return QString::fromUtf8('x' + cell).mid(1); // Qt takes U+FEFF away at the beginning only
 }
 
 QByteArray decodedTwice(const QByteArray &cell)

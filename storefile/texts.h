@@ -17,6 +17,8 @@ QString bytesText(qint64 bytes);
 
 /// Whether a cell survives the way through a QString.
 bool isUtf8(const QByteArray &cell);
+/// The text of a cell; of a file it would be the beginning, and U+FEFF there no part of it.
+QString fromUtf8(const QByteArray &cell);
 /// A cell that the store library encoded twice as it was meant; any other as it is.
 QByteArray decodedTwice(const QByteArray &cell);
 

@@ -143,7 +143,7 @@ TEST(JsonReader, GivesCellsInTheOrderOfTheHeaderAndSaysWhatIsNone)
     for (int i = 2; i < 6; ++i)
         EXPECT_FALSE(rows[i].fault.isEmpty()) << i;
     EXPECT_EQ(rows[3].cells, (Cells{"none"}));
-    EXPECT_EQ(rows[6].cells, (Cells{"12345678901234567", "1.5"}));
+    EXPECT_EQ(rows[6].cells, (Cells{"12345678901234567", "1.50"}));
     EXPECT_EQ(rows[7].cells, (Cells{"true", "ü\n"}));
     EXPECT_EQ(reader.offset(), text.size());
     EXPECT_EQ(reader.line(), 10);
@@ -267,6 +267,56 @@ TEST_F(ImportForms, ATableThatHasGivenItsHighestIdSaysSo)
     const Outcome second = run({"import"_q, "one.db"_q, "One"_q, "one.csv"_q});
     EXPECT_EQ(second.exitCode, 1);
     EXPECT_TRUE(second.errors.contains("the highest ID there is")) << second.errors.constData();
+}
+
+TEST(TimeForms, AnOffsetThatNoZoneHasIsRefused)
+{
+    for (const char *offset : {"+25:00", "+02:60", "+99:99", "-14:01"})
+        EXPECT_EQ(stored("2024-05-06T07:08:09" + QByteArray(offset), false, "UTC"), "refused") << offset;
+    EXPECT_EQ(stored("2024-05-06T14:00:00+14:00", false, "UTC"), "2024-05-06 00:00:00");
+    EXPECT_EQ(stored("2024-05-06T07:08:09+05:45", false, "UTC"), "2024-05-06 01:23:09");
+}
+
+TEST_F(ImportForms, AJsonNumberKeepsItsDigits)
+{
+    const QList<QByteArray> numbers{
+        "12345678901234567890", "18446744073709551615", "3.141592653589793238", "-0.10", "1E+2", "9223372036854775807"};
+    QByteArray lines;
+    for (const QByteArray &number : numbers)
+        lines += "{\"time\":\"2024-05-06 07:08:09\" , \"v\\u0061lue\": " + number + "}\n";
+    write("in.json"_q, lines);
+    ASSERT_EQ(run({"import"_q, "j.db"_q, "J"_q, "in.json"_q, "--create"_q, "--kind"_q, "samples"_q}).exitCode, 0);
+    EXPECT_EQ(run({"export"_q, "j.db"_q, "--no-header"_q}).output,
+              "2024-05-06 07:08:09," + numbers.join("\n2024-05-06 07:08:09,") + '\n');
+}
+
+TEST_F(ImportForms, AJsonTextWithHalfACharacterIsRefused)
+{
+    write("in.json"_q, "{\"time\":\"2024-05-06 07:08:09\",\"value\":\"x\\ud83dy\"}\n"
+                       "{\"time\":\"2024-05-06 07:08:09\",\"value\":\"\\ud83d\\ude00\"}\n");
+    EXPECT_EQ(run({"import"_q, "j.db"_q, "J"_q, "in.json"_q, "--create"_q, "--kind"_q, "samples"_q}).exitCode, 3);
+    EXPECT_EQ(rowsOf(path("j.db"_q), "select Value from J"_q), (Rows{{QString::fromUtf8("\xf0\x9f\x98\x80")}}));
+}
+
+TEST_F(ImportForms, ATextThatBeginsWithAByteOrderMarkComesBack)
+{
+    const QByteArray text(
+        "time,value\n2024-05-06 07:08:09,\xef\xbb\xbf\n2024-05-06 07:08:09,\xef\xbb\xbf\xef\xbb\xbfx\n");
+    write("in.csv"_q, text);
+    ASSERT_EQ(run({"import"_q, "a.db"_q, "A"_q, "in.csv"_q, "--create"_q, "--kind"_q, "samples"_q}).exitCode, 0);
+    EXPECT_EQ(run({"export"_q, "a.db"_q}).output, text);
+    const Outcome exported = run({"export"_q, "a.db"_q, "-o"_q, "a.json"_q});
+    EXPECT_EQ(exported.exitCode, 0) << exported.errors.constData();
+    ASSERT_EQ(run({"import"_q, "b.db"_q, "A"_q, "a.json"_q, "--create"_q, "--kind"_q, "samples"_q}).exitCode, 0);
+    EXPECT_EQ(run({"export"_q, "b.db"_q}).output, text);
+}
+
+TEST_F(ImportForms, OptionsOfOneTableAreRefusedWithManySeries)
+{
+    write("wide.csv"_q, "time,A\n2024-05-06 07:08:09,1\n");
+    EXPECT_EQ(run({"import"_q, "w.db"_q, "wide.csv"_q, "--wide"_q, "--create"_q, "--default"_q, "B=3"_q}).exitCode, 2);
+    EXPECT_EQ(run({"import"_q, "w.db"_q, "wide.csv"_q, "--wide"_q, "--create"_q, "--kind"_q, "alarms"_q}).exitCode, 2);
+    EXPECT_FALSE(QFile::exists(path("w.db"_q)));
 }
 
 } // namespace

@@ -42,4 +42,33 @@ INSTANTIATE_TEST_SUITE_P(Commands, Interrupt,
                                            QStringList{"export"_q, "device.db"_q, "T1"_q, "-o"_q, "new.db"_q}),
                          [](const auto &parameter) { return parameter.param.first().toStdString(); });
 
+class InterruptedChange : public ToolTest, public ::testing::WithParamInterface<QStringList>
+{
+};
+
+TEST_P(InterruptedChange, LeavesAWholeFileAndSaysWhatWasDone)
+{
+    {
+        PlainConnection file(path("device.db"_q));
+        file.run("create table T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text);"
+                 "with recursive n(i) as (select 1 union all select i+1 from n where i<600000) "
+                 "insert into T1 select NULL,'2024-05-06 07:08:09','a value of some length' from n"_q);
+    }
+    QProcess tool;
+    start(tool, GetParam());
+    while (!QFile::exists(path("device.db-journal"_q)) && tool.state() == QProcess::Running)
+        tool.waitForFinished(1);
+    ASSERT_EQ(tool.state(), QProcess::Running) << "it was done before it could be interrupted";
+    ::kill(pid_t(tool.processId()), SIGINT);
+    const Outcome outcome = finish(tool);
+    EXPECT_EQ(outcome.exitCode, 130) << outcome.errors.constData();
+    EXPECT_TRUE(outcome.errors.contains("interrupted")) << outcome.errors.constData();
+    EXPECT_EQ(QDir(path("."_q)).entryList(QDir::Files), QStringList{"device.db"_q});
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, InterruptedChange,
+                         ::testing::Values(QStringList{"tune"_q, "device.db"_q},
+                                           QStringList{"clear"_q, "device.db"_q, "T1"_q, "--yes"_q}),
+                         [](const auto &parameter) { return parameter.param.first().toStdString(); });
+
 } // namespace

@@ -133,13 +133,15 @@ TEST_F(Outputs, AReaderThatHasSeenEnoughIsNoFailure)
         .run("create table T(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text);"
              "insert into T(DATETIME,Value) with recursive n(i) as (select 1 union all select i+1 from n where i<50000)"
              "select '2024-05-06 07:08:09',i from n"_q);
-    QProcess process;
-    process.setWorkingDirectory(path(""_q));
-    process.start("bash"_q, {"-c"_q, "'%1' show many.db | head -1; exit ${PIPESTATUS[0]}"_q.arg(
-                                         QString::fromLocal8Bit(DEVICE_DB))});
-    const Outcome outcome = finish(process);
-    EXPECT_EQ(outcome.exitCode, 0);
-    EXPECT_EQ(outcome.errors, "");
+    for (const char *command : {"show many.db", "export many.db", "export many.db --format json"}) {
+        QProcess process;
+        process.setWorkingDirectory(path(""_q));
+        process.start("bash"_q, {"-c"_q, "'%1' %2 | head -1; exit ${PIPESTATUS[0]}"_q.arg(
+                                             QString::fromLocal8Bit(DEVICE_DB), QString::fromLatin1(command))});
+        const Outcome outcome = finish(process);
+        EXPECT_EQ(outcome.exitCode, 0) << command;
+        EXPECT_EQ(outcome.errors, "") << command;
+    }
 }
 
 TEST_F(Outputs, TailEndsWithItsReader)
@@ -177,6 +179,69 @@ TEST_F(Outputs, ATimeThatIsNotOneLeavesOutItsRowAndNotTheSeries)
     EXPECT_EQ(plotted.exitCode, 3) << plotted.errors.constData();
     EXPECT_TRUE(plotted.errors.contains("3 values")) << plotted.errors.constData();
     EXPECT_TRUE(plotted.output.contains('*')) << plotted.output.constData();
+}
+
+TEST_F(Outputs, APagerThatFailsIsNamed)
+{
+    makeSamples();
+    const Outcome outcome = runOnTerminal({"newest"_q, "e.db"_q}, {"xterm", QByteArray(), QByteArray(), "false"});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_TRUE(outcome.output.contains("the pager false failed; --no-pager")) << outcome.output.constData();
+}
+
+TEST_F(Outputs, NamesThatSqliteTakesForSomethingElseAreFiles)
+{
+    makeSamples();
+    for (const char *name : {"file:copy.db", "file:copy?mode=memory", ":memory:"}) {
+        const Outcome made = run({"backup"_q, "e.db"_q, QString::fromLatin1(name)});
+        EXPECT_EQ(made.exitCode, 0) << name << made.errors.constData();
+        EXPECT_EQ(valueOf(path("./"_q) + QString::fromLatin1(name), "select count(*) from T"_q), "2"_q) << name;
+    }
+}
+
+TEST_F(Outputs, AnEmptyTextIsNotAnOptionThatWasLeftOut)
+{
+    makeSamples();
+    for (const char *option : {"--from", "--to", "-o"}) {
+        const Outcome outcome = run({"export"_q, "e.db"_q, "T"_q, QString::fromLatin1(option), ""_q});
+        EXPECT_EQ(outcome.exitCode, 2) << option;
+        EXPECT_EQ(outcome.output, "") << option;
+    }
+}
+
+TEST_F(Outputs, AnImportThatStoredNothingLeavesNoListOfRefusedRows)
+{
+    PlainConnection(path("r.db"_q))
+        .run("create table R(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text);"
+             "create trigger t before insert on R begin select raise(rollback,'go away'); end"_q);
+    write("in.csv"_q, "time,value\nnever,2\n2024-05-06 07:08:09,1\n");
+    const QStringList before = QDir(path(""_q)).entryList(QDir::Files);
+    EXPECT_EQ(run({"import"_q, "r.db"_q, "R"_q, "in.csv"_q, "--run-triggers"_q}).exitCode, 1);
+    EXPECT_EQ(QDir(path(""_q)).entryList(QDir::Files), before);
+}
+
+TEST_F(Outputs, TheReasonOfTheFirstRefusedRowIsShown)
+{
+    makeSamples();
+    const Outcome outcome = run({"import"_q, "e.db"_q, "T"_q, "in.csv"_q});
+    EXPECT_TRUE(outcome.errors.contains("1 row refused; line 3: the time \"never\" is not in a known form"))
+        << outcome.errors.constData();
+}
+
+TEST_F(Outputs, ACommentAfterAStatementIsNoStatement)
+{
+    makeSamples();
+    EXPECT_EQ(run({"sql"_q, "e.db"_q, "select 1; -- one"_q, "--csv"_q}).output, "1\n1\n");
+    EXPECT_EQ(run({"sql"_q, "e.db"_q, "select 1; ; /* two */ select 2"_q}).exitCode, 1);
+}
+
+TEST_F(Outputs, TheSeparatorMayComeAfterSkippedLines)
+{
+    makeSamples();
+    write("s.csv"_q, "# a logger\nsep=;\ntime;value\n2024-05-06 07:08:09;7,5\n");
+    const Outcome outcome = run({"import"_q, "e.db"_q, "T"_q, "s.csv"_q, "--skip"_q, "1"_q});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.errors.constData();
+    EXPECT_EQ(valueOf(path("e.db"_q), "select Value from T order by ID desc"_q), "7,5"_q);
 }
 
 } // namespace

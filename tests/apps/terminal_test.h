@@ -18,6 +18,7 @@ protected:
         QByteArray type = "xterm";
         QByteArray searchPath; ///< PATH; empty: that of the tests.
         QByteArray typed;      ///< What the person types.
+        QByteArray pager;      ///< PAGER; empty: not set.
     };
 
     /// What the terminal shows, both outputs together, is in `output`.
@@ -42,6 +43,8 @@ protected:
             setenv("LC_ALL", "C.UTF-8", 1);
             setenv("DEVICE_DATABASE_LIBRARY", DEVICE_DATABASE_LIBRARY, 1);
             setenv("TERM", terminal.type.constData(), 1);
+            if (!terminal.pager.isEmpty())
+                setenv("PAGER", terminal.pager.constData(), 1);
             if (!terminal.searchPath.isEmpty())
                 setenv("PATH", terminal.searchPath.constData(), 1);
             execv(DEVICE_DB, pointers.data());

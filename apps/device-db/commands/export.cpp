@@ -16,6 +16,8 @@
 
 #include <sqlite3.h>
 
+#include <cerrno>
+
 namespace device_db
 {
 
@@ -198,10 +200,13 @@ Outcome exportRows(ExportOptions &options)
     }
     if (const Status status = rows->status(); !status)
         return status.error();
-    if (!(written && exporter.foot() && output.flush()))
+    if (!(written && exporter.foot() && output.flush())) {
+        if (!target && errno == EPIPE)
+            return Done; // nobody looks any more
         return target ? failure(options.output, systemError() + QStringLiteral("; check the free space"))
                       : failure(QStringLiteral("standard output"),
                                 systemError() + QStringLiteral("; not all rows were taken"));
+    }
     progress.wipe();
     if (target) {
         output.close();

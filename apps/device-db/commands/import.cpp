@@ -10,6 +10,7 @@
 #include "import/refused_rows.h"
 #include "import/row_store.h"
 #include "program/program.h"
+#include "storefile/new_file.h"
 #include "storefile/texts.h"
 #include "terminal/progress.h"
 #include "terminal/text.h"
@@ -17,6 +18,7 @@
 #include "device/store.h"
 
 #include <QFileInfo>
+#include <QJsonArray>
 
 #include <algorithm>
 #include <atomic>
@@ -80,9 +82,14 @@ public:
         m_begin = m_place;
         std::signal(SIGINT, [](int) { interrupted = true; });
         std::signal(SIGTERM, [](int) { interrupted = true; });
+        if (std::signal(SIGHUP, [](int) { interrupted = true; }) == SIG_IGN)
+            std::signal(SIGHUP, SIG_IGN); // nohup
         m_timer.start();
-        if (const Status copied = copy(); !copied)
+        if (const Status copied = copy(); !copied) {
+            if (m_refused && !m_isKept)
+                m_refused->discard();
             return copied.error();
+        }
         return report();
     }
 
@@ -90,12 +97,13 @@ private:
     QStringList tables() const;
     QString destinationNames() const { return tables().join(QLatin1String(", ")); }
     QString destinationText() const;
+    QJsonObject form() const;
     Lookup lookup() const { return {m_options.create, m_options.wide, m_options.dryRun}; }
     Status openInput();
     Status chooseTable(const QStringList &names);
     Status chooseSeries(const QStringList &names, const QStringList &header);
     Status openTarget();
-    Status goOn();
+    Status goOn(bool fromTheStart);
     Status openRefused();
     Status copy();
     Result<int> store(const QVector<QByteArray> &cells, QByteArray &reason);
@@ -116,6 +124,10 @@ private:
     std::optional<Bookkeeping> m_bookkeeping;
     std::optional<RefusedRows> m_refused;
     qint64 m_endsBefore = 0; ///< Alarms, stored.
+    std::optional<qint64> m_rowsBefore;
+    qint64 m_lost = 0;      ///< Rows that were stored or there before, and are not in the tables at the end.
+    QString m_firstRefusal; ///< Of this run.
+    bool m_isKept = false;  ///< Rows were committed.
     Place m_begin;
     Place m_place;
 };
@@ -132,6 +144,24 @@ QString Import::destinationText() const
 {
     return m_destinations.size() == 1 ? m_destinations.first().table
                                       : QStringLiteral("%1 tables").arg(grouped(m_destinations.size()));
+}
+
+/// What decides the meaning of a line: an import goes on only with the same.
+QJsonObject Import::form() const
+{
+    const InputOptions &input = m_options.input;
+    return {{QStringLiteral("--columns"), m_options.columns},
+            {QStringLiteral("--default"), QJsonArray::fromStringList(m_options.constants)},
+            {QStringLiteral("--kind"), QLatin1String(nameOf(m_assignment.kind))},
+            {QStringLiteral("--wide"), m_options.wide},
+            {QStringLiteral("--separator"), input.separator ? QString(QLatin1Char(*input.separator)) : QString()},
+            {QStringLiteral("--encoding"), input.encoding},
+            {QStringLiteral("--skip"), input.skip},
+            {QStringLiteral("--no-header"), input.noHeader},
+            {QStringLiteral("--time-format"), m_options.timeFormat},
+            {QStringLiteral("--zone"), m_options.zone},
+            {QStringLiteral("--null"), m_options.null ? QString::fromUtf8(*m_options.null) : QJsonValue()},
+            {QStringLiteral("--as-is"), m_options.asIs}};
 }
 
 Status Import::openInput()
@@ -205,9 +235,9 @@ Status Import::chooseSeries(const QStringList &names, const QStringList &header)
 
 Status Import::openTarget()
 {
-    const bool isMissing = std::any_of(m_destinations.cbegin(), m_destinations.cend(),
-                                       [](const Destination &each) { return each.kind == Kind::Foreign; });
-    if (isMissing) {
+    const auto missing = [](const Destination &each) { return each.kind == Kind::Foreign; };
+    const bool areNew = std::all_of(m_destinations.cbegin(), m_destinations.cend(), missing);
+    if (std::any_of(m_destinations.cbegin(), m_destinations.cend(), missing)) {
         // A new table has no earlier run, and is not made when the file for refused rows cannot be.
         if (const Status ready = openRefused(); !ready)
             return ready;
@@ -224,15 +254,23 @@ Status Import::openTarget()
         return store.error();
     m_store.emplace(std::move(store).value());
     if (m_input->isFile()) {
-        m_bookkeeping.emplace(*m_database, m_input->file(), destinationNames());
-        if (const Status gone = goOn(); !gone)
+        // Of a file with many series there is one place, so that other --columns are noticed.
+        m_bookkeeping.emplace(*m_database, m_input->file(),
+                              m_options.wide ? QStringLiteral("several tables") : destinationNames(), tables(), form());
+        if (const Status gone = goOn(m_options.restart || areNew); !gone)
             return gone;
     }
     if (!m_refused) {
         if (const Status ready = openRefused(); !ready)
             return ready;
     }
-    return m_database->run("begin immediate");
+    if (const Status begun = m_database->run("begin immediate"); !begun)
+        return begun;
+    const auto rows = m_store->rowsIfAnyMayGo();
+    if (!rows)
+        return rows.error();
+    m_rowsBefore = *rows;
+    return {};
 }
 
 Status Import::openRefused()
@@ -242,13 +280,17 @@ Status Import::openRefused()
                                   (target + QLatin1Char('\n') + destinationNames()).toUtf8(), m_place.refusedBytes);
     if (!made)
         return made.error();
+    if (!m_options.refused.isEmpty()) {
+        if (const Status may = isNoPartOf(m_options.refused, {m_options.target.path}); !may)
+            return may;
+    }
     m_refused.emplace(std::move(made).value());
     return {};
 }
 
-Status Import::goOn()
+Status Import::goOn(bool fromTheStart)
 {
-    const auto earlier = m_bookkeeping->find(m_options.restart);
+    const auto earlier = m_bookkeeping->find(fromTheStart);
     if (!earlier)
         return earlier.error();
     if (earlier->offset == 0)
@@ -305,6 +347,8 @@ Result<int> Import::store(const QVector<QByteArray> &cells, QByteArray &reason)
 Status Import::refuse(const InputRow &row, const QByteArray &reason)
 {
     ++m_place.refused;
+    if (m_firstRefusal.isEmpty())
+        m_firstRefusal = QStringLiteral("; line %1: %2").arg(grouped(row.line), QString::fromUtf8(reason));
     if (!m_options.dryRun)
         return m_refused->add(row, reason);
     if (m_place.refused <= 10)
@@ -326,9 +370,16 @@ Status Import::commit(End end)
         if (const Status kept = end == End::OfInput ? m_bookkeeping->forget() : m_bookkeeping->keep(m_place); !kept)
             return kept;
     }
+    if (end != End::OfBatch && m_rowsBefore) {
+        const auto rows = m_store->rowsIfAnyMayGo();
+        if (!rows)
+            return rows.error();
+        m_lost = m_place.stored - m_begin.stored - (rows->value_or(0) - *m_rowsBefore);
+    }
     if (const Status committed = m_database->run("commit"); !committed)
         return committed;
-    if (end == End::OfInput)
+    m_isKept = true;
+    if (end == End::OfInput || (end == End::OfRun && !m_bookkeeping)) // nothing more comes
         return m_refused->finish();
     return end == End::OfBatch ? m_database->run("begin immediate") : Status();
 }
@@ -349,9 +400,13 @@ Outcome Import::report()
     if (m_place.refused > 0) {
         QString refused = QStringLiteral("%1: %2 refused").arg(m_options.input.path, rowsText(m_place.refused));
         if (!m_options.dryRun)
-            refused += QStringLiteral("; %1 lists lines and reasons").arg(m_refused->path());
+            refused += m_firstRefusal + QStringLiteral("; %1 lists lines and reasons").arg(m_refused->path());
         complain(refused);
     }
+    if (m_lost > 0)
+        complain(QStringLiteral("%1: %2 fewer in %3 than that; a trigger or a conflict clause of the table deletes or "
+                                "replaces rows")
+                     .arg(m_options.target.path, rowsText(m_lost), destinationText()));
     if (interrupted) {
         complain(QStringLiteral("%1: interrupted; %2")
                      .arg(m_options.input.path, m_input->isFile() ? QStringLiteral("run it again to go on")
@@ -361,7 +416,7 @@ Outcome Import::report()
     if (m_endsBefore > 0)
         complain(QStringLiteral("%1: %2 of alarms that end before they begin")
                      .arg(m_options.input.path, rowsText(m_endsBefore)));
-    return m_place.refused + m_endsBefore > 0 ? Attention : Done;
+    return m_place.refused + m_endsBefore + m_lost > 0 ? Attention : Done;
 }
 
 } // namespace
@@ -389,15 +444,16 @@ void addImport(Program &program)
             throw CLI::RequiredError("INPUT");
     });
     command->add_flag("--create", options->create, "Make the file or the table when it is missing");
-    addText(command, "--kind", options->kind, "Of a new table: samples, alarms or log")
-        ->type_name("KIND")
-        ->check(CLI::IsMember({"samples", "alarms", "log"}));
+    CLI::Option *const kind = addText(command, "--kind", options->kind, "Of a new table: samples, alarms or log");
+    kind->type_name("KIND")->check(CLI::IsMember({"samples", "alarms", "log"}));
     CLI::Option *const name =
         addText(command, "--name", options->name, "The name of a new table of samples in the configuration table");
-    command
-        ->add_flag("--wide", options->wide,
-                   "One time and many series: each further column goes into the table that its heading names")
-        ->excludes(name);
+    CLI::Option *const wide =
+        command
+            ->add_flag("--wide", options->wide,
+                       "One time and many series: each further column goes into the table that its heading names")
+            ->excludes(name)
+            ->excludes(kind);
     addSeparator(command, options->input.separator);
     addText(command, "--encoding", options->input.encoding,
             "Of INPUT, such as windows-1252; default: UTF-8, or UTF-16 where its mark comes first")
@@ -411,7 +467,8 @@ void addImport(Program &program)
         ->type_name("NAME,...");
     addTexts(command, "--default", options->constants,
              "What a column holds that INPUT lacks, such as level=1; may be given several times")
-        ->type_name("COLUMN=TEXT");
+        ->type_name("COLUMN=TEXT")
+        ->excludes(wide);
     addText(command, "--time-format", options->timeFormat,
             "The form of the times, such as \"dd/MM/yyyy h:mm AP\"; default: the usual ones, in which the day comes "
             "first only with dots (6.5.2024)")

@@ -189,7 +189,10 @@ Outcome run(const InfoOptions &options)
     progress.wipe();
     auto &tables = facts->tables;
     tables.erase(std::remove_if(tables.begin(), tables.end(),
-                                [](const TableFacts &each) { return each.table.name == Bookkeeping::tableName; }),
+                                [](const TableFacts &each) {
+                                    return each.table.kind == Kind::Foreign &&
+                                           each.table.name == Bookkeeping::tableName;
+                                }),
                  tables.end());
     if (options.output.format == Format::Json)
         printJson(options, *facts, *unfinished);

@@ -9,11 +9,16 @@
 #include "storefile/live_file.h"
 #include "storefile/texts.h"
 #include "storefile/times.h"
+#include "terminal/output.h"
 
 #include "device/store.h"
 
 #include <QFileInfo>
 
+#include <sqlite3.h>
+
+#include <atomic>
+#include <csignal>
 #include <functional>
 #include <limits>
 
@@ -41,8 +46,37 @@ struct Doomed {
     QByteArray value;
     qint64 rows = 0;
     qint64 left = 0;
+    qint64 unread = 0; ///< Of these, kept because nobody can say how old they are.
     QByteArray first;
     QByteArray last;
+};
+
+// Times are compared as texts. What is not one, such as "2024" or "06.05.2024 07:00", would come before all of them.
+constexpr const char *hasTime = "coalesce(DATETIME glob '[0-9][0-9][0-9][0-9]-[0-9][0-9]-[0-9][0-9] "
+                                "[0-9][0-9]:[0-9][0-9]:[0-9][0-9]*' and julianday(DATETIME) is not null,0)";
+
+std::atomic_bool interrupted{false};
+std::atomic<sqlite3 *> busy{nullptr};
+
+/// While this lives, Ctrl-C and the like stop a long statement, and the program goes on to roll back and to say so.
+class Interruptible
+{
+public:
+    explicit Interruptible(const Database &database)
+    {
+        busy = database.handle();
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+            const auto stop = [](int) {
+                interrupted = true;
+                if (sqlite3 *const connection = busy)
+                    sqlite3_interrupt(connection);
+            };
+            if (std::signal(signal, stop) == SIG_IGN)
+                std::signal(signal, SIG_IGN);
+        }
+    }
+    ~Interruptible() { busy = nullptr; }
+    Q_DISABLE_COPY(Interruptible)
 };
 
 /// Looks at a file without changing it, even when somebody else has it open.
@@ -58,6 +92,7 @@ struct Deletion {
     QVector<Kind> kinds; ///< Empty: any.
     QByteArray condition;
     std::function<Result<QByteArray>(Kind)> value;
+    bool isByTime = false;
 };
 
 Result<Doomed> doomed(const Database &database, const MaintainOptions &options, const Deletion &deletion)
@@ -67,8 +102,11 @@ Result<Doomed> doomed(const Database &database, const MaintainOptions &options, 
         return table.error();
     const QByteArray name = identifier(table->name);
     const QByteArray condition = QByteArray(deletion.condition).replace("%table", name);
-    auto rows = database.prepare("select count(*),min(DATETIME),max(DATETIME),(select count(*) from " + name +
-                                 ") from " + name + " where " + condition);
+    const QByteArray unread =
+        deletion.isByTime ? "(select count(*) from " + name + " where not (" + hasTime + " or " + condition + "))"
+                          : "0";
+    auto rows = database.prepare("select count(*),min(DATETIME),max(DATETIME),(select count(*) from " + name + ")," +
+                                 unread + " from " + name + " where " + condition);
     if (!rows)
         return rows.error();
     const auto value = deletion.value(table->kind);
@@ -78,8 +116,8 @@ Result<Doomed> doomed(const Database &database, const MaintainOptions &options, 
     if (!rows->step())
         return rows->status() ? failure(options.file.path, QStringLiteral("counting gave no row"))
                               : rows->status().error();
-    return Doomed{*table,        condition,    *value, rows->number(0), rows->number(3) - rows->number(0),
-                  rows->cell(1), rows->cell(2)};
+    return Doomed{*table,          condition,     *value,       rows->number(0), rows->number(3) - rows->number(0),
+                  rows->number(4), rows->cell(1), rows->cell(2)};
 }
 
 // Not by the stores of the host layer: they take only names that need no quotes, and a table that is there is to be
@@ -95,7 +133,7 @@ Result<qint64> deleteRows(const Database &database, const Doomed &rows)
         return !end ? end.error() : !slice ? slice.error() : lowest.error();
     qint64 deleted = 0;
     qint64 first = *lowest;
-    for (bool isLast = false; !isLast;) {
+    for (bool isLast = false; !isLast && !interrupted;) {
         end->bind(1, first);
         isLast = !end->step() || end->number(0) == std::numeric_limits<qint64>::max();
         const qint64 last = isLast ? std::numeric_limits<qint64>::max() : end->number(0);
@@ -106,7 +144,9 @@ Result<qint64> deleteRows(const Database &database, const Doomed &rows)
         slice->bind(2, first);
         slice->bind(3, last);
         slice->step();
-        if (const Status done = slice->status(); !done)
+        if (const Status done = slice->status(); !done && interrupted)
+            break; // this slice is undone
+        else if (!done)
             return done.error();
         slice->reset();
         deleted += database.changes();
@@ -116,17 +156,24 @@ Result<qint64> deleteRows(const Database &database, const Doomed &rows)
     return deleted;
 }
 
+QString unreadText(const Doomed &rows, const QString &before)
+{
+    return rows.unread == 0 ? QString()
+                            : QStringLiteral("; %1%2 whose time cannot be read").arg(before, rowsText(rows.unread));
+}
+
 /// Shows what goes, asks, deletes, says how many went and does `finish`.
 Outcome remove(const MaintainOptions &options, const Deletion &deletion,
                const std::function<Status(const Database &, const Table &)> &finish = {})
 {
     const auto plan = [&](const Doomed &rows) {
-        return QStringLiteral("%1 of %2, from %3 to %4, would be deleted; %5 would stay")
+        return QStringLiteral("%1 of %2, from %3 to %4, would be deleted; %5 would stay%6")
             .arg(rowsText(rows.rows), rows.table.name, QString::fromUtf8(rows.first), QString::fromUtf8(rows.last),
-                 grouped(rows.left));
+                 grouped(rows.left), unreadText(rows, QStringLiteral("among them ")));
     };
     const auto nothing = [&](const Doomed &rows) {
-        say(QStringLiteral("%1: no rows of %2 to delete").arg(options.file.path, rows.table.name));
+        say(QStringLiteral("%1: no rows of %2 to delete%3")
+                .arg(options.file.path, rows.table.name, unreadText(rows, QStringLiteral("it keeps "))));
         return Done;
     };
     if (options.dryRun) {
@@ -151,17 +198,29 @@ Outcome remove(const MaintainOptions &options, const Deletion &deletion,
         return nothing(*rows);
     if (const Status may = confirmed(options.file.path, plan(*rows), options.yes); !may)
         return may.error();
+    const Interruptible guard(*database);
     const auto deleted = deleteRows(*database, *rows);
     if (!deleted)
         return deleted.error();
+    if (interrupted) {
+        complain(QStringLiteral("%1: interrupted; %2 of %3 deleted, the others are left")
+                     .arg(options.file.path, rowsText(*deleted), rows->table.name));
+        return Interrupted;
+    }
     if (finish) {
         if (const Status finished = finish(*database, rows->table); !finished)
             return finished.error();
     }
-    say(QStringLiteral("%1: %2 of %3 deleted, from %4 to %5; %6 left")
+    const qint64 spared = rows->rows - *deleted;
+    say(QStringLiteral("%1: %2 of %3 deleted, from %4 to %5; %6 left%7")
             .arg(options.file.path, rowsText(*deleted), rows->table.name, QString::fromUtf8(rows->first),
-                 QString::fromUtf8(rows->last), grouped(rows->left)));
-    return Done;
+                 QString::fromUtf8(rows->last), grouped(rows->left + spared),
+                 unreadText(*rows, QStringLiteral("among them "))));
+    if (spared == 0)
+        return Done;
+    complain(QStringLiteral("%1: %2 of %3 could not be deleted; a trigger keeps them")
+                 .arg(options.file.path, rowsText(spared), rows->table.name));
+    return Attention;
 }
 
 Outcome trim(const MaintainOptions &options)
@@ -175,8 +234,10 @@ Outcome purge(const MaintainOptions &options)
 {
     return remove(options,
                   {options.ended ? QVector<Kind>{Kind::Alarms} : QVector<Kind>{},
-                   options.ended ? "DATETIME<?1 or EndDate!='' and EndTime!=''" : "DATETIME<?1",
-                   [&](Kind kind) { return boundText(options.before, Bound::First, hasMilliseconds(kind), false); }});
+                   QByteArray("(DATETIME<?1 and ") + hasTime + ')' +
+                       (options.ended ? " or coalesce(EndDate!='' and EndTime!='',0)" : ""),
+                   [&](Kind kind) { return boundText(options.before, Bound::First, hasMilliseconds(kind), false); },
+                   true});
 }
 
 Outcome clear(const MaintainOptions &options)
@@ -208,7 +269,9 @@ Outcome vacuum(const MaintainOptions &options)
 {
     qint64 freeBytes = 0;
     {
-        const auto database = openForWriting(options.file);
+        WriteOptions file = options.file;
+        file.runTriggers = true; // it runs none
+        const auto database = openForWriting(file);
         if (!database)
             return database.error();
         const auto bytes =
@@ -364,8 +427,14 @@ Outcome tune(const MaintainOptions &options)
     if (!tuning)
         return tuning.error();
     if (!tuning->changes.isEmpty()) {
-        if (const Status applied = apply(*tuning, *database); !applied)
+        const Interruptible guard(*database);
+        const Status applied = apply(*tuning, *database);
+        if (!applied && !interrupted)
             return applied.error();
+        if (!applied) {
+            complain(oneLine(applied.error()));
+            return Interrupted;
+        }
     }
     show(*tuning, QStringLiteral("changed"));
     return Done;
@@ -401,7 +470,8 @@ void addMaintenance(Program &program)
         const auto [command, options] =
             add("purge", "Delete the rows before a time",
                 "A TIME is a day, a day and a time, or a span back from now such as 90d.", purge, true, true);
-        addText(command, "--before", options->before, "Rows of this time and later stay")
+        addText(command, "--before", options->before,
+                "Rows of this time and later stay, and those whose time cannot be read")
             ->type_name("TIME")
             ->required();
         command->add_flag("--ended", options->ended, "Of alarms also every ended one, as the device's own purge does");

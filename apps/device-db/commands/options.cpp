@@ -6,12 +6,22 @@
 namespace device_db
 {
 
+namespace
+{
+
+// A script's empty variable must not mean that the option was left out: the whole table would come.
+const CLI::Validator
+    notEmpty([](const std::string &given) { return given.empty() ? std::string("it is empty") : std::string(); }, "");
+
+} // namespace
+
 CLI::Option *addText(CLI::App *command, const std::string &name, QString &value, const std::string &description)
 {
     return command
         ->add_option_function<std::string>(
             name, [&value](const std::string &given) { value = QString::fromStdString(given); }, description)
-        ->type_name("TEXT");
+        ->type_name("TEXT")
+        ->check(notEmpty);
 }
 
 CLI::Option *addTexts(CLI::App *command, const std::string &name, QStringList &value, const std::string &description)

@@ -5,6 +5,7 @@
 #include "storefile/sqlite.h"
 
 #include <QFile>
+#include <QJsonObject>
 #include <QStringList>
 
 namespace device_db
@@ -24,13 +25,17 @@ struct Place {
 class Bookkeeping
 {
 public:
-    static constexpr QLatin1String tableName{"device_db_import"};
+    /// No table of a store can have this name, since the library takes no blank in one.
+    static constexpr QLatin1String tableName{"device-db import"};
 
-    /// `database` outlives this.
-    Bookkeeping(const Database &database, const QFile &input, const QString &table);
+    /// `target`: a name for `tables`, all those that rows go to. `form`: the options, by name, that decide what a line
+    /// means. `database` outlives this.
+    Bookkeeping(const Database &database, const QFile &input, const QString &target, const QStringList &tables,
+                const QJsonObject &form);
 
-    /// Where an earlier run stopped; the start when there was none. An Error when the input was changed since, unless
-    /// `restart`.
+    /// Where an earlier run stopped; the start when there was none. Unless `restart`, an Error when to go on there
+    /// would lose or mix up rows: the input was changed since, the options are others, or the rows of that run are
+    /// gone.
     Result<Place> find(bool restart) const;
     /// Within the transaction of the rows.
     Status keep(const Place &place) const;
@@ -38,11 +43,17 @@ public:
     Status forget() const;
 
 private:
+    Status sameForm(const QByteArray &earlier, const QString &begun) const;
+    Result<QStringList> newestRows() const;
+    Status hasRows(const QStringList &newest, const QString &begun) const;
+
     const Database &m_database;
     QString m_input;
     QByteArray m_source;
-    QByteArray m_table;
+    QByteArray m_target;
     QByteArray m_marks;
+    QStringList m_tables;
+    QJsonObject m_form;
 };
 
 /// The imports into this file that were stopped and not finished, one line each.

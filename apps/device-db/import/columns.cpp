@@ -212,7 +212,7 @@ QByteArray RowCheck::refusal(const InputRow &row, QVector<QByteArray> &cells) co
         if (cell.contains('\0'))
             return name + " holds U+0000, which ends a text in the file";
         if (!isUtf8(cell))
-            return name + " is not UTF-8, or begins with a byte order mark; name the input's --encoding";
+            return name + " is not UTF-8; name the input's --encoding";
     }
     if (m_assignment.columnOfCell.contains(Assignment::DateOfTime))
         cells[m_assignment.timeColumn()] = date + ' ' + clock;

@@ -44,13 +44,19 @@ Status Input::look()
         ++line;
     };
     // As spreadsheets write it for themselves.
-    if (const QByteArray first = text()->peek(7).toLower();
-        first.startsWith("sep=") && first.size() > 5 && (first.at(5) == '\r' || first.at(5) == '\n')) {
+    const auto takeSeparator = [&] {
+        const QByteArray first = text()->peek(7).toLower();
+        if (!first.startsWith("sep=") || first.size() <= 5 || (first.at(5) != '\r' && first.at(5) != '\n'))
+            return false;
         m_options.separator = m_options.separator.value_or(first.at(4));
         skipLine();
-    }
+        return true;
+    };
+    const bool isTaken = takeSeparator();
     for (int i = 0; i < m_options.skip; ++i)
         skipLine();
+    if (!isTaken)
+        takeSeparator();
     m_isJson = text()->peek(64).trimmed().startsWith('{');
     read(offset, line);
     return {};

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "import/json_reader.h"
 
+#include <QHash>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QLocale>
-#include <QVariant>
 
+#include <cstring>
 #include <utility>
 
 namespace device_db
@@ -27,12 +28,6 @@ std::optional<QByteArray> cellOf(const QJsonValue &value)
         return QByteArray("");
     case QJsonValue::Bool:
         return QByteArray(value.toBool() ? "true" : "false");
-    case QJsonValue::Double: {
-        const QVariant number = value.toVariant(); // an integer keeps all of its digits
-        return number.userType() == QMetaType::LongLong
-                   ? QByteArray::number(number.toLongLong())
-                   : QString::number(number.toDouble(), 'g', QLocale::FloatingPointShortest).toLatin1();
-    }
     case QJsonValue::String: {
         const QByteArray text = value.toString().toUtf8();
         return text.isNull() ? QByteArray("") : text;
@@ -40,6 +35,35 @@ std::optional<QByteArray> cellOf(const QJsonValue &value)
     default:
         return std::nullopt;
     }
+}
+
+/// The text of each number of an object, by its key, as it is in the line: as a double it would lose digits.
+/// `json` is a valid object without lists and objects in it.
+QHash<QString, QByteArray> numbersOf(const QByteArray &json)
+{
+    QHash<QString, QByteArray> numbers;
+    QByteArray key;
+    const char *at = json.constData();
+    const char *const end = at + json.size();
+    for (bool isValue = false; at < end;) {
+        const char *const begin = at;
+        if (*at == '"') {
+            for (++at; at < end && *at != '"'; ++at)
+                at += *at == '\\' ? 1 : 0;
+            ++at;
+            if (!isValue)
+                key = QByteArray(begin, int(at - begin));
+        } else if (isValue && (*at == '-' || (*at >= '0' && *at <= '9'))) {
+            while (at < end && std::strchr("+-.0123456789eE", *at))
+                ++at;
+            const QString name = QJsonDocument::fromJson('[' + key + ']').array().at(0).toString();
+            numbers.insert(name, QByteArray(begin, int(at - begin)));
+        } else {
+            isValue = *at == ':' || (isValue && *at != ',');
+            ++at;
+        }
+    }
+    return numbers;
 }
 
 } // namespace
@@ -90,7 +114,9 @@ bool JsonReader::next(InputRow &row)
         m_offset += text.size();
         if (!text.trimmed().isEmpty()) {
             QJsonParseError error{};
-            const QJsonObject object = QJsonDocument::fromJson(text, &error).object();
+            // Qt takes U+FEFF away at the beginning of a text, but not its escape.
+            const QByteArray json = QByteArray(text).replace("\xef\xbb\xbf", "\\ufeff");
+            const QJsonObject object = QJsonDocument::fromJson(json, &error).object();
             const auto refuse = [&](const QByteArray &why) {
                 row.cells = {text.trimmed()};
                 row.fault = why;
@@ -101,11 +127,15 @@ bool JsonReader::next(InputRow &row)
                                   ? QByteArray("it is not a JSON object with keys")
                                   : "it is not JSON: " + error.errorString().toUtf8());
             int found = 0;
+            const auto numbers = numbersOf(text);
             for (const QString &key : std::as_const(m_keys)) {
                 found += object.contains(key);
-                const auto cell = cellOf(object.value(key));
+                const QJsonValue value = object.value(key);
+                const auto cell = value.isDouble() ? numbers.value(key) : cellOf(value);
                 if (!cell)
                     return refuse("\"" + key.toUtf8() + "\" is a list or an object, not a cell");
+                if (value.isString() && !value.toString().isValidUtf16())
+                    return refuse("\"" + key.toUtf8() + "\" holds half of a character (\\ud800 to \\udfff)");
                 row.cells << *cell;
             }
             if (found < object.size()) {

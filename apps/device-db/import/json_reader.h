@@ -9,8 +9,8 @@
 namespace device_db
 {
 
-/// Reads JSON lines: one object per line, as export writes them. Texts come as they are, numbers in their shortest
-/// form, null as NULL, true and false as these words. A key that a row lacks gives an empty cell.
+/// Reads JSON lines: one object per line, as export writes them. Texts come as they are, numbers as they
+/// are written, null as NULL, true and false as these words. A key that a row lacks gives an empty cell.
 class JsonReader : public RowReader
 {
 public:

@@ -65,8 +65,10 @@ Status RefusedRows::flush()
 
 Status RefusedRows::finish()
 {
-    if (!m_file && m_keep == 0)
+    if (!m_file && m_keep == 0) {
+        discard(); // what a run left that was begun again
         return {};
+    }
     m_file.reset();
     QFile file(m_path);
     QString name = m_wanted;
@@ -78,9 +80,17 @@ Status RefusedRows::finish()
     return {};
 }
 
+void RefusedRows::discard()
+{
+    if (m_keep > 0)
+        return;
+    m_file.reset();
+    QFile::remove(m_path);
+}
+
 Error RefusedRows::trouble(const QString &why) const
 {
-    return failure(m_path, why + QStringLiteral("; name another place for refused rows with --refused"));
+    return failure(m_wanted, why + QStringLiteral("; name another place for refused rows with --refused"));
 }
 
 } // namespace device_db

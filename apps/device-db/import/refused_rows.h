@@ -28,6 +28,8 @@ public:
     Status flush();
     /// Gives the file its name: nothing more comes.
     Status finish();
+    /// Nothing was stored, so no run goes on with the file.
+    void discard();
 
     qint64 size() const { return m_file ? m_file->size() : m_keep; }
     QString path() const { return m_path; } ///< What it is called now.

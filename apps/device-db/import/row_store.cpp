@@ -81,9 +81,33 @@ Status RowStore::insert(Target &target, const QVector<QByteArray> &cells, QByteA
         if (code != SQLITE_CONSTRAINT)
             return status; // the open transaction goes with the connection
         reason = "the table refuses it: " + QByteArray(sqlite3_errmsg(m_database->handle()));
+        if (sqlite3_get_autocommit(m_database->handle()))
+            return failure(m_database->name(),
+                           QStringLiteral("a trigger or a conflict clause of %1 undid the whole transaction: %2")
+                               .arg(target.table, QString::fromUtf8(sqlite3_errmsg(m_database->handle()))));
+    } else if (m_database->changes() == 0) {
+        reason = "the table leaves it out: a trigger or a conflict clause ignores it";
     }
     target.insert.reset();
     return {};
+}
+
+Result<std::optional<qint64>> RowStore::rowsIfAnyMayGo() const
+{
+    const auto rules = m_database->number("select count(*) from sqlite_master where type='trigger' or type='table' and "
+                                          "sql like '%conflict%'");
+    if (!rules)
+        return rules.error();
+    if (*rules == 0)
+        return std::optional<qint64>();
+    qint64 rows = 0;
+    for (const Target &target : m_targets) {
+        const auto count = m_database->number("select count(*) from " + identifier(target.table));
+        if (!count)
+            return count.error();
+        rows += *count;
+    }
+    return std::optional<qint64>(rows);
 }
 
 bool RowStore::hasHighestId(const QString &table) const

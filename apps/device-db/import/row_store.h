@@ -4,6 +4,7 @@
 
 #include "storefile/tables.h"
 
+#include <optional>
 #include <vector>
 
 namespace device_db
@@ -18,9 +19,12 @@ public:
     /// The time and the value of each series, in a table each. A value that is empty is not stored.
     static Result<RowStore> ofSeries(const Database &database, const QStringList &tables);
 
-    /// The number of rows stored: 1, or one per series. When a table refuses its row, by a rule of its own, nothing is
-    /// stored and `reason` says why.
+    /// The number of rows stored: 1, or one per series. When a table refuses its row, or leaves it out, by a rule of
+    /// its own, nothing is stored and `reason` says why. An Error when such a rule ended the transaction.
     Result<int> store(const QVector<QByteArray> &cells, QByteArray &reason);
+    /// The rows of the tables, if a trigger or a conflict clause may delete some while others are stored. Else null:
+    /// counting takes long.
+    Result<std::optional<qint64>> rowsIfAnyMayGo() const;
 
 private:
     struct Target {

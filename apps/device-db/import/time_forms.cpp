@@ -87,9 +87,13 @@ QByteArray TimeForms::refusal(QByteArray &time, bool milliseconds) const
         time = textOf(QDateTime(date, clock, Qt::UTC), milliseconds);
         return QByteArray();
     }
+    const int hours = part(14, 14);
+    const int minutes = part(15, 15);
+    if (minutes > 59 || hours * 60 + minutes > 14 * 60) // Kiribati's; none is further from UTC
+        return quoted(time) + " has an offset from UTC that no zone has";
     if (!m_zone.isValid())
         return quoted(time) + " is of another zone than the device; name the device's with --zone";
-    const int offset = (part(14, 14) * 3600 + part(15, 15) * 60) * (match.captured(13) == QLatin1String("-") ? -1 : 1);
+    const int offset = (hours * 3600 + minutes * 60) * (match.captured(13) == QLatin1String("-") ? -1 : 1);
     time = textOf(QDateTime(date, clock, Qt::OffsetFromUTC, offset).toTimeZone(m_zone), milliseconds);
     return QByteArray();
 }

@@ -95,9 +95,12 @@ Output::Output(const OutputOptions &options) : m_stream(stdout), m_isTerminal(ou
 
 Output::~Output()
 {
-    if (m_isPager)
-        pclose(m_stream);
-    else
+    if (m_isPager && pclose(m_stream) != 0 && lostOutput == 0) {
+        complain(QStringLiteral("the pager %1 failed; --no-pager prints straight to the terminal")
+                     .arg(QString::fromLocal8Bit(pager())));
+        lostOutput = EPIPE;
+    }
+    if (!m_isPager)
         flush();
 }
 

@@ -254,7 +254,7 @@ namespace
 
 QByteArray jsonText(const QByteArray &text)
 {
-    const QByteArray array = QJsonDocument(QJsonArray{QString::fromUtf8(text)}).toJson(QJsonDocument::Compact);
+    const QByteArray array = QJsonDocument(QJsonArray{fromUtf8(text)}).toJson(QJsonDocument::Compact);
     return array.mid(1, array.size() - 2); // between the brackets
 }
 
