@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// The alarms' queries: the statements, the answers, the records, the failures. Long because every operation has its
+// own.
 #include "sqlite_calls.h"
 #include "store_test.h"
 

@@ -2,7 +2,8 @@
 //
 // The library's fast paths against the plain algorithm of support/plain.cpp, on random and nasty input:
 // the same statement texts, the same records, null texts and invalid times included. The number of rows for
-// each test is DEVICE_DATABASE_CASES; the seed is printed and can be given as DEVICE_DATABASE_SEED.
+// each test is DEVICE_DATABASE_CASES; the seed is printed and can be given as DEVICE_DATABASE_SEED. Long
+// because every operation is compared.
 #include "plain.h"
 #include "sqlite_calls.h"
 #include "store_test.h"

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The operator log's queries: the statements, the answers, the records, the failures.
+// The operator log's queries: the statements, the answers, the records, the failures. Long because every operation has
+// its own.
 #include "operator_log.h"
 #include "store_test.h"
 

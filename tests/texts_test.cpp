@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What becomes of a text on its way into a file and back, in every text cell of every store.
+// What becomes of a text on its way into a file and back, in every text cell of every store: one long
+// list.
 #include "operator_log.h"
 #include "store_test.h"
 

@@ -18,7 +18,7 @@ protected:
         QByteArray type = "xterm";
         QByteArray searchPath; ///< PATH; empty: that of the tests.
         QByteArray typed;      ///< What the person types.
-        QByteArray pager;      ///< PAGER; empty: not set.
+        QByteArray pager = {}; ///< PAGER; empty: not set.
     };
 
     /// What the terminal shows, both outputs together, is in `output`.

@@ -7,6 +7,9 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QFile>
+
+#include <memory>
 
 using namespace device;
 using std::chrono::milliseconds;
@@ -29,6 +32,27 @@ class Recorders : public HostTest
 protected:
     RecorderOptions options;
     const TableName boiler = table("Boiler"_q);
+
+    /// A recorder on this file with its table, once it is there.
+    std::unique_ptr<HistoryRecorder> recorderOf(Profile profile)
+    {
+        options.file.profile = profile;
+        auto recorder = std::make_unique<HistoryRecorder>(library(), path(), options);
+        require(recorder->start());
+        recorder->createTable(boiler);
+        require(recorder->flush(milliseconds(20000)));
+        return recorder;
+    }
+    void record(HistoryRecorder &recorder, int first, int end) const
+    {
+        for (int i = first; i < end; ++i)
+            require(recorder.record(boiler, numbered(i)));
+    }
+    void removeFiles() const
+    {
+        for (const char *end : {"", "-wal", "-shm", "-journal"})
+            QFile::remove(path() + QLatin1String(end));
+    }
 
     /// Runs the event loop until `done` or far too long.
     template<typename Done>

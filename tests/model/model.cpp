@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// Every operation of the interface on a model of a file. Long because there are 30 of them.
 #include "model.h"
 
 #include <QVariant>
