@@ -127,10 +127,19 @@ void Database::Close::operator()(sqlite3 *connection) const
 
 Result<Database> Database::open(const QString &path, Mode mode, const QString &name)
 {
-    const QString site = name.isEmpty() ? path : name;
-    sqlite3 *connection = nullptr;
     // SQLite takes file:NAME for a URI and :memory: for no file at all.
     const QByteArray file = (path.startsWith(QLatin1Char('/')) ? QByteArray() : QByteArray("./")) + path.toUtf8();
+    return opened(file, mode, name.isEmpty() ? path : name);
+}
+
+Result<Database> Database::inMemory()
+{
+    return opened(":memory:", ReadWrite, QStringLiteral("memory"));
+}
+
+Result<Database> Database::opened(const QByteArray &file, Mode mode, const QString &site)
+{
+    sqlite3 *connection = nullptr;
     const int code = sqlite3_open_v2(file.constData(), &connection,
                                      mode == ReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE, nullptr);
     Database database(connection, site);

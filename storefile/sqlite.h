@@ -60,6 +60,7 @@ public:
 
     /// Never creates a file: a mistyped name is an error. `name`: what messages call the file, when it is a copy.
     static Result<Database> open(const QString &path, Mode mode, const QString &name = QString());
+    static Result<Database> inMemory();
 
     /// An Error if there is more than one statement, too.
     Result<Statement> prepare(const QByteArray &sql) const;
@@ -73,6 +74,7 @@ public:
     sqlite3 *handle() const { return m_connection.get(); }
 
 private:
+    static Result<Database> opened(const QByteArray &file, Mode mode, const QString &site);
     struct Close {
         void operator()(sqlite3 *connection) const;
     };

@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     else if (what < 128)
         files.rollbackJournal = &log;
     {
-        const auto target = device_db::Database::open(QStringLiteral(":memory:"), device_db::Database::ReadWrite);
+        const auto target = device_db::Database::inMemory();
         device_db::SalvageOptions options;
         options.pageSize = what % 2 ? 512 : 0;
         const auto report = device_db::salvage(files, *target, options);
