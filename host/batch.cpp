@@ -7,6 +7,7 @@
 #include <QSet>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 
 namespace device
@@ -31,6 +32,7 @@ private:
     bool isRefused(int step) const { return m_refused.find(step) != m_refused.end(); }
     Status allSteps();
     Status rows(const QVector<int> &rows);
+    Status inGroups(const QVector<Insert> &inserts);
     Result<qint64> changes();
     Status isKept(const QString &table);
     Status insert(const Insert &insert);
@@ -102,22 +104,37 @@ Status Storing::rows(const QVector<int> &rows)
 {
     if (rows.isEmpty())
         return {};
-    const QVector<Insert> inserts = insertsOf(m_batch.writes, rows, m_connection.hasJson());
+    QVector<Insert> grouped = insertsOf(m_batch.writes, rows, m_connection.hasJson());
+    const auto isSingly = [this](const Insert &each) { return m_singly.contains(each.table); };
+    QVector<Insert> single;
+    std::copy_if(grouped.begin(), grouped.end(), std::back_inserter(single), isSingly);
+    grouped.erase(std::remove_if(grouped.begin(), grouped.end(), isSingly), grouped.end());
+    if (!grouped.isEmpty()) {
+        if (const Status done = inGroups(grouped); !done)
+            return done;
+    }
+    for (const Insert &each : single) {
+        if (const Status done = singly(each); !done)
+            return done;
+    }
+    return {};
+}
+
+Status Storing::inGroups(const QVector<Insert> &inserts)
+{
     const auto changesBefore = changes();
     if (!changesBefore)
         return changesBefore.error();
-    bool allSingly = true;
+    qint64 rows = 0;
     for (const Insert &each : inserts) {
-        const bool isSingly = m_singly.contains(each.table);
-        const Status done = isSingly ? singly(each) : insert(each);
-        if (!done)
+        if (const Status done = insert(each); !done)
             return done;
-        allSingly = allSingly && isSingly;
+        rows += each.rows.size();
     }
     const auto changesAfter = changes();
     if (!changesAfter)
         return changesAfter.error();
-    if (allSingly || *changesAfter - *changesBefore == rows.size())
+    if (*changesAfter - *changesBefore == rows)
         return {};
     // A trigger or a conflict clause was at work, which may have left rows out without an error: each on its own.
     for (const Insert &each : inserts)
