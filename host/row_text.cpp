@@ -129,16 +129,19 @@ void RowText::dateAndClock(const std::optional<LocalTime> &time)
 void RowText::text(const char *column, const QString &text)
 {
     refuseUnstorable(column, text);
-    openCell();
-    appendDoublingQuotes(m_text, text);
-    m_text += QLatin1Char('\'');
+    literal(text);
 }
 
 void RowText::twiceEncoded(const char *column, const QString &text)
 {
     refuseUnstorable(column, text);
+    literal(encodedTwice(text));
+}
+
+void RowText::literal(const QString &text)
+{
     openCell();
-    appendDoublingQuotes(m_text, encodedTwice(text));
+    appendDoublingQuotes(m_text, text);
     m_text += QLatin1Char('\'');
 }
 

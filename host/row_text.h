@@ -49,6 +49,7 @@ public:
 
 private:
     void openCell();
+    void literal(const QString &text);
     void appendOrRefuse(LocalTime time, bool withMilliseconds);
     void refuseUnstorable(const char *column, const QString &text);
     void refuse(Error::Code code, const QString &cause);

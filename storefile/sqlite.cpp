@@ -186,7 +186,8 @@ Status Database::run(const QByteArray &sql) const
     return {};
 }
 
-Result<qint64> Database::number(const QByteArray &sql) const
+// The first row; nothing when there is none.
+Result<std::optional<Statement>> Database::row(const QByteArray &sql) const
 {
     auto statement = prepare(sql);
     if (!statement)
@@ -194,22 +195,27 @@ Result<qint64> Database::number(const QByteArray &sql) const
     if (!statement->step()) {
         if (const Status status = statement->status(); !status)
             return status.error();
-        return failure(m_name, QStringLiteral("no row from: ") + QString::fromUtf8(sql));
+        return std::optional<Statement>();
     }
-    return statement->number(0);
+    return std::optional<Statement>(std::move(statement).value());
+}
+
+Result<qint64> Database::number(const QByteArray &sql) const
+{
+    const auto found = row(sql);
+    if (!found)
+        return found.error();
+    if (!*found)
+        return failure(m_name, QStringLiteral("no row from: ") + QString::fromUtf8(sql));
+    return (*found)->number(0);
 }
 
 Result<QByteArray> Database::text(const QByteArray &sql) const
 {
-    auto statement = prepare(sql);
-    if (!statement)
-        return statement.error();
-    if (!statement->step()) {
-        if (const Status status = statement->status(); !status)
-            return status.error();
-        return QByteArray();
-    }
-    return statement->cell(0);
+    const auto found = row(sql);
+    if (!found)
+        return found.error();
+    return *found ? (*found)->cell(0) : QByteArray();
 }
 
 qint64 Database::changes() const

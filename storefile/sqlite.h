@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -75,6 +76,7 @@ public:
 
 private:
     static Result<Database> opened(const QByteArray &file, Mode mode, const QString &site);
+    Result<std::optional<Statement>> row(const QByteArray &sql) const;
     struct Close {
         void operator()(sqlite3 *connection) const;
     };
