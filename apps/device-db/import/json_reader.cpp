@@ -127,10 +127,12 @@ bool JsonReader::next(InputRow &row)
                                   ? QByteArray("it is not a JSON object with keys")
                                   : "it is not JSON: " + error.errorString().toUtf8());
             int found = 0;
-            const auto numbers = numbersOf(text);
+            QHash<QString, QByteArray> numbers; // looked for only in a line that has one
             for (const QString &key : std::as_const(m_keys)) {
                 found += object.contains(key);
                 const QJsonValue value = object.value(key);
+                if (value.isDouble() && numbers.isEmpty())
+                    numbers = numbersOf(text);
                 const auto cell = value.isDouble() ? numbers.value(key) : cellOf(value);
                 if (!cell)
                     return refuse("\"" + key.toUtf8() + "\" is a list or an object, not a cell");
