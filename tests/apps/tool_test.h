@@ -7,8 +7,11 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QTemporaryDir>
+
+#include <initializer_list>
 
 #include <gtest/gtest.h>
 
@@ -43,6 +46,23 @@ protected:
         QProcess process;
         start(process, arguments);
         return finish(process);
+    }
+
+    /// Starts the tool again and again, and kills it once `file` has reached each of these sizes; how often it was
+    /// still running then.
+    int killedAt(const std::initializer_list<qint64> &sizes, const QString &file, const QStringList &arguments) const
+    {
+        int killed = 0;
+        for (const qint64 size : sizes) {
+            QProcess process;
+            start(process, arguments);
+            while (QFileInfo(path(file)).size() < size && process.state() == QProcess::Running)
+                process.waitForFinished(1);
+            process.kill();
+            process.waitForFinished();
+            killed += process.exitStatus() == QProcess::CrashExit ? 1 : 0;
+        }
+        return killed;
     }
 
     QString path(const QString &name) const { return m_folder.filePath(name); }

@@ -13,7 +13,22 @@
 namespace
 {
 
-using RecorderFaults = Recorders;
+class RecorderFaults : public Recorders
+{
+protected:
+    /// Ten rows wait for another program's lock, and are stored.
+    void storesAfterALock(HistoryRecorder &recorder, const QString &lock) const
+    {
+        OtherProgram writer(path());
+        writer.run(lock);
+        record(recorder, 0, 10);
+        recorder.flushSoon();
+        EXPECT_TRUE(eventually([&] { return recorder.health().failedBatches > 1; }));
+        writer.run("rollback"_q);
+        require(recorder.flush(milliseconds(20000)));
+        expectNumbers(10);
+    }
+};
 
 TEST_F(RecorderFaults, QuestionsThatAskAgainWithoutEndDoNotStopStoring)
 {
@@ -240,16 +255,7 @@ TEST_F(RecorderFaults, AMessageHandlerInstalledLaterDoesNotMakeALockFatal)
     const auto recorder = recorderOf(Profile::AsIs);
     const QtMessageHandler before =
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
-    {
-        OtherProgram writer(path());
-        writer.run("begin immediate"_q);
-        record(*recorder, 0, 10);
-        recorder->flushSoon();
-        EXPECT_TRUE(eventually([&] { return recorder->health().failedBatches > 1; }));
-        writer.run("rollback"_q);
-    }
-    require(recorder->flush(milliseconds(20000)));
-    expectNumbers(10);
+    storesAfterALock(*recorder, "begin immediate"_q);
     qInstallMessageHandler(before);
 }
 
@@ -258,16 +264,7 @@ TEST_F(RecorderFaults, WithDebugOutputSwitchedOffALockLosesNothing)
     options.file.deadline = milliseconds(20);
     const auto recorder = recorderOf(Profile::AsIs);
     QLoggingCategory::setFilterRules("*.debug=false"_q);
-    {
-        OtherProgram writer(path());
-        writer.run("begin exclusive"_q);
-        record(*recorder, 0, 10);
-        recorder->flushSoon();
-        EXPECT_TRUE(eventually([&] { return recorder->health().failedBatches > 1; }));
-        writer.run("rollback"_q);
-    }
-    require(recorder->flush(milliseconds(20000)));
-    expectNumbers(10);
+    storesAfterALock(*recorder, "begin exclusive"_q);
     QLoggingCategory::setFilterRules(QString());
 }
 
