@@ -9,6 +9,8 @@ Connection::Connection(const QString &path)
 {
     if (sqlite3_open(path.toUtf8().constData(), &m_handle) != SQLITE_OK)
         throw std::runtime_error(sqlite3_errmsg(m_handle));
+    // A recorder asks how large the file is once a batch is settled.
+    sqlite3_busy_timeout(m_handle, 10000);
 }
 
 Connection::~Connection()
