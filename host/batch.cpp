@@ -31,6 +31,7 @@ private:
     Site at(const QString &table) const { return {m_site.operation, table}; }
     bool isRefused(int step) const { return m_refused.find(step) != m_refused.end(); }
     Status allSteps();
+    Status before();
     Status rows(const QVector<int> &rows);
     Status inGroups(const QVector<Insert> &inserts);
     Result<qint64> changes();
@@ -77,6 +78,8 @@ Status Storing::allSteps()
 {
     m_witness.reset();
     m_batch.changed = m_changedBefore;
+    if (const Status done = before(); !done)
+        return done;
     bool mayHaveChanged = false;
     QVector<int> rows;
     const int size = int(m_batch.writes.size());
@@ -98,6 +101,18 @@ Status Storing::allSteps()
         mayHaveChanged = true;
     }
     return m_witness && mayHaveChanged ? lookAtWitness(m_witness->table, m_witness->cells.first()) : Status();
+}
+
+Status Storing::before()
+{
+    if (!m_batch.before)
+        return {};
+    const Status done = m_batch.before(m_connection);
+    if (!done && !isOfTheFile(done.error().code())) {
+        m_batch.before = nullptr;
+        m_again = true; // from the beginning, without it
+    }
+    return done;
 }
 
 Status Storing::rows(const QVector<int> &rows)

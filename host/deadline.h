@@ -2,6 +2,7 @@
 #ifndef DEVICE_DEADLINE_H
 #define DEVICE_DEADLINE_H
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -21,6 +22,9 @@ public:
     {
     }
     explicit Deadline(Clock::time_point at) : m_at(at) {}
+
+    /// The earlier of the two.
+    Deadline orAt(Clock::time_point at) const { return Deadline(std::min(m_at, at)); }
 
     bool isForever() const { return m_at == never(); }
     bool isOver() const { return !isForever() && Clock::now() >= m_at; }

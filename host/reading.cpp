@@ -3,6 +3,7 @@
 
 #include "cells.h"
 #include "kind.h"
+#include "one_moment.h"
 
 #include <algorithm>
 
@@ -39,34 +40,6 @@ bool isOlder(const Record &a, const Record &b)
 {
     return timeOf(a) != timeOf(b) ? timeOf(a) < timeOf(b) : a.id < b.id;
 }
-
-// What is read inside is of one moment. Locks nothing until something is read.
-class OneMoment
-{
-public:
-    OneMoment(Connection &connection, const Site &site) : m_connection(connection), m_site(site) { begin(); }
-    ~OneMoment() { end(); }
-
-    void renew()
-    {
-        end();
-        begin();
-    }
-
-private:
-    Q_DISABLE_COPY(OneMoment)
-
-    void begin() { m_begun = m_connection.run(m_site, QStringLiteral("begin")).ok(); }
-    void end()
-    {
-        if (m_begun)
-            (void)m_connection.run(m_site, QStringLiteral("rollback"));
-    }
-
-    Connection &m_connection;
-    const Site m_site;
-    bool m_begun = false;
-};
 
 // All records that match, by joined columns, in the order of recording, which SQLite need not sort. Where the clock was
 // never set back, this is the order of time already.

@@ -112,9 +112,21 @@ Status Recorder::accept(Item item)
     return taken;
 }
 
-void Recorder::create(Item item)
+void Recorder::create(const TableName &table, Step step, Created done)
 {
+    Item item;
+    item.write.kind = Write::CreateTable;
+    item.write.table = table.text();
+    item.write.create = std::move(step);
+    item.afterwards = [done](qint64 made) { done(made != 0); };
+    item.failed = [done](const Error &why) { done(why); };
     m_worker->createTable(std::move(item));
+}
+
+void Recorder::mailAnswer(const Created &answer, const Result<bool> &created)
+{
+    if (answer)
+        m_worker->mail([answer, created] { answer(created); });
 }
 
 Question Recorder::post(Asking asking)
@@ -196,21 +208,15 @@ Status RecorderOf<Record>::record(const TableName &table, const Record &row)
 template<typename Record>
 void RecorderOf<Record>::createTable(const TableName &table, const SeriesInfo &info, Created answer)
 {
-    Item item;
-    item.write.kind = Write::CreateTable;
-    item.write.table = table.text();
-    item.write.create = [table, info](Connection &connection) { return makeTable<Record>(connection, table, info); };
-    item.afterwards = [this, text = table.text(), answer](qint64 made) {
-        if (answer)
-            worker().mail([answer, made] { answer(made != 0); });
-        worker().tell(&Recorder::tableReady, text);
-    };
-    item.failed = [this, text = table.text(), answer](const Error &why) {
-        if (answer)
-            worker().mail([answer, why] { answer(why); });
-        worker().tell(&Recorder::tableFailed, text, why);
-    };
-    create(std::move(item));
+    create(
+        table, [table, info](Connection &connection) { return makeTable<Record>(connection, table, info); },
+        [this, text = table.text(), answer](const Result<bool> &made) {
+            mailAnswer(answer, made);
+            if (made)
+                worker().tell(&Recorder::tableReady, text);
+            else
+                worker().tell(&Recorder::tableFailed, text, made.error());
+        });
 }
 
 template<typename Record>
@@ -232,6 +238,29 @@ Question RecorderOf<Record>::clear(const TableName &table, QObject *context, Rem
     Removal removal(table);
     removal.resetsIds = true;
     return remove(removal, context, std::move(answer));
+}
+
+void HistoryRecorder::keepTrend(const TableName &table, const TrendOptions &options, Created answer)
+{
+    create(
+        table, [table, options](Connection &connection) { return beginRollups(connection, table, options); },
+        [this, answer](const Result<bool> &begun) { trendIsSet(begun, answer); });
+}
+
+void HistoryRecorder::dropTrend(const TableName &table, Created answer)
+{
+    create(
+        table, [table](Connection &connection) { return endRollups(connection, table); },
+        [this, answer](const Result<bool> &ended) { trendIsSet(ended, answer); });
+}
+
+void HistoryRecorder::trendIsSet(const Result<bool> &done, const Created &answer)
+{
+    mailAnswer(answer, done);
+    if (done)
+        worker().lookForRollups();
+    else
+        worker().tell(&Recorder::trendFailed, done.error());
 }
 
 AlarmRecorder::~AlarmRecorder()

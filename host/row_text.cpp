@@ -205,4 +205,12 @@ QString RowText::values(const QString &row)
            row.mid(value, row.size() - value - 1) + QLatin1String("')");
 }
 
+RowText::SampleCells RowText::sampleCells(const QString &row)
+{
+    const int time = isMember(row) ? 1 : 7;                           // after ": or (NULL,'
+    const int value = time + timeLength + 3;                          // after ":" or ','
+    const qint64 size = row.size() - (isMember(row) ? 1 : 2) - value; // " or ') ends it
+    return {row.constData() + time, row.constData() + value, size};
+}
+
 } // namespace device

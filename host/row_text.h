@@ -46,6 +46,13 @@ public:
     static bool isMember(const QString &row) { return row.startsWith(QLatin1Char('"')); }
     /// The term of VALUES for a row in either form.
     static QString values(const QString &row);
+    /// What sample() wrote, from a row in either form; quotes inside the value stay doubled.
+    struct SampleCells {
+        const QChar *time; ///< As long as TimeReader takes them.
+        const QChar *value;
+        qint64 valueSize;
+    };
+    static SampleCells sampleCells(const QString &row);
 
 private:
     void openCell();

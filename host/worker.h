@@ -6,6 +6,7 @@
 #include "deadline.h"
 #include "device/recorder.h"
 #include "removal.h"
+#include "rollups.h"
 
 #include <QMetaMethod>
 
@@ -53,6 +54,8 @@ public:
     void countRefused();
     void ask(Asking asking, const Question &handle);
     void remove(const Removal &removal, std::function<Letter(const Result<qint64> &)> answer, const Question &handle);
+    /// From Item::afterwards: tables began or ended to have rollups.
+    void lookForRollups() { m_rollupsAreKnown = false; }
 
     void flushSoon();
     Settled flush(std::chrono::milliseconds deadline);
@@ -117,6 +120,9 @@ private:
     void dropBatch(const Error &why);
     void duty(std::unique_lock<std::mutex> &lock);
     void removeSlice(Removing &removing);
+    bool rollupsWait() const;
+    void keepRollups();
+    void finishRollups();
     void finish();
 
     // On the reader's thread.
@@ -150,6 +156,9 @@ private:
     qint64 m_bytesBefore = 0;
     qint64 m_storedInFile = 0;
     bool m_dutyFirst = false;
+    Rollups m_rollups;
+    bool m_rollupsAreKnown = false;
+    Clock::time_point m_nextRollups; ///< Not tried again before.
 
     mutable std::mutex m_mutex;        // guards all below; held for moments only, never while the file is used
     std::condition_variable m_wake;    ///< For the writer: rows, questions, stop.

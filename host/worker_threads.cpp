@@ -75,6 +75,7 @@ Status Recorder::Worker::openFile()
     if (const Status made = remakeTables(**connection); !made)
         return made;
     m_connection = *connection;
+    m_rollupsAreKnown = false;
     return {};
 }
 
@@ -120,6 +121,8 @@ void Recorder::Worker::serve()
                 next = Deadline(m_nextTry);
             else if (!m_waiting.empty())
                 next = Deadline(m_options.batchTime, m_waiting.front().taken);
+            if (rollupsWait())
+                next = next.orAt(m_nextRollups);
             next.waitForNews(m_wake, lock); // whatever woke it: the loop looks anew
         }
     }
@@ -139,7 +142,13 @@ bool Recorder::Worker::mayBegin(const Asked &asked) const
 bool Recorder::Worker::hasDuty() const
 {
     return !m_stopping &&
-           (!m_removals.empty() || (!m_readsApart && !m_questions.empty() && mayBegin(m_questions.front())));
+           (!m_removals.empty() || (!m_readsApart && !m_questions.empty() && mayBegin(m_questions.front())) ||
+            (rollupsWait() && Clock::now() >= m_nextRollups));
+}
+
+bool Recorder::Worker::rollupsWait() const
+{
+    return !m_rollupsAreKnown || m_rollups.isBehind();
 }
 
 // What is in hand can no longer make room. So that the oldest rows can be dropped, and not the newest refused, it takes
@@ -181,8 +190,12 @@ void Recorder::Worker::takeBatch()
 
 void Recorder::Worker::storeBatch()
 {
+    m_tried.before = nullptr;
+    if (m_rollups.isDue())
+        m_tried.before = [this](Connection &connection) { return m_rollups.write(connection, false); };
     const Status stored = store(*m_connection, {QStringLiteral("record"), QString()}, m_tried);
     if (stored) {
+        m_rollups.written();
         works();
         settleBatch();
         return;
@@ -281,10 +294,12 @@ void Recorder::Worker::settleBatch()
                 item.failed(*refused[i]);
             continue;
         }
-        if (item.isRow())
+        if (item.isRow()) {
             ++storedRows[item.write.table];
-        else
+            m_rollups.stored(item.write);
+        } else {
             m_tables.push_back(item.write);
+        }
         if (item.afterwards)
             item.afterwards(m_tried.changed.at(int(i)));
     }
@@ -340,6 +355,8 @@ void Recorder::Worker::finish()
 {
     if (m_connection && m_connection->moved())
         fails(leftBehind());
+    else if (m_connection && !m_cancel)
+        finishRollups();
     std::optional<Error> trouble;
     {
         const std::lock_guard lock(m_mutex);
@@ -364,6 +381,11 @@ void Recorder::Worker::duty(std::unique_lock<std::mutex> &lock)
         m_removals.pop_front();
         lock.unlock();
         removeSlice(removing);
+        lock.lock();
+    }
+    if (rollupsWait() && Clock::now() >= m_nextRollups) {
+        lock.unlock();
+        keepRollups();
         lock.lock();
     }
     if (!m_stopping && !m_readsApart && !m_questions.empty() && mayBegin(m_questions.front())) {
@@ -405,6 +427,37 @@ void Recorder::Worker::removeSlice(Removing &removing)
         mail(removing.answer(
             removal.site.error(done.error().code(), QStringLiteral("%1; %2 rows were deleted before")
                                                         .arg(done.error().cause(), QString::number(removal.removed)))));
+}
+
+// One slice of what the rollups lack. What does not work is tried again later: a reader does without.
+void Recorder::Worker::keepRollups()
+{
+    Status done;
+    if (!m_rollupsAreKnown) {
+        done = m_rollups.open(*m_connection);
+        m_rollupsAreKnown = done || !isOfTheFile(done.error().code());
+    } else {
+        done = m_rollups.catchUp(*m_connection);
+    }
+    if (!done) {
+        m_nextRollups = Clock::now() + retryPause;
+        if (done.error().code() == Error::FileMoved) {
+            const std::lock_guard lock(m_mutex);
+            m_fileIsMissed = true;
+        }
+    }
+    std::optional<Error> trouble = m_rollups.takeTrouble();
+    if (!trouble && !done && !isOfTheFile(done.error().code()))
+        trouble = done.error();
+    if (trouble)
+        tell(&Recorder::trendFailed, *trouble);
+}
+
+// What is still in memory. Without it the next recorder would read the rows.
+void Recorder::Worker::finishRollups()
+{
+    const Site site{QStringLiteral("record"), QString()};
+    (void)m_connection->transaction(site, [this] { return m_rollups.write(*m_connection, true); });
 }
 
 // --- The reader

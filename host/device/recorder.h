@@ -126,6 +126,8 @@ Q_SIGNALS:
     void removed(const QString &table, qint64 rows); ///< A deletion ended, whole or not.
     void tableReady(const QString &table);           ///< A createTable() is done: the table is in the file.
     void tableFailed(const QString &table, const device::Error &why); ///< It cannot be made; it is not tried again.
+    /// A trend is not kept up: the step for it was refused, or somebody changed its sums. Rows are stored all the same.
+    void trendFailed(const device::Error &why);
 
 protected:
     using Letter = std::function<void()>; ///< A call to make in the thread of this object.
@@ -140,7 +142,12 @@ protected:
     Status refuse(const Error &why);
     /// Takes a row that is ready to be stored.
     Status accept(Item item);
-    void create(Item item);
+    using Step = std::function<Result<bool>(Connection &)>;
+    using Created = std::function<void(const Result<bool> &)>;
+    /// Has a step done in its turn, and again in a file that takes the place of this one. `done` is called on the
+    /// thread that stores.
+    void create(const TableName &table, Step step, Created done);
+    void mailAnswer(const Created &answer, const Result<bool> &created);
     Question post(Asking asking);
     /// Stops before a derived class loses what its signals need.
     void stopNow();
@@ -177,7 +184,7 @@ class DEVICE_HOST_EXPORT RecorderOf : public Recorder
 {
 public:
     using StoreType = typename StoreOf<Record>::Type;
-    using Created = std::function<void(const Result<bool> &)>;
+    using typename Recorder::Created;
 
     /// Keeps its arguments; start() is what begins.
     RecorderOf(const Library &library, const QString &path, const RecorderOptions &options = {},
@@ -259,6 +266,17 @@ class DEVICE_HOST_EXPORT HistoryRecorder : public RecorderOf<Sample>
 
 public:
     using RecorderOf<Sample>::RecorderOf;
+
+    /// Keeps up sums of the table, so that HistoryStore::trend() answers in milliseconds however long the history is.
+    /// Stays in the file: every recorder that opens it keeps them up. Waits its turn and is tried again as
+    /// createTable(), whose table it needs; `answer` is true if they were not kept before. Rows that are there already
+    /// are summed up in slices of some milliseconds between batches.
+    void keepTrend(const TableName &table, const TrendOptions &options = {}, Created answer = {});
+    /// Ends that; as keepTrend().
+    void dropTrend(const TableName &table, Created answer = {});
+
+private:
+    void trendIsSet(const Result<bool> &done, const Created &answer);
 };
 
 class DEVICE_HOST_EXPORT LogRecorder : public RecorderOf<LogEntry>

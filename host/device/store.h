@@ -5,6 +5,7 @@
 #include "library.h"
 #include "query.h"
 #include "table_name.h"
+#include "trend.h"
 
 #include <QList>
 #include <QVector>
@@ -173,6 +174,17 @@ public:
 
     /// The series that the file lists, each once, in the order in which they were first listed.
     Result<QList<Series>> series();
+
+    /// The samples of a range, summed up column by column: the same numbers as from the rows themselves, for the mean
+    /// but for rounding. In milliseconds where the table has a trend (see keepTrend()) and an index on time; otherwise
+    /// every row of the range is read.
+    Result<Trend> trend(const TableName &table, const TrendQuery &query);
+    /// Has the file keep sums of the table in tables of their own, which make trend() quick: true if it did not do so
+    /// before. A recorder that opens the file brings them up to date and keeps them so; until then, and for rows that
+    /// are stored without one, trend() reads the rows. With other levels than before they begin anew.
+    Result<bool> keepTrend(const TableName &table, const TrendOptions &options = {});
+    /// Ends that; false if there was nothing to end. The next recorder removes what is left.
+    Result<bool> dropTrend(const TableName &table);
 
 private:
     using Store::Store;

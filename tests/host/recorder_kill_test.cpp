@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
-// A process that records is killed at any moment: what it had announced is in the file, in order and once.
+// A process that records is killed at any moment: what it had announced is in the file, in order and once, and the
+// trend of the file is that of its rows.
 //
 // DEVICE_HOST_KILLS: how many times (12). DEVICE_HOST_SEED: which moments.
 #include "recorder_fixture.h"
+#include "trend_reference.h"
 
 #include <random>
 
@@ -34,6 +36,7 @@ protected:
                 _exit(1);
         });
         recorder.createTable(boiler);
+        recorder.keepTrend(boiler);
         if (!recorder.start())
             _exit(2);
         for (int number = first;;) {
@@ -45,6 +48,18 @@ protected:
                     [](const Result<qint64> &) {});
             QCoreApplication::processEvents();
         }
+    }
+
+    // The trend of the file, at most so many columns, is that of its rows.
+    void expectTrend(int columns) const
+    {
+        const QString from = "2024-05-06 00:00:10"_q;
+        const QString to = "2024-05-06 23:59:49"_q;
+        auto store = require(HistoryStore::open(library(), path()));
+        const auto trend =
+            require(store.trend(table("Boiler"_q), TrendQuery::between(at(from), at(to)).columns(columns)));
+        const Rows rows = rowsOf(path(), "select ID,DATETIME,Value from Boiler order by ID"_q);
+        expectSameColumns(trend.columns, columnsOf(rows, from, to, trend.width.count()));
     }
 };
 
@@ -84,6 +99,7 @@ TEST_F(RecorderKill, LosesNothingThatWasAnnounced)
             ASSERT_GE(rows.size(), announced);
             for (int i = 0; i < rows.size(); ++i)
                 ASSERT_EQ(rows.at(i).first(), QString::number(i));
+            expectTrend(1 + kill % 7 * 50);
             inFile = int(rows.size());
         }
     }

@@ -1,0 +1,288 @@
+// SPDX-License-Identifier: MIT
+#include "bucket.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <string_view>
+
+namespace device
+{
+
+namespace
+{
+
+constexpr qint64 firstDay = 1721426; // the Julian day of 0001-01-01
+constexpr qint64 secondsOfDay = 86400;
+
+// Whether the point comes before: of equal ones the earlier, of equally early ones the one that is there already.
+bool isLower(double value, qint64 time, const Bucket::Point &than)
+{
+    return value < than.value || (value == than.value && time < than.time);
+}
+
+bool isHigher(double value, qint64 time, const Bucket::Point &than)
+{
+    return value > than.value || (value == than.value && time < than.time);
+}
+
+// Takes the fields of a bucket's text one by one.
+class Fields
+{
+public:
+    Fields(const char *begin, const char *end) : m_at(begin), m_end(end) {}
+
+    std::string_view text()
+    {
+        m_isThere = m_at != nullptr;
+        if (!m_isThere)
+            return {};
+        const char *const begin = m_at;
+        const char *const stop = std::find(m_at, m_end, ';');
+        m_at = stop == m_end ? nullptr : stop + 1;
+        return {begin, size_t(stop - begin)};
+    }
+    bool number(double &value)
+    {
+        const std::string_view field = text();
+        return m_isThere && isNumber(field, value);
+    }
+    /// 0 is empty.
+    bool number(qint64 &value)
+    {
+        const std::string_view field = text();
+        value = 0;
+        return m_isThere && (field.empty() || isNumber(field, value));
+    }
+    /// Rows, and after a slash how many of them are numbers if not all are.
+    bool counts(qint64 &rows, qint64 &numbers)
+    {
+        const std::string_view field = text();
+        const size_t slash = std::min(field.find('/'), field.size());
+        if (!isNumber(field.substr(0, slash), rows))
+            return false;
+        numbers = rows;
+        return (slash == field.size() || isNumber(field.substr(slash + 1), numbers)) && numbers >= 0 && rows >= 1 &&
+               numbers <= rows;
+    }
+    bool atEnd() const { return m_at == nullptr; }
+
+private:
+    template<typename Number>
+    static bool isNumber(std::string_view field, Number &value)
+    {
+        const auto [stop, error] = std::from_chars(field.data(), field.data() + field.size(), value);
+        return error == std::errc() && stop == field.data() + field.size();
+    }
+
+    const char *m_at;
+    const char *m_end;
+    bool m_isThere = true;
+};
+
+Sample sampleOf(const Bucket::Point &point)
+{
+    return {timeOfSeconds(point.time), QString::fromStdString(point.text)};
+}
+
+} // namespace
+
+qint64 secondsOf(LocalTime time)
+{
+    return (time.date().toJulianDay() - firstDay) * secondsOfDay + time.time().msecsSinceStartOfDay() / 1000;
+}
+
+LocalTime timeOfSeconds(qint64 seconds)
+{
+    const qint64 day = seconds / secondsOfDay;
+    return {QDate::fromJulianDay(firstDay + day), QTime::fromMSecsSinceStartOfDay(int(seconds % secondsOfDay) * 1000)};
+}
+
+void Bucket::add(qint64 time, const QString &value)
+{
+    add(time, value.constData(), value.size());
+}
+
+// A number is ASCII. The usual ones are put together here, where nothing need be allocated for them.
+void Bucket::add(qint64 time, const QChar *value, qint64 size)
+{
+    ++m_rows;
+    char usual[64];
+    if (size > qint64(sizeof usual)) {
+        const QByteArray utf8 = QString(value, int(size)).toUtf8();
+        addNumber(time, utf8.constData(), utf8.size());
+        return;
+    }
+    for (qint64 i = 0; i < size; ++i) {
+        if (value[i].unicode() >= 0x80)
+            return;
+        usual[i] = char(value[i].unicode());
+    }
+    addNumber(time, usual, size);
+}
+
+void Bucket::addNumber(qint64 time, const char *text, qint64 size)
+{
+    const auto found = number(QByteArray::fromRawData(text, int(size)));
+    if (!found)
+        return;
+    addToSum(*found);
+    const bool isFirst = m_numbers++ == 0;
+    const auto take = [&](Point &to) {
+        to.time = time;
+        to.value = *found;
+        to.text.assign(text, size_t(size));
+    };
+    if (isFirst || isLower(*found, time, m_lowest))
+        take(m_lowest);
+    if (isFirst || isHigher(*found, time, m_highest))
+        take(m_highest);
+    if (isFirst || time < m_first.time)
+        take(m_first);
+    if (isFirst || time >= m_last.time)
+        take(m_last);
+}
+
+void Bucket::add(const Bucket &other)
+{
+    m_rows += other.m_rows;
+    if (other.m_numbers == 0)
+        return;
+    addToSum(other.m_sum);
+    addToSum(other.m_rest);
+    const bool wasEmpty = m_numbers == 0;
+    m_numbers += other.m_numbers;
+    if (wasEmpty || isLower(other.m_lowest.value, other.m_lowest.time, m_lowest))
+        m_lowest = other.m_lowest;
+    if (wasEmpty || isHigher(other.m_highest.value, other.m_highest.time, m_highest))
+        m_highest = other.m_highest;
+    if (wasEmpty || other.m_first.time < m_first.time)
+        m_first = other.m_first;
+    if (wasEmpty || other.m_last.time >= m_last.time)
+        m_last = other.m_last;
+}
+
+// Texts are copied only where they win: a trend of years adds up some ten thousand buckets.
+bool Bucket::add(const char *begin, const char *end, qint64 start)
+{
+    struct Read {
+        std::string_view text;
+        qint64 time;
+        double value;
+    };
+    Fields fields(begin, end);
+    qint64 rows = 0;
+    qint64 numbers = 0;
+    if (!fields.counts(rows, numbers))
+        return false;
+    double sum = 0;
+    Read points[4];
+    if (numbers > 0) {
+        if (!fields.number(sum))
+            return false;
+        for (Read &point : points) {
+            point.text = fields.text();
+            const auto value = number(QByteArray::fromRawData(point.text.data(), int(point.text.size())));
+            if (!value || !fields.number(point.time))
+                return false;
+            point.time += start;
+            point.value = *value;
+        }
+    }
+    if (!fields.atEnd())
+        return false;
+    m_rows += rows;
+    if (numbers == 0)
+        return true;
+    addToSum(sum);
+    const bool wasEmpty = m_numbers == 0;
+    m_numbers += numbers;
+    const auto take = [](Point &to, const Read &from) {
+        to.time = from.time;
+        to.value = from.value;
+        to.text.assign(from.text);
+    };
+    const auto &[lowest, highest, first, last] = points;
+    if (wasEmpty || isLower(lowest.value, lowest.time, m_lowest))
+        take(m_lowest, lowest);
+    if (wasEmpty || isHigher(highest.value, highest.time, m_highest))
+        take(m_highest, highest);
+    if (wasEmpty || first.time < m_first.time)
+        take(m_first, first);
+    if (wasEmpty || last.time >= m_last.time)
+        take(m_last, last);
+    return true;
+}
+
+// Neumaier's summation: what a long sum loses to rounding is kept beside it.
+void Bucket::addToSum(double value)
+{
+    const double sum = m_sum + value;
+    if (std::isfinite(sum))
+        m_rest += std::abs(m_sum) >= std::abs(value) ? (m_sum - sum) + value : (value - sum) + m_sum;
+    else
+        m_rest = 0; // the values are too large to be summed up
+    m_sum = sum;
+}
+
+QByteArray Bucket::text(qint64 start) const
+{
+    QByteArray text = QByteArray::number(m_rows);
+    if (m_numbers != m_rows)
+        text += '/' + QByteArray::number(m_numbers);
+    if (m_numbers == 0)
+        return text;
+    text += ';' + numberText(m_sum + m_rest).toLatin1();
+    for (const Point *point : {&m_lowest, &m_highest, &m_first, &m_last}) {
+        text += ';' + QByteArray::fromStdString(point->text) + ';';
+        if (point->time != start)
+            text += QByteArray::number(point->time - start);
+    }
+    return text;
+}
+
+qint64 columnWidth(qint64 first, qint64 last, int columns)
+{
+    constexpr qint64 minute = 60;
+    constexpr qint64 hour = 60 * minute;
+    constexpr qint64 widths[] = {1,          2,          5,           10,          20,          30,   minute,
+                                 2 * minute, 5 * minute, 10 * minute, 20 * minute, 30 * minute, hour, 2 * hour,
+                                 3 * hour,   4 * hour,   6 * hour,    12 * hour,   secondsOfDay};
+    const auto fits = [=](qint64 width) { return last / width - first / width < columns; };
+    const auto *const found = std::find_if(std::begin(widths), std::end(widths), fits);
+    if (found != std::end(widths))
+        return *found;
+    qint64 days = 2;
+    while (!fits(days * secondsOfDay))
+        days *= 2;
+    return days * secondsOfDay;
+}
+
+Trend TrendColumns::take() const
+{
+    Trend trend;
+    trend.width = std::chrono::seconds(m_width);
+    trend.columns.reserve(int(m_columns.size()));
+    for (const auto &[place, column] : m_columns) {
+        const Bucket &bucket = column.bucket;
+        if (bucket.rows() == 0)
+            continue;
+        TrendColumn shown;
+        shown.from = timeOfSeconds(place * m_width);
+        shown.to = timeOfSeconds((place + 1) * m_width);
+        shown.rows = bucket.rows();
+        shown.numbers = bucket.numbers();
+        shown.mean = bucket.mean();
+        shown.exact = column.exact;
+        if (bucket.numbers() > 0) {
+            shown.lowest = sampleOf(bucket.lowest());
+            shown.highest = sampleOf(bucket.highest());
+            shown.first = sampleOf(bucket.first());
+            shown.last = sampleOf(bucket.last());
+        }
+        trend.columns.append(shown);
+    }
+    return trend;
+}
+
+} // namespace device

@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: MIT
+//
+// Summing up samples, without a database: what a span of time has in common, and the columns of a trend.
+#ifndef DEVICE_BUCKET_H
+#define DEVICE_BUCKET_H
+
+#include "device/trend.h"
+
+#include <QByteArray>
+
+#include <map>
+#include <string>
+
+namespace device
+{
+
+/// Local time in seconds since the year 1 began: spans of all lengths up to a day begin at multiples of their length.
+qint64 secondsOf(LocalTime time);
+LocalTime timeOfSeconds(qint64 seconds);
+
+/// The samples of one span. Whatever the order in which parts are added up, the result is the same, but for rounding in
+/// the sum; of samples with equal times the one recorded first is to be added first.
+class Bucket
+{
+public:
+    struct Point {
+        qint64 time = 0; ///< Seconds.
+        double value = 0;
+        std::string text; ///< As it stands in the table. Numbers are short: mostly nothing is allocated.
+    };
+
+    void add(qint64 time, const QString &value);
+    void add(qint64 time, const QChar *value, qint64 size);
+    /// Samples that were recorded after those that are here, or in another span.
+    void add(const Bucket &other);
+    /// The same for a bucket that text() wrote; false, and nothing added, if it is none.
+    bool add(const char *begin, const char *end, qint64 start);
+
+    qint64 rows() const { return m_rows; }
+    qint64 numbers() const { return m_numbers; }
+    double mean() const { return m_numbers > 0 ? (m_sum + m_rest) / double(m_numbers) : 0; }
+    const Point &lowest() const { return m_lowest; }
+    const Point &highest() const { return m_highest; }
+    const Point &first() const { return m_first; }
+    const Point &last() const { return m_last; }
+
+    /// All of it in one line of ASCII, times as seconds from `start`, at which the span begins.
+    QByteArray text(qint64 start) const;
+
+private:
+    void addNumber(qint64 time, const char *text, qint64 size);
+    void addToSum(double value);
+
+    qint64 m_rows = 0;
+    qint64 m_numbers = 0;
+    double m_sum = 0;
+    double m_rest = 0; ///< What rounding took from the sum.
+    Point m_lowest;
+    Point m_highest;
+    Point m_first;
+    Point m_last;
+};
+
+/// The narrowest width in seconds with which the range from `first` to `last` has at most so many columns.
+qint64 columnWidth(qint64 first, qint64 last, int columns);
+
+/// The columns of a trend while it is read.
+class TrendColumns
+{
+public:
+    explicit TrendColumns(qint64 width) : m_width(width) {}
+
+    qint64 width() const { return m_width; }
+    Bucket &at(qint64 time) { return m_columns[time / m_width].bucket; }
+    void setInexact(qint64 time) { m_columns[time / m_width].exact = false; }
+    Trend take() const;
+
+private:
+    struct Column {
+        Bucket bucket;
+        bool exact = true;
+    };
+
+    qint64 m_width;
+    std::map<qint64, Column> m_columns;
+};
+
+} // namespace device
+
+#endif

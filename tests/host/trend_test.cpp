@@ -1,0 +1,352 @@
+// SPDX-License-Identifier: MIT
+//
+// DEVICE_TREND_PAIRS: how many random pairs of a history and a range (120). DEVICE_TREND_SEED: which.
+#include "recorder_fixture.h"
+#include "trend_reference.h"
+
+#include "bucket.h"
+
+#include <random>
+
+namespace
+{
+
+int numberOf(const char *variable, int otherwise)
+{
+    return qEnvironmentVariableIsSet(variable) ? qEnvironmentVariableIntValue(variable) : otherwise;
+}
+
+QString text(LocalTime time)
+{
+    return time.toDateTime().toString("yyyy-MM-dd hh:mm:ss"_q);
+}
+
+// Buckets by themselves
+
+Bucket bucketOf(const QVector<std::pair<qint64, const char *>> &samples)
+{
+    Bucket bucket;
+    for (const auto &[time, value] : samples)
+        bucket.add(time, QString::fromLatin1(value));
+    return bucket;
+}
+
+TEST(Bucket, HasTheVeryTextsAndTheEarliestOfEquals)
+{
+    const Bucket bucket = bucketOf({{70, "2.50"}, {65, "ERR"}, {61, "+3"}, {65, "3.0"}, {66, "2.5"}, {70, " 3"}});
+    EXPECT_EQ(bucket.rows(), 6);
+    EXPECT_EQ(bucket.numbers(), 5);
+    EXPECT_EQ(bucket.lowest().text, "2.5");
+    EXPECT_EQ(bucket.highest().text, "+3");
+    EXPECT_EQ(bucket.first().time, 61);
+    EXPECT_EQ(bucket.last().text, " 3");
+    EXPECT_EQ(bucket.mean(), 14.0 / 5);
+    EXPECT_EQ(bucket.text(60), "6/5;14;2.5;6;+3;1;+3;1; 3;10");
+    EXPECT_EQ(bucketOf({{60, ""}}).text(60), "1/0");
+    EXPECT_EQ(bucketOf({{60, "7"}}).text(60), "1;7;7;;7;;7;;7;");
+}
+
+TEST(Bucket, ComesBackFromItsTextAndRefusesAnyOther)
+{
+    const QByteArray written = bucketOf({{70, "2.50"}, {65, "ERR"}, {61, "-1e300"}}).text(60);
+    Bucket read;
+    EXPECT_TRUE(read.add(written.constData(), written.constData() + written.size(), 60));
+    EXPECT_EQ(read.text(60), written);
+    for (const QByteArray &damaged :
+         {QByteArray(), QByteArray("x"), QByteArray("1"), QByteArray("1/2"), QByteArray("0/0"), QByteArray("1/0;"),
+          written + ";", written.left(written.lastIndexOf(';')), QByteArray(written).replace("2.50", "two")}) {
+        EXPECT_FALSE(read.add(damaged.constData(), damaged.constData() + damaged.size(), 60)) << damaged.constData();
+        EXPECT_EQ(read.text(60), written);
+    }
+}
+
+TEST(Bucket, SumsUpWithoutLosingWhatIsSmall)
+{
+    Bucket bucket;
+    bucket.add(0, "1e16"_q);
+    for (int i = 0; i < 1000; ++i)
+        bucket.add(1, "1"_q);
+    bucket.add(2, "-1e16"_q);
+    EXPECT_EQ(bucket.mean(), 1000.0 / 1002);
+    Bucket huge = bucketOf({{0, "1e308"}, {0, "1e308"}});
+    EXPECT_TRUE(std::isinf(huge.mean()));
+    EXPECT_EQ(huge.lowest().text, "1e308");
+}
+
+TEST(TrendColumns, AreAsNarrowAsTheirNumberAllows)
+{
+    EXPECT_EQ(columnWidth(0, 999, 1000), 1);
+    EXPECT_EQ(columnWidth(0, 1000, 1000), 2);
+    EXPECT_EQ(columnWidth(3599, 3600, 1), 7200); // one column has both
+    EXPECT_EQ(columnWidth(0, 86400LL * 365 * 10, 2000), 86400LL * 2);
+    EXPECT_GE(columnWidth(0, 86400LL * 3652058, 1), 86400LL * 3652058);
+}
+
+// Trends of a file
+
+class Trends : public Recorders
+{
+protected:
+    Rows rowsOfFile() const { return rowsOf(path(), "select ID,DATETIME,Value from Boiler order by ID"_q); }
+    QString stateOfFile() const
+    {
+        return valueOf(path(), "select MARK=(select seq from sqlite_sequence where name='Boiler') from "
+                               "\"device trend series\" where COLLECTOR='Boiler'"_q);
+    }
+    Trend trend(const QString &from, const QString &to, int columns) const
+    {
+        auto store = require(HistoryStore::open(library(), path()));
+        return require(store.trend(boiler, TrendQuery::between(at(from), at(to)).columns(columns)));
+    }
+    // The trend of the file is that of these rows.
+    void expectTrend(const QString &from, const QString &to, int columns, const Rows &rows) const
+    {
+        const Trend found = trend(from, to, columns);
+        ASSERT_LE(found.columns.size(), columns);
+        expectSameColumns(found.columns, columnsOf(rows, from, to, found.width.count()));
+    }
+    void expectTrend(const QString &from, const QString &to, int columns) const
+    {
+        expectTrend(from, to, columns, rowsOfFile());
+    }
+    std::unique_ptr<HistoryRecorder> trendRecorder(const TrendOptions &trend = {})
+    {
+        auto recorder = recorderOf(Profile::Durable);
+        recorder->keepTrend(boiler, trend);
+        require(recorder->flush(milliseconds(20000)));
+        return recorder;
+    }
+    bool catchesUp() const
+    {
+        return eventually([this] { return stateOfFile() == "1"_q; });
+    }
+};
+
+TEST_F(Trends, AreReadFromTheRowsWithoutAnythingPrepared)
+{
+    auto recorder = recorderOf(Profile::AsIs);
+    record(*recorder, 0, 5000);
+    require(recorder->stop(milliseconds(20000)));
+    expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 100);
+    expectTrend("2024-05-06 00:10:01"_q, "2024-05-06 00:10:01"_q, 1);
+    expectTrend("2024-05-07 00:00:00"_q, "2024-05-07 23:59:59"_q, 100);
+    for (const TrendColumn &column : trend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 100).columns)
+        EXPECT_TRUE(column.exact);
+}
+
+TEST_F(Trends, OfARangeThatIsNoneOrTooFineSaySo)
+{
+    auto store = require(HistoryStore::open(library(), path()));
+    require(store.createTable(boiler));
+    const LocalTime when = at("2024-05-06 00:00:00"_q);
+    EXPECT_EQ(codeOf(store.trend(boiler, TrendQuery::between(LocalTime(), when))), Error::TimeRefused);
+    EXPECT_EQ(codeOf(store.trend(boiler, TrendQuery::between(when, when).columns(0))), Error::OptionRefused);
+    EXPECT_EQ(codeOf(store.trend(boiler, TrendQuery::between(when, when).columns(100001))), Error::OptionRefused);
+    EXPECT_EQ(codeOf(store.trend(table("Missing"_q), TrendQuery::between(when, when))), Error::TableMissing);
+    EXPECT_TRUE(require(store.trend(boiler, TrendQuery::between(at("2024-05-07 00:00:00"_q), when))).columns.isEmpty());
+}
+
+TEST_F(Trends, AreKeptUpByTheRecorder)
+{
+    auto recorder = trendRecorder();
+    options.batchRows = 100;
+    record(*recorder, 0, 5000);
+    require(recorder->flush(milliseconds(20000)));
+    EXPECT_NE(valueOf(path(), "select count(*) from \"device trend\""_q), "0"_q);
+    expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
+    expectTrend("2024-05-06 00:10:01"_q, "2024-05-06 01:10:59"_q, 70);
+    require(recorder->stop(milliseconds(20000)));
+    EXPECT_EQ(stateOfFile(), "1"_q);
+    // A wider bucket is there once a later one began.
+    EXPECT_EQ(rowsOf(path(), "select K>>36&15,sum(substr(D,1,instr(D,';')-1)) from \"device trend\" group by 1"_q),
+              (Rows{{"1"_q, "5000"_q}, {"2"_q, "4800"_q}, {"3"_q, "3600"_q}}));
+}
+
+TEST_F(Trends, CanBeginWithAnOldTableAndEnd)
+{
+    auto recorder = recorderOf(Profile::Durable);
+    record(*recorder, 0, 20000);
+    require(recorder->flush(milliseconds(20000)));
+    QVector<bool> answers;
+    const auto note = [&answers](const Result<bool> &answer) { answers.append(require(answer)); };
+    recorder->keepTrend(boiler, {}, note);
+    recorder->keepTrend(boiler, {}, note);
+    ASSERT_TRUE(eventually([&] { return answers.size() == 2; }));
+    ASSERT_TRUE(catchesUp());
+    expectTrend("2024-05-06 00:00:30"_q, "2024-05-06 23:59:59"_q, 50);
+    recorder->keepTrend(boiler, {{TrendLevel::Hour}}, note);
+    ASSERT_TRUE(eventually([&] { return answers.size() == 3; }));
+    ASSERT_TRUE(catchesUp());
+    ASSERT_TRUE(eventually([&] { return valueOf(path(), "select count(*) from \"device trend\""_q) == "6"_q; }));
+    expectTrend("2024-05-06 00:00:30"_q, "2024-05-06 23:59:59"_q, 10);
+    recorder->dropTrend(boiler, note);
+    recorder->dropTrend(boiler, note);
+    ASSERT_TRUE(eventually([&] { return answers.size() == 5; }));
+    ASSERT_TRUE(eventually([&] { return valueOf(path(), "select count(*) from \"device trend\""_q) == "0"_q; }));
+    expectTrend("2024-05-06 00:00:30"_q, "2024-05-06 23:59:59"_q, 10);
+    EXPECT_EQ(answers, (QVector<bool>{true, false, true, true, false}));
+}
+
+TEST_F(Trends, AreRefusedByName)
+{
+    auto store = require(HistoryStore::open(library(), path()));
+    EXPECT_EQ(codeOf(store.keepTrend(boiler)), Error::TableMissing);
+    require(store.createTable(boiler));
+    EXPECT_EQ(codeOf(store.keepTrend(boiler, {{}})), Error::OptionRefused);
+    PlainConnection(path()).run("create table Counted(ID INTEGER PRIMARY KEY,DATETIME dateTime,Value text)"_q);
+    EXPECT_EQ(codeOf(store.keepTrend(table("Counted"_q))), Error::TableLayout);
+    EXPECT_FALSE(require(store.dropTrend(boiler)));
+    PlainConnection(path()).run("create table \"device trend\"(A)"_q);
+    EXPECT_EQ(codeOf(store.keepTrend(boiler)), Error::TableLayout);
+}
+
+TEST_F(Trends, SeeRowsOfOtherPrograms)
+{
+    auto recorder = trendRecorder();
+    OtherProgram other(path());
+    for (int round = 0; round < 5; ++round) {
+        record(*recorder, round * 500, round * 500 + 500);
+        require(recorder->flush(milliseconds(20000)));
+        other.run("insert into Boiler values(NULL,'2024-05-06 00:0%1:30','-%1')"_q.arg(round));
+        expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
+    }
+    recorder = trendRecorder();
+    ASSERT_TRUE(catchesUp());
+    expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
+}
+
+TEST_F(Trends, BeginAnewWithATableThatWasEmptied)
+{
+    auto recorder = trendRecorder();
+    record(*recorder, 0, 1000);
+    require(recorder->flush(milliseconds(20000)));
+    OtherProgram(path()).run("delete from Boiler; update sqlite_sequence set seq=0"_q);
+    expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
+    record(*recorder, 2000, 4000);
+    require(recorder->flush(milliseconds(20000)));
+    expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
+    record(*recorder, 4000, 5000);
+    recorder = trendRecorder();
+    ASSERT_TRUE(catchesUp());
+    expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
+}
+
+TEST_F(Trends, OutliveTheirRows)
+{
+    auto recorder = trendRecorder();
+    record(*recorder, 0, 10000);
+    require(recorder->stop(milliseconds(20000)));
+    const Rows all = rowsOfFile();
+    auto store = require(HistoryStore::open(library(), path()));
+    EXPECT_EQ(require(store.removeBefore(boiler, at("2024-05-06 01:00:30"_q))), 3630);
+    expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 02:59:59"_q, 20, all);
+    const Trend shown = trend("2024-05-06 00:00:00"_q, "2024-05-06 02:59:59"_q, 20);
+    for (const TrendColumn &column : shown.columns)
+        EXPECT_EQ(column.exact, at("2024-05-06 01:00:00"_q) < column.from) << toString(column);
+    // Finer than the finest level only where the rows are.
+    EXPECT_EQ(trend("2024-05-06 00:10:00"_q, "2024-05-06 00:19:59"_q, 600).columns.size(), 10);
+    EXPECT_EQ(trend("2024-05-06 01:10:00"_q, "2024-05-06 01:19:59"_q, 600).columns.size(), 600);
+}
+
+TEST_F(Trends, ThatSomebodyChangedAreReportedAndTheRowsAreStored)
+{
+    auto recorder = trendRecorder();
+    QStringList failures;
+    QObject::connect(recorder.get(), &Recorder::trendFailed, [&](const Error &why) { failures << why.text(); });
+    record(*recorder, 0, 200);
+    require(recorder->flush(milliseconds(20000)));
+    record(*recorder, 200, 300);
+    require(recorder->flush(milliseconds(20000)));
+    OtherProgram(path()).run("update \"device trend\" set D='two'"_q);
+    record(*recorder, 300, 1000);
+    require(recorder->flush(milliseconds(20000)));
+    record(*recorder, 1000, 2000);
+    require(recorder->flush(milliseconds(20000)));
+    ASSERT_TRUE(eventually([&] { return !failures.isEmpty(); }));
+    EXPECT_EQ(failures.size(), 1);
+    EXPECT_TRUE(failures.first().contains("of its trend cannot be read"_q)) << failures.first().toStdString();
+    OtherProgram(path()).run("drop table \"device trend\""_q);
+    record(*recorder, 2000, 3000);
+    require(recorder->stop(milliseconds(20000)));
+    expectNumbers(3000);
+}
+
+// Random histories: rows in batches, late, with steps of the clock, without a number, by other programs, by a recorder
+// that begins again; emptied tables. After each step a random zoom is compared with the rows.
+TEST_F(Trends, AreThoseOfTheRowsWhateverHappens)
+{
+    const int pairs = numberOf("DEVICE_TREND_PAIRS", 120);
+    std::mt19937 random(unsigned(numberOf("DEVICE_TREND_SEED", 1)));
+    const auto upTo = [&random](int bound) { return int(random() % unsigned(bound)); };
+    const auto valueText = [&]() -> QString {
+        switch (upTo(20)) {
+        case 0:
+            return "ERR"_q;
+        case 1:
+            return "1,5"_q;
+        case 2:
+            return ""_q;
+        case 3:
+            return "it's \"%1\""_q;
+        case 4:
+            return QString::number(upTo(3)) + ".0"_q;
+        default:
+            return QString::number((double(random()) - 2e9) / (1 + upTo(1000000)), 'g', 17);
+        }
+    };
+    options.batchRows = 50;
+    for (int pair = 0; pair < pairs;) {
+        removeFiles();
+        TrendOptions trend;
+        if (upTo(2))
+            trend.levels.prepend(TrendLevel::TenSeconds);
+        if (upTo(3) == 0)
+            trend.levels.removeAt(1 + upTo(int(trend.levels.size()) - 1));
+        auto recorder = trendRecorder(trend);
+        LocalTime now = at("2024-02-28 12:00:00"_q);
+        const auto later = [&now](int seconds) { now = LocalTime(now.toDateTime().addSecs(seconds)); };
+        for (int step = 0; step < 30 && pair < pairs; ++step, ++pair) {
+            switch (upTo(12)) {
+            case 0:
+                recorder = trendRecorder(trend);
+                break;
+            case 1:
+                OtherProgram(path()).run(
+                    "insert into Boiler values(NULL,'%1','%2')"_q.arg(text(now), QString::number(upTo(1000))));
+                break;
+            case 2:
+                later(upTo(2) ? -upTo(7200) : upTo(7 * 86400)); // the clock was set
+                break;
+            case 3:
+                if (upTo(4) == 0)
+                    OtherProgram(path()).run("delete from Boiler; update sqlite_sequence set seq=0"_q);
+                break;
+            case 4:
+                OtherProgram(path()).run("insert into Boiler values(NULL,'yesterday','1'),(NULL,NULL,NULL)"_q);
+                break;
+            default:
+                break;
+            }
+            const int rows = upTo(400);
+            const int pause = 1 + upTo(step % 5 == 0 ? 600 : 3);
+            for (int i = 0; i < rows; ++i) {
+                later(upTo(2 * pause));
+                const LocalTime when = upTo(50) ? now : LocalTime(now.toDateTime().addSecs(-upTo(90000)));
+                require(recorder->record(boiler, {when, valueText()}));
+            }
+            require(recorder->flush(milliseconds(20000)));
+            const QDateTime from = now.toDateTime().addSecs(-qint64(upTo(2) ? upTo(3000) : upTo(20 * 86400)));
+            const QDateTime to = from.addSecs(upTo(2) ? upTo(5000) : upTo(30 * 86400));
+            Rows timed;
+            for (const QStringList &row : rowsOfFile()) {
+                if (at(row.at(1)).isValid())
+                    timed << row;
+            }
+            expectTrend(text(from), text(to), 1 + upTo(200), timed);
+            if (HasFatalFailure())
+                FAIL() << "pair " << pair << ", " << text(from).toStdString() << " to " << text(to).toStdString();
+        }
+    }
+}
+
+} // namespace
