@@ -3,45 +3,14 @@
 #define DEVICE_ROLLUPS_H
 
 #include "batch.h"
-#include "bucket.h"
 #include "deadline.h"
+#include "rollup_file.h"
 #include "time_text.h"
 
-#include <limits>
-#include <map>
 #include <vector>
 
 namespace device
 {
-
-/// How the rollups of one table stand in the file.
-struct RollupState {
-    qint64 number = 0;          ///< Its buckets have this number.
-    std::vector<qint64> levels; ///< The widths of the buckets in seconds, the finest first.
-    qint64 mark = 0;            ///< The highest ID that is in the buckets.
-    qint64 last = 0;            ///< The highest ID that the table gave.
-    qint64 front = 0;           ///< The latest bucket of the finest level, in seconds; see closed().
-    bool isOfThisTable =
-        true; ///< False when the table was emptied and began its IDs anew: nothing of the buckets holds.
-
-    /// The wider levels have a bucket once a later one began. This is where they end; the finest level has all.
-    qint64 closed(size_t level) const
-    {
-        return level == 0 ? std::numeric_limits<qint64>::max() : front / levels[level] * levels[level];
-    }
-};
-
-/// The key of a bucket; those of one level of a table are in the order of time, one after the other.
-qint64 bucketKey(qint64 number, qint64 width, qint64 time);
-
-/// Nothing for a table without rollups.
-Result<std::optional<RollupState>> rollupState(Connection &connection, const Site &site, const QString &table);
-
-/// Within the caller's transaction: the rollups of a table are kept from now on, true if they were not before. Other
-/// levels than before begin anew.
-Result<bool> beginRollups(Connection &connection, const TableName &table, const TrendOptions &options);
-/// The same: they are no longer kept; false if they were not.
-Result<bool> endRollups(Connection &connection, const TableName &table);
 
 /// The rollups of a file, as the thread that stores its rows keeps them.
 ///
@@ -53,7 +22,7 @@ class Rollups
 public:
     /// Looks which tables have rollups. They are behind until catchUp() says otherwise.
     Status open(Connection &connection);
-    bool isEmpty() const { return m_tables.empty() && m_gone.empty(); }
+    bool isEmpty() const { return m_tables.empty() && m_gone.isEmpty(); }
 
     /// A row that is in the file now.
     void stored(const Write &row);
@@ -79,24 +48,23 @@ private:
         QString name;
         RollupState state;
         bool behind = true;
-        std::map<qint64, Bucket> buckets; ///< Of the finest level, since the mark.
-        qint64 rows = 0;                  ///< In them.
-        QString newest;                   ///< The last of these, as RowText has it.
-        Clock::time_point since = {};     ///< The first of these was stored.
-        bool isWritten = false;           ///< By the transaction under way,
-        qint64 newMark = 0;               ///< up to here.
-        qint64 newFront = 0;
+        Buckets buckets;              ///< Of the finest level, since the mark.
+        qint64 rows = 0;              ///< In them.
+        QString newest;               ///< The last of these, as RowText has it.
+        Clock::time_point since = {}; ///< The first of these was stored.
+        bool isWritten = false;       ///< By the transaction under way,
+        qint64 newMark = 0;           ///< up to here.
     };
 
     static bool isDue(const Table &table);
     static void forget(Table &table);
-    Status write(Connection &connection, std::vector<Table *> tables);
+    Table *tableOf(const QString &name);
     Status catchUp(Connection &connection, Table &table);
-    Status removeGone(Connection &connection);
 
     TimeReader m_times{false};
     std::vector<Table> m_tables;
-    std::vector<qint64> m_gone; ///< Numbers whose buckets nobody needs.
+    QHash<QString, int> m_places; ///< In m_tables, or -1; by the names that rows come with.
+    QVector<qint64> m_gone;       ///< Numbers whose buckets nobody needs.
     std::optional<Error> m_trouble;
 };
 

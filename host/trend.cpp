@@ -4,7 +4,7 @@
 #include "bucket.h"
 #include "one_moment.h"
 #include "reading.h"
-#include "rollups.h"
+#include "rollup_file.h"
 #include "row_text.h"
 
 #include <algorithm>

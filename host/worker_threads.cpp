@@ -121,7 +121,7 @@ void Recorder::Worker::serve()
                 next = Deadline(m_nextTry);
             else if (!m_waiting.empty())
                 next = Deadline(m_options.batchTime, m_waiting.front().taken);
-            if (rollupsWait())
+            if (!m_stopping && rollupsWait())
                 next = next.orAt(m_nextRollups);
             next.waitForNews(m_wake, lock); // whatever woke it: the loop looks anew
         }

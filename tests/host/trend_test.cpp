@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // DEVICE_TREND_PAIRS: how many random pairs of a history and a range (120). DEVICE_TREND_SEED: which.
+#include "faulty_disk.h"
 #include "recorder_fixture.h"
 #include "trend_reference.h"
 
@@ -269,6 +270,57 @@ TEST_F(Trends, ThatSomebodyChangedAreReportedAndTheRowsAreStored)
     record(*recorder, 2000, 3000);
     require(recorder->stop(milliseconds(20000)));
     expectNumbers(3000);
+}
+
+TEST_F(Trends, OfManyTablesAreWrittenTogether)
+{
+    auto recorder = recorderOf(Profile::Flash);
+    std::vector<TableName> tables;
+    for (int i = 0; i < 30; ++i) {
+        tables.push_back(table("Series%1"_q.arg(i)));
+        recorder->createTable(tables.back());
+        recorder->keepTrend(tables.back());
+    }
+    for (int number = 0; number < 9000; ++number)
+        require(recorder->record(tables[size_t(number) % tables.size()], numbered(number)));
+    require(recorder->stop(milliseconds(20000)));
+    auto store = require(HistoryStore::open(library(), path()));
+    const QString from = "2024-05-06 00:00:07"_q;
+    const QString to = "2024-05-06 02:20:00"_q;
+    for (const TableName &each : tables) {
+        const Trend found = require(store.trend(each, TrendQuery::between(at(from), at(to)).columns(30)));
+        const Rows rows = rowsOf(path(), "select ID,DATETIME,Value from %1 order by ID"_q.arg(each.text()));
+        expectSameColumns(found.columns, columnsOf(rows, from, to, found.width.count()));
+    }
+}
+
+// Each write, sync and deletion in turn fails once, while rows are stored and while the rest is written at the end.
+TEST_F(Trends, AreThoseOfTheRowsAfterEveryFaultOfTheDisk)
+{
+    FaultyDisk disk;
+    options.batchRows = 40;
+    int failures = 0;
+    for (int fault = 0; fault < FaultyDisk::Faults; ++fault) {
+        bool failed = true;
+        for (int after = 0; failed; after += 1 + after / 4) {
+            removeFiles();
+            auto recorder = recorderOf(fault % 2 ? Profile::AsIs : Profile::Durable);
+            recorder->keepTrend(boiler);
+            require(recorder->flush(milliseconds(20000)));
+            disk.fail(FaultyDisk::Fault(fault), 1, after);
+            record(*recorder, 0, 400);
+            (void)recorder->flush(milliseconds(20000));
+            record(*recorder, 400, 500);
+            require(recorder->stop(milliseconds(20000)));
+            failed = disk.failures() > failures;
+            failures = disk.failures();
+            disk.mend();
+            expectNumbers(500);
+            expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
+            expectTrend("2024-05-06 00:00:30"_q, "2024-05-06 00:07:29"_q, 7);
+        }
+    }
+    EXPECT_GT(failures, 20);
 }
 
 // Random histories: rows in batches, late, with steps of the clock, without a number, by other programs, by a recorder

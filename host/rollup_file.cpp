@@ -1,0 +1,388 @@
+// SPDX-License-Identifier: MIT
+#include "rollup_file.h"
+
+#include "row_text.h"
+
+#include <algorithm>
+
+namespace device
+{
+
+namespace
+{
+
+// Both with a blank, as all that this layer adds to a file: see schema.cpp.
+constexpr const char *series = "\"device trend series\"";
+constexpr const char *trend = "\"device trend\"";
+constexpr int version = 1;
+
+constexpr int bitsOfTime = 36; // a day's number, or a second's, of the years 1 to 9999
+constexpr int bitsOfLevel = 4;
+constexpr int bitsOfBucket = bitsOfTime + bitsOfLevel;
+constexpr qint64 widths[] = {10, 60, 600, 3600, 86400}; // by TrendLevel
+
+constexpr int bucketsOfAStatement = 200;
+constexpr int bucketsToRemove = 2000;
+
+Result<bool> areThere(Connection &connection, const Site &site)
+{
+    const auto found = connection.ask(
+        site,
+        QStringLiteral("select name,(select group_concat(name) from pragma_table_info(m.name)) from sqlite_master "
+                       "m where type='table' and name in ('device trend','device trend series') order by name"));
+    if (!found)
+        return found.error();
+    if (found->isEmpty())
+        return false;
+    const QList<QStringList> expected{
+        {QStringLiteral("device trend"), QStringLiteral("K,D")},
+        {QStringLiteral("device trend series"), QStringLiteral("N,COLLECTOR,LEVELS,MARK,MARKED,FRONT,VERSION")}};
+    if (*found != expected)
+        return site.error(Error::TableLayout, QStringLiteral("the tables for trends have other columns"));
+    return true;
+}
+
+Result<std::optional<RollupState>> stateOf(Connection &connection, const Site &site, const QString &table)
+{
+    const auto rows = connection.ask(
+        site,
+        QStringLiteral("select N,LEVELS,MARK,ifnull((select seq from sqlite_sequence where name=COLLECTOR collate "
+                       "nocase),0),MARKED is null or not exists(select 1 from %1 where ID=MARK) or MARKED is (select "
+                       "DATETIME||' '||Value from %1 where ID=MARK),FRONT,VERSION from %2 where COLLECTOR=%3")
+            .arg(table, QLatin1String(series), quoted(table)));
+    if (!rows)
+        return rows.error();
+    if (rows->isEmpty())
+        return std::optional<RollupState>();
+    const QStringList &cells = rows->first();
+    if (cells.at(6).toInt() != version)
+        return site.error(Error::TableLayout,
+                          QStringLiteral("its trend is of version %1; this program knows version %2")
+                              .arg(cells.at(6), QString::number(version)));
+    RollupState state;
+    state.number = cells.at(0).toLongLong();
+    const QStringList levels = cells.at(1).split(QLatin1Char(','));
+    for (const QString &level : levels)
+        state.levels.push_back(level.toLongLong());
+    state.mark = cells.at(2).toLongLong();
+    state.last = cells.at(3).toLongLong();
+    state.front = cells.at(5).toLongLong();
+    state.isOfThisTable = cells.at(4) == QLatin1String("1") && state.last >= state.mark;
+    return std::optional<RollupState>(state);
+}
+
+QString unusedNumber()
+{
+    return QStringLiteral("(select max(ifnull((select max(N) from %1),0),ifnull((select max(K)>>%2 from %3),0))+1)")
+        .arg(QLatin1String(series), QString::number(bitsOfBucket), QLatin1String(trend));
+}
+
+// Buckets of any levels and tables, on their way into the file.
+class NewBuckets
+{
+public:
+    void add(qint64 number, qint64 width, qint64 start, const Bucket &bucket)
+    {
+        m_buckets.push_back({bucketKey(number, width, start), start, &bucket});
+    }
+    /// Adds them to those that are in the file.
+    Status write(Connection &connection, const Site &site) const;
+
+private:
+    struct Each {
+        qint64 key;
+        qint64 start;
+        const Bucket *bucket;
+    };
+    using Some = std::vector<Each>::const_iterator;
+
+    static Status write(Connection &connection, const Site &site, Some begin, Some end);
+
+    std::vector<Each> m_buckets;
+};
+
+Status NewBuckets::write(Connection &connection, const Site &site) const
+{
+    for (auto begin = m_buckets.begin(); begin != m_buckets.end();) {
+        const auto end = begin + std::min<std::ptrdiff_t>(bucketsOfAStatement, m_buckets.end() - begin);
+        if (const Status done = write(connection, site, begin, end); !done)
+            return done;
+        begin = end;
+    }
+    return {};
+}
+
+Status NewBuckets::write(Connection &connection, const Site &site, Some begin, Some end)
+{
+    QStringList keys;
+    for (auto each = begin; each != end; ++each)
+        keys << QString::number(each->key);
+    const auto rows = connection.ask(
+        site,
+        QStringLiteral("select K,D from %1 where K in (%2)").arg(QLatin1String(trend), keys.join(QLatin1Char(','))));
+    if (!rows)
+        return rows.error();
+    QHash<QString, QByteArray> inFile;
+    for (const QStringList &row : *rows)
+        inFile.insert(row.at(0), row.at(1).toUtf8());
+    QByteArray sql = QByteArray("insert or replace into ") + trend + " values ";
+    for (auto each = begin; each != end; ++each) {
+        const QString key = keys.at(int(each - begin));
+        Bucket all;
+        if (const auto there = inFile.constFind(key);
+            there != inFile.constEnd() && !all.add(there->constData(), there->constData() + there->size(), each->start))
+            return site.error(Error::Failed, QStringLiteral("bucket %1 of its trend cannot be read").arg(key));
+        all.add(*each->bucket);
+        sql += '(' + key.toLatin1() + ",'" + all.text(each->start) + "'),";
+    }
+    sql.chop(1);
+    return connection.run(site, QString::fromLatin1(sql));
+}
+
+// The buckets of one of the wider levels. Those behind the front are in the file: what came late is added to them.
+// Those that the front passes now are put together from the level below, which is in the file up to there.
+Status addToWider(Connection &connection, const Site &site, const RollupState &state, size_t level,
+                  const Buckets &finest)
+{
+    const qint64 width = state.levels[level];
+    const qint64 narrower = state.levels[level - 1];
+    const qint64 closed = state.front / width * width;
+    const qint64 nowClosed = state.frontWith(finest) / width * width;
+    Buckets wider;
+    for (auto late = finest.begin(); late != finest.end() && late->first < closed; ++late)
+        wider[late->first / width * width].add(late->second);
+    if (nowClosed > closed) {
+        const auto rows = connection.ask(site, QStringLiteral("select K,D from %1 where K>=%2 and K<%3 order by K")
+                                                   .arg(QLatin1String(trend))
+                                                   .arg(bucketKey(state.number, narrower, closed))
+                                                   .arg(bucketKey(state.number, narrower, nowClosed)));
+        if (!rows)
+            return rows.error();
+        for (const QStringList &row : *rows) {
+            const qint64 start =
+                closed + (row.at(0).toLongLong() - bucketKey(state.number, narrower, closed)) * narrower;
+            const QByteArray text = row.at(1).toUtf8();
+            if (!wider[start / width * width].add(text.constData(), text.constData() + text.size(), start))
+                return site.error(Error::Failed,
+                                  QStringLiteral("bucket %1 of its trend cannot be read").arg(row.at(0)));
+        }
+    }
+    NewBuckets buckets;
+    for (const auto &[start, bucket] : wider)
+        buckets.add(state.number, width, start, bucket);
+    return buckets.write(connection, site);
+}
+
+QString listOf(const std::vector<qint64> &levels)
+{
+    QStringList list;
+    for (const qint64 level : levels)
+        list << QString::number(level);
+    return list.join(QLatin1Char(','));
+}
+
+// A row of the table of series.
+QString seriesRow(const RollupAddition &addition)
+{
+    const RollupState &state = addition.state;
+    return QStringLiteral("(%1,%2,'%3',%4,%5,%6,%7)")
+        .arg(QString::number(state.number), quoted(addition.table), listOf(state.levels),
+             QString::number(addition.mark), addition.marked, QString::number(state.frontWith(*addition.buckets)),
+             QString::number(version));
+}
+
+} // namespace
+
+Site trendSite(const QString &table)
+{
+    return {QStringLiteral("keep the trend of"), table};
+}
+
+qint64 RollupState::frontWith(const Buckets &buckets) const
+{
+    return buckets.empty() ? front : std::max(front, buckets.rbegin()->first);
+}
+
+qint64 bucketKey(qint64 number, qint64 width, qint64 time)
+{
+    const qint64 level = std::find(std::begin(widths), std::end(widths), width) - std::begin(widths);
+    return (((number << bitsOfLevel) | level) << bitsOfTime) | (time / width);
+}
+
+Result<std::optional<RollupState>> rollupState(Connection &connection, const Site &site, const QString &table)
+{
+    const auto there = areThere(connection, site);
+    if (!there)
+        return there.error();
+    return *there ? stateOf(connection, site, table) : std::optional<RollupState>();
+}
+
+Result<bool> beginRollups(Connection &connection, const TableName &table, const TrendOptions &options)
+{
+    const Site site = trendSite(table.text());
+    QVector<TrendLevel> levels = options.levels;
+    std::sort(levels.begin(), levels.end());
+    levels.erase(std::unique(levels.begin(), levels.end()), levels.end());
+    if (levels.isEmpty() || levels.first() < TrendLevel::TenSeconds || levels.last() > TrendLevel::Day)
+        return site.error(Error::OptionRefused, QStringLiteral("levels are none, or not all are of TrendLevel"));
+    QStringList seconds;
+    for (const TrendLevel level : levels)
+        seconds << QString::number(widths[int(level)]);
+
+    // The mark is an ID: where IDs are given a second time it would say nothing.
+    const auto counted =
+        connection.ask(site, QStringLiteral("select (select group_concat(name) from pragma_table_info(m.name)),"
+                                            "instr(upper(sql),'AUTOINCREMENT') from sqlite_master m where "
+                                            "type='table' and name=%1 collate nocase")
+                                 .arg(quoted(table.text())));
+    if (!counted)
+        return counted.error();
+    if (counted->isEmpty())
+        return site.error(Error::TableMissing, QStringLiteral("there is no such table"));
+    if (counted->first().at(0) != QLatin1String("ID,DATETIME,Value") || counted->first().at(1) == QLatin1String("0"))
+        return site.error(Error::TableLayout, QStringLiteral("it is not a table of samples with IDs of its own"));
+
+    const auto there = areThere(connection, site);
+    if (!there)
+        return there.error();
+    QStringList statements;
+    if (!*there) {
+        statements << QStringLiteral("create table %1(K INTEGER PRIMARY KEY,D text)").arg(QLatin1String(trend))
+                   << QStringLiteral("create table %1(N INTEGER PRIMARY KEY,COLLECTOR text UNIQUE COLLATE NOCASE,"
+                                     "LEVELS text,MARK integer,MARKED text,FRONT integer,VERSION integer)")
+                          .arg(QLatin1String(series));
+    } else {
+        const auto levelsNow = connection.ask(site, QStringLiteral("select LEVELS from %1 where COLLECTOR=%2")
+                                                        .arg(QLatin1String(series), quoted(table.text())));
+        if (!levelsNow)
+            return levelsNow.error();
+        if (!levelsNow->isEmpty() && levelsNow->first().first() == seconds.join(QLatin1Char(',')))
+            return false;
+    }
+    statements << QStringLiteral("insert or replace into %1 select %2,%3,'%4',0,NULL,0,%5")
+                      .arg(QLatin1String(series), unusedNumber(), quoted(table.text()), seconds.join(QLatin1Char(',')),
+                           QString::number(version));
+    for (const QString &statement : statements) {
+        if (const Status done = connection.run(site, statement); !done)
+            return done.error();
+    }
+    return true;
+}
+
+Result<bool> endRollups(Connection &connection, const TableName &table)
+{
+    const Site site{QStringLiteral("drop the trend of"), table.text()};
+    const auto there = areThere(connection, site);
+    if (!there)
+        return there.error();
+    if (!*there)
+        return false;
+    if (const Status done = connection.run(
+            site, QStringLiteral("delete from %1 where COLLECTOR=%2").arg(QLatin1String(series), quoted(table.text())));
+        !done)
+        return done.error();
+    const auto changed = connection.ask(site, QStringLiteral("select changes()"));
+    if (!changed)
+        return changed.error();
+    return changed->first().first() != QLatin1String("0");
+}
+
+Result<QStringList> tablesWithRollups(Connection &connection)
+{
+    const Site site = trendSite(QStringLiteral("all tables"));
+    const auto there = areThere(connection, site);
+    if (!there)
+        return there.error();
+    QStringList tables;
+    if (!*there)
+        return tables;
+    const auto rows = connection.ask(
+        site, QStringLiteral("select COLLECTOR from %1 where VERSION=%2").arg(QLatin1String(series)).arg(version));
+    if (!rows)
+        return rows.error();
+    for (const QStringList &row : *rows)
+        tables << row.first();
+    return tables;
+}
+
+Result<QVector<qint64>> rollupsOfNoTable(Connection &connection)
+{
+    const Site site = trendSite(QStringLiteral("all tables"));
+    const auto there = areThere(connection, site);
+    if (!there)
+        return there.error();
+    QVector<qint64> numbers;
+    if (!*there)
+        return numbers;
+    const auto rows = connection.ask(
+        site, QStringLiteral("with recursive n(N) as (select min(K)>>%1 from %2 union all select (select min(K)>>%1 "
+                             "from %2 where K>=(N+1)<<%1) from n where N is not null) select N from n where N is not "
+                             "null and N not in (select N from %3)")
+                  .arg(QString::number(bitsOfBucket), QLatin1String(trend), QLatin1String(series)));
+    if (!rows)
+        return rows.error();
+    for (const QStringList &row : *rows)
+        numbers << row.first().toLongLong();
+    return numbers;
+}
+
+Result<bool> removeRollups(Connection &connection, qint64 number)
+{
+    const auto removed =
+        connection.change(trendSite(QStringLiteral("all tables")),
+                          {QStringLiteral("delete from %1 where K in (select K from %1 where K>=%2 and K<%3 limit %4)")
+                               .arg(QLatin1String(trend), QString::number(number << bitsOfBucket),
+                                    QString::number((number + 1) << bitsOfBucket), QString::number(bucketsToRemove))});
+    if (!removed)
+        return removed.error();
+    return *removed < bucketsToRemove;
+}
+
+Status beginAnew(Connection &connection, const Site &site, const RollupState &state)
+{
+    return connection.run(site, QStringLiteral("update %1 set N=%2,MARK=0,MARKED=NULL,FRONT=0 where N=%3")
+                                    .arg(QLatin1String(series), unusedNumber(), QString::number(state.number)));
+}
+
+Result<QHash<QString, RollupMark>> rollupMarks(Connection &connection, const Site &site)
+{
+    const auto rows = connection.ask(site, QStringLiteral("select COLLECTOR,N,MARK from %1 union all select name,NULL,"
+                                                          "seq from sqlite_sequence")
+                                               .arg(QLatin1String(series)));
+    if (!rows)
+        return rows.error();
+    QHash<QString, RollupMark> marks;
+    for (const QStringList &row : *rows) {
+        RollupMark &mark = marks[row.at(0).toLower()];
+        if (row.at(1).isEmpty()) {
+            mark.last = row.at(2).toLongLong();
+        } else {
+            mark.number = row.at(1).toLongLong();
+            mark.mark = row.at(2).toLongLong();
+        }
+    }
+    return marks;
+}
+
+Status addToRollups(Connection &connection, const Site &site, const std::vector<RollupAddition> &additions)
+{
+    NewBuckets finest;
+    QStringList rows;
+    for (const RollupAddition &each : additions) {
+        for (const auto &[start, bucket] : *each.buckets)
+            finest.add(each.state.number, each.state.levels.front(), start, bucket);
+        rows << seriesRow(each);
+    }
+    if (const Status written = finest.write(connection, site); !written)
+        return written;
+    for (const RollupAddition &each : additions) {
+        for (size_t level = 1; level < each.state.levels.size(); ++level) {
+            if (const Status added = addToWider(connection, site, each.state, level, *each.buckets); !added)
+                return added;
+        }
+    }
+    return connection.run(site, QStringLiteral("insert or replace into ") + QLatin1String(series) +
+                                    QLatin1String(" values ") + rows.join(QLatin1Char(',')));
+}
+
+} // namespace device

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: MIT
+//
+// Rollups as they stand in a file.
+#ifndef DEVICE_ROLLUP_FILE_H
+#define DEVICE_ROLLUP_FILE_H
+
+#include "bucket.h"
+#include "connection.h"
+
+#include <QHash>
+
+#include <limits>
+#include <map>
+#include <vector>
+
+namespace device
+{
+
+using Buckets = std::map<qint64, Bucket>; ///< By the time at which they begin.
+
+/// How the rollups of one table stand in the file.
+struct RollupState {
+    qint64 number = 0;          ///< Its buckets have this number.
+    std::vector<qint64> levels; ///< The widths of the buckets in seconds, the finest first.
+    qint64 mark = 0;            ///< The highest ID that is in the buckets.
+    qint64 last = 0;            ///< The highest ID that the table gave.
+    qint64 front = 0;           ///< The latest bucket of the finest level, in seconds; see closed().
+    bool isOfThisTable =
+        true; ///< False when the table was emptied and began its IDs anew: nothing of the buckets holds.
+
+    qint64 frontWith(const Buckets &buckets) const;
+    /// The wider levels have a bucket once a later one began. This is where they end; the finest level has all.
+    qint64 closed(size_t level) const
+    {
+        return level == 0 ? std::numeric_limits<qint64>::max() : front / levels[level] * levels[level];
+    }
+};
+
+/// The key of a bucket; those of one level of a table are in the order of time, one after the other.
+qint64 bucketKey(qint64 number, qint64 width, qint64 time);
+
+/// Nothing for a table without rollups.
+Result<std::optional<RollupState>> rollupState(Connection &connection, const Site &site, const QString &table);
+
+/// Within the caller's transaction: the rollups of a table are kept from now on, true if they were not before. Other
+/// levels than before begin anew.
+Result<bool> beginRollups(Connection &connection, const TableName &table, const TrendOptions &options);
+/// The same: they are no longer kept; false if they were not.
+Result<bool> endRollups(Connection &connection, const TableName &table);
+
+/// Where the rollups of a table, and its IDs, end: enough to see whether somebody else stored rows.
+struct RollupMark {
+    qint64 number = 0; ///< 0: the table has no rollups.
+    qint64 mark = 0;
+    qint64 last = 0;
+};
+
+/// Of every table, by its name in lower case.
+Result<QHash<QString, RollupMark>> rollupMarks(Connection &connection, const Site &site);
+
+/// What the rows up to a new mark made.
+struct RollupAddition {
+    QString table;
+    RollupState state;
+    const Buckets *buckets = nullptr; ///< Of the finest level.
+    qint64 mark = 0;                  ///< The new one.
+    QString marked;                   ///< Time and value of the row with this ID, as SQL: it is known again by them.
+};
+
+/// Within the caller's transaction. Few statements, however many tables: compiling them is what this costs.
+Status addToRollups(Connection &connection, const Site &site, const std::vector<RollupAddition> &additions);
+
+/// Within the caller's transaction: the table was emptied, so its rollups get another number and begin at the first ID.
+Status beginAnew(Connection &connection, const Site &site, const RollupState &state);
+
+Site trendSite(const QString &table);
+Result<QStringList> tablesWithRollups(Connection &connection);
+/// Numbers whose buckets nobody needs.
+Result<QVector<qint64>> rollupsOfNoTable(Connection &connection);
+/// Removes some buckets of this number; whether there are none any more.
+Result<bool> removeRollups(Connection &connection, qint64 number);
+
+} // namespace device
+
+#endif
