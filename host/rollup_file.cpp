@@ -127,7 +127,7 @@ Status NewBuckets::write(Connection &connection, const Site &site, Some begin, S
         inFile.insert(row.at(0), row.at(1).toUtf8());
     QByteArray sql = QByteArray("insert or replace into ") + trend + " values ";
     for (auto each = begin; each != end; ++each) {
-        const QString key = keys.at(int(each - begin));
+        const QString &key = keys.at(int(each - begin));
         Bucket all;
         if (const auto there = inFile.constFind(key);
             there != inFile.constEnd() && !all.add(there->constData(), there->constData() + there->size(), each->start))
