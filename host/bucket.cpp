@@ -14,6 +14,7 @@ namespace
 
 constexpr qint64 firstDay = 1721426; // the Julian day of 0001-01-01
 constexpr qint64 secondsOfDay = 86400;
+constexpr qint64 mostRows = 1LL << 50; // in a bucket: sums of them stay far from the end of the type
 
 // Whether the point comes before: of equal ones the earlier, of equally early ones the one that is there already.
 bool isLower(double value, qint64 time, const Bucket::Point &than)
@@ -63,7 +64,7 @@ public:
             return false;
         numbers = rows;
         return (slash == field.size() || isNumber(field.substr(slash + 1), numbers)) && numbers >= 0 && rows >= 1 &&
-               numbers <= rows;
+               numbers <= rows && rows <= mostRows;
     }
     bool atEnd() const { return m_at == nullptr; }
 
@@ -183,7 +184,7 @@ bool Bucket::add(const char *begin, const char *end, qint64 start)
         for (Read &point : points) {
             point.text = fields.text();
             const auto value = number(QByteArray::fromRawData(point.text.data(), int(point.text.size())));
-            if (!value || !fields.number(point.time))
+            if (!value || !fields.number(point.time) || point.time < 0 || point.time >= secondsOfDay)
                 return false;
             point.time += start;
             point.value = *value;

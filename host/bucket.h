@@ -14,6 +14,8 @@
 namespace device
 {
 
+constexpr qint64 lastSecond = 3652059LL * 86400 - 1; ///< Of the year 9999.
+
 /// Local time in seconds since the year 1 began: spans of all lengths up to a day begin at multiples of their length.
 qint64 secondsOf(LocalTime time);
 LocalTime timeOfSeconds(qint64 seconds);

@@ -20,13 +20,14 @@ constexpr int bitsOfTime = 36; // a day's number, or a second's, of the years 1 
 constexpr int bitsOfLevel = 4;
 constexpr int bitsOfBucket = bitsOfTime + bitsOfLevel;
 constexpr qint64 widths[] = {10, 60, 600, 3600, 86400}; // by TrendLevel
+constexpr qint64 mostNumbers = 1LL << (63 - bitsOfBucket);
 
 constexpr int bucketsOfAStatement = 200;
 constexpr int bucketsToRemove = 2000;
 
 Result<bool> areThere(Connection &connection, const Site &site)
 {
-    const auto found = connection.ask(
+    const auto found = connection.query(
         site,
         QStringLiteral("select name,(select group_concat(name) from pragma_table_info(m.name)) from sqlite_master "
                        "m where type='table' and name in ('device trend','device trend series') order by name"));
@@ -44,7 +45,7 @@ Result<bool> areThere(Connection &connection, const Site &site)
 
 Result<std::optional<RollupState>> stateOf(Connection &connection, const Site &site, const QString &table)
 {
-    const auto rows = connection.ask(
+    const auto rows = connection.query(
         site,
         QStringLiteral("select N,LEVELS,MARK,ifnull((select seq from sqlite_sequence where name=COLLECTOR collate "
                        "nocase),0),MARKED is null or not exists(select 1 from %1 where ID=MARK) or MARKED is (select "
@@ -61,12 +62,20 @@ Result<std::optional<RollupState>> stateOf(Connection &connection, const Site &s
                               .arg(cells.at(6), QString::number(version)));
     RollupState state;
     state.number = cells.at(0).toLongLong();
-    const QStringList levels = cells.at(1).split(QLatin1Char(','));
-    for (const QString &level : levels)
-        state.levels.push_back(level.toLongLong());
     state.mark = cells.at(2).toLongLong();
     state.last = cells.at(3).toLongLong();
     state.front = cells.at(5).toLongLong();
+    bool isOurs = state.number > 0 && state.number < mostNumbers && state.mark >= 0 && state.front >= 0 &&
+                  state.front <= lastSecond;
+    const QStringList levels = cells.at(1).split(QLatin1Char(','));
+    for (const QString &level : levels) {
+        const qint64 width = level.toLongLong();
+        isOurs = isOurs && std::find(std::begin(widths), std::end(widths), width) != std::end(widths) &&
+                 (state.levels.empty() || state.levels.back() < width);
+        state.levels.push_back(width);
+    }
+    if (!isOurs)
+        return site.error(Error::Failed, QStringLiteral("what the file says of its trend cannot be read"));
     state.isOfThisTable = cells.at(4) == QLatin1String("1") && state.last >= state.mark;
     return std::optional<RollupState>(state);
 }
@@ -296,12 +305,14 @@ Result<QStringList> tablesWithRollups(Connection &connection)
     QStringList tables;
     if (!*there)
         return tables;
-    const auto rows = connection.ask(
+    const auto rows = connection.query(
         site, QStringLiteral("select COLLECTOR from %1 where VERSION=%2").arg(QLatin1String(series)).arg(version));
     if (!rows)
         return rows.error();
-    for (const QStringList &row : *rows)
-        tables << row.first();
+    for (const QStringList &row : *rows) {
+        if (TableName::from(row.first())) // it goes into statements
+            tables << row.first();
+    }
     return tables;
 }
 
@@ -314,7 +325,7 @@ Result<QVector<qint64>> rollupsOfNoTable(Connection &connection)
     QVector<qint64> numbers;
     if (!*there)
         return numbers;
-    const auto rows = connection.ask(
+    const auto rows = connection.query(
         site, QStringLiteral("with recursive n(N) as (select min(K)>>%1 from %2 union all select (select min(K)>>%1 "
                              "from %2 where K>=(N+1)<<%1) from n where N is not null) select N from n where N is not "
                              "null and N not in (select N from %3)")

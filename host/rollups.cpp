@@ -85,6 +85,7 @@ bool Rollups::isDue() const
 void Rollups::forget(Table &table)
 {
     table.behind = true;
+    table.isWritten = false;
     table.rows = 0;
     table.buckets.clear();
 }

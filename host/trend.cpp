@@ -17,7 +17,6 @@ namespace
 
 constexpr int mostColumns = 100000;
 constexpr qint64 rowsAtOnce = 50000;
-constexpr qint64 lastSecond = 3652059LL * 86400 - 1; // of the year 9999
 
 QString literal(qint64 seconds)
 {

@@ -272,6 +272,47 @@ TEST_F(Trends, ThatSomebodyChangedAreReportedAndTheRowsAreStored)
     expectNumbers(3000);
 }
 
+TEST_F(Trends, OfAHostileFileAreRefused)
+{
+    auto recorder = trendRecorder();
+    record(*recorder, 0, 1000);
+    require(recorder->stop(milliseconds(20000)));
+    recorder = trendRecorder();
+    ASSERT_TRUE(catchesUp());
+    require(recorder->stop(milliseconds(20000)));
+    for (const char *damage :
+         {"LEVELS=''", "LEVELS='0'", "LEVELS='x,60'", "LEVELS='600,60'", "LEVELS='60,60'", "LEVELS=NULL",
+          "LEVELS='60,-60'", "N=9223372036854775807", "N=-5", "MARK=-1", "FRONT=9223372036854775807", "FRONT=-1",
+          "VERSION=2", "COLLECTOR='Boiler;drop table Boiler'"}) {
+        SCOPED_TRACE(damage);
+        const QString copy = path("hostile.db");
+        QFile::remove(copy);
+        QFile::copy(path(), copy);
+        PlainConnection(copy).run("update \"device trend series\" set "_q + QString::fromLatin1(damage));
+        {
+            auto store = require(HistoryStore::open(library(), copy));
+            const auto trend =
+                store.trend(boiler, TrendQuery::between(at("2024-05-06 00:00:00"_q), at("2024-05-06 23:59:59"_q)));
+            EXPECT_EQ(trend.ok(), QByteArray(damage).startsWith("COLLECTOR"));
+        }
+        HistoryRecorder other(library(), copy);
+        require(other.start());
+        for (int i = 1000; i < 2000; ++i)
+            require(other.record(boiler, numbered(i)));
+        require(other.stop(milliseconds(20000)));
+        expectNumbers(copy, 0, 2000);
+    }
+    for (const char *bucket : {"9223372036854775807;1;1;;1;;1;;1;", "2/1;1;1;9223372036854775807;1;;1;;1;",
+                               "1;1;1;-1;1;;1;;1;", "1;1;1;86400;1;;1;;1;", "", "|", ";", "1|1;1"}) {
+        SCOPED_TRACE(bucket);
+        PlainConnection(path()).run("update \"device trend\" set D='%1'"_q.arg(QString::fromLatin1(bucket)));
+        auto store = require(HistoryStore::open(library(), path()));
+        EXPECT_EQ(
+            codeOf(store.trend(boiler, TrendQuery::between(at("2024-05-06 00:00:00"_q), at("2024-05-06 23:59:59"_q)))),
+            Error::Failed);
+    }
+}
+
 TEST_F(Trends, OfManyTablesAreWrittenTogether)
 {
     auto recorder = recorderOf(Profile::Flash);
