@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "commands/destinations.h"
 
-#include "storefile/live_file.h"
-
 #include "device/store.h"
 
 #include <QFileInfo>
@@ -76,9 +74,7 @@ Status lookUp(const WriteOptions &file, const Lookup &lookup, QVector<Destinatio
     std::optional<OpenFile> readable;
     std::optional<Database> writable;
     if (lookup.onlyRead) {
-        ReadOptions reading;
-        reading.lock = file.lock;
-        auto opened = openFile(file.path, reading);
+        auto opened = openForDryRun(file);
         if (!opened)
             return opened.error();
         readable.emplace(std::move(opened).value());

@@ -70,6 +70,13 @@ Result<Database> openForWriting(const WriteOptions &options)
     return database;
 }
 
+Result<OpenFile> openForDryRun(const WriteOptions &options)
+{
+    ReadOptions reading;
+    reading.lock = options.lock;
+    return openFile(options.path, reading);
+}
+
 Result<device::Library> storeLibrary(const WriteOptions &options)
 {
     auto library = device::Library::load(options.library);
