@@ -22,12 +22,12 @@ void addImport(Program &program)
     const auto options = std::make_shared<ImportOptions>();
     addWritableFile(command, options->target);
     addText(command, "TABLE", options->table, "The table; not with --wide")->type_name("");
-    addText(command, "INPUT", options->input.path, "The CSV or JSON file; - for standard input")->type_name("");
+    addPath(command, "INPUT", options->input.path, "The CSV or JSON file; - for standard input")->type_name("");
     command->parse_complete_callback([options] {
         if (options->wide && !options->input.path.isEmpty())
             throw CLI::ExtrasError({options->table.toStdString() + " (--wide takes no TABLE)"});
         if (options->wide)
-            options->input.path = std::exchange(options->table, QString());
+            options->input.path = pathOf(std::exchange(options->table, QString()));
         if (options->input.path.isEmpty())
             throw CLI::RequiredError("INPUT");
     });
@@ -68,9 +68,8 @@ void addImport(Program &program)
     command->add_flag("--as-is", options->asIs, "Store times and levels of any form, which the device may not find");
     command->add_flag("--dry-run", options->dryRun, "Store nothing; print the first rows that would be refused");
     command->add_flag("--restart", options->restart, "Begin at the first row although an earlier run stored some");
-    addText(command, "--refused", options->refused,
-            "The file to make for refused rows; default: INPUT.refused.csv, or with a number where that exists")
-        ->type_name("PATH");
+    addPath(command, "--refused", options->refused,
+            "The file to make for refused rows; default: INPUT.refused.csv, or with a number where that exists");
     program.onRun(command, [options] { return importRows(*options); });
 }
 
