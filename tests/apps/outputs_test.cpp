@@ -95,8 +95,9 @@ TEST_F(Outputs, RowsComeWithoutAPager)
 TEST_F(Outputs, LostOutputIsAFailure)
 {
     makeSamples();
-    for (const char *command : {"show", "newest", "info", "info --json", "stats", "check", "count", "tail", "plot",
-                                "show --csv", "show --json", "export", "tune --dry-run", "--help", "--man"}) {
+    for (const char *command :
+         {"show", "newest", "info", "info --json", "stats", "check", "count", "tail", "plot", "show --csv",
+          "show --json", "export", "tune --dry-run", "--help", "--version", "--man"}) {
         QStringList words = QString::fromLatin1(command).split(' ');
         if (!words.first().startsWith('-'))
             words.insert(1, "e.db"_q);
@@ -108,6 +109,23 @@ TEST_F(Outputs, LostOutputIsAFailure)
         EXPECT_TRUE(outcome.errors.contains("No space left on device"))
             << command << ": " << outcome.errors.constData();
     }
+}
+
+TEST_F(Outputs, SqlGivesProgramsTheNumbersAsNumbers)
+{
+    makeSamples();
+    const Outcome numbers =
+        run({"sql"_q, "e.db"_q,
+             "select 1.5 a, 2 b, '3' c, null d, 9e999 e union all select 'x', 4.25, 5, 6, 7 order by 1; -- two rows"_q,
+             "--json"_q});
+    EXPECT_EQ(numbers.output, "{\"a\":1.5,\"b\":2,\"c\":\"3\",\"d\":null,\"e\":\"Inf\"}\n"
+                              "{\"a\":\"x\",\"b\":4.25,\"c\":5,\"d\":6,\"e\":7}\n");
+    EXPECT_EQ(numbers.exitCode, 0) << numbers.errors.constData();
+    const Outcome bytes = run({"sql"_q, "e.db"_q, "select x'ff' a"_q, "--json"_q});
+    EXPECT_EQ(bytes.exitCode, 3);
+    EXPECT_EQ(bytes.errors, "device-db: e.db: cells that are not UTF-8 and were changed: 1; --csv keeps the bytes, "
+                            "hex(COLUMN) makes a text of them\n");
+    EXPECT_EQ(run({"sql"_q, "e.db"_q, "select x'ff00' a"_q, "--csv"_q}).output, QByteArray("a\n\xff\0\n", 5));
 }
 
 // A limit of the size of files stands in for a full disk; --lock saves the copy, which it would meet first.
