@@ -93,6 +93,18 @@ Status lookUp(const WriteOptions &file, const Lookup &lookup, QVector<Destinatio
     return {};
 }
 
+Status mayBeMade(const QVector<Destination> &destinations, Kind kind)
+{
+    for (const Destination &destination : destinations) {
+        // An alarm store writes into this table and no other.
+        if (destination.kind == Kind::Foreign && kind != Kind::Alarms &&
+            destination.table.compare(QLatin1String("AlarmData"), Qt::CaseInsensitive) == 0)
+            return failure(destination.table, QStringLiteral("only a table of alarms may have this name, or no device "
+                                                             "could store alarms in the file; take another"));
+    }
+    return {};
+}
+
 Status makeTables(const WriteOptions &file, const QVector<Destination> &destinations, Kind kind)
 {
     const auto plain = [](auto &store, const device::TableName &name, const QString &) {

@@ -154,6 +154,8 @@ Status Importer::openInput()
     const QStringList names = m_options.columns.isEmpty() ? *header : m_options.columns.split(QLatin1Char(','));
     if (const Status chosen = m_options.wide ? chooseSeries(names, *header) : chooseTable(names); !chosen)
         return chosen;
+    if (const Status may = mayBeMade(m_destinations, m_assignment.kind); !may)
+        return may;
     m_options.target.runTriggers = true; // who was to be asked was asked
     m_check.emplace(m_assignment, *times, m_options.null, m_options.asIs);
     return {};
@@ -165,6 +167,11 @@ Status Importer::chooseTable(const QStringList &names)
     if (const Status found = lookUp(m_options.target, lookup(), m_destinations); !found)
         return found;
     Kind kind = m_destinations.first().kind;
+    if (kind != Kind::Foreign && !m_options.kind.isEmpty() && m_options.kind != QLatin1String(nameOf(kind)))
+        return failure(m_options.target.path,
+                       QStringLiteral("%1 is a table of %2, not of %3; leave out --kind, or name "
+                                      "another table")
+                           .arg(m_destinations.first().table, QLatin1String(nameOf(kind)), m_options.kind));
     if (kind == Kind::Foreign) {
         const auto named = kindNamed(m_options);
         if (!named)
