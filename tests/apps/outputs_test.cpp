@@ -145,6 +145,39 @@ TEST_F(Outputs, AFileThatCannotGrowSaysWhy)
     EXPECT_EQ(QDir(path(""_q)).entryList(QDir::Files), QStringList{"large.db"_q});
 }
 
+// Rows are deleted because the disk is full: "check rights, free space and the medium" does not help then.
+TEST_F(Outputs, AFullDiskSaysHowMuchRoomADeletionNeeds)
+{
+    PlainConnection(path("large.db"_q))
+        .run("create table T(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text);"
+             "insert into T(DATETIME,Value) with recursive n(i) as (select 1 union all select i+1 from n where i<20000)"
+             "select '2024-05-06 07:08:09',hex(zeroblob(50)) from n"_q);
+    QDir(path(""_q)).mkdir("disk"_q);
+    const auto onFullDisk = [&](const char *command) {
+        QProcess process;
+        process.setWorkingDirectory(path(""_q));
+        process.start(
+            "unshare"_q,
+            {"-rm"_q, "bash"_q, "-c"_q,
+             "mount -t tmpfs -o size=4m disk disk && cp large.db disk/d.db || exit 99;"
+             "cat /dev/zero >disk/fill 2>/dev/null; cd disk;"
+             "TMPDIR=$PWD '%1' %2; code=$?; rm fill; '%1' check d.db >/dev/null; [ $? -lt 4 ] && exit $code"_q.arg(
+                 QString::fromLocal8Bit(DEVICE_DB), QString::fromLatin1(command))});
+        return finish(process);
+    };
+    const Outcome trimmed = onFullDisk("trim d.db T --keep 10 --yes");
+    if (trimmed.exitCode == 99 || trimmed.errors.startsWith("unshare"))
+        GTEST_SKIP() << "no disk of its own may be mounted here: " << trimmed.errors.constData();
+    EXPECT_EQ(trimmed.exitCode, 1);
+    EXPECT_TRUE(trimmed.errors.startsWith("device-db: d.db: the disk is full; deleting needs about 1."))
+        << trimmed.errors.constData();
+    EXPECT_TRUE(trimmed.errors.endsWith(". Deleted until then: 0 rows of T\n")) << trimmed.errors.constData();
+    const Outcome vacuumed = onFullDisk("vacuum d.db --yes");
+    EXPECT_EQ(vacuumed.exitCode, 1);
+    EXPECT_TRUE(vacuumed.errors.startsWith("device-db: d.db: a disk is full; this needs up to 2."))
+        << vacuumed.errors.constData();
+}
+
 TEST_F(Outputs, AReaderThatHasSeenEnoughIsNoFailure)
 {
     PlainConnection(path("many.db"_q))

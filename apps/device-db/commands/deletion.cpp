@@ -11,6 +11,9 @@
 #include "storefile/times.h"
 #include "terminal/output.h"
 
+#include <QFileInfo>
+
+#include <algorithm>
 #include <functional>
 #include <limits>
 
@@ -79,12 +82,31 @@ Result<Doomed> doomed(const Database &database, const DeletionOptions &options, 
                   rows->number(4), rows->cell(1), rows->cell(2)};
 }
 
+constexpr int rowsOfSlice = 5000;
+
+/// Why a deletion did not go on. Rows are often deleted because a disk is full, and that takes some room first.
+Error stopped(const Database &database, const Error &why, const Doomed &rows, qint64 deleted)
+{
+    QString cause = why.cause();
+    if (database.isDiskFull()) {
+        // The journal takes the pages of a slice, and those of its indexes.
+        const qint64 size = QFileInfo(database.name()).size();
+        const qint64 room = std::min(size, size / (rows.rows + rows.left) * rowsOfSlice * 2);
+        cause = QStringLiteral("the disk is full; deleting needs about %1 for a journal beside the file. Make that "
+                               "room, or work on a copy on another disk (\"device-db backup\")")
+                    .arg(bytesText(std::max<qint64>(room, 1 << 16)));
+    }
+    return failure(database.name(),
+                   cause + QStringLiteral(". Deleted until then: %1 of %2").arg(rowsText(deleted), rows.table.name));
+}
+
 // Not by the stores of the host layer: they take only names that need no quotes, and a table that is there is to be
 // tidied whatever it is called. Slice after slice, so that nobody waits long for the lock.
 Result<qint64> deleteRows(const Database &database, const Doomed &rows)
 {
     const QByteArray name = identifier(rows.table.name);
-    auto end = database.prepare("select ID from " + name + " where ID>=?1 order by ID limit 1 offset 4999");
+    auto end = database.prepare("select ID from " + name + " where ID>=?1 order by ID limit 1 offset " +
+                                QByteArray::number(rowsOfSlice - 1));
     auto slice = database.prepare("delete from " + name + " not indexed where ID between ?2 and ?3 and (" +
                                   rows.condition + ')');
     const auto lowest = database.number("select min(ID) from " + name);
@@ -106,7 +128,7 @@ Result<qint64> deleteRows(const Database &database, const Doomed &rows)
         if (const Status done = slice->status(); !done && Interruption::came())
             break; // this slice is undone
         else if (!done)
-            return done.error();
+            return stopped(database, done.error(), rows, deleted);
         slice->reset();
         deleted += database.changes();
         if (!isLast)

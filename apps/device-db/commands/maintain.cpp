@@ -51,6 +51,13 @@ Outcome vacuum(const MaintainOptions &options)
         complain(QStringLiteral("%1: interrupted; the file is as it was").arg(options.file.path));
         return Interrupted;
     }
+    if (!written && database->isDiskFull())
+        return failure(
+            options.file.path,
+            QStringLiteral("a disk is full; this needs up to %1 for a copy in the folder for temporary files "
+                           "($TMPDIR), and as much beside the file. Make room, or take a copy to another "
+                           "disk (\"device-db backup\"). The file is as it was")
+                .arg(bytesText(before)));
     if (!written)
         return written.error();
     say(QStringLiteral("%1: %2, was %3")
