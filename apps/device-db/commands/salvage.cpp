@@ -107,6 +107,8 @@ Outcome run(const SalvageCommand &command)
         if (const Status set = database->run("pragma journal_mode=delete"); !set)
             return set.error();
     }
+    if (report.pages == 0)
+        return failure(command.damaged, QStringLiteral("it is empty; look for an older copy"));
     if (report.rows() == 0)
         return failure(command.damaged,
                        QStringLiteral("no row of a store's table was found in its %1 pages of %2 bytes; "
