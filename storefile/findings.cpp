@@ -125,9 +125,10 @@ QList<Finding> RowJudge::findings() const
 {
     Finding gap = m_gap;
     gap.rows = m_distances.gaps();
-    gap.what = QStringLiteral("after a gap of more than %1 times the usual %2")
-                   .arg(SampleDistances::gapFactor)
-                   .arg(duration(m_distances.usual()));
+    gap.what = m_distances.usual() == 0 ? QStringLiteral("after a gap, while most have the time of the row before")
+                                        : QStringLiteral("after a gap of more than %1 times the usual %2")
+                                              .arg(SampleDistances::gapFactor)
+                                              .arg(duration(m_distances.usual()));
     QList<Finding> found;
     for (const Finding &each : {m_malformed, m_unset, m_ahead, m_back, gap, m_half, m_otherEnd, m_endsBefore}) {
         if (each.rows > 0)

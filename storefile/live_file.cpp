@@ -132,8 +132,12 @@ enum class Copied { Done, Disturbed, Failed };
 class Source
 {
 public:
+    /// SQLite keeps its files beside the one that a link leads to.
     explicit Source(const QString &path)
-        : m_name(path), m_path(QFile::encodeName(path)), m_file(m_path, O_RDONLY), m_watch(m_path)
+        : m_name(path),
+          m_path(QFile::encodeName(QFileInfo(path).canonicalFilePath())),
+          m_file(m_path, O_RDONLY),
+          m_watch(m_path)
     {
     }
 
@@ -142,6 +146,7 @@ public:
     bool isWriteAhead() const { return m_writeAhead; }
     bool isInUse() const { return isLocked(m_file.number(), F_WRLCK, sharedBytes, sharedSize); }
     bool hasLog() const { return markOf(m_path + "-wal").size > 0; }
+    bool hasEmptyLog() const { return markOf(m_path + "-wal").exists && !hasLog(); }
 
     Result<std::unique_ptr<TemporaryFile>> rollbackSnapshot(Clock::time_point deadline);
     Result<std::unique_ptr<TemporaryFile>> writeAheadSnapshot();
@@ -379,7 +384,7 @@ ReadableFile::~ReadableFile()
 {
     // A connection that may only read leaves the log behind that it needed; one that may write removes it, unless
     // somebody uses the file by now.
-    if (m_tidy && markOf(QFile::encodeName(m_path) + "-wal").exists && !Source(m_path).hasLog())
+    if (m_tidy && Source(m_path).hasEmptyLog())
         (void)Database::open(m_path, Database::ReadWrite);
 }
 

@@ -19,6 +19,9 @@ int onlyReads(void *, int action, const char *first, const char *second, const c
         return SQLITE_OK;
     case SQLITE_FUNCTION:
         return qstricmp(second, "load_extension") == 0 ? SQLITE_DENY : SQLITE_OK;
+    case SQLITE_UPDATE: // by this pragma_table_info() and the like declare their columns; onlyReads() refuses a real
+                        // one
+        return qstricmp(first, "sqlite_master") == 0 ? SQLITE_OK : SQLITE_DENY;
     case SQLITE_PRAGMA: {
         const QByteArray name = QByteArray(first).toLower();
         return !second || name.endsWith("_info") || name.endsWith("_list") ? SQLITE_OK : SQLITE_DENY;

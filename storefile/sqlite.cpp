@@ -22,6 +22,7 @@ Error sqliteError(sqlite3 *connection, int code, const QString &site)
         return failure(site, words + QStringLiteral("; \"device-db check\" says more, \"device-db salvage\" gets "
                                                     "rows out"));
     case SQLITE_FULL:
+        return failure(site, words + QStringLiteral("; make room on its disk"));
     case SQLITE_IOERR:
     case SQLITE_READONLY:
     case SQLITE_CANTOPEN:
@@ -221,6 +222,11 @@ Result<QByteArray> Database::text(const QByteArray &sql) const
 qint64 Database::changes() const
 {
     return sqlite3_changes(handle());
+}
+
+bool Database::isDiskFull() const
+{
+    return (sqlite3_errcode(handle()) & 0xff) == SQLITE_FULL;
 }
 
 Result<qint64> copyPages(const Database &from, const Database &to, const std::function<void(qint64, qint64)> &progress)

@@ -71,6 +71,9 @@ public:
 
     qint64 changes() const; ///< Rows that the last insert, update or delete has changed.
 
+    /// Whether it was for want of space that what was done last failed.
+    bool isDiskFull() const;
+
     QString name() const { return m_name; }
     sqlite3 *handle() const { return m_connection.get(); }
 

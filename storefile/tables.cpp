@@ -150,22 +150,23 @@ Result<Table> chooseTable(const Database &database, const QString &wanted, const
         if (wanted.isEmpty() || table.name.compare(wanted, Qt::CaseInsensitive) == 0) // as SQL finds it
             chosen = table;
     }
-    const QString all = names.join(QLatin1String(", "));
     if (!wanted.isEmpty() && chosen.name.isEmpty()) {
         if (names.contains(wanted, Qt::CaseInsensitive))
             return failure(database.name(), QStringLiteral("table %1 is of another kind; this takes %2")
                                                 .arg(wanted, fitting.isEmpty() ? QStringLiteral("none of its tables")
-                                                                               : fitting.join(QLatin1String(", "))));
-        return failure(database.name(), names.isEmpty()
-                                            ? QStringLiteral("it has no table of records; \"device-db info\" says more")
-                                            : QStringLiteral("there is no table %1; it has %2").arg(wanted, all));
+                                                                               : someOf(fitting, wanted)));
+        return failure(database.name(),
+                       names.isEmpty()
+                           ? QStringLiteral("it has no table of records; \"device-db info\" says more")
+                           : QStringLiteral("there is no table %1; it has %2").arg(wanted, someOf(names, wanted)));
     }
     if (fitting.isEmpty())
-        return failure(database.name(), names.isEmpty()
-                                            ? QStringLiteral("it has no table of records; \"device-db info\" says more")
-                                            : QStringLiteral("it has no table of the kind asked for; it has ") + all);
+        return failure(database.name(),
+                       names.isEmpty()
+                           ? QStringLiteral("it has no table of records; \"device-db info\" says more")
+                           : QStringLiteral("it has no table of the kind asked for; it has ") + someOf(names));
     if (wanted.isEmpty() && fitting.size() > 1)
-        return failure(database.name(), QStringLiteral("name one of its tables: ") + fitting.join(QLatin1String(", ")));
+        return failure(database.name(), QStringLiteral("name one of its tables: ") + someOf(fitting));
     return chosen;
 }
 

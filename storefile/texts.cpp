@@ -2,6 +2,7 @@
 #include "storefile/texts.h"
 
 #include <QLocale>
+#include <QRegularExpression>
 
 #include <algorithm>
 
@@ -62,6 +63,29 @@ QByteArray decodedTwice(const QByteArray &cell)
         return cell;
     const QByteArray once = text.toLatin1();
     return QString::fromUtf8(once).toUtf8() == once ? once : cell;
+}
+
+bool isJsonNumber(const QByteArray &text)
+{
+    static const QRegularExpression number(QStringLiteral("^-?(?:0|[1-9][0-9]*)(?:\\.[0-9]+)?(?:[eE][-+]?[0-9]+)?\\z"));
+    return number.match(QString::fromLatin1(text)).hasMatch();
+}
+
+QString someOf(const QStringList &names, const QString &wanted)
+{
+    constexpr int most = 10;
+    const auto alike = [&](const QString &name) {
+        const auto differs = std::mismatch(name.begin(), name.end(), wanted.begin(), wanted.end(),
+                                           [](QChar a, QChar b) { return a.toCaseFolded() == b.toCaseFolded(); });
+        return differs.first - name.begin();
+    };
+    if (names.size() <= most)
+        return names.join(QLatin1String(", "));
+    QStringList first = names;
+    std::stable_sort(first.begin(), first.end(),
+                     [&](const QString &a, const QString &b) { return alike(a) > alike(b); });
+    return QStringLiteral("%1 and %2 more")
+        .arg(QStringList(first.mid(0, most)).join(QLatin1String(", ")), grouped(names.size() - most));
 }
 
 // Not QCollator, which counts only where it was built with ICU.

@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 
 namespace device_db
 {
@@ -21,6 +22,12 @@ bool isUtf8(const QByteArray &cell);
 QString fromUtf8(const QByteArray &cell);
 /// A cell that the store library encoded twice as it was meant; any other as it is.
 QByteArray decodedTwice(const QByteArray &cell);
+
+/// Whether a text is a number as JSON has it: not 03, +1, 1. or Inf.
+bool isJsonNumber(const QByteArray &text);
+
+/// Some ten of the names, those first that begin most like `wanted`, and how many more there are.
+QString someOf(const QStringList &names, const QString &wanted = QString());
 
 /// Whether one name comes before another as people count: S2 before S10, whatever the case of the letters.
 bool comesBefore(const QString &name, const QString &other);

@@ -3,7 +3,7 @@
 
 #include <QRegularExpression>
 
-#include <optional>
+#include <algorithm>
 
 namespace device_db
 {
@@ -58,14 +58,36 @@ std::optional<qint64> timeIn(const QByteArray &time, bool milliseconds)
 
 } // namespace
 
+std::optional<WrittenTime> writtenTime(const QString &text)
+{
+    static const QRegularExpression form(QStringLiteral(
+        "^(?:(\\d{4})([-/.])(\\d{1,2})\\2(\\d{1,2})|(\\d{1,2})\\.(\\d{1,2})\\.(\\d{4}))(?:[ T]+"
+        "(\\d{1,2}):(\\d\\d)(?::(\\d\\d)(?:[.,](\\d{1,9}))?)?(?: ?(Z|UTC|([+-])(\\d\\d):?(\\d\\d)?))?)?$"));
+    const auto match = form.match(text.trimmed());
+    if (!match.hasMatch())
+        return std::nullopt;
+    const auto part = [&](int group) { return match.captured(group).isEmpty() ? -1 : match.captured(group).toInt(); };
+    WrittenTime time;
+    time.date = part(1) >= 0 ? QDate(part(1), part(3), part(4)) : QDate(part(7), part(6), part(5));
+    time.hour = part(8);
+    time.minute = part(9);
+    time.second = part(10);
+    if (const QString fraction = match.captured(11); !fraction.isEmpty())
+        time.millisecond = fraction.leftJustified(3, QLatin1Char('0'), true).toInt();
+    if (match.captured(12).isEmpty())
+        return time;
+    const int minutes = std::max(0, part(14)) * 60 + std::max(0, part(15));
+    const bool exists = part(15) < 60 && minutes <= 14 * 60; // Kiribati's; none is further from UTC
+    time.offset = !exists ? WrittenTime::noOffset : match.captured(13) == QLatin1String("-") ? -minutes : minutes;
+    return time;
+}
+
 Result<QByteArray> boundText(const QString &given, Bound bound, bool milliseconds, bool utc)
 {
     const QString text = given.trimmed();
     const QDateTime now = utc ? QDateTime::currentDateTimeUtc() : QDateTime::currentDateTime();
     QDateTime time;
     static const QRegularExpression span(QStringLiteral("^(\\d{1,6})([smhdw])$"));
-    static const QRegularExpression point(
-        QStringLiteral("^(\\d{4})[-/](\\d\\d)[-/](\\d\\d)(?:[ T](\\d\\d):(\\d\\d)(?::(\\d\\d)(?:\\.(\\d{3}))?)?)?$"));
     const bool last = bound == Bound::Last;
     if (text == QLatin1String("now")) {
         time = now;
@@ -77,23 +99,22 @@ Result<QByteArray> boundText(const QString &given, Bound bound, bool millisecond
         const qint64 seconds[] = {1, 60, 3600, 86400, 7 * 86400};
         const auto unit = QStringLiteral("smhdw").indexOf(back.captured(2));
         time = now.addSecs(-back.captured(1).toLongLong() * seconds[unit]);
-    } else if (const auto match = point.match(text); match.hasMatch()) {
-        const auto part = [&](int index, int otherwise) {
-            return match.captured(index).isEmpty() ? otherwise : match.captured(index).toInt();
-        };
-        const QDate date(part(1, 0), part(2, 0), part(3, 0));
-        const QTime clock(part(4, last ? 23 : 0), part(5, last ? 59 : 0), part(6, last ? 59 : 0),
-                          part(7, last ? 999 : 0));
-        if (!date.isValid() || !clock.isValid())
+    } else if (const auto written = writtenTime(text)) {
+        const auto filled = [&](int part, int highest) { return part >= 0 ? part : last ? highest : 0; };
+        const QDate date = written->date;
+        const QTime clock(filled(written->hour, 23), filled(written->minute, 59), filled(written->second, 59),
+                          filled(written->millisecond, 999));
+        const int offset = written->offset.value_or(0);
+        if (!date.isValid() || !clock.isValid() || offset == WrittenTime::noOffset)
             return failure(given, QStringLiteral("there is no such day or time; give one such as 2024-05-06 07:08:09"));
         // Not through a QDateTime: an hour that the zone leaves out is a time like any other in the tables.
-        if (!utc) {
+        if (!utc && !written->offset) {
             const QByteArray form =
                 (date.toString(Qt::ISODate) + QLatin1Char(' ') + clock.toString(QStringLiteral("hh:mm:ss.zzz")))
                     .toLatin1();
             return milliseconds ? form : form.left(19);
         }
-        time = QDateTime(date, clock, Qt::UTC);
+        time = QDateTime(date, clock, Qt::UTC).addSecs(-60 * offset);
     } else {
         return failure(given, QStringLiteral("not a time; give one such as 2024-05-06, \"2024-05-06 07:08:09\", "
                                              "today or 24h (that long ago)"));

@@ -7,15 +7,33 @@
 #include <QByteArray>
 #include <QDateTime>
 
+#include <optional>
+
 namespace device_db
 {
 
+/// A day, or a day and a time, as people and other programs write them: the year first (- / .) or the day first (dots
+/// alone: 6.5.2024), times with or without seconds and fractions, a blank or T between them. What is finer than a
+/// millisecond is cut off.
+struct WrittenTime {
+    static constexpr int noOffset = 24 * 60; ///< What was written is the offset of no zone.
+
+    QDate date;    ///< Invalid: of a day that does not exist.
+    int hour = -1; ///< -1: left out, as the following.
+    int minute = -1;
+    int second = -1;
+    int millisecond = -1;
+    std::optional<int> offset; ///< From UTC in minutes, if one or a Z is written.
+};
+/// Nothing when the text is of another form.
+std::optional<WrittenTime> writtenTime(const QString &text);
+
 enum class Bound { First, Last };
 
-/// A point in time as a person types it, as the text that a table with (or without) milliseconds compares with:
-/// `2024-05-06`, `2024-05-06 07:08`, with seconds, with milliseconds, `/` and `T` too; `now`, `today`, `yesterday`;
-/// a span back from now such as `90m`, `24h`, `7d`. What is left out is filled up to the bound: a day as the last
-/// bound ends at 23:59:59. `utc`: what was given is UTC and is turned into the time of the zone.
+/// A point in time as a person types it, as the text that a table with (or without) milliseconds compares with: one of
+/// the forms of writtenTime(); `now`, `today`, `yesterday`; a span back from now such as `90m`, `24h`, `7d`. What is
+/// left out is filled up to the bound: a day as the last bound ends at 23:59:59. A Z or an offset names an instant,
+/// which is turned into the time of this computer's zone. `utc`: so is what has neither, as UTC.
 Result<QByteArray> boundText(const QString &given, Bound bound, bool milliseconds, bool utc);
 
 /// Milliseconds since 1970 of a time of the tables, as if it were UTC: for differences; -1 for any other text.

@@ -29,7 +29,7 @@ Result<DamagedSource> DamagedSource::open(const QString &path, const ReadOptions
     if (!info.isFile())
         return failure(path, QStringLiteral("this is not a file; name a database file"));
     DamagedSource source;
-    QString bytes = path;
+    QString bytes = info.isSymLink() ? info.canonicalFilePath() : path; // a log is beside the file itself
     const auto users = processesThatHave(path);
     if (!users.isEmpty() || isLocked(path)) { // the processes of another user are seen by their locks alone
         const auto snapshot = source.takeSnapshot(path, options);

@@ -74,6 +74,16 @@ TEST(RowJudge, FindsGapsOfSamplesAlone)
     }
 }
 
+TEST(RowJudge, SaysGapsOfEqualTimesWithoutADistance)
+{
+    RowJudge judge(tableOf(Kind::Samples));
+    for (const char *time : {"10:00:00", "10:00:00", "10:00:00", "10:01:00"})
+        judge.add(1, QByteArray("2024-05-06 ") + time, {}, {});
+    EXPECT_EQ(textsOf(judge.findings()),
+              QStringList{"1 row: after a gap, while most have the time of the row before; the longest 0:01:00, from "
+                          "2024-05-06 10:00:00 to 2024-05-06 10:01:00"_q});
+}
+
 TEST(RowJudge, FindsEndsOfAlarmsThatNoQueryFinds)
 {
     RowJudge judge(tableOf(Kind::Alarms));

@@ -309,4 +309,55 @@ TEST_F(ImportForms, OptionsOfOneTableAreRefusedWithManySeries)
     EXPECT_FALSE(QFile::exists(path("w.db"_q)));
 }
 
+// Qt would take the last of two silently, and has no number that a double has not.
+TEST_F(ImportForms, AJsonKeyMayComeOnceAndANumberMayHaveAnySize)
+{
+    write("in.json"_q, "{\"time\":\"2024-05-06 07:08:09\",\"value\":0.1e-400}\n"
+                       "{\"time\":\"2024-05-06 07:08:09\",\"value\":-1E400 }\n"
+                       "{\"time\":\"2024-05-06 07:08:09\",\"value\":\"1e999: \\\"value\\\":\"}\n"
+                       "{\"time\":\"2024-05-06 07:08:09\",\"value\":1,\"value\":2}\n"
+                       "{\"time\":\"2024-05-06 07:08:09\",\"value\":\"1\",\"v\\u0061lue\":\"2\"}\n"
+                       "{\"time\":\"2024-05-06 07:08:09\",\"value\":01}\n"
+                       "{\"time\":\"2024-05-06 07:08:09\",\"value\":1e}\n");
+    const Outcome outcome = run(
+        {"import"_q, "j.db"_q, "J"_q, "in.json"_q, "--create"_q, "--kind"_q, "samples"_q, "--refused"_q, "no.csv"_q});
+    EXPECT_EQ(outcome.exitCode, 3) << outcome.errors.constData();
+    EXPECT_EQ(rowsOf(path("j.db"_q), "select Value from J"_q),
+              (Rows{{"0.1e-400"_q}, {"-1E400"_q}, {"1e999: \"value\":"_q}}));
+    const QByteArray refused = read("no.csv"_q);
+    EXPECT_TRUE(refused.contains("\n4,\"it has the key \"\"value\"\" twice\"")) << refused.constData();
+    EXPECT_TRUE(refused.contains("\n5,\"it has the key \"\"value\"\" twice\"")) << refused.constData();
+    EXPECT_TRUE(refused.contains("\n6,it is not JSON")) << refused.constData();
+    EXPECT_TRUE(refused.contains("\n7,it is not JSON")) << refused.constData();
+}
+
+TEST_F(ImportForms, TheNameOfTheTableOfAlarmsIsKeptForIt)
+{
+    write("in.csv"_q, "time,value\n2024-05-06 07:08:09,1\n");
+    write("wide.csv"_q, "time,alarmdata\n2024-05-06 07:08:09,1\n");
+    const QList<QStringList> imports{
+        {"import"_q, "a.db"_q, "AlarmData"_q, "in.csv"_q, "--create"_q, "--kind"_q, "samples"_q},
+        {"import"_q, "a.db"_q, "AlarmData"_q, "in.csv"_q, "--create"_q, "--kind"_q, "log"_q, "--columns"_q,
+         "time,user"_q},
+        {"import"_q, "a.db"_q, "wide.csv"_q, "--create"_q, "--wide"_q},
+        {"import"_q, "a.db"_q, "wide.csv"_q, "--create"_q, "--wide"_q, "--dry-run"_q}};
+    for (const QStringList &import : imports) {
+        const Outcome outcome = run(import);
+        EXPECT_EQ(outcome.exitCode, 1);
+        EXPECT_TRUE(outcome.errors.contains("only a table of alarms may have this name")) << outcome.errors.constData();
+    }
+    EXPECT_FALSE(QFile::exists(path("a.db"_q)));
+}
+
+TEST_F(ImportForms, AKindThatContradictsTheTableIsRefused)
+{
+    write("in.csv"_q, "time,value\n2024-05-06 07:08:09,1\n");
+    ASSERT_EQ(run({"import"_q, "a.db"_q, "T"_q, "in.csv"_q, "--create"_q, "--kind"_q, "samples"_q}).exitCode, 0);
+    const Outcome outcome = run({"import"_q, "a.db"_q, "T"_q, "in.csv"_q, "--kind"_q, "log"_q});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_EQ(outcome.errors, "device-db: a.db: T is a table of samples, not of log; leave out --kind, or name another "
+                              "table\n");
+    EXPECT_EQ(run({"import"_q, "a.db"_q, "T"_q, "in.csv"_q, "--kind"_q, "samples"_q}).exitCode, 0);
+}
+
 } // namespace

@@ -5,6 +5,9 @@
 
 #include <csignal>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace
 {
 
@@ -70,5 +73,49 @@ INSTANTIATE_TEST_SUITE_P(Commands, InterruptedChange,
                          ::testing::Values(QStringList{"tune"_q, "device.db"_q},
                                            QStringList{"clear"_q, "device.db"_q, "T1"_q, "--yes"_q}),
                          [](const auto &parameter) { return parameter.param.first().toStdString(); });
+
+// Whether somebody has locked a database file for himself, which can be seen without a lock of one's own.
+bool isLockedForOne(const QString &path)
+{
+    const int file = open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    struct flock lock {
+    };
+    lock.l_type = F_RDLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = 0x40000002;
+    lock.l_len = 510;
+    const bool isLocked = fcntl(file, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    close(file);
+    return isLocked;
+}
+
+class InterruptedVacuum : public ToolTest, public ::testing::WithParamInterface<int>
+{
+};
+
+TEST_P(InterruptedVacuum, LeavesTheFileAsItWas)
+{
+    {
+        PlainConnection file(path("device.db"_q));
+        file.run("create table T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text);"
+                 "with recursive n(i) as (select 1 union all select i+1 from n where i<600000) "
+                 "insert into T1 select NULL,'2024-05-06 07:08:09','a value of some length' from n"_q);
+    }
+    const QByteArray before = read("device.db"_q);
+    QProcess tool;
+    start(tool, {"vacuum"_q, "device.db"_q, "--yes"_q});
+    while (!isLockedForOne(path("device.db"_q)) && tool.state() == QProcess::Running)
+        tool.waitForFinished(1);
+    ASSERT_EQ(tool.state(), QProcess::Running) << "it was done before it could be interrupted";
+    ::kill(pid_t(tool.processId()), GetParam());
+    const Outcome outcome = finish(tool);
+    EXPECT_EQ(outcome.exitCode, 130) << outcome.errors.constData();
+    EXPECT_EQ(outcome.errors, "device-db: device.db: interrupted; the file is as it was\n");
+    EXPECT_EQ(QDir(path("."_q)).entryList(QDir::Files), QStringList{"device.db"_q});
+    EXPECT_TRUE(read("device.db"_q) == before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, InterruptedVacuum, ::testing::Values(SIGINT, SIGTERM, SIGHUP),
+                         [](const auto &parameter) { return "Signal" + std::to_string(parameter.param); });
 
 } // namespace

@@ -95,8 +95,9 @@ TEST_F(Outputs, RowsComeWithoutAPager)
 TEST_F(Outputs, LostOutputIsAFailure)
 {
     makeSamples();
-    for (const char *command : {"show", "newest", "info", "info --json", "stats", "check", "count", "tail", "plot",
-                                "show --csv", "show --json", "export", "tune --dry-run", "--help", "--man"}) {
+    for (const char *command :
+         {"show", "newest", "info", "info --json", "stats", "check", "count", "tail", "plot", "show --csv",
+          "show --json", "export", "tune --dry-run", "--help", "--version", "--man"}) {
         QStringList words = QString::fromLatin1(command).split(' ');
         if (!words.first().startsWith('-'))
             words.insert(1, "e.db"_q);
@@ -108,6 +109,23 @@ TEST_F(Outputs, LostOutputIsAFailure)
         EXPECT_TRUE(outcome.errors.contains("No space left on device"))
             << command << ": " << outcome.errors.constData();
     }
+}
+
+TEST_F(Outputs, SqlGivesProgramsTheNumbersAsNumbers)
+{
+    makeSamples();
+    const Outcome numbers =
+        run({"sql"_q, "e.db"_q,
+             "select 1.5 a, 2 b, '3' c, null d, 9e999 e union all select 'x', 4.25, 5, 6, 7 order by 1; -- two rows"_q,
+             "--json"_q});
+    EXPECT_EQ(numbers.output, "{\"a\":1.5,\"b\":2,\"c\":\"3\",\"d\":null,\"e\":\"Inf\"}\n"
+                              "{\"a\":\"x\",\"b\":4.25,\"c\":5,\"d\":6,\"e\":7}\n");
+    EXPECT_EQ(numbers.exitCode, 0) << numbers.errors.constData();
+    const Outcome bytes = run({"sql"_q, "e.db"_q, "select x'ff' a"_q, "--json"_q});
+    EXPECT_EQ(bytes.exitCode, 3);
+    EXPECT_EQ(bytes.errors, "device-db: e.db: cells that are not UTF-8 and were changed: 1; --csv keeps the bytes, "
+                            "hex(COLUMN) makes a text of them\n");
+    EXPECT_EQ(run({"sql"_q, "e.db"_q, "select x'ff00' a"_q, "--csv"_q}).output, QByteArray("a\n\xff\0\n", 5));
 }
 
 // A limit of the size of files stands in for a full disk; --lock saves the copy, which it would meet first.
@@ -125,6 +143,39 @@ TEST_F(Outputs, AFileThatCannotGrowSaysWhy)
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_EQ(outcome.errors, "device-db: out.csv: File too large; check the free space\n");
     EXPECT_EQ(QDir(path(""_q)).entryList(QDir::Files), QStringList{"large.db"_q});
+}
+
+// Rows are deleted because the disk is full: "check rights, free space and the medium" does not help then.
+TEST_F(Outputs, AFullDiskSaysHowMuchRoomADeletionNeeds)
+{
+    PlainConnection(path("large.db"_q))
+        .run("create table T(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text);"
+             "insert into T(DATETIME,Value) with recursive n(i) as (select 1 union all select i+1 from n where i<20000)"
+             "select '2024-05-06 07:08:09',hex(zeroblob(50)) from n"_q);
+    QDir(path(""_q)).mkdir("disk"_q);
+    const auto onFullDisk = [&](const char *command) {
+        QProcess process;
+        process.setWorkingDirectory(path(""_q));
+        process.start(
+            "unshare"_q,
+            {"-rm"_q, "bash"_q, "-c"_q,
+             "mount -t tmpfs -o size=4m disk disk && cp large.db disk/d.db || exit 99;"
+             "cat /dev/zero >disk/fill 2>/dev/null; cd disk;"
+             "TMPDIR=$PWD '%1' %2; code=$?; rm fill; '%1' check d.db >/dev/null; [ $? -lt 4 ] && exit $code"_q.arg(
+                 QString::fromLocal8Bit(DEVICE_DB), QString::fromLatin1(command))});
+        return finish(process);
+    };
+    const Outcome trimmed = onFullDisk("trim d.db T --keep 10 --yes");
+    if (trimmed.exitCode == 99 || trimmed.errors.startsWith("unshare"))
+        GTEST_SKIP() << "no disk of its own may be mounted here: " << trimmed.errors.constData();
+    EXPECT_EQ(trimmed.exitCode, 1);
+    EXPECT_TRUE(trimmed.errors.startsWith("device-db: d.db: the disk is full; deleting needs about 1."))
+        << trimmed.errors.constData();
+    EXPECT_TRUE(trimmed.errors.endsWith(". Deleted until then: 0 rows of T\n")) << trimmed.errors.constData();
+    const Outcome vacuumed = onFullDisk("vacuum d.db --yes");
+    EXPECT_EQ(vacuumed.exitCode, 1);
+    EXPECT_TRUE(vacuumed.errors.startsWith("device-db: d.db: a disk is full; this needs up to 2."))
+        << vacuumed.errors.constData();
 }
 
 TEST_F(Outputs, AReaderThatHasSeenEnoughIsNoFailure)

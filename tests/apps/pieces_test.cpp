@@ -24,6 +24,7 @@ TEST(BoundText, IsFilledUpToTheBound)
     EXPECT_EQ(bound("2024-05-06", Bound::Last, false), "2024-05-06 23:59:59");
     EXPECT_EQ(bound("2024-05-06", Bound::Last, true), "2024-05-06 23:59:59.999");
     EXPECT_EQ(bound("2024/05/06T07:08", Bound::First, false), "2024-05-06 07:08:00");
+    EXPECT_EQ(bound("6.5.2024", Bound::Last, false), "2024-05-06 23:59:59");
     EXPECT_EQ(bound("2024-05-06 07:08", Bound::Last, false), "2024-05-06 07:08:59");
     EXPECT_EQ(bound("2024-05-06 07:08:09", Bound::Last, true), "2024-05-06 07:08:09.999");
     EXPECT_EQ(bound("2024-05-06 07:08:09.250", Bound::First, true), "2024-05-06 07:08:09.250");
@@ -31,7 +32,7 @@ TEST(BoundText, IsFilledUpToTheBound)
 
 TEST(BoundText, OfAnythingElseIsRefused)
 {
-    for (const char *given : {"", "2024", "2024-5-6", "2024-02-30", "2024-05-06 24:00", "24", "2024-05-06 07", "-1h"})
+    for (const char *given : {"", "2024", "5/6/2024", "2024-02-30", "2024-05-06 24:00", "24", "2024-05-06 07", "-1h"})
         EXPECT_EQ(bound(given, Bound::First, false), "refused") << given;
 }
 
@@ -40,6 +41,8 @@ TEST(BoundText, TakesUtcWhenItIsTold)
     qputenv("TZ", "Europe/Berlin");
     tzset();
     EXPECT_EQ(*boundText("2024-07-01 10:00:00"_q, Bound::First, false, true), "2024-07-01 12:00:00");
+    EXPECT_EQ(*boundText("2024-07-01T10:00Z"_q, Bound::Last, false, false), "2024-07-01 12:00:59");
+    EXPECT_EQ(*boundText("2024-07-01 10:00:00-01:30"_q, Bound::First, true, true), "2024-07-01 13:30:00.000");
     EXPECT_EQ(inUtc("2024-07-01 12:00:00", false), "2024-07-01 10:00:00");
     EXPECT_EQ(inUtc("2024-01-01 12:00:00.125", true), "2024-01-01 11:00:00.125");
     EXPECT_EQ(inUtc("noon", false), "noon");

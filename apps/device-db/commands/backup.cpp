@@ -73,7 +73,7 @@ void addBackup(Program &program)
                     "full or not at all. The device is not disturbed.");
     const auto options = std::make_shared<BackupCommand>();
     addFile(command, options->path, options->reading);
-    addText(command, "NEW", options->target, "The copy to make")->type_name("")->required();
+    addPath(command, "NEW", options->target, "The copy to make")->type_name("")->required();
     command->add_flag("--force", options->force, "Replace NEW when it is there");
     program.onRun(command, [options] { return run(*options); });
 }

@@ -6,6 +6,8 @@
 #include <QProcess>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <set>
 
 namespace device_db
@@ -165,6 +167,40 @@ double lowestValue(const Chart &chart)
     return lowest;
 }
 
+/// The lines of a terminal that are left for the values, about.
+int linesOf(const Chart &chart, const std::set<int> &levels)
+{
+    const int titles = int(chart.series.size() + levels.size());
+    const int titlesOfLine = std::max(1, chart.width / 26);
+    return chart.height - 6 - (chart.title.isEmpty() ? 0 : 1) - (titles + titlesOfLine - 1) / titlesOfLine;
+}
+
+// gnuplot's own labels may be more than there are lines: they overlap then, and show numbers that are none.
+QByteArray fewLabels(const Chart &chart, bool right, int lines)
+{
+    double lowest = std::numeric_limits<double>::infinity();
+    double highest = -lowest;
+    for (const Series &series : chart.series) {
+        for (const Point &point : series.points.points()) {
+            if (series.right != right)
+                break;
+            lowest = std::min(lowest, point.value);
+            highest = std::max(highest, point.value);
+        }
+    }
+    if (lowest > highest)
+        return QByteArray();
+    // Of values that are all the same gnuplot shows one hundredth above and below.
+    const double span = highest > lowest ? highest - lowest : lowest == 0 ? 2 : std::abs(lowest) / 50;
+    const double atLeast = span / std::max(1.0, 0.6 * lines); // two more where the axis is extended to whole steps
+    double step = std::pow(10, std::floor(std::log10(atLeast)));
+    for (const double factor : {2.0, 2.5, 2.0}) { // 2, 5, 10
+        if (step < atLeast)
+            step *= factor;
+    }
+    return (right ? "set y2tics " : "set ytics ") + number(step) + '\n';
+}
+
 QByteArray script(const Chart &chart, Picture picture)
 {
     const bool isTerminal = picture == Picture::Terminal;
@@ -179,6 +215,8 @@ QByteArray script(const Chart &chart, Picture picture)
         text += rowsOf(levels);
     if (!isTerminal)
         text += rectanglesOf(chart, levels);
+    else if (const int lines = linesOf(chart, levels); lines < 12)
+        text += fewLabels(chart, false, lines) + fewLabels(chart, true, lines);
     QByteArray plots;
     const auto add = [&](const QByteArray &plot) { plots += (plots.isEmpty() ? "" : ", ") + plot; };
     for (size_t i = 0; i < chart.series.size(); ++i) {

@@ -11,6 +11,7 @@ void addCommands(Program &program)
     addCount(program);
     addImport(program);
     addExport(program);
+    addDeletion(program);
     addMaintenance(program);
     addStats(program);
     addSql(program);

@@ -13,7 +13,8 @@ void addRows(Program &program); ///< show, newest, range, find, tail
 void addCount(Program &program);
 void addImport(Program &program);
 void addExport(Program &program);
-void addMaintenance(Program &program); ///< trim, purge, clear, vacuum, checkpoint, tune
+void addDeletion(Program &program);    ///< trim, purge, clear
+void addMaintenance(Program &program); ///< vacuum, checkpoint, tune
 void addStats(Program &program);
 void addPlot(Program &program);
 void addCheck(Program &program);

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "commands/destinations.h"
 
-#include "storefile/live_file.h"
-
 #include "device/store.h"
 
 #include <QFileInfo>
@@ -76,9 +74,7 @@ Status lookUp(const WriteOptions &file, const Lookup &lookup, QVector<Destinatio
     std::optional<OpenFile> readable;
     std::optional<Database> writable;
     if (lookup.onlyRead) {
-        ReadOptions reading;
-        reading.lock = file.lock;
-        auto opened = openFile(file.path, reading);
+        auto opened = openForDryRun(file);
         if (!opened)
             return opened.error();
         readable.emplace(std::move(opened).value());
@@ -93,6 +89,18 @@ Status lookUp(const WriteOptions &file, const Lookup &lookup, QVector<Destinatio
                 lookUp(lookup.onlyRead ? readable->database : *writable, file.path, lookup, destination);
             !found)
             return found;
+    }
+    return {};
+}
+
+Status mayBeMade(const QVector<Destination> &destinations, Kind kind)
+{
+    for (const Destination &destination : destinations) {
+        // An alarm store writes into this table and no other.
+        if (destination.kind == Kind::Foreign && kind != Kind::Alarms &&
+            destination.table.compare(QLatin1String("AlarmData"), Qt::CaseInsensitive) == 0)
+            return failure(destination.table, QStringLiteral("only a table of alarms may have this name, or no device "
+                                                             "could store alarms in the file; take another"));
     }
     return {};
 }

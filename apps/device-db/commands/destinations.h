@@ -25,6 +25,9 @@ struct Lookup {
 /// Kind::Foreign.
 Status lookUp(const WriteOptions &file, const Lookup &lookup, QVector<Destination> &destinations);
 
+/// An Error when a table that is missing has a name that is kept for another kind.
+Status mayBeMade(const QVector<Destination> &destinations, Kind kind);
+
 /// Makes those that are missing, and the file. The device's own store does it, so that they are the same to the word as
 /// on a device.
 Status makeTables(const WriteOptions &file, const QVector<Destination> &destinations, Kind kind);

@@ -236,7 +236,7 @@ void addExport(Program &program)
     const auto options = std::make_shared<ExportOptions>();
     addFile(command, options->path, options->reading);
     addText(command, "TABLE", options->table, "The table")->type_name("");
-    addText(command, "-o,--output", options->output, "The file to write; default: standard output")->type_name("PATH");
+    addPath(command, "-o,--output", options->output, "The file to write; default: standard output");
     addText(command, "--format", options->format, "csv, json or sql; default: by the ending of the output, else csv")
         ->type_name("FORMAT")
         ->check(CLI::IsMember({"csv", "json", "sql"}));

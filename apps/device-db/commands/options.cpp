@@ -24,6 +24,21 @@ CLI::Option *addText(CLI::App *command, const std::string &name, QString &value,
         ->check(notEmpty);
 }
 
+QString pathOf(const QString &given)
+{
+    const bool isOfAFile = !given.startsWith(QLatin1Char(':')) && !given.startsWith(QLatin1String("file:"));
+    return isOfAFile ? given : QLatin1String("./") + given;
+}
+
+CLI::Option *addPath(CLI::App *command, const std::string &name, QString &path, const std::string &description)
+{
+    return command
+        ->add_option_function<std::string>(
+            name, [&path](const std::string &given) { path = pathOf(QString::fromStdString(given)); }, description)
+        ->type_name("PATH")
+        ->check(notEmpty);
+}
+
 CLI::Option *addTexts(CLI::App *command, const std::string &name, QStringList &value, const std::string &description)
 {
     return command
@@ -35,6 +50,7 @@ CLI::Option *addTexts(CLI::App *command, const std::string &name, QStringList &v
             },
             description)
         ->type_name("TEXT")
+        ->check(notEmpty)
         ->allow_extra_args(name.front() != '-'); // --user NAME must not take the TABLE after it
 }
 
@@ -67,7 +83,7 @@ void addSeparator(CLI::App *command, std::optional<char> &separator)
 
 CLI::Option *addFile(CLI::App *command, QString &path, ReadOptions &options)
 {
-    CLI::Option *const file = addText(command, "FILE", path, "The database file")->type_name("")->required();
+    CLI::Option *const file = addPath(command, "FILE", path, "The database file")->type_name("")->required();
     command->add_flag("--lock", options.lock,
                       "Read the file itself, with locks: a device that writes it at that moment may lose a commit");
     return file;
@@ -85,6 +101,7 @@ void addFilter(CLI::App *command, RowFilter &filter)
     command->add_flag("--ended", filter.ended, "Alarms that have ended")->excludes(active);
     command->add_option("--level", filter.levels, "Alarms of this level; may be given several times")
         ->type_name("N")
+        ->check(notEmpty)
         ->allow_extra_args(false);
     addTexts(command, "--object", filter.objects, "Alarms of this object; may be given several times")
         ->type_name("NAME");

@@ -19,9 +19,14 @@ namespace device_db
 CLI::Option *addText(CLI::App *command, const std::string &name, QString &value, const std::string &description);
 CLI::Option *addTexts(CLI::App *command, const std::string &name, QStringList &value, const std::string &description);
 
+/// The name of a file. Names that begin as those that SQLite and Qt keep for themselves ("file:", ":memory:") become
+/// those of files in the current folder.
+QString pathOf(const QString &given);
+CLI::Option *addPath(CLI::App *command, const std::string &name, QString &path, const std::string &description);
+
 /// What a TIME may be, for the help.
 constexpr const char *aboutTimes =
-    "A TIME is a day (2024-05-06), a day and a time (\"2024-05-06 07:08\", with or without seconds and "
+    "A TIME is a day (2024-05-06, 6.5.2024), a day and a time (\"2024-05-06 07:08\", with or without seconds and "
     "milliseconds), now, today, yesterday, or a span back from now (90m, 24h, 7d). Both ends belong to a range.";
 
 /// Takes 0 and more.

@@ -294,7 +294,7 @@ void addPlot(Program &program)
                                    ->type_name("SERIES");
     addText(command, "--title", options->title, "A title above the picture");
     addRange(command, options->range);
-    addText(command, "-o,--output", options->target, "A picture, .png or .svg; default: the terminal")
+    addPath(command, "-o,--output", options->target, "A picture, .png or .svg; default: the terminal")
         ->type_name("PICTURE");
     command->add_flag("--force", options->force, "Replace PICTURE when it is there");
     command->add_option("--size", options->size, "Default: 1200x500 pixels, or the terminal's width and 24 lines")
@@ -308,7 +308,7 @@ void addPlot(Program &program)
             return fits ? std::string() : "give a size such as 1200x500, from 40x10 to 20000x20000";
         });
     CLI::Option *const from =
-        addText(command, "--alarms", options->alarmFile, "Take the alarms from this file")->type_name("FILE");
+        addPath(command, "--alarms", options->alarmFile, "Take the alarms from this file")->type_name("FILE");
     CLI::Option *const none = command->add_flag("--no-alarms", options->noAlarms, "Draw no alarms")->excludes(from);
     command
         ->add_flag("--only-alarms", options->onlyAlarms, "Draw no series, but the alarms of FILE, a row for each level")

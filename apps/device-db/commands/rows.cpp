@@ -181,10 +181,11 @@ Outcome print(RowsOptions &options)
 QByteArray marks(const QString &path)
 {
     QByteArray marks;
+    const QByteArray file = QFile::encodeName(QFileInfo(path).canonicalFilePath()); // the log is beside it
     for (const char *ending : {"", "-wal"}) {
         struct stat status {
         };
-        if (stat((path.toUtf8() + ending).constData(), &status) == 0)
+        if (stat((file + ending).constData(), &status) == 0)
             marks += QByteArray::number(qint64(status.st_mtim.tv_sec)) + '.' +
                      QByteArray::number(qint64(status.st_mtim.tv_nsec)) + ':' +
                      QByteArray::number(qint64(status.st_size)) + ' ';

@@ -107,6 +107,8 @@ Outcome run(const SalvageCommand &command)
         if (const Status set = database->run("pragma journal_mode=delete"); !set)
             return set.error();
     }
+    if (report.pages == 0)
+        return failure(command.damaged, QStringLiteral("it is empty; look for an older copy"));
     if (report.rows() == 0)
         return failure(command.damaged,
                        QStringLiteral("no row of a store's table was found in its %1 pages of %2 bytes; "
@@ -156,11 +158,12 @@ void addSalvage(Program &program)
         "together. \"Lost pages\" are those that a table still names and that hold nothing any more, \"Partial\" are "
         "rows that were left out because a part of them is gone. Exit code 3: something is lost.");
     const auto options = std::make_shared<SalvageCommand>();
-    addText(command, "DAMAGED", options->damaged, "The damaged file")->type_name("")->required();
-    addText(command, "NEW", options->target, "The file to make")->type_name("")->required();
+    addPath(command, "DAMAGED", options->damaged, "The damaged file")->type_name("")->required();
+    addPath(command, "NEW", options->target, "The file to make")->type_name("")->required();
     command->add_flag("--force", options->force, "Replace NEW when it is there");
     command->add_option("--page-size", options->pageSize, "The size of a page; default: found out")
         ->type_name("BYTES")
+        ->check(wholeNumber())
         ->check(CLI::IsMember({512, 1024, 2048, 4096, 8192, 16384, 32768, 65536}));
     addOutput(command, options->output);
     program.onRun(command, [options] { return run(*options); });

@@ -4,6 +4,7 @@
 #include "commands/options.h"
 #include "program/program.h"
 #include "storefile/sql_query.h"
+#include "storefile/texts.h"
 #include "terminal/table_writer.h"
 #include "terminal/text.h"
 
@@ -37,23 +38,33 @@ Outcome run(const SqlCommand &command)
     for (int i = 0; i < rows.columns(); ++i) {
         OutputColumn column{rows.nameOf(i).toUtf8(), visible(rows.nameOf(i))};
         const int type = isRow ? rows.type(i) : SQLITE_NULL;
-        column.number = type == SQLITE_INTEGER;
         column.right = type == SQLITE_INTEGER || type == SQLITE_FLOAT;
         columns << column;
     }
     Output output(command.output);
     const auto writer = rowWriter(command.output.format, columns, output);
+    const bool isJson = command.output.format == Format::Json;
+    qint64 changed = 0;
     for (; isRow; isRow = rows.step()) {
         QVector<QByteArray> cells;
-        for (int i = 0; i < rows.columns(); ++i)
+        for (int i = 0; i < rows.columns(); ++i) {
             cells << rows.cell(i);
-        if (!writer->row(cells, Tone::Plain))
+            columns[i].number = rows.type(i) == SQLITE_INTEGER || rows.type(i) == SQLITE_FLOAT;
+            changed += isJson && !isUtf8(cells.last()) ? 1 : 0;
+        }
+        if (!(isJson ? output.writeData(jsonRow(columns, cells)) : writer->row(cells, Tone::Plain)))
             return Done; // nobody looks any more
     }
     if (const Status status = rows.status(); !status)
         return status.error();
     writer->end();
-    return Done;
+    if (changed == 0)
+        return Done;
+    complain(
+        QStringLiteral("%1: cells that are not UTF-8 and were changed: %2; --csv keeps the bytes, hex(COLUMN) makes "
+                       "a text of them")
+            .arg(command.path, grouped(changed)));
+    return Attention;
 }
 
 } // namespace

@@ -206,9 +206,9 @@ Status Statistics::series(const QList<Table> &tables)
                         {{"series", QStringLiteral("Series")},
                          {"rows", QStringLiteral("Rows"), true, true},
                          {"no_numbers", QStringLiteral("No numbers"), true, true},
-                         {"minimum", QStringLiteral("Minimum"), true},
-                         {"mean", QStringLiteral("Mean"), true},
-                         {"maximum", QStringLiteral("Maximum"), true}});
+                         {"minimum", QStringLiteral("Minimum"), true, true},
+                         {"mean", QStringLiteral("Mean"), true, true},
+                         {"maximum", QStringLiteral("Maximum"), true, true}});
         for (size_t i = 0; i < lines; ++i) {
             const auto &[table, figures] = all[i];
             const int digits = std::max(digitsOf(figures.lowest), digitsOf(figures.highest));
@@ -225,7 +225,7 @@ Status Statistics::series(const QList<Table> &tables)
                         {{"series", QStringLiteral("Series")},
                          {"first", QStringLiteral("First")},
                          {"last", QStringLiteral("Last")},
-                         {"usual_s", QStringLiteral("Usual distance"), true},
+                         {"usual_s", QStringLiteral("Usual distance"), true, true},
                          {"steps_back", QStringLiteral("Set back"), true, true}});
         for (size_t i = 0; i < lines; ++i) {
             const auto &[table, figures] = all[i];
@@ -237,7 +237,7 @@ Status Statistics::series(const QList<Table> &tables)
         Section section(m_report, QString(), QStringLiteral("Gaps, pauses of more than five times the usual distance"),
                         {{"series", QStringLiteral("Series")},
                          {"gaps", QStringLiteral("Gaps"), true, true},
-                         {"longest_s", QStringLiteral("Longest"), true},
+                         {"longest_s", QStringLiteral("Longest"), true, true},
                          {"begin", QStringLiteral("It begins")}});
         size_t shown = 0;
         for (const auto &[table, figures] : all) {
@@ -258,8 +258,8 @@ void Statistics::groups(const Table &table, const QString &title, const char *ke
                     {{key, heading},
                      {"alarms", QStringLiteral("Alarms"), true, true},
                      {"active", QStringLiteral("Active"), true, true},
-                     {"mean_s", QStringLiteral("Lasted, mean"), true},
-                     {"longest_s", QStringLiteral("longest"), true}});
+                     {"mean_s", QStringLiteral("Lasted, mean"), true, true},
+                     {"longest_s", QStringLiteral("longest"), true, true}});
     std::vector<std::pair<QByteArray, AlarmGroup>> sorted(all.begin(), all.end());
     std::stable_sort(sorted.begin(), sorted.end(),
                      [](const auto &a, const auto &b) { return a.second.alarms > b.second.alarms; });
@@ -322,7 +322,7 @@ Status Statistics::alarms(const Table &table)
             single.resize(m_command.lines());
         Section section(m_report, table.name, QStringLiteral("the longest alarms that have ended"),
                         {{"start", QStringLiteral("Start")},
-                         {"lasted_s", QStringLiteral("Lasted"), true},
+                         {"lasted_s", QStringLiteral("Lasted"), true, true},
                          {"level", QStringLiteral("Level"), true, true},
                          {"object", QStringLiteral("Object")},
                          {"type", QStringLiteral("Type")}});

@@ -4,6 +4,7 @@
 #include "commands/options.h"
 #include "storefile/open_processes.h"
 #include "storefile/tables.h"
+#include "storefile/texts.h"
 #include "terminal/text.h"
 
 #include <QFileInfo>
@@ -17,7 +18,7 @@ namespace device_db
 
 void addWritableFile(CLI::App *command, WriteOptions &options)
 {
-    addText(command, "FILE", options.path, "The database file")->type_name("")->required();
+    addPath(command, "FILE", options.path, "The database file")->type_name("")->required();
     command->add_flag("--lock", options.lock,
                       "Write even if another process has the file open, whose own commits may then fail");
     command->add_flag(
@@ -59,7 +60,7 @@ Result<Database> openForWriting(const WriteOptions &options)
         return triggers.error();
     if (triggers->isEmpty())
         return database;
-    const QString names = triggers->join(QLatin1String(", "));
+    const QString names = someOf(*triggers);
     if (!isatty(STDIN_FILENO))
         return failure(options.path, QStringLiteral("it has triggers, which would run when it is written: %1. "
                                                     "--run-triggers lets them")
@@ -68,6 +69,13 @@ Result<Database> openForWriting(const WriteOptions &options)
     if (const Status may = confirmed(options.path, question.arg(names), false); !may)
         return may.error();
     return database;
+}
+
+Result<OpenFile> openForDryRun(const WriteOptions &options)
+{
+    ReadOptions reading;
+    reading.lock = options.lock;
+    return openFile(options.path, reading);
 }
 
 Result<device::Library> storeLibrary(const WriteOptions &options)

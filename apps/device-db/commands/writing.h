@@ -2,7 +2,7 @@
 #ifndef DEVICE_DB_WRITING_H
 #define DEVICE_DB_WRITING_H
 
-#include "storefile/sqlite.h"
+#include "storefile/live_file.h"
 
 #include "device/library.h"
 
@@ -27,6 +27,9 @@ Status mayBeWritten(const WriteOptions &options);
 /// mayBeWritten(), and then a plain connection to it. A file that has triggers is somebody else's program: they are
 /// named, and run only when a person says so.
 Result<Database> openForWriting(const WriteOptions &options);
+
+/// Looks at the file without changing it, even when somebody else has it open.
+Result<OpenFile> openForDryRun(const WriteOptions &options);
 
 Result<device::Library> storeLibrary(const WriteOptions &options);
 

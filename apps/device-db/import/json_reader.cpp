@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "import/json_reader.h"
 
+#include "storefile/texts.h"
+
 #include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 
 #include <cstring>
 #include <utility>
@@ -66,6 +69,71 @@ QHash<QString, QByteArray> numbersOf(const QByteArray &json)
     return numbers;
 }
 
+// A number of JSON may be of any size, one of Qt's is a double. What the numbers are is read by numbersOf().
+QByteArray withSmallNumbers(const QByteArray &json)
+{
+    static const QRegularExpression textOrNumber(
+        QStringLiteral("\"(?:[^\"\\\\]|\\\\.)*+\"|[-+.0-9eE]*[0-9][-+.0-9eE]*"));
+    QByteArray result;
+    int copied = 0;
+    auto tokens = textOrNumber.globalMatch(QString::fromLatin1(json)); // a character for each byte
+    while (tokens.hasNext()) {
+        const auto token = tokens.next();
+        const int begin = int(token.capturedStart());
+        const int size = int(token.capturedLength());
+        if (!isJsonNumber(json.mid(begin, size)))
+            continue;
+        result += json.mid(copied, begin - copied) + '0';
+        copied = begin + size;
+    }
+    return result + json.mid(copied);
+}
+
+QJsonObject objectOf(const QByteArray &line, QJsonParseError &error)
+{
+    // Qt takes U+FEFF away at the beginning of a text, but not its escape.
+    const QByteArray json = QByteArray(line).replace("\xef\xbb\xbf", "\\ufeff");
+    const QJsonDocument document = QJsonDocument::fromJson(json, &error);
+    if (error.error != QJsonParseError::IllegalNumber)
+        return document.object();
+    return QJsonDocument::fromJson(withSmallNumbers(json), &error).object();
+}
+
+// Of an object without lists and objects in it.
+qsizetype countOfMembers(const QByteArray &json)
+{
+    qsizetype colons = 0;
+    bool isText = false;
+    for (const char *at = json.constData(); *at; ++at) {
+        if (isText && *at == '\\')
+            ++at;
+        else if (*at == '"')
+            isText = !isText;
+        else
+            colons += *at == ':' && !isText ? 1 : 0;
+    }
+    return colons;
+}
+
+/// The first key that such an object has twice. Qt takes the last of them.
+QString repeatedKey(const QByteArray &json)
+{
+    static const QRegularExpression text(QStringLiteral("(\"(?:[^\"\\\\]|\\\\.)*+\")\\s*(:?)"));
+    QStringList keys;
+    auto texts = text.globalMatch(QString::fromUtf8(json));
+    while (texts.hasNext()) {
+        const auto found = texts.next();
+        if (found.captured(2).isEmpty())
+            continue;
+        const QByteArray array = '[' + found.captured(1).toUtf8() + ']';
+        const QString key = QJsonDocument::fromJson(array).array().at(0).toString();
+        if (keys.contains(key))
+            return key;
+        keys << key;
+    }
+    return QString();
+}
+
 } // namespace
 
 JsonReader::JsonReader(QIODevice *input, QStringList keys, qint64 offset, qint64 line)
@@ -100,7 +168,8 @@ std::optional<QStringList> JsonReader::header()
             m_waiting = QByteArray();
         }
     }
-    m_keys = QJsonDocument::fromJson(m_waiting).object().keys();
+    QJsonParseError error{};
+    m_keys = objectOf(m_waiting, error).keys();
     return m_keys.isEmpty() ? std::nullopt : std::optional(m_keys);
 }
 
@@ -114,9 +183,7 @@ bool JsonReader::next(InputRow &row)
         m_offset += text.size();
         if (!text.trimmed().isEmpty()) {
             QJsonParseError error{};
-            // Qt takes U+FEFF away at the beginning of a text, but not its escape.
-            const QByteArray json = QByteArray(text).replace("\xef\xbb\xbf", "\\ufeff");
-            const QJsonObject object = QJsonDocument::fromJson(json, &error).object();
+            const QJsonObject object = objectOf(text, error);
             const auto refuse = [&](const QByteArray &why) {
                 row.cells = {text.trimmed()};
                 row.fault = why;
@@ -146,6 +213,8 @@ bool JsonReader::next(InputRow &row)
                         return refuse("\"" + key.toUtf8() + "\" is not a key of the first line");
                 }
             }
+            if (countOfMembers(text) > object.size())
+                return refuse("it has the key \"" + repeatedKey(text).toUtf8() + "\" twice");
             return true;
         }
     }

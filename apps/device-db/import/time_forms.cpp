@@ -6,6 +6,8 @@
 #include <QLocale>
 #include <QRegularExpression>
 
+#include <algorithm>
+
 namespace device_db
 {
 
@@ -59,9 +61,6 @@ QByteArray TimeForms::refusal(QByteArray &time, bool milliseconds) const
         time = textOf(parsed, milliseconds);
         return QByteArray();
     }
-    static const QRegularExpression known(QStringLiteral(
-        "^(?:(\\d{4})([-/.])(\\d{1,2})\\2(\\d{1,2})|(\\d{1,2})\\.(\\d{1,2})\\.(\\d{4}))[ T]+"
-        "(\\d{1,2}):(\\d\\d)(?::(\\d\\d)(?:[.,](\\d{1,9}))?)?(?: ?(Z|UTC|([+-])(\\d\\d):?(\\d\\d)?))?$"));
     static const QRegularExpression epoch(QStringLiteral("^(?:(\\d{9,10})(?:\\.(\\d{1,9}))?|(\\d{12,13}))$"));
     const QString text = QString::fromLatin1(time).trimmed();
     if (const auto match = epoch.match(text); match.hasMatch()) {
@@ -74,27 +73,23 @@ QByteArray TimeForms::refusal(QByteArray &time, bool milliseconds) const
         time = textOf(QDateTime::fromMSecsSinceEpoch(instant, m_zone), milliseconds);
         return QByteArray();
     }
-    const auto match = known.match(text);
-    const auto part = [&](int either, int other) {
-        return (match.captured(either).isEmpty() ? match.captured(other) : match.captured(either)).toInt();
-    };
-    const QDate date(part(1, 7), part(3, 6), part(4, 5));
-    const QTime clock(part(8, 8), part(9, 9), part(10, 10),
-                      match.captured(11).leftJustified(3, QLatin1Char('0'), true).toInt());
-    if (!match.hasMatch() || !date.isValid() || !clock.isValid())
+    const auto written = writtenTime(text);
+    const bool hasClock = written && written->hour >= 0;
+    const QTime clock = hasClock ? QTime(written->hour, written->minute, std::max(0, written->second),
+                                         std::max(0, written->millisecond))
+                                 : QTime();
+    if (!hasClock || !written->date.isValid() || !clock.isValid())
         return quoted(time) + " is not in a known form; --time-format can name its form";
-    if (match.captured(12).isEmpty()) {
-        time = textOf(QDateTime(date, clock, Qt::UTC), milliseconds);
+    if (!written->offset) {
+        time = textOf(QDateTime(written->date, clock, Qt::UTC), milliseconds);
         return QByteArray();
     }
-    const int hours = part(14, 14);
-    const int minutes = part(15, 15);
-    if (minutes > 59 || hours * 60 + minutes > 14 * 60) // Kiribati's; none is further from UTC
+    if (*written->offset == WrittenTime::noOffset)
         return quoted(time) + " has an offset from UTC that no zone has";
     if (!m_zone.isValid())
         return quoted(time) + " is of another zone than the device; name the device's with --zone";
-    const int offset = (hours * 3600 + minutes * 60) * (match.captured(13) == QLatin1String("-") ? -1 : 1);
-    time = textOf(QDateTime(date, clock, Qt::OffsetFromUTC, offset).toTimeZone(m_zone), milliseconds);
+    const QDateTime instant = QDateTime(written->date, clock, Qt::UTC).addSecs(-60 * *written->offset);
+    time = textOf(instant.toTimeZone(m_zone), milliseconds);
     return QByteArray();
 }
 

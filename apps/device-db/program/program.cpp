@@ -4,9 +4,11 @@
 #include "program/help.h"
 #include "program/manual.h"
 #include "storefile/system_error.h"
+#include "storefile/texts.h"
 #include "terminal/output.h"
 
 #include <algorithm>
+#include <sstream>
 
 namespace device_db
 {
@@ -60,6 +62,20 @@ int Program::execute(int argc, char **argv)
         return print(manualPage(m_commandLine));
     if (argc == 2 && qstrcmp(argv[1], "--completion") == 0)
         return print(bashCompletion(m_commandLine));
+    for (int i = 1; i < argc; ++i) {
+        if (const QByteArray given(argv[i]); !isUtf8(given)) {
+            complain(
+                QStringLiteral("\"%1\" is not UTF-8. Rename a file of such a name, or a copy of it; go into a folder "
+                               "of such a name first")
+                    .arg(fromUtf8(given)));
+            return Usage;
+        }
+    }
+    if (argc > 1 && qstrcmp(argv[1], "help") == 0) {
+        QByteArray help("--help");
+        std::vector<char *> words{argv[0], argc > 2 ? argv[2] : help.data(), help.data()};
+        return execute(argc > 2 ? 3 : 2, words.data());
+    }
     // CLI11 would only say that a command is missing.
     const std::vector<CLI::App *> commands = m_commandLine.get_subcommands({});
     if (argc > 1 && argv[1][0] != '-' && std::none_of(commands.begin(), commands.end(), [&](const CLI::App *command) {
@@ -72,7 +88,9 @@ int Program::execute(int argc, char **argv)
     try {
         m_commandLine.parse(argc, argv);
     } catch (const CLI::Success &asked) {
-        return m_commandLine.exit(asked); // --help, --version
+        std::ostringstream text; // --help, --version
+        m_commandLine.exit(asked, text, text);
+        return print(text.str());
     } catch (const CLI::ParseError &wrong) {
         QString command;
         for (const CLI::App *given : m_commandLine.get_subcommands())

@@ -269,16 +269,10 @@ QByteArray jsonRow(const QVector<OutputColumn> &columns, const QVector<QByteArra
             row += ',';
         row += jsonText(columns.at(i).key) + ':';
         const QByteArray &cell = cells.at(i);
-        bool isNumber = false;
-        if (columns.at(i).number)
-            isNumber = QByteArray::number(cell.toLongLong(&isNumber)) == cell && isNumber;
-        if (cell.isNull()) {
+        if (cell.isNull())
             row += "null";
-        } else if (isNumber) {
-            row += cell;
-        } else {
-            row += jsonText(cell);
-        }
+        else
+            row += columns.at(i).number && isJsonNumber(cell) ? cell : jsonText(cell);
     }
     row += "}\n";
     return row;

@@ -15,7 +15,7 @@ struct OutputColumn {
     QByteArray key; ///< In CSV and JSON.
     QString title;
     bool right = false;  ///< Numbers are at the right.
-    bool number = false; ///< In JSON a number, when the cell is an integer.
+    bool number = false; ///< In JSON a number, when the cell is one.
     bool fixed = false;  ///< Not cut while other columns can be.
     bool twice = false;  ///< For people the text is decoded; see decodedTwice().
     bool main = false;   ///< What is read: cut after the others, but before those that are fixed.
