@@ -139,6 +139,7 @@ private:
     Error stopped(const QString &operation) const;
     Settled calledFromWithin(const QString &operation) const;
 
+    static constexpr std::chrono::milliseconds retryPause{100};
     static thread_local const Worker *t_ofThisThread; ///< A call that would wait for itself is known by it.
 
     Recorder *const m_recorder;

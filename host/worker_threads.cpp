@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// What the threads of a recorder do.
+// What the writer's thread of a recorder does: opening, batches, and what becomes of them.
 #include "worker.h"
 
 #include <algorithm>
@@ -11,7 +11,6 @@ namespace device
 namespace
 {
 
-constexpr std::chrono::milliseconds retryPause{100};
 constexpr size_t latenciesKept = 1000;
 
 } // namespace
@@ -371,169 +370,6 @@ void Recorder::Worker::finish()
                               QStringLiteral("the recorder was stopped before they could be stored")));
     answerAll(stopped(QStringLiteral("ask")));
     warn(true);
-}
-
-// One slice of a deletion or one question, by turns.
-void Recorder::Worker::duty(std::unique_lock<std::mutex> &lock)
-{
-    if (!m_removals.empty()) {
-        Removing removing = std::move(m_removals.front());
-        m_removals.pop_front();
-        lock.unlock();
-        removeSlice(removing);
-        lock.lock();
-    }
-    if (rollupsWait() && Clock::now() >= m_nextRollups) {
-        lock.unlock();
-        keepRollups();
-        lock.lock();
-    }
-    if (!m_stopping && !m_readsApart && !m_questions.empty() && mayBegin(m_questions.front())) {
-        const Asked asked = std::move(m_questions.front());
-        m_questions.pop_front();
-        m_running = asked.handle;
-        lock.unlock();
-        answer(asked, m_connection);
-        lock.lock();
-        m_running.reset();
-    }
-}
-
-void Recorder::Worker::removeSlice(Removing &removing)
-{
-    Removal &removal = removing.removal;
-    Status done;
-    if (removing.handle.isCancelled())
-        done = removal.site.error(Error::Cancelled, QStringLiteral("cancelled"));
-    else
-        done = device::removeSlice(*m_connection, removal);
-    if (done && !removal.done) {
-        const std::lock_guard lock(m_mutex);
-        if (!m_stopping) {
-            m_removals.push_back(std::move(removing)); // several take turns
-            return;
-        }
-        done = removal.site.error(Error::Stopped, QStringLiteral("the recorder was stopped"));
-    }
-    if (removal.removed > 0)
-        tell(&Recorder::removed, removal.site.table, removal.removed);
-    if (!done && done.error().code() == Error::FileMoved) {
-        const std::lock_guard lock(m_mutex);
-        m_fileIsMissed = true;
-    }
-    if (done)
-        mail(removing.answer(removal.removed));
-    else
-        mail(removing.answer(
-            removal.site.error(done.error().code(), QStringLiteral("%1; %2 rows were deleted before")
-                                                        .arg(done.error().cause(), QString::number(removal.removed)))));
-}
-
-// One slice of what the rollups lack. What does not work is tried again later: a reader does without.
-void Recorder::Worker::keepRollups()
-{
-    Status done;
-    if (!m_rollupsAreKnown) {
-        done = m_rollups.open(*m_connection);
-        m_rollupsAreKnown = done || !isOfTheFile(done.error().code());
-    } else {
-        done = m_rollups.catchUp(*m_connection);
-    }
-    if (!done) {
-        m_nextRollups = Clock::now() + retryPause;
-        if (done.error().code() == Error::FileMoved) {
-            const std::lock_guard lock(m_mutex);
-            m_fileIsMissed = true;
-        }
-    }
-    std::optional<Error> trouble = m_rollups.takeTrouble();
-    if (!trouble && !done && !isOfTheFile(done.error().code()))
-        trouble = done.error();
-    if (trouble)
-        tell(&Recorder::trendFailed, *trouble);
-}
-
-// What is still in memory. Without it the next recorder would read the rows.
-void Recorder::Worker::finishRollups()
-{
-    const Site site{QStringLiteral("record"), QString()};
-    (void)m_connection->transaction(site, [this] { return m_rollups.write(*m_connection, true); });
-}
-
-// --- The reader
-
-void Recorder::Worker::read()
-{
-    t_ofThisThread = this;
-    std::shared_ptr<Connection> connection;
-    int opening = 0;
-    std::unique_lock lock(m_mutex);
-    for (;;) {
-        m_asked.wait(lock, [this] {
-            return m_stopping || (m_readsApart && !m_questions.empty() && mayBegin(m_questions.front()));
-        });
-        if (m_stopping)
-            break;
-        const Asked asked = std::move(m_questions.front());
-        m_questions.pop_front();
-        m_running = asked.handle;
-        const bool reopened = std::exchange(opening, m_openings) != m_openings;
-        const FileIdentity file = m_file;
-        lock.unlock();
-        if (reopened)
-            connection.reset();
-        std::optional<Error> why;
-        if (!connection) {
-            const auto opened = Connection::openReader(m_library, m_path, m_options.file, file);
-            if (opened)
-                connection = *opened;
-            else
-                why = opened.error();
-        }
-        if (connection ? connection->moved() : why->code() == Error::FileMoved) {
-            // The writer leaves the file first, with its log: then the next one can be opened.
-            connection.reset();
-            lock.lock();
-            m_running.reset();
-            m_questions.push_front(asked);
-            m_readsApart = false;
-            m_fileIsMissed = true;
-            m_wake.notify_all();
-            continue;
-        }
-        if (why)
-            mail(asked.asking(*why));
-        else
-            answer(asked, connection);
-        lock.lock();
-        m_running.reset();
-    }
-}
-
-void Recorder::Worker::answer(const Asked &asked, const std::shared_ptr<Connection> &connection)
-{
-    if (asked.handle.isCancelled()) {
-        mail(asked.asking(
-            Error(Error::Cancelled, QStringLiteral("ask"), QString(), QStringLiteral("cancelled before it began"))));
-        return;
-    }
-    const Connection::Question scope(*connection, asked.handle.m_cancelled.get());
-    mail(asked.asking(connection));
-}
-
-void Recorder::Worker::answerAll(const Error &why)
-{
-    std::deque<Asked> questions;
-    std::deque<Removing> removals;
-    {
-        const std::lock_guard lock(m_mutex);
-        questions.swap(m_questions);
-        removals.swap(m_removals);
-    }
-    for (const Asked &asked : questions)
-        mail(asked.asking(why));
-    for (const Removing &removing : removals)
-        mail(removing.answer(why));
 }
 
 } // namespace device
