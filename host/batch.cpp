@@ -108,7 +108,7 @@ Status Storing::before()
     if (!m_batch.before)
         return {};
     const Status done = m_batch.before(m_connection);
-    if (!done && !isOfTheFile(done.error().code())) {
+    if (!done && !isPassing(done.error().code())) {
         m_batch.before = nullptr;
         m_again = true; // from the beginning, without it
     }

@@ -33,8 +33,8 @@ struct Witness {
 /// Steps that are stored together, and what became of them.
 struct Batch {
     QVector<Write> writes;
-    /// Done in the same transaction, before the steps. Where it fails by itself, nothing is left of it and the steps
-    /// are stored without.
+    /// Done in the same transaction, before the steps. Where it fails, for want of room too, nothing is left of it
+    /// and the steps are stored without.
     std::function<Status(Connection &)> before;
 
     QVector<Refusal> refused; ///< Steps that the table itself does not take, in order.

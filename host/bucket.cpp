@@ -14,7 +14,8 @@ namespace
 
 constexpr qint64 firstDay = 1721426; // the Julian day of 0001-01-01
 constexpr qint64 secondsOfDay = 86400;
-constexpr qint64 mostRows = 1LL << 50; // in a bucket: sums of them stay far from the end of the type
+constexpr qint64 longestNumber = 64;
+constexpr qint64 mostRows = 1LL << 40; // in a bucket: sums of them stay far from the end of the type
 
 // Whether the point comes before: of equal ones the earlier, of equally early ones the one that is there already.
 bool isLower(double value, qint64 time, const Bucket::Point &than)
@@ -104,22 +105,18 @@ void Bucket::add(qint64 time, const QString &value)
     add(time, value.constData(), value.size());
 }
 
-// A number is ASCII. The usual ones are put together here, where nothing need be allocated for them.
 void Bucket::add(qint64 time, const QChar *value, qint64 size)
 {
     ++m_rows;
-    char usual[64];
-    if (size > qint64(sizeof usual)) {
-        const QByteArray utf8 = QString(value, int(size)).toUtf8();
-        addNumber(time, utf8.constData(), utf8.size());
+    char ascii[longestNumber];
+    if (size > longestNumber)
         return;
-    }
     for (qint64 i = 0; i < size; ++i) {
         if (value[i].unicode() >= 0x80)
             return;
-        usual[i] = char(value[i].unicode());
+        ascii[i] = char(value[i].unicode());
     }
-    addNumber(time, usual, size);
+    addNumber(time, ascii, size);
 }
 
 void Bucket::addNumber(qint64 time, const char *text, qint64 size)

@@ -52,4 +52,9 @@ bool isOfTheFile(Error::Code code)
            code == Error::Cancelled || code == Error::FileMoved;
 }
 
+bool isPassing(Error::Code code)
+{
+    return code == Error::Locked || code == Error::Cancelled || code == Error::FileMoved;
+}
+
 } // namespace device

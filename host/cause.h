@@ -22,6 +22,9 @@ Error failure(const Site &site, const QString &words);
 /// The file or the medium is in the way, not the statement: the same statement may go through later.
 bool isOfTheFile(Error::Code code);
 
+/// It passes by itself, or ends what is being done.
+bool isPassing(Error::Code code);
+
 } // namespace device
 
 #endif

@@ -29,15 +29,18 @@ Result<bool> areThere(Connection &connection, const Site &site)
 {
     const auto found = connection.query(
         site,
-        QStringLiteral("select name,(select group_concat(name) from pragma_table_info(m.name)) from sqlite_master "
-                       "m where type='table' and name in ('device trend','device trend series') order by name"));
+        QStringLiteral(
+            "select name,(select group_concat(name||' '||upper(type)||' '||pk) from pragma_table_info(m.name)) "
+            "from sqlite_master m where type='table' and name in ('device trend','device trend series') order by name"));
     if (!found)
         return found.error();
     if (found->isEmpty())
         return false;
     const QList<QStringList> expected{
-        {QStringLiteral("device trend"), QStringLiteral("K,D")},
-        {QStringLiteral("device trend series"), QStringLiteral("N,COLLECTOR,LEVELS,MARK,MARKED,FRONT,VERSION")}};
+        {QStringLiteral("device trend"), QStringLiteral("K INTEGER 1,D TEXT 0")},
+        {QStringLiteral("device trend series"),
+         QStringLiteral(
+             "N INTEGER 1,COLLECTOR TEXT 0,LEVELS TEXT 0,MARK INTEGER 0,MARKED TEXT 0,FRONT INTEGER 0,VERSION INTEGER 0")}};
     if (*found != expected)
         return site.error(Error::TableLayout, QStringLiteral("the tables for trends have other columns"));
     return true;
@@ -47,9 +50,10 @@ Result<std::optional<RollupState>> stateOf(Connection &connection, const Site &s
 {
     const auto rows = connection.query(
         site,
-        QStringLiteral("select N,LEVELS,MARK,ifnull((select seq from sqlite_sequence where name=COLLECTOR collate "
-                       "nocase),0),MARKED is null or not exists(select 1 from %1 where ID=MARK) or MARKED is (select "
-                       "DATETIME||' '||Value from %1 where ID=MARK),FRONT,VERSION from %2 where COLLECTOR=%3")
+        QStringLiteral(
+            "select N,LEVELS,MARK,max(ifnull((select seq from sqlite_sequence where name=COLLECTOR collate "
+            "nocase),0),ifnull((select max(ID) from %1),0)),MARKED is null or not exists(select 1 from %1 where ID=MARK) or MARKED is (select "
+            "DATETIME||' '||Value from %1 where ID=MARK),FRONT,VERSION from %2 where COLLECTOR=%3")
             .arg(table, QLatin1String(series), quoted(table)));
     if (!rows)
         return rows.error();
@@ -326,24 +330,28 @@ Result<QVector<qint64>> rollupsOfNoTable(Connection &connection)
     if (!*there)
         return numbers;
     const auto rows = connection.query(
-        site, QStringLiteral("with recursive n(N) as (select min(K)>>%1 from %2 union all select (select min(K)>>%1 "
+        site, QStringLiteral("with recursive n(N) as (select min(K)>>%1 from %2 union select (select min(K)>>%1 "
                              "from %2 where K>=(N+1)<<%1) from n where N is not null) select N from n where N is not "
                              "null and N not in (select N from %3)")
                   .arg(QString::number(bitsOfBucket), QLatin1String(trend), QLatin1String(series)));
     if (!rows)
         return rows.error();
-    for (const QStringList &row : *rows)
-        numbers << row.first().toLongLong();
+    for (const QStringList &row : *rows) {
+        if (const qint64 number = row.first().toLongLong(); number > 0 && number < mostNumbers)
+            numbers << number;
+    }
     return numbers;
 }
 
 Result<bool> removeRollups(Connection &connection, qint64 number)
 {
-    const auto removed =
-        connection.change(trendSite(QStringLiteral("all tables")),
-                          {QStringLiteral("delete from %1 where K in (select K from %1 where K>=%2 and K<%3 limit %4)")
-                               .arg(QLatin1String(trend), QString::number(number << bitsOfBucket),
-                                    QString::number((number + 1) << bitsOfBucket), QString::number(bucketsToRemove))});
+    const auto removed = connection.change(
+        trendSite(QStringLiteral("all tables")),
+        {QStringLiteral("delete from %1 where K in (select K from %1 where K>=%2 and K<=%3 limit %4) and "
+                        "not exists(select 1 from %5 where N=%6)")
+             .arg(QLatin1String(trend), QString::number(number << bitsOfBucket),
+                  QString::number((number << bitsOfBucket) + ((1LL << bitsOfBucket) - 1)),
+                  QString::number(bucketsToRemove), QLatin1String(series), QString::number(number))});
     if (!removed)
         return removed.error();
     return *removed < bucketsToRemove;

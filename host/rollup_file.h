@@ -77,7 +77,7 @@ Site trendSite(const QString &table);
 Result<QStringList> tablesWithRollups(Connection &connection);
 /// Numbers whose buckets nobody needs.
 Result<QVector<qint64>> rollupsOfNoTable(Connection &connection);
-/// Removes some buckets of this number; whether there are none any more.
+/// Removes some buckets of this number, which may have been given again; whether there is nothing more to remove.
 Result<bool> removeRollups(Connection &connection, qint64 number);
 
 } // namespace device

@@ -14,7 +14,9 @@ namespace
 constexpr qint64 rowsInMemory = 2000; // a reader looks at so many rows by themselves
 constexpr std::chrono::seconds timeInMemory{60};
 constexpr qint64 spanInMemory = 60;
-constexpr qint64 rowsOfASlice = 5000;
+constexpr std::chrono::milliseconds sliceTime{15}; // as that of deletions
+constexpr qint64 fewestRows = 100;
+constexpr qint64 mostRows = 20000;
 
 } // namespace
 
@@ -124,7 +126,7 @@ Status Rollups::write(Connection &connection, bool all)
     if (additions.empty())
         return {};
     const Status done = addToRollups(connection, site, additions);
-    if (!done && !isOfTheFile(done.error().code())) {
+    if (!done && !isPassing(done.error().code())) {
         for (Table &table : m_tables)
             forget(table); // catchUp() finds which one it is
     }
@@ -141,6 +143,12 @@ void Rollups::written()
         table.rows = 0;
         table.buckets.clear();
     }
+}
+
+bool Rollups::isBehind(const QString &name)
+{
+    const Table *const table = tableOf(name);
+    return table && table->behind;
 }
 
 bool Rollups::isBehind() const
@@ -160,14 +168,24 @@ Status Rollups::catchUp(Connection &connection)
     }
     if (table == m_tables.end())
         return {};
+    const auto started = Clock::now();
     const Status done = catchUp(connection, *table);
-    if (done || isOfTheFile(done.error().code()))
+    if (done) {
+        const bool tookLong = Clock::now() - started > sliceTime;
+        m_rowsOfASlice = tookLong ? std::max(fewestRows, m_rowsOfASlice / 2) : std::min(mostRows, m_rowsOfASlice * 2);
         return done;
-    // A table that was deleted, or buckets that somebody changed, would fail again and again.
-    if (done.error().code() != Error::TableMissing)
+    }
+    const Error::Code why = done.error().code();
+    if (isPassing(why) || !connection.explained())
+        return done;
+    if (why != Error::TableMissing && !std::exchange(table->isReported, true))
         m_trouble = done.error();
-    m_tables.erase(table);
     m_places.clear();
+    if (isOfTheFile(why)) { // a full disk, a broken page: the others first
+        std::rotate(table, table + 1, m_tables.end());
+        return done;
+    }
+    m_tables.erase(table); // it was deleted, or somebody changed its buckets: it would fail again and again
     return {};
 }
 
@@ -187,7 +205,7 @@ Status Rollups::catchUp(Connection &connection, Table &table)
             return beginAnew(connection, site, *state);
         const auto rows =
             connection.ask(site, QStringLiteral("select ID,DATETIME,Value from %1 where ID>%2 order by ID limit %3")
-                                     .arg(table.name, QString::number(state->mark), QString::number(rowsOfASlice)));
+                                     .arg(table.name, QString::number(state->mark), QString::number(m_rowsOfASlice)));
         if (!rows)
             return rows.error();
         Buckets buckets;
@@ -197,7 +215,7 @@ Status Rollups::catchUp(Connection &connection, Table &table)
             if (time.isValid())
                 buckets[secondsOf(time) / width * width].add(secondsOf(time), row.at(2));
         }
-        isAtEnd = rows->size() < rowsOfASlice;
+        isAtEnd = rows->size() < m_rowsOfASlice;
         const qint64 mark = isAtEnd ? state->last : rows->last().at(0).toLongLong();
         if (mark == state->mark)
             return {};

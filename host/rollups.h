@@ -37,10 +37,11 @@ public:
 
     /// Rows or left-over buckets wait for catchUp().
     bool isBehind() const;
-    /// One slice of some milliseconds, in a transaction of its own.
+    bool isBehind(const QString &table);
+    /// One slice of some milliseconds, in a transaction of its own. After an Error it is to be tried again later.
     Status catchUp(Connection &connection);
 
-    /// An Error that is not the file's: the table at fault is left alone from now on. Empty when all goes well.
+    /// Why a table is not kept up, once. Empty when all goes well.
     std::optional<Error> takeTrouble();
 
 private:
@@ -52,8 +53,9 @@ private:
         qint64 rows = 0;              ///< In them.
         QString newest;               ///< The last of these, as RowText has it.
         Clock::time_point since = {}; ///< The first of these was stored.
-        bool isWritten = false;       ///< By the transaction under way,
-        qint64 newMark = 0;           ///< up to here.
+        bool isReported = false;
+        bool isWritten = false; ///< By the transaction under way,
+        qint64 newMark = 0;     ///< up to here.
     };
 
     static bool isDue(const Table &table);
@@ -62,6 +64,7 @@ private:
     Status catchUp(Connection &connection, Table &table);
 
     TimeReader m_times{false};
+    qint64 m_rowsOfASlice = 1000;
     std::vector<Table> m_tables;
     QHash<QString, int> m_places; ///< In m_tables, or -1; by the names that rows come with.
     QVector<qint64> m_gone;       ///< Numbers whose buckets nobody needs.

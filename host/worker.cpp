@@ -206,7 +206,7 @@ void Recorder::Worker::remove(const Removal &removal, std::function<Letter(const
     {
         const std::lock_guard lock(m_mutex);
         if (!m_stopping) {
-            m_removals.push_back({removal, std::move(answer), handle});
+            m_removals.push_back({removal, std::move(answer), handle, m_tablesThrough});
             m_wake.notify_one();
             return;
         }

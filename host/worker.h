@@ -88,6 +88,7 @@ private:
         Removal removal;
         std::function<Letter(const Result<qint64> &)> answer;
         Question handle;
+        qint64 after; ///< As in Asked.
     };
 
     // With the mutex held.
@@ -96,7 +97,8 @@ private:
     bool isFull() const { return depth() >= m_options.capacity || m_bytes >= m_options.capacityBytes; }
     bool isDue() const;
     bool hasDuty() const;
-    bool mayBegin(const Asked &asked) const;
+    bool mayBegin(qint64 after) const;
+    bool removalWaits() const { return !m_removals.empty() && mayBegin(m_removals.front().after); }
     qint64 oldestUnsettled() const;
     qint64 rowsBefore(qint64 number) const;
     std::map<QString, int> makeRoom(const Item &item, const Error &why);

@@ -9,7 +9,11 @@ namespace device
 // One slice of a deletion or one question, by turns.
 void Recorder::Worker::duty(std::unique_lock<std::mutex> &lock)
 {
-    if (!m_removals.empty()) {
+    // Rows are summed up before they are deleted.
+    const bool sumsFirst =
+        rollupsWait() && Clock::now() >= m_nextRollups &&
+        (!m_rollupsAreKnown || (removalWaits() && m_rollups.isBehind(m_removals.front().removal.site.table)));
+    if (removalWaits() && !sumsFirst) {
         Removing removing = std::move(m_removals.front());
         m_removals.pop_front();
         lock.unlock();
@@ -21,7 +25,7 @@ void Recorder::Worker::duty(std::unique_lock<std::mutex> &lock)
         keepRollups();
         lock.lock();
     }
-    if (!m_stopping && !m_readsApart && !m_questions.empty() && mayBegin(m_questions.front())) {
+    if (!m_stopping && !m_readsApart && !m_questions.empty() && mayBegin(m_questions.front().after)) {
         const Asked asked = std::move(m_questions.front());
         m_questions.pop_front();
         m_running = asked.handle;
@@ -103,7 +107,7 @@ void Recorder::Worker::read()
     std::unique_lock lock(m_mutex);
     for (;;) {
         m_asked.wait(lock, [this] {
-            return m_stopping || (m_readsApart && !m_questions.empty() && mayBegin(m_questions.front()));
+            return m_stopping || (m_readsApart && !m_questions.empty() && mayBegin(m_questions.front().after));
         });
         if (m_stopping)
             break;

@@ -133,15 +133,15 @@ bool Recorder::Worker::isDue() const
            Deadline(m_options.batchTime, m_waiting.front().taken).isOver();
 }
 
-bool Recorder::Worker::mayBegin(const Asked &asked) const
+bool Recorder::Worker::mayBegin(qint64 after) const
 {
-    return asked.after <= oldestUnsettled() || m_trouble;
+    return after <= oldestUnsettled() || m_trouble;
 }
 
 bool Recorder::Worker::hasDuty() const
 {
     return !m_stopping &&
-           (!m_removals.empty() || (!m_readsApart && !m_questions.empty() && mayBegin(m_questions.front())) ||
+           (removalWaits() || (!m_readsApart && !m_questions.empty() && mayBegin(m_questions.front().after)) ||
             (rollupsWait() && Clock::now() >= m_nextRollups));
 }
 

@@ -126,7 +126,8 @@ Q_SIGNALS:
     void removed(const QString &table, qint64 rows); ///< A deletion ended, whole or not.
     void tableReady(const QString &table);           ///< A createTable() is done: the table is in the file.
     void tableFailed(const QString &table, const device::Error &why); ///< It cannot be made; it is not tried again.
-    /// A trend is not kept up: the step for it was refused, or somebody changed its sums. Rows are stored all the same.
+    /// A trend is not kept up: the step for it was refused, or its sums cannot be written or were changed by somebody.
+    /// Rows are stored all the same.
     void trendFailed(const device::Error &why);
 
 protected:

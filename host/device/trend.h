@@ -39,8 +39,9 @@ struct TrendColumn {
     LocalTime from; ///< The column has the samples from here
     LocalTime to;   ///< until before this, as far as they are in the range.
     qint64 rows = 0;
-    qint64 numbers = 0; ///< Those of the rows that device::number() takes for numbers. The rest is of these alone.
-    double mean = 0;    ///< 0 without numbers.
+    /// Those of the rows that device::number() takes for numbers, of up to 64 characters. The rest is of these alone.
+    qint64 numbers = 0;
+    double mean = 0; ///< 0 without numbers.
     // Each with its own time and the very text of its value; invalid times without numbers. Among equal values the
     // earliest, among equal times the first one recorded, for `last` the last one recorded.
     Sample lowest;
@@ -48,13 +49,15 @@ struct TrendColumn {
     Sample first;
     Sample last;
     /// False where rows are deleted that the column shows: nothing else in the file confirms it. At the ends of the
-    /// range such a column may include rows from just outside, by less than the finest level.
+    /// range such a column may include rows from just outside, by less than the finest level. Judged by the time of the
+    /// row with the lowest ID: rows that came late, or that were deleted in another order, can mislead it.
     bool exact = true;
 };
 
 /// The columns that have rows, in the order of time.
 struct Trend {
-    std::chrono::seconds width{0}; ///< Of a column. Columns begin at multiples of it, counted from midnight.
+    std::chrono::seconds width{
+        0}; ///< Of a column. Columns begin at multiples of it since midnight, wider ones since 0001-01-01.
     QVector<TrendColumn> columns;
 };
 

@@ -150,7 +150,6 @@ TEST_F(Trends, OfARangeThatIsNoneOrTooFineSaySo)
 TEST_F(Trends, AreKeptUpByTheRecorder)
 {
     auto recorder = trendRecorder();
-    options.batchRows = 100;
     record(*recorder, 0, 5000);
     require(recorder->flush(milliseconds(20000)));
     EXPECT_NE(valueOf(path(), "select count(*) from \"device trend\""_q), "0"_q);
@@ -197,7 +196,7 @@ TEST_F(Trends, AreRefusedByName)
     PlainConnection(path()).run("create table Counted(ID INTEGER PRIMARY KEY,DATETIME dateTime,Value text)"_q);
     EXPECT_EQ(codeOf(store.keepTrend(table("Counted"_q))), Error::TableLayout);
     EXPECT_FALSE(require(store.dropTrend(boiler)));
-    PlainConnection(path()).run("create table \"device trend\"(A)"_q);
+    PlainConnection(path()).run("create table \"device trend\"(K,D)"_q);
     EXPECT_EQ(codeOf(store.keepTrend(boiler)), Error::TableLayout);
 }
 
@@ -282,8 +281,8 @@ TEST_F(Trends, OfAHostileFileAreRefused)
     require(recorder->stop(milliseconds(20000)));
     for (const char *damage :
          {"LEVELS=''", "LEVELS='0'", "LEVELS='x,60'", "LEVELS='600,60'", "LEVELS='60,60'", "LEVELS=NULL",
-          "LEVELS='60,-60'", "N=9223372036854775807", "N=-5", "MARK=-1", "FRONT=9223372036854775807", "FRONT=-1",
-          "VERSION=2", "COLLECTOR='Boiler;drop table Boiler'"}) {
+          "LEVELS='60,-60'", "N=8388608", "N=9223372036854775807", "N=-5", "MARK=-1", "FRONT=9223372036854775807",
+          "FRONT=-1", "VERSION=2", "COLLECTOR='Boiler;drop table Boiler'"}) {
         SCOPED_TRACE(damage);
         const QString copy = path("hostile.db");
         QFile::remove(copy);
@@ -303,13 +302,77 @@ TEST_F(Trends, OfAHostileFileAreRefused)
         expectNumbers(copy, 0, 2000);
     }
     for (const char *bucket : {"9223372036854775807;1;1;;1;;1;;1;", "2/1;1;1;9223372036854775807;1;;1;;1;",
-                               "1;1;1;-1;1;;1;;1;", "1;1;1;86400;1;;1;;1;", "", "|", ";", "1|1;1"}) {
+                               "1;1;1;-1;1;;1;;1;", "1;1;1;86400;1;;1;;1;", "", "|", ";", "1|1;1", "1/0|1;1/0"}) {
         SCOPED_TRACE(bucket);
         PlainConnection(path()).run("update \"device trend\" set D='%1'"_q.arg(QString::fromLatin1(bucket)));
         auto store = require(HistoryStore::open(library(), path()));
         EXPECT_EQ(
             codeOf(store.trend(boiler, TrendQuery::between(at("2024-05-06 00:00:00"_q), at("2024-05-06 23:59:59"_q)))),
             Error::Failed);
+    }
+}
+
+TEST_F(Trends, ThatCannotBeWrittenHoldUpNoRow)
+{
+    auto recorder = trendRecorder();
+    QStringList failures;
+    QObject::connect(recorder.get(), &Recorder::trendFailed, [&](const Error &why) { failures << why.text(); });
+    OtherProgram(path()).run("create trigger broken before insert on \"device trend\" begin select "
+                             "raise(abort,'disk I/O error'); end"_q);
+    record(*recorder, 0, 3000);
+    require(recorder->flush(milliseconds(20000)));
+    ASSERT_TRUE(eventually([&] { return !failures.isEmpty(); }));
+    expectNumbers(3000);
+    expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
+    OtherProgram(path()).run("drop trigger broken"_q);
+    EXPECT_TRUE(catchesUp()); // it was tried again
+    EXPECT_EQ(failures.size(), 1);
+}
+
+TEST_F(Trends, KnowTheirRowsWhenTheNumbersOfTheTablesAreLost)
+{
+    auto recorder = trendRecorder();
+    record(*recorder, 0, 6000);
+    require(recorder->stop(milliseconds(20000)));
+    OtherProgram(path()).run("delete from sqlite_sequence"_q);
+    recorder = trendRecorder();
+    const auto isWhole = [this] { return valueOf(path(), "select MARK from \"device trend series\""_q) == "6000"_q; };
+    ASSERT_TRUE(eventually(isWhole));
+    const QString number = valueOf(path(), "select N from \"device trend series\""_q);
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    EXPECT_EQ(valueOf(path(), "select N from \"device trend series\""_q), number);
+    expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
+}
+
+TEST_F(Trends, SumRowsUpBeforeTheyAreRemoved)
+{
+    auto recorder = recorderOf(Profile::Flash);
+    record(*recorder, 0, 20000);
+    require(recorder->flush(milliseconds(20000)));
+    const Rows all = rowsOfFile();
+    std::optional<qint64> removed;
+    recorder->keepTrend(boiler);
+    recorder->removeBefore(boiler, at("2024-05-06 05:00:00"_q), nullptr,
+                           [&](const Result<qint64> &rows) { removed = require(rows); });
+    require(recorder->flush(milliseconds(20000)));
+    ASSERT_TRUE(eventually([&] { return removed.has_value(); }));
+    EXPECT_EQ(removed, 18000);
+    expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10, all);
+}
+
+TEST_F(Trends, ShowRemovedRowsBesideALateOneThatIsOlder)
+{
+    auto recorder = trendRecorder();
+    record(*recorder, 0, 2000);
+    require(recorder->record(boiler, {at("2024-05-05 12:00:00"_q), 7}));
+    record(*recorder, 2000, 3000);
+    require(recorder->stop(milliseconds(20000)));
+    require(require(HistoryStore::open(library(), path())).keepNewest(boiler, 1001));
+    const Trend shown = trend("2024-05-06 00:00:00"_q, "2024-05-06 00:15:59"_q, 1000);
+    ASSERT_EQ(shown.columns.size(), 16);
+    for (const TrendColumn &column : shown.columns) {
+        EXPECT_EQ(column.rows, 60);
+        EXPECT_FALSE(column.exact);
     }
 }
 
