@@ -64,7 +64,7 @@ private:
     Status catchUp(Connection &connection, Table &table);
 
     TimeReader m_times{false};
-    qint64 m_rowsOfASlice = 1000;
+    qint64 m_rowsOfASlice = 5000;
     std::vector<Table> m_tables;
     QHash<QString, int> m_places; ///< In m_tables, or -1; by the names that rows come with.
     QVector<qint64> m_gone;       ///< Numbers whose buckets nobody needs.

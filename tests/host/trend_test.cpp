@@ -210,6 +210,7 @@ TEST_F(Trends, SeeRowsOfOtherPrograms)
         other.run("insert into Boiler values(NULL,'2024-05-06 00:0%1:30','-%1')"_q.arg(round));
         expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
     }
+    recorder.reset();
     recorder = trendRecorder();
     ASSERT_TRUE(catchesUp());
     expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
@@ -226,6 +227,7 @@ TEST_F(Trends, BeginAnewWithATableThatWasEmptied)
     require(recorder->flush(milliseconds(20000)));
     expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
     record(*recorder, 4000, 5000);
+    recorder.reset();
     recorder = trendRecorder();
     ASSERT_TRUE(catchesUp());
     expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
@@ -366,6 +368,9 @@ TEST_F(Trends, ShowRemovedRowsBesideALateOneThatIsOlder)
     record(*recorder, 0, 2000);
     require(recorder->record(boiler, {at("2024-05-05 12:00:00"_q), 7}));
     record(*recorder, 2000, 3000);
+    recorder.reset();
+    recorder = trendRecorder();
+    ASSERT_TRUE(catchesUp());
     require(recorder->stop(milliseconds(20000)));
     require(require(HistoryStore::open(library(), path())).keepNewest(boiler, 1001));
     const Trend shown = trend("2024-05-06 00:00:00"_q, "2024-05-06 00:15:59"_q, 1000);
