@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <string_view>
 
 namespace device
 {
@@ -116,29 +115,12 @@ void Bucket::add(qint64 time, const QChar *value, qint64 size)
             return;
         ascii[i] = char(value[i].unicode());
     }
-    addNumber(time, ascii, size);
-}
-
-void Bucket::addNumber(qint64 time, const char *text, qint64 size)
-{
-    const auto found = number(QByteArray::fromRawData(text, int(size)));
+    const auto found = number(QByteArray::fromRawData(ascii, int(size)));
     if (!found)
         return;
     addToSum(*found);
-    const bool isFirst = m_numbers++ == 0;
-    const auto take = [&](Point &to) {
-        to.time = time;
-        to.value = *found;
-        to.text.assign(text, size_t(size));
-    };
-    if (isFirst || isLower(*found, time, m_lowest))
-        take(m_lowest);
-    if (isFirst || isHigher(*found, time, m_highest))
-        take(m_highest);
-    if (isFirst || time < m_first.time)
-        take(m_first);
-    if (isFirst || time >= m_last.time)
-        take(m_last);
+    const Seen seen{time, *found, std::string_view(ascii, size_t(size))};
+    addNumbers(1, seen, seen, seen, seen);
 }
 
 void Bucket::add(const Bucket &other)
@@ -148,37 +130,23 @@ void Bucket::add(const Bucket &other)
         return;
     addToSum(other.m_sum);
     addToSum(other.m_rest);
-    const bool wasEmpty = m_numbers == 0;
-    m_numbers += other.m_numbers;
-    if (wasEmpty || isLower(other.m_lowest.value, other.m_lowest.time, m_lowest))
-        m_lowest = other.m_lowest;
-    if (wasEmpty || isHigher(other.m_highest.value, other.m_highest.time, m_highest))
-        m_highest = other.m_highest;
-    if (wasEmpty || other.m_first.time < m_first.time)
-        m_first = other.m_first;
-    if (wasEmpty || other.m_last.time >= m_last.time)
-        m_last = other.m_last;
+    const auto seen = [](const Point &point) { return Seen{point.time, point.value, point.text}; };
+    addNumbers(other.m_numbers, seen(other.m_lowest), seen(other.m_highest), seen(other.m_first), seen(other.m_last));
 }
 
-// Texts are copied only where they win: a trend of years adds up some ten thousand buckets.
 bool Bucket::add(const char *begin, const char *end, qint64 start)
 {
-    struct Read {
-        std::string_view text;
-        qint64 time;
-        double value;
-    };
     Fields fields(begin, end);
     qint64 rows = 0;
     qint64 numbers = 0;
     if (!fields.counts(rows, numbers))
         return false;
     double sum = 0;
-    Read points[4];
+    Seen points[4] = {};
     if (numbers > 0) {
         if (!fields.number(sum))
             return false;
-        for (Read &point : points) {
+        for (Seen &point : points) {
             point.text = fields.text();
             const auto value = number(QByteArray::fromRawData(point.text.data(), int(point.text.size())));
             if (!value || !fields.number(point.time) || point.time < 0 || point.time >= secondsOfDay)
@@ -193,14 +161,20 @@ bool Bucket::add(const char *begin, const char *end, qint64 start)
     if (numbers == 0)
         return true;
     addToSum(sum);
+    addNumbers(numbers, points[0], points[1], points[2], points[3]);
+    return true;
+}
+
+// Texts are copied only where they win: a trend of years adds up some ten thousand buckets.
+void Bucket::addNumbers(qint64 numbers, const Seen &lowest, const Seen &highest, const Seen &first, const Seen &last)
+{
     const bool wasEmpty = m_numbers == 0;
     m_numbers += numbers;
-    const auto take = [](Point &to, const Read &from) {
+    const auto take = [](Point &to, const Seen &from) {
         to.time = from.time;
         to.value = from.value;
         to.text.assign(from.text);
     };
-    const auto &[lowest, highest, first, last] = points;
     if (wasEmpty || isLower(lowest.value, lowest.time, m_lowest))
         take(m_lowest, lowest);
     if (wasEmpty || isHigher(highest.value, highest.time, m_highest))
@@ -209,7 +183,6 @@ bool Bucket::add(const char *begin, const char *end, qint64 start)
         take(m_first, first);
     if (wasEmpty || last.time >= m_last.time)
         take(m_last, last);
-    return true;
 }
 
 // Neumaier's summation: what a long sum loses to rounding is kept beside it.

@@ -10,6 +10,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace device
 {
@@ -50,7 +51,13 @@ public:
     QByteArray text(qint64 start) const;
 
 private:
-    void addNumber(qint64 time, const char *text, qint64 size);
+    struct Seen {
+        qint64 time;
+        double value;
+        std::string_view text;
+    };
+
+    void addNumbers(qint64 numbers, const Seen &lowest, const Seen &highest, const Seen &first, const Seen &last);
     void addToSum(double value);
 
     qint64 m_rows = 0;

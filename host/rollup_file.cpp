@@ -28,10 +28,10 @@ constexpr int bucketsToRemove = 2000;
 Result<bool> areThere(Connection &connection, const Site &site)
 {
     const auto found = connection.query(
-        site,
-        QStringLiteral(
-            "select name,(select group_concat(name||' '||upper(type)||' '||pk) from pragma_table_info(m.name)) "
-            "from sqlite_master m where type='table' and name in ('device trend','device trend series') order by name"));
+        site, QStringLiteral(
+                  "select name,(select group_concat(name||' '||upper(type)||' '||pk) from pragma_table_info(m.name)) "
+                  "from sqlite_master m where type='table' and name in ('device trend','device trend series') order by "
+                  "name"));
     if (!found)
         return found.error();
     if (found->isEmpty())
@@ -39,8 +39,8 @@ Result<bool> areThere(Connection &connection, const Site &site)
     const QList<QStringList> expected{
         {QStringLiteral("device trend"), QStringLiteral("K INTEGER 1,D TEXT 0")},
         {QStringLiteral("device trend series"),
-         QStringLiteral(
-             "N INTEGER 1,COLLECTOR TEXT 0,LEVELS TEXT 0,MARK INTEGER 0,MARKED TEXT 0,FRONT INTEGER 0,VERSION INTEGER 0")}};
+         QStringLiteral("N INTEGER 1,COLLECTOR TEXT 0,LEVELS TEXT 0,MARK INTEGER 0,MARKED TEXT 0,FRONT INTEGER 0,"
+                        "VERSION INTEGER 0")}};
     if (*found != expected)
         return site.error(Error::TableLayout, QStringLiteral("the tables for trends have other columns"));
     return true;
@@ -52,8 +52,9 @@ Result<std::optional<RollupState>> stateOf(Connection &connection, const Site &s
         site,
         QStringLiteral(
             "select N,LEVELS,MARK,max(ifnull((select seq from sqlite_sequence where name=COLLECTOR collate "
-            "nocase),0),ifnull((select max(ID) from %1),0)),MARKED is null or not exists(select 1 from %1 where ID=MARK) or MARKED is (select "
-            "DATETIME||' '||Value from %1 where ID=MARK),FRONT,VERSION from %2 where COLLECTOR=%3")
+            "nocase),0),ifnull((select max(ID) from %1),0)),MARKED is null or not exists(select 1 from %1 where "
+            "ID=MARK) or MARKED is (select DATETIME||' '||Value from %1 where ID=MARK),FRONT,VERSION from %2 where "
+            "COLLECTOR=%3")
             .arg(table, QLatin1String(series), quoted(table)));
     if (!rows)
         return rows.error();

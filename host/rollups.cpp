@@ -83,6 +83,11 @@ bool Rollups::isDue() const
     return std::any_of(m_tables.begin(), m_tables.end(), [](const Table &table) { return isDue(table); });
 }
 
+bool Rollups::isInMemory() const
+{
+    return std::any_of(m_tables.begin(), m_tables.end(), [](const Table &table) { return table.rows > 0; });
+}
+
 // What is in memory no longer fits what is in the file; the rows are read there.
 void Rollups::forget(Table &table)
 {

@@ -22,13 +22,14 @@ class Rollups
 public:
     /// Looks which tables have rollups. They are behind until catchUp() says otherwise.
     Status open(Connection &connection);
-    bool isEmpty() const { return m_tables.empty() && m_gone.isEmpty(); }
 
     /// A row that is in the file now.
     void stored(const Write &row);
 
     /// Something waits to be written for long enough.
     bool isDue() const;
+    /// Something waits to be written.
+    bool isInMemory() const;
     /// Writes what is due, or all, within the caller's transaction and in front of its rows. Where rows were added
     /// behind its back, a table is behind afterwards.
     Status write(Connection &connection, bool all);

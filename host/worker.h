@@ -123,6 +123,7 @@ private:
     void duty(std::unique_lock<std::mutex> &lock);
     void removeSlice(Removing &removing);
     bool rollupsWait() const;
+    bool rollupsAreDue() const;
     void keepRollups();
     void finishRollups();
     void finish();

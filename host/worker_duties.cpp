@@ -11,7 +11,7 @@ void Recorder::Worker::duty(std::unique_lock<std::mutex> &lock)
 {
     // Rows are summed up before they are deleted.
     const bool sumsFirst =
-        rollupsWait() && Clock::now() >= m_nextRollups &&
+        rollupsAreDue() &&
         (!m_rollupsAreKnown || (removalWaits() && m_rollups.isBehind(m_removals.front().removal.site.table)));
     if (removalWaits() && !sumsFirst) {
         Removing removing = std::move(m_removals.front());
@@ -20,7 +20,7 @@ void Recorder::Worker::duty(std::unique_lock<std::mutex> &lock)
         removeSlice(removing);
         lock.lock();
     }
-    if (rollupsWait() && Clock::now() >= m_nextRollups) {
+    if (rollupsAreDue()) {
         lock.unlock();
         keepRollups();
         lock.lock();

@@ -142,12 +142,17 @@ bool Recorder::Worker::hasDuty() const
 {
     return !m_stopping &&
            (removalWaits() || (!m_readsApart && !m_questions.empty() && mayBegin(m_questions.front().after)) ||
-            (rollupsWait() && Clock::now() >= m_nextRollups));
+            rollupsAreDue());
 }
 
 bool Recorder::Worker::rollupsWait() const
 {
     return !m_rollupsAreKnown || m_rollups.isBehind();
+}
+
+bool Recorder::Worker::rollupsAreDue() const
+{
+    return rollupsWait() && Clock::now() >= m_nextRollups;
 }
 
 // What is in hand can no longer make room. So that the oldest rows can be dropped, and not the newest refused, it takes
@@ -354,7 +359,7 @@ void Recorder::Worker::finish()
 {
     if (m_connection && m_connection->moved())
         fails(leftBehind());
-    else if (m_connection && !m_cancel)
+    else if (m_connection && !m_cancel && m_rollups.isInMemory())
         finishRollups();
     std::optional<Error> trouble;
     {

@@ -56,8 +56,8 @@ struct TrendColumn {
 
 /// The columns that have rows, in the order of time.
 struct Trend {
-    std::chrono::seconds width{
-        0}; ///< Of a column. Columns begin at multiples of it since midnight, wider ones since 0001-01-01.
+    /// Of a column. Columns begin at multiples of it since midnight, wider ones than a day since 0001-01-01.
+    std::chrono::seconds width{0};
     QVector<TrendColumn> columns;
 };
 
