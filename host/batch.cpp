@@ -31,7 +31,7 @@ private:
     Site at(const QString &table) const { return {m_site.operation, table}; }
     bool isRefused(int step) const { return m_refused.find(step) != m_refused.end(); }
     Status allSteps();
-    Status before();
+    Status aside(std::function<Status(Connection &)> &task);
     Status rows(const QVector<int> &rows);
     Status inGroups(const QVector<Insert> &inserts);
     Result<qint64> changes();
@@ -78,7 +78,7 @@ Status Storing::allSteps()
 {
     m_witness.reset();
     m_batch.changed = m_changedBefore;
-    if (const Status done = before(); !done)
+    if (const Status done = aside(m_batch.before); !done)
         return done;
     bool mayHaveChanged = false;
     QVector<int> rows;
@@ -100,16 +100,20 @@ Status Storing::allSteps()
             return done;
         mayHaveChanged = true;
     }
-    return m_witness && mayHaveChanged ? lookAtWitness(m_witness->table, m_witness->cells.first()) : Status();
+    if (m_witness && mayHaveChanged) {
+        if (const Status seen = lookAtWitness(m_witness->table, m_witness->cells.first()); !seen)
+            return seen;
+    }
+    return aside(m_batch.after);
 }
 
-Status Storing::before()
+Status Storing::aside(std::function<Status(Connection &)> &task)
 {
-    if (!m_batch.before)
+    if (!task)
         return {};
-    const Status done = m_batch.before(m_connection);
+    const Status done = task(m_connection);
     if (!done && !isPassing(done.error().code())) {
-        m_batch.before = nullptr;
+        task = nullptr;
         m_again = true; // from the beginning, without it
     }
     return done;

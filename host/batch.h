@@ -36,6 +36,7 @@ struct Batch {
     /// Done in the same transaction, before the steps. Where it fails, for want of room too, nothing is left of it
     /// and the steps are stored without.
     std::function<Status(Connection &)> before;
+    std::function<Status(Connection &)> after; ///< The same, after the steps.
 
     QVector<Refusal> refused; ///< Steps that the table itself does not take, in order.
     QVector<qint64> changed;  ///< One number per step: the rows a Change changed; 1 or 0 for a table made or found.

@@ -52,6 +52,11 @@ bool isOfTheFile(Error::Code code)
            code == Error::Cancelled || code == Error::FileMoved;
 }
 
+bool isFull(const Error &why)
+{
+    return why.code() == Error::StorageFailed && why.cause() == QLatin1String("database or disk is full");
+}
+
 bool isPassing(Error::Code code)
 {
     return code == Error::Locked || code == Error::Cancelled || code == Error::FileMoved;

@@ -424,17 +424,16 @@ Result<bool> Connection::checkpoint()
     });
 }
 
-Result<qint64> Connection::usedBytes(bool patiently)
+Result<PageCounts> Connection::pageCounts(bool patiently)
 {
     const Site site{QStringLiteral("measure"), QString()};
-    const QString sql = QStringLiteral("select (page_count-freelist_count)*page_size from pragma_page_count,"
+    const QString sql = QStringLiteral("select page_count,freelist_count,page_size from pragma_page_count,"
                                        "pragma_freelist_count,pragma_page_size");
-    if (patiently)
-        return number(site, sql);
-    const auto rows = ask(site, sql);
+    const auto rows = patiently ? query(site, sql) : ask(site, sql);
     if (!rows)
         return rows.error();
-    return rows->first().first().toLongLong();
+    const QStringList &cells = rows->first();
+    return PageCounts{cells.at(0).toLongLong(), cells.at(1).toLongLong(), cells.at(2).toLongLong()};
 }
 
 } // namespace device

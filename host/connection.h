@@ -25,6 +25,15 @@ struct FileIdentity {
     }
 };
 
+/// The pages of a file.
+struct PageCounts {
+    qint64 pages = 0;
+    qint64 free = 0;
+    qint64 pageSize = 0;
+
+    qint64 usedBytes() const { return (pages - free) * pageSize; }
+};
+
 /// Whether a file can be opened with these options; the Error names the option that cannot work.
 Status checkOptions(const Site &site, const OpenOptions &options);
 
@@ -98,7 +107,7 @@ public:
     /// Whether all of the write-ahead log is in the file now.
     Result<bool> checkpoint();
     /// `patiently`: while the file is locked it is tried again until the deadline.
-    Result<qint64> usedBytes(bool patiently = true);
+    Result<PageCounts> pageCounts(bool patiently = true);
 
 private:
     class Patience;

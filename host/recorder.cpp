@@ -123,6 +123,33 @@ void Recorder::create(const TableName &table, Step step, Created done)
     m_worker->createTable(std::move(item));
 }
 
+void Recorder::keep(const TableName &table, const Keep &keep, Created answer)
+{
+    create(
+        table, [table, keep](Connection &connection) { return setKeep(connection, table, keep); },
+        [this, answer](const Result<bool> &set) {
+            mailAnswer(answer, set);
+            if (!set)
+                m_worker->tell(&Recorder::retentionHeld, set.error());
+        });
+}
+
+void Recorder::hold(const TableName &table, const QString &owner, qint64 throughId)
+{
+    m_worker->retention().hold(table.text(), owner, throughId);
+}
+
+void Recorder::release(const TableName &table, const QString &owner)
+{
+    m_worker->retention().release(table.text(), owner);
+}
+
+void Recorder::trimNow(const TableName &table)
+{
+    m_worker->retention().allow(table.text());
+    m_worker->wake();
+}
+
 void Recorder::mailAnswer(const Created &answer, const Result<bool> &created)
 {
     if (answer)
@@ -145,6 +172,15 @@ Result<QString> rowText(const TableName &table, const Record &record)
     RowText row;
     Kind<Record>::encode(record, row);
     return row.take(QStringLiteral("record"), table.text());
+}
+
+template<typename Record>
+LocalTime timeOf(const Record &record)
+{
+    if constexpr (std::is_same_v<Record, Alarm>)
+        return record.start;
+    else
+        return record.time;
 }
 
 Item itemOf(Write::Kind kind, const TableName &table, QString text)
@@ -202,6 +238,7 @@ Status RecorderOf<Record>::record(const TableName &table, const Record &row)
     if (!text)
         return refuse(text.error());
     Item item = itemOf(Write::Row, table, std::move(text.value()));
+    item.time = timeOf(row);
     return accept(std::move(item));
 }
 
@@ -274,6 +311,7 @@ Status AlarmRecorder::raise(const TableName &table, const Alarm &alarm)
     if (!text)
         return refuse(text.error());
     Item item = itemOf(Write::Row, table, std::move(text.value()));
+    item.time = alarm.start;
     item.afterwards = [this, alarm](qint64) { worker().tell(&AlarmRecorder::raised, alarm); };
     return accept(std::move(item));
 }
@@ -284,6 +322,7 @@ Status AlarmRecorder::raiseUnlessActive(const TableName &table, const Alarm &ala
     if (!statement)
         return refuse(statement.error());
     Item item = itemOf(Write::Change, table, std::move(statement.value()));
+    item.time = alarm.start;
     item.afterwards = [this, alarm](qint64 inserted) {
         if (inserted > 0)
             worker().tell(&AlarmRecorder::raised, alarm);
@@ -297,6 +336,7 @@ Status AlarmRecorder::end(const TableName &table, const QString &object, const Q
     if (!statement)
         return refuse(statement.error());
     Item item = itemOf(Write::Change, table, std::move(statement.value()));
+    item.time = when;
     item.afterwards = [this, object, type, when](qint64 changed) {
         if (changed > 0)
             worker().tell(&AlarmRecorder::ended, object, type, when);

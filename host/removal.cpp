@@ -76,7 +76,8 @@ Status removeSlice(Connection &connection, Removal &removal)
         removal.done = true;
         return {};
     }
-    const qint64 through = *removal.next + std::min(removal.width - 1, removal.last - *removal.next);
+    const qint64 width = std::min(removal.width, removal.widest);
+    const qint64 through = *removal.next + std::min(width - 1, removal.last - *removal.next);
     QString sql = QStringLiteral("delete from %1 where ID between %2 and %3")
                       .arg(removal.site.table, QString::number(*removal.next), QString::number(through));
     if (!removal.condition.isEmpty())
@@ -103,7 +104,7 @@ Status removeSlice(Connection &connection, Removal &removal)
     removal.removed += removed;
     removal.next = through + 1;
     removal.done = *removal.next > removal.last;
-    removal.width = took > sliceTime ? std::max(narrowest, removal.width / 2) : removal.width * 2;
+    removal.width = took > sliceTime ? std::max(narrowest, width / 2) : width * 2;
     removal.width = std::min(removal.width, std::max(narrowest, removal.last - through));
     return {};
 }

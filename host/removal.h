@@ -4,6 +4,8 @@
 
 #include "connection.h"
 
+#include <limits>
+
 namespace device
 {
 
@@ -23,7 +25,8 @@ struct Removal {
     qint64 keep = -1;           ///< Not negative: only what is older than this number of newest rows.
     qint64 last = -1;           ///< The highest ID to delete; negative: the highest at the first slice.
     std::optional<qint64> next; ///< Where the next slice begins; empty before the first one.
-    qint64 width = 1000;        ///< IDs the next slice covers; follows the time that slices take.
+    qint64 width = 1000;        ///< IDs the next slice covers; follows the time that slices take,
+    qint64 widest = std::numeric_limits<qint64>::max(); ///< up to this.
     qint64 removed = 0;
     bool resetsIds = false; ///< Of a table that is empty afterwards, IDs begin at 1 again.
     bool done = false;

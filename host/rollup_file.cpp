@@ -207,6 +207,19 @@ QString seriesRow(const RollupAddition &addition)
 
 } // namespace
 
+qint64 widthOf(TrendLevel level)
+{
+    return widths[int(level)];
+}
+
+std::optional<TrendLevel> levelOf(qint64 width)
+{
+    const auto found = std::find(std::begin(widths), std::end(widths), width);
+    if (found == std::end(widths))
+        return {};
+    return TrendLevel(found - std::begin(widths));
+}
+
 Site trendSite(const QString &table)
 {
     return {QStringLiteral("keep the trend of"), table};
@@ -241,7 +254,7 @@ Result<bool> beginRollups(Connection &connection, const TableName &table, const 
         return site.error(Error::OptionRefused, QStringLiteral("levels are none, or not all are of TrendLevel"));
     QStringList seconds;
     for (const TrendLevel level : levels)
-        seconds << QString::number(widths[int(level)]);
+        seconds << QString::number(widthOf(level));
 
     // The mark is an ID: where IDs are given a second time it would say nothing.
     const auto counted =
@@ -356,6 +369,26 @@ Result<bool> removeRollups(Connection &connection, qint64 number)
     if (!removed)
         return removed.error();
     return *removed < bucketsToRemove;
+}
+
+Status removeRollupsBefore(Connection &connection, const Site &site, const QString &table, qint64 width, qint64 second)
+{
+    const auto there = areThere(connection, site);
+    if (!there)
+        return there.error();
+    if (!*there)
+        return {};
+    const auto number = connection.ask(
+        site, QStringLiteral("select N from %1 where COLLECTOR=%2").arg(QLatin1String(series), quoted(table)));
+    if (!number)
+        return number.error();
+    if (number->isEmpty())
+        return {};
+    const qint64 ours = number->first().first().toLongLong();
+    return connection.run(site, QStringLiteral("delete from %1 where K>=%2 and K<%3")
+                                    .arg(QLatin1String(trend))
+                                    .arg(bucketKey(ours, width, 0))
+                                    .arg(bucketKey(ours, width, second)));
 }
 
 Status beginAnew(Connection &connection, const Site &site, const RollupState &state)

@@ -11,12 +11,17 @@
 
 #include <limits>
 #include <map>
+#include <optional>
 #include <vector>
 
 namespace device
 {
 
 using Buckets = std::map<qint64, Bucket>; ///< By the time at which they begin.
+
+/// Of the buckets of a level, in seconds.
+qint64 widthOf(TrendLevel level);
+std::optional<TrendLevel> levelOf(qint64 width);
 
 /// How the rollups of one table stand in the file.
 struct RollupState {
@@ -72,6 +77,10 @@ Status addToRollups(Connection &connection, const Site &site, const std::vector<
 
 /// Within the caller's transaction: the table was emptied, so its rollups get another number and begin at the first ID.
 Status beginAnew(Connection &connection, const Site &site, const RollupState &state);
+
+/// Within the caller's transaction: the buckets of a level that begin before this second are removed; none of a table
+/// without rollups.
+Status removeRollupsBefore(Connection &connection, const Site &site, const QString &table, qint64 width, qint64 second);
 
 Site trendSite(const QString &table);
 Result<QStringList> tablesWithRollups(Connection &connection);

@@ -14,6 +14,7 @@ namespace
 constexpr qint64 rowsInMemory = 2000; // a reader looks at so many rows by themselves
 constexpr std::chrono::seconds timeInMemory{60};
 constexpr qint64 spanInMemory = 60;
+constexpr size_t tablesAtOnce = 50;                // so that a transaction stays short
 constexpr std::chrono::milliseconds sliceTime{15}; // as that of deletions
 constexpr qint64 fewestRows = 100;
 constexpr qint64 mostRows = 20000;
@@ -114,6 +115,8 @@ Status Rollups::write(Connection &connection, bool all)
     for (Table &table : m_tables) {
         if (!isWanted(table))
             continue;
+        if (additions.size() == tablesAtOnce)
+            break;
         const RollupMark mark = marks->value(table.name.toLower());
         if (mark.number != table.state.number || mark.mark != table.state.mark ||
             mark.last - mark.mark != table.rows) { // somebody else stored rows, or emptied the table
@@ -154,6 +157,12 @@ bool Rollups::isBehind(const QString &name)
 {
     const Table *const table = tableOf(name);
     return table && table->behind;
+}
+
+std::optional<qint64> Rollups::through(const QString &name)
+{
+    const Table *const table = tableOf(name);
+    return table ? std::optional<qint64>(table->state.mark) : std::nullopt;
 }
 
 bool Rollups::isBehind() const

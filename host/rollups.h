@@ -30,8 +30,8 @@ public:
     bool isDue() const;
     /// Something waits to be written.
     bool isInMemory() const;
-    /// Writes what is due, or all, within the caller's transaction and in front of its rows. Where rows were added
-    /// behind its back, a table is behind afterwards.
+    /// Writes what is due, or all, of some tables, within the caller's transaction and in front of its rows. Where rows
+    /// were added behind its back, a table is behind afterwards.
     Status write(Connection &connection, bool all);
     /// The transaction of write() is in the file.
     void written();
@@ -39,6 +39,8 @@ public:
     /// Rows or left-over buckets wait for catchUp().
     bool isBehind() const;
     bool isBehind(const QString &table);
+    /// Up to which ID the rows of a table are in the file's buckets; nothing for a table without rollups.
+    std::optional<qint64> through(const QString &table);
     /// One slice of some milliseconds, in a transaction of its own. After an Error it is to be tried again later.
     Status catchUp(Connection &connection);
 

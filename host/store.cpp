@@ -3,6 +3,7 @@
 
 #include "batch.h"
 #include "cells.h"
+#include "keep_file.h"
 #include "kind.h"
 #include "reading.h"
 #include "removal.h"
@@ -146,9 +147,30 @@ qint64 StoreFile::failedCommits() const
     return m_connection->failedCommits();
 }
 
+Result<bool> StoreFile::keep(const TableName &table, const Keep &keep)
+{
+    bool isNew = false;
+    const Status done = m_connection->transaction(keepSite(table.text()), [&]() -> Status {
+        const auto set = setKeep(*m_connection, table, keep);
+        isNew = set.valueOr(false);
+        return set ? Status() : set.error();
+    });
+    if (!done)
+        return done.error();
+    return isNew;
+}
+
+Result<std::optional<Kept>> StoreFile::kept(const TableName &table)
+{
+    return keepFile(*m_connection).map([&](const KeepFile &file) {
+        const auto found = file.tables.constFind(table.text().toLower());
+        return found == file.tables.constEnd() ? std::optional<Kept>() : *found;
+    });
+}
+
 Result<qint64> StoreFile::usedBytes()
 {
-    return m_connection->usedBytes();
+    return m_connection->pageCounts().map([](const PageCounts &pages) { return pages.usedBytes(); });
 }
 
 template<typename Record>

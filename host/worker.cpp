@@ -41,7 +41,8 @@ Recorder::Worker::Worker(Recorder *recorder, const Library &library, const QStri
     : m_recorder(recorder),
       m_library(library),
       m_path(path.isEmpty() ? path : QFileInfo(path).absoluteFilePath()),
-      m_options(options)
+      m_options(options),
+      m_retention(m_path, options.retention, options.batchRows)
 {
 }
 
@@ -71,6 +72,8 @@ Status Recorder::Worker::start()
         return refused("whenFull", QStringLiteral("is none of its values"));
     if (const Status checked = checkOptions(site, m_options.file); !checked)
         return site.error(Error::OptionRefused, QLatin1String("file.") + checked.error().cause());
+    if (const Status checked = Room::check(site, m_options, m_path); !checked)
+        return checked;
     if (m_options.file.cancel)
         return refused("file.cancel", QStringLiteral("is set; a recorder has its own, see cancel()"));
 
@@ -212,6 +215,12 @@ void Recorder::Worker::remove(const Removal &removal, std::function<Letter(const
         }
     }
     mail(answer(stopped(removal.site.operation)));
+}
+
+void Recorder::Worker::wake()
+{
+    const std::lock_guard lock(m_mutex);
+    m_wake.notify_one();
 }
 
 void Recorder::Worker::flushSoon()

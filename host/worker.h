@@ -6,6 +6,7 @@
 #include "deadline.h"
 #include "device/recorder.h"
 #include "removal.h"
+#include "retention.h"
 #include "rollups.h"
 
 #include <QMetaMethod>
@@ -22,6 +23,7 @@ namespace device
 /// A row or another step on its way into the file.
 struct Item {
     Write write;
+    LocalTime time;                                 ///< Of a row's record.
     std::function<void(qint64 changed)> afterwards; ///< Called by the worker once the step is in the file.
     std::function<void(const Error &)> failed;      ///< Called by the worker when the step is dropped.
     qint64 number = 0;                              ///< In the order in which steps were taken.
@@ -56,6 +58,8 @@ public:
     void remove(const Removal &removal, std::function<Letter(const Result<qint64> &)> answer, const Question &handle);
     /// From Item::afterwards: tables began or ended to have rollups.
     void lookForRollups() { m_rollupsAreKnown = false; }
+    Retention &retention() { return m_retention; }
+    void wake();
 
     void flushSoon();
     Settled flush(std::chrono::milliseconds deadline);
@@ -96,7 +100,7 @@ private:
     bool hasRoom(const Item &item) const;
     bool isFull() const { return depth() >= m_options.capacity || m_bytes >= m_options.capacityBytes; }
     bool isDue() const;
-    bool hasDuty() const;
+    bool hasDuty();
     bool mayBegin(qint64 after) const;
     bool removalWaits() const { return !m_removals.empty() && mayBegin(m_removals.front().after); }
     qint64 oldestUnsettled() const;
@@ -112,9 +116,11 @@ private:
     Status openFile();
     Status remakeTables(Connection &connection);
     void serve();
-    size_t stepsOfABatch() const;
+    size_t stepsOfABatch();
     void takeBatch();
     void storeBatch();
+    Status tryToStore();
+    Status makeRoomInFile();
     void reopen();
     Error leftBehind();
     void lookForFile();
@@ -126,6 +132,11 @@ private:
     bool rollupsAreDue() const;
     void keepRollups();
     void finishRollups();
+    bool retentionIsDue();
+    Clock::time_point nextRetention();
+    Status trim(Connection &connection, qint64 rows);
+    void keepRows();
+    qint64 tellOfRetention();
     void finish();
 
     // On the reader's thread.
@@ -143,6 +154,9 @@ private:
     Settled calledFromWithin(const QString &operation) const;
 
     static constexpr std::chrono::milliseconds retryPause{100};
+    static constexpr std::chrono::milliseconds retentionPause{60000}; ///< Nothing could go.
+    static constexpr std::chrono::seconds quietTime{2};               ///< Without rows for so long, old rows go alone.
+    static constexpr qint64 removedPerRow = 2;                        ///< So that a file that is too full empties.
     static thread_local const Worker *t_ofThisThread; ///< A call that would wait for itself is known by it.
 
     Recorder *const m_recorder;
@@ -163,6 +177,9 @@ private:
     Rollups m_rollups;
     bool m_rollupsAreKnown = false;
     Clock::time_point m_nextRollups; ///< Not tried again before.
+    Retention m_retention;
+    Clock::time_point m_nextRetention; ///< As m_nextRollups.
+    Clock::time_point m_lastStored;    ///< When rows were stored last.
 
     mutable std::mutex m_mutex;        // guards all below; held for moments only, never while the file is used
     std::condition_variable m_wake;    ///< For the writer: rows, questions, stop.

@@ -25,6 +25,11 @@ void Recorder::Worker::duty(std::unique_lock<std::mutex> &lock)
         keepRollups();
         lock.lock();
     }
+    if (retentionIsDue()) {
+        lock.unlock();
+        keepRows();
+        lock.lock();
+    }
     if (!m_stopping && !m_readsApart && !m_questions.empty() && mayBegin(m_questions.front().after)) {
         const Asked asked = std::move(m_questions.front());
         m_questions.pop_front();
@@ -40,8 +45,12 @@ void Recorder::Worker::removeSlice(Removing &removing)
 {
     Removal &removal = removing.removal;
     Status done;
+    if (m_retention.room().isLimited())
+        removal.widest = m_options.batchRows;
     if (removing.handle.isCancelled())
         done = removal.site.error(Error::Cancelled, QStringLiteral("cancelled"));
+    else if (const Status fits = m_retention.room().prepare(*m_connection, m_options.batchRows); !fits)
+        done = fits;
     else
         done = device::removeSlice(*m_connection, removal);
     if (done && !removal.done) {
@@ -73,6 +82,9 @@ void Recorder::Worker::keepRollups()
     if (!m_rollupsAreKnown) {
         done = m_rollups.open(*m_connection);
         m_rollupsAreKnown = done || !isOfTheFile(done.error().code());
+    } else if (const Status fits = m_retention.room().prepare(*m_connection, m_options.batchRows); !fits) {
+        m_nextRollups = Clock::now() + retryPause;
+        return;
     } else {
         done = m_rollups.catchUp(*m_connection);
     }
@@ -94,7 +106,86 @@ void Recorder::Worker::keepRollups()
 void Recorder::Worker::finishRollups()
 {
     const Site site{QStringLiteral("record"), QString()};
-    (void)m_connection->transaction(site, [this] { return m_rollups.write(*m_connection, true); });
+    Status done;
+    while (done && m_rollups.isInMemory()) {
+        done = m_retention.room().prepare(*m_connection, m_options.batchRows);
+        if (done)
+            done = m_connection->transaction(site, [this] { return m_rollups.write(*m_connection, true); });
+        if (done)
+            m_rollups.written();
+    }
+}
+
+// Rows take what is old with them. Without rows, or after the host's word, it goes by itself.
+bool Recorder::Worker::retentionIsDue()
+{
+    if (m_retention.hearsWord())
+        m_nextRetention = {};
+    return m_rollupsAreKnown && Clock::now() >= nextRetention() && m_retention.isDue();
+}
+
+Clock::time_point Recorder::Worker::nextRetention()
+{
+    if (!m_retention.isActive())
+        return Clock::time_point::max();
+    return m_retention.isUrgent() ? m_nextRetention : std::max(m_nextRetention, m_lastStored + quietTime);
+}
+
+Status Recorder::Worker::trim(Connection &connection, qint64 rows)
+{
+    return m_retention.trim(connection, rows, [this](const QString &table) { return m_rollups.through(table); });
+}
+
+void Recorder::Worker::keepRows()
+{
+    const Site site{QStringLiteral("keep"), QString()};
+    Status done = m_retention.room().prepare(*m_connection, m_options.batchRows);
+    if (done)
+        done = m_connection->transaction(site, [this] { return trim(*m_connection, m_options.batchRows); });
+    if (!done && done.error().code() == Error::FileMoved) {
+        const std::lock_guard lock(m_mutex);
+        m_fileIsMissed = true;
+    }
+    if (const auto pages = m_connection->pageCounts(false); done && pages)
+        m_retention.room().measure(*m_connection, *pages);
+    const bool goesOn = done && tellOfRetention() > 0;
+    m_nextRetention = Clock::now() + (goesOn ? std::chrono::milliseconds(0) : done ? retentionPause : retryPause);
+}
+
+// The transaction that trimmed is in the file.
+qint64 Recorder::Worker::tellOfRetention()
+{
+    qint64 rows = 0;
+    for (const TrimmedRows &each : m_retention.trimmed()) {
+        rows += each.rows;
+        tell(&Recorder::trimmed, each.table, each.rows);
+    }
+    for (const Error &why : m_retention.takeTroubles())
+        tell(&Recorder::retentionHeld, why);
+    const std::lock_guard lock(m_mutex);
+    m_health.trimmed += rows;
+    return rows;
+}
+
+// After the disk or the file was full.
+Status Recorder::Worker::makeRoomInFile()
+{
+    const Site site{QStringLiteral("record"), QString()};
+    if (const Status begun = m_retention.room().startLogAnew(*m_connection); !begun)
+        return begun;
+    const auto pages = m_connection->pageCounts();
+    if (!pages)
+        return pages.error();
+    m_retention.room().measure(*m_connection, *pages);
+    if (!m_retention.room().isShort())
+        return {};
+    const Status done =
+        m_connection->transaction(site, [this] { return trim(*m_connection, removedPerRow * qint64(m_batch.size())); });
+    if (!done)
+        return done;
+    if (tellOfRetention() == 0)
+        return site.error(Error::StorageFailed, m_retention.whyFull());
+    return {};
 }
 
 // --- The reader

@@ -34,8 +34,8 @@ bool Recorder::Worker::open()
     for (;;) {
         const Status opened = openFile();
         if (opened) {
-            const auto bytes = m_connection->usedBytes();
-            m_bytesBefore = bytes ? *bytes : 0;
+            const auto pages = m_connection->pageCounts();
+            m_bytesBefore = pages ? pages->usedBytes() : 0;
             m_storedInFile = 0;
             works();
             tell(&Recorder::ready);
@@ -73,6 +73,8 @@ Status Recorder::Worker::openFile()
         return connection.error();
     if (const Status made = remakeTables(**connection); !made)
         return made;
+    if (const Status prepared = m_retention.open(**connection, [this] { return m_cancel.load(); }); !prepared)
+        return prepared;
     m_connection = *connection;
     m_rollupsAreKnown = false;
     return {};
@@ -122,6 +124,8 @@ void Recorder::Worker::serve()
                 next = Deadline(m_options.batchTime, m_waiting.front().taken);
             if (!m_stopping && rollupsWait())
                 next = next.orAt(m_nextRollups);
+            if (!m_stopping)
+                next = next.orAt(nextRetention());
             next.waitForNews(m_wake, lock); // whatever woke it: the loop looks anew
         }
     }
@@ -138,11 +142,11 @@ bool Recorder::Worker::mayBegin(qint64 after) const
     return after <= oldestUnsettled() || m_trouble;
 }
 
-bool Recorder::Worker::hasDuty() const
+bool Recorder::Worker::hasDuty()
 {
     return !m_stopping &&
            (removalWaits() || (!m_readsApart && !m_questions.empty() && mayBegin(m_questions.front().after)) ||
-            rollupsAreDue());
+            rollupsAreDue() || retentionIsDue());
 }
 
 bool Recorder::Worker::rollupsWait() const
@@ -157,9 +161,10 @@ bool Recorder::Worker::rollupsAreDue() const
 
 // What is in hand can no longer make room. So that the oldest rows can be dropped, and not the newest refused, it takes
 // at most half of it.
-size_t Recorder::Worker::stepsOfABatch() const
+size_t Recorder::Worker::stepsOfABatch()
 {
-    const size_t most = std::min(m_waiting.size(), size_t(m_options.batchRows));
+    const size_t fit = size_t(std::min(m_options.batchRows, m_retention.room().rowsThatFit()));
+    const size_t most = std::min(m_waiting.size(), fit);
     if (m_options.whenFull != WhenFull::DropOldest)
         return most;
     const size_t half = std::max<size_t>(1, size_t(m_options.capacity) / 2);
@@ -194,10 +199,13 @@ void Recorder::Worker::takeBatch()
 
 void Recorder::Worker::storeBatch()
 {
-    m_tried.before = nullptr;
-    if (m_rollups.isDue())
-        m_tried.before = [this](Connection &connection) { return m_rollups.write(connection, false); };
-    const Status stored = store(*m_connection, {QStringLiteral("record"), QString()}, m_tried);
+    Status stored = tryToStore();
+    // The log can begin anew, and rows can go: what was full is not for long.
+    if (!stored && device::isFull(stored.error()) && m_retention.room().isLimited()) {
+        stored = makeRoomInFile();
+        if (stored)
+            stored = tryToStore();
+    }
     if (stored) {
         m_rollups.written();
         works();
@@ -301,13 +309,16 @@ void Recorder::Worker::settleBatch()
         if (item.isRow()) {
             ++storedRows[item.write.table];
             m_rollups.stored(item.write);
+            m_retention.stored(item.write, item.time);
         } else {
             m_tables.push_back(item.write);
+            m_retention.lookAgain();
         }
         if (item.afterwards)
             item.afterwards(m_tried.changed.at(int(i)));
     }
     tellStored(storedRows);
+    tellOfRetention();
     {
         const std::lock_guard lock(m_mutex);
         m_reporting.reset();
@@ -315,10 +326,30 @@ void Recorder::Worker::settleBatch()
         m_asked.notify_all();
     }
     // Asked once and after the reports: it is a figure, and another program may hold a lock by now.
-    const auto bytes = m_connection->usedBytes(false);
+    const auto pages = m_connection->pageCounts(false);
+    if (pages)
+        m_retention.room().measure(*m_connection, *pages);
+    m_lastStored = Clock::now();
     const std::lock_guard lock(m_mutex);
-    if (bytes && m_storedInFile > 0)
-        m_health.bytesPerRow = double(*bytes - m_bytesBefore) / double(m_storedInFile);
+    m_health.fileBytes = m_retention.room().fileBytes();
+    m_health.logBytes = m_retention.room().logBytes();
+    if (pages && m_storedInFile > 0)
+        m_health.bytesPerRow = double(pages->usedBytes() - m_bytesBefore) / double(m_storedInFile);
+}
+
+Status Recorder::Worker::tryToStore()
+{
+    if (const Status fits = m_retention.room().prepare(*m_connection, qint64(m_batch.size())); !fits)
+        return fits;
+    m_tried.before = nullptr;
+    if (m_rollups.isDue())
+        m_tried.before = [this](Connection &connection) { return m_rollups.write(connection, false); };
+    m_tried.after = nullptr;
+    if (m_rollupsAreKnown && m_retention.isDue())
+        m_tried.after = [this](Connection &connection) {
+            return trim(connection, removedPerRow * qint64(m_batch.size()));
+        };
+    return store(*m_connection, {QStringLiteral("record"), QString()}, m_tried);
 }
 
 // Drops the batch under way.

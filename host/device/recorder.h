@@ -2,6 +2,7 @@
 #ifndef DEVICE_RECORDER_H
 #define DEVICE_RECORDER_H
 
+#include "retention.h"
 #include "store.h"
 
 #include <QObject>
@@ -36,6 +37,7 @@ struct RecorderOptions {
     /// A batch that could not be stored for this long is dropped and counted. 0: never while the recorder runs.
     std::chrono::milliseconds giveUpAfter{0};
     std::chrono::milliseconds stopWithin{5000}; ///< What the destructor gives stop().
+    RetentionOptions retention;
 };
 
 /// The counters since start(). At every moment accepted = stored + dropped + depth.
@@ -54,6 +56,9 @@ struct Health {
     double latencyP50 = 0;    ///< Milliseconds from being taken to being in the file, of the last 1000 batches'
     double latencyP99 = 0;    ///< oldest rows.
     double bytesPerRow = 0;   ///< What the file grew by since it was opened, per stored row.
+    qint64 trimmed = 0;       ///< Rows that retention removed.
+    qint64 fileBytes = 0;     ///< Of the file and of its log or journal, after the last batch.
+    qint64 logBytes = 0;
 };
 
 /// What became of the rows since the last flush() or stop(), or since start().
@@ -116,6 +121,19 @@ public:
     /// stop() without storing: ends any waiting at once.
     Settled cancel();
 
+    /// The rows of the table are kept so from now on. Stands in the file: also for recorders that open it later. Waits
+    /// its turn and is tried again as a table that is to be made; `answer`, if any, comes in the thread of this object:
+    /// true if that is new.
+    void keep(const TableName &table, const Keep &keep, std::function<void(const Result<bool> &)> answer = {});
+    /// Rows with a higher ID are not removed by age and number: this owner has not shipped them yet. Said again
+    /// whenever more is shipped, before start() too. The ceiling goes before. Not in the file: see FILE.shipped in
+    /// docs/retention.md for a program of its own. From any thread.
+    void hold(const TableName &table, const QString &owner, qint64 throughId);
+    void release(const TableName &table, const QString &owner);
+    /// The host's word after retentionHeld(): what the rules of the table say is removed now, however much that is.
+    /// From any thread.
+    void trimNow(const TableName &table);
+
 Q_SIGNALS:
     void ready();                                                           ///< The file is open.
     void stored(const QString &table, int rows);                            ///< They are in the file.
@@ -129,6 +147,9 @@ Q_SIGNALS:
     /// A trend is not kept up: the step for it was refused, or its sums cannot be written or were changed by somebody.
     /// Rows are stored all the same.
     void trendFailed(const device::Error &why);
+    void trimmed(const QString &table, qint64 rows); ///< Retention removed the oldest rows of the table.
+    /// Retention removes nothing, or less than its rules say: too much at once, or a shipper that stands still.
+    void retentionHeld(const device::Error &why);
 
 protected:
     using Letter = std::function<void()>; ///< A call to make in the thread of this object.

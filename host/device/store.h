@@ -4,6 +4,7 @@
 
 #include "library.h"
 #include "query.h"
+#include "retention.h"
 #include "table_name.h"
 #include "trend.h"
 
@@ -113,6 +114,11 @@ public:
     Result<qint64> keepNewest(const TableName &table, qint64 rows);
     /// Empties the table and starts its IDs at 1 again; the number deleted.
     Result<qint64> clear(const TableName &table);
+    /// The rows of the table are kept so from now on, true if that is new. It stands in the file; a Recorder sees to it,
+    /// a store removes nothing by itself.
+    Result<bool> keep(const TableName &table, const Keep &keep);
+    /// What the file says of that; nothing where it says nothing.
+    Result<std::optional<Kept>> kept(const TableName &table);
     /// Gives free pages back to the file system.
     Status compact();
     /// Moves the write-ahead log into the file as far as readers allow: true if all of it is in the file now, false if

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+//
+// What a file says of how long its rows are kept.
+#ifndef DEVICE_KEEP_FILE_H
+#define DEVICE_KEEP_FILE_H
+
+#include "connection.h"
+#include "device/retention.h"
+
+#include <QHash>
+
+#include <map>
+
+namespace device
+{
+
+Site keepSite(const QString &table);
+
+/// Whether this can be kept to: an age is positive, ages of sums are not longer than of a finer level's.
+Status checkKeep(const Site &site, const Keep &keep);
+
+/// By the width of a level in seconds, the second from which the file has all of its sums.
+using SumFloors = std::map<qint64, qint64>;
+
+/// All tables with an entry, by name in lower case. Empty for a file in which nothing was ever kept.
+struct KeepFile {
+    QHash<QString, Kept> tables;
+    QHash<QString, SumFloors> floors;
+    std::optional<qint64> believed; ///< The device's time as last believed, in seconds.
+};
+Result<KeepFile> keepFile(Connection &connection);
+
+/// Within the caller's transaction: this is how long the rows of the table are kept from now on. True if that is new.
+Result<bool> setKeep(Connection &connection, const TableName &table, const Keep &keep);
+
+/// What one transaction removed from a table.
+struct TrimmedRows {
+    QString table;
+    qint64 rows = 0;
+    qint64 unshipped = 0;
+    qint64 throughId = 0;
+    QString through;
+};
+/// Within the caller's transaction.
+Status countTrimmed(Connection &connection, const Site &site, const TrimmedRows &trimmed);
+/// Within the caller's transaction: the sums before `floor` are removed.
+Status setSumFloors(Connection &connection, const Site &site, const QString &table, const SumFloors &floors);
+Status noteBelieved(Connection &connection, const Site &site, qint64 seconds);
+
+} // namespace device
+
+#endif

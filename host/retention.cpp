@@ -1,0 +1,555 @@
+// SPDX-License-Identifier: MIT
+#include "retention.h"
+
+#include "rollup_file.h"
+#include "row_text.h"
+#include "schema.h"
+
+#include <algorithm>
+
+namespace device
+{
+
+namespace
+{
+
+constexpr std::chrono::milliseconds sliceTime{10}; // beside what the batch itself takes
+constexpr std::chrono::seconds pauseTime{60};
+constexpr qint64 pauseRows = 1000;
+constexpr qint64 fewestRows = 50;
+constexpr qint64 mostRows = 5000;
+constexpr std::chrono::hours atLeastOfLogs{24 * 365};
+constexpr qint64 secondsOfHour = 3600;
+constexpr int tablesAtOnce = 16;
+
+QString literal(qint64 seconds)
+{
+    QString text;
+    appendTime(text, timeOfSeconds(std::clamp<qint64>(seconds, 0, lastSecond)), false);
+    return quoted(text);
+}
+
+qint64 secondsOf(std::chrono::hours time)
+{
+    return std::chrono::seconds(time).count();
+}
+
+const QString &ended()
+{
+    static const QString text = QStringLiteral(" and EndDate!='' and EndTime!=''");
+    return text;
+}
+
+} // namespace
+
+void Retention::hold(const QString &table, const QString &owner, qint64 throughId)
+{
+    const std::lock_guard lock(m_mutex);
+    Hold &hold = m_holds[table.toLower()][owner];
+    if (hold.owner.isEmpty() || hold.throughId != throughId)
+        hold = {owner, throughId, LocalTime::now()};
+}
+
+void Retention::release(const QString &table, const QString &owner)
+{
+    const std::lock_guard lock(m_mutex);
+    m_holds[table.toLower()].erase(owner);
+}
+
+void Retention::allow(const QString &table)
+{
+    const std::lock_guard lock(m_mutex);
+    m_allowed << table.toLower();
+}
+
+Status Retention::open(Connection &connection, const std::function<bool()> &cancelled)
+{
+    m_isKnown = false;
+    if (const Status opened = m_room.open(connection, cancelled); !opened)
+        return opened;
+    return lookAtTables(connection);
+}
+
+// The tables of the three kinds, as far as rows of them may ever go.
+Status Retention::lookAtTables(Connection &connection)
+{
+    const auto file = keepFile(connection);
+    if (!file)
+        return file.error();
+    m_hasEntries = !file->tables.isEmpty();
+    const std::vector<Table> tables = std::exchange(m_tables, {});
+    m_places.clear();
+    m_done.clear();
+    m_isKnown = true;
+    if (!m_hasEntries && !m_room.isLimited())
+        return {};
+    const auto layouts = layoutsIn(connection);
+    if (!layouts)
+        return layouts.error();
+    const auto names =
+        connection.query(keepSite(QStringLiteral("all tables")),
+                         QStringLiteral("select name from sqlite_master where type='table' order by name"));
+    if (!names)
+        return names.error();
+    const QString id = QStringLiteral("ID,");
+    std::vector<qint64> newest;
+    for (const QStringList &name : *names) {
+        const QString key = name.first().toLower();
+        const QString columns = layouts->value(key).join(QLatin1Char(','));
+        Table table;
+        const auto before =
+            std::find_if(tables.begin(), tables.end(), [&](const Table &each) { return each.name == name.first(); });
+        if (before != tables.end())
+            table = *before;
+        table.isLookedAt = false;
+        table.isAlarm = columns == id + columnList<Alarm>();
+        table.isLog = columns == id + columnList<LogEntry>();
+        if ((!table.isAlarm && !table.isLog && columns != id + columnList<Sample>()) || !TableName::from(name.first()))
+            continue;
+        table.name = name.first();
+        table.keep = file->tables.value(key).keep;
+        table.floors = file->floors.value(key);
+        if (const Status looked = look(connection, table); !looked)
+            return looked;
+        m_tables.push_back(table);
+        if (m_time.believed() || file->believed)
+            continue;
+        const auto last = connection.query(
+            keepSite(table.name), QStringLiteral("select DATETIME from %1 order by ID desc limit 1").arg(table.name));
+        if (!last)
+            return last.error();
+        TimeReader times(false);
+        if (!last->isEmpty() && last->first().first().size() >= times.length()) {
+            const LocalTime time = times.read(last->first().first().constData(), times.length());
+            if (time.isValid())
+                newest.push_back(device::secondsOf(time));
+        }
+    }
+    if (m_time.believed())
+        return {};
+    m_notedTime = file->believed.value_or(0);
+    std::optional<qint64> believed = file->believed;
+    if (!believed && !newest.empty()) { // most tables are right
+        std::nth_element(newest.begin(), newest.begin() + std::ptrdiff_t(newest.size() / 2), newest.end());
+        believed = newest[newest.size() / 2];
+    }
+    m_time = PlausibleTime(believed);
+    return {};
+}
+
+Status Retention::look(Connection &connection, Table &table)
+{
+    const auto rows = connection.ask(
+        keepSite(table.name), QStringLiteral("select ID,DATETIME,(select max(ID) from %1) from %1 where ID>0%2 order "
+                                             "by ID limit 1")
+                                  .arg(table.name, table.isAlarm ? ended() : QString()));
+    if (!rows)
+        return rows.error();
+    table.isLookedAt = true;
+    table.first = 0;
+    if (rows->isEmpty())
+        return {};
+    const QStringList &row = rows->first();
+    table.first = row.at(0).toLongLong();
+    table.last = row.at(2).toLongLong();
+    TimeReader times(false);
+    const LocalTime time =
+        row.at(1).size() < times.length() ? LocalTime() : times.read(row.at(1).constData(), times.length());
+    table.firstSeconds = time.isValid() ? device::secondsOf(time) : -1;
+    return {};
+}
+
+Retention::Table *Retention::tableOf(const QString &name)
+{
+    auto place = m_places.constFind(name);
+    if (place == m_places.constEnd()) {
+        const auto found = std::find_if(m_tables.begin(), m_tables.end(), [&](const Table &each) {
+            return each.name.compare(name, Qt::CaseInsensitive) == 0;
+        });
+        place = m_places.insert(name, found == m_tables.end() ? -1 : int(found - m_tables.begin()));
+    }
+    return *place < 0 ? nullptr : &m_tables[size_t(*place)];
+}
+
+void Retention::stored(const Write &row, LocalTime time)
+{
+    if (m_tables.empty())
+        return;
+    ++m_stored;
+    if (time.isValid())
+        m_time.seen(device::secondsOf(time),
+                    std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - m_began).count());
+    if (Table *const table = tableOf(row.table)) {
+        ++table->sinceTrim;
+        ++table->last;
+        if (table->first == 0)
+            table->isLookedAt = false;
+    }
+}
+
+std::optional<Hold> Retention::holdOn(const QString &table)
+{
+    std::optional<Hold> hold;
+    if (const Hold *const outside = m_shipped.hold(table))
+        hold = *outside;
+    const std::lock_guard lock(m_mutex);
+    if (const auto found = m_holds.find(table.toLower()); found != m_holds.end()) {
+        for (const auto &[owner, each] : found->second) {
+            if (!hold || each.throughId < hold->throughId)
+                hold = each;
+        }
+    }
+    return hold;
+}
+
+bool Retention::isPaused(const Table &table) const
+{
+    return m_stored < table.notBefore && Clock::now() < table.orAt && !table.isAllowed;
+}
+
+void Retention::pause(Table &table)
+{
+    table.notBefore = m_stored + pauseRows;
+    table.orAt = Clock::now() + pauseTime;
+    table.isAllowed = false;
+}
+
+// Rows before this second are too old.
+std::optional<qint64> Retention::cutoff(const Table &table) const
+{
+    if (!table.keep.age || !m_time.believed())
+        return {};
+    return *m_time.believed() - secondsOf(*table.keep.age);
+}
+
+// Rows from this second on stay.
+qint64 Retention::atLeastSince(const Table &table) const
+{
+    const auto atLeast = table.keep.atLeast.value_or(table.isLog ? atLeastOfLogs : std::chrono::hours(0));
+    if (atLeast.count() == 0)
+        return lastSecond + 1;
+    return m_time.believed().value_or(0) - secondsOf(atLeast);
+}
+
+bool Retention::sumsAreDue(const Table &table) const
+{
+    return !table.keep.sums.isEmpty() && m_time.believed() &&
+           (*m_time.believed() / secondsOfHour > table.sumsOfHour || table.isAllowed);
+}
+
+bool Retention::isDue(const Table &table) const
+{
+    if (isPaused(table))
+        return false;
+    if (sumsAreDue(table))
+        return true;
+    if (!table.isLookedAt)
+        return table.keep.age || table.keep.rows >= 0;
+    if (table.first == 0)
+        return false;
+    const auto before = cutoff(table);
+    return (before && table.firstSeconds < *before) ||
+           (table.keep.rows >= 0 && table.first <= table.last - table.keep.rows &&
+            table.firstSeconds < atLeastSince(table));
+}
+
+bool Retention::hearsWord()
+{
+    const std::lock_guard lock(m_mutex);
+    if (!m_isKnown || m_allowed.isEmpty())
+        return false;
+    for (const QString &name : std::exchange(m_allowed, {})) {
+        if (Table *const table = tableOf(name))
+            table->isAllowed = m_isUrgent = true;
+    }
+    return m_isUrgent;
+}
+
+bool Retention::isDue() const
+{
+    if (!m_isKnown)
+        return true;
+    return m_room.isShort() ||
+           std::any_of(m_tables.begin(), m_tables.end(), [this](const Table &table) { return isDue(table); });
+}
+
+// The table that reaches back the farthest, of those that may lose rows. A time that cannot be believed says nothing:
+// such rows go first.
+Retention::Table *Retention::oldest()
+{
+    Table *oldest = nullptr;
+    qint64 since = 0;
+    for (Table &table : m_tables) {
+        if (isPaused(table) || (table.isLookedAt && table.first == 0))
+            continue;
+        const bool isBelieved = table.isLookedAt && table.firstSeconds <= m_time.believed().value_or(lastSecond);
+        const qint64 begins = isBelieved ? table.firstSeconds : -1;
+        if (!oldest || begins < since) {
+            oldest = &table;
+            since = begins;
+        }
+    }
+    return oldest;
+}
+
+Result<Retention::Bounds> Retention::bounds(Table &table, const Through &summed, bool forCeiling)
+{
+    Bounds bounds;
+    bounds.id = bounds.shipped = std::numeric_limits<qint64>::max();
+    if (const auto hold = holdOn(table.name)) {
+        bounds.shipped = hold->throughId;
+        const bool isOld = hold->since.isValid() && m_time.believed() &&
+                           *m_time.believed() - device::secondsOf(hold->since) > secondsOf(m_options.reportHold);
+        if (isOld && !table.isHoldOld)
+            m_troubles.push_back(
+                keepSite(table.name)
+                    .error(Error::Failed,
+                           QStringLiteral("%1 has shipped up to ID %2 and has not moved on for more than %3 h; later "
+                                          "rows are held%4")
+                               .arg(hold->owner, QString::number(hold->throughId),
+                                    QString::number(m_options.reportHold.count()),
+                                    m_room.isLimited() ? QStringLiteral(" until the ceiling is reached") : QString())));
+        table.isHoldOld = isOld;
+    }
+    if (!forCeiling)
+        bounds.id = bounds.shipped;
+    if (const auto through = summed(table.name))
+        bounds.id = std::min(bounds.id, *through);
+    return bounds;
+}
+
+Status Retention::trim(Connection &connection, qint64 rows, const Through &summed)
+{
+    m_done.clear();
+    if (!m_isKnown) {
+        if (const Status looked = lookAtTables(connection); !looked)
+            return looked;
+    }
+    m_shipped.look();
+    if (std::exchange(m_reportedProblem, m_shipped.problem()) != m_shipped.problem() && !m_shipped.problem().isEmpty())
+        m_troubles.push_back(keepSite(QStringLiteral("all tables")).error(Error::Failed, m_shipped.problem()));
+    const auto began = Clock::now();
+    qint64 left = std::clamp(rows, fewestRows, m_rowsAtOnce);
+    const auto isOver = [&] { return left <= 0 || Clock::now() - began > sliceTime; };
+    const size_t tables = m_tables.size();
+    int tried = 0;
+    for (size_t i = 0; i < tables && tried < tablesAtOnce && !isOver(); ++i) {
+        Table &table = m_tables[(m_next + i) % tables];
+        if (!isDue(table))
+            continue;
+        ++tried;
+        m_next = (m_next + i + 1) % tables;
+        i = 0;
+        if (const Status done = trimByRules(connection, table, left, summed); !done)
+            return done;
+    }
+    for (tried = 0; m_room.isShort() && tried < tablesAtOnce && !isOver(); ++tried) {
+        Table *const table = oldest();
+        if (!table)
+            break;
+        if (const Status done = trimForCeiling(connection, *table, left, summed); !done)
+            return done;
+    }
+    if (left <= 0)
+        m_rowsAtOnce = Clock::now() - began > sliceTime ? std::max(fewestRows, m_rowsAtOnce / 2)
+                                                        : std::min(mostRows, m_rowsAtOnce * 2);
+    for (const Done &done : m_done) {
+        if (const Status counted = countTrimmed(connection, keepSite(done.table->name), done.rows); !counted)
+            return counted;
+    }
+    if (m_hasEntries && m_time.believed() && *m_time.believed() / secondsOfHour != m_notedTime / secondsOfHour) {
+        m_notedTime = *m_time.believed();
+        return noteBelieved(connection, keepSite(QString()), m_notedTime);
+    }
+    return {};
+}
+
+Status Retention::trimByRules(Connection &connection, Table &table, qint64 &rows, const Through &summed)
+{
+    if (const Status looked = look(connection, table); !looked)
+        return looked;
+    if (sumsAreDue(table)) {
+        if (const Status done = trimSums(connection, table); !done)
+            return done;
+    }
+    if (!isDue(table)) {
+        table.isAllowed = false;
+        return {};
+    }
+    const auto may = bounds(table, summed, false);
+    if (!may)
+        return may.error();
+    const qint64 before = rows;
+    if (const auto tooOld = cutoff(table); tooOld && table.firstSeconds < *tooOld) {
+        const auto tooMuch = table.isAllowed ? Result<bool>(false) : isTooMuch(connection, table, *tooOld, rows);
+        if (!tooMuch)
+            return tooMuch.error();
+        if (*tooMuch) {
+            held(table, QStringLiteral("more than a tenth of its rows are older than %1 h at once, as after a change "
+                                       "of the clock")
+                            .arg(table.keep.age->count()));
+        } else {
+            table.isHeld = false;
+            Bounds old = *may;
+            old.before = std::min(*tooOld, atLeastSince(table));
+            if (const Status done = remove(connection, table, old, rows); !done)
+                return done;
+        }
+    }
+    if (rows > 0 && table.first > 0 && table.keep.rows >= 0 && table.first <= table.last - table.keep.rows) {
+        Bounds surplus = *may;
+        surplus.id = std::min(surplus.id, table.last - table.keep.rows);
+        if (const qint64 since = atLeastSince(table); since <= lastSecond)
+            surplus.before = since;
+        if (const Status done = remove(connection, table, surplus, rows); !done)
+            return done;
+    }
+    if (rows == before)
+        pause(table);
+    return {};
+}
+
+Status Retention::trimForCeiling(Connection &connection, Table &table, qint64 &rows, const Through &summed)
+{
+    if (const Status looked = look(connection, table); !looked)
+        return looked;
+    auto may = bounds(table, summed, true);
+    if (!may)
+        return may.error();
+    if (const qint64 since = atLeastSince(table); since <= lastSecond)
+        may->before = since;
+    const qint64 before = rows;
+    if (table.first > 0) {
+        if (const Status done = remove(connection, table, *may, rows); !done)
+            return done;
+    }
+    if (rows == before)
+        pause(table);
+    return {};
+}
+
+// Levels of sums have ages of their own.
+Status Retention::trimSums(Connection &connection, Table &table)
+{
+    table.sumsOfHour = *m_time.believed() / secondsOfHour;
+    SumFloors floors = table.floors;
+    for (auto each = table.keep.sums.begin(); each != table.keep.sums.end(); ++each) {
+        const qint64 age = secondsOf(*each);
+        const qint64 width = widthOf(each.key());
+        const qint64 floor = (*m_time.believed() - age) / 86400 * 86400;
+        if (floor <= 0)
+            continue;
+        auto &now = floors[width];
+        if (now > 0 && floor > now + std::max<qint64>(age / 10, 2 * 86400) && !table.isAllowed) {
+            held(table, QStringLiteral("more than a tenth of its sums are older than %1 h at once, as after a change "
+                                       "of the clock")
+                            .arg(each->count()));
+            continue;
+        }
+        now = std::max(now, floor);
+    }
+    if (floors == table.floors)
+        return {};
+    table.floors = floors;
+    return setSumFloors(connection, keepSite(table.name), table.name, floors);
+}
+
+// Asks the rows at one place instead of counting: what is old is at the beginning of a table, as a rule.
+// What came since the last time may push as much out: in a small table that is a large part.
+Result<bool> Retention::isTooMuch(Connection &connection, const Table &table, qint64 before, qint64 budget)
+{
+    const qint64 tenth = std::max<qint64>(1, (table.last - table.first + 1) / 10) + std::min(table.sinceTrim, budget);
+    const auto rows = connection.ask(
+        keepSite(table.name),
+        QStringLiteral("select count(*),ifnull(sum(DATETIME>='0' and DATETIME<%1),0) from (select DATETIME from %2 "
+                       "where ID>=%3%4 order by ID limit 3)")
+            .arg(literal(before), table.name, QString::number(table.first + tenth),
+                 table.isAlarm ? ended() : QString()));
+    if (!rows)
+        return rows.error();
+    const QStringList &counts = rows->first();
+    return counts.at(1).toInt() * 2 > counts.at(0).toInt();
+}
+
+// Rows whose times cannot be believed go with those around them.
+Status Retention::remove(Connection &connection, Table &table, const Bounds &bounds, qint64 &rows)
+{
+    const Site site = keepSite(table.name);
+    if (table.first > bounds.id)
+        return {};
+    const QString also = table.isAlarm ? ended() : QString();
+    QString window =
+        QStringLiteral("select ID,DATETIME from %1 where ID>=%2 and ID<=%3%4 order by ID limit %5")
+            .arg(table.name, QString::number(table.first), QString::number(bounds.id), also, QString::number(rows));
+    QString condition = also;
+    if (bounds.before) {
+        const QString before = literal(*bounds.before);
+        window = QStringLiteral("select ID,DATETIME from (%1) where DATETIME>='0' and DATETIME<%2").arg(window, before);
+        condition += QStringLiteral(" and not (+DATETIME>=%1 and +DATETIME<%2)")
+                         .arg(before, literal(m_time.believed().value_or(lastSecond) + 1));
+    }
+    const auto end =
+        connection.ask(site, QStringLiteral("select ID,DATETIME from (%1) order by ID desc limit 1").arg(window));
+    if (!end)
+        return end.error();
+    if (end->isEmpty())
+        return {};
+    const qint64 through = end->first().at(0).toLongLong();
+    if (const Status done = connection.run(
+            site, QStringLiteral("delete from %1 where ID>=%2 and ID<=%3%4")
+                      .arg(table.name, QString::number(table.first), QString::number(through), condition));
+        !done)
+        return done;
+    const auto changes = connection.ask(site, QStringLiteral("select changes()"));
+    if (!changes)
+        return changes.error();
+    const qint64 removed = changes->first().first().toLongLong();
+    rows -= removed;
+    const qint64 unshipped = std::clamp<qint64>(through - std::max(bounds.shipped, table.first - 1), 0, removed);
+    if (m_done.empty() || m_done.back().table != &table)
+        m_done.push_back({&table, {table.name, 0, 0, 0, QString()}});
+    TrimmedRows &all = m_done.back().rows;
+    all.rows += removed;
+    all.unshipped += unshipped;
+    all.throughId = through;
+    all.through = end->first().at(1);
+    return look(connection, table);
+}
+
+std::vector<TrimmedRows> Retention::trimmed()
+{
+    std::vector<TrimmedRows> all;
+    for (Done &done : m_done) {
+        done.table->sinceTrim = 0;
+        if (done.rows.rows > 0)
+            all.push_back(std::move(done.rows));
+    }
+    m_done.clear();
+    m_hasEntries = m_hasEntries || !all.empty();
+    if (m_isUrgent)
+        m_isUrgent = isDue();
+    return all;
+}
+
+void Retention::held(Table &table, const QString &why)
+{
+    if (std::exchange(table.isHeld, true))
+        return;
+    m_troubles.push_back(
+        keepSite(table.name)
+            .error(Error::Failed, why + QStringLiteral("; nothing is removed by age until trimNow() allows it")));
+}
+
+std::vector<Error> Retention::takeTroubles()
+{
+    return std::exchange(m_troubles, {});
+}
+
+QString Retention::whyFull() const
+{
+    return QStringLiteral("the ceiling of %1 bytes is reached, and nothing may be removed: what is there is younger "
+                          "than its table keeps at least, or an alarm that lasts")
+        .arg(m_options.ceiling);
+}
+
+} // namespace device

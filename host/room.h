@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_ROOM_H
+#define DEVICE_ROOM_H
+
+#include "connection.h"
+#include "device/recorder.h"
+
+#include <functional>
+
+namespace device
+{
+
+/// Keeps a file and its log under a ceiling, together and at every moment.
+///
+/// The file has SQLite's own limit of pages. What is left of the ceiling is the log's: before a transaction its worst
+/// case is added to what the log takes, and when that is too much the log begins anew in its place, or, where a reader
+/// pins it, the rows wait. The worst case of a row is a page of the table and one of its index; a row that is removed
+/// costs as much as that of its index.
+class Room
+{
+public:
+    Room(const RetentionOptions &options, int batchRows) : m_options(options), m_batchRows(batchRows) {}
+
+    bool isLimited() const { return m_options.ceiling > 0; }
+    /// Of the ceiling with these options, in bytes, for a file with pages of this size.
+    static qint64 leastCeiling(int batchRows, int checkpointPages, qint64 pageSize = 4096);
+
+    /// Whether a recorder can work with these; the Error names the option that cannot.
+    static Status check(const Site &site, const RecorderOptions &options, const QString &path);
+
+    /// Sets the limits of the connection. With a reserve, makes the file whole, until `cancelled`.
+    Status open(Connection &connection, const std::function<bool()> &cancelled);
+    /// After a transaction: looks how large everything is now.
+    void measure(const Connection &connection, const PageCounts &pages);
+
+    qint64 fileBytes() const { return m_fileBytes; }
+    qint64 logBytes() const { return m_logBytes; }
+    /// Rows have to go before the next batch has room in the file.
+    bool isShort() const { return isLimited() && m_freePages < m_wantedPages; }
+    /// How many rows a batch may have, so that the log has room for it.
+    int rowsThatFit() const;
+    /// Makes sure that the log has room for this, or says who stands in the way.
+    Status prepare(Connection &connection, qint64 rows);
+    /// After the disk or the file was full: the log begins anew.
+    Status startLogAnew(Connection &connection);
+
+private:
+    qint64 pageInLog() const { return m_pageSize + 24; }
+    qint64 worst(qint64 rows) const;
+    bool fits(qint64 rows) const { return m_logBytes + worst(rows) <= m_logLimit; }
+    Status makeWhole(Connection &connection, const std::function<bool()> &cancelled);
+    void look(const Connection &connection);
+
+    const RetentionOptions m_options;
+    const int m_batchRows;
+    qint64 m_pageSize = 4096;
+    qint64 m_filePages = 0; ///< The limit.
+    qint64 m_logLimit = 0;
+    qint64 m_fileBytes = 0;
+    qint64 m_logBytes = 0;
+    qint64 m_freePages = 0; ///< What the file may take still.
+    qint64 m_wantedPages = 0;
+};
+
+} // namespace device
+
+#endif

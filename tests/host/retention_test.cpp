@@ -1,0 +1,351 @@
+// SPDX-License-Identifier: MIT
+#include "recorder_fixture.h"
+#include "trend_reference.h"
+
+#include "plausible_time.h"
+
+#include <QFileInfo>
+
+#include <thread>
+
+namespace
+{
+
+constexpr qint64 day = 86400;
+
+TEST(PlausibleTime, GoesOnWithTheRowsAndNotWithAClockThatJumps)
+{
+    PlausibleTime time;
+    EXPECT_FALSE(time.believed());
+    time.seen(1000 * day, 0);
+    time.seen(1000 * day + 60, 60);
+    EXPECT_EQ(time.believed(), 1000 * day + 60);
+    for (int i = 0; i < 3600; ++i)
+        time.seen(9000 * day + i, 60 + i); // an hour in a wrong year
+    EXPECT_EQ(time.believed(), 1000 * day + 60);
+    time.seen(1000 * day + 120, 4000);
+    EXPECT_EQ(time.believed(), 1000 * day + 120);
+    time.seen(1000 * day - 5000, 4001); // summer time ends
+    EXPECT_EQ(time.believed(), 1000 * day + 120);
+}
+
+TEST(PlausibleTime, BelievesAnotherTimeAfterADay)
+{
+    PlausibleTime time(1000 * day);
+    for (qint64 i = 0; i <= 24; ++i)
+        time.seen(1007 * day + i * 3600, i); // a week without power, then a day of rows
+    EXPECT_EQ(time.believed(), 1008 * day);
+    for (qint64 i = 0; i <= 24; ++i)
+        time.seen(500 * day + i * 3600, 100 + i); // and back
+    EXPECT_EQ(time.believed(), 501 * day);
+    time.seen(600 * day, 200);
+    time.seen(600 * day + 10, 200 + day); // a day of running says the same
+    EXPECT_EQ(time.believed(), 600 * day + 10);
+}
+
+TEST(PlausibleTime, BeginsADoubtfulDayAnewWhenTheOldTimeComesBack)
+{
+    PlausibleTime time(1000 * day);
+    for (qint64 i = 0; i < 100; ++i) {
+        time.seen(2000 * day + i * 3600, i);
+        if (i % 20 == 0)
+            time.seen(1000 * day + i, i);
+    }
+    EXPECT_LT(*time.believed(), 1001 * day);
+}
+
+TEST(PlausibleTime, KeepsPaceWhileTheProgramRuns)
+{
+    PlausibleTime time(1000 * day);
+    time.seen(1000 * day, 0);
+    time.seen(1007 * day, 7 * day); // an entry a week
+    EXPECT_EQ(time.believed(), 1007 * day);
+}
+
+class Trims : public Recorders
+{
+protected:
+    Trims()
+    {
+        options.batchRows = 100;
+        options.file.checkpointPages = 100;
+        options.capacity = 1000000;
+        options.capacityBytes = 1LL << 30;
+    }
+    Sample minutely(int i) const { return {after(i * 60LL), QString::number(i)}; }
+    static LocalTime after(qint64 seconds) { return QDateTime(QDate(2024, 1, 1), QTime(0, 0)).addSecs(seconds); }
+    void recordMinutes(HistoryRecorder &recorder, int first, int end) const
+    {
+        for (int i = first; i < end; ++i)
+            require(recorder.record(boiler, minutely(i)));
+        require(recorder.flush(milliseconds(60000)));
+    }
+    qint64 rows() const { return valueOf(path(), "select count(*) from Boiler"_q).toLongLong(); }
+    qint64 first() const { return valueOf(path(), "select min(ID) from Boiler"_q).toLongLong(); }
+    Kept kept() const
+    {
+        auto store = require(HistoryStore::open(library(), path()));
+        return require(store.kept(boiler)).value();
+    }
+    void write(const char *json) const
+    {
+        QFile file(path() + ".new"_q);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(json);
+        file.close();
+        QFile::remove(path() + ".shipped"_q);
+        ASSERT_TRUE(QFile::rename(path() + ".new"_q, path() + ".shipped"_q));
+    }
+};
+
+TEST_F(Trims, ByNumberInTheBatchesAndCountsWhatWent)
+{
+    auto recorder = recorderOf(Profile::Durable);
+    qint64 told = 0;
+    QObject::connect(recorder.get(), &Recorder::trimmed, [&](const QString &table, qint64 rows) {
+        EXPECT_EQ(table, "Boiler"_q);
+        told += rows;
+    });
+    Keep keep;
+    keep.rows = 1000;
+    recorder->keep(boiler, keep);
+    recordMinutes(*recorder, 0, 5000);
+    require(recorder->stop(milliseconds(20000)));
+    EXPECT_GE(rows(), 1000);
+    EXPECT_LE(rows(), 1200);
+    EXPECT_EQ(valueOf(path(), "select max(ID)-min(ID)+1=count(*) and max(ID)=5000 from Boiler"_q), "1"_q);
+    EXPECT_EQ(kept().trimmed, 5000 - rows());
+    EXPECT_EQ(kept().throughId, 5000 - rows());
+    EXPECT_EQ(kept().keep, keep);
+    EXPECT_EQ(told, 5000 - rows());
+    EXPECT_EQ(recorder->health().trimmed, told);
+}
+
+TEST_F(Trims, ByAgeOfTheNewestRowAndOnceMoreInAFileOpenedLater)
+{
+    Keep keep;
+    keep.age = std::chrono::hours(24);
+    {
+        auto recorder = recorderOf(Profile::Durable);
+        recorder->keep(boiler, keep);
+        recordMinutes(*recorder, 0, 5000);
+    }
+    const qint64 left = rows();
+    EXPECT_GE(left, 1440);
+    EXPECT_LE(left, 1700);
+    auto recorder = recorderOf(Profile::Durable);
+    recordMinutes(*recorder, 5000, 8000);
+    EXPECT_LE(rows(), 1700);
+    // Never more than the rule says.
+    EXPECT_LE(valueOf(path(), "select min(DATETIME) from Boiler"_q), "2024-01-05 13:20:00"_q);
+}
+
+TEST_F(Trims, NothingByAClockThatJumps)
+{
+    auto recorder = recorderOf(Profile::Durable);
+    Keep keep;
+    keep.age = std::chrono::hours(1000);
+    recorder->keep(boiler, keep);
+    recordMinutes(*recorder, 0, 3000);
+    for (int i = 0; i < 500; ++i)
+        require(recorder->record(boiler, {LocalTime(QDate(2099, 1, 1), QTime(0, 0).addSecs(i)), "1"_q}));
+    require(recorder->flush(milliseconds(20000)));
+    recordMinutes(*recorder, 3000, 3100);
+    EXPECT_EQ(rows(), 3600);
+}
+
+TEST_F(Trims, StopsBeforeMuchGoesAtOnceUntilTheHostAllowsIt)
+{
+    auto recorder = recorderOf(Profile::Durable);
+    QStringList held;
+    QObject::connect(recorder.get(), &Recorder::retentionHeld, [&](const Error &why) { held << why.text(); });
+    Keep keep;
+    keep.age = std::chrono::hours(24 * 30);
+    recorder->keep(boiler, keep);
+    recordMinutes(*recorder, 0, 3000);
+    // Two days in a wrong year: long enough to be believed.
+    for (int i = 0; i < 2880; ++i)
+        require(recorder->record(boiler, {QDateTime(QDate(2031, 1, 1), QTime(0, 0)).addSecs(i * 60), "1"_q}));
+    require(recorder->flush(milliseconds(20000)));
+    ASSERT_TRUE(eventually([&] { return !held.isEmpty(); }));
+    EXPECT_TRUE(held.first().contains("Boiler"_q)) << held.first().toStdString();
+    EXPECT_TRUE(held.first().contains("a tenth"_q)) << held.first().toStdString();
+    EXPECT_EQ(rows(), 5880);
+    recorder->trimNow(boiler);
+    EXPECT_TRUE(eventually([&] { return rows() == 2880; })) << rows();
+    EXPECT_EQ(held.size(), 1);
+}
+
+TEST_F(Trims, AlsoWhenNoRowsCome)
+{
+    auto recorder = recorderOf(Profile::Durable);
+    recordMinutes(*recorder, 0, 3000);
+    Keep keep;
+    keep.rows = 10;
+    recorder->keep(boiler, keep);
+    EXPECT_TRUE(eventually([&] { return rows() == 10; })) << rows();
+}
+
+TEST_F(Trims, NothingThatAShipperHolds)
+{
+    auto recorder = recorderOf(Profile::Durable);
+    recorder->hold(boiler, "archive"_q, 700);
+    Keep keep;
+    keep.rows = 100;
+    recorder->keep(boiler, keep);
+    recordMinutes(*recorder, 0, 3000);
+    EXPECT_EQ(first(), 701);
+    recorder->hold(boiler, "archive"_q, 1500);
+    recorder->trimNow(boiler);
+    EXPECT_TRUE(eventually([&] { return first() == 1501; })) << first();
+    recorder->release(boiler, "archive"_q);
+    recorder->trimNow(boiler);
+    EXPECT_TRUE(eventually([&] { return first() == 2901; })) << first();
+    EXPECT_EQ(kept().unshipped, 0);
+}
+
+TEST_F(Trims, NothingThatTheFileBesideItHolds)
+{
+    write(R"({"version": 1, "owner": "archive", "shipped": {"boiler": 500}})");
+    auto recorder = recorderOf(Profile::Durable);
+    QStringList held;
+    QObject::connect(recorder.get(), &Recorder::retentionHeld, [&](const Error &why) { held << why.text(); });
+    Keep keep;
+    keep.rows = 100;
+    recorder->keep(boiler, keep);
+    recordMinutes(*recorder, 0, 3000);
+    EXPECT_EQ(first(), 501);
+    write("{\"version\": 1, \"owner\": \"archive\", \"shipped\": {\"boiler\": 6e");
+    recordMinutes(*recorder, 3000, 6000);
+    EXPECT_EQ(first(), 501);
+    ASSERT_TRUE(eventually([&] { return !held.isEmpty(); }));
+    EXPECT_TRUE(held.first().contains("store.db.shipped"_q)) << held.first().toStdString();
+    QFile::remove(path() + ".shipped"_q);
+    recordMinutes(*recorder, 6000, 13000);
+    EXPECT_EQ(rows(), 100);
+}
+
+TEST_F(Trims, EndedAlarmsAndNoneThatLasts)
+{
+    const TableName plant = table("Plant"_q);
+    options.file.profile = Profile::Durable;
+    AlarmRecorder recorder(library(), path(), options);
+    require(recorder.start());
+    recorder.createTable(plant);
+    Keep keep;
+    keep.rows = 50;
+    recorder.keep(plant, keep);
+    for (int i = 0; i < 1000; ++i) {
+        const QString object = "P%1"_q.arg(i);
+        require(recorder.raise(plant, {1, after(i), object, "high"_q, "1"_q, "2"_q, "text"_q, {}}));
+        if (i % 100 != 0)
+            require(recorder.end(plant, object, "high"_q, after(i + 1)));
+    }
+    require(recorder.flush(milliseconds(20000)));
+    EXPECT_TRUE(eventually(
+        [&] { return valueOf(path(), "select count(*) from Plant where EndDate!='' and ID<900"_q) == "0"_q; }));
+    EXPECT_EQ(valueOf(path(), "select count(*) from Plant where EndDate=''"_q), "10"_q);
+    EXPECT_EQ(valueOf(path(), "select count(*) from Plant where ID>950"_q), "50"_q);
+}
+
+TEST_F(Trims, NoLogThatIsYoungerThanAYear)
+{
+    const TableName log = table("Actions"_q);
+    options.file.profile = Profile::Durable;
+    LogRecorder recorder(library(), path(), options);
+    require(recorder.start());
+    recorder.createTable(log);
+    Keep keep;
+    keep.rows = 10;
+    recorder.keep(log, keep);
+    for (int i = 0; i < 2 * 365; ++i)
+        require(recorder.record(log, {after(i * day), "user"_q, "name"_q, "message"_q}));
+    require(recorder.flush(milliseconds(20000)));
+    recorder.trimNow(log);
+    EXPECT_TRUE(eventually([&] { return valueOf(path(), "select count(*) from Actions"_q).toInt() <= 366; }));
+    EXPECT_EQ(valueOf(path(), "select count(*) from Actions"_q), "366"_q);
+    EXPECT_EQ(valueOf(path(), "select min(DATETIME) from Actions"_q).left(10), "2024-12-30"_q);
+}
+
+TEST_F(Trims, ForACeilingThatHoldsAtEveryMoment)
+{
+    options.retention.ceiling = 8 * 1024 * 1024;
+    auto recorder = recorderOf(Profile::Durable);
+    std::atomic_bool over{false};
+    std::atomic<qint64> most{0};
+    std::thread watcher([&] {
+        while (!over) {
+            qint64 bytes = 0;
+            for (const char *end : {"", "-wal", "-shm", "-journal"})
+                bytes += QFileInfo(path() + QLatin1String(end)).size();
+            most = std::max<qint64>(most, bytes);
+        }
+    });
+    for (int i = 0; i < 200000; i += 1000) {
+        recordMinutes(*recorder, i, i + 1000);
+    }
+    over = true;
+    watcher.join();
+    EXPECT_LE(most, options.retention.ceiling);
+    EXPECT_GT(most, options.retention.ceiling / 3);
+    const Health health = recorder->health();
+    EXPECT_EQ(health.stored, 200000);
+    EXPECT_EQ(health.trimmed, 200000 - rows());
+    EXPECT_GT(rows(), 10000);
+    EXPECT_EQ(valueOf(path(), "select max(ID)-min(ID)+1=count(*) and max(ID)=200000 from Boiler"_q), "1"_q);
+}
+
+TEST_F(Trims, WaitsForAReaderThatPinsTheLogAndNamesIt)
+{
+    options.retention.ceiling = 8 * 1024 * 1024;
+    auto recorder = recorderOf(Profile::Durable);
+    QStringList troubles;
+    QObject::connect(recorder.get(), &Recorder::troubled, [&](const Error &why) { troubles << why.text(); });
+    recordMinutes(*recorder, 0, 1000);
+    auto reader = std::make_unique<PlainConnection>(path());
+    reader->run("begin"_q);
+    reader->run("select * from Boiler"_q);
+    int next = 1000;
+    while (troubles.isEmpty() && next < 400000) {
+        for (const int end = next + 1000; next < end; ++next)
+            require(recorder->record(boiler, minutely(next)));
+        (void)recorder->flush(milliseconds(2000));
+        ASSERT_LE(QFileInfo(path()).size() + QFileInfo(path() + "-wal"_q).size() + QFileInfo(path() + "-shm"_q).size(),
+                  options.retention.ceiling);
+    }
+    ASSERT_FALSE(troubles.isEmpty());
+    EXPECT_TRUE(troubles.first().contains("this program"_q)) << troubles.first().toStdString();
+    reader.reset();
+    require(recorder->flush(milliseconds(20000)));
+    EXPECT_EQ(recorder->health().stored, next);
+    EXPECT_EQ(recorder->health().dropped, 0);
+    EXPECT_LE(QFileInfo(path()).size() + QFileInfo(path() + "-wal"_q).size() + QFileInfo(path() + "-shm"_q).size(),
+              options.retention.ceiling);
+}
+
+TEST_F(Trims, RefusesOptionsThatCannotWork)
+{
+    const auto refused = [&](const Keep &keep) {
+        auto store = require(HistoryStore::open(library(), path()));
+        (void)require(store.createTable(boiler));
+        return codeOf(store.keep(boiler, keep));
+    };
+    Keep keep;
+    keep.age = std::chrono::hours(0);
+    EXPECT_EQ(refused(keep), Error::OptionRefused);
+    keep.age = std::chrono::hours(10);
+    keep.atLeast = std::chrono::hours(11);
+    EXPECT_EQ(refused(keep), Error::OptionRefused);
+    keep = {};
+    keep.sums = {{TrendLevel::Minute, std::chrono::hours(100)}, {TrendLevel::Hour, std::chrono::hours(99)}};
+    EXPECT_EQ(refused(keep), Error::OptionRefused);
+    options.file.profile = Profile::Durable;
+    const auto started = [&] { return HistoryRecorder(library(), path(), options).start(); };
+    options.retention.ceiling = 1024 * 1024;
+    EXPECT_TRUE(started().error().cause().contains("the least"_q)) << started().error().text().toStdString();
+    options.retention.ceiling = 0;
+    options.retention.reserve = true;
+    EXPECT_TRUE(started().error().cause().contains("ceiling"_q)) << started().error().text().toStdString();
+}
+
+} // namespace
