@@ -203,7 +203,7 @@ QByteArray Bucket::text(qint64 start) const
         text += '/' + QByteArray::number(m_numbers);
     if (m_numbers == 0)
         return text;
-    text += ';' + numberText(m_sum + m_rest).toLatin1();
+    text += ';' + numberText(sum()).toLatin1();
     for (const Point *point : {&m_lowest, &m_highest, &m_first, &m_last}) {
         text += ';' + QByteArray::fromStdString(point->text) + ';';
         if (point->time != start)
@@ -227,6 +227,26 @@ qint64 columnWidth(qint64 first, qint64 last, int columns)
     while (!fits(days * secondsOfDay))
         days *= 2;
     return days * secondsOfDay;
+}
+
+int pictureColumn(qint64 time, qint64 first, qint64 last, int columns)
+{
+    const double part = double(time - first) / double(last - first + 1);
+    return int(std::clamp(std::floor(part * columns), 0.0, double(columns - 1)));
+}
+
+int TrendColumns::levelFor(const std::vector<qint64> &levels) const
+{
+    // Of a picture's columns none need begin where a bucket does: what lies across is read once more, from the next
+    // level. So the buckets are much narrower than a column, and the narrowest are worth it only when they are not as
+    // wide.
+    const auto fits = [&](qint64 width, bool isFinest) {
+        return m_width > 0 ? m_width % width == 0 : (m_last - m_first + 1) / m_count >= width * (isFinest ? 2 : 10);
+    };
+    int level = int(levels.size()) - 1;
+    while (level >= 0 && !fits(levels[size_t(level)], level == 0))
+        --level;
+    return level;
 }
 
 Trend TrendColumns::take() const

@@ -392,26 +392,6 @@ Error Connection::asLock(const Site &site) const
     return site.error(Error::Locked, QStringLiteral("the file does not answer, so it is taken to be locked"));
 }
 
-Result<qint64> Connection::change(const Site &site, const QStringList &statements)
-{
-    qint64 changed = 0;
-    const Status done = transaction(site, [&]() -> Status {
-        changed = 0;
-        for (const QString &statement : statements) {
-            if (const Status each = run(site, statement); !each)
-                return each;
-            const auto rows = ask(site, QStringLiteral("select changes()"));
-            if (!rows)
-                return rows.error();
-            changed += rows->first().first().toLongLong();
-        }
-        return {};
-    });
-    if (!done)
-        return done.error();
-    return changed;
-}
-
 Result<bool> Connection::checkpoint()
 {
     const Site site{QStringLiteral("checkpoint"), QString()};

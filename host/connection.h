@@ -2,10 +2,8 @@
 #ifndef DEVICE_CONNECTION_H
 #define DEVICE_CONNECTION_H
 
-#include "cause.h"
 #include "device/store.h"
-
-#include <functional>
+#include "sql_channel.h"
 
 namespace device
 {
@@ -41,7 +39,7 @@ Status checkOptions(const Site &site, const OpenOptions &options);
 ///
 /// That slot answers for each statement by itself, rows or no rows, which no other slot does. Only the words of a
 /// failure come by the debug output. Of one thread at a time.
-class Connection
+class Connection : public SqlChannel
 {
     enum Role { Writer, Reader };
 
@@ -52,12 +50,12 @@ public:
     /// fail. Error::FileMoved when the path does not name `file` any more.
     static Result<std::shared_ptr<Connection>> openReader(const Library &library, const QString &path,
                                                           const OpenOptions &options, const FileIdentity &file);
-    ~Connection();
+    ~Connection() override;
 
     QString path() const { return m_path; }
     FileIdentity file() const { return m_file; }
     const OpenOptions &options() const { return m_options; }
-    bool isReader() const { return m_role == Reader; }
+    bool isReader() const override { return m_role == Reader; }
     qint64 failedCommits() const { return m_failedCommits; }
     /// In write-ahead mode a reader and the writer do not lock each other out.
     bool writesAhead() const { return m_writesAhead; }
@@ -83,17 +81,14 @@ public:
     };
 
     /// The rows of a query, tried until the deadline.
-    Result<QList<QStringList>> query(const Site &site, const QString &sql);
+    Result<QList<QStringList>> query(const Site &site, const QString &sql) override;
     Result<qint64> number(const Site &site, const QString &sql);
 
     /// Runs `body` in one transaction: all of it, or nothing and an Error. Inside use run() and ask(). While
     /// the file is locked it is tried again, the body too, until the deadline.
-    Status transaction(const Site &site, const std::function<Status()> &body);
-    Status run(const Site &site, const QString &sql);
-    Result<QList<QStringList>> ask(const Site &site, const QString &sql);
-
-    /// The rows changed by the statements, in one transaction.
-    Result<qint64> change(const Site &site, const QStringList &statements);
+    Status transaction(const Site &site, const std::function<Status()> &body) override;
+    Status run(const Site &site, const QString &sql) override;
+    Result<QList<QStringList>> ask(const Site &site, const QString &sql) override;
 
     /// Whether a transaction is open at this moment.
     bool isInTransaction();

@@ -15,7 +15,7 @@ constexpr const char *table = "\"device keep\"";
 constexpr int version = 1;
 constexpr const char *columns = "COLLECTOR,AGE,NEWEST,ATLEAST,SUMS,FLOORS,TRIMMED,UNSHIPPED,THROUGHID,THROUGH,VERSION";
 
-Result<bool> isThere(Connection &connection, const Site &site)
+Result<bool> isThere(SqlChannel &connection, const Site &site)
 {
     const auto found = connection.query(
         site, QStringLiteral("select (select group_concat(name) from pragma_table_info(m.name)) from sqlite_master m "
@@ -29,7 +29,7 @@ Result<bool> isThere(Connection &connection, const Site &site)
     return true;
 }
 
-Status makeTable(Connection &connection, const Site &site)
+Status makeTable(SqlChannel &connection, const Site &site)
 {
     const auto there = isThere(connection, site);
     if (!there)
@@ -44,7 +44,7 @@ Status makeTable(Connection &connection, const Site &site)
 }
 
 // An entry that says nothing, unless there is one.
-Status makeEntry(Connection &connection, const Site &site, const QString &name)
+Status makeEntry(SqlChannel &connection, const Site &site, const QString &name)
 {
     return connection.run(site,
                           QStringLiteral("insert or ignore into %1 values (%2,NULL,NULL,NULL,'','',0,0,0,NULL,%3)")
@@ -137,7 +137,7 @@ Status checkKeep(const Site &site, const Keep &keep)
     return {};
 }
 
-Result<KeepFile> keepFile(Connection &connection)
+Result<KeepFile> keepFile(SqlChannel &connection)
 {
     const Site site = keepSite(QStringLiteral("all tables"));
     KeepFile file;
@@ -178,7 +178,12 @@ Result<KeepFile> keepFile(Connection &connection)
     return file;
 }
 
-Result<bool> setKeep(Connection &connection, const TableName &name, const Keep &keep)
+Result<SumFloors> sumFloors(SqlChannel &connection, const QString &name)
+{
+    return keepFile(connection).map([&](const KeepFile &file) { return file.floors.value(name.toLower()); });
+}
+
+Result<bool> setKeep(SqlChannel &connection, const TableName &name, const Keep &keep)
 {
     const Site site = keepSite(name.text());
     if (const Status checked = checkKeep(site, keep); !checked)
@@ -212,7 +217,7 @@ Result<bool> setKeep(Connection &connection, const TableName &name, const Keep &
     return true;
 }
 
-Status countTrimmed(Connection &connection, const Site &site, const TrimmedRows &trimmed)
+Status countTrimmed(SqlChannel &connection, const Site &site, const TrimmedRows &trimmed)
 {
     if (const Status made = makeTable(connection, site); !made)
         return made;
@@ -225,7 +230,7 @@ Status countTrimmed(Connection &connection, const Site &site, const TrimmedRows 
                        QString::number(trimmed.throughId), quoted(trimmed.through), quoted(trimmed.table)));
 }
 
-Status setSumFloors(Connection &connection, const Site &site, const QString &name, const SumFloors &floors)
+Status setSumFloors(SqlChannel &connection, const Site &site, const QString &name, const SumFloors &floors)
 {
     for (const auto &[width, floor] : floors) {
         if (const Status removed = removeRollupsBefore(connection, site, name, width, floor); !removed)
@@ -235,7 +240,7 @@ Status setSumFloors(Connection &connection, const Site &site, const QString &nam
                                     .arg(QLatin1String(table), listOf(floors), quoted(name)));
 }
 
-Status noteBelieved(Connection &connection, const Site &site, qint64 seconds)
+Status noteBelieved(SqlChannel &connection, const Site &site, qint64 seconds)
 {
     QString text;
     appendTime(text, timeOfSeconds(seconds), false);

@@ -4,8 +4,8 @@
 #ifndef DEVICE_KEEP_FILE_H
 #define DEVICE_KEEP_FILE_H
 
-#include "connection.h"
 #include "device/retention.h"
+#include "sql_channel.h"
 
 #include <QHash>
 
@@ -28,10 +28,13 @@ struct KeepFile {
     QHash<QString, SumFloors> floors;
     std::optional<qint64> believed; ///< The device's time as last believed, in seconds.
 };
-Result<KeepFile> keepFile(Connection &connection);
+Result<KeepFile> keepFile(SqlChannel &connection);
 
 /// Within the caller's transaction: this is how long the rows of the table are kept from now on. True if that is new.
-Result<bool> setKeep(Connection &connection, const TableName &table, const Keep &keep);
+Result<bool> setKeep(SqlChannel &connection, const TableName &table, const Keep &keep);
+
+/// Of one table; none where nothing was removed by age.
+Result<SumFloors> sumFloors(SqlChannel &connection, const QString &table);
 
 /// What one transaction removed from a table.
 struct TrimmedRows {
@@ -42,10 +45,10 @@ struct TrimmedRows {
     QString through;
 };
 /// Within the caller's transaction.
-Status countTrimmed(Connection &connection, const Site &site, const TrimmedRows &trimmed);
+Status countTrimmed(SqlChannel &connection, const Site &site, const TrimmedRows &trimmed);
 /// Within the caller's transaction: the sums before `floor` are removed.
-Status setSumFloors(Connection &connection, const Site &site, const QString &table, const SumFloors &floors);
-Status noteBelieved(Connection &connection, const Site &site, qint64 seconds);
+Status setSumFloors(SqlChannel &connection, const Site &site, const QString &table, const SumFloors &floors);
+Status noteBelieved(SqlChannel &connection, const Site &site, qint64 seconds);
 
 } // namespace device
 

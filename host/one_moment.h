@@ -2,7 +2,7 @@
 #ifndef DEVICE_ONE_MOMENT_H
 #define DEVICE_ONE_MOMENT_H
 
-#include "connection.h"
+#include "sql_channel.h"
 
 namespace device
 {
@@ -12,7 +12,7 @@ namespace device
 class OneMoment
 {
 public:
-    OneMoment(Connection &connection, const Site &site) : m_connection(connection), m_site(site) { begin(); }
+    OneMoment(SqlChannel &connection, const Site &site) : m_connection(connection), m_site(site) { begin(); }
     ~OneMoment() { end(); }
 
     void renew()
@@ -31,7 +31,7 @@ private:
             (void)m_connection.run(m_site, QStringLiteral("rollback"));
     }
 
-    Connection &m_connection;
+    SqlChannel &m_connection;
     const Site m_site;
     bool m_begun = false;
 };

@@ -47,7 +47,7 @@ template<typename Record>
 class JoinedReading
 {
 public:
-    JoinedReading(Connection &connection, const Site &site, const Selection &selection)
+    JoinedReading(SqlChannel &connection, const Site &site, const Selection &selection)
         : m_connection(connection), m_site(site), m_selection(selection)
     {
     }
@@ -62,7 +62,7 @@ private:
     Status readSlice(const QString &condition);
     Result<QStringList> ask(const QString &sql);
 
-    Connection &m_connection;
+    SqlChannel &m_connection;
     const Site m_site;
     const Selection m_selection;
     qint64 m_first = 0; ///< IDs
@@ -167,7 +167,7 @@ Result<QStringList> JoinedReading<Record>::ask(const QString &sql)
 }
 
 template<typename Record>
-Result<QList<Record>> readRows(Connection &connection, const Site &site, const Selection &selection)
+Result<QList<Record>> readRows(SqlChannel &connection, const Site &site, const Selection &selection)
 {
     QString sql = QLatin1String("select ") + RowCells::selection(Kind<Record>::columns()) + QLatin1String(" from ") +
                   selection.table + selection.where +
@@ -190,7 +190,7 @@ Result<QList<Record>> readRows(Connection &connection, const Site &site, const S
 } // namespace
 
 template<typename Record>
-Result<QList<Record>> readRecords(Connection &connection, const Site &site, const Selection &selection)
+Result<QList<Record>> readRecords(SqlChannel &connection, const Site &site, const Selection &selection)
 {
     if (selection.limit < 0 && selection.offset <= 0) {
         JoinedReading<Record> joined(connection, site, selection);
@@ -204,8 +204,8 @@ Result<QList<Record>> readRecords(Connection &connection, const Site &site, cons
     return readRows<Record>(connection, site, selection);
 }
 
-template Result<QList<Sample>> readRecords(Connection &, const Site &, const Selection &);
-template Result<QList<Alarm>> readRecords(Connection &, const Site &, const Selection &);
-template Result<QList<LogEntry>> readRecords(Connection &, const Site &, const Selection &);
+template Result<QList<Sample>> readRecords(SqlChannel &, const Site &, const Selection &);
+template Result<QList<Alarm>> readRecords(SqlChannel &, const Site &, const Selection &);
+template Result<QList<LogEntry>> readRecords(SqlChannel &, const Site &, const Selection &);
 
 } // namespace device

@@ -2,7 +2,7 @@
 #ifndef DEVICE_READING_H
 #define DEVICE_READING_H
 
-#include "connection.h"
+#include "sql_channel.h"
 
 namespace device
 {
@@ -21,7 +21,7 @@ struct Selection {
 /// several moments: no record that is stored after the first is among them, and none that is removed before the last of
 /// them is certain to be.
 template<typename Record>
-Result<QList<Record>> readRecords(Connection &connection, const Site &site, const Selection &selection);
+Result<QList<Record>> readRecords(SqlChannel &connection, const Site &site, const Selection &selection);
 
 } // namespace device
 

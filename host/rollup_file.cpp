@@ -2,6 +2,7 @@
 #include "rollup_file.h"
 
 #include "row_text.h"
+#include "time_text.h"
 
 #include <algorithm>
 
@@ -25,7 +26,7 @@ constexpr qint64 mostNumbers = 1LL << (63 - bitsOfBucket);
 constexpr int bucketsOfAStatement = 200;
 constexpr int bucketsToRemove = 2000;
 
-Result<bool> areThere(Connection &connection, const Site &site)
+Result<bool> areThere(SqlChannel &connection, const Site &site)
 {
     const auto found = connection.query(
         site, QStringLiteral(
@@ -46,7 +47,7 @@ Result<bool> areThere(Connection &connection, const Site &site)
     return true;
 }
 
-Result<std::optional<RollupState>> stateOf(Connection &connection, const Site &site, const QString &table)
+Result<std::optional<RollupState>> stateOf(SqlChannel &connection, const Site &site, const QString &table)
 {
     const auto rows = connection.query(
         site,
@@ -100,7 +101,7 @@ public:
         m_buckets.push_back({bucketKey(number, width, start), start, &bucket});
     }
     /// Adds them to those that are in the file.
-    Status write(Connection &connection, const Site &site) const;
+    Status write(SqlChannel &connection, const Site &site) const;
 
 private:
     struct Each {
@@ -110,12 +111,12 @@ private:
     };
     using Some = std::vector<Each>::const_iterator;
 
-    static Status write(Connection &connection, const Site &site, Some begin, Some end);
+    static Status write(SqlChannel &connection, const Site &site, Some begin, Some end);
 
     std::vector<Each> m_buckets;
 };
 
-Status NewBuckets::write(Connection &connection, const Site &site) const
+Status NewBuckets::write(SqlChannel &connection, const Site &site) const
 {
     for (auto begin = m_buckets.begin(); begin != m_buckets.end();) {
         const auto end = begin + std::min<std::ptrdiff_t>(bucketsOfAStatement, m_buckets.end() - begin);
@@ -126,7 +127,7 @@ Status NewBuckets::write(Connection &connection, const Site &site) const
     return {};
 }
 
-Status NewBuckets::write(Connection &connection, const Site &site, Some begin, Some end)
+Status NewBuckets::write(SqlChannel &connection, const Site &site, Some begin, Some end)
 {
     QStringList keys;
     for (auto each = begin; each != end; ++each)
@@ -155,7 +156,7 @@ Status NewBuckets::write(Connection &connection, const Site &site, Some begin, S
 
 // The buckets of one of the wider levels. Those behind the front are in the file: what came late is added to them.
 // Those that the front passes now are put together from the level below, which is in the file up to there.
-Status addToWider(Connection &connection, const Site &site, const RollupState &state, size_t level,
+Status addToWider(SqlChannel &connection, const Site &site, const RollupState &state, size_t level,
                   const Buckets &finest)
 {
     const qint64 width = state.levels[level];
@@ -236,7 +237,7 @@ qint64 bucketKey(qint64 number, qint64 width, qint64 time)
     return (((number << bitsOfLevel) | level) << bitsOfTime) | (time / width);
 }
 
-Result<std::optional<RollupState>> rollupState(Connection &connection, const Site &site, const QString &table)
+Result<std::optional<RollupState>> rollupState(SqlChannel &connection, const Site &site, const QString &table)
 {
     const auto there = areThere(connection, site);
     if (!there)
@@ -244,7 +245,7 @@ Result<std::optional<RollupState>> rollupState(Connection &connection, const Sit
     return *there ? stateOf(connection, site, table) : std::optional<RollupState>();
 }
 
-Result<bool> beginRollups(Connection &connection, const TableName &table, const TrendOptions &options)
+Result<bool> beginRollups(SqlChannel &connection, const TableName &table, const TrendOptions &options)
 {
     const Site site = trendSite(table.text());
     QVector<TrendLevel> levels = options.levels;
@@ -296,7 +297,7 @@ Result<bool> beginRollups(Connection &connection, const TableName &table, const 
     return true;
 }
 
-Result<bool> endRollups(Connection &connection, const TableName &table)
+Result<bool> endRollups(SqlChannel &connection, const TableName &table)
 {
     const Site site{QStringLiteral("drop the trend of"), table.text()};
     const auto there = areThere(connection, site);
@@ -314,7 +315,7 @@ Result<bool> endRollups(Connection &connection, const TableName &table)
     return changed->first().first() != QLatin1String("0");
 }
 
-Result<QStringList> tablesWithRollups(Connection &connection)
+Result<QStringList> tablesWithRollups(SqlChannel &connection)
 {
     const Site site = trendSite(QStringLiteral("all tables"));
     const auto there = areThere(connection, site);
@@ -334,7 +335,7 @@ Result<QStringList> tablesWithRollups(Connection &connection)
     return tables;
 }
 
-Result<QVector<qint64>> rollupsOfNoTable(Connection &connection)
+Result<QVector<qint64>> rollupsOfNoTable(SqlChannel &connection)
 {
     const Site site = trendSite(QStringLiteral("all tables"));
     const auto there = areThere(connection, site);
@@ -357,7 +358,7 @@ Result<QVector<qint64>> rollupsOfNoTable(Connection &connection)
     return numbers;
 }
 
-Result<bool> removeRollups(Connection &connection, qint64 number)
+Result<bool> removeRollups(SqlChannel &connection, qint64 number)
 {
     const auto removed = connection.change(
         trendSite(QStringLiteral("all tables")),
@@ -371,7 +372,7 @@ Result<bool> removeRollups(Connection &connection, qint64 number)
     return *removed < bucketsToRemove;
 }
 
-Status removeRollupsBefore(Connection &connection, const Site &site, const QString &table, qint64 width, qint64 second)
+Status removeRollupsBefore(SqlChannel &connection, const Site &site, const QString &table, qint64 width, qint64 second)
 {
     const auto there = areThere(connection, site);
     if (!there)
@@ -391,13 +392,13 @@ Status removeRollupsBefore(Connection &connection, const Site &site, const QStri
                                     .arg(bucketKey(ours, width, second)));
 }
 
-Status beginAnew(Connection &connection, const Site &site, const RollupState &state)
+Status beginAnew(SqlChannel &connection, const Site &site, const RollupState &state)
 {
     return connection.run(site, QStringLiteral("update %1 set N=%2,MARK=0,MARKED=NULL,FRONT=0 where N=%3")
                                     .arg(QLatin1String(series), unusedNumber(), QString::number(state.number)));
 }
 
-Result<QHash<QString, RollupMark>> rollupMarks(Connection &connection, const Site &site)
+Result<QHash<QString, RollupMark>> rollupMarks(SqlChannel &connection, const Site &site)
 {
     const auto rows = connection.ask(site, QStringLiteral("select COLLECTOR,N,MARK from %1 union all select name,NULL,"
                                                           "seq from sqlite_sequence")
@@ -417,7 +418,7 @@ Result<QHash<QString, RollupMark>> rollupMarks(Connection &connection, const Sit
     return marks;
 }
 
-Status addToRollups(Connection &connection, const Site &site, const std::vector<RollupAddition> &additions)
+Status addToRollups(SqlChannel &connection, const Site &site, const std::vector<RollupAddition> &additions)
 {
     NewBuckets finest;
     QStringList rows;
@@ -436,6 +437,34 @@ Status addToRollups(Connection &connection, const Site &site, const std::vector<
     }
     return connection.run(site, QStringLiteral("insert or replace into ") + QLatin1String(series) +
                                     QLatin1String(" values ") + rows.join(QLatin1Char(',')));
+}
+
+Result<bool> addNextRows(SqlChannel &connection, const Site &site, const QString &table, qint64 most,
+                         RollupState &state)
+{
+    const auto rows =
+        connection.ask(site, QStringLiteral("select ID,DATETIME,Value from %1 where ID>%2 order by ID limit %3")
+                                 .arg(table, QString::number(state.mark), QString::number(most)));
+    if (!rows)
+        return rows.error();
+    TimeReader times(false);
+    Buckets buckets;
+    const qint64 width = state.levels.front();
+    for (const QStringList &row : *rows) {
+        const LocalTime time = times.read(row.at(1).constData(), row.at(1).size());
+        if (time.isValid())
+            buckets[secondsOf(time) / width * width].add(secondsOf(time), row.at(2));
+    }
+    const bool isAtEnd = rows->size() < most;
+    const qint64 mark = isAtEnd ? state.last : rows->last().at(0).toLongLong();
+    if (mark == state.mark)
+        return isAtEnd;
+    const QString marked = QStringLiteral("(select DATETIME||' '||Value from %1 where ID=%2)").arg(table).arg(mark);
+    if (const Status added = addToRollups(connection, site, {{table, state, &buckets, mark, marked}}); !added)
+        return added.error();
+    state.mark = mark;
+    state.front = state.frontWith(buckets);
+    return isAtEnd;
 }
 
 } // namespace device

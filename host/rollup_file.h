@@ -5,7 +5,8 @@
 #define DEVICE_ROLLUP_FILE_H
 
 #include "bucket.h"
-#include "connection.h"
+#include "device/table_name.h"
+#include "sql_channel.h"
 
 #include <QHash>
 
@@ -45,13 +46,13 @@ struct RollupState {
 qint64 bucketKey(qint64 number, qint64 width, qint64 time);
 
 /// Nothing for a table without rollups.
-Result<std::optional<RollupState>> rollupState(Connection &connection, const Site &site, const QString &table);
+Result<std::optional<RollupState>> rollupState(SqlChannel &connection, const Site &site, const QString &table);
 
 /// Within the caller's transaction: the rollups of a table are kept from now on, true if they were not before. Other
 /// levels than before begin anew.
-Result<bool> beginRollups(Connection &connection, const TableName &table, const TrendOptions &options);
+Result<bool> beginRollups(SqlChannel &connection, const TableName &table, const TrendOptions &options);
 /// The same: they are no longer kept; false if they were not.
-Result<bool> endRollups(Connection &connection, const TableName &table);
+Result<bool> endRollups(SqlChannel &connection, const TableName &table);
 
 /// Where the rollups of a table, and its IDs, end: enough to see whether somebody else stored rows.
 struct RollupMark {
@@ -61,7 +62,7 @@ struct RollupMark {
 };
 
 /// Of every table, by its name in lower case.
-Result<QHash<QString, RollupMark>> rollupMarks(Connection &connection, const Site &site);
+Result<QHash<QString, RollupMark>> rollupMarks(SqlChannel &connection, const Site &site);
 
 /// What the rows up to a new mark made.
 struct RollupAddition {
@@ -73,21 +74,26 @@ struct RollupAddition {
 };
 
 /// Within the caller's transaction. Few statements, however many tables: compiling them is what this costs.
-Status addToRollups(Connection &connection, const Site &site, const std::vector<RollupAddition> &additions);
+Status addToRollups(SqlChannel &connection, const Site &site, const std::vector<RollupAddition> &additions);
+
+/// Within the caller's transaction: sums up the rows above the mark, the first so many of them, and moves `state` on.
+/// Whether there were no more.
+Result<bool> addNextRows(SqlChannel &connection, const Site &site, const QString &table, qint64 most,
+                         RollupState &state);
 
 /// Within the caller's transaction: the table was emptied, so its rollups get another number and begin at the first ID.
-Status beginAnew(Connection &connection, const Site &site, const RollupState &state);
+Status beginAnew(SqlChannel &connection, const Site &site, const RollupState &state);
 
 /// Within the caller's transaction: the buckets of a level that begin before this second are removed; none of a table
 /// without rollups.
-Status removeRollupsBefore(Connection &connection, const Site &site, const QString &table, qint64 width, qint64 second);
+Status removeRollupsBefore(SqlChannel &connection, const Site &site, const QString &table, qint64 width, qint64 second);
 
 Site trendSite(const QString &table);
-Result<QStringList> tablesWithRollups(Connection &connection);
+Result<QStringList> tablesWithRollups(SqlChannel &connection);
 /// Numbers whose buckets nobody needs.
-Result<QVector<qint64>> rollupsOfNoTable(Connection &connection);
+Result<QVector<qint64>> rollupsOfNoTable(SqlChannel &connection);
 /// Removes some buckets of this number, which may have been given again; whether there is nothing more to remove.
-Result<bool> removeRollups(Connection &connection, qint64 number);
+Result<bool> removeRollups(SqlChannel &connection, qint64 number);
 
 } // namespace device
 

@@ -217,28 +217,9 @@ Status Rollups::catchUp(Connection &connection, Table &table)
             return {};
         if (!state->isOfThisTable)
             return beginAnew(connection, site, *state);
-        const auto rows =
-            connection.ask(site, QStringLiteral("select ID,DATETIME,Value from %1 where ID>%2 order by ID limit %3")
-                                     .arg(table.name, QString::number(state->mark), QString::number(m_rowsOfASlice)));
-        if (!rows)
-            return rows.error();
-        Buckets buckets;
-        const qint64 width = state->levels.front();
-        for (const QStringList &row : *rows) {
-            const LocalTime time = m_times.read(row.at(1).constData(), row.at(1).size());
-            if (time.isValid())
-                buckets[secondsOf(time) / width * width].add(secondsOf(time), row.at(2));
-        }
-        isAtEnd = rows->size() < m_rowsOfASlice;
-        const qint64 mark = isAtEnd ? state->last : rows->last().at(0).toLongLong();
-        if (mark == state->mark)
-            return {};
-        const QString marked =
-            QStringLiteral("(select DATETIME||' '||Value from %1 where ID=%2)").arg(table.name).arg(mark);
-        const Status added = addToRollups(connection, site, {{table.name, *state, &buckets, mark, marked}});
-        state->mark = mark;
-        state->front = state->frontWith(buckets);
-        return added;
+        const auto added = addNextRows(connection, site, table.name, m_rowsOfASlice, *state);
+        isAtEnd = added.valueOr(false);
+        return added ? Status() : added.error();
     });
     if (!done)
         return done;
