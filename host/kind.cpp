@@ -6,10 +6,6 @@
 namespace device
 {
 
-namespace
-{
-
-// A text for a time in the hour that the zone leaves out in spring: no QDateTime can be it.
 QVariant timeCell(LocalTime time, bool withMilliseconds)
 {
     const QDateTime here = time.toDateTime();
@@ -18,8 +14,6 @@ QVariant timeCell(LocalTime time, bool withMilliseconds)
         return here;
     return text;
 }
-
-} // namespace
 
 const QVector<Column> &Kind<Sample>::columns()
 {

@@ -17,6 +17,9 @@ struct Column {
     const char *title; ///< For people.
 };
 
+/// A time for a model: a QDateTime, or a text for a time in the hour that the zone leaves out in spring.
+QVariant timeCell(LocalTime time, bool withMilliseconds);
+
 /// What differs between the kinds of records: the columns after ID, and the two ways between a record and a row.
 /// Everything else is built from this.
 template<typename Record>

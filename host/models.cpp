@@ -52,6 +52,20 @@ std::optional<Record> recordIn(const QVariant &record)
 
 } // namespace
 
+QVariant shownCell(const QVariant &cell)
+{
+    if (cell.userType() == QMetaType::QDateTime) {
+        const QDateTime time = cell.toDateTime();
+        return time.toString(time.time().msec() == 0 ? QStringLiteral("yyyy-MM-dd hh:mm:ss")
+                                                     : QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz"));
+    }
+    if (cell.userType() == QMetaType::QTime)
+        return cell.toTime().toString(QStringLiteral("hh:mm:ss"));
+    if (cell.userType() == QMetaType::QDate)
+        return cell.toDate().toString(QStringLiteral("yyyy-MM-dd"));
+    return cell;
+}
+
 PagedModel::PagedModel(std::unique_ptr<Pages> pages, QObject *parent)
     : QAbstractTableModel(parent), m_pages(std::move(pages))
 {
@@ -107,17 +121,7 @@ QVariant PagedModel::data(const QModelIndex &index, int role) const
     if (!index.isValid() || index.row() >= m_pages->rows() || column < 0 || column >= columnCount())
         return QVariant();
     const QVariant cell = m_pages->cell(index.row(), column);
-    // A view writes a time in the locale's format, which leaves out seconds and milliseconds.
-    if (shown && cell.userType() == QMetaType::QDateTime) {
-        const QDateTime time = cell.toDateTime();
-        return time.toString(time.time().msec() == 0 ? QStringLiteral("yyyy-MM-dd hh:mm:ss")
-                                                     : QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz"));
-    }
-    if (shown && cell.userType() == QMetaType::QTime)
-        return cell.toTime().toString(QStringLiteral("hh:mm:ss"));
-    if (shown && cell.userType() == QMetaType::QDate)
-        return cell.toDate().toString(QStringLiteral("yyyy-MM-dd"));
-    return cell;
+    return shown ? shownCell(cell) : cell;
 }
 
 QVariant PagedModel::record(int row) const

@@ -10,6 +10,9 @@
 namespace device
 {
 
+/// A cell as a view shows it. Views format a QDateTime in the locale's short form, which drops seconds.
+QVariant shownCell(const QVariant &cell);
+
 /// What a PagedModel shows and how it comes there; what differs between the kinds of records is in its two questions.
 class PagedModel::Pages
 {

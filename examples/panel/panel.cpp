@@ -2,7 +2,7 @@
 //
 // A panel: a simulated boiler is sampled fifty times a second, alarms come and go with its temperature, the
 // operator acknowledges. Recording and reading happen on the recorders' threads; this file only wires them.
-#include "device/models.h"
+#include "trend_view.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -54,25 +54,34 @@ public:
     {
         setWindowTitle(QStringLiteral("Boiler"));
         m_history.createTable(m_boiler, {QStringLiteral("Boiler 1"), QStringLiteral("°C")});
+        m_history.keepTrend(m_boiler, {{TrendLevel::TenSeconds, TrendLevel::Minute, TrendLevel::TenMinutes,
+                                        TrendLevel::Hour, TrendLevel::Day}});
         m_alarms.createTable(m_alarmData);
         m_log.createTable(m_operatorLog);
         for (PagedModel *model : QList<PagedModel *>{&m_samples, &m_raised, &m_entries})
             model->setFollowing(true);
 
         auto *acknowledge = new QPushButton(QStringLiteral("Acknowledge"));
+        auto *trend = new TrendView(&m_trend, QStringLiteral("Boiler 1, °C"));
         auto *grid = new QGridLayout(this);
         grid->addWidget(m_temperature, 0, 0);
         grid->addWidget(acknowledge, 0, 1);
-        grid->addWidget(new QLabel(QStringLiteral("Samples")), 1, 0);
-        grid->addWidget(viewOf(&m_samples, {170}), 2, 0, 3, 1);
-        grid->addWidget(new QLabel(QStringLiteral("Alarms")), 1, 1);
-        grid->addWidget(viewOf(&m_raised, {45, 140, 65, 50, 55, 45, 190, 85}), 2, 1);
-        grid->addWidget(new QLabel(QStringLiteral("Operator log")), 3, 1);
-        grid->addWidget(viewOf(&m_entries, {170, 80, 80}), 4, 1);
-        grid->addWidget(m_health, 5, 0, 1, 2);
+        grid->addWidget(trend, 1, 0, 1, 2);
+        grid->addWidget(new QLabel(QStringLiteral("Samples")), 2, 0);
+        grid->addWidget(viewOf(&m_samples, {170}), 3, 0, 3, 1);
+        grid->addWidget(new QLabel(QStringLiteral("Alarms")), 2, 1);
+        grid->addWidget(viewOf(&m_raised, {45, 140, 65, 50, 55, 45, 190, 85}), 3, 1);
+        grid->addWidget(new QLabel(QStringLiteral("Operator log")), 4, 1);
+        grid->addWidget(viewOf(&m_entries, {170, 80, 80}), 5, 1);
+        grid->addWidget(m_health, 6, 0, 1, 2);
+        grid->setRowStretch(1, 2);
+        grid->setRowStretch(3, 1);
+        grid->setRowStretch(5, 1);
         grid->setColumnStretch(0, 2);
         grid->setColumnStretch(1, 5);
 
+        // Not for the last rows, which are stored when the model is gone.
+        connect(&m_history, &Recorder::stored, &m_trend, [trend] { trend->follow(); });
         connect(acknowledge, &QPushButton::clicked, this, [this] { log(QStringLiteral("Acknowledged")); });
         connect(&m_alarms, &AlarmRecorder::raised, this, [this](const Alarm &alarm) { m_state = alarm.description; });
         connect(&m_alarms, &AlarmRecorder::ended, this, [this] { m_state.clear(); });
@@ -153,6 +162,7 @@ private:
     SampleModel m_samples{&m_history, m_boiler};
     AlarmModel m_raised{&m_alarms, m_alarmData};
     LogModel m_entries{&m_log, m_operatorLog};
+    TrendModel m_trend{&m_history, m_boiler};
 };
 
 } // namespace
@@ -175,7 +185,7 @@ int main(int argc, char **argv)
     if (!library)
         qFatal("%s", qPrintable(library.error().text()));
     Panel panel(*library, parser.value(folder));
-    panel.resize(1150, 620);
+    panel.resize(1150, 800);
     panel.show();
     if (parser.isSet(picture)) {
         QTimer::singleShot(int(parser.value(seconds).toDouble() * 1000), &panel,
