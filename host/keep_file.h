@@ -5,6 +5,7 @@
 #define DEVICE_KEEP_FILE_H
 
 #include "device/retention.h"
+#include "device/table_name.h"
 #include "sql_channel.h"
 
 #include <QHash>
