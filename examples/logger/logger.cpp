@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
 // A data logger: 50 series at 10 Hz, an alarm for each that is too high, the operator log, the latest values once a
-// second, and an end on SIGINT or SIGTERM that loses nothing. Usage: device_logger [LIBRARY [FOLDER]]
-#include "device/recorder.h"
+// second, a trend of the first series for a browser (FOLDER/trend.html), and an end on SIGINT or SIGTERM that loses
+// nothing. Usage: device_logger [LIBRARY [FOLDER]]
+#include "device/models.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QSaveFile>
 #include <QTextStream>
 #include <QTimer>
 
@@ -42,6 +44,7 @@ int main(int argc, char **argv)
     for (int i = 0; i < seriesCount; ++i) {
         tables << TableName::from(QStringLiteral("Series%1").arg(i)).value();
         history.createTable(tables.last(), {QStringLiteral("Sensor %1").arg(i), QStringLiteral("°C")});
+        history.keepTrend(tables.last(), {{TrendLevel::TenSeconds, TrendLevel::Minute, TrendLevel::Hour}});
     }
     alarms.createTable(alarmTable);
     log.createTable(logTable);
@@ -62,11 +65,7 @@ int main(int argc, char **argv)
         const LocalTime now = LocalTime::now();
         for (int i = (++tick, 0); i < seriesCount; ++i) {
             const Sample sample(now, 50 + 46 * std::sin(tick / 40.0 + i));
-            Alarm alarm;
-            alarm.start = now;
-            alarm.object = tables.at(i).text();
-            alarm.type = QStringLiteral("High");
-            alarm.value = sample.value;
+            const Alarm alarm{0, now, tables.at(i).text(), QStringLiteral("High"), sample.value, {}, {}, {}};
             check(history.record(tables.at(i), sample));
             const bool wasHigh = std::exchange(high[i], sample.number() > limit);
             if (high.at(i) && (!wasHigh || tick == 1))
@@ -77,7 +76,22 @@ int main(int argc, char **argv)
         if (interrupted)
             QCoreApplication::quit();
     });
+    TrendModel trend(&history, tables.first());
+    QObject::connect(&trend, &TrendModel::trendChanged, [&] {
+        const QString rect = QStringLiteral("<rect x='%1' y='%2' width='1' height='%3'/>");
+        QString html = QStringLiteral("<meta http-equiv='refresh' content='1'>Sensor 0, the last hour, 0 to 100 °C<hr>"
+                                      "<svg viewBox='-360 -100 360 100' width='100%' fill='steelblue'>");
+        for (const TrendColumn &column : trend.trend().columns) {
+            const double least = column.lowest.number().value_or(0), most = column.highest.number().value_or(0);
+            const qint64 age = column.from.toDateTime().secsTo(QDateTime::currentDateTime());
+            html += rect.arg(double(-age) / 10).arg(-most).arg(most - least + 0.5);
+        }
+        QSaveFile page(folder.filePath(QStringLiteral("trend.html")));
+        if (!page.open(QIODevice::WriteOnly) || page.write(html.toUtf8()) < 0 || !page.commit())
+            errors << page.fileName() << ": " << page.errorString() << Qt::endl;
+    });
     QObject::connect(&showing, &QTimer::timeout, [&] {
+        trend.show(TrendQuery::between(QDateTime::currentDateTime().addSecs(-3599), LocalTime::now()).columns(361));
         const auto question = [&](HistoryStore &store) { return store.latest(tables); };
         history.ask(nullptr, question, [&](const Result<QList<Latest<Sample>>> &latest) {
             if (latest && latest->first().record)

@@ -69,6 +69,16 @@ TrendView::TrendView(TrendModel *model, const QString &title, QWidget *parent)
     showLatest();
 }
 
+LocalTime TrendView::from() const
+{
+    return timeOf(m_from);
+}
+
+LocalTime TrendView::to() const
+{
+    return timeOf(m_to);
+}
+
 void TrendView::follow()
 {
     if (!m_isLatest)
@@ -103,7 +113,7 @@ void TrendView::zoom(double factor, double around)
 
 void TrendView::ask()
 {
-    m_model->show(TrendQuery::between(timeOf(m_from), timeOf(m_to)).columns(std::max(1, int(area().width()))));
+    m_model->show(TrendQuery::between(from(), to()).columns(std::max(1, int(area().width()))));
 }
 
 QRectF TrendView::area() const
@@ -127,8 +137,7 @@ void TrendView::paintEvent(QPaintEvent *)
     QPainter painter(this);
     painter.fillRect(rect(), palette().base());
     const char format[] = "yyyy-MM-dd hh:mm:ss";
-    QString text =
-        QStringLiteral("%1, %2 to %3").arg(m_title, textOf(timeOf(m_from), format), textOf(timeOf(m_to), format));
+    QString text = QStringLiteral("%1, %2 to %3").arg(m_title, textOf(from(), format), textOf(to(), format));
     if (!m_model->errorText().isEmpty())
         text = m_model->errorText();
     painter.drawText(QRectF(rect()).adjusted(6, 3, -6, 0), Qt::AlignTop, text);
@@ -171,7 +180,7 @@ void TrendView::drawTimes(QPainter &painter) const
         return;
     }
     const auto step = std::lower_bound(std::begin(months), std::end(months) - 1, least / (30 * day));
-    const QDate first = timeOf(m_from).date();
+    const QDate first = from().date();
     for (int at = (first.year() * 12 + first.month() + *step - 1) / *step * *step;
          at < 120000 && secondsOf(startOfMonth(at)) <= m_to; at += *step)
         mark(startOfMonth(at), *step < 12 ? "yyyy-MM" : "yyyy");

@@ -16,6 +16,9 @@ public:
     /// Keeps up with the clock unless the operator looks at the past. To be called when rows were stored.
     void follow();
 
+    device::LocalTime from() const;
+    device::LocalTime to() const;
+
     QSize sizeHint() const override { return {600, 240}; }
 
 protected:

@@ -1,5 +1,7 @@
 # SPDX-License-Identifier: MIT
-"""Runs examples/logger twice, ends it by a signal and looks at what it recorded."""
+"""Runs examples/logger twice, ends it by a signal and looks at what it recorded and at its trend page."""
+import os
+import re
 import signal
 import sqlite3
 import subprocess
@@ -10,14 +12,29 @@ program, library = sys.argv[1:3]
 
 
 def run(folder):
-    """One life of the logger: until its first line with latest values, then SIGTERM. Its last lines."""
+    """One life of the logger: until it has written latest values and its trend page, then SIGTERM. Its last lines."""
     logger = subprocess.Popen([program, library, folder], stdout=subprocess.PIPE, text=True)
     first = logger.stdout.readline()
     assert "and 49 others" in first, first
+    while columns_of_page(folder) == 0:
+        assert "and 49 others" in logger.stdout.readline(), "it ended before its trend page"
     logger.send_signal(signal.SIGTERM)
     rest = logger.stdout.read()
     assert logger.wait() == 0, "it lost rows"
     return rest
+
+
+def columns_of_page(folder):
+    """How many columns the trend page has; their heights are as the values, within 4 to 96."""
+    if not os.path.exists(f"{folder}/trend.html"):
+        return 0
+    with open(f"{folder}/trend.html", encoding="utf-8") as page:
+        text = page.read()
+    assert "Sensor 0, the last hour" in text, text
+    columns = re.findall(r"<rect x='(\S+)' y='-(\S+)' width='1' height='(\S+)'/>", text)
+    for time, highest, height in columns:
+        assert -361 <= float(time) <= 0 and 4 <= float(highest) <= 96 and 0.5 <= float(height) <= 92.5, text
+    return len(columns)
 
 
 def value(folder, name, sql):
