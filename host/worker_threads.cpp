@@ -202,9 +202,11 @@ void Recorder::Worker::storeBatch()
     Status stored = tryToStore();
     // The log can begin anew, and rows can go: what was full is not for long.
     if (!stored && device::isFull(stored.error()) && m_retention.room().isLimited()) {
-        stored = makeRoomInFile();
-        if (stored)
+        const Status made = makeRoomInFile();
+        if (made)
             stored = tryToStore();
+        else if (!device::isFull(made.error()))
+            stored = made;
     }
     if (stored) {
         m_rollups.written();

@@ -44,6 +44,10 @@ int write(sqlite3_file *file, const void *data, int size, sqlite3_int64 offset)
 {
     if (fails(FaultyDisk::Full))
         return SQLITE_FULL;
+    sqlite3_int64 end = 0;
+    if (times[FaultyDisk::NoLonger] > 0 && realOf(file)->xFileSize(file, &end) == SQLITE_OK && offset + size > end &&
+        fails(FaultyDisk::NoLonger))
+        return SQLITE_FULL;
     if (fails(FaultyDisk::WriteFails))
         return SQLITE_IOERR_WRITE;
     return realOf(file)->xWrite(file, data, size, offset);

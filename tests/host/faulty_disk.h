@@ -8,6 +8,7 @@ class FaultyDisk
 public:
     enum Fault {
         Full,         ///< Writing: no room.
+        NoLonger,     ///< Writing behind the end of a file: no room, as when another program has filled the disk.
         WriteFails,   ///< Writing: an I/O error.
         SyncFails,    ///< Syncing: an I/O error.
         DeleteFails,  ///< Deleting a journal: an I/O error, and it stays.
