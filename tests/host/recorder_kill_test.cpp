@@ -21,7 +21,7 @@ class RecorderKill : public HostTest
 {
 protected:
     // In the child: records without end, and writes each number of stored rows into the pipe.
-    [[noreturn]] void recordForEver(Profile profile, int pipe, int first) const
+    [[noreturn]] void recordForEver(Profile profile, int pipe, int first, const Keep &keep) const
     {
         RecorderOptions options;
         options.file.profile = profile;
@@ -37,6 +37,7 @@ protected:
         });
         recorder.createTable(boiler);
         recorder.keepTrend(boiler);
+        recorder.keep(boiler, keep);
         if (!recorder.start())
             _exit(2);
         for (int number = first;;) {
@@ -50,20 +51,47 @@ protected:
         }
     }
 
-    // The trend of the file, at most so many columns, is that of its rows.
-    void expectTrend(int columns) const
+    // The trend of the file, at most so many columns, is that of these rows.
+    void expectTrend(const QString &from, const QString &to, int columns, const Rows &rows) const
     {
-        const QString from = "2024-05-06 00:00:10"_q;
-        const QString to = "2024-05-06 23:59:49"_q;
         auto store = require(HistoryStore::open(library(), path()));
         const auto trend =
             require(store.trend(table("Boiler"_q), TrendQuery::between(at(from), at(to)).columns(columns)));
-        const Rows rows = rowsOf(path(), "select ID,DATETIME,Value from Boiler order by ID"_q);
         expectSameColumns(trend.columns, columnsOf(rows, from, to, trend.width.count()));
     }
+    // The numbers that are in the file end where they should, and none is missing behind the first. How many there
+    // were in all.
+    int expectRows(qint32 announced, const Keep &keep, int columns) const
+    {
+        const Rows rows = rowsOf(path(), "select ID,DATETIME,Value from Boiler order by ID"_q);
+        const int first = rows.isEmpty() ? 0 : rows.first().at(2).toInt();
+        const int end = first + int(rows.size());
+        EXPECT_GE(end, announced);
+        for (int i = 0; i < rows.size(); ++i) {
+            EXPECT_EQ(rows.at(i).at(2), QString::number(first + i));
+            EXPECT_EQ(rows.at(i).first(), QString::number(first + i + 1));
+        }
+        if (keep.rows < 0) {
+            EXPECT_EQ(first, 0);
+            expectTrend("2024-05-06 00:00:10"_q, "2024-05-06 23:59:49"_q, columns, rows);
+            return end;
+        }
+        EXPECT_TRUE(first == 0 || rows.size() >= keep.rows) << first << ' ' << rows.size();
+        EXPECT_EQ(valueOf(path(), "select ifnull(sum(TRIMMED),0) from \"device keep\" where COLLECTOR='Boiler'"_q),
+                  QString::number(first));
+        Rows all; // those that were removed are in the trend, too
+        for (int i = 0; i < end; ++i) {
+            const Sample sample = numbered(i);
+            all << QStringList{QString::number(i + 1), sample.time.toDateTime().toString("yyyy-MM-dd hh:mm:ss"_q),
+                               sample.value};
+        }
+        expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, columns, all);
+        return end;
+    }
+    void killAgainAndAgain(const Keep &keep) const;
 };
 
-TEST_F(RecorderKill, LosesNothingThatWasAnnounced)
+void RecorderKill::killAgainAndAgain(const Keep &keep) const
 {
     const int kills =
         qEnvironmentVariableIsSet("DEVICE_HOST_KILLS") ? qEnvironmentVariableIntValue("DEVICE_HOST_KILLS") : 12;
@@ -80,7 +108,7 @@ TEST_F(RecorderKill, LosesNothingThatWasAnnounced)
             ASSERT_EQ(pipe(ends), 0);
             const pid_t child = fork();
             if (child == 0)
-                recordForEver(profile, ends[1], inFile);
+                recordForEver(profile, ends[1], inFile, keep);
             close(ends[1]);
             // From the first announcement on, so that slow machines are killed at work too.
             qint32 announced = inFile;
@@ -95,15 +123,23 @@ TEST_F(RecorderKill, LosesNothingThatWasAnnounced)
             ASSERT_TRUE(WIFSIGNALED(status)) << "it ended by itself: " << status;
             EXPECT_GT(announced, inFile);
             announcedInAll += announced - inFile;
-            const Rows rows = rowsOf(path(), "select Value from Boiler order by ID"_q);
-            ASSERT_GE(rows.size(), announced);
-            for (int i = 0; i < rows.size(); ++i)
-                ASSERT_EQ(rows.at(i).first(), QString::number(i));
-            expectTrend(1 + kill % 7 * 50);
-            inFile = int(rows.size());
+            inFile = expectRows(announced, keep, 1 + kill % 7 * 50);
+            ASSERT_FALSE(HasFailure());
         }
     }
     std::printf("%d kills, %lld rows announced before them\n", (kills + 2) / 3 * 3, announcedInAll);
+}
+
+TEST_F(RecorderKill, LosesNothingThatWasAnnounced)
+{
+    killAgainAndAgain({});
+}
+
+TEST_F(RecorderKill, LosesNothingOfATrendWhoseRowsAreRemovedAndNoMoreThanTheRuleSays)
+{
+    Keep keep;
+    keep.rows = 700;
+    killAgainAndAgain(keep);
 }
 
 } // namespace
