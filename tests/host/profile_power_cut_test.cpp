@@ -5,9 +5,11 @@
 #include "host_test.h"
 #include "power_cut.h"
 
-#include "device/store.h"
+#include "device/recorder.h"
+#include "trend_reference.h"
 
 using namespace device;
+using std::chrono::milliseconds;
 
 namespace
 {
@@ -106,6 +108,95 @@ TEST_P(ProfilePowerCut, TakesWhatIsNotSyncedYetOfFlashAlone)
     }
     EXPECT_EQ(lost > 0, GetParam() == Profile::Flash) << lost << " of 50";
     EXPECT_GT(found, 0) << "checkpoints sync";
+}
+
+// A recorder that keeps a trend and removes old rows. Only its own thread uses the disk.
+class RecorderPowerCut : public ProfilePowerCut
+{
+protected:
+    static constexpr int rowsKept = 60;
+    const QString path = "/store.db"_q;
+
+    static Sample sampleOf(int number)
+    {
+        return {at("2024-05-06 00:00:00"_q).toDateTime().addSecs(number * 40), QString::number(number % 37)};
+    }
+
+    std::vector<DiskEvent> recordOfALife()
+    {
+        disk.record();
+        RecorderOptions options;
+        options.file.profile = GetParam();
+        options.file.checkpointPages = 8;
+        options.batchRows = batchRows;
+        HistoryRecorder recorder(library, path, options);
+        require(recorder.start());
+        recorder.createTable(boiler);
+        recorder.keepTrend(boiler);
+        Keep keep;
+        keep.rows = rowsKept;
+        recorder.keep(boiler, keep);
+        for (int batch = 0; batch < batches; ++batch) {
+            for (int i = 0; i < batchRows; ++i)
+                require(recorder.record(boiler, sampleOf(batch * batchRows + i)));
+            require(recorder.flush(milliseconds(20000)));
+            disk.note(batch + 1);
+        }
+        require(recorder.stop(milliseconds(20000)));
+        EXPECT_GT(recorder.health().trimmed, 0);
+        return disk.takeRecord();
+    }
+
+    // How many rows were stored in all, those included that were removed.
+    int expectWhole(const MemoryDisk::Files &left)
+    {
+        disk.setFiles(left);
+        EXPECT_EQ(valueOf(path, "pragma integrity_check"_q), "ok"_q);
+        HistoryStore store = require(HistoryStore::open(library, path));
+        require(store.createTable(boiler));
+        const QList<Sample> rows = require(store.read(boiler, Query<Sample>().oldestFirst()));
+        const int first = rows.isEmpty() ? 0 : int(rows.first().id) - 1;
+        const int end = first + int(rows.size());
+        Rows all;
+        for (int i = 0; i < end; ++i) {
+            const Sample sample = sampleOf(i);
+            all << QStringList{QString::number(i + 1), sample.time.toDateTime().toString("yyyy-MM-dd hh:mm:ss"_q),
+                               sample.value};
+            if (i >= first) {
+                EXPECT_EQ(rows.at(i - first), sample);
+            }
+        }
+        EXPECT_TRUE(first == 0 || rows.size() >= rowsKept) << first << " removed, " << rows.size() << " left";
+        const QString from = "2024-05-06 00:00:00"_q;
+        const QString to = "2024-05-06 23:59:59"_q;
+        const Trend trend = require(store.trend(boiler, TrendQuery::between(at(from), at(to)).columns(100)));
+        expectSameColumns(trend.columns, columnsOf(all, from, to, trend.width.count()));
+        return end;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Profiles, RecorderPowerCut, ::testing::Values(Profile::Durable, Profile::Flash),
+                         [](const auto &each) { return each.param == Profile::Durable ? "Durable" : "Flash"; });
+
+TEST_P(RecorderPowerCut, LeavesATrendOfAllRowsAndNeverFewerThanAreKept)
+{
+    const int cuts = fromEnvironment("DEVICE_FAULTS_CUTS", 50);
+    const int seed = fromEnvironment("DEVICE_FAULTS_SEED", 1);
+    PowerCuts power(recordOfALife());
+    for (int i = 0; i < cuts; ++i) {
+        SCOPED_TRACE(::testing::Message() << "cut " << i << " of " << cuts << ", DEVICE_FAULTS_SEED=" << seed);
+        std::seed_seq seeds{seed, i};
+        std::mt19937 random(seeds);
+        power.goTo(int(qint64(i) * power.moments() / cuts));
+        const int acknowledged = std::max(0, power.noted()) * batchRows;
+        const int found = expectWhole(power.cut(random, 512));
+        if (GetParam() == Profile::Durable) {
+            EXPECT_GE(found, acknowledged);
+        }
+        if (HasFailure())
+            return;
+    }
+    std::printf("%d power cuts while rows are removed\n", cuts);
 }
 
 } // namespace

@@ -433,7 +433,8 @@ TEST_F(Trends, AreThoseOfTheRowsAfterEveryFaultOfTheDisk)
 }
 
 // Random histories: rows in batches, late, with steps of the clock, without a number, by other programs, by a recorder
-// that begins again; emptied tables. After each step a random zoom is compared with the rows.
+// that begins again; emptied tables; old rows that are removed. After each step a random zoom is compared with the
+// rows, those that were removed included.
 TEST_F(Trends, AreThoseOfTheRowsWhateverHappens)
 {
     const int pairs = numberOf("DEVICE_TREND_PAIRS", 120);
@@ -464,6 +465,13 @@ TEST_F(Trends, AreThoseOfTheRowsWhateverHappens)
         if (upTo(3) == 0)
             trend.levels.removeAt(1 + upTo(int(trend.levels.size()) - 1));
         auto recorder = trendRecorder(trend);
+        const bool trims = upTo(2) == 0;
+        if (trims) {
+            Keep keep;
+            keep.rows = 500 + upTo(1500);
+            recorder->keep(boiler, keep);
+        }
+        std::map<qint64, QStringList> known; // by ID
         LocalTime now = at("2024-02-28 12:00:00"_q);
         const auto later = [&now](int seconds) { now = LocalTime(now.toDateTime().addSecs(seconds)); };
         for (int step = 0; step < 30 && pair < pairs; ++step, ++pair) {
@@ -479,8 +487,10 @@ TEST_F(Trends, AreThoseOfTheRowsWhateverHappens)
                 later(upTo(2) ? -upTo(7200) : upTo(7 * 86400)); // the clock was set
                 break;
             case 3:
-                if (upTo(4) == 0)
+                if (upTo(4) == 0) {
                     OtherProgram(path()).run("delete from Boiler; update sqlite_sequence set seq=0"_q);
+                    known.clear();
+                }
                 break;
             case 4:
                 OtherProgram(path()).run("insert into Boiler values(NULL,'yesterday','1'),(NULL,NULL,NULL)"_q);
@@ -496,14 +506,23 @@ TEST_F(Trends, AreThoseOfTheRowsWhateverHappens)
                 require(recorder->record(boiler, {when, valueText()}));
             }
             require(recorder->flush(milliseconds(20000)));
-            const QDateTime from = now.toDateTime().addSecs(-qint64(upTo(2) ? upTo(3000) : upTo(20 * 86400)));
-            const QDateTime to = from.addSecs(upTo(2) ? upTo(5000) : upTo(30 * 86400));
+            for (const QStringList &row : rowsOfFile())
+                known[row.first().toLongLong()] = row;
+            QDateTime from = now.toDateTime().addSecs(-qint64(upTo(2) ? upTo(3000) : upTo(20 * 86400)));
+            QDateTime to = from.addSecs(upTo(2) ? upTo(5000) : upTo(30 * 86400));
+            int columns = 1 + upTo(200);
+            if (trims) { // whole buckets are what is left of removed rows
+                const int width = trend.levels.first() == TrendLevel::TenSeconds ? 10 : 60;
+                from = from.addSecs(-from.time().second() % width);
+                to = from.addSecs((from.secsTo(to) / width + 1) * width - 1);
+                columns = int(std::min<qint64>(columns, (from.secsTo(to) + 1) / width));
+            }
             Rows timed;
-            for (const QStringList &row : rowsOfFile()) {
+            for (const auto &[id, row] : known) {
                 if (at(row.at(1)).isValid())
                     timed << row;
             }
-            expectTrend(text(from), text(to), 1 + upTo(200), timed);
+            expectTrend(text(from), text(to), columns, timed);
             if (HasFatalFailure())
                 FAIL() << "pair " << pair << ", " << text(from).toStdString() << " to " << text(to).toStdString();
         }
