@@ -228,7 +228,7 @@ void TrendModel::Asking::replace(const Trend &trend)
 void TrendModel::Asking::end()
 {
     m_isAsking = false;
-    m_isNew = std::exchange(m_superseded, false);
+    m_isNew = std::exchange(m_superseded, false) && m_recorder; // a slot may have deleted it
     const bool again = std::exchange(m_askAgain, false);
     if (m_isNew)
         ask();

@@ -485,6 +485,46 @@ TEST_F(TrendModels, AModelMayBeDeletedInASlotOfItsOwn)
     deletedBy(table("Missing"_q), &TrendModel::errorChanged);
 }
 
+TEST_F(TrendModels, ARecorderMayBeDeletedInASlot)
+{
+    recorderOfSeconds(600);
+    const auto deletedBy = [&](const auto signal) {
+        auto recorder = std::make_unique<HistoryRecorder>(library(), path(), options);
+        require(recorder->start());
+        TrendModel model(recorder.get(), boiler);
+        show(model, minutes(10, 60));
+        QObject::connect(&model, signal, [&] {
+            model.show(minutes(10, 20));
+            recorder.reset();
+        });
+        model.show(minutes(5, 5));
+        ASSERT_TRUE(eventually([&] { return !recorder; }));
+        QCoreApplication::processEvents();
+        EXPECT_TRUE(model.errorText().contains("gone"_q)) << model.errorText().toStdString();
+        EXPECT_FALSE(model.busy());
+    };
+    deletedBy(&TrendModel::modelAboutToBeReset);
+    deletedBy(&TrendModel::modelReset);
+    deletedBy(&TrendModel::trendChanged);
+    deletedBy(&TrendModel::countChanged);
+}
+
+TEST_F(TrendModels, AColumnInTheHourThatSummerTimeLeavesOutIsShown)
+{
+    qputenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
+    tzset();
+    const QDate day(2024, 3, 31);
+    const auto recorder = recorderOf(Profile::Durable);
+    require(recorder->record(boiler, {LocalTime(day, QTime(2, 30)), "1"_q}));
+    require(recorder->flush(milliseconds(20000)));
+    TrendModel model(recorder.get(), boiler);
+    show(model, TrendQuery::between(LocalTime(day, QTime(2, 0)), LocalTime(day, QTime(2, 59))).columns(60));
+    EXPECT_EQ(model.index(0, TrendModel::Time).data().toString(), "2024-03-31 02:30:00"_q);
+    EXPECT_EQ(model.index(0, TrendModel::End).data().toString(), "2024-03-31 02:31:00"_q);
+    qputenv("TZ", "UTC");
+    tzset();
+}
+
 TEST_F(TrendModels, ASlotThatRunsAnEventLoopGetsTheNextAnswer)
 {
     const auto recorder = recorderOfSeconds(600);
