@@ -138,7 +138,6 @@ TrendModel::Asking::Asking(TrendModel *model, HistoryRecorder *recorder, const T
     QObject::connect(recorder, &Recorder::ready, model, again);
     QObject::connect(recorder, &Recorder::recovered, model, again);
     QObject::connect(recorder, &QObject::destroyed, model, [this] {
-        m_isAsking = m_isNew = m_superseded = m_askAgain = false;
         m_error = QStringLiteral("the recorder of this model is gone");
         report();
     });
@@ -229,10 +228,8 @@ void TrendModel::Asking::replace(const Trend &trend)
 void TrendModel::Asking::end()
 {
     m_isAsking = false;
-    m_isNew = std::exchange(m_superseded, false);
+    m_isNew = std::exchange(m_superseded, false) && m_recorder; // a slot may have deleted it
     const bool again = std::exchange(m_askAgain, false);
-    if (!m_recorder)
-        return;
     if (m_isNew)
         ask();
     else if (again)

@@ -66,7 +66,7 @@ TrendView::TrendView(TrendModel *model, const QString &title, QWidget *parent)
     grabGesture(Qt::PinchGesture);
     for (const auto signal : {&TrendModel::trendChanged, &TrendModel::errorChanged, &TrendModel::busyChanged})
         connect(model, signal, this, [this] { update(); });
-    showLatest();
+    showLatest(latest);
 }
 
 LocalTime TrendView::from() const
@@ -81,16 +81,15 @@ LocalTime TrendView::to() const
 
 void TrendView::follow()
 {
-    if (!m_isLatest)
-        return;
-    const double now = secondsOf(LocalTime::now());
-    setRange(now - (m_to - m_from), now);
+    if (m_isLatest)
+        showLatest(m_to - m_from);
 }
 
-void TrendView::showLatest()
+void TrendView::showLatest(double span)
 {
     const double now = secondsOf(LocalTime::now());
-    setRange(now - latest, now);
+    setRange(now - span, now);
+    m_isLatest = true; // even if the clock went on in between
 }
 
 void TrendView::setRange(double from, double to)
@@ -257,7 +256,7 @@ void TrendView::mouseMoveEvent(QMouseEvent *event)
 
 void TrendView::mouseDoubleClickEvent(QMouseEvent *event)
 {
-    showLatest();
+    showLatest(latest);
     m_grabbed = timeAt(event->pos().x());
 }
 
@@ -276,7 +275,7 @@ void TrendView::keyPressEvent(QKeyEvent *event)
     case Qt::Key_Minus:
         return zoom(2, (m_from + m_to) / 2);
     case Qt::Key_Home:
-        return showLatest();
+        return showLatest(latest);
     default:
         QWidget::keyPressEvent(event);
     }

@@ -37,7 +37,7 @@ private:
     double timeAt(double x) const;
     void setRange(double from, double to);
     void zoom(double factor, double around);
-    void showLatest();
+    void showLatest(double span);
     void ask();
     void drawTimes(QPainter &painter) const;
     void drawValues(QPainter &painter, double low, double high) const;

@@ -175,6 +175,48 @@ TEST_F(TrendModels, AQuestionThatTakesLongIsGivenUpForANewerOne)
     EXPECT_EQ(answers.count(), 2);
 }
 
+TEST_F(TrendModels, AnAnswerThatComesSoonIsShownWhileANewerOneIsAwaited)
+{
+    const auto recorder = recorderOfSeconds(600);
+    TrendModel model(recorder.get(), boiler);
+    QVector<int> shown;
+    QObject::connect(&model, &TrendModel::trendChanged, [&] { shown << model.rowCount(); });
+    Gate gate(*recorder);
+    model.show(minutes(10, 10));
+    model.show(minutes(10, 20));
+    model.show(minutes(10, 60));
+    gate.open();
+    std::promise<void> done; // of the question after the first one's, so that the first is answered for certain
+    recorder->ask(
+        nullptr, [&](HistoryStore &) { return done.set_value(), true; }, [](const Result<bool> &) {});
+    done.get_future().wait();
+    ASSERT_TRUE(eventually([&] { return !model.busy(); }));
+    EXPECT_EQ(shown, (QVector<int>{10, 60}));
+}
+
+TEST_F(TrendModels, AsksForNothingByItself)
+{
+    const TableName other = table("Other"_q);
+    const auto recorder = recorderOfSeconds(60);
+    recorder->createTable(other);
+    require(recorder->flush(milliseconds(20000)));
+    TrendModel still(recorder.get(), boiler), follower(recorder.get(), boiler);
+    follower.setFollowing(true);
+    show(still, minutes(10));
+    show(follower, minutes(10));
+    const QSignalSpy first(&still, &TrendModel::trendChanged), second(&follower, &TrendModel::trendChanged);
+    require(recorder->record(other, {noon, "1"_q}));
+    require(recorder->flush(milliseconds(20000)));
+    bool longerThanAFollowerWaits = false;
+    QTimer::singleShot(600, [&] { longerThanAFollowerWaits = true; });
+    ASSERT_TRUE(eventually([&] { return longerThanAFollowerWaits; }));
+    EXPECT_EQ(second.count(), 0) << "rows of another table";
+    require(recorder->record(boiler, {noon, "1"_q}));
+    ASSERT_TRUE(
+        eventually([&] { return follower.trend().columns.first().rows == still.trend().columns.first().rows + 1; }));
+    EXPECT_EQ(first.count(), 0) << "it does not follow";
+}
+
 TEST_F(TrendModels, ARefreshDoesNotEndTheQuestionThatRuns)
 {
     const auto recorder = recorderOfSeconds(60);
@@ -387,6 +429,11 @@ TEST_F(TrendModels, ARecorderIsDeletedWhileAQuestionRuns)
         EXPECT_FALSE(model.busy());
         EXPECT_EQ(busy.count() % 2, 0);
     }
+    auto neverStarted = std::make_unique<HistoryRecorder>(library(), path(), options);
+    TrendModel model(neverStarted.get(), boiler);
+    model.show(minutes(10, 600));
+    neverStarted.reset();
+    EXPECT_FALSE(model.busy());
 }
 
 TEST_F(TrendModels, AModelIsDeletedWhileAQuestionRuns)
@@ -436,6 +483,46 @@ TEST_F(TrendModels, AModelMayBeDeletedInASlotOfItsOwn)
     deletedBy(boiler, &TrendModel::modelAboutToBeReset);
     deletedBy(boiler, &TrendModel::modelReset);
     deletedBy(table("Missing"_q), &TrendModel::errorChanged);
+}
+
+TEST_F(TrendModels, ARecorderMayBeDeletedInASlot)
+{
+    recorderOfSeconds(600);
+    const auto deletedBy = [&](const auto signal) {
+        auto recorder = std::make_unique<HistoryRecorder>(library(), path(), options);
+        require(recorder->start());
+        TrendModel model(recorder.get(), boiler);
+        show(model, minutes(10, 60));
+        QObject::connect(&model, signal, [&] {
+            model.show(minutes(10, 20));
+            recorder.reset();
+        });
+        model.show(minutes(5, 5));
+        ASSERT_TRUE(eventually([&] { return !recorder; }));
+        QCoreApplication::processEvents();
+        EXPECT_TRUE(model.errorText().contains("gone"_q)) << model.errorText().toStdString();
+        EXPECT_FALSE(model.busy());
+    };
+    deletedBy(&TrendModel::modelAboutToBeReset);
+    deletedBy(&TrendModel::modelReset);
+    deletedBy(&TrendModel::trendChanged);
+    deletedBy(&TrendModel::countChanged);
+}
+
+TEST_F(TrendModels, AColumnInTheHourThatSummerTimeLeavesOutIsShown)
+{
+    qputenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
+    tzset();
+    const QDate day(2024, 3, 31);
+    const auto recorder = recorderOf(Profile::Durable);
+    require(recorder->record(boiler, {LocalTime(day, QTime(2, 30)), "1"_q}));
+    require(recorder->flush(milliseconds(20000)));
+    TrendModel model(recorder.get(), boiler);
+    show(model, TrendQuery::between(LocalTime(day, QTime(2, 0)), LocalTime(day, QTime(2, 59))).columns(60));
+    EXPECT_EQ(model.index(0, TrendModel::Time).data().toString(), "2024-03-31 02:30:00"_q);
+    EXPECT_EQ(model.index(0, TrendModel::End).data().toString(), "2024-03-31 02:31:00"_q);
+    qputenv("TZ", "UTC");
+    tzset();
 }
 
 TEST_F(TrendModels, ASlotThatRunsAnEventLoopGetsTheNextAnswer)
