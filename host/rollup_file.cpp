@@ -224,6 +224,14 @@ qint64 bucketKey(qint64 number, qint64 width, qint64 time)
     return (((number << bitsOfLevel) | level) << bitsOfTime) | (time / width);
 }
 
+QStringList creationOfRollups()
+{
+    return {QStringLiteral("create table %1(K INTEGER PRIMARY KEY,D text)").arg(QLatin1String(trend)),
+            QStringLiteral("create table %1(N INTEGER PRIMARY KEY,COLLECTOR text UNIQUE COLLATE NOCASE,"
+                           "LEVELS text,MARK integer,MARKED text,FRONT integer,VERSION integer)")
+                .arg(QLatin1String(series))};
+}
+
 QString keysOf(qint64 number)
 {
     const qint64 first = number << bitsOfBucket;
@@ -268,10 +276,7 @@ Result<bool> beginRollups(SqlChannel &connection, const TableName &table, const 
         return there.error();
     QStringList statements;
     if (!*there) {
-        statements << QStringLiteral("create table %1(K INTEGER PRIMARY KEY,D text)").arg(QLatin1String(trend))
-                   << QStringLiteral("create table %1(N INTEGER PRIMARY KEY,COLLECTOR text UNIQUE COLLATE NOCASE,"
-                                     "LEVELS text,MARK integer,MARKED text,FRONT integer,VERSION integer)")
-                          .arg(QLatin1String(series));
+        statements = creationOfRollups();
     } else {
         const auto levelsNow = connection.ask(site, QStringLiteral("select LEVELS from %1 where COLLECTOR=%2")
                                                         .arg(QLatin1String(series), quoted(table.text())));

@@ -155,6 +155,18 @@ Result<std::optional<RollupState>> trendOf(const Database &database, const QStri
     return device::rollupState(channel, siteOf(database), table);
 }
 
+Result<bool> hasTimeIndex(const Database &database, const QString &table)
+{
+    auto index = database.prepare("select count(*) from pragma_index_list(?1) l join pragma_index_info(l.name) i "
+                                  "where l.partial=0 and i.seqno=0 and upper(i.name)='DATETIME'");
+    if (!index)
+        return index.error();
+    index->bind(1, table.toUtf8());
+    if (!index->step())
+        return index->status() ? Result<bool>(false) : index->status().error();
+    return index->number(0) > 0;
+}
+
 Result<qint64> catchUpTrend(const Database &database, const QString &table, const std::function<bool(qint64)> &goOn)
 {
     RollupChannel channel(database);

@@ -47,6 +47,9 @@ Result<QList<TrendFacts>> trendsOf(const Database &database, bool withLevels);
 /// The state of the trend of this table, or that it has none.
 Result<std::optional<RollupState>> trendOf(const Database &database, const QString &table);
 
+/// Whether there is an index by which rows are found by their time.
+Result<bool> hasTimeIndex(const Database &database, const QString &table);
+
 /// Puts the rows above the mark into the sums, in slices of a transaction each. Sums of a table that was emptied begin
 /// anew. Stops between two slices when `goOn`, which is told the rows so far, says so. The rows.
 Result<qint64> catchUpTrend(const Database &database, const QString &table, const std::function<bool(qint64)> &goOn);
