@@ -237,6 +237,20 @@ qint64 bucketKey(qint64 number, qint64 width, qint64 time)
     return (((number << bitsOfLevel) | level) << bitsOfTime) | (time / width);
 }
 
+QStringList creationOfRollups()
+{
+    return {QStringLiteral("create table %1(K INTEGER PRIMARY KEY,D text)").arg(QLatin1String(trend)),
+            QStringLiteral("create table %1(N INTEGER PRIMARY KEY,COLLECTOR text UNIQUE COLLATE NOCASE,"
+                           "LEVELS text,MARK integer,MARKED text,FRONT integer,VERSION integer)")
+                .arg(QLatin1String(series))};
+}
+
+QString keysOf(qint64 number)
+{
+    const qint64 first = number << bitsOfBucket;
+    return QStringLiteral("K>=%1 and K<=%2").arg(first).arg(first + ((1LL << bitsOfBucket) - 1));
+}
+
 Result<std::optional<RollupState>> rollupState(SqlChannel &connection, const Site &site, const QString &table)
 {
     const auto there = areThere(connection, site);
@@ -275,10 +289,7 @@ Result<bool> beginRollups(SqlChannel &connection, const TableName &table, const 
         return there.error();
     QStringList statements;
     if (!*there) {
-        statements << QStringLiteral("create table %1(K INTEGER PRIMARY KEY,D text)").arg(QLatin1String(trend))
-                   << QStringLiteral("create table %1(N INTEGER PRIMARY KEY,COLLECTOR text UNIQUE COLLATE NOCASE,"
-                                     "LEVELS text,MARK integer,MARKED text,FRONT integer,VERSION integer)")
-                          .arg(QLatin1String(series));
+        statements = creationOfRollups();
     } else {
         const auto levelsNow = connection.ask(site, QStringLiteral("select LEVELS from %1 where COLLECTOR=%2")
                                                         .arg(QLatin1String(series), quoted(table.text())));
@@ -362,11 +373,11 @@ Result<bool> removeRollups(SqlChannel &connection, qint64 number)
 {
     const auto removed = connection.change(
         trendSite(QStringLiteral("all tables")),
-        {QStringLiteral("delete from %1 where K in (select K from %1 where K>=%2 and K<=%3 limit %4) and "
-                        "not exists(select 1 from %5 where N=%6)")
-             .arg(QLatin1String(trend), QString::number(number << bitsOfBucket),
-                  QString::number((number << bitsOfBucket) + ((1LL << bitsOfBucket) - 1)),
-                  QString::number(bucketsToRemove), QLatin1String(series), QString::number(number))});
+        {QStringLiteral(
+             "delete from %1 where K in (select K from %1 where %2 limit %3) and not exists(select 1 from %4 "
+             "where N=%5)")
+             .arg(QLatin1String(trend), keysOf(number), QString::number(bucketsToRemove), QLatin1String(series),
+                  QString::number(number))});
     if (!removed)
         return removed.error();
     return *removed < bucketsToRemove;

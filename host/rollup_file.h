@@ -45,6 +45,12 @@ struct RollupState {
 /// The key of a bucket; those of one level of a table are in the order of time, one after the other.
 qint64 bucketKey(qint64 number, qint64 width, qint64 time);
 
+/// The statements that create the two tables.
+QStringList creationOfRollups();
+
+/// All buckets of this number, as a condition of SQL.
+QString keysOf(qint64 number);
+
 /// Nothing for a table without rollups.
 Result<std::optional<RollupState>> rollupState(SqlChannel &connection, const Site &site, const QString &table);
 

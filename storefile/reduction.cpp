@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "storefile/reduction.h"
 
+#include "host/bucket.h"
+
 #include <algorithm>
-#include <cmath>
 
 namespace device_db
 {
@@ -15,20 +16,32 @@ Reduction::Reduction(qint64 first, qint64 last, int columns)
 void Reduction::add(Point point)
 {
     ++m_count;
-    const double part = double(point.time - m_first) / double(m_last - m_first + 1);
-    const double place = std::floor(part * double(m_columns.size()));
-    Column &column = m_columns[size_t(std::clamp(place, 0.0, double(m_columns.size() - 1)))];
+    take(point);
+}
+
+void Reduction::add(const std::array<Point, 4> &points, qint64 count)
+{
+    m_count += count;
+    for (const Point &point : points)
+        take(point);
+}
+
+// Of equal values the earliest: points that were summed up come in another order.
+void Reduction::take(Point point)
+{
+    Column &column = m_columns[size_t(device::pictureColumn(point.time, m_first, m_last, int(m_columns.size())))];
     if (!column.used) {
         column = {point, point, point, point, true};
         return;
     }
+    const auto isEarlier = [&](const Point &than) { return point.value == than.value && point.time < than.time; };
     if (point.time < column.first.time)
         column.first = point;
     if (point.time >= column.last.time)
         column.last = point;
-    if (point.value < column.lowest.value)
+    if (point.value < column.lowest.value || isEarlier(column.lowest))
         column.lowest = point;
-    if (point.value > column.highest.value)
+    if (point.value > column.highest.value || isEarlier(column.highest))
         column.highest = point;
 }
 

@@ -4,6 +4,7 @@
 
 #include <QtGlobal>
 
+#include <array>
 #include <vector>
 
 namespace device_db
@@ -24,6 +25,8 @@ public:
     Reduction(qint64 first, qint64 last, int columns);
 
     void add(Point point);
+    /// The first, the lowest, the highest and the last of so many points of one column.
+    void add(const std::array<Point, 4> &points, qint64 count);
     qint64 count() const { return m_count; }
 
     /// In the order of time.
@@ -39,6 +42,8 @@ private:
         Point last;
         bool used = false;
     };
+
+    void take(Point point);
 
     qint64 m_first;
     qint64 m_last;

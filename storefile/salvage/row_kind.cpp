@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "storefile/salvage/row_kind.h"
 
+#include "host/bucket.h"
+
 #include <QStringList>
 
 #include <algorithm>
@@ -41,6 +43,12 @@ bool isText(const Value &value)
     return value.type == Value::Text || value.type == Value::Null || value.type == Value::Blob;
 }
 
+bool isSum(const Value &value, Encoding encoding)
+{
+    const auto text = readText(value.bytes, encoding);
+    return text && device::Bucket().add(text->constData(), text->constData() + text->size(), 0);
+}
+
 } // namespace
 
 Kind kindOf(RowKind kind)
@@ -48,8 +56,17 @@ Kind kindOf(RowKind kind)
     return kind < Schema ? Kind(kind) : Kind::Foreign;
 }
 
-RowKind kindOfDefinition(const QString &sql)
+QString nameOfTrends(RowKind kind)
 {
+    return kind == TrendSums ? QStringLiteral("device trend") : QStringLiteral("device trend series");
+}
+
+RowKind kindOfDefinition(const QString &name, const QString &sql)
+{
+    for (const RowKind kind : {TrendSums, TrendSeries}) {
+        if (name == nameOfTrends(kind))
+            return kind;
+    }
     const int begin = int(sql.indexOf(QLatin1Char('('))) + 1;
     const QStringList names = columnNames(sql.mid(begin, sql.lastIndexOf(QLatin1Char(')')) - begin));
     for (const RowKind kind : {Samples, Alarms, Log, Configuration}) {
@@ -76,6 +93,11 @@ RowKind kindOfRow(const std::vector<Value> &row, Encoding encoding)
         return Schema;
     if (row.empty() || row[0].type != Value::Null)
         return Foreign;
+    if (row.size() == 2 && row[1].type == Value::Text && isSum(row[1], encoding))
+        return TrendSums;
+    if (row.size() == 7 && row[1].type == Value::Text && row[2].type == Value::Text && row[3].type == Value::Integer &&
+        isText(row[4]) && row[5].type == Value::Integer && row[6].type == Value::Integer)
+        return TrendSeries;
     if (row.size() == 3 && texts(2))
         return isText(row[1]) && !isTime(row[1], encoding) ? Configuration : Samples;
     if (row.size() == 5 && texts(2))

@@ -12,7 +12,8 @@
 namespace device_db
 {
 
-/// The table that a row comes from: one of the stores', the list of tables, SQLite's list of last IDs, or another.
+/// The table that a row comes from: one of the stores', the list of tables, SQLite's list of last IDs, the two tables
+/// of trends, or another.
 enum RowKind {
     Samples = int(Kind::Samples),
     Alarms = int(Kind::Alarms),
@@ -20,6 +21,8 @@ enum RowKind {
     Configuration = int(Kind::Configuration),
     Schema,
     Sequence,
+    TrendSums,
+    TrendSeries,
     Foreign,
     KindCount
 };
@@ -27,8 +30,15 @@ enum RowKind {
 /// The kind of table that such rows make; Kind::Foreign for those that are not a store's.
 Kind kindOf(RowKind kind);
 
-/// By the names of the columns in a "create table" statement.
-RowKind kindOfDefinition(const QString &sql);
+inline bool isOfTrends(RowKind kind)
+{
+    return kind == TrendSums || kind == TrendSeries;
+}
+/// The names of the two tables of trends.
+QString nameOfTrends(RowKind kind);
+
+/// By the names of the columns in a "create table" statement, and that of the table if it is one of trends.
+RowKind kindOfDefinition(const QString &name, const QString &sql);
 /// By the types of the row's own cells. Foreign when the cells are empty.
 RowKind kindOfRow(const std::vector<Value> &row, Encoding encoding);
 /// Whether a row can be one of a store's table. On a page that is not `sound` each cell must look like it.

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "storefile/salvage/salvage.h"
 
+#include "storefile/rollup_channel.h"
 #include "storefile/salvage/trees.h"
-#include "storefile/sqlite.h"
+#include "storefile/trend_review.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace device_db
 {
@@ -26,12 +28,14 @@ public:
 
 private:
     enum class Stored { Yes, No, Duplicate };
+    Status create(const Tree &tree, const QByteArray &name);
     bool bind(Statement &insert, const Row &row) const;
     Result<Stored> store(Statement &insert, const Tree &tree, const LeafInfo &leaf, const Row &row);
 
     PageSurvey &m_pages;
     const Database &m_target;
     SalvageReport &m_report;
+    bool m_hasTrends = false;
 };
 
 // False when a text is damaged.
@@ -78,6 +82,18 @@ Result<TableMaker::Stored> TableMaker::store(Statement &insert, const Tree &tree
     return m_target.changes() == 1 ? Stored::Yes : Stored::Duplicate;
 }
 
+Status TableMaker::create(const Tree &tree, const QByteArray &name)
+{
+    if (!isOfTrends(tree.kind))
+        return m_target.run("create table " + name + '(' + definitionOf(kindOf(tree.kind)) + ')');
+    Status done;
+    if (!std::exchange(m_hasTrends, true)) {
+        for (const QString &creation : device::creationOfRollups())
+            done = done ? m_target.run(creation.toUtf8()) : done;
+    }
+    return done;
+}
+
 Status TableMaker::make(Tree &tree)
 {
     SalvagedTable table;
@@ -87,9 +103,10 @@ Status TableMaker::make(Tree &tree)
     table.lostPages = tree.lostLeaves + std::count_if(tree.holes.begin(), tree.holes.end(),
                                                       [](const Hole &hole) { return !hole.filled; });
     const QByteArray name = identifier(tree.name);
-    if (const Status created = m_target.run("create table " + name + '(' + definitionOf(table.kind) + ')'); !created)
+    if (const Status created = create(tree, name); !created)
         return created;
-    const QByteArray places = QByteArray(",?").repeated(int(columnsOf(table.kind).size()));
+    const int columns = tree.kind == TrendSums ? 1 : tree.kind == TrendSeries ? 6 : int(columnsOf(table.kind).size());
+    const QByteArray places = QByteArray(",?").repeated(columns);
     auto prepared = m_target.prepare("insert or ignore into " + name + " values(?" + places + ')');
     if (!prepared)
         return prepared.error();
@@ -120,7 +137,12 @@ Status TableMaker::make(Tree &tree)
             return status;
     }
     m_report.rejectedCells += table.rejected;
-    m_report.tables.append(table);
+    if (isOfTrends(tree.kind)) {
+        m_report.trendSums += tree.kind == TrendSums ? table.rows : 0;
+        m_report.trendPagesLost += table.lostPages;
+    } else {
+        m_report.tables.append(table);
+    }
     return {};
 }
 
@@ -139,6 +161,59 @@ Status TableMaker::keepLastIds(const Forest &forest) const
         update->step();
         if (const Status kept = update->status(); !kept)
             return kept;
+    }
+    return {};
+}
+
+// The highest ID that a table gave, if SQLite's list of them is lost: rows up to the mark of its trend were there.
+Status keepMark(const Database &target, const Forest &forest, const QString &table)
+{
+    constexpr qint64 plausible = 1LL << 50; // behind 2^63 - 1 there is no room for a row
+    if (std::any_of(forest.sequence.begin(), forest.sequence.end(),
+                    [&](const auto &entry) { return entry.first.compare(table, Qt::CaseInsensitive) == 0; }))
+        return {};
+    const QByteArray mark = "(select MARK from \"device trend series\" where COLLECTOR=?1 and typeof(MARK)='integer' "
+                            "and MARK between 0 and " +
+                            QByteArray::number(plausible) + ')';
+    for (const QByteArray &sql :
+         {QByteArray("insert into sqlite_sequence(name,seq) select ?1,0 where not exists(select "
+                     "1 from sqlite_sequence where name=?1)"),
+          "update sqlite_sequence set seq=max(seq,ifnull(" + mark + ",0)) where name=?1"}) {
+        auto statement = target.prepare(sql);
+        if (!statement)
+            return statement.error();
+        statement->bind(1, table.toUtf8());
+        statement->step();
+        if (const Status done = statement->status(); !done)
+            return done;
+    }
+    return {};
+}
+
+// A trend is taken as it is, with its mark: rows that are salvaged are in the sums up to there, and so they are not
+// added once more. What the rows say better than what is left of the sums is made anew.
+Status mendTrends(const Database &target, const Forest &forest, SalvageReport &report)
+{
+    if (const Status removed = removeLeftBuckets(target, [] { return true; }); !removed)
+        return removed;
+    RollupChannel channel(target);
+    for (const SalvagedTable &table : report.tables) {
+        if (table.kind != Kind::Samples)
+            continue;
+        const Status mended = channel.transaction({target.name(), QString()}, [&]() -> Status {
+            if (const Status kept = keepMark(target, forest, table.name); !kept)
+                return kept;
+            const auto state = trendOf(target, table.name);
+            if (!state || !*state || !(*state)->isOfThisTable)
+                return {};
+            const auto repaired = repairTrend(target, table.name, **state, {});
+            if (!repaired)
+                return repaired.error();
+            report.trendSumsMade += repaired->written;
+            return {};
+        });
+        if (!mended)
+            return mended;
     }
     return {};
 }
@@ -215,6 +290,10 @@ Result<SalvageReport> salvage(const DamagedFiles &files, const Database &target,
                                        [&](double part) { progress(lookingPart + (1 - lookingPart) * part); });
     if (!written)
         return written.error();
+    if (report.trendSums > 0) {
+        if (const Status mended = mendTrends(target, forest, report); !mended)
+            return mended.error();
+    }
     progress(1);
     countPages(report, forest, pages);
     return report;

@@ -53,7 +53,10 @@ struct SalvageReport {
     qint64 deletedRows = 0;  ///< Rows on free pages and on pages of no table; they are not taken.
     qint64 foreignRows = 0;  ///< Rows of tables that are not a store's.
     qint64 rejectedCells = 0;
-    qint64 duplicates = 0; ///< Rows whose ID was there already.
+    qint64 duplicates = 0;    ///< Rows whose ID was there already.
+    qint64 trendSums = 0;     ///< Taken, of trends.
+    qint64 trendSumsMade = 0; ///< Made anew from the rows, where they were lost or cannot be right.
+    qint64 trendPagesLost = 0;
     QVector<SalvagedTable> tables;
 
     qint64 rows() const
@@ -66,7 +69,8 @@ struct SalvageReport {
 };
 
 /// Gets the rows of the stores' tables out of the bytes of a damaged file and puts them, with their IDs, into tables of
-/// the stores' layouts in `target`, in one transaction.
+/// the stores' layouts in `target`, in one transaction. The sums of trends, too; what is lost of them is then made anew
+/// from the rows, each table in a transaction of its own.
 /// Whatever the bytes are, this returns; rows that exist in part only are left out and counted. An Error
 /// only when `target` cannot be written; its transaction is rolled back then.
 Result<SalvageReport> salvage(const DamagedFiles &files, const Database &target, const SalvageOptions &options = {});

@@ -194,7 +194,7 @@ void nameByLastId(Forest &forest)
         Tree *match = nullptr;
         int matches = 0;
         for (Tree &tree : forest.trees) {
-            if (tree.isTable() && tree.name.isEmpty() && tree.last == id) {
+            if (tree.isTable() && !isOfTrends(tree.kind) && tree.name.isEmpty() && tree.last == id) {
                 match = &tree;
                 ++matches;
             }
@@ -214,6 +214,10 @@ void makeNames(Forest &forest)
     for (Tree &tree : forest.trees) {
         if (!tree.isTable() || !tree.name.isEmpty())
             continue;
+        if (isOfTrends(tree.kind)) { // all pieces go into the one table
+            tree.name = nameOfTrends(tree.kind);
+            continue;
+        }
         const QString made = QStringLiteral("salvaged_%1_%2").arg(QLatin1String(nameOf(kindOf(tree.kind))));
         tree.name = tree.kind == Configuration ? QStringLiteral("tb_config")
                     : tree.kind == Alarms      ? QStringLiteral("AlarmData")

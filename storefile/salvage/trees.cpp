@@ -76,9 +76,10 @@ void Grower::readSchema()
                 return;
             const QString text = QString::fromUtf8(*name);
             roots.insert(quint32(root));
-            m_schema.push_back(
-                {text, quint32(root),
-                 text == QLatin1String("sqlite_sequence") ? Sequence : kindOfDefinition(QString::fromUtf8(*sql))});
+            m_schema.push_back({text, quint32(root),
+                                text == QLatin1String("sqlite_sequence")
+                                    ? Sequence
+                                    : kindOfDefinition(text, QString::fromUtf8(*sql))});
         });
     }
 }

@@ -6,6 +6,7 @@
 #include "program/program.h"
 #include "storefile/file_facts.h"
 #include "storefile/texts.h"
+#include "storefile/trend_review.h"
 #include "terminal/progress.h"
 #include "terminal/table_writer.h"
 #include "terminal/text.h"
@@ -23,6 +24,7 @@ namespace
 
 struct CheckCommand {
     QString path;
+    bool trends = false;
     ReadOptions reading;
     OutputOptions output;
 };
@@ -98,6 +100,69 @@ Status judge(const Database &database, const QString &path, QList<Line> &lines)
     return {};
 }
 
+constexpr int differencesShown = 10;
+
+Status judgeTrend(const Database &database, const TrendFacts &trend, QList<Line> &lines)
+{
+    const auto attention = [&](const QString &text) {
+        lines << lineOf({Severity::Attention, trend.table, text, 0, 0, QString()});
+    };
+    if (!trend.trouble.isEmpty()) {
+        attention(QStringLiteral("its trend: %1; \"device-db trends off\" removes it").arg(trend.trouble));
+        return {};
+    }
+    if (!trend.state.isOfThisTable) {
+        attention(QStringLiteral("its trend is of rows before the table was emptied; a recorder begins it anew, and so "
+                                 "does \"device-db trends rebuild\""));
+        return {};
+    }
+    qint64 left = 0;
+    const auto differs = [&](const TrendDifference &difference) -> Status {
+        if (left++ < differencesShown)
+            attention(QStringLiteral("its trend, ") + difference.text());
+        return {};
+    };
+    Progress progress(QStringLiteral("rows summed up"));
+    const auto review = reviewTrend(database, trend.table, trend.state, differs,
+                                    [&](qint64 rows, qint64 all) { progress.show(rows, all, rows); });
+    if (!review)
+        return review.error();
+    if (review->strange > 0)
+        attention(QStringLiteral("its trend has %1 sums of levels or times that it does not keep")
+                      .arg(grouped(review->strange)));
+    if (review->front != trend.state.front)
+        attention(QStringLiteral("its trend has another latest sum than the file says"));
+    if (review->tooMany > 0)
+        attention(QStringLiteral("its trend has %1 more than were ever in the table").arg(rowsText(review->tooMany)));
+    QString frozen;
+    if (review->frozen > 0)
+        frozen = QStringLiteral("; %1 sums have rows that are no longer there, nothing is left to compare them with")
+                     .arg(grouped(review->frozen));
+    const bool isFine = review->wrong + review->strange + review->tooMany == 0 && review->front == trend.state.front;
+    const QString compared =
+        QStringLiteral("%1 sums compared with %2").arg(grouped(review->buckets), rowsText(review->rows));
+    if (isFine)
+        lines << fine(trend.table, QStringLiteral("trend, ") + compared + frozen);
+    else
+        attention(QStringLiteral("its trend: %1, %2 differ%3; \"device-db trends rebuild\" makes them anew")
+                      .arg(compared, grouped(review->wrong), frozen));
+    return {};
+}
+
+Status judgeTrends(const Database &database, QList<Line> &lines)
+{
+    const auto trends = trendsOf(database, false);
+    if (!trends)
+        return trends.error();
+    for (const TrendFacts &trend : *trends) {
+        if (const Status judged = judgeTrend(database, trend, lines); !judged)
+            return judged;
+    }
+    if (trends->isEmpty())
+        lines << fine(QString(), QStringLiteral("no table keeps a trend"));
+    return {};
+}
+
 // For people: nothing is cut off.
 QByteArray paragraph(const Line &line, const QByteArray &table, const Output &output)
 {
@@ -125,6 +190,10 @@ Outcome run(const CheckCommand &command)
             damage(database.error().cause().section(QLatin1Char(';'), 0, 0)); // this command is one of the remedies
         else if (const Status judged = judge(*database, command.path, lines); !judged)
             return judged.error();
+        else if (command.trends && !isDamaged(lines)) {
+            if (const Status trends = judgeTrends(*database, lines); !trends)
+                return trends.error();
+        }
     }
     std::stable_sort(lines.begin(), lines.end(), [](const Line &a, const Line &b) { return a.rank > b.rank; });
     Output output(command.output);
@@ -157,6 +226,7 @@ void addCheck(Program &program)
                     "row, as info does. Exit code 0: all is well; 3: something needs a look; 4: the file is damaged.");
     const auto options = std::make_shared<CheckCommand>();
     addFile(command, options->path, options->reading);
+    command->add_flag("--trends", options->trends, "Compare the sums of trends with the rows, too");
     addOutput(command, options->output);
     program.onRun(command, [options] { return run(*options); });
 }

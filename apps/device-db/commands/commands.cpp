@@ -13,6 +13,7 @@ void addCommands(Program &program)
     addExport(program);
     addDeletion(program);
     addMaintenance(program);
+    addTrends(program);
     addStats(program);
     addSql(program);
     addPlot(program);

@@ -15,6 +15,7 @@ void addImport(Program &program);
 void addExport(Program &program);
 void addDeletion(Program &program);    ///< trim, purge, clear
 void addMaintenance(Program &program); ///< vacuum, checkpoint, tune
+void addTrends(Program &program);
 void addStats(Program &program);
 void addPlot(Program &program);
 void addCheck(Program &program);

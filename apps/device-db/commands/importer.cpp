@@ -9,6 +9,7 @@
 #include "import/row_store.h"
 #include "storefile/new_file.h"
 #include "storefile/texts.h"
+#include "storefile/trends.h"
 #include "terminal/output.h"
 #include "terminal/progress.h"
 #include "terminal/text.h"
@@ -62,6 +63,7 @@ public:
                 m_refused->discard();
             return copied.error();
         }
+        keepTrends();
         return report();
     }
 
@@ -82,6 +84,7 @@ private:
     Status refuse(const InputRow &row, const QByteArray &reason);
     enum class End { OfBatch, OfRun, OfInput };
     Status commit(End end);
+    void keepTrends();
     Outcome report();
 
     ImportOptions m_options;
@@ -97,9 +100,10 @@ private:
     std::optional<RefusedRows> m_refused;
     qint64 m_endsBefore = 0; ///< Alarms, stored.
     std::optional<qint64> m_rowsBefore;
-    qint64 m_lost = 0;      ///< Rows that were stored or there before, and are not in the tables at the end.
-    QString m_firstRefusal; ///< Of this run.
-    bool m_isKept = false;  ///< Rows were committed.
+    qint64 m_lost = 0;       ///< Rows that were stored or there before, and are not in the tables at the end.
+    QString m_firstRefusal;  ///< Of this run.
+    bool m_isKept = false;   ///< Rows were committed.
+    bool m_isBehind = false; ///< The sums of a trend.
     Place m_begin;
     Place m_place;
 };
@@ -363,6 +367,29 @@ Status Importer::commit(End end)
     return end == End::OfBatch ? m_database->run("begin immediate") : Status();
 }
 
+// The rows are stored; what is not summed up now a recorder sums up.
+void Importer::keepTrends()
+{
+    if (!m_database || m_assignment.kind != Kind::Samples)
+        return;
+    for (const QString &table : tables()) {
+        const auto kept = trendOf(*m_database, table);
+        const auto rows = kept && *kept ? catchUpTrend(*m_database, table,
+                                                       [&](qint64) {
+                                                           m_progress.show(0, 0, m_place.stored);
+                                                           return !Interruption::came();
+                                                       })
+                          : kept        ? Result<qint64>(0)
+                                        : Result<qint64>(kept.error());
+        if (rows)
+            continue;
+        m_isBehind = true;
+        m_progress.wipe();
+        complain(QStringLiteral("%1: the rows are stored, but the trend of %2 is behind: %3")
+                     .arg(m_options.target.path, table, rows.error().cause()));
+    }
+}
+
 Outcome Importer::report()
 {
     m_progress.wipe();
@@ -395,7 +422,7 @@ Outcome Importer::report()
     if (m_endsBefore > 0)
         complain(QStringLiteral("%1: %2 of alarms that end before they begin")
                      .arg(m_options.input.path, rowsText(m_endsBefore)));
-    return m_place.refused + m_endsBefore + m_lost > 0 ? Attention : Done;
+    return m_isBehind || m_place.refused + m_endsBefore + m_lost > 0 ? Attention : Done;
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include "storefile/file_facts.h"
 #include "storefile/texts.h"
 #include "storefile/times.h"
+#include "storefile/trends.h"
 #include "terminal/progress.h"
 #include "terminal/table_writer.h"
 #include "terminal/text.h"
@@ -40,7 +41,53 @@ QString journalText(const FileFacts &facts)
                               : QStringLiteral("write-ahead");
 }
 
-void print(const InfoOptions &options, const FileFacts &facts, const QStringList &unfinished)
+/// What the file keeps for trends, or why that cannot be read.
+struct Trends {
+    QList<TrendFacts> tables;
+    QString trouble;
+};
+
+Trends trendsIn(const Database &database)
+{
+    Trends trends;
+    const auto read = trendsOf(database, true);
+    if (read)
+        trends.tables = *read;
+    else
+        trends.trouble = read.error().cause();
+    return trends;
+}
+
+void printTrends(const InfoOptions &options, const Trends &trends, Output &output)
+{
+    if (!trends.trouble.isEmpty())
+        output.write("\nTrends    " + visible(trends.trouble).toUtf8() + '\n');
+    if (trends.tables.isEmpty())
+        return;
+    output.write("\n");
+    const auto levels = rowWriter(Format::Table,
+                                  {{"", QStringLiteral("Trend of")},
+                                   {"", QStringLiteral("Level")},
+                                   {"", QStringLiteral("Sums"), true, false, true},
+                                   {"", QStringLiteral("First"), false, false, true},
+                                   {"", QStringLiteral("Last"), false, false, true},
+                                   {"", QStringLiteral("Size"), true, false, true}},
+                                  output);
+    for (const TrendFacts &trend : trends.tables) {
+        const auto time = [&](const QByteArray &text) {
+            return beginningOf(options.output.utc ? inUtc(text, false) : text, 16);
+        };
+        for (const TrendLevelFacts &level : trend.levels)
+            levels->row({trend.table.toUtf8(), levelName(level.width).toLatin1(), grouped(level.buckets).toLatin1(),
+                         time(level.first), time(level.last), bytesText(level.bytes).toLatin1()},
+                        Tone::Plain);
+        if (!trend.trouble.isEmpty())
+            levels->row({trend.table.toUtf8(), trend.trouble.toUtf8(), "", "", "", ""}, Tone::Warning);
+    }
+    levels->settle();
+}
+
+void print(const InfoOptions &options, const FileFacts &facts, const Trends &trends, const QStringList &unfinished)
 {
     Output output(options.output);
     const auto line = [&](const char *title, const QString &text) {
@@ -90,6 +137,8 @@ void print(const InfoOptions &options, const FileFacts &facts, const QStringList
     if (facts.tables.isEmpty())
         output.write("no tables\n");
 
+    printTrends(options, trends, output);
+
     if (!facts.registrations.isEmpty()) {
         output.write("\n");
         const auto series = rowWriter(
@@ -125,7 +174,27 @@ QJsonArray findingsOf(const FileFacts &facts, const QString &table)
     return findings;
 }
 
-void printJson(const InfoOptions &options, const FileFacts &facts, const QStringList &unfinished)
+QJsonObject jsonOf(const TrendFacts &trend)
+{
+    if (!trend.trouble.isEmpty())
+        return {{QStringLiteral("trouble"), trend.trouble}};
+    QJsonArray levels;
+    for (const TrendLevelFacts &level : trend.levels) {
+        QJsonObject object{{QStringLiteral("level"), levelName(level.width)},
+                           {QStringLiteral("sums"), level.buckets},
+                           {QStringLiteral("bytes"), level.bytes}};
+        if (level.buckets > 0) {
+            object.insert(QStringLiteral("first"), QString::fromLatin1(level.first));
+            object.insert(QStringLiteral("last"), QString::fromLatin1(level.last));
+        }
+        levels.append(object);
+    }
+    return {{QStringLiteral("levels"), levels},
+            {QStringLiteral("through_id"), trend.state.mark},
+            {QStringLiteral("behind"), trend.behind}};
+}
+
+void printJson(const InfoOptions &options, const FileFacts &facts, const Trends &trends, const QStringList &unfinished)
 {
     QJsonArray tables;
     for (const TableFacts &each : facts.tables) {
@@ -146,6 +215,10 @@ void printJson(const InfoOptions &options, const FileFacts &facts, const QString
             }
             table.insert(QStringLiteral("last_id"), each.lastId);
             table.insert(QStringLiteral("time_index"), each.indexed);
+        }
+        for (const TrendFacts &trend : trends.tables) {
+            if (trend.table.compare(each.table.name, Qt::CaseInsensitive) == 0)
+                table.insert(QStringLiteral("trend"), jsonOf(trend));
         }
         tables.append(table);
     }
@@ -186,6 +259,7 @@ Outcome run(const InfoOptions &options)
     auto facts = factsOf(file->database, options.path, [&](qint64 rows) { progress.show(0, 0, rows); });
     if (!facts)
         return facts.error();
+    const Trends trends = trendsIn(file->database);
     progress.wipe();
     auto &tables = facts->tables;
     tables.erase(std::remove_if(tables.begin(), tables.end(),
@@ -195,9 +269,9 @@ Outcome run(const InfoOptions &options)
                                 }),
                  tables.end());
     if (options.output.format == Format::Json)
-        printJson(options, *facts, *unfinished);
+        printJson(options, *facts, trends, *unfinished);
     else
-        print(options, *facts, *unfinished);
+        print(options, *facts, trends, *unfinished);
     return Done;
 }
 

@@ -9,6 +9,7 @@
 #include "storefile/system_error.h"
 #include "storefile/texts.h"
 #include "storefile/times.h"
+#include "storefile/trend_points.h"
 
 #include "device/number.h"
 
@@ -68,6 +69,58 @@ Result<QString> titleOf(const Database &database, const QString &table)
     return name.isEmpty() || name == table ? table : name + QLatin1String(" (") + table + QLatin1Char(')');
 }
 
+// Sums know the times of the tables alone.
+std::optional<TrendPoints> sumsOf(const Database &database, const Table &table, const PlotCommand &command)
+{
+    if (command.utc || table.kind != Kind::Samples)
+        return std::nullopt;
+    return TrendPoints::of(database, table.name);
+}
+
+// By the index on time, with those that only the sums have. False if a text that is no time is in the way.
+Result<bool> findRangeBySums(const Database &database, const Table &table, const TrendPoints &sums,
+                             const PlotCommand &command, QByteArray &first, QByteArray &last)
+{
+    for (const bool isFirst : {true, false}) {
+        auto row = filtered(
+            database, table, command.range, false,
+            (isFirst ? "select min(DATETIME) from " : "select max(DATETIME) from ") + identifier(table.name), "");
+        if (!row)
+            return row.error();
+        if (!row->step())
+            return row->status() ? Result<bool>(false) : row->status().error();
+        const QByteArray time = row->cell(0);
+        if (time.isNull())
+            break;
+        if (!isTime(time, false) || millisecondsOf(time, false) < 0)
+            return false;
+        first = first.isEmpty() ? time : std::min(first, time);
+        last = std::max(last, time);
+    }
+    auto removed = sums.removedRange();
+    if (!removed)
+        return removed.error();
+    if (removed->first.isEmpty())
+        return true;
+    for (const Bound bound : {Bound::First, Bound::Last}) {
+        const QString &given = bound == Bound::First ? command.range.from : command.range.to;
+        if (given.isEmpty())
+            continue;
+        const auto text = boundText(given, bound, false, false);
+        if (!text)
+            return text.error();
+        if (bound == Bound::First)
+            removed->first = std::max(removed->first, *text);
+        else
+            removed->second = std::min(removed->second, *text);
+    }
+    if (removed->first > removed->second)
+        return true;
+    first = first.isEmpty() ? removed->first : std::min(first, removed->first);
+    last = std::max(last, removed->second);
+    return true;
+}
+
 // The ends of what will be drawn: of the rows that have a time, whatever else is in the column. Alarms count with their
 // ends.
 Status findRange(const Database &database, const QList<Table> &tables, const PlotCommand &command, Chart &chart)
@@ -75,6 +128,13 @@ Status findRange(const Database &database, const QList<Table> &tables, const Plo
     QByteArray first;
     QByteArray last;
     for (const Table &table : tables) {
+        if (const auto sums = sumsOf(database, table, command)) {
+            const auto found = findRangeBySums(database, table, *sums, command, first, last);
+            if (!found)
+                return found.error();
+            if (*found)
+                continue;
+        }
         const bool hasEnds = table.kind == Kind::Alarms;
         auto times = filtered(
             database, table, command.range, command.utc,
@@ -106,6 +166,14 @@ Status readSeries(const Database &database, const Table &table, bool right, cons
     if (!title)
         return title.error();
     Series series{table.name, *title, right, Reduction(chart.first, chart.last, chart.width)};
+    if (const auto sums = sumsOf(database, table, command); sums && chart.first >= 0) {
+        const auto left = sums->add(chart.first, chart.last, chart.width, series.points);
+        if (!left)
+            return left.error();
+        series.left = *left;
+        chart.series.push_back(std::move(series));
+        return {};
+    }
     RowQuery query;
     query.filter = command.range;
     query.order = Order::AsRecorded;

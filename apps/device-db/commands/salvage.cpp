@@ -67,6 +67,9 @@ QByteArray summary(const SalvageReport &report, const QString &target, int width
     if (report.deletedRows > 0)
         lines << QStringLiteral("%1 rows are on pages that no table uses: they were deleted and stay so")
                      .arg(grouped(report.deletedRows));
+    if (report.trendSums > 0)
+        lines << QStringLiteral("%1 sums of trends, %2 made anew from the rows")
+                     .arg(grouped(report.trendSums), grouped(report.trendSumsMade));
     if (report.foreignRows > 0)
         lines << QStringLiteral("%1 rows of tables that are not a store's were left out")
                      .arg(grouped(report.foreignRows));
@@ -131,7 +134,7 @@ Outcome run(const SalvageCommand &command)
                                    {"name_from", QStringLiteral("Named by")}},
                                   output);
     const auto number = [&](qint64 value) { return forPeople ? grouped(value).toLatin1() : QByteArray::number(value); };
-    qint64 lost = report.rejectedCells;
+    qint64 lost = report.rejectedCells + report.trendPagesLost;
     for (const SalvagedTable &table : report.tables) {
         lost += table.lostPages;
         writer->row({table.name.toUtf8(), nameOf(table.kind), number(table.rows), number(table.firstId),

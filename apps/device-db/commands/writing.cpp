@@ -19,6 +19,11 @@ namespace device_db
 void addWritableFile(CLI::App *command, WriteOptions &options)
 {
     addPath(command, "FILE", options.path, "The database file")->type_name("")->required();
+    addWriting(command, options);
+}
+
+void addWriting(CLI::App *command, WriteOptions &options)
+{
     command->add_flag("--lock", options.lock,
                       "Write even if another process has the file open, whose own commits may then fail");
     command->add_flag(

@@ -19,6 +19,8 @@ struct WriteOptions {
     bool runTriggers = false; ///< Even when the file has triggers, which then run.
 };
 void addWritableFile(CLI::App *command, WriteOptions &options);
+/// All of them but FILE.
+void addWriting(CLI::App *command, WriteOptions &options);
 
 /// Whether the file may be written: it is there, and no other process has it open. A store has no patience: rows
 /// that it writes while someone else holds the lock are lost silently, in every journal mode.

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: MIT
+#include "storefile/trend_points.h"
+
+#include "storefile/rollup_channel.h"
+#include "storefile/times.h"
+
+#include "host/trend_reading.h"
+
+namespace device_db
+{
+
+namespace
+{
+
+using Range = std::pair<QByteArray, QByteArray>;
+
+constexpr qint64 secondsBefore1970 = 62135596800;
+
+qint64 millisecondsOfTrend(qint64 seconds)
+{
+    return (seconds - secondsBefore1970) * 1000;
+}
+
+} // namespace
+
+std::optional<TrendPoints> TrendPoints::of(const Database &database, const QString &table)
+{
+    const auto state = trendOf(database, table);
+    if (!state || !*state || !(*state)->isOfThisTable || !hasTimeIndex(database, table).valueOr(false))
+        return std::nullopt;
+    return TrendPoints(database, table, **state);
+}
+
+// A table begins with ID 1, so the time of its first row says what is removed, as host/trend_reading.cpp has it.
+Result<std::pair<QByteArray, QByteArray>> TrendPoints::removedRange() const
+{
+    auto first = m_database->prepare("select ID,DATETIME from " + identifier(m_table) + " order by ID limit 1");
+    if (!first)
+        return first.error();
+    qint64 end = device::lastSecond + 1;
+    if (first->step()) {
+        const qint64 time = millisecondsOf(first->cell(1), false);
+        if (first->number(0) == 1 || time < 0)
+            return Range();
+        end = time / 1000 + secondsBefore1970;
+    }
+    if (const Status status = first->status(); !status)
+        return status.error();
+    const qint64 width = m_state.levels.front();
+    const qint64 key = device::bucketKey(m_state.number, width, 0);
+    Range range;
+    for (const bool isFirst : {true, false}) {
+        auto bucket = m_database->prepare("select K,D from \"device trend\" where K>=" + QByteArray::number(key) +
+                                          " and K<" + QByteArray::number(key + end / width) + " order by K" +
+                                          (isFirst ? "" : " desc") + " limit 1");
+        if (!bucket)
+            return bucket.error();
+        if (!bucket->step())
+            return bucket->status() ? Result<Range>(range) : bucket->status().error();
+        const qint64 start = (bucket->number(0) - key) * width;
+        const QByteArray text = bucket->cell(1);
+        device::Bucket read;
+        (void)read.add(text.constData(), text.constData() + text.size(), start);
+        const qint64 time = read.numbers() == 0 ? start : isFirst ? read.first().time : read.last().time;
+        (isFirst ? range.first : range.second) = timeOfTrend(time);
+    }
+    return range;
+}
+
+Result<qint64> TrendPoints::add(qint64 first, qint64 last, int columns, Reduction &points) const
+{
+    RollupChannel channel(*m_database);
+    const qint64 begin = first / 1000 + secondsBefore1970;
+    const qint64 end = last / 1000 + secondsBefore1970;
+    device::TrendColumns read(begin, end, columns);
+    const Status done = device::readColumns(channel, {m_database->name(), m_table}, m_state, {begin, end + 1}, read);
+    if (!done)
+        return done.error();
+    qint64 left = 0;
+    for (const auto &[place, column] : read.all()) {
+        const device::Bucket &bucket = column.bucket;
+        left += bucket.rows() - bucket.numbers();
+        if (bucket.numbers() == 0)
+            continue;
+        std::array<Point, 4> all;
+        auto point = all.begin();
+        for (const device::Bucket::Point *each : {&bucket.first(), &bucket.lowest(), &bucket.highest(), &bucket.last()})
+            *point++ = {millisecondsOfTrend(each->time), each->value};
+        points.add(all, bucket.numbers());
+    }
+    return left;
+}
+
+} // namespace device_db

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: MIT
+#ifndef STOREFILE_TREND_POINTS_H
+#define STOREFILE_TREND_POINTS_H
+
+#include "storefile/reduction.h"
+#include "storefile/trends.h"
+
+namespace device_db
+{
+
+/// The points of a picture from the sums of a trend: those that all rows would give, those of rows that are removed
+/// among them.
+class TrendPoints
+{
+public:
+    /// Nothing if the table has no trend that helps: there is none, it is behind an emptied table or cannot be read, or
+    /// no index on time finds the rows beside it.
+    static std::optional<TrendPoints> of(const Database &database, const QString &table);
+
+    /// The first and the last time of rows that are removed; empty: of none.
+    Result<std::pair<QByteArray, QByteArray>> removedRange() const;
+
+    /// Adds what lies between two times, milliseconds since 1970, both included. The rows that are not numbers.
+    Result<qint64> add(qint64 first, qint64 last, int columns, Reduction &points) const;
+
+private:
+    TrendPoints(const Database &database, QString table, RollupState state)
+        : m_database(&database), m_table(std::move(table)), m_state(std::move(state))
+    {
+    }
+
+    const Database *m_database;
+    QString m_table;
+    RollupState m_state;
+};
+
+} // namespace device_db
+
+#endif
