@@ -113,7 +113,8 @@ private:
             keep(m_alarms.end(m_alarmData, QStringLiteral("Boiler 1"), QStringLiteral("High"),
                               QDateTime::currentDateTime()));
         m_high = high;
-        m_temperature->setText(QStringLiteral("<h1>%1 °C</h1>%2").arg(text, m_state.toHtmlEscaped()));
+        const QString state = m_state.isEmpty() ? QStringLiteral("No alarm") : m_state.toHtmlEscaped();
+        m_temperature->setText(QStringLiteral("<h1>%1 °C</h1>%2").arg(text, state));
         const Health health = m_history.health();
         m_health->setText(QStringLiteral("%1 stored, %2 waiting, %3 refused, %4 dropped; in the file after %5 ms "
                                          "(median), %6 ms (99 %); %7 bytes a row")

@@ -118,7 +118,7 @@ void TrendView::ask()
 QRectF TrendView::area() const
 {
     const int line = fontMetrics().height();
-    return QRectF(rect()).adjusted(5 * line, 1.5 * line, -line, -1.5 * line);
+    return QRectF(rect()).adjusted(5 * line, 1.5 * line, -2 * line, -1.5 * line);
 }
 
 double TrendView::x(double time) const
@@ -211,8 +211,8 @@ void TrendView::drawColumns(QPainter &painter, double low, double high) const
     const QRectF area = this->area();
     const auto y = [&](double value) { return area.bottom() - (value - low) / (high - low) * area.height(); };
     QColor colour = palette().highlight().color();
-    double runsUntil = -1; // where the columns that touch one another end
-    QPointF before;
+    double runsUntil = -1; // where the column before ends
+    double before = 0;
     for (const TrendColumn &column : m_model->trend().columns) {
         const double left = x(secondsOf(column.from)), right = x(secondsOf(column.to));
         if (column.numbers == 0 || right < area.left() - width() || left > area.right() + width())
@@ -222,13 +222,11 @@ void TrendView::drawColumns(QPainter &painter, double low, double high) const
         painter.fillRect(QRectF(left, top, right - left, std::max(1.0, bottom - top)), colour);
         colour.setAlpha(column.exact ? 255 : 110);
         painter.setPen(colour);
-        const QPointF here((left + right) / 2, y(column.mean));
-        // No line over columns without rows; one on its own is a dash.
-        const bool goesOn = runsUntil == secondsOf(column.from);
-        painter.drawLine(goesOn ? before : QPointF(left, here.y()), here);
-        if (!goesOn)
-            painter.drawLine(here, QPointF(right, here.y()));
-        before = here;
+        const double mean = y(column.mean);
+        painter.drawLine(QPointF(left, mean), QPointF(right, mean));
+        if (runsUntil == secondsOf(column.from)) // no line over columns without rows
+            painter.drawLine(QPointF(left, before), QPointF(left, mean));
+        before = mean;
         runsUntil = secondsOf(column.to);
     }
 }

@@ -138,6 +138,9 @@ TEST_F(TrendViews, TheWheelZoomsAroundThePointer)
     turnWheel(480, left);
     EXPECT_NEAR(span(), 60, 1);
     EXPECT_NEAR(double(from.toDateTime().secsTo(view->from().toDateTime())), 0, 1) << "back where it was";
+    turnWheel(-480, (left + view->width() - 2 * view->fontMetrics().height()) / 2);
+    EXPECT_NEAR(double(view->from().toDateTime().secsTo(from.toDateTime())), 90, 3);
+    EXPECT_NEAR(double(to.toDateTime().secsTo(view->to().toDateTime())), 90, 3);
 }
 
 TEST_F(TrendViews, ZoomsFromSecondsToAllYearsThatTablesHold)
