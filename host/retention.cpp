@@ -547,8 +547,10 @@ std::vector<Error> Retention::takeTroubles()
 
 QString Retention::whyFull() const
 {
-    return QStringLiteral("the ceiling of %1 bytes is reached, and nothing may be removed: what is there is younger "
-                          "than its table keeps at least, or an alarm that lasts")
+    return QStringLiteral(
+               "the ceiling of %1 bytes is reached, and nothing may be removed: what is there is younger "
+               "than its table keeps at least, an alarm that lasts, not yet in the sums of its trend, or such "
+               "sums themselves, which have ages of their own")
         .arg(m_options.ceiling);
 }
 

@@ -112,11 +112,16 @@ Status Rollups::write(Connection &connection, bool all)
     if (!marks)
         return marks.error();
     std::vector<RollupAddition> additions;
-    for (Table &table : m_tables) {
+    const size_t begin = std::exchange(m_next, 0);
+    for (size_t i = 0; i < m_tables.size(); ++i) {
+        const size_t place = (begin + i) % m_tables.size();
+        Table &table = m_tables[place];
         if (!isWanted(table))
             continue;
-        if (additions.size() == tablesAtOnce)
+        if (additions.size() == tablesAtOnce) {
+            m_next = place;
             break;
+        }
         const RollupMark mark = marks->value(table.name.toLower());
         if (mark.number != table.state.number || mark.mark != table.state.mark ||
             mark.last - mark.mark != table.rows) { // somebody else stored rows, or emptied the table
@@ -195,7 +200,9 @@ Status Rollups::catchUp(Connection &connection)
     if (why != Error::TableMissing && !std::exchange(table->isReported, true))
         m_trouble = done.error();
     m_places.clear();
-    if (isOfTheFile(why)) { // a full disk, a broken page: the others first
+    if (isFull(done.error()))
+        m_rowsOfASlice = std::max(fewestRows, m_rowsOfASlice / 2); // under a ceiling, fewer buckets may have room
+    if (isOfTheFile(why)) {                                        // a full disk, a broken page: the others first
         std::rotate(table, table + 1, m_tables.end());
         return done;
     }

@@ -68,6 +68,7 @@ private:
 
     TimeReader m_times{false};
     qint64 m_rowsOfASlice = 5000;
+    size_t m_next = 0; ///< Of m_tables: who comes first when not all can be written at once.
     std::vector<Table> m_tables;
     QHash<QString, int> m_places; ///< In m_tables, or -1; by the names that rows come with.
     QVector<qint64> m_gone;       ///< Numbers whose buckets nobody needs.

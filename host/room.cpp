@@ -21,7 +21,8 @@ constexpr qint64 pagesOfEveryBatch = 600; // interior pages, the list of free on
 constexpr qint64 pagesOfARow = 2;         // of the table and of the index
 constexpr qint64 removedPerRow = 2;       // so that a file that is too full becomes emptier, see Retention
 constexpr qint64 pagesOfAFile = 256;      // below that a ceiling is a mistake
-constexpr qint64 memoryOfALog = 32768;    // for every 4,096 pages of it, about
+constexpr qint64 lastPages = 128;
+constexpr qint64 memoryOfALog = 32768; // for every 4,096 pages of it, about
 constexpr int fewestRows = 10;
 
 qint64 pagesOfABatch(qint64 rows)
@@ -106,11 +107,12 @@ Status Room::open(Connection &connection, const std::function<bool()> &cancelled
                               .arg(least));
     const qint64 logPages = pagesOfTheLog(m_batchRows, checkpointPages);
     m_logLimit = logPages * pageInLog();
-    m_filePages = (m_options.ceiling - bytesOfTheLog(logPages, m_pageSize)) / m_pageSize;
+    m_filePages = (m_options.ceiling - bytesOfTheLog(logPages, m_pageSize)) / m_pageSize - lastPages;
+    if (const Status limited = limit(connection, m_filePages); !limited)
+        return limited;
     // The log keeps the place of a checkpoint: where the disk is full, giving it back would be the end.
     for (const QString &pragma :
-         {QStringLiteral("pragma max_page_count=%1").arg(m_filePages),
-          QStringLiteral("pragma wal_autocheckpoint=%1").arg(connection.options().checkpointPages),
+         {QStringLiteral("pragma wal_autocheckpoint=%1").arg(connection.options().checkpointPages),
           QStringLiteral("pragma journal_size_limit=%1").arg(checkpointPages * pageInLog())}) {
         if (const auto set = connection.query(site, pragma); !set)
             return set.error();
@@ -127,6 +129,25 @@ Status Room::open(Connection &connection, const std::function<bool()> &cancelled
         return pages.error();
     measure(connection, *pages);
     return {};
+}
+
+Status Room::limit(Connection &connection, qint64 pages) const
+{
+    const auto set =
+        connection.query({QStringLiteral("limit"), QString()}, QStringLiteral("pragma max_page_count=%1").arg(pages));
+    return set ? Status() : set.error();
+}
+
+Room::LastPages::LastPages(const Room &room, Connection &connection) : m_room(room), m_connection(connection)
+{
+    if (m_room.isShort())
+        (void)m_room.limit(m_connection, m_room.m_filePages + lastPages);
+}
+
+Room::LastPages::~LastPages()
+{
+    if (m_room.isLimited())
+        (void)m_room.limit(m_connection, m_room.m_filePages);
 }
 
 // Pages are taken by a table of their own until the file has all of them, and become free again.

@@ -41,6 +41,18 @@ public:
     int rowsThatFit() const;
     /// Makes sure that the log has room for this, or says who stands in the way.
     Status prepare(Connection &connection, qint64 rows);
+    /// While it lives, the file may take some pages more: sums have to be written before their rows can go.
+    class LastPages
+    {
+    public:
+        LastPages(const Room &room, Connection &connection);
+        ~LastPages();
+
+    private:
+        Q_DISABLE_COPY(LastPages)
+        const Room &m_room;
+        Connection &m_connection;
+    };
     /// After the disk or the file was full: the log begins anew.
     Status startLogAnew(Connection &connection);
 
@@ -48,6 +60,7 @@ private:
     qint64 pageInLog() const { return m_pageSize + 24; }
     qint64 worst(qint64 rows) const;
     bool fits(qint64 rows) const { return m_logBytes + worst(rows) <= m_logLimit; }
+    Status limit(Connection &connection, qint64 pages) const;
     Status makeWhole(Connection &connection, const std::function<bool()> &cancelled);
     void look(const Connection &connection);
 

@@ -86,6 +86,7 @@ void Recorder::Worker::keepRollups()
         m_nextRollups = Clock::now() + retryPause;
         return;
     } else {
+        const Room::LastPages pages(m_retention.room(), *m_connection);
         done = m_rollups.catchUp(*m_connection);
     }
     if (!done) {
@@ -179,13 +180,18 @@ Status Recorder::Worker::makeRoomInFile()
     m_retention.room().measure(*m_connection, *pages);
     if (!m_retention.room().isShort())
         return {};
-    const Status done =
-        m_connection->transaction(site, [this] { return trim(*m_connection, removedPerRow * qint64(m_batch.size())); });
-    if (!done)
-        return done;
-    if (tellOfRetention() == 0)
-        return site.error(Error::StorageFailed, m_retention.whyFull());
-    return {};
+    const Room::LastPages last(m_retention.room(), *m_connection);
+    for (const bool again : {false, true}) {
+        if (again)
+            finishRollups(); // what is not summed up yet cannot go
+        const Status done = m_connection->transaction(
+            site, [this] { return trim(*m_connection, removedPerRow * qint64(m_batch.size())); });
+        if (!done)
+            return done;
+        if (tellOfRetention() > 0)
+            return {};
+    }
+    return site.error(Error::StorageFailed, m_retention.whyFull());
 }
 
 // --- The reader

@@ -389,8 +389,10 @@ protected:
             for (int i = 0; i < series; ++i) {
                 if (next[size_t(i)] > step)
                     continue;
-                if (!recorder.record(tables[size_t(i)], {timeAt(step), valueAt(i, step)}))
+                if (!recorder.record(tables[size_t(i)], {timeAt(step), valueAt(i, step)})) {
+                    std::cerr << recorder.health().trouble.toStdString() << std::endl;
                     _exit(4);
+                }
             }
             if (isReported && step % (stepsOfADay * 7) == 0) {
                 const Health health = recorder.health();

@@ -295,6 +295,22 @@ TEST_F(Trims, ForACeilingThatHoldsAtEveryMoment)
     EXPECT_EQ(valueOf(path(), "select max(ID)-min(ID)+1=count(*) and max(ID)=200000 from Boiler"_q), "1"_q);
 }
 
+TEST_F(Trims, GoesOnWhenATrendIsKeptOfAFileThatIsFull)
+{
+    options.retention.ceiling = 8 * 1024 * 1024;
+    auto recorder = recorderOf(Profile::Durable);
+    for (int i = 0; recorder->health().trimmed == 0; i += 1000)
+        recordMinutes(*recorder, i, i + 1000);
+    recorder->keepTrend(boiler, {{TrendLevel::TenMinutes, TrendLevel::Hour}});
+    const qint64 stored = recorder->health().stored;
+    recordMinutes(*recorder, int(stored), int(stored) + 30000);
+    EXPECT_EQ(recorder->health().stored, stored + 30000);
+    EXPECT_TRUE(eventually(
+        [&] { return valueOf(path(), "select MARK>%1 from \"device trend series\""_q.arg(stored)) == "1"_q; }));
+    for (const char *end : {"", "-wal", "-shm"})
+        EXPECT_LE(QFileInfo(path() + QLatin1String(end)).size(), options.retention.ceiling);
+}
+
 TEST_F(Trims, WaitsForAReaderThatPinsTheLogAndNamesIt)
 {
     options.retention.ceiling = 8 * 1024 * 1024;
