@@ -36,14 +36,18 @@ int main(int argc, char **argv)
     const QDir folder(application.arguments().value(2, QStringLiteral(".")));
     RecorderOptions options;
     options.file.profile = Profile::Durable;
+    options.retention.ceiling = 500 * 1000 * 1000; // bytes of each file: the oldest rows make room
     HistoryRecorder history(*library, folder.filePath(QStringLiteral("history.db")), options);
     AlarmRecorder alarms(*library, folder.filePath(QStringLiteral("alarms.db")), options);
     LogRecorder log(*library, folder.filePath(QStringLiteral("log.db")), options);
     const TableName alarmTable = TableName::must("AlarmData"), logTable = TableName::must("OperatorLog");
     QList<TableName> tables;
+    Keep keep;
+    keep.age = std::chrono::hours(24 * 30);
     for (int i = 0; i < seriesCount; ++i) {
         tables << TableName::from(QStringLiteral("Series%1").arg(i)).value();
         history.createTable(tables.last(), {QStringLiteral("Sensor %1").arg(i), QStringLiteral("°C")});
+        history.keep(tables.last(), keep);
         history.keepTrend(tables.last(), {{TrendLevel::TenSeconds, TrendLevel::Minute, TrendLevel::Hour}});
     }
     alarms.createTable(alarmTable);
@@ -51,6 +55,7 @@ int main(int argc, char **argv)
     const QList<Recorder *> recorders{&history, &alarms, &log};
     for (Recorder *recorder : recorders) {
         QObject::connect(recorder, &Recorder::troubled, report);
+        QObject::connect(recorder, &Recorder::retentionHeld, report);
         if (!check(recorder->start()))
             return 1;
     }
