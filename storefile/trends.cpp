@@ -167,12 +167,12 @@ Result<bool> hasTimeIndex(const Database &database, const QString &table)
     return index->number(0) > 0;
 }
 
-Result<qint64> catchUpTrend(const Database &database, const QString &table, const std::function<bool(qint64)> &goOn)
+Status catchUpTrend(const Database &database, const QString &table, const std::function<bool(qint64)> &goOn)
 {
     RollupChannel channel(database);
     const device::Site site = siteOf(database);
-    qint64 rows = 0;
-    for (bool isAtEnd = false; !isAtEnd && goOn(rows);) {
+    qint64 ids = 0;
+    for (bool isAtEnd = false; !isAtEnd && goOn(ids);) {
         const Status done = channel.transaction(site, [&]() -> Status {
             const auto state = device::rollupState(channel, site, table);
             if (!state)
@@ -186,13 +186,13 @@ Result<qint64> catchUpTrend(const Database &database, const QString &table, cons
             if (!added)
                 return added.error();
             isAtEnd = *added;
-            rows += now.mark - (*state)->mark;
+            ids += now.mark - (*state)->mark;
             return {};
         });
         if (!done)
-            return done.error();
+            return done;
     }
-    return rows;
+    return {};
 }
 
 Status removeLeftBuckets(const Database &database, const std::function<bool()> &goOn)

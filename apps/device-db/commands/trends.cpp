@@ -149,19 +149,20 @@ Outcome catchUp(const TrendsCommand &command, const Database &database, const QS
         (*state && (*state)->isOfThisTable ? " where ID>" + QByteArray::number((*state)->mark) : QByteArray()));
     if (!all)
         return all.error();
+    const qint64 ids = *state ? (*state)->last - (*state)->mark : 0;
     Progress progress(QStringLiteral("rows summed up"));
-    const auto rows = catchUpTrend(database, table, [&](qint64 sofar) {
-        progress.show(std::min(sofar, *all), *all, sofar);
+    const Status caughtUp = catchUpTrend(database, table, [&](qint64 sofar) {
+        progress.show(std::min(sofar, ids), ids, sofar);
         return !Interruption::came();
     });
     progress.wipe();
-    if (!rows)
-        return rows.error();
+    if (!caughtUp && !Interruption::came())
+        return caughtUp.error();
     if (Interruption::came())
-        return interrupted(command, QStringLiteral("%1 rows of %2 are summed up, the others follow with a recorder or "
-                                                   "\"device-db trends rebuild\"")
-                                        .arg(grouped(*rows), table));
-    say(QStringLiteral("%1: %2: %3, %4 summed up").arg(command.writing.path, table, done, rowsText(*rows)));
+        return interrupted(command, QStringLiteral("what is summed up of %1 stays; a recorder or \"device-db trends "
+                                                   "rebuild\" goes on")
+                                        .arg(table));
+    say(QStringLiteral("%1: %2: %3, %4 summed up").arg(command.writing.path, table, done, rowsText(*all)));
     return Done;
 }
 
