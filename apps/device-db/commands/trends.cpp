@@ -68,7 +68,7 @@ Outcome show(const TrendsCommand &command)
     const auto writer = rowWriter(command.output.format,
                                   {{"table", QStringLiteral("Table")},
                                    {"level", QStringLiteral("Level")},
-                                   {"buckets", QStringLiteral("Buckets"), true, true},
+                                   {"sums", QStringLiteral("Sums"), true, true},
                                    {"first", QStringLiteral("First")},
                                    {"last", QStringLiteral("Last")},
                                    {"bytes", QStringLiteral("Size"), true, true},
