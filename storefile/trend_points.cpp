@@ -67,6 +67,15 @@ Result<std::pair<QByteArray, QByteArray>> TrendPoints::removedRange() const
     return range;
 }
 
+bool TrendPoints::helps(qint64 first, qint64 last, int columns) const
+{
+    const device::TrendColumns read(first / 1000, last / 1000, columns);
+    if (read.levelFor(m_state.levels) >= 0)
+        return true;
+    const auto removed = removedRange();
+    return removed && !removed->first.isEmpty();
+}
+
 Result<qint64> TrendPoints::add(qint64 first, qint64 last, int columns, Reduction &points) const
 {
     RollupChannel channel(*m_database);

@@ -2,6 +2,7 @@
 #include "storefile/trends.h"
 
 #include "storefile/rollup_channel.h"
+#include "storefile/tables.h"
 #include "storefile/texts.h"
 
 #include "device/table_name.h"
@@ -125,10 +126,20 @@ Result<QList<TrendFacts>> trendsOf(const Database &database, bool withLevels)
     const auto names = device::tablesWithRollups(channel);
     if (!names)
         return names.error();
+    const auto tables = tablesOf(database);
+    if (!tables)
+        return tables.error();
     QList<TrendFacts> trends;
     for (const QString &name : *names) {
         TrendFacts facts;
         facts.table = name;
+        if (std::none_of(tables->begin(), tables->end(), [&](const Table &table) {
+                return table.kind == Kind::Samples && table.name.compare(name, Qt::CaseInsensitive) == 0;
+            })) {
+            facts.trouble = QStringLiteral("there is no such table of samples");
+            trends << facts;
+            continue;
+        }
         const auto state = device::rollupState(channel, siteOf(database), name);
         if (state && *state) {
             facts.state = **state;

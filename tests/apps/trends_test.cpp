@@ -259,6 +259,47 @@ TEST_F(Trends, FollowAnImport)
     EXPECT_TRUE(answer.endsWith("? 3\n"));
 }
 
+TEST_F(Trends, AreSummedUpBeforeRowsAreDeleted)
+{
+    make();
+    trends("on");
+    change("insert into Boiler select NULL,'2024-07-01 00:00:00',ID from Boiler where ID<=30 order by ID"_q);
+    EXPECT_TRUE(said({"trim"_q, "device.db"_q, "boiler"_q, "--keep"_q, "10"_q, "--yes"_q}).endsWith("? 0\n"));
+    EXPECT_EQ(value("select MARK from \"device trend series\""_q), "20030"_q);
+    EXPECT_EQ(value("select D from \"device trend\" where K=(select max(K) from \"device trend\" where K>>36=17)"_q),
+              "30;465;1;;30;;1;;30;"_q);
+    EXPECT_FALSE(checked().contains("differ"));
+    change("update \"device trend series\" set LEVELS='7'"_q);
+    const QByteArray answer = said({"trim"_q, "device.db"_q, "Boiler"_q, "--keep"_q, "5"_q, "--yes"_q});
+    EXPECT_TRUE(answer.contains("rows are missing from the trend of Boiler")) << answer.constData();
+    EXPECT_EQ(value("select count(*) from Boiler"_q), "5"_q);
+}
+
+TEST_F(Trends, OfATableThatIsGoneCanBeRemoved)
+{
+    make(100);
+    trends("on");
+    change("drop table Boiler; create table Boiler(a,b)"_q);
+    EXPECT_TRUE(checked().contains("there is no such table of samples"));
+    EXPECT_TRUE(trends("off").contains("--forget-removed"));
+    EXPECT_TRUE(trends("off", {"--forget-removed"_q}).endsWith("? 0\n"));
+    EXPECT_EQ(kept(), "");
+}
+
+TEST_F(Trends, ThatCannotBeReadAreNotDrawn)
+{
+    make();
+    change("update Boiler set DATETIME='2024-05-07 00:00:00' where DATETIME='2024'"_q);
+    said({"plot"_q, "device.db"_q, "-o"_q, "rows.svg"_q});
+    trends("on");
+    said({"plot"_q, "device.db"_q, "-o"_q, "sums.svg"_q});
+    EXPECT_EQ(read("sums.svg"_q).replace("sums", ""), read("rows.svg"_q).replace("rows", ""));
+    EXPECT_FALSE(read("sums.svg"_q).isEmpty());
+    change("update \"device trend\" set D='junk'"_q);
+    EXPECT_TRUE(said({"plot"_q, "device.db"_q, "-o"_q, "junk.svg"_q}).contains("its trend is not used"));
+    EXPECT_EQ(read("junk.svg"_q).replace("junk", ""), read("rows.svg"_q).replace("rows", ""));
+}
+
 TEST_F(Trends, SurviveCtrlC)
 {
     {

@@ -16,6 +16,8 @@
 
 #include "device/table_name.h"
 
+#include <algorithm>
+
 namespace device_db
 {
 
@@ -63,7 +65,9 @@ Outcome show(const TrendsCommand &command)
     }
     const bool forPeople = isForPeople(command.output.format);
     const auto number = [&](qint64 value) { return forPeople ? grouped(value).toLatin1() : QByteArray::number(value); };
-    const auto time = [&](const QByteArray &text) { return command.output.utc ? inUtc(text, false) : text; };
+    const auto time = [&](const QByteArray &text) {
+        return text.isNull() ? QByteArray("") : command.output.utc ? inUtc(text, false) : text;
+    };
     Output output(command.output);
     const auto writer = rowWriter(command.output.format,
                                   {{"table", QStringLiteral("Table")},
@@ -282,7 +286,14 @@ Outcome change(TrendsCommand command, Action action)
         return database.error();
     QList<device::TableName> tables;
     for (const QString &given : command.others) {
-        const auto table = seriesNamed(*database, given);
+        auto table = seriesNamed(*database, given);
+        if (!table && action == switchOff) { // of a table that is gone, too
+            const auto kept = trendsOf(*database, false);
+            if (kept && std::any_of(kept->begin(), kept->end(), [&](const TrendFacts &trend) {
+                    return trend.table.compare(given, Qt::CaseInsensitive) == 0;
+                }))
+                table = device::TableName::from(given);
+        }
         if (!table)
             return table.error();
         tables << *table;
