@@ -5,7 +5,7 @@
 #include "tool_test.h"
 #include "trend_files.h"
 
-#include "host/time_text.h"
+#include "host/trend_reading.h"
 #include "storefile/reduction.h"
 #include "storefile/rollup_channel.h"
 #include "storefile/times.h"
@@ -132,6 +132,57 @@ TEST(TrendPoints, GoOnShowingWhatIsRemoved)
     EXPECT_TRUE(sums->removedRange()->first.startsWith("2024-05-06 00:0"));
     file.run("delete from Boiler"_q);
     EXPECT_EQ(highest(), before);
+}
+
+// A recorder that goes on while rows are read in slices.
+class Interfering : public RollupChannel
+{
+public:
+    Interfering(const Database &database, std::function<void()> between)
+        : RollupChannel(database), m_between(std::move(between))
+    {
+    }
+
+    Status run(const device::Site &site, const QString &sql) override
+    {
+        const Status done = RollupChannel::run(site, sql);
+        if (sql == "rollback"_q)
+            m_between();
+        return done;
+    }
+
+private:
+    std::function<void()> m_between;
+};
+
+TEST(ATrendThatIsRead, CountsNoRowTwiceWhenTheMarkMovesOn)
+{
+    const QTemporaryDir folder;
+    const QString path = folder.filePath("device.db"_q);
+    PlainConnection file(path);
+    file.run(
+        "pragma journal_mode=wal; create table Boiler(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value "
+        "text); create index i on Boiler(DATETIME); with recursive n(i) as (select 0 union all select i+1 from n "
+        "where i<69999) insert into Boiler select NULL,datetime(1714953600+i,'unixepoch'),i from n"_q);
+    const auto writer = Database::open(path, Database::ReadWrite);
+    ASSERT_TRUE(writer);
+    keepTrend(*writer, {device::TrendLevel::Minute});
+    const auto reader = Database::open(path, Database::ReadOnly);
+    ASSERT_TRUE(reader);
+    // Late rows of minutes that are still to be read.
+    Interfering channel(*reader, [&] {
+        file.run("insert into Boiler select NULL,DATETIME,Value from Boiler where ID%60=30 and ID<=70000"_q);
+        EXPECT_TRUE(catchUpTrend(*writer, "Boiler"_q, [](qint64) { return true; }));
+    });
+    const auto trend = device::readTrend(channel, {"read"_q, "Boiler"_q},
+                                         device::TrendQuery::between(QDateTime(QDate(2024, 5, 6), QTime(0, 0)),
+                                                                     QDateTime(QDate(2024, 5, 6), QTime(19, 26, 39)))
+                                             .columns(100000));
+    ASSERT_TRUE(trend) << qPrintable(trend.error().text());
+    qint64 rows = 0;
+    for (const device::TrendColumn &column : trend->columns)
+        rows += column.rows;
+    EXPECT_EQ(rows, 70000);
 }
 
 // Whatever pages are lost: what comes out says nothing that the rows contradict, and nothing twice.
