@@ -253,7 +253,12 @@ Outcome rebuild(const TrendsCommand &command, const Database &database, const de
     TrendRepair repair;
     Progress progress(QStringLiteral("rows compared"));
     const Status done = channel.transaction(site, [&]() -> Status {
-        const auto repaired = repairTrend(database, table.text(), **state,
+        const auto now = trendOf(database, table.text());
+        if (!now || !*now || !(*now)->isOfThisTable)
+            return now ? failure(command.writing.path,
+                                 QStringLiteral("the trend of %1 was changed meanwhile; try again").arg(table.text()))
+                       : now.error();
+        const auto repaired = repairTrend(database, table.text(), **now,
                                           [&](qint64 rows, qint64 all) { progress.show(rows, all, rows); });
         if (!repaired)
             return repaired.error();
