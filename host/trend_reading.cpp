@@ -364,8 +364,8 @@ Status TrendReading::rows(const Spans &spans, Ids ids, const RowReader &add)
         if (const Status done = rowsOf(slice, add); !done || through == last)
             return done;
         first = through + 1;
-        if (m_connection.isReader())
-            m_moment.renew(); // so that the write-ahead log can be checkpointed
+        if (m_connection.isReader() && !m_rollups) // buckets and mark are those of one moment
+            m_moment.renew();                      // so that the write-ahead log can be checkpointed
     }
 }
 

@@ -4,6 +4,7 @@
 #include "storefile/rollup_channel.h"
 #include "storefile/times.h"
 
+#include "host/one_moment.h"
 #include "host/trend_reading.h"
 
 namespace device_db
@@ -67,14 +68,29 @@ Result<std::pair<QByteArray, QByteArray>> TrendPoints::removedRange() const
     return range;
 }
 
+bool TrendPoints::helps(qint64 first, qint64 last, int columns) const
+{
+    const device::TrendColumns read(first / 1000, last / 1000, columns);
+    if (read.levelFor(m_state.levels) >= 0)
+        return true;
+    const auto removed = removedRange();
+    return removed && !removed->first.isEmpty();
+}
+
 Result<qint64> TrendPoints::add(qint64 first, qint64 last, int columns, Reduction &points) const
 {
     RollupChannel channel(*m_database);
     const qint64 begin = first / 1000 + secondsBefore1970;
     const qint64 end = last / 1000 + secondsBefore1970;
     device::TrendColumns read(begin, end, columns);
-    const Status done = device::readColumns(channel, {m_database->name(), m_table}, m_state, {begin, end + 1}, read);
-    if (!done)
+    const device::Site site{m_database->name(), m_table};
+    const device::OneMoment moment(channel, site); // a recorder may move the mark on
+    const auto state = trendOf(*m_database, m_table);
+    if (!state)
+        return state.error();
+    if (!*state || !(*state)->isOfThisTable)
+        return failure(m_database->name(), QStringLiteral("it begins anew at this moment"));
+    if (const Status done = device::readColumns(channel, site, **state, {begin, end + 1}, read); !done)
         return done.error();
     qint64 left = 0;
     for (const auto &[place, column] : read.all()) {

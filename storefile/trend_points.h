@@ -20,7 +20,11 @@ public:
     /// The first and the last time of rows that are removed; empty: of none.
     Result<std::pair<QByteArray, QByteArray>> removedRange() const;
 
-    /// Adds what lies between two times, milliseconds since 1970, both included. The rows that are not numbers.
+    /// False where columns are so narrow that the rows alone say as much.
+    bool helps(qint64 first, qint64 last, int columns) const;
+
+    /// Adds what lies between two times, milliseconds since 1970, both included. The rows that are not numbers, or an
+    /// Error, and nothing was added.
     Result<qint64> add(qint64 first, qint64 last, int columns, Reduction &points) const;
 
 private:

@@ -2,6 +2,7 @@
 #include "storefile/trends.h"
 
 #include "storefile/rollup_channel.h"
+#include "storefile/tables.h"
 #include "storefile/texts.h"
 
 #include "device/table_name.h"
@@ -125,10 +126,20 @@ Result<QList<TrendFacts>> trendsOf(const Database &database, bool withLevels)
     const auto names = device::tablesWithRollups(channel);
     if (!names)
         return names.error();
+    const auto tables = tablesOf(database);
+    if (!tables)
+        return tables.error();
     QList<TrendFacts> trends;
     for (const QString &name : *names) {
         TrendFacts facts;
         facts.table = name;
+        if (std::none_of(tables->begin(), tables->end(), [&](const Table &table) {
+                return table.kind == Kind::Samples && table.name.compare(name, Qt::CaseInsensitive) == 0;
+            })) {
+            facts.trouble = QStringLiteral("there is no such table of samples");
+            trends << facts;
+            continue;
+        }
         const auto state = device::rollupState(channel, siteOf(database), name);
         if (state && *state) {
             facts.state = **state;
@@ -167,12 +178,12 @@ Result<bool> hasTimeIndex(const Database &database, const QString &table)
     return index->number(0) > 0;
 }
 
-Result<qint64> catchUpTrend(const Database &database, const QString &table, const std::function<bool(qint64)> &goOn)
+Status catchUpTrend(const Database &database, const QString &table, const std::function<bool(qint64)> &goOn)
 {
     RollupChannel channel(database);
     const device::Site site = siteOf(database);
-    qint64 rows = 0;
-    for (bool isAtEnd = false; !isAtEnd && goOn(rows);) {
+    qint64 ids = 0;
+    for (bool isAtEnd = false; !isAtEnd && goOn(ids);) {
         const Status done = channel.transaction(site, [&]() -> Status {
             const auto state = device::rollupState(channel, site, table);
             if (!state)
@@ -186,13 +197,13 @@ Result<qint64> catchUpTrend(const Database &database, const QString &table, cons
             if (!added)
                 return added.error();
             isAtEnd = *added;
-            rows += now.mark - (*state)->mark;
+            ids += now.mark - (*state)->mark;
             return {};
         });
         if (!done)
-            return done.error();
+            return done;
     }
-    return rows;
+    return {};
 }
 
 Status removeLeftBuckets(const Database &database, const std::function<bool()> &goOn)

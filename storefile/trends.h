@@ -51,8 +51,8 @@ Result<std::optional<RollupState>> trendOf(const Database &database, const QStri
 Result<bool> hasTimeIndex(const Database &database, const QString &table);
 
 /// Puts the rows above the mark into the sums, in slices of a transaction each. Sums of a table that was emptied begin
-/// anew. Stops between two slices when `goOn`, which is told the rows so far, says so. The rows.
-Result<qint64> catchUpTrend(const Database &database, const QString &table, const std::function<bool(qint64)> &goOn);
+/// anew. Stops between two slices when `goOn`, which is told how far the mark has come, says so.
+Status catchUpTrend(const Database &database, const QString &table, const std::function<bool(qint64)> &goOn);
 
 /// Removes the buckets that belong to no table, in slices.
 Status removeLeftBuckets(const Database &database, const std::function<bool()> &goOn);

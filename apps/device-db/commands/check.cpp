@@ -149,8 +149,11 @@ Status judgeTrend(const Database &database, const TrendFacts &trend, QList<Line>
     return {};
 }
 
+// Of one moment: a recorder moves sums and marks on.
 Status judgeTrends(const Database &database, QList<Line> &lines)
 {
+    if (const Status begun = database.run("begin"); !begun)
+        return begun;
     const auto trends = trendsOf(database, false);
     if (!trends)
         return trends.error();
@@ -160,7 +163,7 @@ Status judgeTrends(const Database &database, QList<Line> &lines)
     }
     if (trends->isEmpty())
         lines << fine(QString(), QStringLiteral("no table keeps a trend"));
-    return {};
+    return database.run("commit");
 }
 
 // For people: nothing is cut off.

@@ -9,6 +9,7 @@
 #include "program/program.h"
 #include "storefile/texts.h"
 #include "storefile/times.h"
+#include "storefile/trends.h"
 #include "terminal/output.h"
 
 #include <QFileInfo>
@@ -55,6 +56,7 @@ struct Deletion {
     QByteArray condition;
     std::function<Result<QByteArray>(Kind)> value;
     bool isByTime = false;
+    bool isOfAll = false;
 };
 
 Result<Doomed> doomed(const Database &database, const DeletionOptions &options, const Deletion &deletion)
@@ -137,6 +139,20 @@ Result<qint64> deleteRows(const Database &database, const Doomed &rows)
     return deleted;
 }
 
+// Rows that are in no sum yet could never be in one again. A trend that cannot be kept is no reason to keep rows.
+void sumUpBefore(const Database &database, const Table &table)
+{
+    if (table.kind != Kind::Samples)
+        return;
+    const auto trend = trendOf(database, table.name);
+    Status done = trend ? Status() : Status(trend.error());
+    if (trend && *trend)
+        done = catchUpTrend(database, table.name, [](qint64) { return !Interruption::came(); });
+    if (!done && !Interruption::came())
+        complain(QStringLiteral("%1: rows are missing from the trend of %2: %3")
+                     .arg(database.name(), table.name, done.error().cause()));
+}
+
 QString unreadText(const Doomed &rows, const QString &before)
 {
     return rows.unread == 0 ? QString()
@@ -180,6 +196,8 @@ Outcome remove(const DeletionOptions &options, const Deletion &deletion,
     if (const Status may = confirmed(options.file.path, plan(*rows), options.yes); !may)
         return may.error();
     const Interruption guard(*database);
+    if (!deletion.isOfAll)
+        sumUpBefore(*database, rows->table);
     const auto deleted = deleteRows(*database, *rows);
     if (!deleted)
         return deleted.error();
@@ -231,7 +249,7 @@ Outcome clear(const DeletionOptions &options)
         sequence->step();
         return sequence->status();
     };
-    return remove(options, {{}, "1", [](Kind) { return Result<QByteArray>(QByteArray("")); }}, anew);
+    return remove(options, {{}, "1", [](Kind) { return Result<QByteArray>(QByteArray("")); }, false, true}, anew);
 }
 
 } // namespace

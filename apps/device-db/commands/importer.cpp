@@ -374,19 +374,18 @@ void Importer::keepTrends()
         return;
     for (const QString &table : tables()) {
         const auto kept = trendOf(*m_database, table);
-        const auto rows = kept && *kept ? catchUpTrend(*m_database, table,
-                                                       [&](qint64) {
-                                                           m_progress.show(0, 0, m_place.stored);
-                                                           return !Interruption::came();
-                                                       })
-                          : kept        ? Result<qint64>(0)
-                                        : Result<qint64>(kept.error());
-        if (rows)
+        Status done = kept ? Status() : Status(kept.error());
+        if (kept && *kept)
+            done = catchUpTrend(*m_database, table, [&](qint64) {
+                m_progress.show(0, 0, m_place.stored);
+                return !Interruption::came();
+            });
+        if (done)
             continue;
         m_isBehind = true;
         m_progress.wipe();
         complain(QStringLiteral("%1: the rows are stored, but the trend of %2 is behind: %3")
-                     .arg(m_options.target.path, table, rows.error().cause()));
+                     .arg(m_options.target.path, table, done.error().cause()));
     }
 }
 

@@ -166,13 +166,15 @@ Status readSeries(const Database &database, const Table &table, bool right, cons
     if (!title)
         return title.error();
     Series series{table.name, *title, right, Reduction(chart.first, chart.last, chart.width)};
-    if (const auto sums = sumsOf(database, table, command); sums && chart.first >= 0) {
+    if (const auto sums = sumsOf(database, table, command);
+        sums && chart.first >= 0 && sums->helps(chart.first, chart.last, chart.width)) {
         const auto left = sums->add(chart.first, chart.last, chart.width, series.points);
-        if (!left)
-            return left.error();
-        series.left = *left;
-        chart.series.push_back(std::move(series));
-        return {};
+        if (left) {
+            series.left = *left;
+            chart.series.push_back(std::move(series));
+            return {};
+        }
+        complain(QStringLiteral("%1: its trend is not used: %2").arg(table.name, left.error().cause()));
     }
     RowQuery query;
     query.filter = command.range;

@@ -16,6 +16,8 @@
 
 #include "device/table_name.h"
 
+#include <algorithm>
+
 namespace device_db
 {
 
@@ -63,12 +65,14 @@ Outcome show(const TrendsCommand &command)
     }
     const bool forPeople = isForPeople(command.output.format);
     const auto number = [&](qint64 value) { return forPeople ? grouped(value).toLatin1() : QByteArray::number(value); };
-    const auto time = [&](const QByteArray &text) { return command.output.utc ? inUtc(text, false) : text; };
+    const auto time = [&](const QByteArray &text) {
+        return text.isNull() ? QByteArray("") : command.output.utc ? inUtc(text, false) : text;
+    };
     Output output(command.output);
     const auto writer = rowWriter(command.output.format,
                                   {{"table", QStringLiteral("Table")},
                                    {"level", QStringLiteral("Level")},
-                                   {"buckets", QStringLiteral("Buckets"), true, true},
+                                   {"sums", QStringLiteral("Sums"), true, true},
                                    {"first", QStringLiteral("First")},
                                    {"last", QStringLiteral("Last")},
                                    {"bytes", QStringLiteral("Size"), true, true},
@@ -149,19 +153,20 @@ Outcome catchUp(const TrendsCommand &command, const Database &database, const QS
         (*state && (*state)->isOfThisTable ? " where ID>" + QByteArray::number((*state)->mark) : QByteArray()));
     if (!all)
         return all.error();
+    const qint64 ids = *state ? (*state)->last - (*state)->mark : 0;
     Progress progress(QStringLiteral("rows summed up"));
-    const auto rows = catchUpTrend(database, table, [&](qint64 sofar) {
-        progress.show(std::min(sofar, *all), *all, sofar);
+    const Status caughtUp = catchUpTrend(database, table, [&](qint64 sofar) {
+        progress.show(std::min(sofar, ids), ids, sofar);
         return !Interruption::came();
     });
     progress.wipe();
-    if (!rows)
-        return rows.error();
+    if (!caughtUp && !Interruption::came())
+        return caughtUp.error();
     if (Interruption::came())
-        return interrupted(command, QStringLiteral("%1 rows of %2 are summed up, the others follow with a recorder or "
-                                                   "\"device-db trends rebuild\"")
-                                        .arg(grouped(*rows), table));
-    say(QStringLiteral("%1: %2: %3, %4 summed up").arg(command.writing.path, table, done, rowsText(*rows)));
+        return interrupted(command, QStringLiteral("what is summed up of %1 stays; a recorder or \"device-db trends "
+                                                   "rebuild\" goes on")
+                                        .arg(table));
+    say(QStringLiteral("%1: %2: %3, %4 summed up").arg(command.writing.path, table, done, rowsText(*all)));
     return Done;
 }
 
@@ -248,7 +253,12 @@ Outcome rebuild(const TrendsCommand &command, const Database &database, const de
     TrendRepair repair;
     Progress progress(QStringLiteral("rows compared"));
     const Status done = channel.transaction(site, [&]() -> Status {
-        const auto repaired = repairTrend(database, table.text(), **state,
+        const auto now = trendOf(database, table.text());
+        if (!now || !*now || !(*now)->isOfThisTable)
+            return now ? failure(command.writing.path,
+                                 QStringLiteral("the trend of %1 was changed meanwhile; try again").arg(table.text()))
+                       : now.error();
+        const auto repaired = repairTrend(database, table.text(), **now,
                                           [&](qint64 rows, qint64 all) { progress.show(rows, all, rows); });
         if (!repaired)
             return repaired.error();
@@ -281,7 +291,14 @@ Outcome change(TrendsCommand command, Action action)
         return database.error();
     QList<device::TableName> tables;
     for (const QString &given : command.others) {
-        const auto table = seriesNamed(*database, given);
+        auto table = seriesNamed(*database, given);
+        if (!table && action == switchOff) { // of a table that is gone, too
+            const auto kept = trendsOf(*database, false);
+            if (kept && std::any_of(kept->begin(), kept->end(), [&](const TrendFacts &trend) {
+                    return trend.table.compare(given, Qt::CaseInsensitive) == 0;
+                }))
+                table = device::TableName::from(given);
+        }
         if (!table)
             return table.error();
         tables << *table;
