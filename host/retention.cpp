@@ -321,6 +321,7 @@ Result<Retention::Bounds> Retention::bounds(Table &table, const Through &summed,
 Status Retention::trim(Connection &connection, qint64 rows, const Through &summed)
 {
     m_done.clear();
+    m_wanted = rows;
     if (!m_isKnown) {
         if (const Status looked = lookAtTables(connection); !looked)
             return looked;
@@ -381,7 +382,7 @@ Status Retention::trimByRules(Connection &connection, Table &table, qint64 &rows
         return may.error();
     const qint64 before = rows;
     if (const auto tooOld = cutoff(table); tooOld && table.firstSeconds < *tooOld) {
-        const auto tooMuch = table.isAllowed ? Result<bool>(false) : isTooMuch(connection, table, *tooOld, rows);
+        const auto tooMuch = table.isAllowed ? Result<bool>(false) : isTooMuch(connection, table, *tooOld);
         if (!tooMuch)
             return tooMuch.error();
         if (*tooMuch) {
@@ -456,9 +457,9 @@ Status Retention::trimSums(Connection &connection, Table &table)
 
 // Asks the rows at one place instead of counting: what is old is at the beginning of a table, as a rule.
 // What came since the last time may push as much out: in a small table that is a large part.
-Result<bool> Retention::isTooMuch(Connection &connection, const Table &table, qint64 before, qint64 budget)
+Result<bool> Retention::isTooMuch(Connection &connection, const Table &table, qint64 before)
 {
-    const qint64 tenth = std::max<qint64>(1, (table.last - table.first + 1) / 10) + std::min(table.sinceTrim, budget);
+    const qint64 tenth = std::max<qint64>(1, (table.last - table.first + 1) / 10) + std::min(table.sinceTrim, m_wanted);
     const auto rows = connection.ask(
         keepSite(table.name),
         QStringLiteral("select count(*),ifnull(sum(DATETIME>='0' and DATETIME<%1),0) from (select DATETIME from %2 "
@@ -507,7 +508,7 @@ Status Retention::remove(Connection &connection, Table &table, const Bounds &bou
     rows -= removed;
     const qint64 unshipped = std::clamp<qint64>(through - std::max(bounds.shipped, table.first - 1), 0, removed);
     if (m_done.empty() || m_done.back().table != &table)
-        m_done.push_back({&table, {table.name, 0, 0, 0, QString()}});
+        m_done.push_back({&table, {table.name, 0, 0, 0, QString()}, table.sinceTrim});
     TrimmedRows &all = m_done.back().rows;
     all.rows += removed;
     all.unshipped += unshipped;
@@ -520,7 +521,7 @@ std::vector<TrimmedRows> Retention::trimmed()
 {
     std::vector<TrimmedRows> all;
     for (Done &done : m_done) {
-        done.table->sinceTrim = 0;
+        done.table->sinceTrim -= done.sinceTrim; // the rows of this very transaction count for the next time
         if (done.rows.rows > 0)
             all.push_back(std::move(done.rows));
     }

@@ -91,6 +91,7 @@ private:
     struct Done {
         Table *table;
         TrimmedRows rows;
+        qint64 sinceTrim;
     };
 
     Status lookAtTables(Connection &connection);
@@ -108,7 +109,7 @@ private:
     Status trimByRules(Connection &connection, Table &table, qint64 &rows, const Through &summed);
     Status trimForCeiling(Connection &connection, Table &table, qint64 &rows, const Through &summed);
     Status trimSums(Connection &connection, Table &table);
-    Result<bool> isTooMuch(Connection &connection, const Table &table, qint64 before, qint64 budget);
+    Result<bool> isTooMuch(Connection &connection, const Table &table, qint64 before);
     Status remove(Connection &connection, Table &table, const Bounds &bounds, qint64 &rows);
     void held(Table &table, const QString &why);
 
@@ -124,6 +125,7 @@ private:
     bool m_isUrgent = false;
     qint64 m_stored = 0;
     qint64 m_rowsAtOnce = 1000;
+    qint64 m_wanted = 0; ///< By the caller of trim().
     size_t m_next = 0;
     std::vector<Table> m_tables;
     QHash<QString, int> m_places;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "rollup_file.h"
 
+#include "keep_file.h"
 #include "row_text.h"
 #include "time_text.h"
 
@@ -256,7 +257,19 @@ Result<std::optional<RollupState>> rollupState(SqlChannel &connection, const Sit
     const auto there = areThere(connection, site);
     if (!there)
         return there.error();
-    return *there ? stateOf(connection, site, table) : std::optional<RollupState>();
+    if (!*there)
+        return std::optional<RollupState>();
+    auto state = stateOf(connection, site, table);
+    if (!state || !*state)
+        return state;
+    const auto floors = sumFloors(connection, table);
+    if (!floors)
+        return floors.error();
+    for (const qint64 width : (*state)->levels) {
+        const auto floor = floors->find(width);
+        (*state)->floors.push_back(floor == floors->end() ? 0 : (floor->second + width - 1) / width * width);
+    }
+    return state;
 }
 
 Result<bool> beginRollups(SqlChannel &connection, const TableName &table, const TrendOptions &options)

@@ -28,6 +28,7 @@ std::optional<TrendLevel> levelOf(qint64 width);
 struct RollupState {
     qint64 number = 0;          ///< Its buckets have this number.
     std::vector<qint64> levels; ///< The widths of the buckets in seconds, the finest first.
+    std::vector<qint64> floors; ///< By level: the second from which its buckets are kept.
     qint64 mark = 0;            ///< The highest ID that is in the buckets.
     qint64 last = 0;            ///< The highest ID that the table gave.
     qint64 front = 0;           ///< The latest bucket of the finest level, in seconds; see closed().

@@ -3,7 +3,6 @@
 // Reading a trend: whole buckets in the middle, rows at the ends, and the rows that are in no bucket yet.
 #include "trend_reading.h"
 
-#include "keep_file.h"
 #include "one_moment.h"
 #include "reading.h"
 #include "row_text.h"
@@ -64,9 +63,8 @@ private:
     Status someBuckets(const QStringList &keys, qint64 width, const BucketReader &add);
     Status rows(const Spans &spans, Ids ids, const RowReader &add);
     Status rowsOf(const QString &where, const RowReader &add);
-    Status lookBack();
     Status lookForFirstRow();
-    bool isKept(size_t level, qint64 time) const { return m_floors.at(level) <= time; }
+    size_t finestFrom(qint64 time) const;
     bool onlyFrom(size_t level, qint64 time) const;
 
     SqlChannel &m_connection;
@@ -74,8 +72,7 @@ private:
     OneMoment m_moment;
     std::optional<RollupState> m_rollups;
     TrendColumns *m_columns = nullptr;
-    std::vector<qint64> m_floors; ///< By level: the second from which its buckets are kept.
-    qint64 m_firstRow = 0;        ///< Seconds. Rows before are deleted, as far as the file can tell.
+    qint64 m_firstRow = 0; ///< Seconds. Rows before are deleted, as far as the file can tell.
 };
 
 Result<Trend> TrendReading::read(const TrendQuery &query)
@@ -96,13 +93,10 @@ Result<Trend> TrendReading::read(const TrendQuery &query)
     qint64 width = columnWidth(span.begin, span.end - 1, query.atMost);
     if (*state && (*state)->isOfThisTable) {
         m_rollups = *state;
-        if (const Status looked = lookBack(); !looked)
+        if (const Status looked = lookForFirstRow(); !looked)
             return looked.error();
-        size_t finest = 0;
-        while (finest + 1 < m_floors.size() && !isKept(finest, span.begin))
-            ++finest;
         if (span.begin < m_firstRow)
-            width = std::max(width, m_rollups->levels.at(finest));
+            width = std::max(width, m_rollups->levels.at(finestFrom(span.begin)));
     }
     TrendColumns columns(width);
     if (const Status done = readAll(span, columns); !done)
@@ -113,7 +107,7 @@ Result<Trend> TrendReading::read(const TrendQuery &query)
 Status TrendReading::read(const RollupState &rollups, TimeSpan span, TrendColumns &columns)
 {
     m_rollups = rollups;
-    if (const Status looked = lookBack(); !looked)
+    if (const Status looked = lookForFirstRow(); !looked)
         return looked;
     return readAll(span, columns);
 }
@@ -126,28 +120,29 @@ Status TrendReading::readAll(TimeSpan span, TrendColumns &columns)
     };
     if (!m_rollups)
         return rows({span}, {}, add);
-    if (const Status done = readLevel({span}, columns.levelFor(m_rollups->levels)); !done)
+    int level = columns.levelFor(m_rollups->levels);
+    if (span.begin < m_firstRow)
+        level = std::max(level, int(finestFrom(span.begin)));
+    if (const Status done = readLevel({span}, level); !done)
         return done;
     return rows({span}, {m_rollups->mark, -1}, add);
 }
 
-Status TrendReading::lookBack()
+// The finest level that reaches back so far, or the widest.
+size_t TrendReading::finestFrom(qint64 time) const
 {
-    const auto floors = sumFloors(m_connection, m_site.table);
-    if (!floors)
-        return floors.error();
-    for (const qint64 width : m_rollups->levels) {
-        const auto floor = floors->find(width);
-        m_floors.push_back(floor == floors->end() ? 0 : (floor->second + width - 1) / width * width);
-    }
-    return lookForFirstRow();
+    size_t level = 0;
+    while (level + 1 < m_rollups->floors.size() && m_rollups->floors[level] > time)
+        ++level;
+    return level;
 }
 
 // Neither rows nor finer buckets are left there.
 bool TrendReading::onlyFrom(size_t level, qint64 time) const
 {
-    return time < m_firstRow && std::none_of(m_floors.begin(), m_floors.begin() + std::ptrdiff_t(level),
-                                             [time](qint64 floor) { return floor <= time; });
+    return time < m_firstRow &&
+           std::none_of(m_rollups->floors.begin(), m_rollups->floors.begin() + std::ptrdiff_t(level),
+                        [time](qint64 floor) { return floor <= time; });
 }
 
 // Without rows that were deleted, a table begins with ID 1.
@@ -187,7 +182,7 @@ Status TrendReading::readLevel(const Spans &spans, int level)
         qint64 begin = before < span.begin && !onlyFrom(size_t(level), before) ? before + width : before;
         const qint64 end = std::min(upTo < span.end && onlyFrom(size_t(level), upTo) ? upTo + width : upTo,
                                     m_rollups->closed(size_t(level)));
-        begin = std::max(begin, m_floors.at(size_t(level)));
+        begin = std::max(begin, m_rollups->floors.at(size_t(level)));
         if (begin >= end) {
             left.push_back(span);
             continue;
@@ -199,7 +194,7 @@ Status TrendReading::readLevel(const Spans &spans, int level)
             left.push_back({end, span.end});
     }
     const auto add = [&](qint64 start, const char *text, const char *stop) {
-        if (!m_columns->isWithinOne(start, start + width)) {
+        if (!m_columns->isWithinOne(start, start + width) && !onlyFrom(size_t(level), start)) {
             left.push_back({start, start + width});
             return true;
         }

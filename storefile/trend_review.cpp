@@ -255,6 +255,8 @@ Status Review::compare(size_t number, qint64 start, bool isInFile, std::optional
     }
     if (start >= m_state.closed(number)) // the wider ones do not have it yet
         expected.reset();
+    if (start < m_state.floors.at(number)) // no longer kept; the wider ones are of the rows all the same
+        return expected ? add(number + 1, start, *expected) : Status();
     if (!isInFile && !expected)
         return {};
     ++m_review.buckets;

@@ -311,6 +311,50 @@ TEST_F(Trims, GoesOnWhenATrendIsKeptOfAFileThatIsFull)
         EXPECT_LE(QFileInfo(path() + QLatin1String(end)).size(), options.retention.ceiling);
 }
 
+TEST_F(Trims, SumsByTheirOwnAgesAndATrendShowsWhatIsLeft)
+{
+    options.batchRows = 2000;
+    auto recorder = recorderOf(Profile::Durable);
+    recorder->keepTrend(boiler);
+    const auto days = [](int count) { return std::chrono::hours(24) * count; };
+    Keep keep;
+    keep.age = days(5);
+    keep.sums = {{TrendLevel::Minute, days(10)}, {TrendLevel::TenMinutes, days(20)}};
+    recorder->keep(boiler, keep);
+    QStringList held;
+    QObject::connect(recorder.get(), &Recorder::retentionHeld, [&](const Error &why) { held << why.text(); });
+    constexpr int minutes = 40 * 1440;
+    for (int i = 0; i < minutes; i += 2000)
+        recordMinutes(*recorder, i, std::min(minutes, i + 2000));
+    require(recorder->stop(milliseconds(20000)));
+    EXPECT_TRUE(held.isEmpty()) << held.first().toStdString();
+    EXPECT_LE(rows(), 12 * 1440);
+    EXPECT_EQ(rowsOf(path(), "select K>>36&15 as L,count(*) from \"device trend\" where L<3 group by 1"_q),
+              (Rows{{"1"_q, QString::number(12 * 1440)}, {"2"_q, QString::number(22 * 144 - 1)}})); // to whole days
+    Rows all;
+    for (int i = 0; i < minutes; ++i)
+        all << QStringList{QString::number(i + 1), minutely(i).time.toDateTime().toString("yyyy-MM-dd hh:mm:ss"_q),
+                           minutely(i).value};
+    auto store = require(HistoryStore::open(library(), path()));
+    const auto look = [&](const char *from, const char *to, int columns, int width) {
+        const QString begin = QString::fromLatin1(from), end = QString::fromLatin1(to);
+        const Trend trend = require(store.trend(boiler, TrendQuery::between(at(begin), at(end)).columns(columns)));
+        EXPECT_EQ(trend.width.count(), width) << from;
+        expectSameColumns(trend.columns, columnsOf(all, begin, end, width));
+        return trend;
+    };
+    EXPECT_FALSE(look("2024-01-01 00:00:00", "2024-02-09 23:59:59", 40, 86400).columns.first().exact);
+    look("2024-01-03 00:00:00", "2024-01-03 23:59:59", 2000, 3600); // hours are all there is
+    look("2024-01-25 00:00:00", "2024-01-25 23:59:59", 2000, 600);  // ten minutes are left
+    look("2024-02-01 00:00:00", "2024-02-01 23:59:59", 2000, 60);   // and here minutes
+    EXPECT_TRUE(look("2024-02-08 00:00:10", "2024-02-08 00:30:09", 2000, 1).columns.first().exact); // and here rows
+    // A range that ends within an hour of which nothing finer is left shows the whole hour.
+    const Trend part = require(
+        store.trend(boiler, TrendQuery::between(at("2024-01-03 01:20:00"_q), at("2024-01-03 03:20:00"_q)).columns(10)));
+    expectSameColumns(part.columns, columnsOf(all, "2024-01-03 01:00:00"_q, "2024-01-03 03:59:59"_q, 3600));
+    EXPECT_FALSE(part.columns.last().exact);
+}
+
 TEST_F(Trims, WaitsForAReaderThatPinsTheLogAndNamesIt)
 {
     options.retention.ceiling = 8 * 1024 * 1024;
