@@ -114,8 +114,8 @@ public:
     Result<qint64> keepNewest(const TableName &table, qint64 rows);
     /// Empties the table and starts its IDs at 1 again; the number deleted.
     Result<qint64> clear(const TableName &table);
-    /// The rows of the table are kept so from now on, true if that is new. It stands in the file; a Recorder sees to it,
-    /// a store removes nothing by itself.
+    /// The rows of the table are kept so from now on, true if that is new. It stands in the file; a Recorder sees to
+    /// it, a store removes nothing by itself.
     Result<bool> keep(const TableName &table, const Keep &keep);
     /// What the file says of that; nothing where it says nothing.
     Result<std::optional<Kept>> kept(const TableName &table);
