@@ -40,6 +40,7 @@ public:
     /// Rules or tables changed.
     void lookAgain() { m_isKnown = false; }
     Room &room() { return m_room; }
+    const Room &room() const { return m_room; }
     /// There is something to keep to.
     bool isActive() const { return m_hasEntries || m_room.isLimited() || !m_isKnown; }
 

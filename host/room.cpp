@@ -23,7 +23,7 @@ constexpr qint64 removedPerRow = 2;       // so that a file that is too full bec
 constexpr qint64 pagesOfAFile = 256;      // below that a ceiling is a mistake
 constexpr qint64 lastPages = 128;
 constexpr qint64 memoryOfALog = 32768; // for every 4,096 pages of it, about
-constexpr int fewestRows = 10;
+constexpr qint64 bytesOfAByte = 2;     // in memory two for a character, in the file one to three
 
 qint64 pagesOfABatch(qint64 rows)
 {
@@ -113,6 +113,8 @@ Status Room::open(Connection &connection, const std::function<bool()> &cancelled
     // The log keeps the place of a checkpoint: where the disk is full, giving it back would be the end.
     for (const QString &pragma :
          {QStringLiteral("pragma wal_autocheckpoint=%1").arg(connection.options().checkpointPages),
+          // Else what is removed would be written once more, with zeros.
+          QStringLiteral("pragma secure_delete=fast"),
           QStringLiteral("pragma journal_size_limit=%1").arg(checkpointPages * pageInLog())}) {
         if (const auto set = connection.query(site, pragma); !set)
             return set.error();
@@ -140,7 +142,7 @@ Status Room::limit(Connection &connection, qint64 pages) const
 
 Room::LastPages::LastPages(const Room &room, Connection &connection) : m_room(room), m_connection(connection)
 {
-    if (m_room.isShort())
+    if (m_room.isLimited())
         (void)m_room.limit(m_connection, m_room.m_filePages + lastPages);
 }
 
@@ -220,25 +222,22 @@ void Room::measure(const Connection &connection, const PageCounts &pages)
     m_wantedPages = std::min<qint64>(m_filePages / 4, 2 * m_batchRows / 20 + 100);
 }
 
-qint64 Room::worst(qint64 rows) const
+bool Room::fits(qint64 rows, qint64 bytes) const
 {
-    return pagesOfABatch(rows) * pageInLog();
+    return m_logBytes + (pagesOfABatch(rows) + bytes * bytesOfAByte / m_pageSize) * pageInLog() <= m_logLimit;
 }
 
-int Room::rowsThatFit() const
+void Room::need(qint64 rows, qint64 bytes)
 {
-    if (!isLimited())
-        return std::numeric_limits<int>::max();
-    const qint64 pages = (m_logLimit - m_logBytes) / pageInLog() - pagesOfEveryBatch;
-    return int(std::max<qint64>(fewestRows, pages / (pagesOfARow + removedPerRow)));
+    m_wantedPages = std::max(m_wantedPages, rows + bytes * bytesOfAByte / m_pageSize + 50);
 }
 
-Status Room::prepare(Connection &connection, qint64 rows)
+Status Room::prepare(Connection &connection, qint64 rows, qint64 bytes)
 {
-    if (!isLimited() || fits(rows))
+    if (!isLimited() || fits(rows, bytes))
         return {};
     look(connection);
-    return fits(rows) ? Status() : startLogAnew(connection);
+    return fits(rows, bytes) ? Status() : startLogAnew(connection);
 }
 
 Status Room::startLogAnew(Connection &connection)

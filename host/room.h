@@ -14,8 +14,8 @@ namespace device
 ///
 /// The file has SQLite's own limit of pages. What is left of the ceiling is the log's: before a transaction its worst
 /// case is added to what the log takes, and when that is too much the log begins anew in its place, or, where a reader
-/// pins it, the rows wait. The worst case of a row is a page of the table and one of its index; a row that is removed
-/// costs as much as that of its index.
+/// pins it, the rows wait. The worst case of a row is its text, a page of the table and one of its index; a row that is
+/// removed costs as much as that of its index.
 class Room
 {
 public:
@@ -37,10 +37,14 @@ public:
     qint64 logBytes() const { return m_logBytes; }
     /// Rows have to go before the next batch has room in the file.
     bool isShort() const { return isLimited() && m_freePages < m_wantedPages; }
-    /// How many rows a batch may have, so that the log has room for it.
-    int rowsThatFit() const;
-    /// Makes sure that the log has room for this, or says who stands in the way.
-    Status prepare(Connection &connection, qint64 rows);
+    /// Whether the log has room for a batch of so many rows, with so many bytes of text.
+    bool fits(qint64 rows, qint64 bytes = 0) const;
+    /// Whether so many bytes of text are much for the file as a whole.
+    bool isMuch(qint64 bytes) const { return bytes > m_filePages * m_pageSize / 4; }
+    /// What the next batch needs, if that is more than usual: until the next measure().
+    void need(qint64 rows, qint64 bytes);
+    /// Makes sure that it has, or says who stands in the way.
+    Status prepare(Connection &connection, qint64 rows, qint64 bytes = 0);
     /// While it lives, the file may take some pages more: sums have to be written before their rows can go.
     class LastPages
     {
@@ -58,8 +62,6 @@ public:
 
 private:
     qint64 pageInLog() const { return m_pageSize + 24; }
-    qint64 worst(qint64 rows) const;
-    bool fits(qint64 rows) const { return m_logBytes + worst(rows) <= m_logLimit; }
     Status limit(Connection &connection, qint64 pages) const;
     Status makeWhole(Connection &connection, const std::function<bool()> &cancelled);
     void look(const Connection &connection);

@@ -41,6 +41,8 @@ void ShippedFile::look()
         m_holds.clear();
         m_problem = QStringLiteral("%1 cannot be read, so all rows are held: %2").arg(m_path, why);
     };
+    if (!S_ISREG(found.st_mode)) // opening a pipe would wait for whoever writes into it
+        return refuse(QStringLiteral("it is not a file"));
     QFile file(m_path);
     if (!file.open(QIODevice::ReadOnly))
         return refuse(file.errorString());

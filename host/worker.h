@@ -117,6 +117,8 @@ private:
     Status remakeTables(Connection &connection);
     void serve();
     size_t stepsOfABatch();
+    size_t stepsThatFit(size_t most) const;
+    qint64 bytesOfBatch() const;
     void takeBatch();
     void storeBatch();
     Status tryToStore();

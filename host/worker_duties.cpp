@@ -122,12 +122,17 @@ bool Recorder::Worker::retentionIsDue()
 {
     if (m_retention.hearsWord())
         m_nextRetention = {};
-    return m_rollupsAreKnown && Clock::now() >= nextRetention() && m_retention.isDue();
+    if (Clock::now() < nextRetention())
+        return false;
+    if (m_retention.isDue())
+        return true;
+    m_nextRetention = Clock::now() + retentionPause;
+    return false;
 }
 
 Clock::time_point Recorder::Worker::nextRetention()
 {
-    if (!m_retention.isActive())
+    if (!m_rollupsAreKnown || !m_retention.isActive())
         return Clock::time_point::max();
     return m_retention.isUrgent() ? m_nextRetention : std::max(m_nextRetention, m_lastStored + quietTime);
 }
@@ -174,22 +179,25 @@ Status Recorder::Worker::makeRoomInFile()
     const Site site{QStringLiteral("record"), QString()};
     if (const Status begun = m_retention.room().startLogAnew(*m_connection); !begun)
         return begun;
-    const auto pages = m_connection->pageCounts();
-    if (!pages)
-        return pages.error();
-    m_retention.room().measure(*m_connection, *pages);
-    if (!m_retention.room().isShort())
-        return {};
     const Room::LastPages last(m_retention.room(), *m_connection);
-    for (const bool again : {false, true}) {
-        if (again)
-            finishRollups(); // what is not summed up yet cannot go
+    bool isSummedUp = false;
+    for (;;) {
+        const auto pages = m_connection->pageCounts();
+        if (!pages)
+            return pages.error();
+        m_retention.room().measure(*m_connection, *pages);
+        m_retention.room().need(qint64(m_batch.size()), bytesOfBatch());
+        if (!m_retention.room().isShort())
+            return {};
         const Status done = m_connection->transaction(
             site, [this] { return trim(*m_connection, removedPerRow * qint64(m_batch.size())); });
         if (!done)
             return done;
         if (tellOfRetention() > 0)
-            return {};
+            continue;
+        if (std::exchange(isSummedUp, true))
+            break;
+        finishRollups(); // what is not summed up yet cannot go
     }
     return site.error(Error::StorageFailed, m_retention.whyFull());
 }

@@ -4,6 +4,7 @@
 #include "worker.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace device
 {
@@ -163,8 +164,9 @@ bool Recorder::Worker::rollupsAreDue() const
 // at most half of it.
 size_t Recorder::Worker::stepsOfABatch()
 {
-    const size_t fit = size_t(std::min(m_options.batchRows, m_retention.room().rowsThatFit()));
-    const size_t most = std::min(m_waiting.size(), fit);
+    size_t most = std::min(m_waiting.size(), size_t(m_options.batchRows));
+    if (m_retention.room().isLimited())
+        most = stepsThatFit(most);
     if (m_options.whenFull != WhenFull::DropOldest)
         return most;
     const size_t half = std::max<size_t>(1, size_t(m_options.capacity) / 2);
@@ -173,6 +175,25 @@ size_t Recorder::Worker::stepsOfABatch()
     while (steps < std::min(most, half) && (steps == 0 || bytes < m_options.capacityBytes / 2))
         bytes += m_waiting[steps++].bytes();
     return steps;
+}
+
+// So many that the log has room for them, but one at least.
+size_t Recorder::Worker::stepsThatFit(size_t most) const
+{
+    const Room &room = m_retention.room();
+    qint64 bytes = 0;
+    size_t steps = 0;
+    do
+        bytes += m_waiting[steps].bytes();
+    while (++steps < most && room.fits(qint64(steps) + 1, bytes + m_waiting[steps].bytes()) &&
+           !room.isMuch(bytes + m_waiting[steps].bytes()));
+    return steps;
+}
+
+qint64 Recorder::Worker::bytesOfBatch() const
+{
+    return std::accumulate(m_batch.begin(), m_batch.end(), qint64(0),
+                           [](qint64 bytes, const Item &item) { return bytes + item.bytes(); });
 }
 
 void Recorder::Worker::takeBatch()
@@ -332,6 +353,7 @@ void Recorder::Worker::settleBatch()
     if (pages)
         m_retention.room().measure(*m_connection, *pages);
     m_lastStored = Clock::now();
+    m_nextRetention = {};
     const std::lock_guard lock(m_mutex);
     m_health.fileBytes = m_retention.room().fileBytes();
     m_health.logBytes = m_retention.room().logBytes();
@@ -341,7 +363,7 @@ void Recorder::Worker::settleBatch()
 
 Status Recorder::Worker::tryToStore()
 {
-    if (const Status fits = m_retention.room().prepare(*m_connection, qint64(m_batch.size())); !fits)
+    if (const Status fits = m_retention.room().prepare(*m_connection, qint64(m_batch.size()), bytesOfBatch()); !fits)
         return fits;
     m_tried.before = nullptr;
     if (m_rollups.isDue())

@@ -52,6 +52,11 @@ FAMILIES = [
     Family("power_cuts", "qt6/tests/faults/power_cut_test", r"(\d+) power cuts", "cuts",
            {"DEVICE_FAULTS_CUTS": "500", "DEVICE_FAULTS_SEED": "SEED"}),
     Family("soak", "qt6/tests/soak_test", r"(\d+) rows in", "rows", {"DEVICE_SOAK_SECONDS": "SECONDS"}),
+    Family("ceiling", "qt6/tests/host/endurance_test", r"(\d+) rows, \d+ trimmed", "rows",
+           {"DEVICE_CEILING_SECONDS": "SECONDS", "DEVICE_CEILING_PIN_SECONDS": "5"}, arguments=[
+               "--gtest_filter=Endurance.*"]),
+    Family("years", "qt6/tests/host/endurance_test", r"(\d+) days of", "days",
+           {"DEVICE_YEARS_DAYS": os.environ.get("DEVICE_YEARS_DAYS", "100")}, arguments=["--gtest_filter=Years.*"]),
     fuzz("fuzz_operations"),
     fuzz("fuzz_files"),
     fuzz("fuzz_salvage", "fuzz_files"),

@@ -4,9 +4,13 @@
 
 #include "plausible_time.h"
 
+#include <QDir>
 #include <QFileInfo>
 
+#include <ctime>
 #include <thread>
+
+#include <sys/stat.h>
 
 namespace
 {
@@ -82,6 +86,13 @@ protected:
     }
     qint64 rows() const { return valueOf(path(), "select count(*) from Boiler"_q).toLongLong(); }
     qint64 first() const { return valueOf(path(), "select min(ID) from Boiler"_q).toLongLong(); }
+    qint64 bytesOfFiles() const
+    {
+        qint64 bytes = 0;
+        for (const char *end : {"", "-wal", "-shm", "-journal"})
+            bytes += QFileInfo(path() + QLatin1String(end)).size();
+        return bytes;
+    }
     Kept kept() const
     {
         auto store = require(HistoryStore::open(library(), path()));
@@ -275,10 +286,7 @@ TEST_F(Trims, ForACeilingThatHoldsAtEveryMoment)
     std::atomic<qint64> most{0};
     std::thread watcher([&] {
         while (!over) {
-            qint64 bytes = 0;
-            for (const char *end : {"", "-wal", "-shm", "-journal"})
-                bytes += QFileInfo(path() + QLatin1String(end)).size();
-            most = std::max<qint64>(most, bytes);
+            most = std::max<qint64>(most, bytesOfFiles());
         }
     });
     for (int i = 0; i < 200000; i += 1000) {
@@ -309,6 +317,53 @@ TEST_F(Trims, GoesOnWhenATrendIsKeptOfAFileThatIsFull)
         [&] { return valueOf(path(), "select MARK>%1 from \"device trend series\""_q.arg(stored)) == "1"_q; }));
     for (const char *end : {"", "-wal", "-shm"})
         EXPECT_LE(QFileInfo(path() + QLatin1String(end)).size(), options.retention.ceiling);
+}
+
+TEST_F(Trims, ForACeilingRowsOfAnySize)
+{
+    options.retention.ceiling = 8 * 1024 * 1024;
+    auto recorder = recorderOf(Profile::Durable);
+    qint64 most = 0;
+    for (int i = 0; i < 600; ++i) {
+        const QString value(i % 3 == 0 ? 250000 : 5000, QChar(i % 2 == 0 ? 'x' : 0x20ac));
+        require(recorder->record(boiler, {after(i * 60), value}));
+        if (i % 20 == 0)
+            require(recorder->flush(milliseconds(60000)));
+        most = std::max(most, bytesOfFiles());
+    }
+    require(recorder->flush(milliseconds(60000)));
+    EXPECT_LE(std::max(most, bytesOfFiles()), options.retention.ceiling);
+    EXPECT_EQ(recorder->health().stored, 600);
+    EXPECT_GT(recorder->health().trimmed, 0);
+}
+
+TEST_F(Trims, WithoutWorkNobodyIsAwake)
+{
+    options.retention.ceiling = 8 * 1024 * 1024;
+    auto recorder = recorderOf(Profile::Durable);
+    recordMinutes(*recorder, 0, 100);
+    std::this_thread::sleep_for(milliseconds(2500)); // what waits for a quiet moment has had it
+    timespec before = {}, later = {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
+    std::this_thread::sleep_for(milliseconds(500));
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &later);
+    const double seconds = double(later.tv_sec - before.tv_sec) + double(later.tv_nsec - before.tv_nsec) / 1e9;
+    EXPECT_LT(seconds, 0.05);
+}
+
+TEST_F(Trims, WhateverLiesInThePlaceOfAShippersFile)
+{
+    auto recorder = recorderOf(Profile::Durable);
+    Keep keep;
+    keep.rows = 100;
+    recorder->keep(boiler, keep);
+    ASSERT_EQ(mkfifo((path() + ".shipped"_q).toLocal8Bit().constData(), 0600), 0);
+    recordMinutes(*recorder, 0, 1000);
+    EXPECT_EQ(rows(), 1000);
+    QFile::remove(path() + ".shipped"_q);
+    ASSERT_TRUE(QDir().mkdir(path() + ".shipped"_q));
+    recordMinutes(*recorder, 1000, 3000);
+    EXPECT_EQ(rows(), 3000);
 }
 
 TEST_F(Trims, SumsByTheirOwnAgesAndATrendShowsWhatIsLeft)
@@ -370,8 +425,7 @@ TEST_F(Trims, WaitsForAReaderThatPinsTheLogAndNamesIt)
         for (const int end = next + 1000; next < end; ++next)
             require(recorder->record(boiler, minutely(next)));
         (void)recorder->flush(milliseconds(2000));
-        ASSERT_LE(QFileInfo(path()).size() + QFileInfo(path() + "-wal"_q).size() + QFileInfo(path() + "-shm"_q).size(),
-                  options.retention.ceiling);
+        ASSERT_LE(bytesOfFiles(), options.retention.ceiling);
     }
     ASSERT_FALSE(troubles.isEmpty());
     EXPECT_TRUE(troubles.first().contains("this program"_q)) << troubles.first().toStdString();
@@ -379,8 +433,7 @@ TEST_F(Trims, WaitsForAReaderThatPinsTheLogAndNamesIt)
     require(recorder->flush(milliseconds(20000)));
     EXPECT_EQ(recorder->health().stored, next);
     EXPECT_EQ(recorder->health().dropped, 0);
-    EXPECT_LE(QFileInfo(path()).size() + QFileInfo(path() + "-wal"_q).size() + QFileInfo(path() + "-shm"_q).size(),
-              options.retention.ceiling);
+    EXPECT_LE(bytesOfFiles(), options.retention.ceiling);
 }
 
 TEST_F(Trims, RefusesOptionsThatCannotWork)
