@@ -41,6 +41,8 @@ void ShippedFile::look()
         m_holds.clear();
         m_problem = QStringLiteral("%1 cannot be read, so all rows are held: %2").arg(m_path, why);
     };
+    if (!S_ISREG(found.st_mode))
+        return refuse(QStringLiteral("it is not a file")); // opening a FIFO would wait for its other end
     QFile file(m_path);
     if (!file.open(QIODevice::ReadOnly))
         return refuse(file.errorString());
