@@ -36,11 +36,7 @@ Status makeTable(SqlChannel &connection, const Site &site)
         return there.error();
     if (*there)
         return {};
-    return connection.run(
-        site, QStringLiteral("create table %1(COLLECTOR text UNIQUE COLLATE NOCASE,AGE integer,"
-                             "NEWEST integer,ATLEAST integer,SUMS text,FLOORS text,TRIMMED integer,UNSHIPPED "
-                             "integer,THROUGHID integer,THROUGH text,VERSION integer)")
-                  .arg(QLatin1String(table)));
+    return connection.run(site, creationOfKeep());
 }
 
 // An entry that says nothing, unless there is one.
@@ -126,6 +122,14 @@ std::optional<Keep> keepOf(const QStringList &row)
 Site keepSite(const QString &name)
 {
     return {QStringLiteral("keep the rows of"), name};
+}
+
+QString creationOfKeep()
+{
+    return QStringLiteral("create table %1(COLLECTOR text UNIQUE COLLATE NOCASE,AGE integer,NEWEST integer,ATLEAST "
+                          "integer,SUMS text,FLOORS text,TRIMMED integer,UNSHIPPED integer,THROUGHID integer,THROUGH "
+                          "text,VERSION integer)")
+        .arg(QLatin1String(table));
 }
 
 Status checkKeep(const Site &site, const Keep &keep)

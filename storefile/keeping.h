@@ -13,8 +13,8 @@ namespace device_db
 {
 
 /// What takes away rules that cannot be read, for messages.
-constexpr const char *keepRemedy = "no recorder stores rows of the file by them; \"device-db keep FILE --for-ever\" "
-                                   "removes all rules";
+constexpr const char *keepRemedy = "a recorder removes no rows until it can; \"device-db keep FILE --for-ever\" "
+                                   "takes all rules away";
 
 /// "90d", "36h", "2y": the form that spanOf() takes.
 QString spanText(std::chrono::hours span);

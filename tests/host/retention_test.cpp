@@ -251,8 +251,12 @@ TEST_F(Trims, NothingByARuleThatCannotBeRead)
     }
     PlainConnection(path()).run("update \"device keep\" set NEWEST='all'"_q);
     auto recorder = recorderOf(Profile::Durable);
+    QStringList held;
+    QObject::connect(recorder.get(), &Recorder::retentionHeld, [&](const Error &why) { held << why.text(); });
     recordMinutes(*recorder, 1000, 1500);
+    EXPECT_TRUE(eventually([&] { return !held.isEmpty(); }));
     require(recorder->stop(milliseconds(20000)));
+    EXPECT_TRUE(held.value(0).contains("nothing is removed"_q)) << qPrintable(held.join('|'));
     EXPECT_EQ(rows(), 1500);
 }
 

@@ -65,8 +65,8 @@ QStringList heldTexts(const Keeping &keeping, const QString &table, const KeepOu
 {
     QStringList held;
     if (outlook.heldAsTooMany > 0)
-        held << QStringLiteral("%1 (%2) too old, more than a tenth at once as after a change of the clock: a recorder "
-                               "holds them until its trimNow(); \"device-db purge\" deletes them, too")
+        held << QStringLiteral("%1 (%2) held, because more than a tenth of the table is too old at once, as after a "
+                               "change of the clock; trimNow() of the recorder or \"device-db purge\" removes them")
                     .arg(rowsText(outlook.heldAsTooMany), share(outlook.heldAsTooMany, outlook.rows));
     const device::Hold *const hold = keeping.shipped.hold(table);
     if (outlook.heldForShipper > 0 && hold && keeping.shipped.problem().isEmpty())
@@ -101,9 +101,10 @@ void printForPeople(const KeepCommand &command, const Keeping &keeping, const QL
         const device::Kept kept = entry ? *entry : device::Kept();
         const KeepOutlook &outlook = outlooks.at(i);
         const auto least = leastOf(table.kind, kept.keep);
+        const QByteArray sums = sumsText(kept.keep).toLatin1();
         writer->row({table.name.toUtf8(), kept.keep.age ? spanText(*kept.keep.age).toLatin1() : "",
                      kept.keep.rows < 0 ? "" : grouped(kept.keep.rows).toLatin1(),
-                     least.count() == 0 ? "" : spanText(least).toLatin1(), sumsText(kept.keep).toLatin1(),
+                     least.count() == 0 ? "" : spanText(least).toLatin1(), sums.isEmpty() ? "" : sums,
                      grouped(kept.trimmed).toLatin1(), grouped(outlook.going).toLatin1(),
                      outlook.going > 0 ? share(outlook.going, outlook.rows).toLatin1() : ""},
                     outlook.heldAsTooMany > 0 ? Tone::Warning : Tone::Plain);
@@ -163,9 +164,10 @@ void printForPrograms(const KeepCommand &command, const Keeping &keeping, const 
         const device::Kept kept = entry ? *entry : device::Kept();
         const device::Hold *const hold = keeping.shipped.hold(table.name);
         const KeepOutlook &outlook = outlooks.at(i);
+        const auto least = leastOf(table.kind, kept.keep);
         writer->row({table.name.toUtf8(), span(kept.keep.age),
                      kept.keep.rows < 0 ? QByteArray() : QByteArray::number(kept.keep.rows),
-                     span(leastOf(table.kind, kept.keep)), sumsText(kept.keep).toLatin1(),
+                     least.count() == 0 ? QByteArray() : span(least), sumsText(kept.keep).toLatin1(),
                      QByteArray::number(kept.trimmed), QByteArray::number(kept.unshipped),
                      QByteArray::number(kept.throughId), time(kept.through), hold ? hold->owner.toUtf8() : QByteArray(),
                      hold ? QByteArray::number(hold->throughId) : QByteArray(), hold ? time(hold->since) : QByteArray(),
