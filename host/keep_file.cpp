@@ -36,11 +36,7 @@ Status makeTable(SqlChannel &connection, const Site &site)
         return there.error();
     if (*there)
         return {};
-    return connection.run(
-        site, QStringLiteral("create table %1(COLLECTOR text UNIQUE COLLATE NOCASE,AGE integer,"
-                             "NEWEST integer,ATLEAST integer,SUMS text,FLOORS text,TRIMMED integer,UNSHIPPED "
-                             "integer,THROUGHID integer,THROUGH text,VERSION integer)")
-                  .arg(QLatin1String(table)));
+    return connection.run(site, creationOfKeep());
 }
 
 // An entry that says nothing, unless there is one.
@@ -65,14 +61,27 @@ QString listOf(const std::map<qint64, qint64> &pairs)
     return list.join(QLatin1Char(','));
 }
 
-std::map<qint64, qint64> pairsOf(const QString &list)
+// Only digits: "abc" is not 0, which would keep no row.
+std::optional<qint64> numberOf(const QString &text)
+{
+    bool isNumber = false;
+    const qint64 number = text.toLongLong(&isNumber);
+    return isNumber && number >= 0 ? number : std::optional<qint64>();
+}
+
+std::optional<std::map<qint64, qint64>> pairsOf(const QString &list)
 {
     std::map<qint64, qint64> pairs;
+    if (list.isEmpty())
+        return pairs;
     for (const QString &each : list.split(QLatin1Char(','))) {
         const qint64 colon = each.indexOf(QLatin1Char(':'));
-        pairs[each.left(int(colon)).toLongLong()] = each.mid(int(colon) + 1).toLongLong();
+        const auto width = numberOf(each.left(int(colon)));
+        const auto number = numberOf(each.mid(int(colon) + 1));
+        if (colon < 0 || !width || !number || !levelOf(*width))
+            return {};
+        pairs[*width] = *number;
     }
-    pairs.erase(0); // of what is no number
     return pairs;
 }
 
@@ -84,20 +93,27 @@ std::map<qint64, qint64> hoursOf(const QMap<TrendLevel, std::chrono::hours> &sum
     return pairs;
 }
 
-Keep keepOf(const QStringList &row)
+// Nothing for a row that this program did not write.
+std::optional<Keep> keepOf(const QStringList &row)
 {
-    const auto hours = [&row](int column) -> std::optional<std::chrono::hours> {
-        return row.at(column).isEmpty() ? std::optional<std::chrono::hours>()
-                                        : std::chrono::hours(row.at(column).toLongLong());
-    };
     Keep keep;
-    keep.age = hours(1);
-    keep.rows = row.at(2).isEmpty() ? -1 : row.at(2).toLongLong();
-    keep.atLeast = hours(3);
-    for (const auto &[width, age] : pairsOf(row.at(4))) {
-        if (const auto level = levelOf(width))
-            keep.sums.insert(*level, std::chrono::hours(age));
+    for (const auto &[column, time] : {std::pair{1, &keep.age}, std::pair{3, &keep.atLeast}}) {
+        if (row.at(column).isEmpty())
+            continue;
+        const auto hours = numberOf(row.at(column));
+        if (!hours)
+            return {};
+        *time = std::chrono::hours(*hours);
     }
+    const auto rows = row.at(2).isEmpty() ? qint64(-1) : numberOf(row.at(2));
+    const auto sums = pairsOf(row.at(4));
+    if (!rows || !sums)
+        return {};
+    keep.rows = *rows;
+    for (const auto &[width, age] : *sums)
+        keep.sums.insert(*levelOf(width), std::chrono::hours(age));
+    if (!checkKeep(Site(), keep))
+        return {};
     return keep;
 }
 
@@ -106,6 +122,14 @@ Keep keepOf(const QStringList &row)
 Site keepSite(const QString &name)
 {
     return {QStringLiteral("keep the rows of"), name};
+}
+
+QString creationOfKeep()
+{
+    return QStringLiteral("create table %1(COLLECTOR text UNIQUE COLLATE NOCASE,AGE integer,NEWEST integer,ATLEAST "
+                          "integer,SUMS text,FLOORS text,TRIMMED integer,UNSHIPPED integer,THROUGHID integer,THROUGH "
+                          "text,VERSION integer)")
+        .arg(QLatin1String(table));
 }
 
 Status checkKeep(const Site &site, const Keep &keep)
@@ -158,8 +182,9 @@ Result<KeepFile> keepFile(SqlChannel &connection)
             TimeReader &reader = text.size() == log.length() ? log : samples;
             return reader.read(text.constData(), text.size());
         };
-        const Keep keep = keepOf(row);
-        if (row.at(10).toInt() != version || !checkKeep(Site(), keep))
+        const auto keep = keepOf(row);
+        const auto floors = pairsOf(row.at(5));
+        if (row.at(10).toInt() != version || !keep || !floors)
             return keepSite(row.first())
                 .error(Error::TableLayout,
                        QStringLiteral("what the file says is of version %1 or cannot be read; this program knows "
@@ -172,8 +197,8 @@ Result<KeepFile> keepFile(SqlChannel &connection)
         }
         const QString name = row.first().toLower();
         file.tables.insert(name,
-                           {keep, row.at(6).toLongLong(), row.at(7).toLongLong(), row.at(8).toLongLong(), time(9)});
-        file.floors.insert(name, pairsOf(row.at(5)));
+                           {*keep, row.at(6).toLongLong(), row.at(7).toLongLong(), row.at(8).toLongLong(), time(9)});
+        file.floors.insert(name, *floors);
     }
     return file;
 }

@@ -16,6 +16,8 @@ namespace device
 {
 
 Site keepSite(const QString &table);
+/// The statement that creates the table.
+QString creationOfKeep();
 
 /// Whether this can be kept to: an age is positive, ages of sums are not longer than of a finer level's.
 Status checkKeep(const Site &site, const Keep &keep);

@@ -74,13 +74,20 @@ Status Retention::open(Connection &connection, const std::function<bool()> &canc
 Status Retention::lookAtTables(Connection &connection)
 {
     const auto file = keepFile(connection);
-    if (!file)
+    const bool isUnreadable = !file && file.error().code() == Error::TableLayout;
+    if (!file && !isUnreadable)
         return file.error();
-    m_hasEntries = !file->tables.isEmpty();
+    m_hasEntries = file && !file->tables.isEmpty();
     const std::vector<Table> tables = std::exchange(m_tables, {});
     m_places.clear();
     m_done.clear();
     m_isKnown = true;
+    if (isUnreadable) { // nobody knows what may go; that is no reason to lose the rows that come
+        m_troubles.push_back(keepSite(file.error().table())
+                                 .error(Error::TableLayout,
+                                        file.error().cause() + QStringLiteral("; nothing is removed until it can be")));
+        return {};
+    }
     if (!m_hasEntries && !m_room.isLimited())
         return {};
     const auto layouts = layoutsIn(connection);

@@ -9,8 +9,8 @@
 namespace device_db
 {
 
-/// A plain connection, for the functions of the host layer that read and write rollups. Cells are as the store library
-/// gives them: they end at U+0000.
+/// A plain connection, for the functions of the host layer that read and write what it adds to a file. Cells are as the
+/// store library gives them: they end at U+0000.
 class RollupChannel : public device::SqlChannel
 {
 public:

@@ -43,6 +43,19 @@ bool isText(const Value &value)
     return value.type == Value::Text || value.type == Value::Null || value.type == Value::Blob;
 }
 
+// A rule that is not one of this version would have a recorder keep to something else.
+bool isKeepRule(const std::vector<Value> &row)
+{
+    const auto isNumber = [](const Value &value) { return value.type == Value::Integer && value.integer >= 0; };
+    const auto isNumberOrNull = [&](const Value &value) { return value.type == Value::Null || isNumber(value); };
+    const auto isList = [](const Value &value) { return value.type == Value::Text; };
+    return row.size() == 11 && row[0].type == Value::Text &&
+           std::all_of(row.begin() + 1, row.begin() + 4, isNumberOrNull) &&
+           std::all_of(row.begin() + 4, row.begin() + 6, isList) &&
+           std::all_of(row.begin() + 6, row.begin() + 9, isNumber) &&
+           (row[9].type == Value::Text || row[9].type == Value::Null) && isNumber(row[10]) && row[10].integer == 1;
+}
+
 bool isSum(const Value &value, Encoding encoding)
 {
     const auto text = readText(value.bytes, encoding);
@@ -56,15 +69,17 @@ Kind kindOf(RowKind kind)
     return kind < Schema ? Kind(kind) : Kind::Foreign;
 }
 
-QString nameOfTrends(RowKind kind)
+QString nameOfHostLayer(RowKind kind)
 {
-    return kind == TrendSums ? QStringLiteral("device trend") : QStringLiteral("device trend series");
+    return kind == TrendSums     ? QStringLiteral("device trend")
+           : kind == TrendSeries ? QStringLiteral("device trend series")
+                                 : QStringLiteral("device keep");
 }
 
 RowKind kindOfDefinition(const QString &name, const QString &sql)
 {
-    for (const RowKind kind : {TrendSums, TrendSeries}) {
-        if (name == nameOfTrends(kind))
+    for (const RowKind kind : {TrendSums, TrendSeries, KeepRules}) {
+        if (name == nameOfHostLayer(kind))
             return kind;
     }
     const int begin = int(sql.indexOf(QLatin1Char('('))) + 1;
@@ -91,6 +106,8 @@ RowKind kindOfRow(const std::vector<Value> &row, Encoding encoding)
         return Sequence;
     if (row.size() == 5 && row[0].type == Value::Text && row[3].type == Value::Integer)
         return Schema;
+    if (isKeepRule(row))
+        return KeepRules;
     if (row.empty() || row[0].type != Value::Null)
         return Foreign;
     if (row.size() == 2 && row[1].type == Value::Text && isSum(row[1], encoding))

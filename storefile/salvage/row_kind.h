@@ -13,7 +13,7 @@ namespace device_db
 {
 
 /// The table that a row comes from: one of the stores', the list of tables, SQLite's list of last IDs, the two tables
-/// of trends, or another.
+/// of trends, that of how long rows are kept, or another.
 enum RowKind {
     Samples = int(Kind::Samples),
     Alarms = int(Kind::Alarms),
@@ -23,6 +23,7 @@ enum RowKind {
     Sequence,
     TrendSums,
     TrendSeries,
+    KeepRules,
     Foreign,
     KindCount
 };
@@ -34,10 +35,15 @@ inline bool isOfTrends(RowKind kind)
 {
     return kind == TrendSums || kind == TrendSeries;
 }
-/// The names of the two tables of trends.
-QString nameOfTrends(RowKind kind);
+/// A table that the host layer adds to a file.
+inline bool isOfHostLayer(RowKind kind)
+{
+    return isOfTrends(kind) || kind == KeepRules;
+}
+/// The name of such a table.
+QString nameOfHostLayer(RowKind kind);
 
-/// By the names of the columns in a "create table" statement, and that of the table if it is one of trends.
+/// By the names of the columns in a "create table" statement, and that of the table if it is one of the host layer's.
 RowKind kindOfDefinition(const QString &name, const QString &sql);
 /// By the types of the row's own cells. Foreign when the cells are empty.
 RowKind kindOfRow(const std::vector<Value> &row, Encoding encoding);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "storefile/salvage/salvage.h"
 
+#include "storefile/keeping.h"
 #include "storefile/rollup_channel.h"
 #include "storefile/salvage/trees.h"
 #include "storefile/trend_review.h"
@@ -29,22 +30,23 @@ public:
 private:
     enum class Stored { Yes, No, Duplicate };
     Status create(const Tree &tree, const QByteArray &name);
-    bool bind(Statement &insert, const Row &row) const;
+    bool bind(Statement &insert, const Row &row, size_t firstCell) const;
     Result<Stored> store(Statement &insert, const Tree &tree, const LeafInfo &leaf, const Row &row);
 
     PageSurvey &m_pages;
     const Database &m_target;
     SalvageReport &m_report;
     bool m_hasTrends = false;
+    bool m_hasRules = false;
 };
 
 // False when a text is damaged.
-bool TableMaker::bind(Statement &insert, const Row &row) const
+bool TableMaker::bind(Statement &insert, const Row &row, size_t firstCell) const
 {
     insert.reset();
     insert.bind(1, row.id);
-    for (size_t i = 1; i < row.cells.size(); ++i) {
-        const int place = int(i) + 1;
+    for (size_t i = firstCell; i < row.cells.size(); ++i) {
+        const int place = int(i - firstCell) + 2;
         const Value &value = row.cells[i];
         switch (value.type) {
         case Value::Null:
@@ -74,7 +76,7 @@ bool TableMaker::bind(Statement &insert, const Row &row) const
 Result<TableMaker::Stored> TableMaker::store(Statement &insert, const Tree &tree, const LeafInfo &leaf, const Row &row)
 {
     if (!belongs(row.cells, tree.kind, m_pages.encoding(), leaf.sound) || row.id <= leaf.after || row.id > leaf.upTo ||
-        !bind(insert, row))
+        !bind(insert, row, tree.kind == KeepRules ? 0 : 1))
         return Stored::No;
     insert.step();
     if (const Status status = insert.status(); !status)
@@ -84,6 +86,8 @@ Result<TableMaker::Stored> TableMaker::store(Statement &insert, const Tree &tree
 
 Status TableMaker::create(const Tree &tree, const QByteArray &name)
 {
+    if (tree.kind == KeepRules)
+        return std::exchange(m_hasRules, true) ? Status() : m_target.run(device::creationOfKeep().toUtf8());
     if (!isOfTrends(tree.kind))
         return m_target.run("create table " + name + '(' + definitionOf(kindOf(tree.kind)) + ')');
     Status done;
@@ -105,9 +109,16 @@ Status TableMaker::make(Tree &tree)
     const QByteArray name = identifier(tree.name);
     if (const Status created = create(tree, name); !created)
         return created;
-    const int columns = tree.kind == TrendSums ? 1 : tree.kind == TrendSeries ? 6 : int(columnsOf(table.kind).size());
+    const int columns = tree.kind == TrendSums     ? 1
+                        : tree.kind == TrendSeries ? 6
+                        : tree.kind == KeepRules   ? 11
+                                                   : int(columnsOf(table.kind).size());
     const QByteArray places = QByteArray(",?").repeated(columns);
-    auto prepared = m_target.prepare("insert or ignore into " + name + " values(?" + places + ')');
+    // The ID is no column of the rules.
+    const char *const into = tree.kind == KeepRules ? "(rowid,COLLECTOR,AGE,NEWEST,ATLEAST,SUMS,FLOORS,TRIMMED,"
+                                                      "UNSHIPPED,THROUGHID,THROUGH,VERSION)"
+                                                    : "";
+    auto prepared = m_target.prepare("insert or ignore into " + name + into + " values(?" + places + ')');
     if (!prepared)
         return prepared.error();
     Statement insert = std::move(prepared).value();
@@ -140,6 +151,9 @@ Status TableMaker::make(Tree &tree)
     if (isOfTrends(tree.kind)) {
         m_report.trendSums += tree.kind == TrendSums ? table.rows : 0;
         m_report.trendPagesLost += table.lostPages;
+    } else if (tree.kind == KeepRules) {
+        m_report.keepRules += table.rows;
+        m_report.keepPagesLost += table.lostPages;
     } else {
         m_report.tables.append(table);
     }
@@ -163,6 +177,17 @@ Status TableMaker::keepLastIds(const Forest &forest) const
             return kept;
     }
     return {};
+}
+
+// Rules that a recorder could not read would keep it from storing rows.
+Status leaveOutBadRules(const Database &target, SalvageReport &report)
+{
+    const auto file = keepFileOf(target);
+    if (file || file.error().code() != Error::TableLayout)
+        return file ? Status() : file.error();
+    report.keepRulesLeft = report.keepRules;
+    report.keepRules = 0;
+    return target.run("delete from \"device keep\"");
 }
 
 // The highest ID that a table gave, if SQLite's list of them is lost: rows up to the mark of its trend were there.
@@ -290,6 +315,10 @@ Result<SalvageReport> salvage(const DamagedFiles &files, const Database &target,
                                        [&](double part) { progress(lookingPart + (1 - lookingPart) * part); });
     if (!written)
         return written.error();
+    if (report.keepRules > 0) {
+        if (const Status left = leaveOutBadRules(target, report); !left)
+            return left.error();
+    }
     if (report.trendSums > 0) {
         if (const Status mended = mendTrends(target, forest, report); !mended)
             return mended.error();

@@ -57,6 +57,9 @@ struct SalvageReport {
     qint64 trendSums = 0;     ///< Taken, of trends.
     qint64 trendSumsMade = 0; ///< Made anew from the rows, where they were lost or cannot be right.
     qint64 trendPagesLost = 0;
+    qint64 keepRules = 0; ///< Taken, of how long rows are kept.
+    qint64 keepPagesLost = 0;
+    qint64 keepRulesLeft = 0; ///< Left out, because a recorder could not keep to them.
     QVector<SalvagedTable> tables;
 
     qint64 rows() const
@@ -69,8 +72,8 @@ struct SalvageReport {
 };
 
 /// Gets the rows of the stores' tables out of the bytes of a damaged file and puts them, with their IDs, into tables of
-/// the stores' layouts in `target`, in one transaction. The sums of trends, too; what is lost of them is then made anew
-/// from the rows, each table in a transaction of its own.
+/// the stores' layouts in `target`, in one transaction. The rules of how long rows are kept, too, and the sums of
+/// trends; what is lost of these is then made anew from the rows, each table in a transaction of its own.
 /// Whatever the bytes are, this returns; rows that exist in part only are left out and counted. An Error
 /// only when `target` cannot be written; its transaction is rolled back then.
 Result<SalvageReport> salvage(const DamagedFiles &files, const Database &target, const SalvageOptions &options = {});

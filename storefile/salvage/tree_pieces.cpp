@@ -194,7 +194,7 @@ void nameByLastId(Forest &forest)
         Tree *match = nullptr;
         int matches = 0;
         for (Tree &tree : forest.trees) {
-            if (tree.isTable() && !isOfTrends(tree.kind) && tree.name.isEmpty() && tree.last == id) {
+            if (tree.isTable() && !isOfHostLayer(tree.kind) && tree.name.isEmpty() && tree.last == id) {
                 match = &tree;
                 ++matches;
             }
@@ -214,8 +214,8 @@ void makeNames(Forest &forest)
     for (Tree &tree : forest.trees) {
         if (!tree.isTable() || !tree.name.isEmpty())
             continue;
-        if (isOfTrends(tree.kind)) { // all pieces go into the one table
-            tree.name = nameOfTrends(tree.kind);
+        if (isOfHostLayer(tree.kind)) { // all pieces go into the one table
+            tree.name = nameOfHostLayer(tree.kind);
             continue;
         }
         const QString made = QStringLiteral("salvaged_%1_%2").arg(QLatin1String(nameOf(kindOf(tree.kind))));

@@ -32,7 +32,7 @@ struct Tree {
     qint64 first = highestId;
     qint64 last = lowestId;
 
-    bool isTable() const { return !gone && (kindOf(kind) != Kind::Foreign || isOfTrends(kind)); }
+    bool isTable() const { return !gone && (kindOf(kind) != Kind::Foreign || isOfHostLayer(kind)); }
 };
 
 /// The trees of a file, and what its own tables say of them.

@@ -236,6 +236,51 @@ TEST_F(Trims, NothingThatTheFileBesideItHolds)
     EXPECT_EQ(rows(), 100);
 }
 
+TEST_F(Trims, NothingByARuleThatCannotBeRead)
+{
+    {
+        auto recorder = recorderOf(Profile::Durable);
+        Keep keep;
+        keep.rows = 100000;
+        recorder->keep(boiler, keep);
+        recordMinutes(*recorder, 0, 1000);
+        require(recorder->stop(milliseconds(20000)));
+    }
+    for (const char *const rule : {"NEWEST='all'", "AGE='old'", "ATLEAST='1 y'", "SUMS='60'", "SUMS='61:24'",
+                                   "FLOORS='60:x'", "VERSION=2", "AGE=-1"}) {
+        const QString copy = path() + ".damaged"_q;
+        QFile::remove(copy);
+        ASSERT_TRUE(QFile::copy(path(), copy));
+        PlainConnection(copy).run("update \"device keep\" set "_q + QString::fromLatin1(rule) +
+                                  " where COLLECTOR='Boiler'"_q);
+        auto store = require(HistoryStore::open(library(), copy));
+        const auto kept = store.kept(boiler);
+        ASSERT_FALSE(kept) << rule;
+        EXPECT_EQ(kept.error().code(), Error::TableLayout) << rule;
+    }
+    PlainConnection(path()).run("update \"device keep\" set NEWEST='all'"_q);
+    auto recorder = recorderOf(Profile::Durable);
+    QStringList held;
+    QObject::connect(recorder.get(), &Recorder::retentionHeld, [&](const Error &why) { held << why.text(); });
+    recordMinutes(*recorder, 1000, 1500);
+    EXPECT_TRUE(eventually([&] { return !held.isEmpty(); }));
+    require(recorder->stop(milliseconds(20000)));
+    EXPECT_TRUE(held.value(0).contains("nothing is removed"_q)) << qPrintable(held.join('|'));
+    EXPECT_EQ(rows(), 1500);
+}
+
+TEST_F(Trims, NothingWhileWhatIsShippedIsAPipe)
+{
+    ASSERT_EQ(::mkfifo(QFile::encodeName(path() + ".shipped"_q).constData(), 0600), 0);
+    auto recorder = recorderOf(Profile::Durable);
+    Keep keep;
+    keep.rows = 100;
+    recorder->keep(boiler, keep);
+    recordMinutes(*recorder, 0, 1000);
+    require(recorder->stop(milliseconds(20000)));
+    EXPECT_EQ(rows(), 1000);
+}
+
 TEST_F(Trims, EndedAlarmsAndNoneThatLasts)
 {
     const TableName plant = table("Plant"_q);

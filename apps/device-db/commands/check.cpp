@@ -5,6 +5,7 @@
 #include "import/bookkeeping.h"
 #include "program/program.h"
 #include "storefile/file_facts.h"
+#include "storefile/keeping.h"
 #include "storefile/texts.h"
 #include "storefile/trend_review.h"
 #include "terminal/progress.h"
@@ -97,6 +98,14 @@ Status judge(const Database &database, const QString &path, QList<Line> &lines)
                 each.table.name,
                 QStringLiteral("%1, %2 rows").arg(QLatin1String(nameOf(each.table.kind)), grouped(each.rows)));
     }
+    const auto keep = keepFileOf(database);
+    if (!keep && keep.error().code() != Error::TableLayout)
+        return keep.error();
+    if (!keep)
+        lines << lineOf({Severity::Attention, QString(),
+                         QStringLiteral("how long its rows are kept cannot be read: %1; %2")
+                             .arg(keep.error().cause(), QLatin1String(keepRemedy)),
+                         0, 0, QString()});
     return {};
 }
 

@@ -14,6 +14,7 @@ void addCommands(Program &program)
     addDeletion(program);
     addMaintenance(program);
     addTrends(program);
+    addKeep(program);
     addStats(program);
     addSql(program);
     addPlot(program);

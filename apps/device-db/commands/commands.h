@@ -16,6 +16,7 @@ void addExport(Program &program);
 void addDeletion(Program &program);    ///< trim, purge, clear
 void addMaintenance(Program &program); ///< vacuum, checkpoint, tune
 void addTrends(Program &program);
+void addKeep(Program &program);
 void addStats(Program &program);
 void addPlot(Program &program);
 void addCheck(Program &program);

@@ -5,6 +5,7 @@
 #include "import/bookkeeping.h"
 #include "program/program.h"
 #include "storefile/file_facts.h"
+#include "storefile/keeping.h"
 #include "storefile/texts.h"
 #include "storefile/times.h"
 #include "storefile/trends.h"
@@ -58,6 +59,20 @@ Trends trendsIn(const Database &database)
     return trends;
 }
 
+/// How long rows are kept, a line for each table that has a rule; or why that cannot be read.
+QStringList keepLines(const FileFacts &facts, const Result<device::KeepFile> &keep)
+{
+    if (!keep)
+        return {QStringLiteral("cannot be read: %1; %2").arg(keep.error().cause(), QLatin1String(keepRemedy))};
+    QStringList lines;
+    for (const TableFacts &each : facts.tables) {
+        const auto found = keep->tables.constFind(each.table.name.toLower());
+        if (found != keep->tables.constEnd() && !(found->keep == device::Keep()))
+            lines << each.table.name + QLatin1String(": ") + keepText(found->keep);
+    }
+    return lines;
+}
+
 void printTrends(const InfoOptions &options, const Trends &trends, Output &output)
 {
     if (!trends.trouble.isEmpty())
@@ -87,7 +102,8 @@ void printTrends(const InfoOptions &options, const Trends &trends, Output &outpu
     levels->settle();
 }
 
-void print(const InfoOptions &options, const FileFacts &facts, const Trends &trends, const QStringList &unfinished)
+void print(const InfoOptions &options, const FileFacts &facts, const Trends &trends,
+           const Result<device::KeepFile> &keep, const QStringList &unfinished)
 {
     Output output(options.output);
     const auto line = [&](const char *title, const QString &text) {
@@ -104,6 +120,8 @@ void print(const InfoOptions &options, const FileFacts &facts, const Trends &tre
          facts.processes.isEmpty() ? QStringLiteral("no process that can be seen from here") : listed(facts.processes));
     for (const QString &import : unfinished)
         line("Unfinished", QStringLiteral("import of %1; run it again to go on").arg(import));
+    for (const QString &rules : keepLines(facts, keep))
+        line("Kept", rules);
 
     output.write("\n");
     const auto tables = rowWriter(Format::Table,
@@ -194,7 +212,22 @@ QJsonObject jsonOf(const TrendFacts &trend)
             {QStringLiteral("behind"), trend.behind}};
 }
 
-void printJson(const InfoOptions &options, const FileFacts &facts, const Trends &trends, const QStringList &unfinished)
+QJsonObject jsonOf(const device::Keep &keep)
+{
+    QJsonObject object;
+    if (keep.age)
+        object.insert(QStringLiteral("age"), spanText(*keep.age));
+    if (keep.rows >= 0)
+        object.insert(QStringLiteral("rows"), keep.rows);
+    if (keep.atLeast)
+        object.insert(QStringLiteral("at_least"), spanText(*keep.atLeast));
+    if (!keep.sums.isEmpty())
+        object.insert(QStringLiteral("sums"), sumsText(keep));
+    return object;
+}
+
+void printJson(const InfoOptions &options, const FileFacts &facts, const Trends &trends,
+               const Result<device::KeepFile> &keep, const QStringList &unfinished)
 {
     QJsonArray tables;
     for (const TableFacts &each : facts.tables) {
@@ -219,6 +252,11 @@ void printJson(const InfoOptions &options, const FileFacts &facts, const Trends 
         for (const TrendFacts &trend : trends.tables) {
             if (trend.table.compare(each.table.name, Qt::CaseInsensitive) == 0)
                 table.insert(QStringLiteral("trend"), jsonOf(trend));
+        }
+        if (keep) {
+            const auto found = keep->tables.constFind(each.table.name.toLower());
+            if (found != keep->tables.constEnd())
+                table.insert(QStringLiteral("keep"), jsonOf(found->keep));
         }
         tables.append(table);
     }
@@ -260,6 +298,9 @@ Outcome run(const InfoOptions &options)
     if (!facts)
         return facts.error();
     const Trends trends = trendsIn(file->database);
+    const auto keep = keepFileOf(file->database);
+    if (!keep && keep.error().code() != Error::TableLayout)
+        return keep.error();
     progress.wipe();
     auto &tables = facts->tables;
     tables.erase(std::remove_if(tables.begin(), tables.end(),
@@ -269,9 +310,9 @@ Outcome run(const InfoOptions &options)
                                 }),
                  tables.end());
     if (options.output.format == Format::Json)
-        printJson(options, *facts, trends, *unfinished);
+        printJson(options, *facts, trends, keep, *unfinished);
     else
-        print(options, *facts, trends, *unfinished);
+        print(options, *facts, trends, keep, *unfinished);
     return Done;
 }
 

@@ -70,6 +70,12 @@ QByteArray summary(const SalvageReport &report, const QString &target, int width
     if (report.trendSums > 0)
         lines << QStringLiteral("%1 sums of trends, %2 made anew from the rows")
                      .arg(grouped(report.trendSums), grouped(report.trendSumsMade));
+    if (report.keepRules > 0)
+        lines << QStringLiteral("%1 entries of how long rows are kept").arg(grouped(report.keepRules));
+    if (report.keepRulesLeft > 0)
+        lines << QStringLiteral("%1 entries of how long rows are kept cannot be read and were left out: rows are kept "
+                                "for ever until \"device-db keep\" sets it anew")
+                     .arg(grouped(report.keepRulesLeft));
     if (report.foreignRows > 0)
         lines << QStringLiteral("%1 rows of tables that are not a store's were left out")
                      .arg(grouped(report.foreignRows));
@@ -134,7 +140,7 @@ Outcome run(const SalvageCommand &command)
                                    {"name_from", QStringLiteral("Named by")}},
                                   output);
     const auto number = [&](qint64 value) { return forPeople ? grouped(value).toLatin1() : QByteArray::number(value); };
-    qint64 lost = report.rejectedCells + report.trendPagesLost;
+    qint64 lost = report.rejectedCells + report.trendPagesLost + report.keepPagesLost + report.keepRulesLeft;
     for (const SalvagedTable &table : report.tables) {
         lost += table.lostPages;
         writer->row({table.name.toUtf8(), nameOf(table.kind), number(table.rows), number(table.firstId),
