@@ -306,6 +306,16 @@ TEST_F(Keeps, SalvageLeavesOutRulesThatNobodyCouldRead)
     EXPECT_EQ(valueOf(path("whole.db"_q), "select count(*) from \"device keep\""_q), "0"_q);
 }
 
+TEST_F(Keeps, ShowsThatThereIsNoTableAndTheNamesOfOthersInOneLine)
+{
+    write("empty.db"_q, "");
+    EXPECT_EQ(run({"keep"_q, "empty.db"_q}).output, "no tables of records\n");
+    makeFile();
+    write("a.db.shipped"_q, R"({"version":1,"owner":"\u001b[31mred\nline","shipped":{"T1":5}})");
+    const QByteArray shown = keep({"T1"_q}).output;
+    EXPECT_TRUE(shown.contains("T1: ␛[31mred␊line has shipped up to ID 5")) << shown.constData();
+}
+
 TEST_F(Keeps, AHostileFileStopsNobody)
 {
     makeFile();

@@ -10,6 +10,7 @@
 #include "storefile/times.h"
 #include "storefile/trends.h"
 #include "terminal/table_writer.h"
+#include "terminal/text.h"
 
 #include "device/table_name.h"
 
@@ -127,7 +128,9 @@ void printForPeople(const KeepCommand &command, const Keeping &keeping, const QL
     }
     writer->settle();
     for (int i = 0; i < lines.size(); ++i)
-        output.write((i == 0 ? "\n" : "") + lines.at(i).toUtf8() + '\n');
+        output.write((i == 0 ? "\n" : "") + visible(lines.at(i)).toUtf8() + '\n');
+    if (tables.isEmpty())
+        output.write("no tables of records\n");
 }
 
 void printForPrograms(const KeepCommand &command, const Keeping &keeping, const QList<Table> &tables,
