@@ -193,6 +193,8 @@ Result<KeepFile> keepFile(SqlChannel &connection)
         if (row.first().isEmpty()) {
             if (const LocalTime believed = time(9); believed.isValid())
                 file.believed = secondsOf(believed);
+            if (const qint64 since = row.at(8).toLongLong(); since > 0)
+                file.since = since;
             continue;
         }
         const QString name = row.first().toLower();
@@ -203,9 +205,13 @@ Result<KeepFile> keepFile(SqlChannel &connection)
     return file;
 }
 
+// Where the rules cannot be read, nothing is removed by them either.
 Result<SumFloors> sumFloors(SqlChannel &connection, const QString &name)
 {
-    return keepFile(connection).map([&](const KeepFile &file) { return file.floors.value(name.toLower()); });
+    const auto file = keepFile(connection);
+    if (file)
+        return file->floors.value(name.toLower());
+    return file.error().code() == Error::TableLayout ? Result<SumFloors>(SumFloors()) : file.error();
 }
 
 Result<bool> setKeep(SqlChannel &connection, const TableName &name, const Keep &keep)
@@ -265,7 +271,7 @@ Status setSumFloors(SqlChannel &connection, const Site &site, const QString &nam
                                     .arg(QLatin1String(table), listOf(floors), quoted(name)));
 }
 
-Status noteBelieved(SqlChannel &connection, const Site &site, qint64 seconds)
+Status noteBelieved(SqlChannel &connection, const Site &site, qint64 seconds, qint64 since)
 {
     QString text;
     appendTime(text, timeOfSeconds(seconds), false);
@@ -273,8 +279,8 @@ Status noteBelieved(SqlChannel &connection, const Site &site, qint64 seconds)
         return made;
     if (const Status made = makeEntry(connection, site, QString()); !made)
         return made;
-    return connection.run(
-        site, QStringLiteral("update %1 set THROUGH=%2 where COLLECTOR=''").arg(QLatin1String(table), quoted(text)));
+    return connection.run(site, QStringLiteral("update %1 set THROUGH=%2,THROUGHID=%3 where COLLECTOR=''")
+                                    .arg(QLatin1String(table), quoted(text), QString::number(since)));
 }
 
 } // namespace device

@@ -29,7 +29,8 @@ using SumFloors = std::map<qint64, qint64>;
 struct KeepFile {
     QHash<QString, Kept> tables;
     QHash<QString, SumFloors> floors;
-    std::optional<qint64> believed; ///< The device's time as last believed, in seconds.
+    std::optional<qint64> believed; ///< The device's time as last believed, in seconds,
+    std::optional<qint64> since;    ///< and since when it had gone on without a jump.
 };
 Result<KeepFile> keepFile(SqlChannel &connection);
 
@@ -51,7 +52,7 @@ struct TrimmedRows {
 Status countTrimmed(SqlChannel &connection, const Site &site, const TrimmedRows &trimmed);
 /// Within the caller's transaction: the sums before `floor` are removed.
 Status setSumFloors(SqlChannel &connection, const Site &site, const QString &table, const SumFloors &floors);
-Status noteBelieved(SqlChannel &connection, const Site &site, qint64 seconds);
+Status noteBelieved(SqlChannel &connection, const Site &site, qint64 seconds, qint64 since);
 
 } // namespace device
 

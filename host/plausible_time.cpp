@@ -16,7 +16,7 @@ constexpr qint64 jump = 86400;
 void PlausibleTime::seen(qint64 time, qint64 running)
 {
     if (!m_believed) {
-        m_believed = time;
+        m_believed = m_since = time;
         m_running = running;
         return;
     }
@@ -36,7 +36,7 @@ void PlausibleTime::seen(qint64 time, qint64 running)
     m_doubtful->last = std::max(m_doubtful->last, time);
     if (m_doubtful->last - m_doubtful->first < jump && running - m_doubtful->since < jump)
         return;
-    m_believed = m_doubtful->last;
+    m_believed = m_since = m_doubtful->last;
     m_running = running;
     m_doubtful.reset();
 }

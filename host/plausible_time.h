@@ -17,12 +17,17 @@ namespace device
 class PlausibleTime
 {
 public:
-    /// What was believed when the file was written last.
-    explicit PlausibleTime(std::optional<qint64> believed = {}) : m_believed(believed) {}
+    /// What was believed when the file was written last, and since when the time had gone on evenly.
+    explicit PlausibleTime(std::optional<qint64> believed = {}, std::optional<qint64> since = {})
+        : m_believed(believed), m_since(since.value_or(believed.value_or(0)))
+    {
+    }
 
     /// The time of a row, and the seconds that this program has been running.
     void seen(qint64 time, qint64 running);
     std::optional<qint64> believed() const { return m_believed; }
+    /// The time from which it has gone on without a jump.
+    qint64 since() const { return m_since; }
 
 private:
     struct Doubtful {
@@ -32,6 +37,7 @@ private:
     };
 
     std::optional<qint64> m_believed;
+    qint64 m_since = 0;
     qint64 m_running = 0; ///< When it was believed. A clock that keeps its pace moves on with it.
     std::optional<Doubtful> m_doubtful;
 };

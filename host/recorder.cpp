@@ -137,11 +137,13 @@ void Recorder::keep(const TableName &table, const Keep &keep, Created answer)
 void Recorder::hold(const TableName &table, const QString &owner, qint64 throughId)
 {
     m_worker->retention().hold(table.text(), owner, throughId);
+    m_worker->wake();
 }
 
 void Recorder::release(const TableName &table, const QString &owner)
 {
     m_worker->retention().release(table.text(), owner);
+    m_worker->wake();
 }
 
 void Recorder::trimNow(const TableName &table)

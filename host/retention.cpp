@@ -20,6 +20,8 @@ constexpr qint64 fewestRows = 50;
 constexpr qint64 mostRows = 5000;
 constexpr std::chrono::hours atLeastOfLogs{24 * 365};
 constexpr qint64 secondsOfHour = 3600;
+constexpr qint64 evenTime = 7 * 24 * secondsOfHour;
+constexpr qint64 newestRows = 10; // that a ceiling leaves in each table, so that what fills a file is seen
 constexpr int tablesAtOnce = 16;
 
 QString literal(qint64 seconds)
@@ -45,6 +47,7 @@ const QString &ended()
 void Retention::hold(const QString &table, const QString &owner, qint64 throughId)
 {
     const std::lock_guard lock(m_mutex);
+    m_holdsMoved = true;
     Hold &hold = m_holds[table.toLower()][owner];
     if (hold.owner.isEmpty() || hold.throughId != throughId)
         hold = {owner, throughId, LocalTime::now()};
@@ -53,6 +56,7 @@ void Retention::hold(const QString &table, const QString &owner, qint64 throughI
 void Retention::release(const QString &table, const QString &owner)
 {
     const std::lock_guard lock(m_mutex);
+    m_holdsMoved = true;
     m_holds[table.toLower()].erase(owner);
 }
 
@@ -140,7 +144,7 @@ Status Retention::lookAtTables(Connection &connection)
         std::nth_element(newest.begin(), newest.begin() + std::ptrdiff_t(newest.size() / 2), newest.end());
         believed = newest[newest.size() / 2];
     }
-    m_time = PlausibleTime(believed);
+    m_time = PlausibleTime(believed, file->since);
     return {};
 }
 
@@ -163,6 +167,21 @@ Status Retention::look(Connection &connection, Table &table)
     const LocalTime time =
         row.at(1).size() < times.length() ? LocalTime() : times.read(row.at(1).constData(), times.length());
     table.firstSeconds = time.isValid() ? device::secondsOf(time) : -1;
+    const qint64 believed = m_time.believed().value_or(lastSecond);
+    if (table.firstSeconds >= 0 && table.firstSeconds <= believed)
+        return {};
+    // A row from the future is as old as those that follow it.
+    const auto next = connection.ask(
+        keepSite(table.name),
+        QStringLiteral("select DATETIME from (select DATETIME from %1 where ID>=%2%3 order by ID limit 1000) where "
+                       "DATETIME>='0' and DATETIME<%4 limit 1")
+            .arg(table.name, QString::number(table.first), table.isAlarm ? ended() : QString(), literal(believed + 1)));
+    if (!next)
+        return next.error();
+    const QString text = next->isEmpty() ? QString() : next->first().first();
+    const LocalTime follows = text.size() < times.length() ? LocalTime() : times.read(text.constData(), times.length());
+    if (follows.isValid())
+        table.firstSeconds = device::secondsOf(follows);
     return {};
 }
 
@@ -263,13 +282,17 @@ bool Retention::isDue(const Table &table) const
 bool Retention::hearsWord()
 {
     const std::lock_guard lock(m_mutex);
-    if (!m_isKnown || m_allowed.isEmpty())
+    if (!m_isKnown || (m_allowed.isEmpty() && !m_holdsMoved))
         return false;
+    if (std::exchange(m_holdsMoved, false)) {
+        for (Table &table : m_tables)
+            table.orAt = {};
+    }
     for (const QString &name : std::exchange(m_allowed, {})) {
         if (Table *const table = tableOf(name))
             table->isAllowed = m_isUrgent = true;
     }
-    return m_isUrgent;
+    return true;
 }
 
 bool Retention::isDue() const
@@ -327,6 +350,17 @@ Result<Retention::Bounds> Retention::bounds(Table &table, const Through &summed,
 
 Status Retention::trim(Connection &connection, qint64 rows, const Through &summed)
 {
+    const Status done = trimSome(connection, rows, summed);
+    if (done || isPassing(done.error().code()) || isFull(done.error()))
+        return done;
+    m_done.clear(); // it is rolled back
+    if (std::exchange(m_reportedFailure, done.error().text()) != done.error().text())
+        m_troubles.push_back(done.error());
+    return done;
+}
+
+Status Retention::trimSome(Connection &connection, qint64 rows, const Through &summed)
+{
     m_done.clear();
     m_wanted = rows;
     if (!m_isKnown) {
@@ -367,7 +401,7 @@ Status Retention::trim(Connection &connection, qint64 rows, const Through &summe
     }
     if (m_hasEntries && m_time.believed() && *m_time.believed() / secondsOfHour != m_notedTime / secondsOfHour) {
         m_notedTime = *m_time.believed();
-        return noteBelieved(connection, keepSite(QString()), m_notedTime);
+        return noteBelieved(connection, keepSite(QString()), m_notedTime, m_time.since());
     }
     return {};
 }
@@ -389,7 +423,10 @@ Status Retention::trimByRules(Connection &connection, Table &table, qint64 &rows
         return may.error();
     const qint64 before = rows;
     if (const auto tooOld = cutoff(table); tooOld && table.firstSeconds < *tooOld) {
-        const auto tooMuch = table.isAllowed ? Result<bool>(false) : isTooMuch(connection, table, *tooOld);
+        // After a week without a jump the time is right, as far as anybody can tell: the device was off, or the rule
+        // is new.
+        const bool isEven = *m_time.believed() - m_time.since() > evenTime;
+        const auto tooMuch = table.isAllowed || isEven ? Result<bool>(false) : isTooMuch(connection, table, *tooOld);
         if (!tooMuch)
             return tooMuch.error();
         if (*tooMuch) {
@@ -424,6 +461,7 @@ Status Retention::trimForCeiling(Connection &connection, Table &table, qint64 &r
     auto may = bounds(table, summed, true);
     if (!may)
         return may.error();
+    may->id = std::min(may->id, table.last - newestRows);
     if (const qint64 since = atLeastSince(table); since <= lastSecond)
         may->before = since;
     const qint64 before = rows;
@@ -448,7 +486,8 @@ Status Retention::trimSums(Connection &connection, Table &table)
         if (floor <= 0)
             continue;
         auto &now = floors[width];
-        if (now > 0 && floor > now + std::max<qint64>(age / 10, 2 * 86400) && !table.isAllowed) {
+        if (now > 0 && floor > now + std::max<qint64>(age / 10, 2 * 86400) && !table.isAllowed &&
+            *m_time.believed() - m_time.since() <= evenTime) {
             held(table, QStringLiteral("more than a tenth of its sums are older than %1 h at once, as after a change "
                                        "of the clock")
                             .arg(each->count()));
@@ -471,7 +510,8 @@ Result<bool> Retention::isTooMuch(Connection &connection, const Table &table, qi
         keepSite(table.name),
         QStringLiteral("select count(*),ifnull(sum(DATETIME>='0' and DATETIME<%1),0) from (select DATETIME from %2 "
                        "where ID>=%3%4 order by ID limit 3)")
-            .arg(literal(before), table.name, QString::number(table.first + tenth),
+            .arg(literal(before), table.name,
+                 QString::number(table.first + std::min(tenth, std::numeric_limits<qint64>::max() - table.first)),
                  table.isAlarm ? ended() : QString()));
     if (!rows)
         return rows.error();
@@ -545,7 +585,11 @@ void Retention::held(Table &table, const QString &why)
         return;
     m_troubles.push_back(
         keepSite(table.name)
-            .error(Error::Failed, why + QStringLiteral("; nothing is removed by age until trimNow() allows it")));
+            .error(
+                Error::Failed,
+                why +
+                    QStringLiteral(
+                        "; nothing is removed by age until trimNow() allows it or the time goes on for a week without a jump")));
 }
 
 std::vector<Error> Retention::takeTroubles()
@@ -557,7 +601,7 @@ QString Retention::whyFull() const
 {
     return QStringLiteral(
                "the ceiling of %1 bytes is reached, and nothing may be removed: what is there is younger "
-               "than its table keeps at least, an alarm that lasts, not yet in the sums of its trend, or such "
+               "than its table keeps at least, among the newest rows of it, an alarm that lasts, not yet in the sums of its trend, or such "
                "sums themselves, which have ages of their own")
         .arg(m_options.ceiling);
 }

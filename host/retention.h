@@ -46,7 +46,7 @@ public:
 
     /// A row that is in the file now.
     void stored(const Write &row, LocalTime time);
-    /// Whether allow() was called since the last time.
+    /// Whether allow(), hold() or release() was called since the last time.
     bool hearsWord();
     /// Something is to be removed.
     bool isDue() const;
@@ -97,6 +97,7 @@ private:
 
     Status lookAtTables(Connection &connection);
     Status look(Connection &connection, Table &table);
+    Status trimSome(Connection &connection, qint64 rows, const Through &summed);
     Table *tableOf(const QString &name);
     std::optional<Hold> holdOn(const QString &table);
     bool isPaused(const Table &table) const;
@@ -118,6 +119,7 @@ private:
     Room m_room;
     ShippedFile m_shipped;
     QString m_reportedProblem;
+    QString m_reportedFailure;
     PlausibleTime m_time;
     qint64 m_notedTime = 0;
     const Clock::time_point m_began = Clock::now();
@@ -136,6 +138,7 @@ private:
     mutable std::mutex m_mutex; // guards what other threads say
     std::map<QString, std::map<QString, Hold>> m_holds;
     QStringList m_allowed;
+    bool m_holdsMoved = false;
 };
 
 } // namespace device

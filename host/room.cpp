@@ -47,6 +47,13 @@ qint64 sizeOf(const QString &path)
     return ::stat(QFile::encodeName(path).constData(), &found) == 0 ? qint64(found.st_size) : 0;
 }
 
+// Beside the file itself, as SQLite has it, when the path is a symbolic link.
+QString logOf(const Connection &connection)
+{
+    return QFileInfo(connection.path()).canonicalFilePath() +
+           QLatin1String(connection.writesAhead() ? "-wal" : "-journal");
+}
+
 bool overwritesInPlace(const QString &path)
 {
     constexpr quint32 known[] = {0xEF53 /* ext2 to ext4 */, 0x58465342 /* XFS */, 0x4d44 /* FAT */,
@@ -176,12 +183,13 @@ Status Room::makeWhole(Connection &connection, const std::function<bool()> &canc
         const auto counts = connection.pageCounts();
         if (!counts)
             return counts.error();
-        return m_filePages - counts->pages;
+        return m_filePages + lastPages - counts->pages;
     };
     auto missing = pages();
     const auto leftOver =
         connection.number(site, QStringLiteral("select count(*) from sqlite_master where name='device reserve'"));
     Status done = !missing ? missing.error() : !leftOver ? leftOver.error() : Status();
+    const LastPages last(*this, connection);
     if (done && (*missing > pagesAtOnce || *leftOver > 0)) {
         done = step({QStringLiteral("create table if not exists %1(filling)").arg(table)});
         while (done && missing && *missing > 8) {
@@ -200,18 +208,38 @@ Status Room::makeWhole(Connection &connection, const std::function<bool()> &canc
         if (done)
             done = step({QLatin1String("drop table ") + table});
     }
+    if (done)
+        done = makeLogWhole(connection);
     (void)connection.query(site, QLatin1String("pragma secure_delete=") + secure->first().value(0));
     if (done && !missing)
         return missing.error();
     return done;
 }
 
+// Pages that the log alone has are not in the file yet, and a log that is empty has no place on a full disk: page 1 is
+// written until it has the place of a checkpoint. It says the same as before, so that no sync is needed.
+Status Room::makeLogWhole(Connection &connection)
+{
+    const Site site{QStringLiteral("reserve the log of %1").arg(connection.path()), QString()};
+    if (const Status begun = startLogAnew(connection); !begun)
+        return begun;
+    const auto version = connection.number(site, QStringLiteral("pragma user_version"));
+    const auto syncs = connection.number(site, QStringLiteral("pragma synchronous"));
+    if (!version || !syncs)
+        return !version ? version.error() : syncs.error();
+    Status done = connection.alone(site, QStringLiteral("pragma synchronous=off"));
+    const int pages = connection.options().checkpointPages - 1; // the next one would be a checkpoint
+    for (int i = 0; done && i < pages && sizeOf(logOf(connection)) < (pages - 1) * pageInLog(); ++i)
+        done = connection.alone(site, QStringLiteral("pragma user_version=%1").arg(*version));
+    const Status again = connection.alone(site, QStringLiteral("pragma synchronous=%1").arg(*syncs));
+    look(connection);
+    return done ? again : done;
+}
+
 void Room::look(const Connection &connection)
 {
-    const QString path = QFileInfo(connection.path()).canonicalFilePath();
-    m_fileBytes = sizeOf(path);
-    m_logBytes =
-        connection.writesAhead() ? sizeOf(path + QLatin1String("-wal")) : sizeOf(path + QLatin1String("-journal"));
+    m_fileBytes = sizeOf(QFileInfo(connection.path()).canonicalFilePath());
+    m_logBytes = sizeOf(logOf(connection));
 }
 
 void Room::measure(const Connection &connection, const PageCounts &pages)
@@ -234,7 +262,7 @@ void Room::need(qint64 rows, qint64 bytes)
 
 Status Room::prepare(Connection &connection, qint64 rows, qint64 bytes)
 {
-    if (!isLimited() || fits(rows, bytes))
+    if (!isLimited())
         return {};
     look(connection);
     return fits(rows, bytes) ? Status() : startLogAnew(connection);

@@ -63,6 +63,7 @@ public:
 private:
     qint64 pageInLog() const { return m_pageSize + 24; }
     Status limit(Connection &connection, qint64 pages) const;
+    Status makeLogWhole(Connection &connection);
     Status makeWhole(Connection &connection, const std::function<bool()> &cancelled);
     void look(const Connection &connection);
 

@@ -22,10 +22,14 @@ constexpr double highestId = 9007199254740992.0; // up to here a number of JSON 
 void ShippedFile::look()
 {
     struct stat found;
-    if (::stat(QFile::encodeName(m_path).constData(), &found) != 0) {
+    const QByteArray path = QFile::encodeName(m_path);
+    if (::stat(path.constData(), &found) != 0) {
         m_inode = 0;
         m_holds.clear();
+        m_all = {m_path, 0, {}};
         m_problem.clear();
+        if (::lstat(path.constData(), &found) == 0) // a link to what is not there, yet or any more
+            m_problem = QStringLiteral("%1 leads nowhere, so all rows are held").arg(m_path);
         return;
     }
     const qint64 changed = qint64(found.st_mtim.tv_sec) * 1000000000 + found.st_mtim.tv_nsec;

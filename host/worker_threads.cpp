@@ -226,7 +226,7 @@ void Recorder::Worker::storeBatch()
         const Status made = makeRoomInFile();
         if (made)
             stored = tryToStore();
-        else if (!device::isFull(made.error()))
+        else if (made.error().code() == Error::StorageFailed && !device::isFull(made.error()))
             stored = made;
     }
     if (stored) {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "faulty_disk.h"
 #include "recorder_fixture.h"
 #include "trend_reference.h"
 
@@ -269,18 +270,6 @@ TEST_F(Trims, NothingByARuleThatCannotBeRead)
     EXPECT_EQ(rows(), 1500);
 }
 
-TEST_F(Trims, NothingWhileWhatIsShippedIsAPipe)
-{
-    ASSERT_EQ(::mkfifo(QFile::encodeName(path() + ".shipped"_q).constData(), 0600), 0);
-    auto recorder = recorderOf(Profile::Durable);
-    Keep keep;
-    keep.rows = 100;
-    recorder->keep(boiler, keep);
-    recordMinutes(*recorder, 0, 1000);
-    require(recorder->stop(milliseconds(20000)));
-    EXPECT_EQ(rows(), 1000);
-}
-
 TEST_F(Trims, EndedAlarmsAndNoneThatLasts)
 {
     const TableName plant = table("Plant"_q);
@@ -366,7 +355,7 @@ TEST_F(Trims, GoesOnWhenATrendIsKeptOfAFileThatIsFull)
 
 TEST_F(Trims, ForACeilingRowsOfAnySize)
 {
-    options.retention.ceiling = 8 * 1024 * 1024;
+    options.retention.ceiling = 24 * 1024 * 1024;
     auto recorder = recorderOf(Profile::Durable);
     qint64 most = 0;
     for (int i = 0; i < 600; ++i) {
@@ -409,6 +398,151 @@ TEST_F(Trims, WhateverLiesInThePlaceOfAShippersFile)
     ASSERT_TRUE(QDir().mkdir(path() + ".shipped"_q));
     recordMinutes(*recorder, 1000, 3000);
     EXPECT_EQ(rows(), 3000);
+}
+
+TEST_F(Trims, OnAFullDiskFromTheFirstRowOnWithAReserve)
+{
+    options.retention.ceiling = 12 * 1024 * 1024;
+    options.retention.reserve = true;
+    FaultyDisk disk;
+    for (const bool isNew : {true, false}) {
+        SCOPED_TRACE(isNew);
+        auto recorder = recorderOf(Profile::Durable);
+        disk.fail(FaultyDisk::NoLonger, 1000000);
+        const qint64 before = isNew ? 0 : rows();
+        recordMinutes(*recorder, 0, 20000);
+        EXPECT_EQ(rows(), before + 20000);
+        EXPECT_EQ(recorder->health().failedBatches, 0);
+        disk.mend();
+        require(recorder->stop(milliseconds(20000)));
+    }
+}
+
+TEST_F(Trims, ForACeilingWhileRowsAreDeletedAndAReaderPinsTheLog)
+{
+    options.retention.ceiling = 8 * 1024 * 1024;
+    auto recorder = recorderOf(Profile::Durable);
+    for (int i = 0; i < 30000; ++i) // in no order: each deletion is a page of the index
+        require(recorder->record(boiler, minutely(int(i * 7919LL % 30011))));
+    require(recorder->flush(milliseconds(60000)));
+    PlainConnection reader(path());
+    reader.run("begin; select * from Boiler"_q);
+    int deleted = -1;
+    recorder->removeBefore(boiler, after(86400LL * 365), recorder.get(), [&](const Result<qint64> &) { deleted = 1; });
+    qint64 most = 0;
+    QElapsedTimer timer;
+    timer.start();
+    while (deleted < 0 && timer.elapsed() < 3000) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+        most = std::max(most, bytesOfFiles());
+    }
+    EXPECT_LE(most, options.retention.ceiling);
+    EXPECT_LE(recorder->health().logBytes, options.retention.ceiling);
+}
+
+TEST_F(Trims, AndStoresEveryRowWhateverStopsIt)
+{
+    for (const char *broken : {"create trigger t before delete on Boiler begin select raise(abort,'no'); end",
+                               "create trigger t before update on \"device keep\" begin select raise(abort,'no'); end",
+                               "alter table \"device keep\" add column more"}) {
+        SCOPED_TRACE(broken);
+        removeFiles();
+        auto recorder = recorderOf(Profile::Durable);
+        int held = 0;
+        QObject::connect(recorder.get(), &Recorder::retentionHeld, [&](const Error &) { ++held; });
+        Keep keep;
+        keep.rows = 500;
+        recorder->keep(boiler, keep);
+        recordMinutes(*recorder, 0, 1000);
+        const qint64 trimmed = recorder->health().trimmed;
+        OtherProgram(path()).run(QString::fromLatin1(broken));
+        recordMinutes(*recorder, 1000, 5000);
+        EXPECT_EQ(recorder->health().stored, 5000);
+        EXPECT_EQ(recorder->health().trimmed - trimmed, 5000 - rows() - trimmed);
+        EXPECT_TRUE(eventually([&] { return held > 0; }));
+        EXPECT_LE(held, 2);
+    }
+}
+
+TEST_F(Trims, NotTheNewestRowsForWhatAnotherProgramStores)
+{
+    options.retention.ceiling = 8 * 1024 * 1024;
+    auto recorder = recorderOf(Profile::Durable);
+    recordMinutes(*recorder, 0, 20000);
+    QStringList troubles;
+    QObject::connect(recorder.get(), &Recorder::troubled, [&](const Error &why) { troubles << why.text(); });
+    OtherProgram(path()).run("create table Other(x); insert into Other values(zeroblob(6000000))"_q);
+    for (int i = 20000; troubles.isEmpty() && i < 60000; ++i) {
+        require(recorder->record(boiler, minutely(i)));
+        if (i % 500 == 0)
+            (void)recorder->flush(milliseconds(1000));
+    }
+    ASSERT_FALSE(troubles.isEmpty());
+    EXPECT_TRUE(troubles.first().contains("nothing may be removed"_q)) << troubles.first().toStdString();
+    EXPECT_GE(rows(), 10);
+    OtherProgram(path()).run("drop table Other"_q);
+    require(recorder->flush(milliseconds(20000)));
+    EXPECT_EQ(recorder->health().dropped, 0);
+}
+
+TEST_F(Trims, ByAgeAlthoughTheFirstRowIsOfAWrongYear)
+{
+    auto recorder = recorderOf(Profile::Durable);
+    Keep keep;
+    keep.age = std::chrono::hours(240);
+    recorder->keep(boiler, keep);
+    require(recorder->record(boiler, {LocalTime(QDate(2099, 1, 1), QTime(0, 0)), "1"_q}));
+    for (int today = 0; today < 40; ++today) {
+        for (int i = 0; i < 96; ++i)
+            require(recorder->record(boiler, {after(today * 86400 + i * 900), "1"_q}));
+        require(recorder->flush(milliseconds(20000)));
+    }
+    EXPECT_LE(rows(), 13 * 96);
+    EXPECT_GE(rows(), 10 * 96);
+}
+
+TEST_F(Trims, ByAgeAgainAWeekAfterTheDeviceWasOff)
+{
+    Keep keep;
+    keep.age = std::chrono::hours(240);
+    for (const int first : {0, 23}) { // thirteen days off in between
+        auto recorder = recorderOf(Profile::Durable);
+        recorder->keep(boiler, keep);
+        for (int today = first; today < first + 10 + first; ++today) {
+            for (int i = 0; i < 96; ++i)
+                require(recorder->record(boiler, {after(today * 86400LL + i * 900), "1"_q}));
+            require(recorder->flush(milliseconds(20000)));
+        }
+    }
+    EXPECT_LE(rows(), 13 * 96);
+    EXPECT_GE(rows(), 10 * 96);
+}
+
+TEST_F(Trims, WhatWasHeldOnceItIsShippedWithFewRowsComing)
+{
+    auto recorder = recorderOf(Profile::Durable);
+    recorder->hold(boiler, "archive"_q, 100);
+    Keep keep;
+    keep.rows = 1000;
+    recorder->keep(boiler, keep);
+    recordMinutes(*recorder, 0, 5000);
+    EXPECT_EQ(first(), 101);
+    recorder->release(boiler, "archive"_q);
+    EXPECT_TRUE(eventually([&] { return rows() == 1000; })) << rows();
+}
+
+TEST_F(Trims, NothingWhileTheFileOfAShipperLeadsNowhere)
+{
+    ASSERT_TRUE(QFile::link(path() + ".not-there"_q, path() + ".shipped"_q));
+    auto recorder = recorderOf(Profile::Durable);
+    int held = 0;
+    QObject::connect(recorder.get(), &Recorder::retentionHeld, [&](const Error &) { ++held; });
+    Keep keep;
+    keep.rows = 100;
+    recorder->keep(boiler, keep);
+    recordMinutes(*recorder, 0, 3000);
+    EXPECT_EQ(rows(), 3000);
+    EXPECT_TRUE(eventually([&] { return held == 1; }));
 }
 
 TEST_F(Trims, SumsByTheirOwnAgesAndATrendShowsWhatIsLeft)
