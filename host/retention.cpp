@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// What is to be removed from a file, and when; retention_slices.cpp removes it.
 #include "retention.h"
 
 #include "rollup_file.h"
@@ -13,34 +15,9 @@ namespace device
 namespace
 {
 
-constexpr std::chrono::milliseconds sliceTime{10}; // beside what the batch itself takes
 constexpr std::chrono::seconds pauseTime{60};
 constexpr qint64 pauseRows = 1000;
-constexpr qint64 fewestRows = 50;
-constexpr qint64 mostRows = 5000;
 constexpr std::chrono::hours atLeastOfLogs{24 * 365};
-constexpr qint64 secondsOfHour = 3600;
-constexpr qint64 evenTime = 7 * 24 * secondsOfHour;
-constexpr qint64 newestRows = 10; // that a ceiling leaves in each table, so that what fills a file is seen
-constexpr int tablesAtOnce = 16;
-
-QString literal(qint64 seconds)
-{
-    QString text;
-    appendTime(text, timeOfSeconds(std::clamp<qint64>(seconds, 0, lastSecond)), false);
-    return quoted(text);
-}
-
-qint64 secondsOf(std::chrono::hours time)
-{
-    return std::chrono::seconds(time).count();
-}
-
-const QString &ended()
-{
-    static const QString text = QStringLiteral(" and EndDate!='' and EndTime!=''");
-    return text;
-}
 
 } // namespace
 
@@ -145,43 +122,6 @@ Status Retention::lookAtTables(Connection &connection)
         believed = newest[newest.size() / 2];
     }
     m_time = PlausibleTime(believed, file->since);
-    return {};
-}
-
-Status Retention::look(Connection &connection, Table &table)
-{
-    const auto rows = connection.ask(
-        keepSite(table.name), QStringLiteral("select ID,DATETIME,(select max(ID) from %1) from %1 where ID>0%2 order "
-                                             "by ID limit 1")
-                                  .arg(table.name, table.isAlarm ? ended() : QString()));
-    if (!rows)
-        return rows.error();
-    table.isLookedAt = true;
-    table.first = 0;
-    if (rows->isEmpty())
-        return {};
-    const QStringList &row = rows->first();
-    table.first = row.at(0).toLongLong();
-    table.last = row.at(2).toLongLong();
-    TimeReader times(false);
-    const LocalTime time =
-        row.at(1).size() < times.length() ? LocalTime() : times.read(row.at(1).constData(), times.length());
-    table.firstSeconds = time.isValid() ? device::secondsOf(time) : -1;
-    const qint64 believed = m_time.believed().value_or(lastSecond);
-    if (table.firstSeconds >= 0 && table.firstSeconds <= believed)
-        return {};
-    // A row from the future is as old as those that follow it.
-    const auto next = connection.ask(
-        keepSite(table.name),
-        QStringLiteral("select DATETIME from (select DATETIME from %1 where ID>=%2%3 order by ID limit 1000) where "
-                       "DATETIME>='0' and DATETIME<%4 limit 1")
-            .arg(table.name, QString::number(table.first), table.isAlarm ? ended() : QString(), literal(believed + 1)));
-    if (!next)
-        return next.error();
-    const QString text = next->isEmpty() ? QString() : next->first().first();
-    const LocalTime follows = text.size() < times.length() ? LocalTime() : times.read(text.constData(), times.length());
-    if (follows.isValid())
-        table.firstSeconds = device::secondsOf(follows);
     return {};
 }
 
@@ -322,248 +262,6 @@ Retention::Table *Retention::oldest()
     return oldest;
 }
 
-Result<Retention::Bounds> Retention::bounds(Table &table, const Through &summed, bool forCeiling)
-{
-    Bounds bounds;
-    bounds.id = bounds.shipped = std::numeric_limits<qint64>::max();
-    if (const auto hold = holdOn(table.name)) {
-        bounds.shipped = hold->throughId;
-        const bool isOld = hold->since.isValid() && m_time.believed() &&
-                           *m_time.believed() - device::secondsOf(hold->since) > secondsOf(m_options.reportHold);
-        if (isOld && !table.isHoldOld)
-            m_troubles.push_back(
-                keepSite(table.name)
-                    .error(Error::Failed,
-                           QStringLiteral("%1 has shipped up to ID %2 and has not moved on for more than %3 h; later "
-                                          "rows are held%4")
-                               .arg(hold->owner, QString::number(hold->throughId),
-                                    QString::number(m_options.reportHold.count()),
-                                    m_room.isLimited() ? QStringLiteral(" until the ceiling is reached") : QString())));
-        table.isHoldOld = isOld;
-    }
-    if (!forCeiling)
-        bounds.id = bounds.shipped;
-    if (const auto through = summed(table.name))
-        bounds.id = std::min(bounds.id, *through);
-    return bounds;
-}
-
-Status Retention::trim(Connection &connection, qint64 rows, const Through &summed)
-{
-    const Status done = trimSome(connection, rows, summed);
-    if (done || isPassing(done.error().code()) || isFull(done.error()))
-        return done;
-    m_done.clear(); // it is rolled back
-    if (std::exchange(m_reportedFailure, done.error().text()) != done.error().text())
-        m_troubles.push_back(done.error());
-    return done;
-}
-
-Status Retention::trimSome(Connection &connection, qint64 rows, const Through &summed)
-{
-    m_done.clear();
-    m_wanted = rows;
-    if (!m_isKnown) {
-        if (const Status looked = lookAtTables(connection); !looked)
-            return looked;
-    }
-    m_shipped.look();
-    if (std::exchange(m_reportedProblem, m_shipped.problem()) != m_shipped.problem() && !m_shipped.problem().isEmpty())
-        m_troubles.push_back(keepSite(QStringLiteral("all tables")).error(Error::Failed, m_shipped.problem()));
-    const auto began = Clock::now();
-    qint64 left = std::clamp(rows, fewestRows, m_rowsAtOnce);
-    const auto isOver = [&] { return left <= 0 || Clock::now() - began > sliceTime; };
-    const size_t tables = m_tables.size();
-    int tried = 0;
-    for (size_t i = 0; i < tables && tried < tablesAtOnce && !isOver(); ++i) {
-        Table &table = m_tables[(m_next + i) % tables];
-        if (!isDue(table))
-            continue;
-        ++tried;
-        m_next = (m_next + i + 1) % tables;
-        i = 0;
-        if (const Status done = trimByRules(connection, table, left, summed); !done)
-            return done;
-    }
-    for (tried = 0; m_room.isShort() && tried < tablesAtOnce && !isOver(); ++tried) {
-        Table *const table = oldest();
-        if (!table)
-            break;
-        if (const Status done = trimForCeiling(connection, *table, left, summed); !done)
-            return done;
-    }
-    if (left <= 0)
-        m_rowsAtOnce = Clock::now() - began > sliceTime ? std::max(fewestRows, m_rowsAtOnce / 2)
-                                                        : std::min(mostRows, m_rowsAtOnce * 2);
-    for (const Done &done : m_done) {
-        if (const Status counted = countTrimmed(connection, keepSite(done.table->name), done.rows); !counted)
-            return counted;
-    }
-    if (m_hasEntries && m_time.believed() && *m_time.believed() / secondsOfHour != m_notedTime / secondsOfHour) {
-        m_notedTime = *m_time.believed();
-        return noteBelieved(connection, keepSite(QString()), m_notedTime, m_time.since());
-    }
-    return {};
-}
-
-Status Retention::trimByRules(Connection &connection, Table &table, qint64 &rows, const Through &summed)
-{
-    if (const Status looked = look(connection, table); !looked)
-        return looked;
-    if (sumsAreDue(table)) {
-        if (const Status done = trimSums(connection, table); !done)
-            return done;
-    }
-    if (!isDue(table)) {
-        table.isAllowed = false;
-        return {};
-    }
-    const auto may = bounds(table, summed, false);
-    if (!may)
-        return may.error();
-    const qint64 before = rows;
-    if (const auto tooOld = cutoff(table); tooOld && table.firstSeconds < *tooOld) {
-        // After a week without a jump the time is right, as far as anybody can tell: the device was off, or the rule
-        // is new.
-        const bool isEven = *m_time.believed() - m_time.since() > evenTime;
-        const auto tooMuch = table.isAllowed || isEven ? Result<bool>(false) : isTooMuch(connection, table, *tooOld);
-        if (!tooMuch)
-            return tooMuch.error();
-        if (*tooMuch) {
-            held(table, QStringLiteral("more than a tenth of its rows are older than %1 h at once, as after a change "
-                                       "of the clock")
-                            .arg(table.keep.age->count()));
-        } else {
-            table.isHeld = false;
-            Bounds old = *may;
-            old.before = std::min(*tooOld, atLeastSince(table));
-            if (const Status done = remove(connection, table, old, rows); !done)
-                return done;
-        }
-    }
-    if (rows > 0 && table.first > 0 && table.keep.rows >= 0 && table.first <= table.last - table.keep.rows) {
-        Bounds surplus = *may;
-        surplus.id = std::min(surplus.id, table.last - table.keep.rows);
-        if (const qint64 since = atLeastSince(table); since <= lastSecond)
-            surplus.before = since;
-        if (const Status done = remove(connection, table, surplus, rows); !done)
-            return done;
-    }
-    if (rows == before)
-        pause(table);
-    return {};
-}
-
-Status Retention::trimForCeiling(Connection &connection, Table &table, qint64 &rows, const Through &summed)
-{
-    if (const Status looked = look(connection, table); !looked)
-        return looked;
-    auto may = bounds(table, summed, true);
-    if (!may)
-        return may.error();
-    may->id = std::min(may->id, table.last - newestRows);
-    if (const qint64 since = atLeastSince(table); since <= lastSecond)
-        may->before = since;
-    const qint64 before = rows;
-    if (table.first > 0) {
-        if (const Status done = remove(connection, table, *may, rows); !done)
-            return done;
-    }
-    if (rows == before)
-        pause(table);
-    return {};
-}
-
-// Levels of sums have ages of their own.
-Status Retention::trimSums(Connection &connection, Table &table)
-{
-    table.sumsOfHour = *m_time.believed() / secondsOfHour;
-    SumFloors floors = table.floors;
-    for (auto each = table.keep.sums.begin(); each != table.keep.sums.end(); ++each) {
-        const qint64 age = secondsOf(*each);
-        const qint64 width = widthOf(each.key());
-        const qint64 floor = (*m_time.believed() - age) / 86400 * 86400;
-        if (floor <= 0)
-            continue;
-        auto &now = floors[width];
-        if (now > 0 && floor > now + std::max<qint64>(age / 10, 2 * 86400) && !table.isAllowed &&
-            *m_time.believed() - m_time.since() <= evenTime) {
-            held(table, QStringLiteral("more than a tenth of its sums are older than %1 h at once, as after a change "
-                                       "of the clock")
-                            .arg(each->count()));
-            continue;
-        }
-        now = std::max(now, floor);
-    }
-    if (floors == table.floors)
-        return {};
-    table.floors = floors;
-    return setSumFloors(connection, keepSite(table.name), table.name, floors);
-}
-
-// Asks the rows at one place instead of counting: what is old is at the beginning of a table, as a rule.
-// What came since the last time may push as much out: in a small table that is a large part.
-Result<bool> Retention::isTooMuch(Connection &connection, const Table &table, qint64 before)
-{
-    const qint64 tenth = std::max<qint64>(1, (table.last - table.first + 1) / 10) + std::min(table.sinceTrim, m_wanted);
-    const auto rows = connection.ask(
-        keepSite(table.name),
-        QStringLiteral("select count(*),ifnull(sum(DATETIME>='0' and DATETIME<%1),0) from (select DATETIME from %2 "
-                       "where ID>=%3%4 order by ID limit 3)")
-            .arg(literal(before), table.name,
-                 QString::number(table.first + std::min(tenth, std::numeric_limits<qint64>::max() - table.first)),
-                 table.isAlarm ? ended() : QString()));
-    if (!rows)
-        return rows.error();
-    const QStringList &counts = rows->first();
-    return counts.at(1).toInt() * 2 > counts.at(0).toInt();
-}
-
-// Rows whose times cannot be believed go with those around them.
-Status Retention::remove(Connection &connection, Table &table, const Bounds &bounds, qint64 &rows)
-{
-    const Site site = keepSite(table.name);
-    if (table.first > bounds.id)
-        return {};
-    const QString also = table.isAlarm ? ended() : QString();
-    QString window =
-        QStringLiteral("select ID,DATETIME from %1 where ID>=%2 and ID<=%3%4 order by ID limit %5")
-            .arg(table.name, QString::number(table.first), QString::number(bounds.id), also, QString::number(rows));
-    QString condition = also;
-    if (bounds.before) {
-        const QString before = literal(*bounds.before);
-        window = QStringLiteral("select ID,DATETIME from (%1) where DATETIME>='0' and DATETIME<%2").arg(window, before);
-        condition += QStringLiteral(" and not (+DATETIME>=%1 and +DATETIME<%2)")
-                         .arg(before, literal(m_time.believed().value_or(lastSecond) + 1));
-    }
-    const auto end =
-        connection.ask(site, QStringLiteral("select ID,DATETIME from (%1) order by ID desc limit 1").arg(window));
-    if (!end)
-        return end.error();
-    if (end->isEmpty())
-        return {};
-    const qint64 through = end->first().at(0).toLongLong();
-    if (const Status done = connection.run(
-            site, QStringLiteral("delete from %1 where ID>=%2 and ID<=%3%4")
-                      .arg(table.name, QString::number(table.first), QString::number(through), condition));
-        !done)
-        return done;
-    const auto changes = connection.ask(site, QStringLiteral("select changes()"));
-    if (!changes)
-        return changes.error();
-    const qint64 removed = changes->first().first().toLongLong();
-    rows -= removed;
-    const qint64 unshipped = std::clamp<qint64>(through - std::max(bounds.shipped, table.first - 1), 0, removed);
-    if (m_done.empty() || m_done.back().table != &table)
-        m_done.push_back({&table, {table.name, 0, 0, 0, QString()}, table.sinceTrim});
-    TrimmedRows &all = m_done.back().rows;
-    all.rows += removed;
-    all.unshipped += unshipped;
-    all.throughId = through;
-    all.through = end->first().at(1);
-    return look(connection, table);
-}
-
 std::vector<TrimmedRows> Retention::trimmed()
 {
     std::vector<TrimmedRows> all;
@@ -577,19 +275,6 @@ std::vector<TrimmedRows> Retention::trimmed()
     if (m_isUrgent)
         m_isUrgent = isDue();
     return all;
-}
-
-void Retention::held(Table &table, const QString &why)
-{
-    if (std::exchange(table.isHeld, true))
-        return;
-    m_troubles.push_back(
-        keepSite(table.name)
-            .error(
-                Error::Failed,
-                why +
-                    QStringLiteral(
-                        "; nothing is removed by age until trimNow() allows it or the time goes on for a week without a jump")));
 }
 
 std::vector<Error> Retention::takeTroubles()

@@ -115,6 +115,9 @@ private:
     Status remove(Connection &connection, Table &table, const Bounds &bounds, qint64 &rows);
     void held(Table &table, const QString &why);
 
+    static constexpr qint64 secondsOfHour = 3600;
+    static qint64 secondsOf(std::chrono::hours time) { return std::chrono::seconds(time).count(); }
+
     const RetentionOptions m_options;
     Room m_room;
     ShippedFile m_shipped;
