@@ -122,8 +122,11 @@ Status Retention::trimSome(Connection &connection, qint64 rows, const Through &s
     if (std::exchange(m_reportedProblem, m_shipped.problem()) != m_shipped.problem() && !m_shipped.problem().isEmpty())
         m_troubles.push_back(keepSite(QStringLiteral("all tables")).error(Error::Failed, m_shipped.problem()));
     const auto began = Clock::now();
-    qint64 left = std::clamp(rows, fewestRows, m_rowsAtOnce);
-    const auto isOver = [&] { return left <= 0 || Clock::now() - began > sliceTime; };
+    // However slow the device is, at least as many go as come.
+    const qint64 least = std::max(fewestRows, rows / 2);
+    const qint64 most = std::max(least, std::min(rows, m_rowsAtOnce));
+    qint64 left = most;
+    const auto isOver = [&] { return left <= 0 || (most - left >= least && Clock::now() - began > sliceTime); };
     const size_t tables = m_tables.size();
     int tried = 0;
     for (size_t i = 0; i < tables && tried < tablesAtOnce && !isOver(); ++i) {

@@ -188,6 +188,26 @@ TEST_F(Trims, StopsBeforeMuchGoesAtOnceUntilTheHostAllowsIt)
     EXPECT_EQ(held.size(), 1);
 }
 
+TEST_F(Trims, NoRowBeforeItIsInTheSums)
+{
+    Keep keep;
+    keep.rows = 100;
+    {
+        auto recorder = recorderOf(Profile::Durable);
+        recorder->keepTrend(boiler);
+        recorder->keep(boiler, keep);
+        for (int i = 0; i < 1500; ++i) // within a minute: no reason to write the sums yet
+            require(recorder->record(boiler, {after(i % 60), QString::number(i)}));
+        require(recorder->flush(milliseconds(20000)));
+        EXPECT_EQ(rows(), 1500);
+    }
+    auto recorder = recorderOf(Profile::Durable);
+    EXPECT_TRUE(eventually([&] { return rows() == 100; })) << rows();
+    auto store = require(HistoryStore::open(library(), path()));
+    const Trend trend = require(store.trend(boiler, TrendQuery::between(after(0), after(59)).columns(1)));
+    EXPECT_EQ(trend.columns.first().rows, 1500);
+}
+
 TEST_F(Trims, AlsoWhenNoRowsCome)
 {
     auto recorder = recorderOf(Profile::Durable);
