@@ -25,6 +25,22 @@ PagedModel::Pages::Pages(Recorder *recorder, const QString &table, QVector<Title
 {
 }
 
+void listen(Recorder *recorder, QObject *model, const QString &table, const std::function<void()> &changed,
+            const std::function<void()> &again, const std::function<void(const QString &why)> &gone)
+{
+    const auto changedTable = [table, changed](const QString &which) {
+        if (which.compare(table, Qt::CaseInsensitive) == 0)
+            changed();
+    };
+    QObject::connect(recorder, &Recorder::stored, model, changedTable);
+    QObject::connect(recorder, &Recorder::removed, model, changedTable);
+    QObject::connect(recorder, &Recorder::tableReady, model, again);
+    QObject::connect(recorder, &Recorder::ready, model, again);
+    QObject::connect(recorder, &Recorder::recovered, model, again);
+    QObject::connect(recorder, &QObject::destroyed, model,
+                     [gone] { gone(QStringLiteral("the recorder of this model is gone")); });
+}
+
 void PagedModel::Pages::belongTo(PagedModel *model)
 {
     m_model = model;
@@ -38,22 +54,17 @@ void PagedModel::Pages::belongTo(PagedModel *model)
         setError(QStringLiteral("the model was made without a recorder"));
         return;
     }
-    const auto changed = [this](const QString &table) {
-        if (m_following && table.compare(m_table, Qt::CaseInsensitive) == 0 && !m_soon.isActive())
-            m_soon.start();
-    };
-    QObject::connect(recorder, &Recorder::stored, model, changed);
-    QObject::connect(recorder, &Recorder::removed, model, changed);
-    // An error that a new table or an opened file ends.
-    const auto again = [this] {
-        if (!m_error.isEmpty() || m_following)
-            refresh();
-    };
-    QObject::connect(recorder, &Recorder::tableReady, model, again);
-    QObject::connect(recorder, &Recorder::ready, model, again);
-    QObject::connect(recorder, &Recorder::recovered, model, again);
-    QObject::connect(recorder, &QObject::destroyed, model,
-                     [this] { setError(QStringLiteral("the recorder of this model is gone")); });
+    listen(
+        recorder, model, m_table,
+        [this] {
+            if (m_following && !m_soon.isActive())
+                m_soon.start();
+        },
+        [this] {
+            if (!m_error.isEmpty() || m_following)
+                refresh();
+        },
+        [this](const QString &why) { setError(why); });
     refresh();
 }
 

@@ -13,6 +13,11 @@ namespace device
 /// A cell as a view shows it. Views format a QDateTime in the locale's short form, which drops seconds.
 QVariant shownCell(const QVariant &cell);
 
+/// Has a model hear of its recorder as long as both live: rows of its table came or went, an error may have ended with
+/// a new table or an opened file, the recorder is gone.
+void listen(Recorder *recorder, QObject *model, const QString &table, const std::function<void()> &changed,
+            const std::function<void()> &again, const std::function<void(const QString &why)> &gone);
+
 /// What a PagedModel shows and how it comes there; what differs between the kinds of records is in its two questions.
 class PagedModel::Pages
 {

@@ -123,24 +123,20 @@ TrendModel::Asking::Asking(TrendModel *model, HistoryRecorder *recorder, const T
             m_question.cancel();
     });
     QObject::connect(&m_soon, &QTimer::timeout, model, [this] { refresh(); });
-    const auto changed = [this](const QString &changedTable) {
-        if (m_following && changedTable.compare(m_table.text(), Qt::CaseInsensitive) == 0 && !m_soon.isActive())
-            m_soon.start();
-    };
-    QObject::connect(recorder, &Recorder::stored, model, changed);
-    QObject::connect(recorder, &Recorder::removed, model, changed);
-    // An error that a new table or an opened file ends.
-    const auto again = [this] {
-        if (!m_error.isEmpty() || m_following)
-            refresh();
-    };
-    QObject::connect(recorder, &Recorder::tableReady, model, again);
-    QObject::connect(recorder, &Recorder::ready, model, again);
-    QObject::connect(recorder, &Recorder::recovered, model, again);
-    QObject::connect(recorder, &QObject::destroyed, model, [this] {
-        m_error = QStringLiteral("the recorder of this model is gone");
-        report();
-    });
+    listen(
+        recorder, model, table.text(),
+        [this] {
+            if (m_following && !m_soon.isActive())
+                m_soon.start();
+        },
+        [this] {
+            if (!m_error.isEmpty() || m_following)
+                refresh();
+        },
+        [this](const QString &why) {
+            m_error = why;
+            report();
+        });
 }
 
 void TrendModel::Asking::show(const TrendQuery &query)
