@@ -64,6 +64,28 @@ protected:
         return int(rows.size()) / batchRows;
     }
 
+    /// Cuts the power at moments all over a life. `look` says how much is left; in `Durable` that is no less than what
+    /// was noted by then.
+    void cutAgainAndAgain(PowerCuts &power, const std::function<int(const MemoryDisk::Files &)> &look,
+                          int rowsOfANote = 1, const std::function<void(int found, int acknowledged)> &also = {}) const
+    {
+        const int seed = fromEnvironment("DEVICE_FAULTS_SEED", 1);
+        for (int i = 0; i < cuts && !HasFailure(); ++i) {
+            SCOPED_TRACE(::testing::Message() << "cut " << i << " of " << cuts << ", DEVICE_FAULTS_SEED=" << seed);
+            std::seed_seq seeds{seed, i};
+            std::mt19937 random(seeds);
+            power.goTo(int(qint64(i) * power.moments() / cuts));
+            const int acknowledged = std::max(0, power.noted()) * rowsOfANote;
+            const int found = look(power.cut(random, 512));
+            if (GetParam() == Profile::Durable) {
+                EXPECT_GE(found, acknowledged);
+            }
+            if (also)
+                also(found, acknowledged);
+        }
+    }
+
+    const int cuts = fromEnvironment("DEVICE_FAULTS_CUTS", 50);
     const Library library = require(Library::load(QString::fromLocal8Bit(DEVICE_DATABASE_LIBRARY)));
     const TableName boiler = table("Boiler"_q);
     MemoryDisk disk;
@@ -74,25 +96,14 @@ INSTANTIATE_TEST_SUITE_P(Profiles, ProfilePowerCut, ::testing::Values(Profile::D
 
 TEST_P(ProfilePowerCut, TakesNothingOfDurableAndWholeBatchesOfFlash)
 {
-    const int cuts = fromEnvironment("DEVICE_FAULTS_CUTS", 50);
-    const int seed = fromEnvironment("DEVICE_FAULTS_SEED", 1);
     int lost = 0;
     PowerCuts power(recordOfALife());
-    for (int i = 0; i < cuts; ++i) {
-        SCOPED_TRACE(::testing::Message() << "cut " << i << " of " << cuts << ", DEVICE_FAULTS_SEED=" << seed);
-        std::seed_seq seeds{seed, i};
-        std::mt19937 random(seeds);
-        power.goTo(int(qint64(i) * power.moments() / cuts));
-        const int acknowledged = std::max(0, power.noted());
-        const int found = batchesIn(power.cut(random, 512));
-        if (GetParam() == Profile::Durable) {
-            EXPECT_GE(found, acknowledged);
-        }
-        EXPECT_LE(found, std::max(0, power.notedNext()));
-        lost += found < acknowledged;
-        if (HasFailure())
-            return;
-    }
+    cutAgainAndAgain(
+        power, [this](const MemoryDisk::Files &left) { return batchesIn(left); }, 1,
+        [&](int found, int acknowledged) {
+            EXPECT_LE(found, std::max(0, power.notedNext()));
+            lost += found < acknowledged;
+        });
     std::printf("%d power cuts, %d took an acknowledged batch\n", cuts, lost);
 }
 
@@ -180,22 +191,9 @@ INSTANTIATE_TEST_SUITE_P(Profiles, RecorderPowerCut, ::testing::Values(Profile::
 
 TEST_P(RecorderPowerCut, LeavesATrendOfAllRowsAndNeverFewerThanAreKept)
 {
-    const int cuts = fromEnvironment("DEVICE_FAULTS_CUTS", 50);
-    const int seed = fromEnvironment("DEVICE_FAULTS_SEED", 1);
     PowerCuts power(recordOfALife());
-    for (int i = 0; i < cuts; ++i) {
-        SCOPED_TRACE(::testing::Message() << "cut " << i << " of " << cuts << ", DEVICE_FAULTS_SEED=" << seed);
-        std::seed_seq seeds{seed, i};
-        std::mt19937 random(seeds);
-        power.goTo(int(qint64(i) * power.moments() / cuts));
-        const int acknowledged = std::max(0, power.noted()) * batchRows;
-        const int found = expectWhole(power.cut(random, 512));
-        if (GetParam() == Profile::Durable) {
-            EXPECT_GE(found, acknowledged);
-        }
-        if (HasFailure())
-            return;
-    }
+    cutAgainAndAgain(
+        power, [this](const MemoryDisk::Files &left) { return expectWhole(left); }, batchRows);
     std::printf("%d power cuts while rows are removed\n", cuts);
 }
 

@@ -86,6 +86,19 @@ protected:
             require(recorder.record(boiler, minutely(i)));
         require(recorder.flush(milliseconds(60000)));
     }
+    // Started, with a table of which so many rows are kept.
+    template<typename RecorderOfKind>
+    std::unique_ptr<RecorderOfKind> keeping(const TableName &name, qint64 rows)
+    {
+        options.file.profile = Profile::Durable;
+        auto recorder = std::make_unique<RecorderOfKind>(library(), path(), options);
+        require(recorder->start());
+        recorder->createTable(name);
+        Keep keep;
+        keep.rows = rows;
+        recorder->keep(name, keep);
+        return recorder;
+    }
     qint64 rows() const { return valueOf(path(), "select count(*) from Boiler"_q).toLongLong(); }
     qint64 first() const { return valueOf(path(), "select min(ID) from Boiler"_q).toLongLong(); }
     qint64 bytesOfFiles() const
@@ -295,20 +308,14 @@ TEST_F(Trims, NothingByARuleThatCannotBeRead)
 TEST_F(Trims, EndedAlarmsAndNoneThatLasts)
 {
     const TableName plant = table("Plant"_q);
-    options.file.profile = Profile::Durable;
-    AlarmRecorder recorder(library(), path(), options);
-    require(recorder.start());
-    recorder.createTable(plant);
-    Keep keep;
-    keep.rows = 50;
-    recorder.keep(plant, keep);
+    const auto recorder = keeping<AlarmRecorder>(plant, 50);
     for (int i = 0; i < 1000; ++i) {
         const QString object = "P%1"_q.arg(i);
-        require(recorder.raise(plant, {1, after(i), object, "high"_q, "1"_q, "2"_q, "text"_q, {}}));
+        require(recorder->raise(plant, {1, after(i), object, "high"_q, "1"_q, "2"_q, "text"_q, {}}));
         if (i % 100 != 0)
-            require(recorder.end(plant, object, "high"_q, after(i + 1)));
+            require(recorder->end(plant, object, "high"_q, after(i + 1)));
     }
-    require(recorder.flush(milliseconds(20000)));
+    require(recorder->flush(milliseconds(20000)));
     EXPECT_TRUE(eventually(
         [&] { return valueOf(path(), "select count(*) from Plant where EndDate!='' and ID<900"_q) == "0"_q; }));
     EXPECT_EQ(valueOf(path(), "select count(*) from Plant where EndDate=''"_q), "10"_q);
@@ -318,17 +325,11 @@ TEST_F(Trims, EndedAlarmsAndNoneThatLasts)
 TEST_F(Trims, NoLogThatIsYoungerThanAYear)
 {
     const TableName log = table("Actions"_q);
-    options.file.profile = Profile::Durable;
-    LogRecorder recorder(library(), path(), options);
-    require(recorder.start());
-    recorder.createTable(log);
-    Keep keep;
-    keep.rows = 10;
-    recorder.keep(log, keep);
+    const auto recorder = keeping<LogRecorder>(log, 10);
     for (int i = 0; i < 2 * 365; ++i)
-        require(recorder.record(log, {after(i * day), "user"_q, "name"_q, "message"_q}));
-    require(recorder.flush(milliseconds(20000)));
-    recorder.trimNow(log);
+        require(recorder->record(log, {after(i * day), "user"_q, "name"_q, "message"_q}));
+    require(recorder->flush(milliseconds(20000)));
+    recorder->trimNow(log);
     EXPECT_TRUE(eventually([&] { return valueOf(path(), "select count(*) from Actions"_q).toInt() <= 366; }));
     EXPECT_EQ(valueOf(path(), "select count(*) from Actions"_q), "366"_q);
     EXPECT_EQ(valueOf(path(), "select min(DATETIME) from Actions"_q).left(10), "2024-12-30"_q);
