@@ -208,10 +208,17 @@ Result<KeepFile> keepFile(SqlChannel &connection)
 // Where the rules cannot be read, nothing is removed by them either.
 Result<SumFloors> sumFloors(SqlChannel &connection, const QString &name)
 {
-    const auto file = keepFile(connection);
-    if (file)
-        return file->floors.value(name.toLower());
-    return file.error().code() == Error::TableLayout ? Result<SumFloors>(SumFloors()) : file.error();
+    const Site site = keepSite(name);
+    const auto there = isThere(connection, site);
+    if (!there && there.error().code() != Error::TableLayout)
+        return there.error();
+    if (!there || !*there)
+        return SumFloors();
+    const auto rows = connection.query(site, QStringLiteral("select FLOORS from %1 where COLLECTOR=%2 and VERSION=%3")
+                                                 .arg(QLatin1String(table), quoted(name), QString::number(version)));
+    if (!rows)
+        return rows.error();
+    return pairsOf(rows->value(0).value(0)).value_or(SumFloors());
 }
 
 Result<bool> setKeep(SqlChannel &connection, const TableName &name, const Keep &keep)

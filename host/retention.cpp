@@ -4,7 +4,6 @@
 #include "retention.h"
 
 #include "rollup_file.h"
-#include "row_text.h"
 #include "schema.h"
 
 #include <algorithm>
@@ -17,7 +16,6 @@ namespace
 
 constexpr std::chrono::seconds pauseTime{60};
 constexpr qint64 pauseRows = 1000;
-constexpr std::chrono::hours atLeastOfLogs{24 * 365};
 
 } // namespace
 
@@ -80,7 +78,6 @@ Status Retention::lookAtTables(Connection &connection)
     if (!names)
         return names.error();
     const QString id = QStringLiteral("ID,");
-    std::vector<qint64> newest;
     for (const QStringList &name : *names) {
         const QString key = name.first().toLower();
         const QString columns = layouts->value(key).join(QLatin1Char(','));
@@ -97,58 +94,43 @@ Status Retention::lookAtTables(Connection &connection)
         table.name = name.first();
         table.keep = file->tables.value(key).keep;
         table.floors = file->floors.value(key);
-        if (const Status looked = look(connection, table); !looked)
-            return looked;
         m_tables.push_back(table);
-        if (m_time.believed() || file->believed)
-            continue;
-        const auto last = connection.query(
-            keepSite(table.name), QStringLiteral("select DATETIME from %1 order by ID desc limit 1").arg(table.name));
-        if (!last)
-            return last.error();
-        TimeReader times(false);
-        if (!last->isEmpty() && last->first().first().size() >= times.length()) {
-            const LocalTime time = times.read(last->first().first().constData(), times.length());
-            if (time.isValid())
-                newest.push_back(device::secondsOf(time));
+    }
+    if (!m_time.believed()) {
+        m_notedTime = file->believed.value_or(0);
+        std::optional<qint64> believed = file->believed;
+        if (!believed) {
+            QStringList all;
+            for (const Table &table : m_tables)
+                all << table.name;
+            const auto most = timeOfMost(connection, all);
+            if (!most)
+                return most.error();
+            believed = *most;
+        }
+        m_time = PlausibleTime(believed, file->since);
+    }
+    // Only now: what a first row says depends on the time. One without a rule loses rows to a ceiling alone.
+    for (Table &table : m_tables) {
+        if (m_room.isLimited() || file->tables.contains(table.name.toLower())) {
+            if (const Status looked = look(connection, table); !looked)
+                return looked;
         }
     }
-    if (m_time.believed())
-        return {};
-    m_notedTime = file->believed.value_or(0);
-    std::optional<qint64> believed = file->believed;
-    if (!believed && !newest.empty()) { // most tables are right
-        std::nth_element(newest.begin(), newest.begin() + std::ptrdiff_t(newest.size() / 2), newest.end());
-        believed = newest[newest.size() / 2];
-    }
-    m_time = PlausibleTime(believed, file->since);
     return {};
 }
 
-Retention::Table *Retention::tableOf(const QString &name)
-{
-    auto place = m_places.constFind(name);
-    if (place == m_places.constEnd()) {
-        const auto found = std::find_if(m_tables.begin(), m_tables.end(), [&](const Table &each) {
-            return each.name.compare(name, Qt::CaseInsensitive) == 0;
-        });
-        place = m_places.insert(name, found == m_tables.end() ? -1 : int(found - m_tables.begin()));
-    }
-    return *place < 0 ? nullptr : &m_tables[size_t(*place)];
-}
-
-void Retention::stored(const Write &row, LocalTime time)
+void Retention::stored(const Write &row, LocalTime time, Clock::time_point now)
 {
     if (m_tables.empty())
         return;
     ++m_stored;
     if (time.isValid())
-        m_time.seen(device::secondsOf(time),
-                    std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - m_began).count());
-    if (Table *const table = tableOf(row.table)) {
+        m_time.seen(device::secondsOf(time), std::chrono::duration_cast<std::chrono::seconds>(now - m_began).count());
+    if (Table *const table = m_places.find(m_tables, row.table)) {
         ++table->sinceTrim;
-        ++table->last;
-        if (table->first == 0)
+        ++table->ends.last;
+        if (table->ends.first == 0)
             table->isLookedAt = false;
     }
 }
@@ -191,7 +173,7 @@ std::optional<qint64> Retention::cutoff(const Table &table) const
 // Rows from this second on stay.
 qint64 Retention::atLeastSince(const Table &table) const
 {
-    const auto atLeast = table.keep.atLeast.value_or(table.isLog ? atLeastOfLogs : std::chrono::hours(0));
+    const auto atLeast = atLeastOf(table.keep, table.isLog);
     if (atLeast.count() == 0)
         return lastSecond + 1;
     return m_time.believed().value_or(0) - secondsOf(atLeast);
@@ -211,12 +193,12 @@ bool Retention::isDue(const Table &table) const
         return true;
     if (!table.isLookedAt)
         return table.keep.age || table.keep.rows >= 0;
-    if (table.first == 0)
+    if (table.ends.first == 0)
         return false;
     const auto before = cutoff(table);
-    return (before && table.firstSeconds < *before) ||
-           (table.keep.rows >= 0 && table.first <= table.last - table.keep.rows &&
-            table.firstSeconds < atLeastSince(table));
+    return (before && table.ends.firstSeconds < *before) ||
+           (table.keep.rows >= 0 && table.ends.first <= table.ends.last - table.keep.rows &&
+            table.ends.firstSeconds < atLeastSince(table));
 }
 
 bool Retention::hearsWord()
@@ -229,7 +211,7 @@ bool Retention::hearsWord()
             table.orAt = {};
     }
     for (const QString &name : std::exchange(m_allowed, {})) {
-        if (Table *const table = tableOf(name))
+        if (Table *const table = m_places.find(m_tables, name))
             table->isAllowed = m_isUrgent = true;
     }
     return true;
@@ -250,10 +232,10 @@ Retention::Table *Retention::oldest()
     Table *oldest = nullptr;
     qint64 since = 0;
     for (Table &table : m_tables) {
-        if (isPaused(table) || (table.isLookedAt && table.first == 0))
+        if (isPaused(table) || (table.isLookedAt && table.ends.first == 0))
             continue;
-        const bool isBelieved = table.isLookedAt && table.firstSeconds <= m_time.believed().value_or(lastSecond);
-        const qint64 begins = isBelieved ? table.firstSeconds : -1;
+        const bool isBelieved = table.isLookedAt && table.ends.firstSeconds <= m_time.believed().value_or(lastSecond);
+        const qint64 begins = isBelieved ? table.ends.firstSeconds : -1;
         if (!oldest || begins < since) {
             oldest = &table;
             since = begins;

@@ -5,9 +5,11 @@
 #include "batch.h"
 #include "deadline.h"
 #include "keep_file.h"
+#include "old_rows.h"
 #include "plausible_time.h"
 #include "room.h"
 #include "shipped_file.h"
+#include "table_places.h"
 
 #include <map>
 #include <mutex>
@@ -45,7 +47,7 @@ public:
     bool isActive() const { return m_hasEntries || m_room.isLimited() || !m_isKnown; }
 
     /// A row that is in the file now.
-    void stored(const Write &row, LocalTime time);
+    void stored(const Write &row, LocalTime time, Clock::time_point now);
     /// Whether allow(), hold() or release() was called since the last time.
     bool hearsWord();
     /// Something is to be removed.
@@ -73,9 +75,7 @@ private:
         Keep keep;
         SumFloors floors;
         bool isLookedAt = false;
-        qint64 first = 0;         ///< The lowest ID that may go; 0 for none.
-        qint64 firstSeconds = -1; ///< Its time; negative if it is none.
-        qint64 last = 0;
+        TableEnds ends;
         qint64 sinceTrim = 0; ///< Rows stored.
         qint64 notBefore = 0; ///< Rows stored in the file: a try before would find nothing again.
         Clock::time_point orAt = {};
@@ -98,7 +98,6 @@ private:
     Status lookAtTables(Connection &connection);
     Status look(Connection &connection, Table &table);
     Status trimSome(Connection &connection, qint64 rows, const Through &summed);
-    Table *tableOf(const QString &name);
     std::optional<Hold> holdOn(const QString &table);
     bool isPaused(const Table &table) const;
     void pause(Table &table);
@@ -111,7 +110,7 @@ private:
     Status trimByRules(Connection &connection, Table &table, qint64 &rows, const Through &summed);
     Status trimForCeiling(Connection &connection, Table &table, qint64 &rows, const Through &summed);
     Status trimSums(Connection &connection, Table &table);
-    Result<bool> isTooMuch(Connection &connection, const Table &table, qint64 before);
+    AgingTable aging(const Table &table) const { return {table.name, table.isAlarm, m_time.believed()}; }
     Status remove(Connection &connection, Table &table, const Bounds &bounds, qint64 &rows);
     void held(Table &table, const QString &why);
 
@@ -134,7 +133,7 @@ private:
     qint64 m_wanted = 0; ///< By the caller of trim().
     size_t m_next = 0;
     std::vector<Table> m_tables;
-    QHash<QString, int> m_places;
+    TablePlaces<Table> m_places;
     std::vector<Done> m_done;
     std::vector<Error> m_troubles;
 

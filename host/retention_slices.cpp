@@ -4,7 +4,6 @@
 #include "retention.h"
 
 #include "rollup_file.h"
-#include "row_text.h"
 
 #include <algorithm>
 
@@ -18,58 +17,17 @@ constexpr std::chrono::milliseconds sliceTime{10}; // beside what the batch itse
 constexpr qint64 fewestRows = 50;
 constexpr qint64 mostRows = 5000;
 constexpr int tablesAtOnce = 16;
-constexpr qint64 evenTime = 7 * 24 * 3600;
 constexpr qint64 newestRows = 10; // that a ceiling leaves in each table, so that what fills a file is seen
-
-QString literal(qint64 seconds)
-{
-    QString text;
-    appendTime(text, timeOfSeconds(std::clamp<qint64>(seconds, 0, lastSecond)), false);
-    return quoted(text);
-}
-
-const QString &ended()
-{
-    static const QString text = QStringLiteral(" and EndDate!='' and EndTime!=''");
-    return text;
-}
 
 } // namespace
 
 Status Retention::look(Connection &connection, Table &table)
 {
-    const auto rows = connection.ask(
-        keepSite(table.name), QStringLiteral("select ID,DATETIME,(select max(ID) from %1) from %1 where ID>0%2 order "
-                                             "by ID limit 1")
-                                  .arg(table.name, table.isAlarm ? ended() : QString()));
-    if (!rows)
-        return rows.error();
+    const auto ends = endsOf(connection, aging(table));
+    if (!ends)
+        return ends.error();
     table.isLookedAt = true;
-    table.first = 0;
-    if (rows->isEmpty())
-        return {};
-    const QStringList &row = rows->first();
-    table.first = row.at(0).toLongLong();
-    table.last = row.at(2).toLongLong();
-    TimeReader times(false);
-    const LocalTime time =
-        row.at(1).size() < times.length() ? LocalTime() : times.read(row.at(1).constData(), times.length());
-    table.firstSeconds = time.isValid() ? device::secondsOf(time) : -1;
-    const qint64 believed = m_time.believed().value_or(lastSecond);
-    if (table.firstSeconds >= 0 && table.firstSeconds <= believed)
-        return {};
-    // A row from the future is as old as those that follow it.
-    const auto next = connection.ask(
-        keepSite(table.name),
-        QStringLiteral("select DATETIME from (select DATETIME from %1 where ID>=%2%3 order by ID limit 1000) where "
-                       "DATETIME>='0' and DATETIME<%4 limit 1")
-            .arg(table.name, QString::number(table.first), table.isAlarm ? ended() : QString(), literal(believed + 1)));
-    if (!next)
-        return next.error();
-    const QString text = next->isEmpty() ? QString() : next->first().first();
-    const LocalTime follows = text.size() < times.length() ? LocalTime() : times.read(text.constData(), times.length());
-    if (follows.isValid())
-        table.firstSeconds = device::secondsOf(follows);
+    table.ends = *ends;
     return {};
 }
 
@@ -176,11 +134,15 @@ Status Retention::trimByRules(Connection &connection, Table &table, qint64 &rows
     if (!may)
         return may.error();
     const qint64 before = rows;
-    if (const auto tooOld = cutoff(table); tooOld && table.firstSeconds < *tooOld) {
+    if (const auto tooOld = cutoff(table); tooOld && table.ends.firstSeconds < *tooOld) {
         // After a week without a jump the time is right, as far as anybody can tell: the device was off, or the rule
         // is new.
-        const bool isEven = *m_time.believed() - m_time.since() > evenTime;
-        const auto tooMuch = table.isAllowed || isEven ? Result<bool>(false) : isTooMuch(connection, table, *tooOld);
+        const bool mayBeMuch = table.isAllowed || isEven(*m_time.believed(), m_time.since());
+        const auto tooMuch =
+            mayBeMuch ? Result<bool>(false)
+                      // What came since the last time may push as much out: in a small table that is
+                      // a large part.
+                      : isTooMuch(connection, aging(table), table.ends, *tooOld, std::min(table.sinceTrim, m_wanted));
         if (!tooMuch)
             return tooMuch.error();
         if (*tooMuch) {
@@ -195,9 +157,10 @@ Status Retention::trimByRules(Connection &connection, Table &table, qint64 &rows
                 return done;
         }
     }
-    if (rows > 0 && table.first > 0 && table.keep.rows >= 0 && table.first <= table.last - table.keep.rows) {
+    if (rows > 0 && table.ends.first > 0 && table.keep.rows >= 0 &&
+        table.ends.first <= table.ends.last - table.keep.rows) {
         Bounds surplus = *may;
-        surplus.id = std::min(surplus.id, table.last - table.keep.rows);
+        surplus.id = std::min(surplus.id, table.ends.last - table.keep.rows);
         if (const qint64 since = atLeastSince(table); since <= lastSecond)
             surplus.before = since;
         if (const Status done = remove(connection, table, surplus, rows); !done)
@@ -215,11 +178,11 @@ Status Retention::trimForCeiling(Connection &connection, Table &table, qint64 &r
     auto may = bounds(table, summed, true);
     if (!may)
         return may.error();
-    may->id = std::min(may->id, table.last - newestRows);
+    may->id = std::min(may->id, table.ends.last - newestRows);
     if (const qint64 since = atLeastSince(table); since <= lastSecond)
         may->before = since;
     const qint64 before = rows;
-    if (table.first > 0) {
+    if (table.ends.first > 0) {
         if (const Status done = remove(connection, table, *may, rows); !done)
             return done;
     }
@@ -241,7 +204,7 @@ Status Retention::trimSums(Connection &connection, Table &table)
             continue;
         auto &now = floors[width];
         if (now > 0 && floor > now + std::max<qint64>(age / 10, 2 * 86400) && !table.isAllowed &&
-            *m_time.believed() - m_time.since() <= evenTime) {
+            !isEven(*m_time.believed(), m_time.since())) {
             held(table, QStringLiteral("more than a tenth of its sums are older than %1 h at once, as after a change "
                                        "of the clock")
                             .arg(each->count()));
@@ -255,40 +218,20 @@ Status Retention::trimSums(Connection &connection, Table &table)
     return setSumFloors(connection, keepSite(table.name), table.name, floors);
 }
 
-// Asks the rows at one place instead of counting: what is old is at the beginning of a table, as a rule.
-// What came since the last time may push as much out: in a small table that is a large part.
-Result<bool> Retention::isTooMuch(Connection &connection, const Table &table, qint64 before)
-{
-    const qint64 tenth = std::max<qint64>(1, (table.last - table.first + 1) / 10) + std::min(table.sinceTrim, m_wanted);
-    const auto rows = connection.ask(
-        keepSite(table.name),
-        QStringLiteral("select count(*),ifnull(sum(DATETIME>='0' and DATETIME<%1),0) from (select DATETIME from %2 "
-                       "where ID>=%3%4 order by ID limit 3)")
-            .arg(literal(before), table.name,
-                 QString::number(table.first + std::min(tenth, std::numeric_limits<qint64>::max() - table.first)),
-                 table.isAlarm ? ended() : QString()));
-    if (!rows)
-        return rows.error();
-    const QStringList &counts = rows->first();
-    return counts.at(1).toInt() * 2 > counts.at(0).toInt();
-}
-
-// Rows whose times cannot be believed go with those around them.
 Status Retention::remove(Connection &connection, Table &table, const Bounds &bounds, qint64 &rows)
 {
     const Site site = keepSite(table.name);
-    if (table.first > bounds.id)
+    if (table.ends.first > bounds.id)
         return {};
-    const QString also = table.isAlarm ? ended() : QString();
-    QString window =
-        QStringLiteral("select ID,DATETIME from %1 where ID>=%2 and ID<=%3%4 order by ID limit %5")
-            .arg(table.name, QString::number(table.first), QString::number(bounds.id), also, QString::number(rows));
+    const QString also = mayGo(aging(table));
+    QString window = QStringLiteral("select ID,DATETIME from %1 where ID>=%2 and ID<=%3%4 order by ID limit %5")
+                         .arg(table.name, QString::number(table.ends.first), QString::number(bounds.id), also,
+                              QString::number(rows));
     QString condition = also;
     if (bounds.before) {
-        const QString before = literal(*bounds.before);
+        const QString before = timeLiteral(*bounds.before);
         window = QStringLiteral("select ID,DATETIME from (%1) where DATETIME>='0' and DATETIME<%2").arg(window, before);
-        condition += QStringLiteral(" and not (+DATETIME>=%1 and +DATETIME<%2)")
-                         .arg(before, literal(m_time.believed().value_or(lastSecond) + 1));
+        condition += goesBefore(aging(table), *bounds.before);
     }
     const auto end =
         connection.ask(site, QStringLiteral("select ID,DATETIME from (%1) order by ID desc limit 1").arg(window));
@@ -299,7 +242,7 @@ Status Retention::remove(Connection &connection, Table &table, const Bounds &bou
     const qint64 through = end->first().at(0).toLongLong();
     if (const Status done = connection.run(
             site, QStringLiteral("delete from %1 where ID>=%2 and ID<=%3%4")
-                      .arg(table.name, QString::number(table.first), QString::number(through), condition));
+                      .arg(table.name, QString::number(table.ends.first), QString::number(through), condition));
         !done)
         return done;
     const auto changes = connection.ask(site, QStringLiteral("select changes()"));
@@ -307,7 +250,7 @@ Status Retention::remove(Connection &connection, Table &table, const Bounds &bou
         return changes.error();
     const qint64 removed = changes->first().first().toLongLong();
     rows -= removed;
-    const qint64 unshipped = std::clamp<qint64>(through - std::max(bounds.shipped, table.first - 1), 0, removed);
+    const qint64 unshipped = std::clamp<qint64>(through - std::max(bounds.shipped, table.ends.first - 1), 0, removed);
     if (m_done.empty() || m_done.back().table != &table)
         m_done.push_back({&table, {table.name, 0, 0, 0, QString()}, table.sinceTrim});
     TrimmedRows &all = m_done.back().rows;
@@ -322,13 +265,10 @@ void Retention::held(Table &table, const QString &why)
 {
     if (std::exchange(table.isHeld, true))
         return;
-    m_troubles.push_back(
-        keepSite(table.name)
-            .error(
-                Error::Failed,
-                why +
-                    QStringLiteral(
-                        "; nothing is removed by age until trimNow() allows it or the time goes on for a week without a jump")));
+    const QString until =
+        QStringLiteral("; nothing is removed by age until trimNow() allows it or the time goes on for "
+                       "a week without a jump");
+    m_troubles.push_back(keepSite(table.name).error(Error::Failed, why + until));
 }
 
 } // namespace device

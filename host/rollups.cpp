@@ -43,16 +43,7 @@ Status Rollups::open(Connection &connection)
 
 Rollups::Table *Rollups::tableOf(const QString &name)
 {
-    if (m_tables.empty())
-        return nullptr;
-    auto place = m_places.constFind(name);
-    if (place == m_places.constEnd()) {
-        const auto found = std::find_if(m_tables.begin(), m_tables.end(), [&](const Table &each) {
-            return each.name.compare(name, Qt::CaseInsensitive) == 0;
-        });
-        place = m_places.insert(name, found == m_tables.end() ? -1 : int(found - m_tables.begin()));
-    }
-    return *place < 0 ? nullptr : &m_tables[size_t(*place)];
+    return m_tables.empty() ? nullptr : m_places.find(m_tables, name);
 }
 
 void Rollups::stored(const Write &row)

@@ -5,6 +5,7 @@
 #include "batch.h"
 #include "deadline.h"
 #include "rollup_file.h"
+#include "table_places.h"
 #include "time_text.h"
 
 #include <vector>
@@ -70,8 +71,8 @@ private:
     qint64 m_rowsOfASlice = 5000;
     size_t m_next = 0; ///< Of m_tables: who comes first when not all can be written at once.
     std::vector<Table> m_tables;
-    QHash<QString, int> m_places; ///< In m_tables, or -1; by the names that rows come with.
-    QVector<qint64> m_gone;       ///< Numbers whose buckets nobody needs.
+    TablePlaces<Table> m_places;
+    QVector<qint64> m_gone; ///< Numbers whose buckets nobody needs.
     std::optional<Error> m_trouble;
 };
 

@@ -19,7 +19,6 @@ namespace
 
 constexpr qint64 pagesOfEveryBatch = 600; // interior pages, the list of free ones, sums of trends
 constexpr qint64 pagesOfARow = 2;         // of the table and of the index
-constexpr qint64 removedPerRow = 2;       // so that a file that is too full becomes emptier, see Retention
 constexpr qint64 pagesOfAFile = 256;      // below that a ceiling is a mistake
 constexpr qint64 lastPages = 128;
 constexpr qint64 memoryOfALog = 32768; // for every 4,096 pages of it, about
@@ -27,7 +26,7 @@ constexpr qint64 bytesOfAByte = 2;     // in memory two for a character, in the 
 
 qint64 pagesOfABatch(qint64 rows)
 {
-    return rows * (pagesOfARow + removedPerRow) + pagesOfEveryBatch;
+    return rows * (pagesOfARow + Room::removedPerRow) + pagesOfEveryBatch;
 }
 
 // In front of a batch the log may have what leads to a checkpoint, and one batch more.
@@ -45,13 +44,6 @@ qint64 sizeOf(const QString &path)
 {
     struct stat found;
     return ::stat(QFile::encodeName(path).constData(), &found) == 0 ? qint64(found.st_size) : 0;
-}
-
-// Beside the file itself, as SQLite has it, when the path is a symbolic link.
-QString logOf(const Connection &connection)
-{
-    return QFileInfo(connection.path()).canonicalFilePath() +
-           QLatin1String(connection.writesAhead() ? "-wal" : "-journal");
 }
 
 bool overwritesInPlace(const QString &path)
@@ -98,6 +90,8 @@ Status Room::check(const Site &site, const RecorderOptions &options, const QStri
 
 Status Room::open(Connection &connection, const std::function<bool()> &cancelled)
 {
+    m_path = QFileInfo(connection.path()).canonicalFilePath();
+    m_logPath = m_path + QLatin1String(connection.writesAhead() ? "-wal" : "-journal");
     if (!isLimited())
         return {};
     const Site site{QStringLiteral("prepare %1").arg(connection.path()), QString()};
@@ -126,7 +120,7 @@ Status Room::open(Connection &connection, const std::function<bool()> &cancelled
         if (const auto set = connection.query(site, pragma); !set)
             return set.error();
     }
-    look(connection);
+    look();
     if (!fits(m_batchRows))
         (void)startLogAnew(connection);
     if (m_options.reserve) {
@@ -136,7 +130,7 @@ Status Room::open(Connection &connection, const std::function<bool()> &cancelled
     const auto pages = connection.pageCounts();
     if (!pages)
         return pages.error();
-    measure(connection, *pages);
+    measure(*pages);
     return {};
 }
 
@@ -174,7 +168,7 @@ Status Room::makeWhole(Connection &connection, const std::function<bool()> &canc
         if (cancelled())
             return site.error(Error::Cancelled, QStringLiteral("cancelled"));
         const auto done = connection.change(site, statements);
-        look(connection);
+        look();
         if (!done)
             return done.error();
         return fits(0) ? Status() : startLogAnew(connection);
@@ -229,22 +223,22 @@ Status Room::makeLogWhole(Connection &connection)
         return !version ? version.error() : syncs.error();
     Status done = connection.alone(site, QStringLiteral("pragma synchronous=off"));
     const int pages = connection.options().checkpointPages - 1; // the next one would be a checkpoint
-    for (int i = 0; done && i < pages && sizeOf(logOf(connection)) < (pages - 1) * pageInLog(); ++i)
+    for (int i = 0; done && i < pages && sizeOf(m_logPath) < (pages - 1) * pageInLog(); ++i)
         done = connection.alone(site, QStringLiteral("pragma user_version=%1").arg(*version));
     const Status again = connection.alone(site, QStringLiteral("pragma synchronous=%1").arg(*syncs));
-    look(connection);
+    look();
     return done ? again : done;
 }
 
-void Room::look(const Connection &connection)
+void Room::look()
 {
-    m_fileBytes = sizeOf(QFileInfo(connection.path()).canonicalFilePath());
-    m_logBytes = sizeOf(logOf(connection));
+    m_fileBytes = sizeOf(m_path);
+    m_logBytes = sizeOf(m_logPath);
 }
 
-void Room::measure(const Connection &connection, const PageCounts &pages)
+void Room::measure(const PageCounts &pages)
 {
-    look(connection);
+    look();
     m_freePages = m_filePages - pages.pages + pages.free;
     // Two batches as large as they usually are, and something for the sums of trends.
     m_wantedPages = std::min<qint64>(m_filePages / 4, 2 * m_batchRows / 20 + 100);
@@ -264,7 +258,7 @@ Status Room::prepare(Connection &connection, qint64 rows, qint64 bytes)
 {
     if (!isLimited())
         return {};
-    look(connection);
+    look();
     return fits(rows, bytes) ? Status() : startLogAnew(connection);
 }
 

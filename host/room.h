@@ -19,6 +19,8 @@ namespace device
 class Room
 {
 public:
+    static constexpr qint64 removedPerRow = 2; ///< So that a file that is too full becomes emptier.
+
     Room(const RetentionOptions &options, int batchRows) : m_options(options), m_batchRows(batchRows) {}
 
     bool isLimited() const { return m_options.ceiling > 0; }
@@ -31,7 +33,7 @@ public:
     /// Sets the limits of the connection. With a reserve, makes the file whole, until `cancelled`.
     Status open(Connection &connection, const std::function<bool()> &cancelled);
     /// After a transaction: looks how large everything is now.
-    void measure(const Connection &connection, const PageCounts &pages);
+    void measure(const PageCounts &pages);
 
     qint64 fileBytes() const { return m_fileBytes; }
     qint64 logBytes() const { return m_logBytes; }
@@ -65,10 +67,12 @@ private:
     Status limit(Connection &connection, qint64 pages) const;
     Status makeLogWhole(Connection &connection);
     Status makeWhole(Connection &connection, const std::function<bool()> &cancelled);
-    void look(const Connection &connection);
+    void look();
 
     const RetentionOptions m_options;
     const int m_batchRows;
+    QString m_path; ///< Of the file itself, where the log has its name from when the path is a symbolic link.
+    QString m_logPath;
     qint64 m_pageSize = 4096;
     qint64 m_filePages = 0; ///< The limit.
     qint64 m_logLimit = 0;

@@ -158,7 +158,6 @@ private:
     static constexpr std::chrono::milliseconds retryPause{100};
     static constexpr std::chrono::milliseconds retentionPause{60000}; ///< Nothing could go.
     static constexpr std::chrono::seconds quietTime{2};               ///< Without rows for so long, old rows go alone.
-    static constexpr qint64 removedPerRow = 2;                        ///< So that a file that is too full empties.
     static thread_local const Worker *t_ofThisThread; ///< A call that would wait for itself is known by it.
 
     Recorder *const m_recorder;

@@ -153,7 +153,7 @@ void Recorder::Worker::keepRows()
         m_fileIsMissed = true;
     }
     if (const auto pages = m_connection->pageCounts(false); done && pages)
-        m_retention.room().measure(*m_connection, *pages);
+        m_retention.room().measure(*pages);
     const bool goesOn = done && tellOfRetention() > 0;
     m_nextRetention = Clock::now() + (goesOn ? std::chrono::milliseconds(0) : done ? retentionPause : retryPause);
 }
@@ -185,12 +185,12 @@ Status Recorder::Worker::makeRoomInFile()
         const auto pages = m_connection->pageCounts();
         if (!pages)
             return pages.error();
-        m_retention.room().measure(*m_connection, *pages);
+        m_retention.room().measure(*pages);
         m_retention.room().need(qint64(m_batch.size()), bytesOfBatch());
         if (!m_retention.room().isShort())
             return {};
         const Status done = m_connection->transaction(
-            site, [this] { return trim(*m_connection, removedPerRow * qint64(m_batch.size())); });
+            site, [this] { return trim(*m_connection, Room::removedPerRow * qint64(m_batch.size())); });
         if (!done)
             return done;
         if (tellOfRetention() > 0)

@@ -320,6 +320,7 @@ void Recorder::Worker::settleBatch()
         m_room.notify_all();
     }
     std::map<QString, int> storedRows;
+    const auto now = Clock::now();
     for (size_t i = 0; i < batch.size(); ++i) {
         const Item &item = batch[i];
         if (refused[i]) {
@@ -332,7 +333,7 @@ void Recorder::Worker::settleBatch()
         if (item.isRow()) {
             ++storedRows[item.write.table];
             m_rollups.stored(item.write);
-            m_retention.stored(item.write, item.time);
+            m_retention.stored(item.write, item.time, now);
         } else {
             m_tables.push_back(item.write);
             m_retention.lookAgain();
@@ -351,7 +352,7 @@ void Recorder::Worker::settleBatch()
     // Asked once and after the reports: it is a figure, and another program may hold a lock by now.
     const auto pages = m_connection->pageCounts(false);
     if (pages)
-        m_retention.room().measure(*m_connection, *pages);
+        m_retention.room().measure(*pages);
     m_lastStored = Clock::now();
     m_nextRetention = {};
     const std::lock_guard lock(m_mutex);
@@ -371,7 +372,7 @@ Status Recorder::Worker::tryToStore()
     m_tried.after = nullptr;
     if (m_rollupsAreKnown && m_retention.isDue())
         m_tried.after = [this](Connection &connection) {
-            return trim(connection, removedPerRow * qint64(m_batch.size()));
+            return trim(connection, Room::removedPerRow * qint64(m_batch.size()));
         };
     return store(*m_connection, {QStringLiteral("record"), QString()}, m_tried);
 }

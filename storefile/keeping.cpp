@@ -8,12 +8,11 @@
 #include "device/table_name.h"
 
 #include "host/bucket.h"
-#include "host/time_text.h"
+#include "host/old_rows.h"
 
 #include <algorithm>
 #include <limits>
 #include <utility>
-#include <vector>
 
 namespace device_db
 {
@@ -27,7 +26,6 @@ struct Unit {
 };
 constexpr Unit units[] = {{'h', 1}, {'d', 24}, {'w', 24 * 7}, {'y', 24 * 365}};
 
-constexpr std::chrono::hours leastOfLogs{24 * 365};
 constexpr qint64 highest = std::numeric_limits<qint64>::max();
 
 qint64 secondsIn(std::chrono::hours span)
@@ -35,39 +33,19 @@ qint64 secondsIn(std::chrono::hours span)
     return std::chrono::seconds(span).count();
 }
 
-// In seconds; negative for what is not a time.
-qint64 secondsOf(const QByteArray &cell)
-{
-    device::TimeReader times(false);
-    if (cell.size() < times.length())
-        return -1;
-    const device::LocalTime time = times.read(cell.constData(), times.length());
-    return time.isValid() ? device::secondsOf(time) : -1;
-}
-
-QByteArray literal(qint64 seconds)
-{
-    return '\'' + timeOfTrend(std::clamp<qint64>(seconds, 0, device::lastSecond)) + '\'';
-}
-
-// As a recorder begins: what the file says, or the time of most tables, because most are right.
-Status believe(const Database &database, Keeping &keeping)
+// As a recorder begins.
+Status believe(RollupChannel &channel, Keeping &keeping)
 {
     keeping.believed = keeping.file.believed;
     if (keeping.believed)
         return {};
-    std::vector<qint64> newest;
-    for (const Table &table : std::as_const(keeping.tables)) {
-        const auto last = database.text("select DATETIME from " + identifier(table.name) + " order by ID desc limit 1");
-        if (!last)
-            return last.error();
-        if (const qint64 seconds = secondsOf(*last); seconds >= 0)
-            newest.push_back(seconds);
-    }
-    if (newest.empty())
-        return {};
-    std::nth_element(newest.begin(), newest.begin() + std::ptrdiff_t(newest.size() / 2), newest.end());
-    keeping.believed = newest[newest.size() / 2];
+    QStringList tables;
+    for (const Table &table : std::as_const(keeping.tables))
+        tables << table.name;
+    const auto most = device::timeOfMost(channel, tables);
+    if (!most)
+        return most.error();
+    keeping.believed = *most;
     return {};
 }
 
@@ -75,116 +53,100 @@ Status believe(const Database &database, Keeping &keeping)
 class Outlook
 {
 public:
-    Outlook(const Database &database, const Table &table, const device::Keep &keep, std::optional<qint64> believed)
+    Outlook(const Database &database, const Keeping &keeping, const Table &table, const device::Keep &keep)
         : m_database(database),
+          m_channel(database),
+          m_table{table.name, table.kind == Kind::Alarms, keeping.believed},
           m_name(identifier(table.name)),
-          m_ended(table.kind == Kind::Alarms ? " and EndDate!='' and EndTime!=''" : ""),
-          m_keep(keep),
-          m_believed(believed)
+          m_mayGo(device::mayGo(m_table).toUtf8()),
+          m_keep(keep)
     {
         const auto least = leastOf(table.kind, keep);
-        m_stayFrom = least.count() == 0 ? device::lastSecond + 1 : believed.value_or(0) - secondsIn(least);
-        if (keep.age && believed)
-            m_cutoff = *believed - secondsIn(*keep.age);
+        const qint64 believed = keeping.believed.value_or(0);
+        m_stayFrom = least.count() == 0 ? device::lastSecond + 1 : believed - secondsIn(least);
+        m_mayBeMuch = device::isEven(believed, keeping.file.since.value_or(believed));
+        if (keep.age && keeping.believed)
+            m_cutoff = believed - secondsIn(*keep.age);
     }
 
     Status look();
     qint64 rows() const { return m_rows; }
-    Result<bool> isTooMuch() const;
+    Result<bool> isTooMuch();
     /// The rows up to an ID that go.
     Result<qint64> going(qint64 through, bool byAge) const;
 
 private:
     Result<qint64> lastBefore(qint64 second, qint64 through) const;
-    QByteArray notYounger(qint64 than) const;
+    QByteArray goesBefore(qint64 second) const { return device::goesBefore(m_table, second).toUtf8(); }
 
     const Database &m_database;
+    RollupChannel m_channel;
+    const device::AgingTable m_table;
     const QByteArray m_name;
-    const QByteArray m_ended;
+    const QByteArray m_mayGo;
     const device::Keep &m_keep;
-    const std::optional<qint64> m_believed;
     qint64 m_stayFrom = 0; ///< Rows from this second on stay.
+    bool m_mayBeMuch = false;
     std::optional<qint64> m_cutoff;
     qint64 m_rows = 0;
-    qint64 m_first = 0; ///< The lowest ID that may go, 0 for none.
-    qint64 m_firstSeconds = -1;
-    qint64 m_last = 0;
+    device::TableEnds m_ends;
 };
 
 Status Outlook::look()
 {
     const auto rows = m_database.number("select count(*) from " + m_name);
-    const auto last = m_database.number("select max(ID) from " + m_name);
-    auto first =
-        m_database.prepare("select ID,DATETIME from " + m_name + " where ID>0" + m_ended + " order by ID limit 1");
-    if (!rows || !last || !first)
-        return !rows ? rows.error() : !last ? last.error() : first.error();
+    const auto ends = device::endsOf(m_channel, m_table);
+    if (!rows || !ends)
+        return !rows ? rows.error() : ends.error();
     m_rows = *rows;
-    m_last = *last;
-    if (first->step()) {
-        m_first = first->number(0);
-        m_firstSeconds = secondsOf(first->cell(1));
-    }
-    return first->status();
+    m_ends = *ends;
+    return {};
 }
 
-// Asked at one place, as the recorder does, and not counted.
-Result<bool> Outlook::isTooMuch() const
+Result<bool> Outlook::isTooMuch()
 {
-    if (!m_cutoff || m_first == 0 || m_firstSeconds >= *m_cutoff)
+    if (!m_cutoff || m_ends.first == 0 || m_ends.firstSeconds >= *m_cutoff || m_mayBeMuch)
         return false;
-    const qint64 tenth = std::min(std::max<qint64>(1, (m_last - m_first + 1) / 10), highest - m_first);
-    return m_database
-        .number("select ifnull(sum(DATETIME>='0' and DATETIME<" + literal(*m_cutoff) +
-                "),0)*2>count(*) from (select DATETIME from " + m_name +
-                " where ID>=" + QByteArray::number(m_first + tenth) + m_ended + " order by ID limit 3)")
-        .map([](qint64 isSo) { return isSo != 0; });
+    return device::isTooMuch(m_channel, m_table, m_ends, *m_cutoff, 0);
 }
 
 Result<qint64> Outlook::lastBefore(qint64 second, qint64 through) const
 {
     return m_database.number("select ifnull(max(ID),0) from " + m_name + " not indexed where ID between " +
-                             QByteArray::number(m_first) + " and " + QByteArray::number(through) + m_ended +
-                             " and DATETIME>='0' and DATETIME<" + literal(second));
-}
-
-// Rows whose times cannot be believed go with those around them.
-QByteArray Outlook::notYounger(qint64 than) const
-{
-    return " and not (+DATETIME>=" + literal(than) + " and +DATETIME<" +
-           literal(m_believed.value_or(device::lastSecond) + 1) + ')';
+                             QByteArray::number(m_ends.first) + " and " + QByteArray::number(through) + m_mayGo +
+                             " and DATETIME>='0' and DATETIME<" + device::timeLiteral(second).toUtf8());
 }
 
 Result<qint64> Outlook::going(qint64 through, bool byAge) const
 {
-    if (m_first == 0)
+    if (m_ends.first == 0)
         return 0;
     QByteArray condition;
     const auto add = [&](qint64 last, const QByteArray &also) {
         condition += (condition.isEmpty() ? "(ID<=" : " or (ID<=") + QByteArray::number(last) + also + ')';
     };
-    if (byAge && m_cutoff && m_firstSeconds < *m_cutoff) {
+    if (byAge && m_cutoff && m_ends.firstSeconds < *m_cutoff) {
         const qint64 before = std::min(*m_cutoff, m_stayFrom);
         const auto last = lastBefore(before, through);
         if (!last)
             return last;
-        add(*last, notYounger(before));
+        add(*last, goesBefore(before));
     }
-    if (m_keep.rows >= 0 && m_first <= m_last - m_keep.rows && m_firstSeconds < m_stayFrom) {
-        const qint64 surplus = std::min(through, m_last - m_keep.rows);
+    if (m_keep.rows >= 0 && m_ends.first <= m_ends.last - m_keep.rows && m_ends.firstSeconds < m_stayFrom) {
+        const qint64 surplus = std::min(through, m_ends.last - m_keep.rows);
         if (m_stayFrom > device::lastSecond) {
             add(surplus, QByteArray());
         } else {
             const auto last = lastBefore(m_stayFrom, surplus);
             if (!last)
                 return last;
-            add(*last, notYounger(m_stayFrom));
+            add(*last, goesBefore(m_stayFrom));
         }
     }
     if (condition.isEmpty())
         return 0;
     return m_database.number("select count(*) from " + m_name + " not indexed where ID>=" +
-                             QByteArray::number(m_first) + m_ended + " and (" + condition + ')');
+                             QByteArray::number(m_ends.first) + m_mayGo + " and (" + condition + ')');
 }
 
 } // namespace
@@ -237,7 +199,7 @@ QString keepText(const device::Keep &keep)
 
 std::chrono::hours leastOf(Kind kind, const device::Keep &keep)
 {
-    return keep.atLeast.value_or(kind == Kind::Log ? leastOfLogs : std::chrono::hours(0));
+    return device::atLeastOf(keep, kind == Kind::Log);
 }
 
 Result<device::KeepFile> keepFileOf(const Database &database)
@@ -281,7 +243,8 @@ Result<Keeping> keepingOf(const Database &database, const QString &path)
             keeping.tables << table;
     }
     keeping.shipped.look();
-    if (const Status believed = believe(database, keeping); !believed)
+    RollupChannel channel(database);
+    if (const Status believed = believe(channel, keeping); !believed)
         return believed.error();
     return keeping;
 }
@@ -289,7 +252,7 @@ Result<Keeping> keepingOf(const Database &database, const QString &path)
 Result<KeepOutlook> outlookOf(const Database &database, const Keeping &keeping, const Table &table,
                               const device::Keep &keep)
 {
-    Outlook outlook(database, table, keep, keeping.believed);
+    Outlook outlook(database, keeping, table, keep);
     if (const Status looked = outlook.look(); !looked)
         return looked.error();
     const auto tooMuch = outlook.isTooMuch();

@@ -102,6 +102,7 @@ TEST_F(Keeps, SaysWhatARecorderThenRemoves)
         {"T1", {"--age"_q, "80d"_q}, "update T1 set DATETIME='soon' where ID=40", "", 79},
         {"T1", {"--age"_q, "80d"_q}, "update T1 set DATETIME='2024-03-01 00:00:00' where ID=40", "", 78},
         {"T1", {"--age"_q, "80d"_q}, "update T1 set DATETIME='2099-03-01 00:00:00' where ID=40", "", 79},
+        {"T1", {"--age"_q, "80d"_q}, "update T1 set DATETIME='2099-03-01 00:00:00' where ID=1", "", 79},
         {"T1", {"--rows"_q, "1500"_q}, "", "", 500},
         {"T1", {"--rows"_q, "1500"_q, "--at-least"_q, "80d"_q}, "", "", 79},
         {"T1", {"--rows"_q, "1900"_q, "--age"_q, "80d"_q}, "", "", 100},
@@ -146,6 +147,16 @@ TEST_F(Keeps, SaysWhenARecorderWouldHoldAnAge)
     EXPECT_EQ(shown("T1"_q).value("goes_now"_q).toInt(), 0);
     EXPECT_EQ(shown("T1"_q).value("held_as_too_many"_q).toInt(), 1279);
     EXPECT_EQ(leftByRecorder("T1", 2001), 2001);
+}
+
+TEST_F(Keeps, SaysWhatGoesOnceTheTimeHasGoneOnForAWeek)
+{
+    makeFile();
+    EXPECT_EQ(keep({"T1"_q, "--age"_q, "30d"_q}).exitCode, 0);
+    sql("insert into \"device keep\" values('',NULL,NULL,NULL,'','',0,0,1,'2024-03-24 07:00:00',1)");
+    EXPECT_EQ(shown("T1"_q).value("goes_now"_q).toInt(), 1279);
+    EXPECT_EQ(shown("T1"_q).value("held_as_too_many"_q).toInt(), 0);
+    EXPECT_EQ(leftByRecorder("T1", 2001 - 1279), 2001 - 1279);
 }
 
 TEST_F(Keeps, ChangesOnlyTheRulesThatAreNamed)
