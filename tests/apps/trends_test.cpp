@@ -50,9 +50,11 @@ protected:
     {
         std::istringstream one(a), other(b);
         for (std::string x, y;; x.clear(), y.clear()) {
-            const bool more = bool(std::getline(one, x)) | bool(std::getline(other, y));
-            if (!more || x != y)
-                return more ? x + " instead of " + y : std::string();
+            const bool first = bool(std::getline(one, x)), second = bool(std::getline(other, y));
+            if (x != y)
+                return x + " instead of " + y;
+            if (!first && !second)
+                return {};
         }
     }
 };
