@@ -15,6 +15,8 @@ constexpr qint64 firstDay = 1721426; // the Julian day of 0001-01-01
 constexpr qint64 secondsOfDay = 86400;
 constexpr qint64 longestNumber = 64;
 constexpr qint64 mostRows = 1LL << 40; // in a bucket: sums of them stay far from the end of the type
+constexpr char sameAsLowest[] = "-";   // in place of a point
+constexpr char sameAsHighest[] = "+";
 
 // Whether the point comes before: of equal ones the earlier, of equally early ones the one that is there already.
 bool isLower(double value, qint64 time, const Bucket::Point &than)
@@ -25,6 +27,11 @@ bool isLower(double value, qint64 time, const Bucket::Point &than)
 bool isHigher(double value, qint64 time, const Bucket::Point &than)
 {
     return value > than.value || (value == than.value && time < than.time);
+}
+
+bool isSame(const Bucket::Point &a, const Bucket::Point &b)
+{
+    return a.time == b.time && a.text == b.text;
 }
 
 // Takes the fields of a bucket's text one by one.
@@ -55,12 +62,13 @@ public:
         value = 0;
         return m_isThere && (field.empty() || isNumber(field, value));
     }
-    /// Rows, and after a slash how many of them are numbers if not all are.
-    bool counts(qint64 &rows, qint64 &numbers)
+    /// Rows, nothing if there is one for each second, and after a slash how many of them are numbers if not all are.
+    bool counts(qint64 &rows, qint64 &numbers, qint64 seconds)
     {
         const std::string_view field = text();
         const size_t slash = std::min(field.find('/'), field.size());
-        if (!isNumber(field.substr(0, slash), rows))
+        rows = seconds;
+        if (slash > 0 && !isNumber(field.substr(0, slash), rows))
             return false;
         numbers = rows;
         return (slash == field.size() || isNumber(field.substr(slash + 1), numbers)) && numbers >= 0 && rows >= 1 &&
@@ -134,12 +142,13 @@ void Bucket::add(const Bucket &other)
     addNumbers(other.m_numbers, seen(other.m_lowest), seen(other.m_highest), seen(other.m_first), seen(other.m_last));
 }
 
-bool Bucket::add(const char *begin, const char *end, qint64 start)
+bool Bucket::add(const char *begin, const char *end, TimeSpan span)
 {
     Fields fields(begin, end);
+    const qint64 seconds = span.end - span.begin;
     qint64 rows = 0;
     qint64 numbers = 0;
-    if (!fields.counts(rows, numbers))
+    if (!fields.counts(rows, numbers, seconds))
         return false;
     double sum = 0;
     Seen points[4] = {};
@@ -147,12 +156,23 @@ bool Bucket::add(const char *begin, const char *end, qint64 start)
         if (!fields.number(sum))
             return false;
         for (Seen &point : points) {
-            point.text = fields.text();
-            const auto value = number(QByteArray::fromRawData(point.text.data(), int(point.text.size())));
-            if (!value || !fields.number(point.time) || point.time < 0 || point.time >= secondsOfDay)
+            const std::string_view text = fields.text();
+            const bool isLowest = text == sameAsLowest && &point > &points[0];
+            if (isLowest || (text == sameAsHighest && &point > &points[1])) {
+                point = points[isLowest ? 0 : 1];
+                continue;
+            }
+            const auto value = number(QByteArray::fromRawData(text.data(), int(text.size())));
+            if (!value)
                 return false;
-            point.time += start;
             point.value = *value;
+            point.text = text;
+            point.time = seconds - 1;
+            if (!(&point == &points[3] && fields.atEnd()) && !fields.number(point.time))
+                return false;
+            if (point.time < 0 || point.time >= seconds)
+                return false;
+            point.time += span.begin;
         }
     }
     if (!fields.atEnd())
@@ -196,18 +216,31 @@ void Bucket::addToSum(double value)
     m_sum = sum;
 }
 
-QByteArray Bucket::text(qint64 start) const
+// What follows from the rest is left out: the buckets of ten seconds are what a trend takes most room for.
+QByteArray Bucket::text(TimeSpan span) const
 {
-    QByteArray text = QByteArray::number(m_rows);
+    QByteArray text;
+    if (m_rows != span.end - span.begin)
+        text += QByteArray::number(m_rows);
     if (m_numbers != m_rows)
         text += '/' + QByteArray::number(m_numbers);
     if (m_numbers == 0)
         return text;
     text += ';' + numberText(sum()).toLatin1();
     for (const Point *point : {&m_lowest, &m_highest, &m_first, &m_last}) {
-        text += ';' + QByteArray::fromStdString(point->text) + ';';
-        if (point->time != start)
-            text += QByteArray::number(point->time - start);
+        text += ';';
+        if (point != &m_lowest && isSame(*point, m_lowest)) {
+            text += sameAsLowest;
+        } else if (point != &m_lowest && point != &m_highest && isSame(*point, m_highest)) {
+            text += sameAsHighest;
+        } else {
+            text.append(point->text.data(), int(point->text.size()));
+            if (point == &m_last && point->time == span.end - 1)
+                continue;
+            text += ';';
+            if (point->time != span.begin)
+                text += QByteArray::number(point->time - span.begin);
+        }
     }
     return text;
 }

@@ -43,8 +43,8 @@ public:
     void add(qint64 time, const QChar *value, qint64 size);
     /// Samples that were recorded after those that are here, or in another span.
     void add(const Bucket &other);
-    /// The same for a bucket that text() wrote; false, and nothing added, if it is none.
-    bool add(const char *begin, const char *end, qint64 start);
+    /// The same for a bucket of this span that text() wrote; false, and nothing added, if it is none.
+    bool add(const char *begin, const char *end, TimeSpan span);
 
     qint64 rows() const { return m_rows; }
     qint64 numbers() const { return m_numbers; }
@@ -55,8 +55,8 @@ public:
     const Point &first() const { return m_first; }
     const Point &last() const { return m_last; }
 
-    /// All of it in one line of ASCII, times as seconds from `start`, at which the span begins.
-    QByteArray text(qint64 start) const;
+    /// All of it in one line of ASCII, for the span that the samples are of. Never empty.
+    QByteArray text(TimeSpan span) const;
 
 private:
     struct Seen {

@@ -99,7 +99,7 @@ class NewBuckets
 public:
     void add(qint64 number, qint64 width, qint64 start, const Bucket &bucket)
     {
-        m_buckets.push_back({bucketKey(number, width, start), start, &bucket});
+        m_buckets.push_back({bucketKey(number, width, start), {start, start + width}, &bucket});
     }
     /// Adds them to those that are in the file.
     Status write(SqlChannel &connection, const Site &site) const;
@@ -107,7 +107,7 @@ public:
 private:
     struct Each {
         qint64 key;
-        qint64 start;
+        TimeSpan span;
         const Bucket *bucket;
     };
     using Some = std::vector<Each>::const_iterator;
@@ -146,10 +146,10 @@ Status NewBuckets::write(SqlChannel &connection, const Site &site, Some begin, S
         const QString &key = keys.at(int(each - begin));
         Bucket all;
         if (const auto there = inFile.constFind(key);
-            there != inFile.constEnd() && !all.add(there->constData(), there->constData() + there->size(), each->start))
+            there != inFile.constEnd() && !all.add(there->constData(), there->constData() + there->size(), each->span))
             return site.error(Error::Failed, QStringLiteral("bucket %1 of its trend cannot be read").arg(key));
         all.add(*each->bucket);
-        sql += '(' + key.toLatin1() + ",'" + all.text(each->start) + "'),";
+        sql += '(' + key.toLatin1() + ",'" + all.text(each->span) + "'),";
     }
     sql.chop(1);
     return connection.run(site, QString::fromLatin1(sql));
@@ -178,7 +178,8 @@ Status addToWider(SqlChannel &connection, const Site &site, const RollupState &s
             const qint64 start =
                 closed + (row.at(0).toLongLong() - bucketKey(state.number, narrower, closed)) * narrower;
             const QByteArray text = row.at(1).toUtf8();
-            if (!wider[start / width * width].add(text.constData(), text.constData() + text.size(), start))
+            if (!wider[start / width * width].add(text.constData(), text.constData() + text.size(),
+                                                  {start, start + narrower}))
                 return site.error(Error::Failed,
                                   QStringLiteral("bucket %1 of its trend cannot be read").arg(row.at(0)));
         }

@@ -200,7 +200,7 @@ Status TrendReading::readLevel(const Spans &spans, int level)
         }
         if (start < m_firstRow)
             m_columns->setInexact(start);
-        return m_columns->at(start).add(text, stop, start);
+        return m_columns->at(start).add(text, stop, {start, start + width});
     };
     if (const Status done = buckets(whole, width, add); !done)
         return done;
@@ -293,7 +293,7 @@ Status TrendReading::readRowsOrBuckets(const Spans &whole, const Spans &wanted)
     std::set<qint64> shown; // whose rows are no longer all there
     const auto look = [&](qint64 start, const char *text, const char *stop) {
         Bucket bucket;
-        if (!bucket.add(text, stop, start))
+        if (!bucket.add(text, stop, {start, start + width}))
             return false;
         if (rowsOf[start / width] != bucket.rows()) {
             shown.insert(start / width);

@@ -61,7 +61,7 @@ Result<std::pair<QByteArray, QByteArray>> TrendPoints::removedRange() const
         const qint64 start = (bucket->number(0) - key) * width;
         const QByteArray text = bucket->cell(1);
         device::Bucket read;
-        (void)read.add(text.constData(), text.constData() + text.size(), start);
+        (void)read.add(text.constData(), text.constData() + text.size(), {start, start + width});
         const qint64 time = read.numbers() == 0 ? start : isFirst ? read.first().time : read.last().time;
         (isFirst ? range.first : range.second) = timeOfTrend(time);
     }

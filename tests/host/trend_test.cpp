@@ -42,22 +42,50 @@ TEST(Bucket, HasTheVeryTextsAndTheEarliestOfEquals)
     EXPECT_EQ(bucket.first().time, 61);
     EXPECT_EQ(bucket.last().text, " 3");
     EXPECT_EQ(bucket.mean(), 14.0 / 5);
-    EXPECT_EQ(bucket.text(60), "6/5;14;2.5;6;+3;1;+3;1; 3;10");
-    EXPECT_EQ(bucketOf({{60, ""}}).text(60), "1/0");
-    EXPECT_EQ(bucketOf({{60, "7"}}).text(60), "1;7;7;;7;;7;;7;");
+    EXPECT_EQ(bucket.text({60, 120}), "6/5;14;2.5;6;+3;1;+; 3;10");
+    EXPECT_EQ(bucketOf({{60, ""}}).text({60, 120}), "1/0");
+    EXPECT_EQ(bucketOf({{60, ""}}).text({60, 61}), "/0");
+    EXPECT_EQ(bucketOf({{60, "7"}}).text({60, 120}), "1;7;7;;-;-;-");
+    EXPECT_EQ(bucketOf({{60, "7"}, {61, "7"}}).text({60, 62}), ";14;7;;-;-;7");
+    EXPECT_EQ(bucketOf({{60, "7"}, {61, "8"}}).text({60, 120}), "2;15;7;;8;1;-;+");
+    EXPECT_EQ(bucketOf({{119, "7"}, {118, "8"}}).text({60, 120}), "2;15;7;59;8;58;+;-");
 }
 
 TEST(Bucket, ComesBackFromItsTextAndRefusesAnyOther)
 {
-    const QByteArray written = bucketOf({{70, "2.50"}, {65, "ERR"}, {61, "-1e300"}}).text(60);
+    const TimeSpan minute{60, 120};
+    const auto add = [&](Bucket &to, const QByteArray &text) {
+        return to.add(text.constData(), text.constData() + text.size(), minute);
+    };
+    const QByteArray written = bucketOf({{70, "2.50"}, {65, "ERR"}, {61, "-1e300"}, {69, "2"}}).text(minute);
     Bucket read;
-    EXPECT_TRUE(read.add(written.constData(), written.constData() + written.size(), 60));
-    EXPECT_EQ(read.text(60), written);
+    EXPECT_TRUE(add(read, written));
+    EXPECT_EQ(read.text(minute), written);
+    const QByteArray number = written.left(written.indexOf(';')); // of rows
     for (const QByteArray &damaged :
          {QByteArray(), QByteArray("x"), QByteArray("1"), QByteArray("1/2"), QByteArray("0/0"), QByteArray("1/0;"),
-          written + ";", written.left(written.lastIndexOf(';')), QByteArray(written).replace("2.50", "two")}) {
-        EXPECT_FALSE(read.add(damaged.constData(), damaged.constData() + damaged.size(), 60)) << damaged.constData();
-        EXPECT_EQ(read.text(60), written);
+          QByteArray("/61"), written + ";", written.left(written.lastIndexOf(';')), number + ";0;-;1;;1;;1;",
+          number + ";0;1;;+;1;;1;", number + ";0;1;;1;;1;;1;60", QByteArray(written).replace("2.50", "two")}) {
+        EXPECT_FALSE(add(read, damaged)) << damaged.constData();
+        EXPECT_EQ(read.text(minute), written);
+    }
+    // What goes without saying may be said.
+    Bucket said;
+    EXPECT_TRUE(add(said, "60;14;2;;4;;2;;4;59"));
+    EXPECT_EQ(said.text(minute), ";14;2;;4;;-;4");
+    for (int i = 0; i < 2000; ++i) {
+        Bucket bucket;
+        for (int row = 0; row < 1 + i % 70; ++row)
+            bucket.add(60 + (i * 7919 + row * row) % (1 + i % 60), QString::number((i * 31 + row * 17) % 5));
+        Bucket back;
+        ASSERT_TRUE(add(back, bucket.text(minute)));
+        ASSERT_EQ(back.text(minute), bucket.text(minute));
+        for (const auto point : {&Bucket::lowest, &Bucket::highest, &Bucket::first, &Bucket::last}) {
+            ASSERT_EQ((back.*point)().time, (bucket.*point)().time);
+            ASSERT_EQ((back.*point)().text, (bucket.*point)().text);
+        }
+        ASSERT_EQ(back.rows(), bucket.rows());
+        ASSERT_EQ(back.sum(), bucket.sum());
     }
 }
 
@@ -158,8 +186,9 @@ TEST_F(Trends, AreKeptUpByTheRecorder)
     require(recorder->stop(milliseconds(20000)));
     EXPECT_EQ(stateOfFile(), "1"_q);
     // A wider bucket is there once a later one began.
-    EXPECT_EQ(rowsOf(path(), "select K>>36&15,sum(substr(D,1,instr(D,';')-1)) from \"device trend\" group by 1"_q),
-              (Rows{{"1"_q, "5000"_q}, {"2"_q, "4800"_q}, {"3"_q, "3600"_q}}));
+    EXPECT_EQ(rowsOf(path(), "select K>>36&15,count(*),max(substr(D,1,instr(D,';')-1)) from \"device trend\" "
+                             "group by 1"_q),
+              (Rows{{"1"_q, "84"_q, "20"_q}, {"2"_q, "8"_q, ""_q}, {"3"_q, "1"_q, ""_q}})); // "": one a second
 }
 
 TEST_F(Trends, CanBeginWithAnOldTableAndEnd)
