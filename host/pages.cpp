@@ -34,6 +34,7 @@ void listen(Recorder *recorder, QObject *model, const QString &table, const std:
     };
     QObject::connect(recorder, &Recorder::stored, model, changedTable);
     QObject::connect(recorder, &Recorder::removed, model, changedTable);
+    QObject::connect(recorder, &Recorder::trimmed, model, changedTable);
     QObject::connect(recorder, &Recorder::tableReady, model, again);
     QObject::connect(recorder, &Recorder::ready, model, again);
     QObject::connect(recorder, &Recorder::recovered, model, again);

@@ -90,6 +90,25 @@ TEST_F(Models, NewestFirstFollowsWhatIsRecorded)
     EXPECT_EQ(model.errorText(), QString());
 }
 
+// Old rows go in a quiet moment, too, when no row comes that would be followed.
+TEST_F(Models, RowsThatRetentionRemovesLeaveTheModel)
+{
+    const TableName boiler = table("Boiler"_q);
+    HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
+    recorder.createTable(boiler);
+    SampleModel model(&recorder, boiler);
+    model.setFollowing(true);
+    for (int i = 0; i < 300; ++i)
+        require(recorder.record(boiler, {at("2024-05-06 07:08:09"_q).toDateTime().addSecs(i), QString::number(i)}));
+    ASSERT_TRUE(eventually([&] { return model.rowCount() == 300; }));
+    Keep keep;
+    keep.rows = 100;
+    recorder.keep(boiler, keep);
+    EXPECT_TRUE(eventually([&] { return model.rowCount() == 100; }));
+    EXPECT_EQ(cell(model, 99, 1), "200"_q);
+}
+
 TEST_F(Models, AnEndedAlarmLeavesTheModelOfActiveOnes)
 {
     AlarmRecorder recorder(library(), path(), options);
