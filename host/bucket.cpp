@@ -29,11 +29,6 @@ bool isHigher(double value, qint64 time, const Bucket::Point &than)
     return value > than.value || (value == than.value && time < than.time);
 }
 
-bool isSame(const Bucket::Point &a, const Bucket::Point &b)
-{
-    return a.time == b.time && a.text == b.text;
-}
-
 // Takes the fields of a bucket's text one by one.
 class Fields
 {
@@ -105,6 +100,32 @@ LocalTime timeOfSeconds(qint64 seconds)
 {
     const qint64 day = seconds / secondsOfDay;
     return {QDate::fromJulianDay(firstDay + day), QTime::fromMSecsSinceStartOfDay(int(seconds % secondsOfDay) * 1000)};
+}
+
+// Sums are added up in another order than here, so they differ by rounding. What cancels out leaves the rounding of the
+// parts.
+bool isSameSum(const Bucket &a, const Bucket &b)
+{
+    if (a.sum() == b.sum() || (std::isnan(a.sum()) && std::isnan(b.sum())))
+        return true;
+    const double low = std::abs(a.lowest().value);
+    const double high = std::abs(a.highest().value);
+    const bool cancels = std::signbit(a.lowest().value) != std::signbit(a.highest().value);
+    const double size = cancels ? double(a.numbers()) * std::max(low, high) : std::abs(a.sum());
+    return std::abs(a.sum() - b.sum()) <= 1e-12 * size;
+}
+
+bool isSame(const Bucket::Point &a, const Bucket::Point &b)
+{
+    return a.time == b.time && a.text == b.text;
+}
+
+bool isSame(const Bucket &a, const Bucket &b)
+{
+    if (a.rows() != b.rows() || a.numbers() != b.numbers())
+        return false;
+    return a.numbers() == 0 || (isSameSum(a, b) && isSame(a.lowest(), b.lowest()) && isSame(a.highest(), b.highest()) &&
+                                isSame(a.first(), b.first()) && isSame(a.last(), b.last()));
 }
 
 void Bucket::add(qint64 time, const QString &value)

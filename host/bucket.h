@@ -78,6 +78,12 @@ private:
     Point m_last;
 };
 
+bool isSame(const Bucket::Point &a, const Bucket::Point &b);
+/// But for the rounding of parts that were added up in another order.
+bool isSameSum(const Bucket &a, const Bucket &b);
+/// Of the same samples, as far as they tell.
+bool isSame(const Bucket &a, const Bucket &b);
+
 /// The narrowest width in seconds with which the range from `first` to `last` has at most so many columns.
 qint64 columnWidth(qint64 first, qint64 last, int columns);
 

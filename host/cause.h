@@ -23,9 +23,10 @@ Error failure(const Site &site, const QString &words);
 bool isOfTheFile(Error::Code code);
 
 /// It passes by itself, or ends what is being done.
+bool isPassing(Error::Code code);
+
 /// The disk, or the file's part of a ceiling, has no room.
 bool isFull(const Error &why);
-bool isPassing(Error::Code code);
 
 } // namespace device
 

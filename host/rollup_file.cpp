@@ -16,7 +16,6 @@ namespace
 // Both with a blank, as all that this layer adds to a file: see schema.cpp.
 constexpr const char *series = "\"device trend series\"";
 constexpr const char *trend = "\"device trend\"";
-constexpr int version = 1;
 
 constexpr int bitsOfTime = 36; // a day's number, or a second's, of the years 1 to 9999
 constexpr int bitsOfLevel = 4;
@@ -24,7 +23,6 @@ constexpr int bitsOfBucket = bitsOfTime + bitsOfLevel;
 constexpr qint64 widths[] = {10, 60, 600, 3600, 86400}; // by TrendLevel
 constexpr qint64 mostNumbers = 1LL << (63 - bitsOfBucket);
 
-constexpr int bucketsOfAStatement = 200;
 constexpr int bucketsToRemove = 2000;
 
 Result<bool> areThere(SqlChannel &connection, const Site &site)
@@ -51,22 +49,22 @@ Result<bool> areThere(SqlChannel &connection, const Site &site)
 Result<std::optional<RollupState>> stateOf(SqlChannel &connection, const Site &site, const QString &table)
 {
     const auto rows = connection.query(
-        site,
-        QStringLiteral(
-            "select N,LEVELS,MARK,max(ifnull((select seq from sqlite_sequence where name=COLLECTOR collate "
-            "nocase),0),ifnull((select max(ID) from %1),0)),MARKED is null or not exists(select 1 from %1 where "
-            "ID=MARK) or MARKED is (select DATETIME||' '||Value from %1 where ID=MARK),FRONT,VERSION from %2 where "
-            "COLLECTOR=%3")
-            .arg(table, QLatin1String(series), quoted(table)));
+        site, QStringLiteral(
+                  "select N,LEVELS,MARK,max(ifnull((select seq from sqlite_sequence where name=COLLECTOR collate "
+                  "nocase),0),ifnull((select max(ID) from %1),0)),MARKED is null or not exists(select 1 from %1 where "
+                  "ID=MARK) or exists(select 1 from %1 where ID=MARK and substr(MARKED,1,length(DATETIME)+1) is "
+                  "DATETIME||' ') or (select min(ID) from %1)>1,FRONT,VERSION from %2 where "
+                  "COLLECTOR=%3")
+                  .arg(table, QLatin1String(series), quoted(table)));
     if (!rows)
         return rows.error();
     if (rows->isEmpty())
         return std::optional<RollupState>();
     const QStringList &cells = rows->first();
-    if (cells.at(6).toInt() != version)
+    if (cells.at(6).toInt() != rollupVersion)
         return site.error(Error::TableLayout,
                           QStringLiteral("its trend is of version %1; this program knows version %2")
-                              .arg(cells.at(6), QString::number(version)));
+                              .arg(cells.at(6), QString::number(rollupVersion)));
     RollupState state;
     state.number = cells.at(0).toLongLong();
     state.mark = cells.at(2).toLongLong();
@@ -91,121 +89,6 @@ QString unusedNumber()
 {
     return QStringLiteral("(select max(ifnull((select max(N) from %1),0),ifnull((select max(K)>>%2 from %3),0))+1)")
         .arg(QLatin1String(series), QString::number(bitsOfBucket), QLatin1String(trend));
-}
-
-// Buckets of any levels and tables, on their way into the file.
-class NewBuckets
-{
-public:
-    void add(qint64 number, qint64 width, qint64 start, const Bucket &bucket)
-    {
-        m_buckets.push_back({bucketKey(number, width, start), {start, start + width}, &bucket});
-    }
-    /// Adds them to those that are in the file.
-    Status write(SqlChannel &connection, const Site &site) const;
-
-private:
-    struct Each {
-        qint64 key;
-        TimeSpan span;
-        const Bucket *bucket;
-    };
-    using Some = std::vector<Each>::const_iterator;
-
-    static Status write(SqlChannel &connection, const Site &site, Some begin, Some end);
-
-    std::vector<Each> m_buckets;
-};
-
-Status NewBuckets::write(SqlChannel &connection, const Site &site) const
-{
-    for (auto begin = m_buckets.begin(); begin != m_buckets.end();) {
-        const auto end = begin + std::min<std::ptrdiff_t>(bucketsOfAStatement, m_buckets.end() - begin);
-        if (const Status done = write(connection, site, begin, end); !done)
-            return done;
-        begin = end;
-    }
-    return {};
-}
-
-Status NewBuckets::write(SqlChannel &connection, const Site &site, Some begin, Some end)
-{
-    QStringList keys;
-    for (auto each = begin; each != end; ++each)
-        keys << QString::number(each->key);
-    const auto rows = connection.ask(
-        site,
-        QStringLiteral("select K,D from %1 where K in (%2)").arg(QLatin1String(trend), keys.join(QLatin1Char(','))));
-    if (!rows)
-        return rows.error();
-    QHash<QString, QByteArray> inFile;
-    for (const QStringList &row : *rows)
-        inFile.insert(row.at(0), row.at(1).toUtf8());
-    QByteArray sql = QByteArray("insert or replace into ") + trend + " values ";
-    for (auto each = begin; each != end; ++each) {
-        const QString &key = keys.at(int(each - begin));
-        Bucket all;
-        if (const auto there = inFile.constFind(key);
-            there != inFile.constEnd() && !all.add(there->constData(), there->constData() + there->size(), each->span))
-            return site.error(Error::Failed, QStringLiteral("bucket %1 of its trend cannot be read").arg(key));
-        all.add(*each->bucket);
-        sql += '(' + key.toLatin1() + ",'" + all.text(each->span) + "'),";
-    }
-    sql.chop(1);
-    return connection.run(site, QString::fromLatin1(sql));
-}
-
-// The buckets of one of the wider levels. Those behind the front are in the file: what came late is added to them.
-// Those that the front passes now are put together from the level below, which is in the file up to there.
-Status addToWider(SqlChannel &connection, const Site &site, const RollupState &state, size_t level,
-                  const Buckets &finest)
-{
-    const qint64 width = state.levels[level];
-    const qint64 narrower = state.levels[level - 1];
-    const qint64 closed = state.front / width * width;
-    const qint64 nowClosed = state.frontWith(finest) / width * width;
-    Buckets wider;
-    for (auto late = finest.begin(); late != finest.end() && late->first < closed; ++late)
-        wider[late->first / width * width].add(late->second);
-    if (nowClosed > closed) {
-        const auto rows = connection.ask(site, QStringLiteral("select K,D from %1 where K>=%2 and K<%3 order by K")
-                                                   .arg(QLatin1String(trend))
-                                                   .arg(bucketKey(state.number, narrower, closed))
-                                                   .arg(bucketKey(state.number, narrower, nowClosed)));
-        if (!rows)
-            return rows.error();
-        for (const QStringList &row : *rows) {
-            const qint64 start =
-                closed + (row.at(0).toLongLong() - bucketKey(state.number, narrower, closed)) * narrower;
-            const QByteArray text = row.at(1).toUtf8();
-            if (!wider[start / width * width].add(text.constData(), text.constData() + text.size(),
-                                                  {start, start + narrower}))
-                return site.error(Error::Failed,
-                                  QStringLiteral("bucket %1 of its trend cannot be read").arg(row.at(0)));
-        }
-    }
-    NewBuckets buckets;
-    for (const auto &[start, bucket] : wider)
-        buckets.add(state.number, width, start, bucket);
-    return buckets.write(connection, site);
-}
-
-QString listOf(const std::vector<qint64> &levels)
-{
-    QStringList list;
-    for (const qint64 level : levels)
-        list << QString::number(level);
-    return list.join(QLatin1Char(','));
-}
-
-// A row of the table of series.
-QString seriesRow(const RollupAddition &addition)
-{
-    const RollupState &state = addition.state;
-    return QStringLiteral("(%1,%2,'%3',%4,%5,%6,%7)")
-        .arg(QString::number(state.number), quoted(addition.table), listOf(state.levels),
-             QString::number(addition.mark), addition.marked, QString::number(state.frontWith(*addition.buckets)),
-             QString::number(version));
 }
 
 } // namespace
@@ -251,6 +134,32 @@ QString keysOf(qint64 number)
 {
     const qint64 first = number << bitsOfBucket;
     return QStringLiteral("K>=%1 and K<=%2").arg(first).arg(first + ((1LL << bitsOfBucket) - 1));
+}
+
+Result<std::vector<StoredBucket>> storedBuckets(SqlChannel &connection, const Site &site, qint64 number, qint64 width,
+                                                TimeSpan span, qint64 most)
+{
+    const qint64 zero = bucketKey(number, width, 0);
+    std::vector<StoredBucket> buckets;
+    if (span.begin >= span.end)
+        return buckets;
+    const auto rows =
+        connection.query(site, QStringLiteral("select K,D from %1 where K>=%2 and K<=%3 order by K limit %4")
+                                   .arg(QLatin1String(trend))
+                                   .arg(zero + span.begin / width)
+                                   .arg(zero + (span.end - 1) / width)
+                                   .arg(most));
+    if (!rows)
+        return rows.error();
+    buckets.reserve(size_t(rows->size()));
+    for (const QStringList &row : *rows) {
+        const qint64 start = (row.at(0).toLongLong() - zero) * width;
+        const QByteArray text = row.at(1).toUtf8();
+        Bucket bucket;
+        const bool isRead = bucket.add(text.constData(), text.constData() + text.size(), {start, start + width});
+        buckets.push_back({start, isRead ? std::optional<Bucket>(std::move(bucket)) : std::nullopt});
+    }
+    return buckets;
 }
 
 Result<std::optional<RollupState>> rollupState(SqlChannel &connection, const Site &site, const QString &table)
@@ -314,7 +223,7 @@ Result<bool> beginRollups(SqlChannel &connection, const TableName &table, const 
     }
     statements << QStringLiteral("insert or replace into %1 select %2,%3,'%4',0,NULL,0,%5")
                       .arg(QLatin1String(series), unusedNumber(), quoted(table.text()), seconds.join(QLatin1Char(',')),
-                           QString::number(version));
+                           QString::number(rollupVersion));
     for (const QString &statement : statements) {
         if (const Status done = connection.run(site, statement); !done)
             return done.error();
@@ -350,7 +259,8 @@ Result<QStringList> tablesWithRollups(SqlChannel &connection)
     if (!*there)
         return tables;
     const auto rows = connection.query(
-        site, QStringLiteral("select COLLECTOR from %1 where VERSION=%2").arg(QLatin1String(series)).arg(version));
+        site,
+        QStringLiteral("select COLLECTOR from %1 where VERSION=%2").arg(QLatin1String(series)).arg(rollupVersion));
     if (!rows)
         return rows.error();
     for (const QStringList &row : *rows) {
@@ -441,55 +351,6 @@ Result<QHash<QString, RollupMark>> rollupMarks(SqlChannel &connection, const Sit
         }
     }
     return marks;
-}
-
-Status addToRollups(SqlChannel &connection, const Site &site, const std::vector<RollupAddition> &additions)
-{
-    NewBuckets finest;
-    QStringList rows;
-    for (const RollupAddition &each : additions) {
-        for (const auto &[start, bucket] : *each.buckets)
-            finest.add(each.state.number, each.state.levels.front(), start, bucket);
-        rows << seriesRow(each);
-    }
-    if (const Status written = finest.write(connection, site); !written)
-        return written;
-    for (const RollupAddition &each : additions) {
-        for (size_t level = 1; level < each.state.levels.size(); ++level) {
-            if (const Status added = addToWider(connection, site, each.state, level, *each.buckets); !added)
-                return added;
-        }
-    }
-    return connection.run(site, QStringLiteral("insert or replace into ") + QLatin1String(series) +
-                                    QLatin1String(" values ") + rows.join(QLatin1Char(',')));
-}
-
-Result<bool> addNextRows(SqlChannel &connection, const Site &site, const QString &table, qint64 most,
-                         RollupState &state)
-{
-    const auto rows =
-        connection.ask(site, QStringLiteral("select ID,DATETIME,Value from %1 where ID>%2 order by ID limit %3")
-                                 .arg(table, QString::number(state.mark), QString::number(most)));
-    if (!rows)
-        return rows.error();
-    TimeReader times(false);
-    Buckets buckets;
-    const qint64 width = state.levels.front();
-    for (const QStringList &row : *rows) {
-        const LocalTime time = times.read(row.at(1).constData(), row.at(1).size());
-        if (time.isValid())
-            buckets[secondsOf(time) / width * width].add(secondsOf(time), row.at(2));
-    }
-    const bool isAtEnd = rows->size() < most;
-    const qint64 mark = isAtEnd ? state.last : rows->last().at(0).toLongLong();
-    if (mark == state.mark)
-        return isAtEnd;
-    const QString marked = QStringLiteral("(select DATETIME||' '||Value from %1 where ID=%2)").arg(table).arg(mark);
-    if (const Status added = addToRollups(connection, site, {{table, state, &buckets, mark, marked}}); !added)
-        return added.error();
-    state.mark = mark;
-    state.front = state.frontWith(buckets);
-    return isAtEnd;
 }
 
 } // namespace device

@@ -18,7 +18,11 @@
 namespace device
 {
 
+constexpr int rollupVersion = 1;
+
 using Buckets = std::map<qint64, Bucket>; ///< By the time at which they begin.
+/// What the file should have at these times; nothing: no bucket.
+using RightBuckets = std::map<qint64, std::optional<Bucket>>;
 
 /// Of the buckets of a level, in seconds.
 qint64 widthOf(TrendLevel level);
@@ -51,6 +55,16 @@ QStringList creationOfRollups();
 
 /// All buckets of this number, as a condition of SQL.
 QString keysOf(qint64 number);
+
+/// A bucket as it is in the file.
+struct StoredBucket {
+    qint64 start = 0;
+    std::optional<Bucket> bucket; ///< Nothing: it cannot be read.
+};
+
+/// Those of one level that begin in the span, in the order of time, the first so many of them.
+Result<std::vector<StoredBucket>> storedBuckets(SqlChannel &connection, const Site &site, qint64 number, qint64 width,
+                                                TimeSpan span, qint64 most = -1);
 
 /// Nothing for a table without rollups.
 Result<std::optional<RollupState>> rollupState(SqlChannel &connection, const Site &site, const QString &table);
@@ -87,6 +101,11 @@ Status addToRollups(SqlChannel &connection, const Site &site, const std::vector<
 /// Whether there were no more.
 Result<bool> addNextRows(SqlChannel &connection, const Site &site, const QString &table, qint64 most,
                          RollupState &state);
+
+/// Within the caller's transaction: puts buckets of a level in the place of those that the file has, and makes the
+/// wider ones fit them. Unless sums `mayShrink`, those of the wider ones that say more than the narrower ones stay.
+Status replaceBuckets(SqlChannel &connection, const Site &site, const RollupState &state, size_t level,
+                      RightBuckets right, bool mayShrink);
 
 /// Within the caller's transaction: the table was emptied, so its rollups get another number and begin at the first ID.
 Status beginAnew(SqlChannel &connection, const Site &site, const RollupState &state);

@@ -63,6 +63,22 @@ void Rollups::stored(const Write &row)
     table->buckets[seconds / width * width].add(seconds, cells.value, cells.valueSize);
 }
 
+QStringList Rollups::tables() const
+{
+    QStringList names;
+    for (const Table &table : m_tables)
+        names << table.name;
+    return names;
+}
+
+bool Rollups::lookAgain(const QString &name)
+{
+    Table *const table = tableOf(name);
+    if (table)
+        forget(*table);
+    return table != nullptr;
+}
+
 bool Rollups::isDue(const Table &table)
 {
     return !table.behind && table.rows > 0 &&

@@ -27,6 +27,11 @@ public:
     /// A row that is in the file now.
     void stored(const Write &row);
 
+    QStringList tables() const;
+    /// The sums of a table in the file are no longer as they were: what is in memory is read there again. False if the
+    /// table is not kept up.
+    bool lookAgain(const QString &table);
+
     /// Something waits to be written for long enough.
     bool isDue() const;
     /// Something waits to be written.

@@ -46,18 +46,18 @@ QStringList description(const TableName &table, const SeriesInfo &info)
                 QLatin1String(" where (COLLECTOR,UNIT,DESCRIPTION)=(") + cells + QLatin1String("))")};
 }
 
-Result<bool> hasTimeIndex(Connection &connection, const Site &site, const TableName &table)
+} // namespace
+
+Result<bool> hasTimeIndex(SqlChannel &connection, const Site &site, const QString &table)
 {
-    const auto found = connection.ask(
+    const auto found = connection.query(
         site, QStringLiteral("select count(*) from pragma_index_list(%1) l join pragma_index_info(l.name) i "
                              "where l.partial=0 and i.seqno=0 and i.name='DATETIME' collate nocase")
-                  .arg(quoted(table.text())));
+                  .arg(quoted(table)));
     if (!found)
         return found.error();
     return found->first().first() != QLatin1String("0");
 }
-
-} // namespace
 
 template<typename Record>
 QString columnList()
@@ -100,7 +100,7 @@ Result<bool> makeTable(Connection &connection, const TableName &table, const Ser
             statements << description(table, info);
     }
     if (connection.options().profile != Profile::AsIs) {
-        const auto indexed = hasTimeIndex(connection, site, table);
+        const auto indexed = hasTimeIndex(connection, site, table.text());
         if (!indexed)
             return indexed.error();
         if (!*indexed)

@@ -10,10 +10,15 @@ namespace device
 {
 
 class Connection;
+class SqlChannel;
+struct Site;
 
 /// The columns of the kind after ID, as a SELECT takes them.
 template<typename Record>
 QString columnList();
+
+/// Whether the rows of a table are found by their time without looking at all of them.
+Result<bool> hasTimeIndex(SqlChannel &connection, const Site &site, const QString &table);
 
 /// Makes the table if it is missing, within the caller's transaction: true if it was made, false if it exists already.
 /// An Error if it exists with other columns. With a profile that has an index on time, makes that as well unless there

@@ -8,6 +8,7 @@
 #include "removal.h"
 #include "retention.h"
 #include "rollups.h"
+#include "trend_audit.h"
 
 #include <QMetaMethod>
 
@@ -134,6 +135,8 @@ private:
     bool rollupsAreDue() const;
     void keepRollups();
     void finishRollups();
+    Clock::time_point nextAudit() const;
+    void auditTrends();
     bool retentionIsDue();
     Clock::time_point nextRetention();
     Status trim(Connection &connection, qint64 rows);
@@ -178,6 +181,8 @@ private:
     Rollups m_rollups;
     bool m_rollupsAreKnown = false;
     Clock::time_point m_nextRollups; ///< Not tried again before.
+    TrendAudit m_audit;
+    Clock::time_point m_nextAudit; ///< As m_nextRollups.
     Retention m_retention;
     Clock::time_point m_nextRetention; ///< As m_nextRollups.
     Clock::time_point m_lastStored;    ///< When rows were stored last.

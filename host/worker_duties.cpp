@@ -3,8 +3,17 @@
 // What the threads of a recorder do between batches: slices of deletions and of trends, questions.
 #include "worker.h"
 
+#include <algorithm>
+
 namespace device
 {
+
+namespace
+{
+
+constexpr int pausesUntilNextLook = 60; // whether another program has written since
+
+} // namespace
 
 // One slice of a deletion or one question, by turns.
 void Recorder::Worker::duty(std::unique_lock<std::mutex> &lock)
@@ -30,6 +39,11 @@ void Recorder::Worker::duty(std::unique_lock<std::mutex> &lock)
         keepRows();
         lock.lock();
     }
+    if (Clock::now() >= nextAudit()) {
+        lock.unlock();
+        auditTrends();
+        lock.lock();
+    }
     if (!m_stopping && !m_readsApart && !m_questions.empty() && mayBegin(m_questions.front().after)) {
         const Asked asked = std::move(m_questions.front());
         m_questions.pop_front();
@@ -53,6 +67,7 @@ void Recorder::Worker::removeSlice(Removing &removing)
         done = fits;
     else
         done = device::removeSlice(*m_connection, removal);
+    m_audit.rowsRemoved(removal.site.table);
     if (done && !removal.done) {
         const std::lock_guard lock(m_mutex);
         if (!m_stopping) {
@@ -82,6 +97,8 @@ void Recorder::Worker::keepRollups()
     if (!m_rollupsAreKnown) {
         done = m_rollups.open(*m_connection);
         m_rollupsAreKnown = done || !isOfTheFile(done.error().code());
+        m_audit.begin(m_rollups.tables());
+        m_nextAudit = {};
     } else if (const Status fits = m_retention.room().prepare(*m_connection, m_options.batchRows); !fits) {
         m_nextRollups = Clock::now() + retryPause;
         return;
@@ -101,6 +118,37 @@ void Recorder::Worker::keepRollups()
         trouble = done.error();
     if (trouble)
         tell(&Recorder::trendFailed, *trouble);
+}
+
+Clock::time_point Recorder::Worker::nextAudit() const
+{
+    const bool isWanted = m_options.auditPause.count() >= 0 &&
+                          m_options.auditPause != std::chrono::milliseconds::max() && m_audit.hasTables();
+    return isWanted && m_rollupsAreKnown && !m_rollups.isBehind() ? m_nextAudit : Clock::time_point::max();
+}
+
+void Recorder::Worker::auditTrends()
+{
+    const std::chrono::milliseconds pause = std::clamp<std::chrono::milliseconds>(
+        m_options.auditPause, std::chrono::milliseconds(1), std::chrono::hours(1));
+    m_nextAudit = Clock::now() + pausesUntilNextLook * pause;
+    if (const Status fits = m_retention.room().prepare(*m_connection, m_options.batchRows); !fits)
+        return;
+    const auto step = m_audit.step(*m_connection);
+    if (!step && step.error().code() == Error::FileMoved) {
+        const std::lock_guard lock(m_mutex);
+        m_fileIsMissed = true;
+    }
+    if (!step)
+        return;
+    if (step->goesOn)
+        m_nextAudit = Clock::now() + pause;
+    for (const QString &table : step->tables) {
+        if (!m_rollups.lookAgain(table) && step->mended > 0)
+            m_rollupsAreKnown = false; // it was given up for what is mended now
+    }
+    const std::lock_guard lock(m_mutex);
+    m_health.mended += step->mended;
 }
 
 // What is still in memory. Without it the next recorder would read the rows.
@@ -164,6 +212,7 @@ qint64 Recorder::Worker::tellOfRetention()
     qint64 rows = 0;
     for (const TrimmedRows &each : m_retention.trimmed()) {
         rows += each.rows;
+        m_audit.rowsRemoved(each.table);
         tell(&Recorder::trimmed, each.table, each.rows);
     }
     for (const Error &why : m_retention.takeTroubles())

@@ -126,7 +126,7 @@ void Recorder::Worker::serve()
             if (!m_stopping && rollupsWait())
                 next = next.orAt(m_nextRollups);
             if (!m_stopping)
-                next = next.orAt(nextRetention());
+                next = next.orAt(std::min(nextRetention(), nextAudit()));
             next.waitForNews(m_wake, lock); // whatever woke it: the loop looks anew
         }
     }
@@ -147,7 +147,7 @@ bool Recorder::Worker::hasDuty()
 {
     return !m_stopping &&
            (removalWaits() || (!m_readsApart && !m_questions.empty() && mayBegin(m_questions.front().after)) ||
-            rollupsAreDue() || retentionIsDue());
+            rollupsAreDue() || retentionIsDue() || Clock::now() >= nextAudit());
 }
 
 bool Recorder::Worker::rollupsWait() const

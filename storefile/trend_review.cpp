@@ -16,32 +16,6 @@ namespace
 
 using device::Bucket;
 
-// Sums are added up in another order than here, so they differ by rounding. What cancels out leaves the rounding of the
-// parts.
-bool isSameSum(const Bucket &a, const Bucket &b)
-{
-    if (a.sum() == b.sum() || (std::isnan(a.sum()) && std::isnan(b.sum())))
-        return true;
-    const double low = std::abs(a.lowest().value);
-    const double high = std::abs(a.highest().value);
-    const bool cancels = std::signbit(a.lowest().value) != std::signbit(a.highest().value);
-    const double size = cancels ? double(a.numbers()) * std::max(low, high) : std::abs(a.sum());
-    return std::abs(a.sum() - b.sum()) <= 1e-12 * size;
-}
-
-bool isSame(const Bucket::Point &a, const Bucket::Point &b)
-{
-    return a.time == b.time && a.text == b.text;
-}
-
-bool isSame(const Bucket &a, const Bucket &b)
-{
-    if (a.rows() != b.rows() || a.numbers() != b.numbers())
-        return false;
-    return a.numbers() == 0 || (isSameSum(a, b) && isSame(a.lowest(), b.lowest()) && isSame(a.highest(), b.highest()) &&
-                                isSame(a.first(), b.first()) && isSame(a.last(), b.last()));
-}
-
 // Buckets of the trend's number, but of no level and time that it has.
 QByteArray strangeKeys(const RollupState &state)
 {

@@ -38,6 +38,9 @@ struct RecorderOptions {
     std::chrono::milliseconds giveUpAfter{0};
     std::chrono::milliseconds stopWithin{5000}; ///< What the destructor gives stop().
     RetentionOptions retention;
+    /// Between two slices, of some milliseconds each, that compare the sums of trends with their rows: all of them
+    /// once after the file was opened, and again when another program has written into it. For ever: none.
+    std::chrono::milliseconds auditPause{1000};
 };
 
 /// The counters since start(). At every moment accepted = stored + dropped + depth.
@@ -59,6 +62,7 @@ struct Health {
     qint64 trimmed = 0;       ///< Rows that retention removed.
     qint64 fileBytes = 0;     ///< Of the file and of its log or journal, after the last batch.
     qint64 logBytes = 0;
+    qint64 mended = 0; ///< Sums of trends made anew: another program had changed them or their rows.
 };
 
 /// What became of the rows since the last flush() or stop(), or since start().

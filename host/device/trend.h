@@ -66,7 +66,7 @@ enum class TrendLevel { TenSeconds, Minute, TenMinutes, Hour, Day };
 
 /// How finely the trend of a table is prepared.
 struct TrendOptions {
-    /// Each takes some 70 bytes for every span that has rows. Levels on which a span has fewer than eight rows cost
+    /// Each takes 60 to 70 bytes for every span that has rows. Levels on which a span has fewer than eight rows cost
     /// more than they save.
     QVector<TrendLevel> levels{TrendLevel::Minute, TrendLevel::TenMinutes, TrendLevel::Hour, TrendLevel::Day};
 };

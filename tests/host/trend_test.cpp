@@ -1,26 +1,10 @@
 // SPDX-License-Identifier: MIT
-//
-// DEVICE_TREND_PAIRS: how many random pairs of a history and a range (120). DEVICE_TREND_SEED: which.
-#include "faulty_disk.h"
-#include "recorder_fixture.h"
-#include "trend_reference.h"
+#include "trend_fixture.h"
 
 #include "bucket.h"
 
-#include <random>
-
 namespace
 {
-
-int numberOf(const char *variable, int otherwise)
-{
-    return qEnvironmentVariableIsSet(variable) ? qEnvironmentVariableIntValue(variable) : otherwise;
-}
-
-QString text(LocalTime time)
-{
-    return time.toDateTime().toString("yyyy-MM-dd hh:mm:ss"_q);
-}
 
 // Buckets by themselves
 
@@ -112,44 +96,6 @@ TEST(TrendColumns, AreAsNarrowAsTheirNumberAllows)
 }
 
 // Trends of a file
-
-class Trends : public Recorders
-{
-protected:
-    Rows rowsOfFile() const { return rowsOf(path(), "select ID,DATETIME,Value from Boiler order by ID"_q); }
-    QString stateOfFile() const
-    {
-        return valueOf(path(), "select MARK=(select seq from sqlite_sequence where name='Boiler') from "
-                               "\"device trend series\" where COLLECTOR='Boiler'"_q);
-    }
-    Trend trend(const QString &from, const QString &to, int columns) const
-    {
-        auto store = require(HistoryStore::open(library(), path()));
-        return require(store.trend(boiler, TrendQuery::between(at(from), at(to)).columns(columns)));
-    }
-    // The trend of the file is that of these rows.
-    void expectTrend(const QString &from, const QString &to, int columns, const Rows &rows) const
-    {
-        const Trend found = trend(from, to, columns);
-        ASSERT_LE(found.columns.size(), columns);
-        expectSameColumns(found.columns, columnsOf(rows, from, to, found.width.count()));
-    }
-    void expectTrend(const QString &from, const QString &to, int columns) const
-    {
-        expectTrend(from, to, columns, rowsOfFile());
-    }
-    std::unique_ptr<HistoryRecorder> trendRecorder(const TrendOptions &trend = {})
-    {
-        auto recorder = recorderOf(Profile::Durable);
-        recorder->keepTrend(boiler, trend);
-        require(recorder->flush(milliseconds(20000)));
-        return recorder;
-    }
-    bool catchesUp() const
-    {
-        return eventually([this] { return stateOfFile() == "1"_q; });
-    }
-};
 
 TEST_F(Trends, AreReadFromTheRowsWithoutAnythingPrepared)
 {
@@ -429,132 +375,6 @@ TEST_F(Trends, OfManyTablesAreWrittenTogether)
         const Trend found = require(store.trend(each, TrendQuery::between(at(from), at(to)).columns(30)));
         const Rows rows = rowsOf(path(), "select ID,DATETIME,Value from %1 order by ID"_q.arg(each.text()));
         expectSameColumns(found.columns, columnsOf(rows, from, to, found.width.count()));
-    }
-}
-
-// Each write, sync and deletion in turn fails once, while rows are stored and while the rest is written at the end.
-TEST_F(Trends, AreThoseOfTheRowsAfterEveryFaultOfTheDisk)
-{
-    FaultyDisk disk;
-    options.batchRows = 40;
-    int failures = 0;
-    for (int fault = 0; fault < FaultyDisk::Faults; ++fault) {
-        bool failed = true;
-        for (int after = 0; failed; after += 1 + after / 4) {
-            removeFiles();
-            auto recorder = recorderOf(fault % 2 ? Profile::AsIs : Profile::Durable);
-            recorder->keepTrend(boiler);
-            require(recorder->flush(milliseconds(20000)));
-            disk.fail(FaultyDisk::Fault(fault), 1, after);
-            record(*recorder, 0, 400);
-            (void)recorder->flush(milliseconds(20000));
-            record(*recorder, 400, 500);
-            require(recorder->stop(milliseconds(20000)));
-            failed = disk.failures() > failures;
-            failures = disk.failures();
-            disk.mend();
-            expectNumbers(500);
-            expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
-            expectTrend("2024-05-06 00:00:30"_q, "2024-05-06 00:07:29"_q, 7);
-        }
-    }
-    EXPECT_GT(failures, 20);
-}
-
-// Random histories: rows in batches, late, with steps of the clock, without a number, by other programs, by a recorder
-// that begins again; emptied tables; old rows that are removed. After each step a random zoom is compared with the
-// rows, those that were removed included.
-TEST_F(Trends, AreThoseOfTheRowsWhateverHappens)
-{
-    const int pairs = numberOf("DEVICE_TREND_PAIRS", 120);
-    std::mt19937 random(unsigned(numberOf("DEVICE_TREND_SEED", 1)));
-    const auto upTo = [&random](int bound) { return int(random() % unsigned(bound)); };
-    const auto valueText = [&]() -> QString {
-        switch (upTo(20)) {
-        case 0:
-            return "ERR"_q;
-        case 1:
-            return "1,5"_q;
-        case 2:
-            return ""_q;
-        case 3:
-            return "it's \"%1\""_q;
-        case 4:
-            return QString::number(upTo(3)) + ".0"_q;
-        default:
-            return QString::number((double(random()) - 2e9) / (1 + upTo(1000000)), 'g', 17);
-        }
-    };
-    options.batchRows = 50;
-    for (int pair = 0; pair < pairs;) {
-        removeFiles();
-        TrendOptions trend;
-        if (upTo(2))
-            trend.levels.prepend(TrendLevel::TenSeconds);
-        if (upTo(3) == 0)
-            trend.levels.removeAt(1 + upTo(int(trend.levels.size()) - 1));
-        auto recorder = trendRecorder(trend);
-        const bool trims = upTo(2) == 0;
-        if (trims) {
-            Keep keep;
-            keep.rows = 500 + upTo(1500);
-            recorder->keep(boiler, keep);
-        }
-        std::map<qint64, QStringList> known; // by ID
-        LocalTime now = at("2024-02-28 12:00:00"_q);
-        const auto later = [&now](int seconds) { now = LocalTime(now.toDateTime().addSecs(seconds)); };
-        for (int step = 0; step < 30 && pair < pairs; ++step, ++pair) {
-            switch (upTo(12)) {
-            case 0:
-                recorder = trendRecorder(trend);
-                break;
-            case 1:
-                OtherProgram(path()).run(
-                    "insert into Boiler values(NULL,'%1','%2')"_q.arg(text(now), QString::number(upTo(1000))));
-                break;
-            case 2:
-                later(upTo(2) ? -upTo(7200) : upTo(7 * 86400)); // the clock was set
-                break;
-            case 3:
-                if (upTo(4) == 0) {
-                    OtherProgram(path()).run("delete from Boiler; update sqlite_sequence set seq=0"_q);
-                    known.clear();
-                }
-                break;
-            case 4:
-                OtherProgram(path()).run("insert into Boiler values(NULL,'yesterday','1'),(NULL,NULL,NULL)"_q);
-                break;
-            default:
-                break;
-            }
-            const int rows = upTo(400);
-            const int pause = 1 + upTo(step % 5 == 0 ? 600 : 3);
-            for (int i = 0; i < rows; ++i) {
-                later(upTo(2 * pause));
-                const LocalTime when = upTo(50) ? now : LocalTime(now.toDateTime().addSecs(-upTo(90000)));
-                require(recorder->record(boiler, {when, valueText()}));
-            }
-            require(recorder->flush(milliseconds(20000)));
-            for (const QStringList &row : rowsOfFile())
-                known[row.first().toLongLong()] = row;
-            QDateTime from = now.toDateTime().addSecs(-qint64(upTo(2) ? upTo(3000) : upTo(20 * 86400)));
-            QDateTime to = from.addSecs(upTo(2) ? upTo(5000) : upTo(30 * 86400));
-            int columns = 1 + upTo(200);
-            if (trims) { // whole buckets are what is left of removed rows
-                const int width = trend.levels.first() == TrendLevel::TenSeconds ? 10 : 60;
-                from = from.addSecs(-from.time().second() % width);
-                to = from.addSecs((from.secsTo(to) / width + 1) * width - 1);
-                columns = int(std::min<qint64>(columns, (from.secsTo(to) + 1) / width));
-            }
-            Rows timed;
-            for (const auto &[id, row] : known) {
-                if (at(row.at(1)).isValid())
-                    timed << row;
-            }
-            expectTrend(text(from), text(to), columns, timed);
-            if (HasFatalFailure())
-                FAIL() << "pair " << pair << ", " << text(from).toStdString() << " to " << text(to).toStdString();
-        }
     }
 }
 
