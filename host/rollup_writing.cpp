@@ -267,7 +267,10 @@ Status replaceBuckets(SqlChannel &connection, const Site &site, const RollupStat
         if (!newest)
             return newest.error();
         const QString &key = newest->first().first();
-        now.front = key.isEmpty() ? 0 : (key.toLongLong() - first) * width;
+        // Before the floor there were buckets, of which nothing is left.
+        now.front = std::min(state.front, state.floors.front());
+        if (!key.isEmpty())
+            now.front = std::max(now.front, (key.toLongLong() - first) * width);
         if (now.front != state.front) {
             if (const Status done =
                     connection.run(site, QStringLiteral("update \"device trend series\" set FRONT=%1 where N=%2")

@@ -264,6 +264,30 @@ TEST_F(Slices, EndAndBeginAgainWhenAnotherProgramHasWritten)
     EXPECT_FALSE(require(m_audit.step(*m_connection)).goesOn); // its own writing is no reason
 }
 
+TEST_F(Slices, LeaveWiderSumsWhereTheFinestWereRemovedByAge)
+{
+    open();
+    const QString wider = "select K,D from \"device trend\" where K>>36&15>1 order by K"_q;
+    const Rows before = rowsOf(path(), wider);
+    const QString finest = "\"device trend\" where K>>36&15=1"_q;
+    {
+        auto recorder = trendRecorder();
+        Keep keep;
+        keep.sums = {{TrendLevel::Minute, std::chrono::hours(100000)}};
+        recorder->keep(boiler, keep);
+        require(recorder->stop(milliseconds(20000)));
+    }
+    change("update \"device keep\" set FLOORS='60:'||(select ((max(K)&0xfffffffff)+1)*60 from "_q + finest +
+           ") where COLLECTOR='Boiler'"_q);
+    change("delete from Boiler; insert into \"device trend\" select max(K)+9,'1;5;5;;-;-;-' from "_q + finest);
+    change("delete from \"device trend\" where K<(select max(K) from "_q + finest + ") and K>>36&15=1"_q);
+    EXPECT_EQ(finish(), 0); // it may be of a row that was removed
+    change("update \"device trend\" set D='junk' where K=(select max(K) from "_q + finest + ")"_q);
+    EXPECT_EQ(finish(), 1);
+    EXPECT_EQ(valueOf(path(), "select count(*) from "_q + finest), "0"_q);
+    EXPECT_EQ(rowsOf(path(), wider), before);
+}
+
 TEST_F(Slices, DoNotTakeRowsThatGoMeanwhileForAnEdit)
 {
     for (const bool byOthers : {false, true}) {
