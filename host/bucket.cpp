@@ -112,7 +112,7 @@ bool isSameSum(const Bucket &a, const Bucket &b)
     const double high = std::abs(a.highest().value);
     const bool cancels = std::signbit(a.lowest().value) != std::signbit(a.highest().value);
     const double size = cancels ? double(a.numbers()) * std::max(low, high) : std::abs(a.sum());
-    return std::abs(a.sum() - b.sum()) <= 1e-12 * size;
+    return std::isfinite(size) && std::abs(a.sum() - b.sum()) <= 1e-12 * size;
 }
 
 bool isSame(const Bucket::Point &a, const Bucket::Point &b)

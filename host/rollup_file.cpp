@@ -34,28 +34,29 @@ Result<bool> areThere(SqlChannel &connection, const Site &site)
                   "name"));
     if (!found)
         return found.error();
-    if (found->isEmpty())
-        return false;
     const QList<QStringList> expected{
         {QStringLiteral("device trend"), QStringLiteral("K INTEGER 1,D TEXT 0")},
         {QStringLiteral("device trend series"),
          QStringLiteral("N INTEGER 1,COLLECTOR TEXT 0,LEVELS TEXT 0,MARK INTEGER 0,MARKED TEXT 0,FRONT INTEGER 0,"
                         "VERSION INTEGER 0")}};
-    if (*found != expected)
+    const bool isOurs =
+        std::all_of(found->begin(), found->end(), [&](const QStringList &table) { return expected.contains(table); });
+    if (!isOurs)
         return site.error(Error::TableLayout, QStringLiteral("the tables for trends have other columns"));
-    return true;
+    return found->size() == expected.size(); // one alone says nothing
 }
 
 Result<std::optional<RollupState>> stateOf(SqlChannel &connection, const Site &site, const QString &table)
 {
     const auto rows = connection.query(
-        site, QStringLiteral(
-                  "select N,LEVELS,MARK,max(ifnull((select seq from sqlite_sequence where name=COLLECTOR collate "
-                  "nocase),0),ifnull((select max(ID) from %1),0)),MARKED is null or not exists(select 1 from %1 where "
-                  "ID=MARK) or exists(select 1 from %1 where ID=MARK and substr(MARKED,1,length(DATETIME)+1) is "
-                  "DATETIME||' ') or (select min(ID) from %1)>1,FRONT,VERSION from %2 where "
-                  "COLLECTOR=%3")
-                  .arg(table, QLatin1String(series), quoted(table)));
+        site,
+        QStringLiteral(
+            "select N,LEVELS,MARK,max(ifnull((select seq from sqlite_sequence where name=COLLECTOR collate "
+            "nocase),0),ifnull((select max(ID) from %1),0)),MARKED is null or not exists(select 1 from %1 where "
+            "ID=MARK) or exists(select 1 from %1 where ID=MARK and substr(MARKED,1,length(DATETIME)+1) is "
+            "DATETIME||' ') or (select count(*) from %1 where ID>0 and ID<=MARK)<MARK,FRONT,VERSION from %2 where "
+            "COLLECTOR=%3")
+            .arg(table, QLatin1String(series), quoted(table)));
     if (!rows)
         return rows.error();
     if (rows->isEmpty())
@@ -124,8 +125,8 @@ qint64 bucketKey(qint64 number, qint64 width, qint64 time)
 
 QStringList creationOfRollups()
 {
-    return {QStringLiteral("create table %1(K INTEGER PRIMARY KEY,D text)").arg(QLatin1String(trend)),
-            QStringLiteral("create table %1(N INTEGER PRIMARY KEY,COLLECTOR text UNIQUE COLLATE NOCASE,"
+    return {QStringLiteral("create table if not exists %1(K INTEGER PRIMARY KEY,D text)").arg(QLatin1String(trend)),
+            QStringLiteral("create table if not exists %1(N INTEGER PRIMARY KEY,COLLECTOR text UNIQUE COLLATE NOCASE,"
                            "LEVELS text,MARK integer,MARKED text,FRONT integer,VERSION integer)")
                 .arg(QLatin1String(series))};
 }
@@ -144,7 +145,8 @@ Result<std::vector<StoredBucket>> storedBuckets(SqlChannel &connection, const Si
     if (span.begin >= span.end)
         return buckets;
     const auto rows =
-        connection.query(site, QStringLiteral("select K,D from %1 where K>=%2 and K<=%3 order by K limit %4")
+        connection.query(site, QStringLiteral("select K,case length(cast(D as blob)) when length(D) then D end from %1 "
+                                              "where K>=%2 and K<=%3 order by K limit %4")
                                    .arg(QLatin1String(trend))
                                    .arg(zero + span.begin / width)
                                    .arg(zero + (span.end - 1) / width)
@@ -213,6 +215,8 @@ Result<bool> beginRollups(SqlChannel &connection, const TableName &table, const 
     QStringList statements;
     if (!*there) {
         statements = creationOfRollups();
+        // Where somebody dropped the buckets, all tables begin anew.
+        statements << QStringLiteral("update %1 set MARK=0,MARKED=NULL,FRONT=0").arg(QLatin1String(series));
     } else {
         const auto levelsNow = connection.ask(site, QStringLiteral("select LEVELS from %1 where COLLECTOR=%2")
                                                         .arg(QLatin1String(series), quoted(table.text())));

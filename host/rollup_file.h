@@ -102,6 +102,9 @@ Status addToRollups(SqlChannel &connection, const Site &site, const std::vector<
 Result<bool> addNextRows(SqlChannel &connection, const Site &site, const QString &table, qint64 most,
                          RollupState &state);
 
+/// What `front` should be.
+Result<qint64> rightFront(SqlChannel &connection, const Site &site, const RollupState &state);
+
 /// Within the caller's transaction: puts buckets of a level in the place of those that the file has, and makes the
 /// wider ones fit them. Unless sums `mayShrink`, those of the wider ones that say more than the narrower ones stay.
 Status replaceBuckets(SqlChannel &connection, const Site &site, const RollupState &state, size_t level,

@@ -83,6 +83,29 @@ Status NewBuckets::write(SqlChannel &connection, const Site &site, Some begin, S
     return connection.run(site, QString::fromLatin1(sql));
 }
 
+// In the place of those that are in the file; nothing: none.
+Status putInPlace(SqlChannel &connection, const Site &site, qint64 number, qint64 width, const RightBuckets &right)
+{
+    NewBuckets buckets;
+    QStringList keys;
+    const auto remove = [&] {
+        return keys.isEmpty() ? Status()
+                              : connection.run(site, QStringLiteral("delete from \"device trend\" where K in (%1)")
+                                                         .arg(std::exchange(keys, {}).join(QLatin1Char(','))));
+    };
+    for (const auto &[start, bucket] : right) {
+        keys << QString::number(bucketKey(number, width, start));
+        if (bucket)
+            buckets.add(number, width, start, *bucket);
+        if (keys.size() == bucketsOfAStatement) {
+            if (const Status done = remove(); !done)
+                return done;
+        }
+    }
+    const Status done = remove();
+    return done ? buckets.write(connection, site) : done;
+}
+
 // The buckets of one of the wider levels. Those behind the front are in the file: what came late is added to them.
 // Those that the front passes now are put together from the level below, which is in the file up to there.
 Status addToWider(SqlChannel &connection, const Site &site, const RollupState &state, size_t level,
@@ -105,32 +128,25 @@ Status addToWider(SqlChannel &connection, const Site &site, const RollupState &s
             wider[part.start / width * width].add(*part.bucket);
         }
     }
+    // None is there yet, unless somebody changed where the latest bucket is: what would be added to it has it already.
+    const auto strange = storedBuckets(connection, site, state.number, width, {closed, nowClosed});
+    if (!strange)
+        return strange.error();
+    RightBuckets instead;
+    for (const StoredBucket &each : *strange) {
+        const auto made = wider.find(each.start);
+        if (made == wider.end())
+            continue;
+        if (!each.bucket || each.bucket->rows() < made->second.rows())
+            instead[each.start] = made->second;
+        wider.erase(made);
+    }
+    if (const Status done = putInPlace(connection, site, state.number, width, instead); !done)
+        return done;
     NewBuckets buckets;
     for (const auto &[start, bucket] : wider)
         buckets.add(state.number, width, start, bucket);
     return buckets.write(connection, site);
-}
-
-Status putInPlace(SqlChannel &connection, const Site &site, qint64 number, qint64 width, const RightBuckets &right)
-{
-    NewBuckets buckets;
-    QStringList keys;
-    const auto remove = [&] {
-        return keys.isEmpty() ? Status()
-                              : connection.run(site, QStringLiteral("delete from \"device trend\" where K in (%1)")
-                                                         .arg(std::exchange(keys, {}).join(QLatin1Char(','))));
-    };
-    for (const auto &[start, bucket] : right) {
-        keys << QString::number(bucketKey(number, width, start));
-        if (bucket)
-            buckets.add(number, width, start, *bucket);
-        if (keys.size() == bucketsOfAStatement) {
-            if (const Status done = remove(); !done)
-                return done;
-        }
-    }
-    const Status done = remove();
-    return done ? buckets.write(connection, site) : done;
 }
 
 // The buckets of a wider level that follow from those of the level below that were put in place, and from where the
@@ -224,9 +240,10 @@ Status addToRollups(SqlChannel &connection, const Site &site, const std::vector<
 Result<bool> addNextRows(SqlChannel &connection, const Site &site, const QString &table, qint64 most,
                          RollupState &state)
 {
-    const auto rows =
-        connection.ask(site, QStringLiteral("select ID,DATETIME,Value from %1 where ID>%2 order by ID limit %3")
-                                 .arg(table, QString::number(state.mark), QString::number(most)));
+    const auto rows = connection.ask(
+        site, QStringLiteral("select ID,case typeof(DATETIME) when 'text' then DATETIME end,Value from %1 where ID>%2 "
+                             "order by ID limit %3")
+                  .arg(table, QString::number(state.mark), QString::number(most)));
     if (!rows)
         return rows.error();
     TimeReader times(false);
@@ -249,6 +266,22 @@ Result<bool> addNextRows(SqlChannel &connection, const Site &site, const QString
     return isAtEnd;
 }
 
+Result<qint64> rightFront(SqlChannel &connection, const Site &site, const RollupState &state)
+{
+    const qint64 width = state.levels.front();
+    const qint64 first = bucketKey(state.number, width, 0);
+    const auto newest =
+        connection.query(site, QStringLiteral("select max(K) from \"device trend\" where K>=%1 and K<=%2")
+                                   .arg(first)
+                                   .arg(bucketKey(state.number, width, lastSecond)));
+    if (!newest)
+        return newest.error();
+    const QString &key = newest->first().first();
+    // Before the floor there were buckets, of which nothing is left.
+    const qint64 least = std::min(state.front, state.floors.front());
+    return key.isEmpty() ? least : std::max(least, (key.toLongLong() - first) * width);
+}
+
 // What the buckets of one level should be is known; the wider levels follow from them. A bucket that says more than the
 // narrower ones stays: rows may have been removed since.
 Status replaceBuckets(SqlChannel &connection, const Site &site, const RollupState &state, size_t level,
@@ -258,19 +291,10 @@ Status replaceBuckets(SqlChannel &connection, const Site &site, const RollupStat
         return done;
     RollupState now = state;
     if (level == 0) {
-        const qint64 width = state.levels.front();
-        const qint64 first = bucketKey(state.number, width, 0);
-        const auto newest = connection.ask(site, QStringLiteral("select max(K) from \"device trend\" where K>=%1 and "
-                                                                "K<=%2")
-                                                     .arg(first)
-                                                     .arg(bucketKey(state.number, width, lastSecond)));
-        if (!newest)
-            return newest.error();
-        const QString &key = newest->first().first();
-        // Before the floor there were buckets, of which nothing is left.
-        now.front = std::min(state.front, state.floors.front());
-        if (!key.isEmpty())
-            now.front = std::max(now.front, (key.toLongLong() - first) * width);
+        const auto front = rightFront(connection, site, state);
+        if (!front)
+            return front.error();
+        now.front = *front;
         if (now.front != state.front) {
             if (const Status done =
                     connection.run(site, QStringLiteral("update \"device trend series\" set FRONT=%1 where N=%2")

@@ -90,8 +90,9 @@ LocalTime TimeReader::read(const Character *text, qint64 size)
     if (!sameDay) {
         for (int i = 0; i < 10; ++i)
             m_dayText[i] = ushort(unit(text[i]));
-        m_day = unit(text[4]) == '-' && unit(text[7]) == '-'
-                    ? QDate(digits(text, 4), digits(text + 5, 2), digits(text + 8, 2))
+        const int year = digits(text, 4); // QDate knows years before the first, too
+        m_day = year > 0 && unit(text[4]) == '-' && unit(text[7]) == '-'
+                    ? QDate(year, digits(text + 5, 2), digits(text + 8, 2))
                     : QDate();
     }
     return LocalTime(m_day, QTime(digits(text + 11, 2), digits(text + 14, 2), digits(text + 17, 2),

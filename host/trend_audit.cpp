@@ -28,11 +28,12 @@ Result<QString> versionOf(SqlChannel &connection, const Site &site)
 
 } // namespace
 
-void TrendAudit::begin(const QStringList &tables)
+void TrendAudit::begin(SqlChannel &connection, const QStringList &tables)
 {
     m_tables = tables;
-    m_left.clear();
-    m_version.clear();
+    m_version = versionOf(connection, trendSite(QStringLiteral("all tables"))).valueOr(QString());
+    m_left = m_version.isEmpty() ? QStringList() : tables;
+    beginTable();
 }
 
 void TrendAudit::rowsRemoved(const QString &table)
@@ -111,7 +112,14 @@ Result<TrendAudit::Step> TrendAudit::look(SqlChannel &connection, const Site &si
         return Step();
     }
     Step step;
-    if (!stretch->wrong.empty()) {
+    bool isWrong = !stretch->wrong.empty();
+    if (m_level == 0 && m_begin == 0) {
+        const auto front = rightFront(connection, site, **state);
+        if (!front)
+            return front.error();
+        isWrong = isWrong || *front != (*state)->front;
+    }
+    if (isWrong) {
         const auto mended = mend(connection, site);
         if (!mended)
             return mended.error();
@@ -184,10 +192,8 @@ Result<TrendAudit::Stretch> TrendAudit::compare(SqlChannel &connection, const Si
         const qint64 rows = right == stretch.expected.end() ? 0 : right->second.rows();
         if (found->bucket && rows > 0 && isSame(*found->bucket, right->second))
             continue;
-        const bool shrinks = found->bucket && found->bucket->rows() > rows;
-        if (shrinks && m_someAreRemoved)
+        if (found->bucket && found->bucket->rows() > rows && m_someAreRemoved)
             continue;
-        stretch.shrinks = stretch.shrinks || shrinks;
         stretch.wrong[start] = rows > 0 ? std::optional<Bucket>(right->second) : std::nullopt;
     }
     return stretch;
@@ -198,8 +204,9 @@ Status TrendAudit::sumRowsUp(SqlChannel &connection, const Site &site, const Rol
     QString from;
     appendTime(from, timeOfSeconds(std::max(m_begin, state.floors.front())), false);
     const auto rows = connection.query(
-        site, QStringLiteral("select DATETIME,Value from %1 where DATETIME>=%2 and ID>0 and +ID<=%3 order by "
-                             "DATETIME,ID limit %4")
+        site, QStringLiteral(
+                  "select DATETIME,Value from %1 where DATETIME>=%2 and DATETIME<x'' and ID>0 and +ID<=%3 order by "
+                  "DATETIME,ID limit %4")
                   .arg(site.table, quoted(from), QString::number(state.mark), QString::number(m_most)));
     if (!rows)
         return rows.error();

@@ -18,8 +18,8 @@ namespace device
 class TrendAudit
 {
 public:
-    /// The next slice begins a pass through these tables, whatever was looked at before.
-    void begin(const QStringList &tables);
+    /// Begins a pass through these tables, of whose rows the caller has read none so far.
+    void begin(SqlChannel &connection, const QStringList &tables);
     /// Through this connection: some sums of the table have more rows than it from now on.
     void rowsRemoved(const QString &table);
     bool hasTables() const { return !m_tables.isEmpty(); }
@@ -39,7 +39,6 @@ private:
         qint64 end = 0;
         Buckets expected;   ///< All that are known up to the end.
         RightBuckets wrong; ///< Of these and those in the file.
-        bool shrinks = false;
     };
 
     Result<Step> look(SqlChannel &connection, const Site &site);

@@ -235,13 +235,14 @@ Status TrendReading::buckets(const Spans &spans, qint64 width, const BucketReade
 Status TrendReading::someBuckets(const QStringList &keys, qint64 width, const BucketReader &add)
 {
     const qint64 first = bucketKey(m_rollups->number, width, 0);
-    const auto joined =
-        m_connection.query(m_site, QLatin1String("select group_concat(K||';'||D,'|') from \"device trend\" where ") +
-                                       keys.join(QLatin1String(" or ")));
+    const auto joined = m_connection.query(
+        m_site, QLatin1String("select group_concat(K||';'||D,'|'),count(*) from \"device trend\" where ") +
+                    keys.join(QLatin1String(" or ")));
     if (!joined)
         return joined.error();
     const QByteArray text = joined->first().first().toUtf8();
     const char *const end = text.constData() + text.size();
+    qint64 count = 0; // a sum that is NULL, or has a NUL in it, is missing in the text
     for (const char *at = text.constData(); at < end;) {
         const char *const stop = std::find(at, end, '|');
         const char *const value = std::find(at, stop, ';');
@@ -249,7 +250,10 @@ Status TrendReading::someBuckets(const QStringList &keys, qint64 width, const Bu
         if (value == stop || place < 0 || place > lastSecond / width || !add(place * width, value + 1, stop))
             return m_site.error(Error::Failed, QStringLiteral("the buckets of its trend cannot be read"));
         at = stop + 1;
+        ++count;
     }
+    if (count != joined->first().at(1).toLongLong())
+        return m_site.error(Error::Failed, QStringLiteral("the buckets of its trend cannot be read"));
     return {};
 }
 

@@ -97,7 +97,7 @@ void Recorder::Worker::keepRollups()
     if (!m_rollupsAreKnown) {
         done = m_rollups.open(*m_connection);
         m_rollupsAreKnown = done || !isOfTheFile(done.error().code());
-        m_audit.begin(m_rollups.tables());
+        m_audit.begin(*m_connection, m_rollups.tables());
         m_nextAudit = {};
     } else if (const Status fits = m_retention.room().prepare(*m_connection, m_options.batchRows); !fits) {
         m_nextRollups = Clock::now() + retryPause;

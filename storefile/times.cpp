@@ -48,10 +48,11 @@ std::optional<qint64> timeIn(const QByteArray &time, bool milliseconds)
     if (at[4] != '-' || at[7] != '-' || at[10] != ' ' || at[13] != ':' || at[16] != ':' ||
         (milliseconds && at[19] != '.'))
         return std::nullopt;
-    const QDate date(digits(at, 4), digits(at + 5, 2), digits(at + 8, 2));
+    const int year = digits(at, 4); // QDate knows years before the first, too
+    const QDate date(year, digits(at + 5, 2), digits(at + 8, 2));
     const QTime clock(digits(at + 11, 2), digits(at + 14, 2), digits(at + 17, 2),
                       milliseconds ? digits(at + 20, 3) : 0);
-    if (!date.isValid() || !clock.isValid())
+    if (year < 1 || !date.isValid() || !clock.isValid())
         return std::nullopt;
     return (date.toJulianDay() - 2440588) * 86400000 + clock.msecsSinceStartOfDay();
 }

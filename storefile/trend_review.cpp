@@ -139,8 +139,9 @@ Result<TrendReview> Review::run(const QString &table, const std::function<void(q
     const QByteArray name = identifier(table);
     if (const Status opened = open(name); !opened)
         return opened.error();
-    auto rows = m_database.prepare("select DATETIME,Value from " + name +
-                                   " where ID>0 and ID<=" + QByteArray::number(m_state.mark) + " order by DATETIME,ID");
+    auto rows =
+        m_database.prepare("select DATETIME,Value from " + name + " where typeof(DATETIME)<>'blob' and ID>0 and ID<=" +
+                           QByteArray::number(m_state.mark) + " order by DATETIME,ID");
     if (!rows)
         return rows.error();
     device::TimeReader times(false);

@@ -262,6 +262,17 @@ TEST_F(Trends, FollowAnImport)
     EXPECT_TRUE(answer.endsWith("? 3\n"));
 }
 
+// SQLite has it behind all texts, where its sum would be met a second time.
+TEST_F(Trends, ATimeThatIsABlobIsInNoSum)
+{
+    make();
+    change("update Boiler set DATETIME=cast(DATETIME as blob) where ID=1000"_q);
+    trends("on");
+    EXPECT_FALSE(checked().contains("differ"));
+    EXPECT_TRUE(trends("rebuild").contains("0 sums made anew, 0 removed"));
+    EXPECT_FALSE(checked().contains("differ"));
+}
+
 TEST_F(Trends, AreSummedUpBeforeRowsAreDeleted)
 {
     make();

@@ -210,14 +210,35 @@ TEST_F(TrendAudits, LeaveSumsOfRowsThatWereRemoved)
 // An edit of the newest row is no reason to forget what nothing could tell again.
 TEST_F(TrendAudits, KeepSumsOfRemovedRowsWhenTheNewestRowIsEdited)
 {
+    for (const char *remains : {"0", "1"}) {
+        removeFiles();
+        auto recorder = recorded();
+        const std::string first = shown(TrendLevel::Hour, "2024-05-07 23:59:59"_q);
+        recorder.reset();
+        change("delete from Boiler where ID<=2160 and ID>"_q + QLatin1String(remains));
+        change("update Boiler set Value='4321',DATETIME='2024-05-08 05:59:41' where ID=3240"_q);
+        recorder = trendRecorder();
+        EXPECT_TRUE(eventually([&] { return shown(TrendLevel::Minute).find("4321@") != std::string::npos; }));
+        EXPECT_EQ(shown(TrendLevel::Hour, "2024-05-07 23:59:59"_q), first);
+    }
+}
+
+TEST_F(TrendAudits, CountNoRowTwiceWhenTheLatestSumIsForgotten)
+{
     auto recorder = recorded();
-    const std::string first = shown(TrendLevel::Hour, "2024-05-07 23:59:59"_q);
     recorder.reset();
     change("delete from Boiler where ID<=2160"_q);
-    change("update Boiler set Value='4321',DATETIME='2024-05-08 05:59:41' where ID=3240"_q);
-    recorder = trendRecorder();
-    EXPECT_TRUE(eventually([&] { return shown(TrendLevel::Minute).find("4321@") != std::string::npos; }));
-    EXPECT_EQ(shown(TrendLevel::Hour, "2024-05-07 23:59:59"_q), first);
+    const std::string first = shown(TrendLevel::Hour, "2024-05-07 23:59:59"_q);
+    options.auditPause = milliseconds(-1);
+    for (const char *front : {"0", "NULL", "FRONT-40000"}) {
+        change("update \"device trend series\" set FRONT="_q + QLatin1String(front));
+        recorder = trendRecorder();
+        for (int i = 0; i < 200; ++i)
+            require(recorder->record(boiler, sampleOf(allRows + i)));
+        require(recorder->stop(milliseconds(20000)));
+        EXPECT_EQ(shown(TrendLevel::Hour, "2024-05-07 23:59:59"_q), first) << front;
+        EXPECT_EQ(shown(TrendLevel::Day, "2024-05-07 23:59:59"_q).find("2160/"), std::string::npos) << front;
+    }
 }
 
 // One slice after the other, without a recorder.
@@ -236,7 +257,7 @@ protected:
         OpenOptions file;
         file.profile = Profile::Durable;
         m_connection = require(Connection::open(library(), path(), file));
-        m_audit.begin({"Boiler"_q});
+        m_audit.begin(*m_connection, {"Boiler"_q});
     }
     // To the end of the pass; the sums made anew.
     qint64 finish()
@@ -285,7 +306,55 @@ TEST_F(Slices, LeaveWiderSumsWhereTheFinestWereRemovedByAge)
     change("update \"device trend\" set D='junk' where K=(select max(K) from "_q + finest + ")"_q);
     EXPECT_EQ(finish(), 1);
     EXPECT_EQ(valueOf(path(), "select count(*) from "_q + finest), "0"_q);
-    EXPECT_EQ(rowsOf(path(), wider), before);
+    const Rows after = rowsOf(path(), wider);
+    for (const QStringList &sum : before)
+        EXPECT_TRUE(after.contains(sum)) << sum.join(QLatin1Char(' ')).toStdString();
+}
+
+TEST_F(Slices, PutRightWhereTheLatestSumIs)
+{
+    open();
+    const QString series = "select FRONT from \"device trend series\""_q;
+    const QString right = valueOf(path(), series);
+    const Rows sums = rowsOf(path(), "select K,D from \"device trend\" order by K"_q);
+    for (const char *front : {"0", "FRONT-86400", "FRONT+86400"}) {
+        change("update \"device trend series\" set FRONT="_q + QLatin1String(front));
+        (void)finish();
+        EXPECT_EQ(valueOf(path(), series), right) << front;
+        EXPECT_EQ(rowsOf(path(), "select K,D from \"device trend\" order by K"_q), sums) << front;
+    }
+}
+
+// SQLite has them behind all texts.
+TEST_F(Slices, TakeATimeThatIsABlobForNone)
+{
+    open();
+    change("update Boiler set DATETIME=cast(DATETIME as blob) where ID in (100,3000)"_q);
+    m_audit.begin(*m_connection, {"Boiler"_q});
+    EXPECT_EQ(finish(), 2);
+    EXPECT_TRUE(areThoseOfTheRows());
+    TrendOptions days;
+    days.levels = {TrendLevel::Day};
+    trendRecorder(days);
+    auto recorder = trendRecorder(); // makes all anew
+    ASSERT_TRUE(catchesUp());
+    EXPECT_TRUE(areThoseOfTheRows());
+}
+
+TEST_F(Slices, TakeNothingForASumThatIsNone)
+{
+    open();
+    const QString one = " where K=(select K from \"device trend\" where K>>36&15=1 order by K limit 1 offset 50)"_q;
+    for (const char *sum :
+         {"D||char(0)", "NULL", "cast(D as blob)||x'00'", "replace(D,substr(D,3,instr(substr(D,3),';')-1),'inf')"}) {
+        change("update \"device trend\" set D="_q + QLatin1String(sum) + one);
+        auto store = require(HistoryStore::open(library(), path()));
+        const auto range = TrendQuery::between(at(QString::fromLatin1(firstDay)), at(QString::fromLatin1(lastDay)));
+        const auto read = store.trend(boiler, TrendQuery(range).columns(4320));
+        EXPECT_TRUE(!read || QLatin1String(sum).startsWith(QLatin1String("replace"))) << sum;
+        EXPECT_EQ(finish(), 1) << sum;
+        EXPECT_TRUE(areThoseOfTheRows()) << sum;
+    }
 }
 
 TEST_F(Slices, DoNotTakeRowsThatGoMeanwhileForAnEdit)
@@ -317,7 +386,7 @@ TEST_F(Slices, LeaveAloneWhatTheyCannotJudge)
         ASSERT_TRUE(catchesUp());
     }
     change("update Boiler set Value='-3' where ID in (2,20000,28240)"_q);
-    m_audit.begin({"Boiler"_q, "Missing"_q});
+    m_audit.begin(*m_connection, {"Boiler"_q, "Missing"_q});
     EXPECT_EQ(finish(), 1);
     change("insert into Boiler select NULL,'2024-05-09T'||ID,1 from Boiler"_q);
     change("update Boiler set Value='-4' where ID=3"_q);

@@ -8,7 +8,10 @@
 class Trends : public Recorders
 {
 protected:
-    Rows rowsOfFile() const { return rowsOf(path(), "select ID,DATETIME,Value from Boiler order by ID"_q); }
+    Rows rowsOfFile() const
+    {
+        return rowsOf(path(), "select ID,DATETIME,Value from Boiler where typeof(DATETIME)<>'blob' order by ID"_q);
+    }
     QString stateOfFile() const
     {
         return valueOf(path(), "select MARK=(select seq from sqlite_sequence where name='Boiler') from "

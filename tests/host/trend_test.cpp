@@ -2,6 +2,7 @@
 #include "trend_fixture.h"
 
 #include "bucket.h"
+#include "time_text.h"
 
 namespace
 {
@@ -84,6 +85,16 @@ TEST(Bucket, SumsUpWithoutLosingWhatIsSmall)
     Bucket huge = bucketOf({{0, "1e308"}, {0, "1e308"}});
     EXPECT_TRUE(std::isinf(huge.mean()));
     EXPECT_EQ(huge.lowest().text, "1e308");
+}
+
+TEST(TimeReader, TakesYearsThatTheTablesCanHold)
+{
+    TimeReader times(false);
+    const auto isTime = [&](const char *text) { return times.read(text, qint64(qstrlen(text))).isValid(); };
+    EXPECT_TRUE(isTime("0001-01-01 00:00:00"));
+    EXPECT_TRUE(isTime("9999-12-31 23:59:59"));
+    EXPECT_FALSE(isTime("0000-01-01 00:00:00"));
+    EXPECT_FALSE(isTime("-024-05-06 07:08:09"));
 }
 
 TEST(TrendColumns, AreAsNarrowAsTheirNumberAllows)
@@ -208,10 +219,30 @@ TEST_F(Trends, BeginAnewWithATableThatWasEmptied)
     expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
 }
 
+TEST_F(Trends, ComeBackWhenATableOfTheirsWasDropped)
+{
+    for (const char *dropped : {"device trend", "device trend series"}) {
+        removeFiles();
+        auto recorder = trendRecorder();
+        record(*recorder, 0, 3000);
+        require(recorder->stop(milliseconds(20000)));
+        OtherProgram(path()).run("drop table \"%1\""_q.arg(QLatin1String(dropped)));
+        expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
+        recorder = trendRecorder();
+        ASSERT_TRUE(catchesUp()) << dropped;
+        require(recorder->stop(milliseconds(20000)));
+        EXPECT_NE(valueOf(path(), "select count(*) from \"device trend\""_q), "0"_q) << dropped;
+        expectTrend("2024-05-06 00:00:00"_q, "2024-05-06 23:59:59"_q, 10);
+    }
+}
+
 TEST_F(Trends, OutliveTheirRows)
 {
     auto recorder = trendRecorder();
     record(*recorder, 0, 10000);
+    require(recorder->stop(milliseconds(20000)));
+    recorder = trendRecorder(); // the former one may have stopped before it had summed up all
+    ASSERT_TRUE(catchesUp());
     require(recorder->stop(milliseconds(20000)));
     const Rows all = rowsOfFile();
     auto store = require(HistoryStore::open(library(), path()));

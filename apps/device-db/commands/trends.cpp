@@ -307,7 +307,9 @@ Outcome change(TrendsCommand command, Action action)
     for (const device::TableName &table : tables) {
         const auto done = action(command, *database, table);
         if (!done && Interruption::came())
-            return interrupted(command, QStringLiteral("the trend of %1 is as it was").arg(table.text()));
+            return interrupted(command, QStringLiteral("what is done for the trend of %1 stays; a recorder or the same "
+                                                       "command goes on")
+                                            .arg(table.text()));
         if (!done || *done != Done)
             return done;
     }
