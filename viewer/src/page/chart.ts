@@ -1,0 +1,417 @@
+// SPDX-License-Identifier: MIT
+//
+// The panes above each other in step, the events below them, both cursors, and everything that a hand can do to them.
+import type {CurveAnswer, TrendAnswer} from '../reading/source.js';
+import {colour, h} from './dom.js';
+import {drawEvents, heightOf, laneAt} from './events_strip.js';
+import type {Events} from './events_strip.js';
+import {leftSide, Pane, rightSide} from './pane.js';
+import type {Colours, Drawn, View} from './pane.js';
+import type {Workspace} from './workspace.js';
+
+const paneHeight = 150;
+const axisHeight = 40;
+const askAfter = 80; // milliseconds without another change of the view
+
+export function coloursOf(theme?: Element): Colours {
+    return {text: colour('text', theme), faint: colour('muted', theme), grid: colour('grid', theme)};
+}
+
+/** The series of each pane: all in one, or one for each. */
+export function groupsOf(workspace: Workspace): string[][] {
+    const {chosen, isTogether} = workspace;
+    return isTogether || chosen.length === 0 ? [chosen] : chosen.map((key) => [key]);
+}
+
+export class Chart {
+    readonly element: HTMLElement;
+    readonly answers = new Map<string, CurveAnswer>();
+    /** Series whose answers are of another view, or not exact. */
+    readonly pending = new Set<string>();
+    events: Events = {alarms: null, log: null};
+    private panes: Pane[] = [];
+    private readonly stack = h('div', {class: 'panes'});
+    private readonly strip = h('canvas', {class: 'events', 'aria-hidden': 'true'});
+    private readonly cursorLine = h('div', {class: 'cursor', hidden: true});
+    private readonly markLine = h('div', {class: 'cursor mark', hidden: true});
+    private readonly selection = h('div', {class: 'selection', hidden: true});
+    private readonly pointers = new Map<number, {x: number; y: number}>();
+    private pressed: {x: number; view: View; selects: boolean; hasMoved: boolean} | null = null;
+    private asked = new AbortController();
+    private timer = 0;
+
+    /** `onAnswer`: figures may be others now. `onEvent`: an alarm or an entry was clicked. */
+    constructor(
+        private readonly workspace: Workspace,
+        private readonly onAnswer: () => void,
+        private readonly onEvent: (
+            kind: 'alarms' | 'log',
+            time: number,
+            id: number | null,
+            level: number | null,
+        ) => void,
+    ) {
+        this.element = h(
+            'div',
+            {
+                class: 'chart',
+                tabindex: '0',
+                role: 'application',
+                'aria-roledescription': 'chart',
+                'aria-label':
+                    'Trend. Arrow keys move, plus and minus zoom, Home shows all, comma and period move the cursor, ' +
+                    'Enter sets the second cursor, Escape removes it.',
+            },
+            this.stack,
+            this.strip,
+            this.selection,
+            this.cursorLine,
+            this.markLine,
+        );
+        this.listen();
+        new ResizeObserver(() => this.layOut()).observe(this.element);
+    }
+
+    /** Panes for what is chosen now. */
+    rebuild(): void {
+        this.panes.forEach((pane) => pane.destroy());
+        const groups = groupsOf(this.workspace);
+        this.panes = groups.map((_, i) => new Pane(i === groups.length - 1, coloursOf(), 600, paneHeight));
+        this.stack.replaceChildren(...this.panes.map((pane) => pane.element));
+        for (const key of this.answers.keys()) {
+            if (!this.workspace.chosen.includes(key)) this.answers.delete(key);
+        }
+        this.layOut();
+        this.ask();
+    }
+
+    get inner(): number {
+        return Math.max(50, this.element.clientWidth - leftSide - rightSide);
+    }
+
+    /** The value at a moment; null without one that is nearer than a gap. */
+    valueAt(answer: CurveAnswer, moment: number | null): number | null {
+        const {from, to} = this.workspace.view;
+        const distance = (to - from) / Math.max(1, answer.numbers - 1);
+        const near = Math.max(10 * distance, (3 * (to - from)) / this.inner);
+        return moment === null ? null : (nearestPoint(answer, moment, near)?.value ?? null);
+    }
+
+    timeAt(x: number): number {
+        const {from, to} = this.workspace.view;
+        return from + ((x - leftSide) / this.inner) * (to - from);
+    }
+
+    private placeOf(time: number): number {
+        const {from, to} = this.workspace.view;
+        return leftSide + ((time - from) / (to - from)) * this.inner;
+    }
+
+    private layOut(): void {
+        const width = this.element.clientWidth;
+        if (width === 0) return;
+        const room = this.element.clientHeight - heightOf(this.events) - axisHeight;
+        const each = Math.max(110, Math.floor(room / Math.max(1, this.panes.length)));
+        this.panes.forEach((pane) => pane.resize(width, each + (pane.showsTimes ? axisHeight : 0)));
+        this.draw();
+    }
+
+    drawnOf(keys: readonly string[], theme?: Element): Drawn[] {
+        return keys.map((key) => ({
+            title: this.workspace.titleOf(this.workspace.table(key)),
+            colour: colour(`series${this.workspace.colourOf(key)}`, theme),
+            answer: this.answers.get(key) ?? null,
+            steps: (this.workspace.overviews.get(key)?.steps ?? []).map(({after}) => after),
+        }));
+    }
+
+    draw(): void {
+        const colours = coloursOf();
+        groupsOf(this.workspace).forEach((keys, i) =>
+            this.panes[i]?.show(this.workspace.view, this.drawnOf(keys), colours),
+        );
+        const [width, height] = [this.element.clientWidth, heightOf(this.events)];
+        this.strip.width = width * devicePixelRatio;
+        this.strip.height = height * devicePixelRatio;
+        this.strip.style.width = `${width}px`;
+        this.strip.style.height = `${height}px`;
+        const ctx = this.strip.getContext('2d')!;
+        ctx.scale(devicePixelRatio, devicePixelRatio);
+        drawEvents(ctx, this.events, this.workspace.view, width);
+        this.drawCursors();
+    }
+
+    drawCursors(): void {
+        for (const [line, time] of [
+            [this.cursorLine, this.workspace.cursor],
+            [this.markLine, this.workspace.mark],
+        ] as const) {
+            const place = time === null ? -1 : this.placeOf(time);
+            line.hidden = !(place >= leftSide && place <= leftSide + this.inner);
+            line.style.transform = `translateX(${place}px)`;
+        }
+    }
+
+    /** The view has changed: what is there is drawn at once, the rest asked for when the hand rests. */
+    viewChanged(): void {
+        this.asked.abort();
+        this.workspace.chosen.forEach((key) => this.pending.add(key));
+        this.draw();
+        clearTimeout(this.timer);
+        this.timer = window.setTimeout(() => this.ask(), askAfter);
+    }
+
+    ask(): void {
+        clearTimeout(this.timer);
+        this.asked.abort();
+        this.asked = new AbortController();
+        const {signal} = this.asked;
+        const {source, view, chosen, full} = this.workspace;
+        this.pending.clear();
+        chosen.forEach((key) => this.pending.add(key));
+        if (!full) {
+            // Nobody knows yet which times there are, or there are none.
+            if (chosen.every((key) => this.workspace.overviews.get(key)?.exact)) this.pending.clear();
+            return;
+        }
+        const columns = Math.round(this.inner);
+        for (const key of chosen) void this.askFor(key, columns, signal);
+        const range = {from: view.from, to: view.to, columns};
+        for (const kind of ['alarms', 'log'] as const) {
+            const tables = this.workspace.tablesOf(kind);
+            const answers = new Map<string, TrendAnswer>();
+            const take =
+                (key: string) =>
+                (answer: TrendAnswer): void => {
+                    answers.set(key, answer);
+                    this.takeEvents(kind, [...answers.values()]);
+                };
+            for (const {key} of tables)
+                source
+                    .trend({table: key, ...range}, take(key), signal)
+                    .then(take(key), (error) => this.workspace.fail(error));
+        }
+    }
+
+    private async askFor(key: string, columns: number, signal: AbortSignal): Promise<void> {
+        const {source, view} = this.workspace;
+        const take = (answer: TrendAnswer): void => {
+            if (answer.kind !== 'samples' || signal.aborted) return;
+            this.answers.set(key, answer);
+            this.draw();
+            this.onAnswer();
+        };
+        try {
+            const exact = await source.trend({table: key, from: view.from, to: view.to, columns}, take, signal);
+            if (signal.aborted) return; // it came just then
+            this.pending.delete(key);
+            take(exact);
+            // With so few points a line to the next one outside is seen.
+            if (exact.kind === 'samples' && exact.points.length < columns) {
+                const length = view.to - view.from;
+                const wide = await source.trend(
+                    {table: key, from: view.from - length, to: view.to + length, columns: 3 * columns},
+                    () => undefined,
+                    signal,
+                );
+                if (wide.kind === 'samples')
+                    take({...exact, lines: wide.lines, points: wide.points, others: wide.others});
+            }
+        } catch (error) {
+            this.workspace.fail(error);
+        }
+    }
+
+    // Several files may have alarms: levels are joined lane by lane.
+    private takeEvents(kind: 'alarms' | 'log', answers: readonly TrendAnswer[]): void {
+        const before = heightOf(this.events);
+        if (kind === 'alarms') {
+            const lanes = answers.flatMap((answer) => (answer.kind === 'alarms' ? answer.lanes : []));
+            const levels = [...new Set(lanes.map(({level}) => level))].sort((a, b) => b - a);
+            const alarms = {
+                kind,
+                exact: answers.every(({exact}) => exact),
+                share: 1,
+                lanes: levels.map((level) => {
+                    const same = lanes.filter((lane) => lane.level === level);
+                    return {
+                        level,
+                        alarms: same.reduce((sum, lane) => sum + lane.alarms, 0),
+                        spans: same.flatMap(({spans}) => spans),
+                    };
+                }),
+            };
+            this.events = {...this.events, alarms};
+        } else {
+            const marks = answers.flatMap((answer) => (answer.kind === 'log' ? answer.marks : []));
+            this.events = {...this.events, log: {kind, exact: true, share: 1, marks}};
+        }
+        if (heightOf(this.events) !== before) this.layOut();
+        else this.draw();
+    }
+
+    private listen(): void {
+        const {element} = this;
+        element.addEventListener(
+            'wheel',
+            (event) => {
+                if (event.ctrlKey || !event.shiftKey)
+                    this.zoom(Math.exp(Math.max(-1, Math.min(1, event.deltaY / 300))), this.xOf(event));
+                else this.pan((event.deltaY || event.deltaX) / this.inner / 2);
+                event.preventDefault();
+            },
+            {passive: false},
+        );
+        element.addEventListener('pointerdown', (event) => this.press(event));
+        element.addEventListener('pointermove', (event) => this.move(event));
+        element.addEventListener('pointerup', (event) => this.release(event));
+        element.addEventListener('pointercancel', (event) => {
+            this.pointers.delete(event.pointerId);
+            this.pressed = null;
+        });
+        element.addEventListener('pointerleave', (event) => {
+            if (event.pointerType === 'mouse' && !this.pressed) this.workspace.setCursor(null);
+        });
+        element.addEventListener('dblclick', () => this.workspace.showAll());
+        element.addEventListener('keydown', (event) => this.key(event));
+    }
+
+    private xOf(event: MouseEvent): number {
+        return event.clientX - this.element.getBoundingClientRect().left;
+    }
+
+    private zoom(factor: number, x = leftSide + this.inner / 2): void {
+        const {from, to} = this.workspace.view;
+        const at = this.timeAt(Math.max(leftSide, Math.min(leftSide + this.inner, x)));
+        this.workspace.setView({from: at - (at - from) * factor, to: at + (to - at) * factor});
+    }
+
+    private pan(share: number): void {
+        const {from, to} = this.workspace.view;
+        this.workspace.setView({from: from + share * (to - from), to: to + share * (to - from)});
+    }
+
+    private press(event: PointerEvent): void {
+        if (event.button !== 0) return;
+        this.element.setPointerCapture(event.pointerId);
+        this.element.focus({preventScroll: true});
+        this.pointers.set(event.pointerId, {x: this.xOf(event), y: event.clientY});
+        this.pressed = {
+            x: this.xOf(event),
+            view: this.workspace.view,
+            selects: event.shiftKey,
+            hasMoved: this.pointers.size > 1,
+        };
+    }
+
+    private move(event: PointerEvent): void {
+        const x = this.xOf(event);
+        const before = this.pointers.get(event.pointerId);
+        if (before && this.pointers.size === 2) this.pinch(event.pointerId, x);
+        if (before) this.pointers.set(event.pointerId, {x, y: event.clientY});
+        if (!this.pressed || this.pointers.size !== 1) {
+            if (this.pointers.size === 0 && x >= leftSide) this.workspace.setCursor(this.timeAt(x));
+            return;
+        }
+        if (Math.abs(x - this.pressed.x) > 4) this.pressed.hasMoved = true;
+        if (this.pressed.hasMoved && this.pressed.selects) this.showSelection(this.pressed.x, x);
+        else if (this.pressed.hasMoved) {
+            const {from, to} = this.pressed.view;
+            const shift = ((this.pressed.x - x) / this.inner) * (to - from);
+            this.workspace.setView({from: from + shift, to: to + shift});
+        }
+    }
+
+    private pinch(moved: number, x: number): void {
+        const still = [...this.pointers].find(([id]) => id !== moved)![1].x;
+        const before = this.pointers.get(moved)!.x;
+        const [old, now] = [Math.abs(before - still), Math.abs(x - still)];
+        if (old > 10 && now > 10) this.zoom(old / now, (still + x) / 2);
+    }
+
+    private showSelection(from: number, to: number): void {
+        this.selection.hidden = false;
+        this.selection.style.left = `${Math.min(from, to)}px`;
+        this.selection.style.width = `${Math.abs(to - from)}px`;
+    }
+
+    private release(event: PointerEvent): void {
+        const {pressed} = this;
+        this.pointers.delete(event.pointerId);
+        if (this.pointers.size > 0) return;
+        this.pressed = null;
+        this.selection.hidden = true;
+        if (!pressed) return;
+        const x = this.xOf(event);
+        if (pressed.hasMoved && pressed.selects) {
+            const [from, to] = [this.timeAt(Math.min(pressed.x, x)), this.timeAt(Math.max(pressed.x, x))];
+            this.workspace.setView({from, to});
+        } else if (!pressed.hasMoved) {
+            this.click(event, x);
+        }
+    }
+
+    private click(event: PointerEvent, x: number): void {
+        const time = this.timeAt(x);
+        const y = event.clientY - this.strip.getBoundingClientRect().top;
+        const lane = y >= 0 ? laneAt(this.events, y) : null;
+        if (lane?.kind === 'log') {
+            const {marks} = this.events.log!;
+            let nearest = -1;
+            for (let i = 0; i < marks.length; i += 3) {
+                if (nearest < 0 || Math.abs(marks[i]! - time) < Math.abs(marks[nearest]! - time)) nearest = i;
+            }
+            if (nearest >= 0) this.onEvent('log', marks[nearest]!, marks[nearest + 2]!, null);
+        } else if (lane) {
+            this.onEvent('alarms', time, null, lane.level);
+        } else {
+            this.workspace.setCursor(time);
+            this.workspace.setMark(time);
+        }
+    }
+
+    private key(event: KeyboardEvent): void {
+        const {workspace} = this;
+        const middle = (workspace.view.from + workspace.view.to) / 2;
+        const step = ((workspace.view.to - workspace.view.from) / this.inner) * (event.shiftKey ? 20 : 2);
+        const actions: Record<string, () => void> = {
+            ArrowLeft: () => this.pan(-0.1),
+            ArrowRight: () => this.pan(0.1),
+            PageUp: () => this.pan(-0.9),
+            PageDown: () => this.pan(0.9),
+            ArrowUp: () => this.zoom(0.7),
+            ArrowDown: () => this.zoom(1 / 0.7),
+            '+': () => this.zoom(0.7),
+            '=': () => this.zoom(0.7),
+            '-': () => this.zoom(1 / 0.7),
+            Home: () => workspace.showAll(),
+            ',': () => workspace.setCursor((workspace.cursor ?? middle) - step),
+            '.': () => workspace.setCursor((workspace.cursor ?? middle) + step),
+            '<': () => workspace.setCursor((workspace.cursor ?? middle) - step),
+            '>': () => workspace.setCursor((workspace.cursor ?? middle) + step),
+            Enter: () => workspace.setMark(workspace.cursor ?? middle),
+            Escape: () => workspace.setMark(null),
+        };
+        const action = event.ctrlKey || event.metaKey || event.altKey ? undefined : actions[event.key];
+        if (action) {
+            action();
+            event.preventDefault();
+        }
+    }
+}
+
+/** The point that is nearest to a time; null without one within this distance. */
+function nearestPoint(answer: CurveAnswer, time: number, within: number): {time: number; value: number} | null {
+    const {points} = answer;
+    let [low, high] = [0, points.length / 2];
+    while (low < high) {
+        const middle = (low + high) >> 1;
+        if (points[2 * middle]! < time) low = middle + 1;
+        else high = middle;
+    }
+    const candidates = [low - 1, low].filter((i) => i >= 0 && 2 * i < points.length);
+    const nearest = candidates.sort((a, b) => Math.abs(points[2 * a]! - time) - Math.abs(points[2 * b]! - time))[0];
+    return nearest !== undefined && Math.abs(points[2 * nearest]! - time) <= within
+        ? {time: points[2 * nearest]!, value: points[2 * nearest + 1]!}
+        : null;
+}

@@ -1,0 +1,128 @@
+// SPDX-License-Identifier: MIT
+import {decodedTwice, grouped, visible} from '../reading/cells.js';
+import type {Cell} from '../reading/cells.js';
+import type {CsvOptions} from '../reading/csv.js';
+import type {TableInfo} from '../reading/source.js';
+import {columnsOf} from '../reading/tables.js';
+import {button, h} from './dom.js';
+import {lastedText, momentOf} from './rows_view.js';
+import type {Workspace} from './workspace.js';
+
+function open(title: string, content: readonly Node[], actions: readonly Node[]): HTMLDialogElement {
+    const heading = h('h2', {id: 'dialog-title'}, title);
+    const dialog = h(
+        'dialog',
+        {
+            'aria-labelledby': 'dialog-title',
+            onclose: () => dialog.remove(),
+            onclick: (event: Event) => {
+                if (event.target === dialog)
+                    // beside it
+                    dialog.close();
+            },
+        },
+        h('div', {class: 'dialog'}, heading, ...content, h('div', {class: 'actions'}, ...actions)),
+    );
+    document.body.append(dialog);
+    dialog.showModal();
+    return dialog;
+}
+
+/** A row whole: every cell, with line ends as they are. */
+export function showRow(workspace: Workspace, table: TableInfo, row: readonly Cell[]): void {
+    const list = h('dl');
+    const add = (title: string, text: string | null): void =>
+        void list.append(h('dt', {}, title), h('dd', {class: text === null && 'faint'}, text ?? 'NULL'));
+    columnsOf(table.kind).forEach((column, i) => {
+        const cell = row[i + 1] ?? null;
+        const text = cell !== null && column.twice ? decodedTwice(cell) : cell;
+        add(column.title, text === null ? null : text.split('\n').map(visible).join('\n'));
+    });
+    if (table.kind === 'alarms') add('Lasted', lastedText(row) || 'not known');
+    add('ID', row[0] ?? null);
+    const moment = momentOf(table, row);
+    const dialog = open(
+        workspace.titleOf(table),
+        [list],
+        [
+            moment !== null &&
+                button(
+                    'Show in trend',
+                    () => {
+                        dialog.close();
+                        workspace.goTo(moment);
+                    },
+                    {class: 'first'},
+                ),
+            button('Close', () => dialog.close()),
+        ].filter((action): action is HTMLButtonElement => action !== false),
+    );
+}
+
+/** How a CSV is to be written; `write` is called with the answer. */
+export function askHowCsv(name: string, rows: number, write: (options: CsvOptions) => Promise<void>): void {
+    const separator = h(
+        'select',
+        {id: 'csv-separator'},
+        h('option', {value: ','}, 'Comma'),
+        h('option', {value: ';'}, 'Semicolon'),
+        h('option', {value: '\t'}, 'Tab'),
+    );
+    const decimal = h('input', {type: 'checkbox'});
+    const bom = h('input', {type: 'checkbox'});
+    const save = button(
+        'Save',
+        () => {
+            save.disabled = true;
+            save.textContent = 'Writing …';
+            const options = {
+                separator: separator.value as CsvOptions['separator'],
+                decimalComma: decimal.checked,
+                bom: bom.checked,
+            };
+            void write(options).then(() => dialog.close());
+        },
+        {class: 'first'},
+    );
+    const dialog = open(
+        `Save ${name}`,
+        [
+            h('p', {}, `${grouped(rows)} ${rows === 1 ? 'row' : 'rows'}, exactly as the cells are.`),
+            h('p', {class: 'field'}, h('label', {for: 'csv-separator'}, 'Separator'), separator),
+            h('label', {class: 'check'}, decimal, 'Numbers with a decimal comma'),
+            h('label', {class: 'check'}, bom, 'Mark as UTF-8, for older spreadsheets'),
+        ],
+        [save, button('Cancel', () => dialog.close())],
+    );
+}
+
+export function showHelp(): void {
+    const keys: readonly (readonly [string, string])[] = [
+        ['Drag, arrow left and right', 'move'],
+        ['Wheel, pinch, + and −', 'zoom'],
+        ['Shift and drag', 'zoom to what is marked'],
+        ['Shift and wheel, Page up and down', 'move far'],
+        ['Double click, Home', 'show all'],
+        ['Click, Enter', 'set the second cursor'],
+        [', and . (with Shift: faster)', 'move the cursor'],
+        ['Escape', 'remove the second cursor'],
+        ['Click on an alarm or a log mark', 'show it in its list'],
+        ['1 to 5', 'change the view'],
+    ];
+    const list = h('dl', {class: 'keys'});
+    keys.forEach(([key, what]) => list.append(h('dt', {}, key), h('dd', {}, what)));
+    const dialog = open(
+        'Mouse, fingers and keys',
+        [
+            list,
+            h(
+                'p',
+                {class: 'faint'},
+                'Times are those of the device, exactly as the file has them, whatever the zone of this ' +
+                    'computer. The file is only read; ' +
+                    'nothing leaves this computer.',
+            ),
+        ],
+        [button('Close', () => dialog.close(), {class: 'first'})],
+    );
+}

@@ -1,0 +1,262 @@
+// SPDX-License-Identifier: MIT
+import {bytesText, rowsText, visible} from '../reading/cells.js';
+import type {Cause, Finding} from '../reading/findings.js';
+import type {TableInfo} from '../reading/source.js';
+import {button, h} from './dom.js';
+import {count, share} from './format.js';
+import type {Workspace} from './workspace.js';
+
+/** What to do about it. */
+const advice: Readonly<Record<Cause, string>> = {
+    malformed:
+        'Another program wrote these rows, or a host with another form of time. They are in the list of ' +
+        'rows, but not in trends. ' +
+        'Correct them in a copy of the file, or ask who writes them.',
+    unset:
+        'The device started without a set clock. Check its clock battery and its time service; the rows are ' +
+        'right but for their time.',
+    ahead:
+        'Check the clock of the device, and the one of this computer. A recorder believes such a time only ' +
+        'after a day.',
+    back:
+        'The clock was set, by a person, a time service or the end of summer time. The trend marks the place ' +
+        'and draws a new line.',
+    gap: 'The device was off, or its values did not change hands. Look for alarms and log entries at that time.',
+    half:
+        'An alarm needs a date and a time of its end, or two empty texts while it lasts. "device-db" ' +
+        'finds them with "sql"; the program ' +
+        'that ends alarms has to write both.',
+    otherEnd: 'Shown as if it lasted on. The program that ends alarms should write yyyy-MM-dd and hh:mm:ss.',
+    endsBefore: 'The clock was set back while the alarm was active, or its end was written wrongly.',
+    definition:
+        'Make the table anew as the store library does, and import its rows: "device-db export", then ' +
+        '"import --create".',
+    trigger: 'Something in the file acts by itself when rows are stored. Drop it unless you know what it is for.',
+    unique: 'Drop the index, or make it one that is not unique: "device-db tune" makes the right one.',
+    notListed:
+        'The rows are whole; only the name for people is missing. A host adds it when it creates the series again.',
+    noTable: 'Harmless: a series that was removed, or that had no table yet.',
+    noConfiguration: 'The series have no names for people. A host adds the list when it creates a series.',
+    damaged:
+        'Stop the device, keep this file as it is, and run "device-db salvage": it gets the rows out that are whole.',
+    rule: 'Rows break a rule of their table. "device-db check" lists them.',
+    freePages: 'Harmless: the next rows go there. "device-db vacuum" makes the file smaller.',
+    rollback:
+        '"device-db tune", once and while the device is stopped, switches to write-ahead mode: readers ' +
+        'then disturb nobody. Reading ' +
+        'a copy, as here, is safe.',
+    noIndex: '"device-db tune" adds one. Here, the table is read once instead.',
+    noLog: 'If there is a file of the same name with -wal at its end, drop both together.',
+    rolledBack: 'The device lost power in the middle of a transaction. When it opens the file again it does the same.',
+    foreign: 'Of another program; it is neither shown nor changed.',
+};
+
+const ranks = {damage: 0, attention: 1, note: 2};
+const titles = {damage: 'Damage', attention: 'Needs attention', note: 'Worth knowing'};
+
+interface Found {
+    readonly finding: Finding;
+    readonly table: TableInfo | null;
+    readonly file: string;
+}
+
+/** Those that say the same of several tables stand together. */
+function alike(found: readonly Found[]): Found[][] {
+    const groups = new Map<string, Found[]>();
+    for (const each of found) {
+        const {cause, what, detail, rows} = each.finding;
+        const key = rows > 0 ? JSON.stringify([each.table?.key, cause, what]) : JSON.stringify([cause, what, detail]);
+        groups.set(key, [...(groups.get(key) ?? []), each]);
+    }
+    return [...groups.values()];
+}
+
+export class FindingsView {
+    readonly element: HTMLElement;
+    private readonly content = h('div', {class: 'findings'});
+
+    constructor(private readonly workspace: Workspace) {
+        this.element = h('section', {class: 'findings-view', 'aria-label': 'Findings'}, this.content);
+        workspace.onChange((change) => {
+            if (change === 'overview' && workspace.tab === 'findings') this.show();
+        });
+    }
+
+    show(): void {
+        const focused = (document.activeElement as HTMLElement | null)?.dataset['focus'];
+        this.content.replaceChildren(this.files(), this.tables(), ...this.findings());
+        if (focused) this.content.querySelector<HTMLElement>(`[data-focus="${CSS.escape(focused)}"]`)?.focus();
+    }
+
+    private files(): HTMLElement {
+        const {files} = this.workspace;
+        const rows = files.map((file) =>
+            h(
+                'tr',
+                {},
+                h('th', {scope: 'row'}, file.name),
+                h('td', {class: 'right'}, bytesText(file.bytes)),
+                h(
+                    'td',
+                    {},
+                    file.error !== ''
+                        ? ''
+                        : file.journal === 'wal'
+                          ? file.walBytes > 0
+                              ? `write-ahead, ${bytesText(file.walBytes)} in the log`
+                              : 'write-ahead'
+                          : 'rollback',
+                ),
+                h(
+                    'td',
+                    {class: 'right'},
+                    file.error !== ''
+                        ? ''
+                        : `${count(file.pages)} of ${count(file.pageSize)} bytes, ${count(file.freePages)} free`,
+                ),
+                h('td', {}, file.encoding),
+            ),
+        );
+        return h(
+            'div',
+            {class: 'scroll', tabindex: '0', role: 'group', 'aria-label': 'Files'},
+            h(
+                'table',
+                {},
+                h('caption', {}, 'Files'),
+                h(
+                    'thead',
+                    {},
+                    h(
+                        'tr',
+                        {},
+                        ...['File', 'Size', 'Journal', 'Pages', 'Texts'].map((head, i) =>
+                            h('th', {scope: 'col', class: (i === 1 || i === 3) && 'right'}, head),
+                        ),
+                    ),
+                ),
+                h('tbody', {}, ...rows),
+            ),
+        );
+    }
+
+    private tables(): HTMLElement {
+        const {tables, overviews} = this.workspace;
+        const rows = tables.map((table) => {
+            const overview = overviews.get(table.key);
+            return h(
+                'tr',
+                {},
+                h('th', {scope: 'row'}, this.workspace.titleOf(table)),
+                h('td', {class: 'faint'}, table.name),
+                h('td', {}, table.kind),
+                h('td', {class: 'right'}, overview ? `${overview.exact ? '' : '≈ '}${count(overview.rows)}` : '…'),
+                h('td', {}, visible(overview?.first ?? '')),
+                h('td', {}, visible(overview?.last ?? '')),
+                h('td', {class: 'right'}, count(table.lastId)),
+                h('td', {}, table.indexed ? 'time' : 'none'),
+                h('td', {}, overview?.exact ? '' : overview ? share(overview.share) : 'waits'),
+            );
+        });
+        return h(
+            'div',
+            {class: 'scroll', tabindex: '0', role: 'group', 'aria-label': 'Tables'},
+            h(
+                'table',
+                {},
+                h('caption', {}, 'Tables'),
+                h(
+                    'thead',
+                    {},
+                    h(
+                        'tr',
+                        {},
+                        ...['Name', 'Table', 'Kind', 'Rows', 'First', 'Last', 'Last ID', 'Index', 'Read'].map(
+                            (head, i) => h('th', {scope: 'col', class: (i === 3 || i === 6) && 'right'}, head),
+                        ),
+                    ),
+                ),
+                h('tbody', {}, ...rows),
+            ),
+        );
+    }
+
+    private findings(): HTMLElement[] {
+        const {files, tables, overviews} = this.workspace;
+        const found: Found[] = [];
+        for (const [place, file] of files.entries()) {
+            if (file.error !== '')
+                found.push({
+                    table: null,
+                    file: file.name,
+                    finding: {
+                        severity: 'damage',
+                        cause: 'damaged',
+                        table: '',
+                        what: file.error,
+                        rows: 0,
+                        firstId: 0,
+                        detail: '',
+                    },
+                });
+            found.push(...file.findings.map((finding) => ({finding, table: null, file: file.name})));
+            for (const table of tables.filter((each) => each.file === place))
+                found.push(
+                    ...(overviews.get(table.key)?.findings ?? []).map((finding) => ({finding, table, file: file.name})),
+                );
+        }
+        found.sort((a, b) => ranks[a.finding.severity] - ranks[b.finding.severity]);
+        const isDone = tables.every(({key}) => overviews.get(key)?.exact);
+        const sections = (['damage', 'attention', 'note'] as const).flatMap((severity) => {
+            const some = found.filter(({finding}) => finding.severity === severity);
+            return some.length === 0
+                ? []
+                : [
+                      h('h2', {}, titles[severity]),
+                      h('ul', {class: 'cards'}, ...alike(some).map((each) => this.card(each))),
+                  ];
+        });
+        if (sections.length === 0)
+            sections.push(h('p', {class: 'empty'}, isDone ? 'Nothing odd was found.' : 'Nothing odd so far.'));
+        return sections;
+    }
+
+    private card(alike: readonly Found[]): HTMLElement {
+        const {workspace} = this;
+        const {finding, table} = alike[0]!;
+        const where = alike
+            .map((each) => (each.table ? workspace.titleOf(each.table) : each.finding.table || each.file))
+            .join(', ');
+        const action =
+            table &&
+            finding.firstId > 0 &&
+            button(
+                'Show the row',
+                () => {
+                    const tab = table.kind === 'samples' ? 'rows' : table.kind === 'alarms' ? 'alarms' : 'log';
+                    workspace.wanted.set(tab, {table: table.key, id: finding.firstId});
+                    workspace.setTab(tab);
+                },
+                {'data-focus': `${table.key} ${finding.cause}`},
+            );
+        const text = visible(finding.what) + (finding.detail === '' ? '' : `; ${visible(finding.detail)}`);
+        return h(
+            'li',
+            {class: `card card-${finding.severity}`},
+            h('h3', {}, where, finding.rows > 0 && h('span', {class: 'faint'}, ` ${rowsText(finding.rows)}`)),
+            h('p', {}, `${text.charAt(0).toUpperCase()}${text.slice(1)}.`),
+            h('p', {class: 'advice'}, advice[finding.cause]),
+            action,
+        );
+    }
+
+    /** How many need a look. */
+    get count(): number {
+        const {files, overviews} = this.workspace;
+        const all = [
+            ...files.flatMap(({findings}) => findings),
+            ...[...overviews.values()].flatMap(({findings}) => findings),
+        ];
+        return all.filter(({severity}) => severity !== 'note').length + files.filter(({error}) => error !== '').length;
+    }
+}

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: MIT
+//
+// What people read: numbers in the form of their language, times exactly as the device has them.
+import {duration, timeText} from '../reading/times.js';
+
+const value = new Intl.NumberFormat(undefined, {maximumSignificantDigits: 8});
+const huge = new Intl.NumberFormat(undefined, {maximumSignificantDigits: 6, notation: 'scientific'});
+const whole = new Intl.NumberFormat();
+const percent = new Intl.NumberFormat(undefined, {style: 'percent'});
+
+export function number(of: number): string {
+    const size = Math.abs(of);
+    return size !== 0 && (size >= 1e12 || size < 1e-6) ? huge.format(of) : value.format(of);
+}
+
+export function count(of: number): string {
+    return whole.format(of);
+}
+
+export function share(of: number): string {
+    return percent.format(of);
+}
+
+/** To the second, or to the millisecond where there is one. */
+export function time(of: number): string {
+    return timeText(of, of % 1000 !== 0);
+}
+
+/** A span with its sign. */
+export function span(of: number): string {
+    return (of < 0 ? '\u2212' : '') + duration(Math.abs(of));
+}
+
+const second = 1000;
+const minute = 60 * second;
+const hour = 60 * minute;
+const day = 24 * hour;
+const steps = [
+    1,
+    2,
+    5,
+    10,
+    20,
+    50,
+    100,
+    200,
+    500,
+    second,
+    2 * second,
+    5 * second,
+    10 * second,
+    15 * second,
+    30 * second,
+    minute,
+    2 * minute,
+    5 * minute,
+    10 * minute,
+    15 * minute,
+    30 * minute,
+    hour,
+    2 * hour,
+    3 * hour,
+    6 * hour,
+    12 * hour,
+    day,
+    2 * day,
+    7 * day,
+    14 * day,
+];
+const months = [1, 2, 3, 6, 12, 24, 60, 120, 240, 600, 1200];
+
+/** The places of the labels of an axis of time, at most so many. */
+export function timeTicks(from: number, to: number, most: number): number[] {
+    const step = steps.find((each) => (to - from) / each <= most);
+    const ticks: number[] = [];
+    if (step !== undefined) {
+        // Weeks begin on a Monday, as 1970-01-05 did.
+        const origin = step >= 7 * day ? 4 * day : 0;
+        for (let at = Math.ceil((from - origin) / step) * step + origin; at <= to; at += step) ticks.push(at);
+        return ticks;
+    }
+    const every = months.find((each) => (to - from) / (30.4 * day * each) <= most) ?? 1200;
+    const first = new Date(from).getUTCFullYear() * 12;
+    for (let month = Math.floor(first / every) * every; ; month += every) {
+        const at = Date.UTC(Math.floor(month / 12), month % 12, 1);
+        if (at > to) return ticks;
+        if (at >= from) ticks.push(at);
+    }
+}
+
+/** The labels of timeTicks(): the day is below the first and wherever it changes. */
+export function timeLabels(ticks: readonly number[]): string[] {
+    const step = ticks.length > 1 ? ticks[1]! - ticks[0]! : day;
+    let before = '';
+    return ticks.map((tick) => {
+        const text = timeText(tick, true);
+        const date = text.slice(0, 10);
+        if (step >= 28 * day)
+            return ticks.every((each) => timeText(each, false).slice(5, 10) === '01-01')
+                ? date.slice(0, 4)
+                : date.slice(0, 7);
+        if (step >= day) return date;
+        const clock = step < second ? text.slice(11) : step < minute ? text.slice(11, 19) : text.slice(11, 16);
+        const label = date === before ? clock : `${clock}\n${date}`;
+        before = date;
+        return label;
+    });
+}

@@ -1,0 +1,282 @@
+// SPDX-License-Identifier: MIT
+//
+// A table of any length: only the rows that are in view exist, and only pages around them are asked for.
+import type {Cell} from '../reading/cells.js';
+import type {RowQuery, RowsAnswer, Source} from '../reading/source.js';
+import {isCancelled} from '../worker/client.js';
+import {announce, h} from './dom.js';
+import {count, share} from './format.js';
+
+const rowHeight = 30;
+const pageRows = 100;
+const tallest = 8e6; // browsers know no taller element: longer tables scroll in proportion
+
+export interface Column {
+    readonly key: string;
+    readonly title: string;
+    readonly width: string; // of a grid
+    readonly isNumber?: boolean;
+    text(row: readonly Cell[]): string;
+    decorate?(cell: HTMLElement, row: readonly Cell[]): void;
+}
+
+export class List {
+    readonly element: HTMLElement;
+    readonly status = h('span', {class: 'status', role: 'status'});
+    total = 0;
+    isExact = false;
+    private query: RowQuery;
+    private readonly pages = new Map<number, readonly (readonly Cell[])[]>();
+    private readonly asked = new Set<number>();
+    private asking = new AbortController();
+    private active = 0;
+    private readonly head = h('div', {class: 'row head', role: 'row'});
+    private readonly body = h('div', {class: 'rows', role: 'rowgroup'});
+    private readonly space = h('div', {class: 'space', 'aria-hidden': 'true'});
+    private readonly scroller: HTMLElement;
+
+    /** `open`: a row was chosen. `sort`: a head was. */
+    constructor(
+        private readonly source: Source,
+        private readonly columns: readonly Column[],
+        title: string,
+        query: RowQuery,
+        private readonly open: (row: readonly Cell[]) => void,
+        private readonly fail: (error: unknown) => void,
+        private readonly sort: ((column: string) => void) | null,
+    ) {
+        this.query = query;
+        const template = columns.map(({width}) => width).join(' ');
+        this.scroller = h(
+            'div',
+            {
+                class: 'scroller',
+                role: 'grid',
+                tabindex: '0',
+                'aria-label': title,
+                'aria-colcount': columns.length,
+                onscroll: () => this.draw(),
+                onkeydown: (event: KeyboardEvent) => this.key(event),
+            },
+            h('div', {role: 'rowgroup', class: 'heads'}, this.head),
+            this.body,
+            this.space,
+        );
+        this.element = h('div', {class: 'list'}, this.scroller);
+        this.element.style.setProperty('--columns', template);
+        this.drawHead();
+        new ResizeObserver(() => this.draw()).observe(this.scroller);
+    }
+
+    get shownQuery(): RowQuery {
+        return this.query;
+    }
+
+    /** Another question: what it finds is shown from its beginning, or around the row that it names. */
+    async ask(query: RowQuery): Promise<void> {
+        this.asking.abort();
+        this.asking = new AbortController();
+        this.query = query;
+        this.drawHead();
+        this.status.textContent = 'Looking …';
+        const take = (answer: RowsAnswer): void => {
+            this.total = answer.total;
+            this.isExact = answer.exact;
+            if (answer.exact) this.keepPage(answer);
+            this.say(answer.share);
+            this.draw();
+        };
+        this.pages.clear();
+        this.asked.clear();
+        try {
+            const answer = await this.source.rows({...query, offset: 0, limit: pageRows}, take, this.asking.signal);
+            this.pages.clear();
+            take(answer);
+            this.active = Math.max(0, answer.found);
+            this.scrollTo(this.active);
+            this.draw();
+            announce(this.status.textContent ?? '');
+        } catch (error) {
+            this.fail(error);
+        }
+    }
+
+    /** The same question again, for what is in view: more is known of the table now. */
+    refresh(): void {
+        this.pages.clear();
+        this.draw();
+    }
+
+    // An answer around a row does not begin where a page does: only whole pages are kept, and the end of the table.
+    private keepPage({offset, rows}: RowsAnswer): void {
+        const end = offset + rows.length;
+        for (let begin = Math.ceil(offset / pageRows) * pageRows; begin < end; begin += pageRows) {
+            if (begin + pageRows <= end || end === this.total)
+                this.pages.set(begin / pageRows, rows.slice(begin - offset, begin - offset + pageRows));
+        }
+    }
+
+    private say(part: number): void {
+        this.status.textContent =
+            `${this.isExact ? '' : 'about '}${count(this.total)} ${this.total === 1 ? 'row' : 'rows'}` +
+            (this.isExact ? '' : `, ${share(part)} read`);
+    }
+
+    private drawHead(): void {
+        const {order} = this.query;
+        this.head.replaceChildren(
+            ...this.columns.map((column, i) => {
+                const isSorted =
+                    typeof order === 'object'
+                        ? order.column === column.key
+                        : column.key === 'time' || column.key === 'start'
+                          ? order === 'newest' || order === 'oldest'
+                          : false;
+                const descending = typeof order === 'object' ? order.descending : order === 'newest';
+                return h(
+                    'div',
+                    {
+                        role: 'columnheader',
+                        class: column.isNumber && 'right',
+                        'aria-colindex': i + 1,
+                        'aria-sort': isSorted
+                            ? descending
+                                ? 'descending'
+                                : 'ascending'
+                            : this.sort
+                              ? 'none'
+                              : undefined,
+                    },
+                    this.sort
+                        ? h(
+                              'button',
+                              {type: 'button', onclick: () => this.sort!(column.key)},
+                              column.title,
+                              isSorted && h('span', {'aria-hidden': 'true'}, descending ? ' ↓' : ' ↑'),
+                          )
+                        : column.title,
+                );
+            }),
+        );
+    }
+
+    private get height(): number {
+        return Math.min(tallest, this.total * rowHeight);
+    }
+
+    private get firstShown(): number {
+        const {scrollTop, clientHeight} = this.scroller;
+        const room = clientHeight - rowHeight;
+        const most = Math.max(1, this.height - room);
+        const rows = Math.max(0, this.total - room / rowHeight);
+        return this.height < tallest ? scrollTop / rowHeight : (scrollTop / most) * rows;
+    }
+
+    private scrollTo(row: number): void {
+        const room = this.scroller.clientHeight - rowHeight;
+        const rows = Math.max(1, this.total - room / rowHeight);
+        const middle = Math.max(0, row - room / rowHeight / 2);
+        this.space.style.height = `${this.height}px`;
+        this.scroller.scrollTop = this.height < tallest ? middle * rowHeight : (middle / rows) * (this.height - room);
+    }
+
+    draw(): void {
+        this.space.style.height = `${this.height}px`;
+        const first = Math.max(0, Math.floor(this.firstShown));
+        const last = Math.min(this.total, first + Math.ceil(this.scroller.clientHeight / rowHeight) + 1);
+        this.scroller.setAttribute('aria-rowcount', String(this.isExact ? this.total + 1 : -1));
+        const rows: HTMLElement[] = [];
+        for (let i = first; i < last; ++i) rows.push(this.rowAt(i));
+        const shift = this.height < tallest ? first * rowHeight : this.scroller.scrollTop;
+        this.body.style.transform = `translateY(${shift}px)`;
+        this.body.replaceChildren(...rows);
+        const active = rows.find((row) => row.id !== '');
+        if (active) this.scroller.setAttribute('aria-activedescendant', active.id);
+        else this.scroller.removeAttribute('aria-activedescendant');
+    }
+
+    private rowAt(i: number): HTMLElement {
+        const page = Math.floor(i / pageRows);
+        const row = this.pages.get(page)?.[i % pageRows];
+        if (!row) void this.load(page);
+        const isActive = i === this.active;
+        const open = (): void => {
+            this.active = i;
+            this.draw();
+            if (row) this.open(row);
+        };
+        return h(
+            'div',
+            {
+                role: 'row',
+                class: `row${isActive ? ' active' : ''}`,
+                'aria-rowindex': i + 2,
+                'aria-selected': String(isActive),
+                id: isActive ? `row-${this.query.table}-${i}`.replaceAll(/\s/g, '_') : undefined,
+                onclick: open,
+            },
+            ...this.columns.map((column, at) => {
+                const cell = h(
+                    'div',
+                    {role: 'gridcell', 'aria-colindex': at + 1, class: column.isNumber && 'right'},
+                    row ? column.text(row) : '…',
+                );
+                if (row) column.decorate?.(cell, row);
+                return cell;
+            }),
+        );
+    }
+
+    private async load(page: number): Promise<void> {
+        if (this.asked.has(page) || page < 0) return;
+        this.asked.add(page);
+        const {signal} = this.asking;
+        try {
+            const answer = await this.source.rows(
+                {...this.query, id: undefined, at: undefined, offset: page * pageRows, limit: pageRows},
+                () => undefined,
+                signal,
+            );
+            if (signal.aborted) return;
+            this.pages.set(page, answer.rows);
+            if (this.pages.size > 50) this.forget(page);
+            this.total = answer.total;
+            this.isExact = answer.exact;
+            this.say(answer.share);
+            this.draw();
+        } catch (error) {
+            if (!isCancelled(error)) this.fail(error);
+        } finally {
+            this.asked.delete(page);
+        }
+    }
+
+    private forget(near: number): void {
+        for (const page of this.pages.keys()) {
+            if (Math.abs(page - near) > 20) this.pages.delete(page);
+        }
+    }
+
+    private key(event: KeyboardEvent): void {
+        if (event.target !== this.scroller) return;
+        const screen = Math.max(1, Math.floor(this.scroller.clientHeight / rowHeight) - 2);
+        const moves: Record<string, number> = {
+            ArrowDown: this.active + 1,
+            ArrowUp: this.active - 1,
+            PageDown: this.active + screen,
+            PageUp: this.active - screen,
+            Home: 0,
+            End: this.total - 1,
+        };
+        const row = this.pages.get(Math.floor(this.active / pageRows))?.[this.active % pageRows];
+        const next = moves[event.key];
+        if (event.key === 'Enter' && row) this.open(row);
+        else if (next !== undefined) {
+            this.active = Math.max(0, Math.min(this.total - 1, next));
+            const first = Math.ceil(this.firstShown);
+            if (this.active < first || this.active >= first + screen) this.scrollTo(this.active);
+            this.draw();
+        } else return;
+        event.preventDefault();
+    }
+}

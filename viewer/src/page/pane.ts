@@ -1,0 +1,235 @@
+// SPDX-License-Identifier: MIT
+//
+// One picture with a scale of its own: axes and grid are uPlot's, the lines are drawn here, because gaps, steps of the
+// clock and points of several series at different times have no place in one table of columns.
+import uPlot from 'uplot';
+
+import type {CurveAnswer} from '../reading/source.js';
+import {number, timeLabels, timeTicks} from './format.js';
+
+/** What is drawn of one series. */
+export interface Drawn {
+    readonly title: string;
+    readonly colour: string;
+    readonly answer: CurveAnswer | null;
+    readonly steps: readonly number[]; // where the clock went back
+}
+
+export interface Colours {
+    readonly text: string;
+    readonly faint: string;
+    readonly grid: string;
+}
+
+export interface View {
+    readonly from: number;
+    readonly to: number;
+}
+
+/** All panes leave the same room at their sides, so that times are above each other. */
+export const leftSide = 64;
+export const rightSide = 16;
+
+const font = '12px system-ui, sans-serif';
+const axisHeight = 40;
+const labelWidth = 80;
+const labelRoom = 22;
+
+export class Pane {
+    readonly element = document.createElement('div');
+    private readonly plot: uPlot;
+    private drawn: readonly Drawn[] = [];
+    private view: View = {from: 0, to: 1};
+
+    constructor(
+        private readonly hasTimes: boolean,
+        private colours: Colours,
+        width: number,
+        height: number,
+    ) {
+        this.element.className = 'pane';
+        this.plot = new uPlot(
+            {
+                width,
+                height,
+                padding: [10, rightSide, hasTimes ? 0 : 6, 0],
+                legend: {show: false},
+                cursor: {show: false},
+                scales: {
+                    x: {time: false, range: () => [this.view.from, this.view.to]},
+                    y: {range: () => this.range()},
+                },
+                axes: [
+                    {
+                        show: true,
+                        size: hasTimes ? axisHeight : 0,
+                        font,
+                        stroke: () => this.colours.faint,
+                        grid: {stroke: () => this.colours.grid, width: 1},
+                        ticks: {show: false},
+                        splits: (self) =>
+                            timeTicks(
+                                this.view.from,
+                                this.view.to,
+                                Math.max(2, self.bbox.width / devicePixelRatio / labelWidth),
+                            ),
+                        values: (self, ticks) =>
+                            (hasTimes ? timeLabels(ticks) : ticks.map(() => '')).map((label, i) =>
+                                // Half of it would be cut off at the right edge.
+                                self.bbox.width / devicePixelRatio - self.valToPos(ticks[i]!, 'x') < labelRoom
+                                    ? ''
+                                    : label,
+                            ),
+                    },
+                    {
+                        size: leftSide,
+                        font,
+                        stroke: () => this.colours.faint,
+                        grid: {stroke: () => this.colours.grid, width: 1},
+                        ticks: {show: false},
+                        space: 36,
+                        values: (_self, ticks) => ticks.map((tick) => number(Number(tick.toPrecision(12)))),
+                    },
+                ],
+                series: [{}, {show: true, paths: () => null, points: {show: false}}],
+                hooks: {draw: [(self) => this.draw(self)]},
+            },
+            [
+                [0, 1],
+                [0, 1],
+            ],
+            this.element,
+        );
+        // uPlot's own element is for pointers; here the chart around all panes takes them.
+        this.plot.root.setAttribute('aria-hidden', 'true');
+    }
+
+    resize(width: number, height: number): void {
+        this.plot.setSize({width, height});
+    }
+
+    show(view: View, drawn: readonly Drawn[], colours: Colours): void {
+        this.view = view;
+        this.drawn = drawn;
+        this.colours = colours;
+        this.plot.setData([
+            [view.from, view.to],
+            [0, 1],
+        ]);
+    }
+
+    get canvas(): HTMLCanvasElement {
+        return this.plot.ctx.canvas;
+    }
+
+    /** From the upper edge of the element to both ends of the scale, in CSS pixels. */
+    get top(): number {
+        return this.plot.bbox.top / devicePixelRatio;
+    }
+
+    get bottom(): number {
+        return this.top + this.plot.bbox.height / devicePixelRatio;
+    }
+
+    get showsTimes(): boolean {
+        return this.hasTimes;
+    }
+
+    /** In CSS pixels from the upper edge of the element. */
+    placeOf(value: number): number {
+        return this.plot.valToPos(value, 'y') + this.top;
+    }
+
+    destroy(): void {
+        this.plot.destroy();
+        this.element.remove();
+    }
+
+    // Of what is in view: lines may reach out of it at both sides.
+    private range(): [number, number] {
+        let [low, high] = [Infinity, -Infinity];
+        for (const {answer} of this.drawn) {
+            const points = answer?.points ?? [];
+            for (let i = 0; i < points.length; i += 2) {
+                if (points[i]! >= this.view.from && points[i]! <= this.view.to) {
+                    low = Math.min(low, points[i + 1]!);
+                    high = Math.max(high, points[i + 1]!);
+                }
+            }
+        }
+        if (low > high) return [0, 1];
+        const room = high > low ? (high - low) * 0.06 : low === 0 ? 1 : Math.abs(low) * 0.02;
+        const range: [number, number] = [low - room, high + room];
+        return range.every(Number.isFinite) ? range : [low / 2 - 1, high / 2 + 1];
+    }
+
+    private draw(plot: uPlot): void {
+        const {ctx, bbox} = plot;
+        const ratio = devicePixelRatio;
+        ctx.save();
+        ctx.beginPath();
+        ctx.rect(bbox.left, bbox.top, bbox.width, bbox.height);
+        ctx.clip();
+        const x = (time: number): number => plot.valToPos(time, 'x', true);
+        const y = (value: number): number => plot.valToPos(value, 'y', true);
+        ctx.lineJoin = 'round';
+        for (const {answer, colour, steps} of this.drawn) {
+            ctx.strokeStyle = ctx.fillStyle = colour;
+            ctx.lineWidth = ratio;
+            ctx.setLineDash([4 * ratio, 4 * ratio]);
+            ctx.beginPath();
+            for (const step of steps) {
+                ctx.moveTo(Math.round(x(step)) + 0.5, bbox.top);
+                ctx.lineTo(Math.round(x(step)) + 0.5, bbox.top + bbox.height);
+            }
+            ctx.stroke();
+            ctx.setLineDash([]);
+            if (!answer) continue;
+            ctx.lineWidth = 1.5 * ratio;
+            if (answer.isSample) this.drawDots(ctx, answer.points, x, y, 2.5 * ratio);
+            for (const line of answer.lines) drawLine(ctx, line, x, y, ratio);
+            // Values that are not numbers have no place on the scale: crosses at its lower edge.
+            const size = 3 * ratio;
+            const low = bbox.top + bbox.height - 6 * ratio;
+            ctx.beginPath();
+            for (const time of answer.others) {
+                const at = x(time);
+                ctx.moveTo(at - size, low - size);
+                ctx.lineTo(at + size, low + size);
+                ctx.moveTo(at - size, low + size);
+                ctx.lineTo(at + size, low - size);
+            }
+            ctx.stroke();
+        }
+        ctx.restore();
+    }
+
+    private drawDots(
+        ctx: CanvasRenderingContext2D,
+        points: readonly number[],
+        x: (time: number) => number,
+        y: (value: number) => number,
+        size: number,
+    ): void {
+        for (let i = 0; i < points.length; i += 2)
+            ctx.fillRect(x(points[i]!) - size / 2, y(points[i + 1]!) - size / 2, size, size);
+    }
+}
+
+function drawLine(
+    ctx: CanvasRenderingContext2D,
+    line: readonly number[],
+    x: (time: number) => number,
+    y: (value: number) => number,
+    ratio: number,
+): void {
+    if (line.length === 2) {
+        // a single point between two gaps
+        ctx.fillRect(x(line[0]!) - 1.5 * ratio, y(line[1]!) - 1.5 * ratio, 3 * ratio, 3 * ratio);
+        return;
+    }
+    ctx.beginPath();
+    ctx.moveTo(x(line[0]!), y(line[1]!));
+    for (let i = 2; i < line.length; i += 2) ctx.lineTo(x(line[i]!), y(line[i + 1]!));
+    ctx.stroke();
+}

@@ -1,0 +1,320 @@
+// SPDX-License-Identifier: MIT
+//
+// The lists: alarms, operator log, and the rows of a series.
+import {decodedTwice, visible} from '../reading/cells.js';
+import type {Cell} from '../reading/cells.js';
+import {csvOf} from '../reading/csv.js';
+import type {CsvOptions} from '../reading/csv.js';
+import type {Order, RowQuery, TableInfo} from '../reading/source.js';
+import {hasMilliseconds, timeColumnOf} from '../reading/tables.js';
+import {duration, endOfAlarm, timeIn, writtenTime} from '../reading/times.js';
+import {askHowCsv, showRow} from './dialogs.js';
+import {announce, button, download, h} from './dom.js';
+import {List} from './list.js';
+import type {Column} from './list.js';
+import {printRows} from './picture.js';
+import type {Tab, Workspace} from './workspace.js';
+
+const rowsAtOnce = 5000;
+
+const texts = (cell: Cell): string => (cell === null ? 'NULL' : visible(decodedTwice(cell)));
+const cellAt =
+    (place: number) =>
+    (row: readonly Cell[]): string =>
+        row[place] === null ? 'NULL' : visible(row[place]!);
+
+/** How long an alarm lasted, or that it still does. */
+export function lastedText(row: readonly Cell[]): string {
+    const [date, clock] = [row[8]!, row[9]!];
+    if (date === '' && clock === '') return 'active';
+    const [begin, end] = [timeIn(row[2] ?? '', false), timeIn(endOfAlarm(date, clock), false)];
+    return begin !== null && end !== null && end >= begin ? duration(end - begin) : '';
+}
+
+function markLevel(cell: HTMLElement, row: readonly Cell[]): void {
+    const level = Number(row[1]);
+    cell.className = `level level${level >= 3 ? 3 : level === 2 || level === 1 ? level : 0}`;
+}
+
+export function listColumns(kind: TableInfo['kind']): Column[] {
+    if (kind === 'samples')
+        return [
+            {key: 'time', title: 'Time', width: '190px', text: cellAt(1)},
+            {key: 'value', title: 'Value', width: 'minmax(120px, 1fr)', text: cellAt(2)},
+            {key: 'id', title: 'ID', width: '110px', isNumber: true, text: cellAt(0)},
+        ];
+    if (kind === 'log')
+        return [
+            {key: 'time', title: 'Time', width: '224px', text: cellAt(1)},
+            {key: 'user', title: 'User', width: '130px', text: cellAt(2)},
+            {key: 'log', title: 'Log', width: 'minmax(150px, 1.5fr)', text: cellAt(3)},
+            {key: 'message', title: 'Message', width: 'minmax(240px, 4fr)', text: cellAt(4)},
+        ];
+    return [
+        {key: 'level', title: 'Level', width: '74px', text: cellAt(1), decorate: markLevel},
+        {key: 'start', title: 'Start', width: '190px', text: cellAt(2)},
+        {
+            key: 'end_date',
+            title: 'Lasted',
+            width: '110px',
+            text: lastedText,
+            decorate: (cell, row) => cell.classList.toggle('strong', row[8] === '' && row[9] === ''),
+        },
+        {key: 'object', title: 'Object', width: 'minmax(100px, 1fr)', text: cellAt(3)},
+        {key: 'type', title: 'Type', width: 'minmax(100px, 1fr)', text: cellAt(4)},
+        {key: 'description', title: 'Text', width: 'minmax(180px, 3fr)', text: (row) => texts(row[7]!)},
+        {key: 'value', title: 'Value', width: '90px', isNumber: true, text: cellAt(5)},
+        {key: 'limit', title: 'Limit', width: '90px', isNumber: true, text: cellAt(6)},
+    ];
+}
+
+export class RowsView {
+    readonly element: HTMLElement;
+    private list: List | null = null;
+    private table: TableInfo | null = null;
+    private readonly place = h('div', {class: 'list-place'});
+    private readonly status = h('div', {class: 'status-place'});
+    private readonly search = h('input', {
+        type: 'search',
+        placeholder: 'Search all texts',
+        'aria-label': 'Search all texts',
+        oninput: () => this.later(),
+    });
+    private readonly tableSelect = h('select', {
+        'aria-label': 'Table',
+        onchange: () => this.choose(this.tableSelect.value),
+    });
+    private readonly stateSelect = h(
+        'select',
+        {'aria-label': 'State', onchange: () => this.ask()},
+        h('option', {value: ''}, 'Active and ended'),
+        h('option', {value: 'active'}, 'Active'),
+        h('option', {value: 'ended'}, 'Ended'),
+    );
+    private readonly choiceSelect = h('select', {onchange: () => this.ask()});
+    private readonly from = this.timeInput('From', 'first');
+    private readonly to = this.timeInput('To', 'last');
+    private order: Order;
+    private timer = 0;
+    private isFresh = true;
+
+    constructor(
+        private readonly workspace: Workspace,
+        private readonly tab: Tab & ('alarms' | 'log' | 'rows'),
+    ) {
+        const tables = this.tables;
+        this.order = tab === 'rows' ? 'recorded' : 'newest';
+        this.tableSelect.append(...tables.map((table) => h('option', {value: table.key}, workspace.titleOf(table))));
+        this.choiceSelect.setAttribute('aria-label', tab === 'alarms' ? 'Level' : 'User');
+        const bar = h(
+            'div',
+            {class: 'bar'},
+            tables.length > 1 && this.tableSelect,
+            this.search,
+            tab === 'alarms' && this.stateSelect,
+            tab !== 'rows' && this.choiceSelect,
+            h(
+                'div',
+                {class: 'group wide', role: 'group', 'aria-label': 'Between'},
+                this.from,
+                h('span', {'aria-hidden': 'true'}, '–'),
+                this.to,
+                button('As in trend', () => this.takeView()),
+            ),
+            this.status,
+            h(
+                'div',
+                {class: 'group end', role: 'group', 'aria-label': 'Take out'},
+                button('CSV', () => this.exportCsv()),
+                button('Print', () => void this.print().catch((error) => workspace.fail(error))),
+            ),
+        );
+        const title = {alarms: 'Alarms', log: 'Operator log', rows: 'Rows'}[tab];
+        this.element = h('section', {class: 'records', 'aria-label': title}, bar, this.place);
+        workspace.onChange((change) => {
+            if (change !== 'overview') return;
+            this.fillChoices();
+            if (this.list && !this.list.isExact && this.table && workspace.overviews.get(this.table.key)?.exact)
+                this.list.refresh();
+        });
+    }
+
+    private get tables(): TableInfo[] {
+        return this.workspace.tablesOf(this.tab === 'rows' ? 'samples' : this.tab);
+    }
+
+    /** It is seen now: asks for what somebody wants to see in it. */
+    show(): void {
+        const wanted = this.workspace.wanted.get(this.tab);
+        this.workspace.wanted.delete(this.tab);
+        if (this.tables.length === 0) {
+            this.place.replaceChildren(h('p', {class: 'empty'}, 'There is no such table in this file.'));
+            return;
+        }
+        if (wanted) {
+            this.search.value = '';
+            this.stateSelect.value = '';
+            this.from.value = this.to.value = '';
+            if (this.order !== 'recorded') this.order = 'newest';
+            this.choiceSelect.value = wanted.levels ? String(wanted.levels[0]) : '';
+        }
+        if (wanted?.table || this.isFresh) this.choose(wanted?.table ?? this.tables[0]!.key, wanted);
+        else if (wanted) this.ask(wanted);
+        else this.list?.draw();
+        this.isFresh = false;
+    }
+
+    private timeInput(title: string, bound: 'first' | 'last'): HTMLInputElement {
+        const input = h('input', {
+            type: 'text',
+            class: 'time',
+            'aria-label': title,
+            placeholder: title,
+            spellcheck: 'false',
+            autocomplete: 'off',
+            title: 'A day, or a day and a time',
+            onchange: () => {
+                const isTime = input.value.trim() === '' || writtenTime(input.value, bound) !== null;
+                input.setAttribute('aria-invalid', String(!isTime));
+                if (isTime) this.ask();
+                else announce(`Not a time: ${input.value}`);
+            },
+        });
+        return input;
+    }
+
+    private takeView(): void {
+        const text = (at: number): string => new Date(at).toISOString().slice(0, 19).replace('T', ' ');
+        this.from.value = text(this.workspace.view.from);
+        this.to.value = text(this.workspace.view.to);
+        this.ask();
+    }
+
+    private choose(key: string, wanted: Partial<RowQuery> = {}): void {
+        const table = this.workspace.table(key);
+        this.table = table;
+        this.tableSelect.value = key;
+        this.fillChoices();
+        if (wanted.levels) this.choiceSelect.value = String(wanted.levels[0]);
+        const sort = this.tab === 'rows' ? null : (column: string): void => this.sortBy(column);
+        const query: RowQuery = {table: key, order: this.order, offset: 0, limit: 100};
+        this.list = new List(
+            this.workspace.source,
+            listColumns(table.kind),
+            this.workspace.titleOf(table),
+            query,
+            (row) => showRow(this.workspace, table, row),
+            (error) => this.workspace.fail(error),
+            sort,
+        );
+        this.place.replaceChildren(this.list.element);
+        this.status.replaceChildren(this.list.status);
+        this.ask(wanted);
+    }
+
+    private fillChoices(): void {
+        if (!this.table || this.tab === 'rows') return;
+        const choices = this.workspace.overviews.get(this.table.key)?.choices ?? [];
+        const before = this.choiceSelect.value;
+        const sorted = this.tab === 'alarms' ? [...choices].sort(([a], [b]) => Number(b) - Number(a)) : choices;
+        this.choiceSelect.replaceChildren(
+            h('option', {value: ''}, this.tab === 'alarms' ? 'All levels' : 'All users'),
+            ...sorted.map(([text, rows]) =>
+                h(
+                    'option',
+                    {value: this.tab === 'alarms' ? text : `=${text}`},
+                    `${this.tab === 'alarms' ? 'Level ' : ''}${visible(text) || '(none)'} (${rows})`,
+                ),
+            ),
+        );
+        this.choiceSelect.value = before;
+        if (this.choiceSelect.selectedIndex < 0 && before !== '') {
+            this.choiceSelect.append(
+                h('option', {value: before}, this.tab === 'alarms' ? `Level ${before}` : before.slice(1)),
+            );
+            this.choiceSelect.value = before;
+        }
+    }
+
+    private sortBy(column: string): void {
+        if (column === 'time' || column === 'start') this.order = this.order === 'newest' ? 'oldest' : 'newest';
+        else
+            this.order = {
+                column,
+                descending: typeof this.order === 'object' && this.order.column === column && !this.order.descending,
+            };
+        this.ask();
+    }
+
+    private later(): void {
+        clearTimeout(this.timer);
+        this.timer = window.setTimeout(() => this.ask(), 200);
+    }
+
+    private query(wanted: Partial<RowQuery> = {}): RowQuery {
+        const choice = this.choiceSelect.value;
+        const state = this.stateSelect.value as 'active' | 'ended' | '';
+        return {
+            table: this.table!.key,
+            order: this.order,
+            offset: 0,
+            limit: 100,
+            containing: this.search.value || undefined,
+            from: writtenTime(this.from.value, 'first') ?? undefined,
+            to: writtenTime(this.to.value, 'last') ?? undefined,
+            state: this.tab === 'alarms' && state !== '' ? state : undefined,
+            levels: this.tab === 'alarms' && choice !== '' ? [Number(choice)] : undefined,
+            users: this.tab === 'log' && choice !== '' ? [choice.slice(1)] : undefined,
+            id: wanted.id,
+            at: wanted.at,
+        };
+    }
+
+    private ask(wanted?: Partial<RowQuery>): void {
+        clearTimeout(this.timer);
+        void this.list?.ask(this.query(wanted));
+    }
+
+    private async *allRows(most = Infinity): AsyncGenerator<readonly (readonly Cell[])[]> {
+        const query = this.query();
+        for (let offset = 0; offset < most; offset += rowsAtOnce) {
+            const {rows} = await this.workspace.source.rows(
+                {...query, offset, limit: Math.min(rowsAtOnce, most - offset)},
+                () => undefined,
+            );
+            if (rows.length === 0) return;
+            yield rows;
+        }
+    }
+
+    private exportCsv(): void {
+        const table = this.table;
+        if (!table) return;
+        askHowCsv(`${table.name}.csv`, this.list?.total ?? 0, async (options: CsvOptions) => {
+            try {
+                const parts: BlobPart[] = [];
+                for await (const rows of this.allRows())
+                    parts.push(csvOf(table.kind, rows, options, parts.length === 0) as BlobPart);
+                if (parts.length === 0) parts.push(csvOf(table.kind, [], options) as BlobPart);
+                download(
+                    `${table.name.replaceAll(/[^\p{L}\p{N}_-]+/gu, '_')}.csv`,
+                    new Blob(parts, {type: 'text/csv'}),
+                );
+            } catch (error) {
+                this.workspace.fail(error);
+            }
+        });
+    }
+
+    private async print(): Promise<void> {
+        const most = 1000;
+        const rows: (readonly Cell[])[] = [];
+        for await (const some of this.allRows(most)) rows.push(...some);
+        printRows(this.workspace, this.table!, listColumns(this.table!.kind), rows, this.list?.total ?? rows.length);
+    }
+}
+
+/** The moment of a row; null if its time is in another form. */
+export function momentOf(table: TableInfo, row: readonly Cell[]): number | null {
+    return timeIn(row[timeColumnOf(table.kind)] ?? '', hasMilliseconds(table.kind));
+}

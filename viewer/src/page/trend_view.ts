@@ -1,0 +1,295 @@
+// SPDX-License-Identifier: MIT
+import {timeText, writtenTime} from '../reading/times.js';
+import type {Sample} from '../reading/source.js';
+import {Chart} from './chart.js';
+import {announce, button, h} from './dom.js';
+import {count, number, share, span, time} from './format.js';
+import {exportPicture, printTrend} from './picture.js';
+import type {Workspace} from './workspace.js';
+
+const hour = 3600000;
+const lengths: readonly (readonly [string, number])[] = [
+    ['1 h', hour],
+    ['24 h', 24 * hour],
+    ['Week', 168 * hour],
+    ['Month', 30 * 24 * hour],
+];
+const fewSeries = 8;
+
+export class TrendView {
+    readonly element: HTMLElement;
+    readonly chart: Chart;
+    private readonly list = h('ul', {class: 'series'});
+    private readonly search = h('input', {
+        type: 'search',
+        placeholder: 'Find a series',
+        'aria-label': 'Find a series',
+        oninput: () => this.fillList(),
+    });
+    private readonly from = this.timeInput('From', 'first');
+    private readonly to = this.timeInput('To', 'last');
+    private readonly together = h('input', {
+        type: 'checkbox',
+        onchange: () => {
+            this.workspace.isTogether = this.together.checked;
+            this.workspace.tell('chosen');
+        },
+    });
+    private readonly figures = h('tbody');
+    private readonly heads = h('tr');
+    private readonly progress = h(
+        'div',
+        {
+            class: 'progress',
+            role: 'progressbar',
+            'aria-label': 'Reading',
+            'aria-valuemin': '0',
+            'aria-valuemax': '100',
+            hidden: true,
+        },
+        h('div'),
+    );
+    private readonly note = h('p', {class: 'note'});
+    private readonly chartBox = h('div', {class: 'chart-box'});
+
+    constructor(private readonly workspace: Workspace) {
+        this.chart = new Chart(
+            workspace,
+            () => this.showFigures(),
+            (kind, at, id, level) => {
+                workspace.wanted.set(kind, id !== null ? {id} : {at, levels: level === null ? undefined : [level]});
+                workspace.setTab(kind);
+            },
+        );
+        this.chartBox.append(this.progress, this.chart.element);
+        const series = workspace.seriesTables;
+        const aside = h(
+            'details',
+            {class: 'chooser', open: innerWidth > 760},
+            h('summary', {}, `Series (${series.length})`),
+            series.length > fewSeries && this.search,
+            this.list,
+        );
+        const bar = h(
+            'div',
+            {class: 'bar'},
+            h(
+                'div',
+                {class: 'group', role: 'group', 'aria-label': 'Length of what is shown'},
+                ...lengths.map(([text, length]) => button(text, () => workspace.setLength(length))),
+                button('All', () => workspace.showAll()),
+            ),
+            h(
+                'div',
+                {class: 'group wide', role: 'group', 'aria-label': 'Shown'},
+                this.from,
+                h('span', {'aria-hidden': 'true'}, '–'),
+                this.to,
+            ),
+            h('label', {class: 'check'}, this.together, 'One scale'),
+            h(
+                'div',
+                {class: 'group end', role: 'group', 'aria-label': 'Take out'},
+                button(
+                    'Picture',
+                    () => void exportPicture(workspace, this.chart).catch((error) => workspace.fail(error)),
+                ),
+                button('Print', () => void printTrend(workspace, this.chart).catch((error) => workspace.fail(error))),
+            ),
+        );
+        const table = h(
+            'table',
+            {class: 'figures'},
+            h('caption', {class: 'unseen'}, 'Figures of what is shown'),
+            h('thead', {}, this.heads),
+            this.figures,
+        );
+        this.element = h(
+            'section',
+            {class: 'trend', 'aria-label': 'Trend'},
+            aside,
+            h(
+                'div',
+                {class: 'stage'},
+                bar,
+                this.chartBox,
+                this.note,
+                h('div', {class: 'scroll', tabindex: '0', role: 'group', 'aria-label': 'Figures'}, table),
+            ),
+        );
+        this.fillList();
+        this.chart.rebuild();
+        workspace.onChange((change) => {
+            if (change === 'chosen') {
+                this.fillList();
+                this.chart.rebuild();
+                this.showFigures();
+            } else if (change === 'view') {
+                this.chart.viewChanged();
+                this.showRange();
+                this.showFigures();
+            } else if (change === 'cursor') {
+                this.chart.drawCursors();
+                this.showFigures();
+            } else if (change === 'theme') {
+                this.chart.draw();
+            } else if (change === 'overview') {
+                if (!workspace.full) this.chart.ask();
+                this.chart.draw();
+                this.showFigures();
+            }
+        });
+        this.showRange();
+        this.showFigures();
+    }
+
+    private timeInput(title: string, bound: 'first' | 'last'): HTMLInputElement {
+        const input = h('input', {
+            type: 'text',
+            class: 'time',
+            'aria-label': title,
+            title: 'A day, or a day and a time',
+            spellcheck: 'false',
+            autocomplete: 'off',
+            onchange: () => {
+                const given = writtenTime(input.value, bound);
+                const {view} = this.workspace;
+                input.setAttribute('aria-invalid', String(given === null));
+                if (given === null) announce(`Not a time: ${input.value}`);
+                else if (bound === 'first')
+                    this.workspace.setView({from: given, to: view.to > given ? view.to : given + hour});
+                else this.workspace.setView({from: view.from < given ? view.from : given - hour, to: given});
+            },
+        });
+        return input;
+    }
+
+    private showRange(): void {
+        const {from, to} = this.workspace.view;
+        for (const [input, at] of [
+            [this.from, from],
+            [this.to, to],
+        ] as const) {
+            if (document.activeElement !== input) input.value = timeText(at, false);
+            input.removeAttribute('aria-invalid');
+        }
+    }
+
+    private fillList(): void {
+        const {workspace} = this;
+        const wanted = this.search.value.toLowerCase();
+        const shown = workspace.seriesTables.filter((table) =>
+            `${workspace.titleOf(table)} ${table.name} ${table.description}`.toLowerCase().includes(wanted),
+        );
+        const focused = document.activeElement instanceof HTMLInputElement ? document.activeElement.value : null;
+        this.list.replaceChildren(
+            ...shown.map((table) => {
+                const isChosen = workspace.chosen.includes(table.key);
+                const check = h('input', {
+                    type: 'checkbox',
+                    checked: isChosen,
+                    value: table.key,
+                    onchange: () => workspace.choose(table.key, check.checked),
+                });
+                return h(
+                    'li',
+                    {},
+                    h(
+                        'label',
+                        {title: table.description || table.name},
+                        check,
+                        h('span', {class: isChosen ? `swatch swatch${workspace.colourOf(table.key)}` : 'swatch'}),
+                        h('span', {class: 'name'}, workspace.titleOf(table)),
+                        table.title !== table.name && h('span', {class: 'faint'}, table.name),
+                    ),
+                );
+            }),
+        );
+        if (shown.length === 0)
+            this.list.append(
+                h(
+                    'li',
+                    {class: 'faint'},
+                    workspace.seriesTables.length === 0 ? 'No series in this file' : 'None found',
+                ),
+            );
+        for (const input of this.list.querySelectorAll('input')) {
+            if (input.value === focused) input.focus();
+        }
+    }
+
+    /** Figures of the range, and of both cursors. */
+    showFigures(): void {
+        const {workspace, chart} = this;
+        const heads = this.headTexts();
+        this.heads.replaceChildren(...heads.map((head, i) => h('th', {scope: 'col', class: i > 0 && 'right'}, head)));
+        this.figures.replaceChildren(...workspace.chosen.map((key) => this.figureRow(key, heads.length - 1)));
+        const shares = workspace.chosen.map((key) => chart.answers.get(key)?.share ?? 1);
+        const least = Math.min(1, ...shares);
+        const isReading = chart.pending.size > 0;
+        this.progress.hidden = !isReading;
+        this.progress.setAttribute('aria-valuenow', String(Math.round(least * 100)));
+        (this.progress.firstElementChild as HTMLElement).style.width = `${least < 1 ? least * 100 : 4}%`;
+        const notes = workspace.chosen.flatMap((key) => this.notesOf(key));
+        if (isReading && least < 1) notes.unshift(`Reading every row: ${share(least)}`);
+        if (workspace.chosen.length === 0) notes.push('Choose a series to see it.');
+        this.note.textContent = notes.join(' · ');
+    }
+
+    private headTexts(): string[] {
+        const {cursor, mark} = this.workspace;
+        const second = (moment: number): number => Math.round(moment / 1000) * 1000;
+        const heads = ['Series', 'Lowest', 'Highest', 'Mean', 'Numbers'];
+        heads.push(cursor === null ? 'At cursor' : time(second(cursor)));
+        if (mark !== null) heads.push(time(second(mark)));
+        if (mark !== null)
+            heads.push(cursor === null ? 'Difference' : `Difference, ${span(second(cursor) - second(mark))}`);
+        return heads;
+    }
+
+    private figureRow(key: string, cellCount: number): HTMLElement {
+        const {workspace, chart} = this;
+        const {cursor, mark} = workspace;
+        const swatch = h('span', {class: `swatch swatch${workspace.colourOf(key)}`});
+        const head = h('th', {scope: 'row'}, swatch, workspace.titleOf(workspace.table(key)));
+        const answer = chart.answers.get(key);
+        if (!answer) {
+            const cells = Array.from({length: cellCount}, () => h('td', {class: 'right faint'}, '…'));
+            return h('tr', {}, head, ...cells);
+        }
+        const [here, there] = [chart.valueAt(answer, cursor), chart.valueAt(answer, mark)];
+        const text = (value: number | null): string => (value === null ? '' : number(value));
+        const about = (sample: Sample | null): string =>
+            sample ? `${answer.exact ? '' : '≈ '}${number(sample.value)}` : '';
+        const cells = [
+            about(answer.lowest),
+            about(answer.highest),
+            answer.exact && answer.numbers > 0 ? number(answer.mean) : '',
+            answer.exact ? count(answer.numbers) : '',
+            text(here),
+        ];
+        if (mark !== null) cells.push(text(there), here !== null && there !== null ? number(here - there) : '');
+        const moments = [answer.lowest, answer.highest].map((sample) => sample && time(sample.time));
+        return h('tr', {}, head, ...cells.map((cell, i) => h('td', {class: 'right', title: moments[i]}, cell)));
+    }
+
+    // What is said about a series below the chart.
+    private notesOf(key: string): string[] {
+        const {workspace, chart} = this;
+        const answer = chart.answers.get(key);
+        const title = workspace.titleOf(workspace.table(key));
+        const {from, to} = workspace.view;
+        const notes: string[] = [];
+        if (answer && !answer.exact && answer.isSample)
+            notes.push(`${title}: dots are ${count(answer.seen)} of about ${count(answer.of)} rows`);
+        if (answer?.exact && answer.rows > answer.numbers)
+            notes.push(`${title}: ${count(answer.rows - answer.numbers)} values are not numbers, marked ×`);
+        const steps = (workspace.overviews.get(key)?.steps ?? []).filter(({after}) => after >= from && after <= to);
+        if (steps.length > 0) {
+            const often =
+                steps.length === 1 ? `by ${span(steps[0]!.before - steps[0]!.after)}` : `${steps.length} times`;
+            notes.push(`${title}: dashed where the clock went back, ${often}`);
+        }
+        return notes;
+    }
+}

@@ -1,0 +1,487 @@
+// SPDX-License-Identifier: MIT
+//
+// The source over files that were dropped: everything but where it runs.
+import {Database, ReadError} from '../sqlite/database.js';
+import type {Engine} from '../sqlite/engine.js';
+import type {Bytes} from '../sqlite/storage.js';
+import {bytesText, identifier, isSameName} from './cells.js';
+import {curveOfBlocks, curveOfIndex, curveOfRollups, Curve, roughCurve} from './curve.js';
+import type {Range} from './curve.js';
+import {aboutFile, configurationFindings, integrityFindings} from './findings.js';
+import type {Finding} from './findings.js';
+import {numberOf} from './number.js';
+import {TablePass} from './pass.js';
+import {Selection} from './selection.js';
+import type {
+    CurveAnswer,
+    FileInfo,
+    Overview,
+    RowQuery,
+    RowsAnswer,
+    Sample,
+    Seen,
+    Source,
+    TableInfo,
+    TrendAnswer,
+    TrendQuery,
+} from './source.js';
+import {holdsRecords, registrationsOf, seriesInfosOf, tablesOf} from './tables.js';
+import {timeIn} from './times.js';
+import type {Work} from './work.js';
+
+/** A file as it was dropped. */
+export interface GivenFile {
+    readonly name: string;
+    readonly bytes: Bytes;
+}
+
+const sliceLength = 30; // milliseconds of work between two looks at what else is asked
+const showEvery = 400; // milliseconds
+const rowsByIndex = 300000; // more are read faster in the order of recording
+const probes = 400;
+const selectionsKept = 6;
+const largestChecked = 20e6; // bytes: SQLite's check of a file cannot be interrupted
+
+interface OpenFile {
+    readonly info: FileInfo;
+    readonly database: Database | null;
+    readonly unchanged: () => boolean;
+}
+
+interface OpenTable {
+    readonly info: TableInfo;
+    readonly file: OpenFile;
+    readonly pass: TablePass;
+    reading: Promise<void> | null;
+    dots: Sample[] | null;
+}
+
+// What changes whenever SQLite writes: the change counter of a file, the salts of a log.
+function fingerprint(bytes: Bytes | undefined): string {
+    const head = new Uint8Array(Math.min(100, bytes?.size ?? 0));
+    bytes?.read(0, head);
+    return head.join(',');
+}
+
+export class LocalSource implements Source {
+    private files: OpenFile[] = [];
+    private readonly opened = new Map<string, OpenTable>();
+    private readonly selections = new Map<string, {selection: Selection; found: Promise<void>}>();
+
+    /** `pause`: comes back when everything else that waits had its turn. */
+    constructor(
+        private readonly engine: Engine,
+        private readonly given: readonly GivenFile[],
+        private readonly pause: () => Promise<void>,
+    ) {}
+
+    async open(): Promise<readonly FileInfo[]> {
+        const beside = (name: string): boolean => /-(wal|journal|shm)$/.test(name);
+        const main = this.given.filter(({name}) => !beside(name));
+        this.files = main.map((file, i) => this.openFile(file, i));
+        for (const {name} of this.given.filter((file) => beside(file.name) && !file.name.endsWith('-shm'))) {
+            if (!main.some((file) => name === `${file.name}-wal` || name === `${file.name}-journal`))
+                throw new ReadError(name, 'the file that it belongs to is missing; drop both together');
+        }
+        return this.files.map(({info}) => info);
+    }
+
+    private openFile({name, bytes}: GivenFile, place: number): OpenFile {
+        const path = `/${place}`;
+        const wal = this.given.find((file) => file.name === `${name}-wal`)?.bytes;
+        const journal = this.given.find((file) => file.name === `${name}-journal`)?.bytes;
+        this.engine.add(path, bytes);
+        if (wal) this.engine.add(`${path}-wal`, wal);
+        if (journal) this.engine.add(`${path}-journal`, journal);
+        const sizes = {name, bytes: bytes.size, walBytes: wal?.size ?? -1, journalBytes: journal?.size ?? -1};
+        try {
+            const head = new Uint8Array(Math.min(100, bytes.size));
+            bytes.read(0, head);
+            const isWal = head[18] === 2;
+            const isDatabase = new TextDecoder().decode(head.subarray(0, 16)) === 'SQLite format 3\0';
+            if (isDatabase && head[59]! > 1)
+                // this SQLite is made without it
+                throw new ReadError(
+                    name,
+                    'its texts are in UTF-16, which this page cannot read; "device-db export" can',
+                );
+            const [before, logBefore] = [fingerprint(bytes), fingerprint(wal)];
+            const unchanged = (): boolean => fingerprint(bytes) === before && fingerprint(wal) === logBefore;
+            const database = Database.open(this.engine, path, name);
+            const findings = this.findingsOf(database, path, isWal, wal, journal);
+            const info: FileInfo = {
+                ...sizes,
+                findings,
+                error: '',
+                journal: isWal ? 'wal' : 'rollback',
+                pages: database.number('pragma page_count'),
+                pageSize: database.number('pragma page_size'),
+                freePages: database.number('pragma freelist_count'),
+                encoding: 'UTF-8',
+                configuration: registrationsOf(database, tablesOf(database)),
+            };
+            return {info, database, unchanged};
+        } catch (error) {
+            const info: FileInfo = {
+                ...sizes,
+                findings: [],
+                journal: 'rollback',
+                pages: 0,
+                pageSize: 0,
+                freePages: 0,
+                encoding: '',
+                configuration: [],
+                error: error instanceof ReadError ? error.cause_ : String(error),
+            };
+            return {info, database: null, unchanged: () => true};
+        }
+    }
+
+    private findingsOf(
+        database: Database,
+        path: string,
+        isWal: boolean,
+        wal: Bytes | undefined,
+        journal: Bytes | undefined,
+    ): Finding[] {
+        const tables = tablesOf(database);
+        const findings = (this.engine.file(path)?.size ?? 0) <= largestChecked ? integrityFindings(database) : [];
+        if (isWal && !wal)
+            findings.push(
+                aboutFile(
+                    'note',
+                    'noLog',
+                    '',
+                    'it keeps a write-ahead log, and none was given with it: rows ' +
+                        'that are only in the log are missing here',
+                ),
+            );
+        if (!isWal)
+            findings.push(
+                aboutFile('note', 'rollback', '', "rollback journal: a reader can make the device's commits fail"),
+            );
+        if (journal && this.engine.file(path)?.hasChanges)
+            findings.push(
+                aboutFile(
+                    'note',
+                    'rolledBack',
+                    '',
+                    `a transaction that was cut off, ${bytesText(journal.size)}, is rolled back here, in memory`,
+                ),
+            );
+        findings.push(...configurationFindings(tables, registrationsOf(database, tables)));
+        for (const table of tables) {
+            if (table.kind === 'foreign' && table.name !== 'device-db import')
+                findings.push(aboutFile('note', 'foreign', table.name, 'no table of a store; it is left alone'));
+        }
+        return findings;
+    }
+
+    async tables(): Promise<readonly TableInfo[]> {
+        this.files.forEach((file, place) => {
+            const {
+                database,
+                info: {configuration},
+            } = file;
+            if (!database) return;
+            const infos = seriesInfosOf(database);
+            for (const table of tablesOf(database).filter(({kind}) => holdsRecords(kind))) {
+                const key = `${place}/${table.name}`;
+                if (this.opened.has(key)) continue;
+                const pass = new TablePass(database, table);
+                const listed = configuration.filter(({collector}) => isSameName(collector, table.name));
+                const {unit, description} = infos.get(table.name.toLowerCase()) ?? {unit: '', description: ''};
+                const info: TableInfo = {
+                    key,
+                    file: place,
+                    name: table.name,
+                    kind: table.kind,
+                    unit,
+                    description,
+                    title: (table.kind === 'samples' && listed[listed.length - 1]?.name) || table.name,
+                    indexed: pass.indexed,
+                    hasTrend: pass.rollups !== null,
+                    firstId: pass.firstId,
+                    lastId: pass.lastId,
+                };
+                this.opened.set(key, {info, file, pass, reading: null, dots: null});
+            }
+        });
+        return [...this.opened.values()].map(({info}) => info);
+    }
+
+    private async tableOf(key: string): Promise<OpenTable> {
+        const table = this.opened.get(key);
+        if (!table) throw new ReadError(key, 'there is no such table; drop the file again');
+        let isSame = false;
+        try {
+            isSame = table.file.unchanged();
+        } catch {
+            // the medium says that it is another file
+        }
+        if (!isSame)
+            throw new ReadError(table.file.info.name, 'it was changed or taken away while it was open; drop it again');
+        return table;
+    }
+
+    private async run<Result>(work: Work<Result>, signal?: AbortSignal, tick?: () => void): Promise<Result> {
+        try {
+            for (let until = performance.now() + sliceLength; ;) {
+                const step = work.next();
+                if (step.done) return step.value;
+                if (performance.now() < until) continue;
+                tick?.();
+                await this.pause();
+                signal?.throwIfAborted();
+                until = performance.now() + sliceLength;
+            }
+        } finally {
+            work.return(undefined as never);
+        }
+    }
+
+    // Whoever asks first has the table read; nobody who goes away ends that.
+    private read(table: OpenTable): Promise<void> {
+        table.reading ??= this.run(table.pass.read());
+        return table.reading;
+    }
+
+    /** Waits for the pass through a table; meanwhile what is known is shown now and then. */
+    private async whileReading(table: OpenTable, signal: AbortSignal | undefined, show: () => void): Promise<void> {
+        let isRead = false;
+        const reading = this.read(table).finally(() => {
+            isRead = true;
+        });
+        reading.catch(() => undefined);
+        for (let shown = performance.now(); !isRead;) {
+            await Promise.race([reading, this.pause()]);
+            signal?.throwIfAborted();
+            if (!isRead && performance.now() - shown > showEvery) {
+                show();
+                shown = performance.now();
+            }
+        }
+        await reading;
+    }
+
+    async overview(key: string, seen: Seen<Overview>, signal?: AbortSignal): Promise<Overview> {
+        const table = await this.tableOf(key);
+        if (table.pass.lookAtEnds()) seen(this.overviewOf(table));
+        else if (table.info.kind === 'samples') await this.showDotsEnds(table, seen, signal);
+        await this.whileReading(table, signal, () => seen(this.overviewOf(table)));
+        return this.overviewOf(table);
+    }
+
+    private overviewOf(table: OpenTable): Overview {
+        const overview = table.pass.overview();
+        if (!table.pass.indexed && overview.rows > 0)
+            return {
+                ...overview,
+                findings: [
+                    ...overview.findings,
+                    aboutFile(
+                        'note',
+                        'noIndex',
+                        table.info.name,
+                        'no index on time: a range of time is found only by reading the whole table',
+                    ),
+                ],
+            };
+        return overview;
+    }
+
+    private async showDotsEnds(table: OpenTable, seen: Seen<Overview>, signal?: AbortSignal): Promise<void> {
+        const dots = await this.dotsOf(table, signal);
+        const times = dots.map(({time}) => time);
+        if (times.length > 0 && !table.pass.isDone)
+            seen({...this.overviewOf(table), from: Math.min(...times), to: Math.max(...times)});
+    }
+
+    async trend(query: TrendQuery, seen: Seen<TrendAnswer>, signal?: AbortSignal): Promise<TrendAnswer> {
+        const table = await this.tableOf(query.table);
+        const from = Math.max(0, Math.ceil(query.from / 1000) * 1000);
+        const range: Range = {
+            from,
+            to: Math.max(from, Math.floor(query.to / 1000) * 1000),
+            columns: Math.max(1, Math.min(100000, Math.trunc(query.columns))),
+        };
+        const {pass} = table;
+        if (pass.table.kind !== 'samples') {
+            const answer = (): TrendAnswer =>
+                pass.table.kind === 'alarms'
+                    ? {kind: 'alarms', exact: pass.isDone, share: pass.share, lanes: pass.lanes.between(range)}
+                    : {kind: 'log', exact: pass.isDone, share: pass.share, marks: pass.marks.between(range)};
+            await this.whileReading(table, signal, () => seen(answer()));
+            return answer();
+        }
+        const direct = pass.isDone && !pass.rollups ? null : await this.directly(table, range, signal);
+        if (direct) return answerOf(direct, table, true);
+        if (!pass.isDone) {
+            const dots = await this.dotsOf(table, signal);
+            const show = (): void =>
+                seen(
+                    pass.share > 0.5
+                        ? answerOf(roughCurve(pass.blocks, range), table, false)
+                        : dotsAnswer(dots, range, table),
+                );
+            show();
+            await this.whileReading(table, signal, show);
+        }
+        const rough = (): void => seen(answerOf(roughCurve(pass.blocks, range), table, false));
+        let isShown = false;
+        const exact = await this.run(curveOfBlocks(pass.database, pass.table.name, pass.blocks, range), signal, () => {
+            if (!isShown) rough();
+            isShown = true;
+        });
+        return answerOf(exact, table, true);
+    }
+
+    // By sums that the file keeps, or by the index on time if that finds few enough rows.
+    private async directly(table: OpenTable, range: Range, signal?: AbortSignal): Promise<Curve | null> {
+        const {
+            database,
+            rollups,
+            indexed,
+            table: {name},
+        } = table.pass;
+        if (rollups) {
+            try {
+                return await this.run(curveOfRollups(database, name, rollups, range), signal);
+            } catch (error) {
+                if (signal?.aborted) throw error; // else the rows say it
+            }
+        }
+        if (!indexed) return null;
+        const rows = database.number(
+            `select count(*) from (select 1 from ${identifier(name)} where DATETIME>=?1 and ` +
+                `DATETIME<=?2 limit ${rowsByIndex + 1})`,
+            ...textsOf(range),
+        );
+        return rows > rowsByIndex ? null : this.run(curveOfIndex(database, name, range), signal);
+    }
+
+    // Single rows from everywhere in the table, for a first look.
+    private async dotsOf(table: OpenTable, signal?: AbortSignal): Promise<Sample[]> {
+        if (!table.dots) {
+            const dots: Sample[] = [];
+            await this.run(probesOf(table.pass, dots), signal);
+            table.dots = dots.sort((a, b) => a.time - b.time);
+        }
+        return table.dots;
+    }
+
+    async rows(query: RowQuery, seen: Seen<RowsAnswer>, signal?: AbortSignal): Promise<RowsAnswer> {
+        const table = await this.tableOf(query.table);
+        const key = Selection.keyOf(query);
+        let kept = this.selections.get(key);
+        if (!kept) {
+            const selection = new Selection(table.pass, query);
+            kept = {selection, found: this.run(selection.find(), signal)};
+            kept.found.catch(() => this.selections.delete(key));
+            if (this.selections.size >= selectionsKept) this.selections.delete(this.selections.keys().next().value!);
+        } else {
+            this.selections.delete(key); // the least recently used is the first
+        }
+        this.selections.set(key, kept);
+        const {selection, found} = kept;
+        const answer = (): RowsAnswer => {
+            const wanted =
+                query.id !== undefined
+                    ? selection.placeOfId(query.id)
+                    : query.at !== undefined
+                      ? selection.placeOfTime(query.at)
+                      : -1;
+            const offset = wanted < 0 ? query.offset : Math.max(0, wanted - Math.floor(query.limit / 2));
+            return {
+                exact: selection.isExact,
+                share: selection.isExact ? 1 : table.pass.share,
+                total: selection.total,
+                offset,
+                found: wanted,
+                rows: selection.page(offset, query.limit),
+            };
+        };
+        let isFound = false;
+        void found.then(
+            () => {
+                isFound = true;
+            },
+            () => {
+                isFound = true;
+            },
+        );
+        for (let shown = performance.now(); !isFound;) {
+            await Promise.race([found.catch(() => undefined), this.pause()]);
+            signal?.throwIfAborted();
+            if (!isFound && performance.now() - shown > showEvery) {
+                seen(answer());
+                shown = performance.now();
+            }
+        }
+        await found;
+        return answer();
+    }
+}
+
+function textsOf({from, to}: Range): [string, string] {
+    const text = (time: number): string => new Date(time).toISOString().slice(0, 19).replace('T', ' ');
+    return [text(from), text(to)];
+}
+
+function* probesOf(pass: TablePass, dots: Sample[]): Work<void> {
+    const statement = pass.database.prepare(
+        `select DATETIME,Value from ${identifier(pass.table.name)} where ID>=?1 order by ID limit 1`,
+    );
+    try {
+        for (let i = 0; i < probes; ++i) {
+            statement.bind(1, pass.firstId + Math.floor(((pass.lastId - pass.firstId) * i) / (probes - 1)));
+            if (statement.step()) {
+                const time = timeIn(statement.text(0), false);
+                const value = numberOf(statement.text(1));
+                if (time !== null && time >= 0 && value !== null) dots.push({time, value});
+            }
+            statement.reset();
+            yield;
+        }
+    } finally {
+        statement.finalize();
+    }
+}
+
+function dotsAnswer(dots: readonly Sample[], range: Range, table: OpenTable): CurveAnswer {
+    const shown = dots.filter(({time}) => time >= range.from && time <= range.to);
+    const curve = new Curve(range);
+    for (const {time, value} of shown) curve.add(0, time, value);
+    return {
+        ...answerOf(curve, table, false),
+        isSample: true,
+        seen: dots.length,
+        lines: [],
+        points: shown.flatMap(({time, value}) => [time, value]),
+    };
+}
+
+function answerOf(curve: Curve, table: OpenTable, exact: boolean): CurveAnswer {
+    const {total} = curve;
+    const sample = (at: number): Sample | null =>
+        total.numbers > 0 ? {time: total.points[at]!, value: total.points[at + 1]!} : null;
+    const flat = (points: readonly Sample[]): number[] => points.flatMap(({time, value}) => [time, value]);
+    return {
+        kind: 'samples',
+        exact,
+        share: exact ? 1 : table.pass.share,
+        isSample: false,
+        seen: table.pass.rows,
+        of: table.pass.expectedRows,
+        lines: curve.lines().map(flat),
+        points: flat(curve.reduction().points()),
+        others: curve.otherTimes(),
+        rows: total.rows,
+        numbers: total.numbers,
+        lowest: sample(0),
+        highest: sample(2),
+        first: sample(4),
+        last: sample(6),
+        mean: total.mean,
+    };
+}

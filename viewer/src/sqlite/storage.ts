@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: MIT
+//
+// Random access to a file that nobody may change, and a layer over it that keeps what SQLite writes in memory.
+
+/** What is read from: a slice of a dropped file, or anything else of fixed bytes. */
+export interface Bytes {
+    readonly size: number;
+    /** Fills `target` from `offset` on; both are within the size. Throws when the medium does. */
+    read(offset: number, target: Uint8Array): void;
+}
+
+const blockSize = 16 * 1024; // a slice costs about a millisecond, however small
+const windowSize = 2 * 1024 * 1024;
+const blocksKept = 2048;
+const sequenceBeforeWindow = 4;
+
+/** Keeps what was read last, and reads far ahead when the reads follow each other. */
+export class CachedBytes implements Bytes {
+    readonly size: number;
+    private readonly blocks = new Map<number, Uint8Array>();
+    private readonly room: Uint8Array; // of the window; allocated once
+    private window: Uint8Array = new Uint8Array(0);
+    private windowBegin = 0;
+    private expected = 0;
+    private inSequence = 0;
+
+    constructor(private readonly source: Bytes) {
+        this.size = source.size;
+        this.room = new Uint8Array(Math.min(windowSize, source.size));
+    }
+
+    read(offset: number, target: Uint8Array): void {
+        for (let done = 0; done < target.length;) {
+            const at = offset + done;
+            const [bytes, begin] = this.blockWith(at);
+            const part = bytes.subarray(at - begin, Math.min(bytes.length, at - begin + target.length - done));
+            target.set(part, done);
+            done += part.length;
+        }
+    }
+
+    private blockWith(at: number): [Uint8Array, number] {
+        if (at >= this.windowBegin && at < this.windowBegin + this.window.length)
+            return [this.window, this.windowBegin];
+        const begin = at - (at % blockSize);
+        const kept = this.blocks.get(begin);
+        if (kept) {
+            this.blocks.delete(begin); // the least recently used is the first
+            this.blocks.set(begin, kept);
+            return [kept, begin];
+        }
+        this.inSequence = begin === this.expected ? this.inSequence + 1 : 0;
+        if (this.inSequence >= sequenceBeforeWindow) {
+            this.window = this.room.subarray(0, Math.min(windowSize, this.size - begin));
+            this.windowBegin = this.size; // of nothing, should reading fail
+            this.source.read(begin, this.window);
+            this.windowBegin = begin;
+            this.expected = begin + this.window.length;
+            return [this.window, begin];
+        }
+        this.expected = begin + blockSize;
+        const block = new Uint8Array(Math.min(blockSize, this.size - begin));
+        this.source.read(begin, block);
+        this.blocks.set(begin, block);
+        if (this.blocks.size > blocksKept) this.blocks.delete(this.blocks.keys().next().value!);
+        return [block, begin];
+    }
+}
+
+const pageSize = 4096;
+
+/** A file as SQLite sees it. Pages that were written are kept; the base stays as it is. */
+export class StoredFile {
+    private readonly written = new Map<number, Uint8Array>();
+    private readonly base: Bytes | null;
+    private baseSize: number; // of the base, what was not cut off
+    private length: number;
+
+    constructor(base: Bytes | null) {
+        this.base = base && new CachedBytes(base);
+        this.baseSize = base?.size ?? 0;
+        this.length = this.baseSize;
+    }
+
+    get size(): number {
+        return this.length;
+    }
+
+    get hasChanges(): boolean {
+        return this.written.size > 0;
+    }
+
+    /** The number of bytes that are there; the rest of `target` is zero. */
+    read(offset: number, target: Uint8Array): number {
+        const count = Math.max(0, Math.min(target.length, this.length - offset));
+        if (this.written.size === 0) this.readBase(offset, target.subarray(0, count));
+        else this.readPages(offset, target.subarray(0, count));
+        target.fill(0, count);
+        return count;
+    }
+
+    write(offset: number, source: Uint8Array): void {
+        for (let done = 0; done < source.length;) {
+            const at = offset + done;
+            const page = this.pageWith(at);
+            const part = source.subarray(done, done + pageSize - (at % pageSize));
+            page.set(part, at % pageSize);
+            done += part.length;
+        }
+        this.length = Math.max(this.length, offset + source.length);
+    }
+
+    truncate(size: number): void {
+        this.length = Math.min(this.length, size);
+        this.baseSize = Math.min(this.baseSize, size);
+        for (const [begin, page] of this.written) {
+            if (begin >= size) this.written.delete(begin);
+            else if (begin + pageSize > size) page.fill(0, size - begin);
+        }
+    }
+
+    private readPages(offset: number, target: Uint8Array): void {
+        for (let done = 0; done < target.length;) {
+            const at = offset + done;
+            const part = target.subarray(done, done + pageSize - (at % pageSize));
+            const page = this.written.get(at - (at % pageSize));
+            if (page) part.set(page.subarray(at % pageSize, (at % pageSize) + part.length));
+            else this.readBase(at, part);
+            done += part.length;
+        }
+    }
+
+    private readBase(offset: number, target: Uint8Array): void {
+        const count = Math.max(0, Math.min(target.length, this.baseSize - offset));
+        if (count > 0) this.base!.read(offset, target.subarray(0, count));
+        target.fill(0, count);
+    }
+
+    private pageWith(at: number): Uint8Array {
+        const begin = at - (at % pageSize);
+        let page = this.written.get(begin);
+        if (!page) {
+            page = new Uint8Array(pageSize);
+            this.readBase(begin, page);
+            this.written.set(begin, page);
+        }
+        return page;
+    }
+}

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: MIT
+//
+// $MEASURE=FILE npm run measure: how long a large file takes, from the moment it is chosen, and the memory of the
+// browser.
+import {execFileSync} from 'node:child_process';
+
+import {Session} from './browser.js';
+import type {BrowserName} from './browser.js';
+
+const file = process.env['MEASURE'];
+if (!file) throw new Error('name a file in $MEASURE');
+const name = (process.env['BROWSER'] ?? 'chrome') as BrowserName;
+await using session = await Session.start(name);
+const {page} = session;
+const begin = performance.now();
+const say = (what: string): void => console.log(`${what}: ${((performance.now() - begin) / 1000).toFixed(2)} s`);
+const input = (await page.$('input[type=file]'))! as any;
+await input.uploadFile(file);
+await page.waitForSelector('.series .name');
+say('series listed');
+await page.waitForFunction(
+    () =>
+        [...document.querySelectorAll('.figures td')].some(
+            (cell) => cell.textContent?.startsWith('≈') || /^\d/.test(cell.textContent ?? ''),
+        ),
+    {timeout: 300000, polling: 20},
+);
+say('first look');
+await page.waitForFunction(() => (document.querySelector('.progress') as HTMLElement).hidden, {
+    timeout: 300000,
+    polling: 20,
+});
+say('exact');
+const zoomed = performance.now();
+await page.focus('.chart');
+for (const [what, length] of [
+    ['a day', '24 h'],
+    ['a month', 'Month'],
+    ['an hour', '1 h'],
+    ['all', 'All'],
+]) {
+    const from = performance.now();
+    await page.evaluate(
+        (text) =>
+            ([...document.querySelectorAll('.trend button')] as HTMLElement[])
+                .find((each) => each.textContent === text)!
+                .click(),
+        length,
+    );
+    await page
+        .waitForFunction(() => !(document.querySelector('.progress') as HTMLElement).hidden, {
+            polling: 5,
+            timeout: 2000,
+        })
+        .catch(() => null);
+    await page.waitForFunction(() => (document.querySelector('.progress') as HTMLElement).hidden, {
+        timeout: 100000,
+        polling: 5,
+    });
+    console.log(`${what}: ${((performance.now() - from) / 1000).toFixed(2)} s`);
+}
+void zoomed;
+const processes = execFileSync('ps', ['-eo', 'rss,args', '--sort=-rss'])
+    .toString()
+    .split('\n')
+    .filter((line) => /--type=renderer|-contentproc/.test(line))
+    .slice(0, 3)
+    .map((line) => `${Math.round(Number(line.trim().split(' ')[0]) / 1024)} MB`);
+console.log(`largest processes of the page: ${processes.join(', ')}`);

@@ -1,0 +1,419 @@
+// SPDX-License-Identifier: MIT
+//
+// The page in real browsers, opened from disk.
+import assert from 'node:assert/strict';
+import {appendFileSync, readdirSync, readFileSync} from 'node:fs';
+import {createRequire} from 'node:module';
+import {join} from 'node:path';
+import {test} from 'node:test';
+
+import {pathOf, Session} from './browser.js';
+import {plant} from './plant.js';
+import {Folder} from './reference.js';
+import {made} from './support.js';
+
+const axe = readFileSync(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8');
+const files = await made(plant);
+const tabs = ['trend', 'alarms', 'log', 'rows', 'findings'];
+const browsers = (['chrome', 'firefox'] as const).filter((name) => pathOf(name));
+const chrome = {skip: pathOf('chrome') ? false : 'Chromium is not installed'};
+
+/** Calls until it gives something: pages answer when they can. */
+async function soon<Result>(ask: () => Promise<Result | null | undefined | false>): Promise<Result> {
+    for (const end = Date.now() + 30000; ;) {
+        const answer = await ask();
+        if (answer || Date.now() > end) return answer as Result;
+        await new Promise((resume) => setTimeout(resume, 50));
+    }
+}
+
+const texts = (session: Session, selector: string): Promise<string[]> =>
+    session.page.$$eval(selector, (elements) => elements.map((element) => element.textContent ?? ''));
+
+for (const name of browsers) {
+    test(`${name} shows every view without a request or a fault`, async () => {
+        using folder = new Folder();
+        await using session = await Session.start(name);
+        await session.open(folder.write('boiler house.db', files.main));
+        await session.settled();
+        assert.deepEqual(await texts(session, '.series .name'), [
+            'Boiler flow temperature (°C)',
+            'Feed pump pressure (bar)',
+            'Level tank 2 (m)',
+            'Valve state',
+        ]);
+        const figures = await texts(session, '.figures tbody tr:first-child > *');
+        assert.deepEqual(figures.slice(0, 5), ['Boiler flow temperature (°C)', '59.3', '118.4', '71.181942', '58,202']);
+        for (const [tab, rows] of [
+            ['alarms', '400 rows'],
+            ['log', '301 rows'],
+            ['rows', '58,202 rows'],
+        ] as const) {
+            await session.tab(tab);
+            assert.ok(await soon(async () => (await texts(session, `#view-${tab} .status`))[0] === rows), tab);
+        }
+        await session.tab('findings');
+        assert.ok(
+            await soon(async () =>
+                (await texts(session, '.card-attention p')).some((text) => text.startsWith('Neither active')),
+            ),
+        );
+        assert.deepEqual(session.faults, []);
+        assert.deepEqual(session.requests, []);
+    });
+}
+
+test('a request would be seen by the tests', chrome, async () => {
+    await using session = await Session.start('chrome');
+    await session.page.setBypassCSP(true);
+    await session.page.reload();
+    await session.page.evaluate(() => fetch('http://example.test/').catch(() => null));
+    assert.ok(session.requests.some((request) => request.includes('example.test')));
+});
+
+test('the policy of the page lets nothing out', chrome, async () => {
+    await using session = await Session.start('chrome');
+    const refused = await session.page.evaluate(async () => {
+        const broken: string[] = [];
+        document.addEventListener('securitypolicyviolation', (event) => broken.push(event.effectiveDirective));
+        await fetch('http://example.test/').catch(() => null);
+        const image = new Image();
+        image.src = 'http://example.test/';
+        const script = document.createElement('script');
+        script.textContent = 'window.ran = true';
+        document.head.append(script);
+        const frame = document.createElement('iframe');
+        frame.src = 'http://example.test/';
+        document.body.append(frame);
+        await new Promise((resume) => setTimeout(resume, 300));
+        return {broken, ran: 'ran' in window};
+    });
+    assert.deepEqual([...new Set(refused.broken)].sort(), ['connect-src', 'frame-src', 'img-src', 'script-src-elem']);
+    assert.equal(refused.ran, false);
+    assert.deepEqual(session.requests, []);
+});
+
+test('texts of a file are never markup', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.open(
+        folder.write(
+            'hostile.db',
+            (
+                await made([
+                    ...plant,
+                    `CREATE TABLE "<img src=x onerror=alert(3)>"(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)`,
+                    `insert into "<img src=x onerror=alert(3)>" values(1,'<b>','<i>')`,
+                ])
+            ).main,
+        ),
+    );
+    await session.settled();
+    for (const tab of tabs) {
+        await session.tab(tab);
+        await session.settled();
+    }
+    await session.tab('log');
+    await session.settled();
+    await session.page.click('#view-log .rows .row');
+    await session.page.waitForSelector('dialog[open]');
+    assert.equal((await session.page.$$('#app img, dialog img, #app b, dialog b')).length, 0);
+    assert.deepEqual(session.faults, []);
+});
+
+for (const zone of ['Asia/Kolkata', 'America/New_York']) {
+    test(`times are those of the cells in ${zone}`, chrome, async () => {
+        using folder = new Folder();
+        await using session = await Session.start('chrome', {zone});
+        assert.equal(
+            await session.page.evaluate(() =>
+                Intl.DateTimeFormat().resolvedOptions().timeZone.replace('Calcutta', 'Kolkata'),
+            ),
+            zone,
+        );
+        await session.open(folder.write('plant.db', files.main));
+        await session.settled();
+        await session.page.$eval('.trend input.time', (input) => {
+            (input as HTMLInputElement).value = '2024-05-08';
+            input.dispatchEvent(new Event('change'));
+        });
+        await session.page.evaluate(() => (document.activeElement as HTMLElement).blur());
+        assert.equal(
+            await session.page.$eval('.trend input.time', (input) => (input as HTMLInputElement).value),
+            '2024-05-08 00:00:00',
+        );
+        await session.settled();
+        await session.tab('rows');
+        await session.settled();
+        const [first] = await texts(session, '#view-rows .rows .row:first-child');
+        assert.ok(first!.startsWith('2024-05-06 00:00:00'), first);
+        await session.tab('findings');
+        assert.ok((await texts(session, '.findings td')).includes('2024-05-12 22:00:00.000'));
+    });
+}
+
+for (const dark of [false, true]) {
+    test(`axe finds nothing ${dark ? 'in the dark' : 'in the light'}`, chrome, async () => {
+        using folder = new Folder();
+        await using session = await Session.start('chrome', {dark});
+        const check = async (what: string): Promise<void> => {
+            const found = (await session.page
+                .evaluate(`${axe};axe.run({runOnly: ['wcag2a', 'wcag2aa', 'wcag21a', 'wcag21aa', 'wcag22aa',
+                'best-practice']})`)) as {violations: {id: string; nodes: {html: string; failureSummary: string}[]}[]};
+            assert.deepEqual(
+                found.violations.map(({id, nodes}) => `${what}: ${id}: ${nodes[0]!.html} ${nodes[0]!.failureSummary}`),
+                [],
+            );
+        };
+        await check('start');
+        await session.open(folder.write('plant.db', files.main));
+        await session.settled();
+        await check('trend');
+        for (const tab of tabs.slice(1)) {
+            await session.tab(tab);
+            await session.settled();
+            await check(tab);
+        }
+        await session.tab('alarms');
+        await session.page.click('#view-alarms .rows .row');
+        await session.page.waitForSelector('dialog[open]');
+        await check('a row');
+    });
+}
+
+test('keys move, zoom and set cursors', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    const range = (): Promise<string[]> =>
+        session.page.$$eval('.trend input.time', (inputs) => inputs.map((input) => (input as HTMLInputElement).value));
+    const all = await range();
+    await session.page.focus('.chart');
+    await session.page.keyboard.press('+');
+    const near = await range();
+    assert.notDeepEqual(near, all);
+    await session.page.keyboard.press('ArrowRight');
+    assert.notDeepEqual(await range(), near);
+    await session.page.keyboard.press('Home');
+    assert.deepEqual(await range(), all);
+    await session.page.keyboard.press('.');
+    await session.page.keyboard.press('Enter');
+    for (let i = 0; i < 5; ++i) await session.page.keyboard.press('>');
+    const heads = await texts(session, '.figures thead th');
+    assert.match(heads[5]!, /^2024-05-09 /);
+    assert.match(heads[7]!, /^Difference, /);
+    await session.page.keyboard.press('Escape');
+    assert.equal((await texts(session, '.figures thead th')).length, 6);
+    await session.page.keyboard.press('3');
+    assert.equal(await session.page.$eval('#tab-log', (tab) => tab.getAttribute('aria-selected')), 'true');
+});
+
+test('wheel, drag and two fingers zoom and move, and a spike of a second stays', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    const range = (): Promise<number[]> =>
+        session.page.$$eval('.trend input.time', (inputs) =>
+            inputs.map((input) => Date.parse(`${(input as HTMLInputElement).value.replace(' ', 'T')}Z`)),
+        );
+    const [from, to] = await range();
+    const box = (await (await session.page.$('.chart'))!.boundingBox())!;
+    await session.page.mouse.move(box.x + box.width / 2, box.y + 60);
+    await session.page.mouse.wheel({deltaY: -120});
+    const zoomed = await range();
+    assert.ok(zoomed[1]! - zoomed[0]! < to! - from!);
+    await session.page.mouse.down();
+    await session.page.mouse.move(box.x + box.width / 2 + 120, box.y + 60, {steps: 4});
+    await session.page.mouse.up();
+    assert.ok((await range())[0]! < zoomed[0]!);
+    const before = await range();
+    const fingers = await session.page.createCDPSession();
+    const touch = (type: 'touchStart' | 'touchMove' | 'touchEnd', distance: number): Promise<unknown> =>
+        fingers.send('Input.dispatchTouchEvent', {
+            type,
+            touchPoints:
+                type === 'touchEnd'
+                    ? []
+                    : [-1, 1].map((side, id) => ({x: box.x + box.width / 2 + side * distance, y: box.y + 80, id})),
+        });
+    await touch('touchStart', 60);
+    for (const distance of [80, 110, 140]) await touch('touchMove', distance);
+    await touch('touchEnd', 0);
+    const pinched = await range();
+    assert.ok(pinched[1]! - pinched[0]! < before[1]! - before[0]!, 'pinch');
+    await session.page.focus('.chart');
+    await session.page.keyboard.press('Home');
+    await session.settled();
+    assert.equal((await texts(session, '.figures tbody tr:first-child > *'))[2], '118.4');
+});
+
+test('a click on an alarm opens its list there, and a row goes back to its moment', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    const strip = (await (await session.page.$('.events'))!.boundingBox())!;
+    await session.page.mouse.click(strip.x + strip.width / 2, strip.y + 12);
+    await session.settled();
+    assert.equal(
+        await session.page.$eval(
+            '#view-alarms select[aria-label=Level]',
+            (select) => (select as HTMLSelectElement).value,
+        ),
+        '3',
+    );
+    const active = await soon(async () => (await texts(session, '#view-alarms .row.active'))[0]);
+    assert.match(active, /^32024-05-0[89]/);
+    await session.page.click('#view-alarms .row.active');
+    await session.page.waitForSelector('dialog[open] .first');
+    await session.page.click('dialog[open] .first');
+    assert.equal(await session.page.$eval('#tab-trend', (tab) => tab.getAttribute('aria-selected')), 'true');
+    const [from] = await session.page.$$eval('.trend input.time', (inputs) =>
+        inputs.map((input) => (input as HTMLInputElement).value),
+    );
+    assert.match(from!, /^2024-05-0[89]/);
+});
+
+test('search, filter and sort find the rows that device-db finds', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    const status = (text: string, tab: string): Promise<unknown> =>
+        soon(async () => (await texts(session, `#view-${tab} .status`))[0] === text);
+    await session.tab('log');
+    await session.page.type('#view-log input[type=search]', 'ACKNOWLEDGED');
+    assert.ok(await status('100 rows', 'log'));
+    await session.page.select('#view-log select', '=admin');
+    assert.ok(await status('20 rows', 'log'));
+    await session.tab('alarms');
+    await session.page.select('#view-alarms select[aria-label=State]', 'active');
+    assert.ok(await status('2 rows', 'alarms'));
+    await session.page.select('#view-alarms select[aria-label=State]', '');
+    await session.page.evaluate(() =>
+        ([...document.querySelectorAll('#view-alarms .head button')] as HTMLElement[])
+            .find((button) => button.textContent!.startsWith('Object'))!
+            .click(),
+    );
+    assert.ok(await soon(async () => (await texts(session, '#view-alarms .rows .row'))[0]?.includes('Boiler')));
+});
+
+test('what was saved is the cells, and a picture', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const devtools = await session.browser.target().createCDPSession();
+    await devtools.send('Browser.setDownloadBehavior', {behavior: 'allow', downloadPath: folder.path});
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    await session.tab('log');
+    await session.settled();
+    const click = (text: string): Promise<void> =>
+        session.page.evaluate(
+            (wanted) =>
+                ([...document.querySelectorAll('button')] as HTMLElement[])
+                    .filter((each) => each.offsetParent !== null)
+                    .find((each) => each.textContent === wanted)!
+                    .click(),
+            text,
+        );
+    const saved = (ending: string): Promise<string> =>
+        soon(async () => readdirSync(folder.path).find((name) => name.endsWith(ending)));
+    await click('CSV');
+    await session.page.waitForSelector('dialog[open]');
+    await click('Save');
+    const csv = readFileSync(join(folder.path, await saved('.csv')), 'utf8');
+    const lines = csv.split('\n');
+    assert.equal(lines[0], 'time,user,log,message');
+    assert.equal(
+        lines[1],
+        `2024-05-12 22:00:00.000,<img src=x onerror=alert(1)>,</script><script>alert(2)</script>,"""><b>%1"`,
+    );
+    assert.equal(csv.split(/\n(?=2024)/).length, 302);
+    await session.tab('trend');
+    await click('Picture');
+    const png = readFileSync(join(folder.path, await saved('.png')));
+    // The lines are in it, in their colours.
+    const coloured = await session.page.evaluate(async (data) => {
+        const picture = await createImageBitmap(
+            new Blob([Uint8Array.from(atob(data), (character) => character.charCodeAt(0))]),
+        );
+        const canvas = new OffscreenCanvas(picture.width, picture.height);
+        const context = canvas.getContext('2d')!;
+        context.drawImage(picture, 0, 0);
+        const pixels = context.getImageData(0, 0, picture.width, picture.height).data;
+        const counts = [0, 0];
+        for (let i = 0; i < pixels.length; i += 4) {
+            counts[0]! += pixels[i] === 0x1f && pixels[i + 1] === 0x5f && pixels[i + 2] === 0xa8 ? 1 : 0;
+            counts[1]! += pixels[i] === 0xc2 && pixels[i + 1] === 0x50 && pixels[i + 2] === 0x0b ? 1 : 0;
+        }
+        return counts;
+    }, png.toString('base64'));
+    assert.ok(
+        coloured.every((count) => count > 1000),
+        String(coloured),
+    );
+});
+
+test('-wal and -journal beside the file are read, and a file that changes is noticed', chrome, async () => {
+    using folder = new Folder();
+    const samples = 'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)';
+    const wal = await made([
+        'pragma journal_mode=wal',
+        samples,
+        "insert into T1 values(1,'2024-05-06 07:08:09','5'),(2,'2024-05-06 08:00:00','6')",
+    ]);
+    await using session = await Session.start('chrome');
+    const [main, log] = [folder.write('wal.db', wal.main), folder.write('wal.db-wal', wal.wal!)];
+    await session.open(main, log);
+    await session.tab('rows');
+    assert.ok(await soon(async () => (await texts(session, '#view-rows .status'))[0] === '2 rows'));
+    appendFileSync(log, 'more');
+    await session.tab('trend');
+    await session.page.focus('.chart');
+    await session.page.keyboard.press('+');
+    assert.match(await soon(async () => (await texts(session, '.banner'))[0]), /wal\.db: it was changed or taken away/);
+});
+
+test('files without rows and without tables are shown as they are', chrome, async () => {
+    using folder = new Folder();
+    const table = 'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)';
+    await using session = await Session.start('chrome');
+    await session.open(folder.write('empty.db', (await made([table])).main));
+    await session.settled();
+    assert.deepEqual(await texts(session, '.series .name'), ['T1']);
+    await session.open(folder.write('other.db', (await made(['CREATE TABLE letters(a,b)'])).main));
+    await session.settled();
+    assert.match((await texts(session, '.series'))[0]!, /No series in this file/);
+    for (const tab of tabs) await session.tab(tab);
+    assert.match((await texts(session, '.cards'))[0]!, /letters/);
+    assert.deepEqual(session.faults, []);
+});
+
+test('what is not a store file says so', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const input = (await session.page.$('input[type=file]'))!;
+    await (input as any).uploadFile(
+        folder.write('letter.txt', 'Dear reader, this is no database at all. '.repeat(100)),
+    );
+    assert.match(await soon(async () => (await texts(session, '.failure'))[0]), /letter\.txt: file is not a database/);
+});
+
+test('the print shows the trend and its figures on one page', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    await session.page.evaluate(() => {
+        window.print = () => document.body.setAttribute('data-printed', '');
+        ([...document.querySelectorAll('.trend button')] as HTMLElement[])
+            .find((each) => each.textContent === 'Print')!
+            .click();
+    });
+    await session.page.waitForSelector('[data-printed]');
+    const paper = Buffer.from(await session.page.pdf({preferCSSPageSize: true})).toString('latin1');
+    assert.equal([...paper.matchAll(/\/Type ?\/Page\b/g)].length, 1);
+    assert.match((await texts(session, '#paper'))[0]!, /plant\.db.*device time.*58,202/s);
+});

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: MIT
+//
+// npm run pictures: a picture of each view into out/pictures, to be looked at, and those that the documentation shows.
+import {copyFileSync, mkdirSync} from 'node:fs';
+import {join} from 'node:path';
+
+import {Session} from './browser.js';
+import {plant} from './plant.js';
+import {Folder, root} from './reference.js';
+import {made} from './support.js';
+
+const target = join(root, 'out', 'pictures');
+mkdirSync(target, {recursive: true});
+const shown: Readonly<Record<string, string>> = {
+    wide_trend: 'viewer-trend',
+    wide_alarms: 'viewer-alarms',
+    wide_findings: 'viewer-findings',
+    dark_trend: 'viewer-dark',
+    narrow_trend: 'viewer-narrow',
+};
+using folder = new Folder();
+const file = folder.write('boiler house.db', (await made(plant)).main);
+const kinds = {
+    wide: {width: 1280, height: 760},
+    dark: {width: 1280, height: 760, dark: true},
+    narrow: {width: 400, height: 800},
+};
+for (const [kind, options] of Object.entries(kinds)) {
+    await using session = await Session.start('chrome', options);
+    const {page} = session;
+    const shoot = async (view: string): Promise<void> => {
+        const name = `${kind}_${view}`;
+        const path: `${string}.png` = `${join(target, name)}.png`;
+        await page.screenshot({path});
+        const picture = shown[name];
+        if (picture) copyFileSync(path, join(root, '..', 'docs', `${picture}.png`));
+    };
+    await shoot('start');
+    await session.open(file);
+    await session.settled();
+    await page.focus('.chart');
+    await page.keyboard.press('.');
+    for (let i = 0; i < 6; ++i) await page.keyboard.press('<');
+    await page.keyboard.press('Enter');
+    for (let i = 0; i < 9; ++i) await page.keyboard.press('>');
+    await page.evaluate(() => (document.activeElement as HTMLElement).blur());
+    await shoot('trend');
+    for (const tab of ['alarms', 'log', 'rows', 'findings']) {
+        await session.tab(tab);
+        await session.settled();
+        await page.evaluate(() => (document.activeElement as HTMLElement).blur());
+        await shoot(tab);
+    }
+    await session.tab('log');
+    await page.click('#view-log .rows .row:nth-child(3)');
+    await page.waitForSelector('dialog[open]');
+    await shoot('row');
+}

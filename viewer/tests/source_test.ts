@@ -1,0 +1,311 @@
+// SPDX-License-Identifier: MIT
+//
+// The source over files: what is beside them, random ranges, pages of rows, and several questions at a time.
+import assert from 'node:assert/strict';
+import {spawnSync} from 'node:child_process';
+import {test} from 'node:test';
+
+import {Curve} from '../src/reading/curve.js';
+import {numberOf} from '../src/reading/number.js';
+import {Reduction} from '../src/reading/reduction.js';
+import type {CurveAnswer, RowsAnswer, TrendAnswer} from '../src/reading/source.js';
+import {timeIn} from '../src/reading/times.js';
+import {StoredFile} from '../src/sqlite/storage.js';
+import {Folder} from './reference.js';
+import {filesOf, made, MemoryBytes, nothing, sourceOver} from './support.js';
+import type {MadeFiles} from './support.js';
+
+const samples = 'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)';
+const rows = (count: number, seconds: string, value: string): string =>
+    'insert into T1(DATETIME,Value) with recursive n(i) as ' +
+    `(select 0 union all select i+1 from n where i<${count - 1}) select datetime(1714978800+${seconds},'unixepoch'),${value} from n`;
+const shell = spawnSync('sqlite3', ['--version']).status === 0;
+
+function random(seed: number): () => number {
+    let state = seed;
+    return () => {
+        state = (Math.imul(state, 1664525) + 1013904223) >>> 0;
+        return state / 2 ** 32;
+    };
+}
+
+async function allRows(files: MadeFiles, beside = true): Promise<(string | null)[][]> {
+    const source = await sourceOver(filesOf(files, 'x.db', beside));
+    const {rows} = await source.rows({table: '0/T1', order: 'recorded', offset: 0, limit: 1e6}, nothing);
+    return rows as (string | null)[][];
+}
+
+// The shell changes what it opens, so it gets a copy of its own.
+function rowsOfShell(files: MadeFiles): (string | null)[][] {
+    using folder = new Folder();
+    const file = folder.write('x.db', files.main);
+    if (files.wal) folder.write('x.db-wal', files.wal);
+    if (files.journal) folder.write('x.db-journal', files.journal);
+    const found = spawnSync('sqlite3', ['-json', file, 'select ID,DATETIME,Value from T1 order by ID'], {
+        maxBuffer: 1 << 28,
+    });
+    return (JSON.parse(found.stdout.toString() || '[]') as Record<string, unknown>[]).map((row) =>
+        Object.values(row).map((cell) => (cell === null ? null : String(cell))),
+    );
+}
+
+test('rows of a write-ahead log are there with it, and missing without', async () => {
+    const files = await made([
+        'pragma journal_mode=wal',
+        samples,
+        'pragma wal_checkpoint(truncate)',
+        rows(3000, 'i', 'i'),
+        "update T1 set Value='new' where ID%100=7",
+    ]);
+    assert.ok(files.wal!.length > 10000);
+    const found = await allRows(files);
+    assert.equal(found.length, 3000);
+    assert.equal(found[6]![2], 'new');
+    assert.deepEqual(await allRows(files, false), []);
+    if (shell) assert.deepEqual(found, rowsOfShell(files));
+    const [info] = await (await sourceOver(filesOf(files, 'x.db', false))).open();
+    assert.ok(info!.findings.some(({cause}) => cause === 'noLog'));
+});
+
+test('a log that is cut off counts up to its last whole transaction', async () => {
+    const files = await made(['pragma journal_mode=wal', samples, rows(10, 'i', 'i'), rows(1000, 'i', "'late'")]);
+    const cut = {...files, wal: files.wal!.subarray(0, files.wal!.length / 2)};
+    const found = await allRows(cut);
+    assert.equal(found.length, 10);
+    if (shell) assert.deepEqual(found, rowsOfShell(cut));
+});
+
+test('a transaction that was cut off is rolled back, and the file is as it was', async () => {
+    const files = await made([
+        samples,
+        rows(2000, 'i', 'i'),
+        'pragma cache_size=5',
+        'begin',
+        "update T1 set Value='half done'",
+        'delete from T1 where ID>1000',
+    ]);
+    assert.ok(files.journal && files.journal.length > 0);
+    const before = Buffer.from(files.main);
+    const found = await allRows(files);
+    assert.equal(found.length, 2000);
+    assert.equal(found[0]![2], '0');
+    assert.deepEqual(Buffer.from(files.main), before);
+    if (shell) assert.deepEqual(found, rowsOfShell(files));
+    const [info] = await (await sourceOver(filesOf(files))).open();
+    assert.ok(info!.findings.some(({cause}) => cause === 'rolledBack'));
+});
+
+test('what lies beside a file that is not there is refused', async () => {
+    await assert.rejects(
+        sourceOver([{name: 'x.db-wal', bytes: new MemoryBytes(new Uint8Array(40))}]),
+        /belongs to is missing/,
+    );
+});
+
+test('a file that was changed is not read on', async () => {
+    const {main} = await made([samples, rows(10, 'i', 'i')]);
+    const source = await sourceOver([{name: 'x.db', bytes: new MemoryBytes(main)}]);
+    main[27]! += 1; // the change counter
+    await assert.rejects(source.trend({table: '0/T1', from: 0, to: 1e12, columns: 10}, nothing), /drop it again/);
+});
+
+test('a damaged file says so', async () => {
+    const files = await made([samples, rows(3000, 'i', 'i')]);
+    files.main.fill(0x55, files.main.length - 3000, files.main.length - 2000);
+    const [info] = await (await sourceOver(filesOf(files))).open();
+    assert.ok(info!.findings.some(({severity, cause}) => severity === 'damage' && cause === 'damaged'));
+});
+
+test('what is written stays in memory, and what was cut off does not come back', () => {
+    const base = Uint8Array.from({length: 20000}, (_, i) => i % 251);
+    const file = new StoredFile(new MemoryBytes(base));
+    const read = (offset: number, size: number): number[] => {
+        const target = new Uint8Array(size);
+        file.read(offset, target);
+        return [...target];
+    };
+    file.write(
+        4090,
+        Uint8Array.from({length: 12}, () => 255),
+    );
+    assert.deepEqual(read(4088, 16), [...base.slice(4088, 4090), ...Array(12).fill(255), ...base.slice(4102, 4104)]);
+    assert.equal(base[4090], 4090 % 251);
+    file.truncate(5000);
+    file.write(19990, Uint8Array.of(1));
+    assert.equal(file.size, 19991);
+    assert.deepEqual(read(4998, 6), [...base.slice(4998, 5000), 0, 0, 0, 0]);
+    assert.deepEqual(read(12000, 3), [0, 0, 0]);
+    assert.equal(file.read(19990, new Uint8Array(10)), 1);
+});
+
+test('hostile files are refused or read, and run nothing', async () => {
+    const view = await made([
+        samples,
+        rows(5, 'i', 'i'),
+        "create view \"device series\" as select 'T1' COLLECTOR,'x' UNIT,'y' DESCRIPTION",
+        "create view tb_config as select 1 ID,'T1' COLLECTOR,'name' NAME",
+    ]);
+    const [table] = await (await sourceOver(filesOf(view))).tables();
+    assert.equal(table!.title, 'T1');
+    assert.equal(table!.unit, '');
+    for (const damage of [0, 18, 100, 105, 4096, 8192 + 3]) {
+        const files = await made([samples, rows(3000, 'i', 'i')]);
+        files.main.fill(0xff, damage, damage + 60);
+        const source = await sourceOver(filesOf(files)).catch(() => null); // it may be no database any more
+        const answer = source?.overview('0/T1', nothing);
+        await answer?.catch((error: Error) => assert.match(error.message, /case\.db|no such table/));
+    }
+});
+
+// Gaps, steps of the clock, equal times, texts and values that are no numbers.
+const oddRows = '(i + (i>700)*3600 - (i>1500)*5000 + (i>2600)*90000 - (i%89=0)*7 - (i%13=0) + (i>3000 and i%2)*2)';
+const oddValue =
+    "case when i%97=5 then 'off' when i%31=0 then (i*7919)%1000 else printf('%.2f',50+(i*i*31%997)/10.0) end";
+
+for (const [name, value, more] of [
+    ['without an index', oddValue, []],
+    ['with an index', oddValue, ['create index i on T1(DATETIME)']],
+    ['of values that hardly change', '(i%700)/1000.0', []],
+] as const) {
+    test(`random ranges ${name}: no column differs from all rows`, async () => {
+        const files = await made([samples, rows(5000, oddRows, value), ...more]);
+        const source = await sourceOver(filesOf(files));
+        const all = (await allRows(files)).map(([, time, value]) => [timeIn(time!, false), numberOf(value!)] as const);
+        const next = random(7);
+        const begin = 1714978800000;
+        for (let i = 0; i < 300; ++i) {
+            if (i === 100) await source.overview('0/T1', nothing); // from here on by blocks
+            const from = begin - 60000 + Math.floor(next() * 100000) * 1000;
+            const to = from + Math.floor(next() ** (1 + (i % 3)) * 100000) * 1000;
+            // Few columns are as wide as many blocks.
+            const columns = 1 + Math.floor(next() * (i % 2 === 0 ? 300 : 12));
+            const answer = (await source.trend({table: '0/T1', from, to, columns}, nothing)) as CurveAnswer;
+            const inside = all.filter(([time]) => time !== null && time >= from && time <= to);
+            const reduction = new Reduction(from, to, columns);
+            inside.forEach(([time, value]) => value !== null && reduction.add(time!, value));
+            assert.deepEqual(
+                answer.points,
+                reduction.points().flatMap(({time, value}) => [time, value]),
+                `${from} to ${to}`,
+            );
+            assert.equal(answer.rows, inside.length);
+            assert.equal(answer.numbers, reduction.count);
+            assert.equal(answer.exact, true);
+            const mean = inside.reduce((sum, [, value]) => sum + (value ?? 0), 0) / reduction.count;
+            assert.ok(reduction.count === 0 || Math.abs(answer.mean - mean) < 1e-9);
+            const lines = answer.lines.flatMap((line) =>
+                line.filter((_, at) => at % 2 === 0).map((time, at, times) => at === 0 || time >= times[at - 1]!),
+            );
+            assert.ok(lines.every((isForward) => isForward));
+        }
+    });
+}
+
+test('a look before everything is read loses no spike that it has seen', async () => {
+    const files = await made([samples, rows(60000, 'i', "case when i=12345 then '999.5' else i%50 end")]);
+    const source = await sourceOver(filesOf(files));
+    const parts: TrendAnswer[] = [];
+    const range = {table: '0/T1', from: 1714978800000, to: 1714978800000 + 59999000, columns: 100};
+    const exact = (await source.trend(range, (part) => parts.push(part))) as CurveAnswer;
+    assert.ok(parts.length > 0 && parts[0]!.kind === 'samples' && parts[0]!.isSample && !parts[0]!.exact);
+    assert.equal(exact.highest!.value, 999.5);
+    assert.ok(exact.points.includes(999.5));
+});
+
+test('pages of any list follow each other, and a row is found in it', async () => {
+    const files = await made([
+        samples,
+        rows(5000, 'i', 'i%7'),
+        'delete from T1 where ID%3=0 or ID between 900 and 1800',
+    ]);
+    const source = await sourceOver(filesOf(files));
+    const early = await source.rows({table: '0/T1', order: 'recorded', offset: 0, limit: 9}, nothing);
+    assert.deepEqual([early.exact, early.total], [false, 5000]); // by the IDs, before the rows are counted
+    await source.overview('0/T1', nothing);
+    for (const query of [
+        {order: 'recorded'},
+        {order: 'newest'},
+        {order: 'oldest', containing: '3'},
+        {order: {column: 'value', descending: true}},
+        {order: 'recorded', from: 1714979000000, to: 1714982000000},
+    ] as const) {
+        const whole = await source.rows({table: '0/T1', ...query, offset: 0, limit: 1e6}, nothing);
+        assert.equal(whole.total, whole.rows.length);
+        for (let offset = 0; offset < whole.total; offset += 777) {
+            const page = await source.rows({table: '0/T1', ...query, offset, limit: 5}, nothing);
+            assert.deepEqual(page.rows, whole.rows.slice(offset, offset + 5));
+            const id = Number(whole.rows[offset]![0]);
+            const around = await source.rows({table: '0/T1', ...query, id, offset: 0, limit: 9}, nothing);
+            assert.equal(around.found, offset);
+            assert.deepEqual(around.rows[around.found - around.offset], whole.rows[offset]);
+        }
+        const none = await source.rows({table: '0/T1', ...query, id: 3, offset: 0, limit: 9}, nothing);
+        assert.equal(none.found, -1);
+    }
+});
+
+test('two searches at a time find what each looks for', async () => {
+    const files = await made([samples, rows(100000, 'i', 'i%1000')]);
+    const source = await sourceOver(filesOf(files));
+    const search = (containing: string): Promise<RowsAnswer> =>
+        source.rows({table: '0/T1', containing, order: 'recorded', offset: 0, limit: 3}, nothing);
+    const [one, other] = await Promise.all([search('777'), search('88')]);
+    assert.deepEqual([one.total, other.total], [100, 1900]);
+});
+
+test('questions are answered while a table is read, and end when nobody waits', async () => {
+    const files = await made([
+        samples,
+        rows(300000, 'i', 'i%100'),
+        samples.replace('T1', 'T2'),
+        "insert into T2 values(1,'2024-05-06 07:00:00','5')",
+    ]);
+    const source = await sourceOver(filesOf(files));
+    const order: string[] = [];
+    const long = source.overview('0/T1', nothing).then(() => order.push('long'));
+    await source.trend({table: '0/T2', from: 0, to: 2e12, columns: 10}, nothing).then(() => order.push('short'));
+    const leaving = new AbortController();
+    const left = source.trend({table: '0/T1', from: 0, to: 2e12, columns: 10}, nothing, leaving.signal);
+    leaving.abort();
+    await assert.rejects(left, {name: 'AbortError'});
+    await long;
+    assert.deepEqual(order, ['short', 'long']);
+});
+
+test('a curve of many steps back of the clock keeps all of its points', () => {
+    const curve = new Curve({from: 0, to: 1000000, columns: 50});
+    const all = new Reduction(0, 1000000, 50);
+    for (let i = 0; i < 3000; ++i) {
+        const time = (i * 7919) % 1000000;
+        curve.add(i, time, i % 77);
+        all.add(time, i % 77);
+    }
+    assert.deepEqual(curve.reduction().points().length, all.points().length);
+    assert.equal(curve.total.numbers, 3000);
+});
+
+test('alarms and entries of a log are where they are in time', async () => {
+    const source = await sourceOver(
+        filesOf(
+            await made([
+                `CREATE TABLE AlarmData(ID INTEGER PRIMARY KEY AUTOINCREMENT,LevelID INTEGER,DATETIME dateTime,AlarmObject text,AlarmType text,CurrentValue
+         text,LimitValue text,AlarmDescription text,EndDate text,EndTime text)`,
+                `insert into AlarmData(LevelID,DATETIME,EndDate,EndTime) values(2,'2024-05-06 00:00:10','2024/05/06','00:00:30'),
+         (2,'2024-05-06 00:00:20','2024-05-06','00:00:40'),(2,'2024-05-06 00:05:00','',''),(3,'2024-05-06 00:01:00','2024-05-06','00:01:00'),
+         (1,'yesterday','','')`,
+                'CREATE TABLE OperatorLog(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime NOT ' +
+                    'NULL,userName text,logName text,message text)',
+                `insert into OperatorLog(DATETIME) values('2024-05-06 00:00:10.500'),('2024-05-06 00:00:10.600'),('2024-05-06 00:00:05.000')`,
+            ]),
+        ),
+    );
+    const second = (number: number): number => Date.UTC(2024, 4, 6) + number * 1000;
+    const range = {from: second(0), to: second(600), columns: 600};
+    const alarms = await source.trend({table: '0/AlarmData', ...range}, nothing);
+    assert.deepEqual(alarms.kind === 'alarms' && alarms.lanes, [
+        {level: 3, alarms: 1, spans: [second(60), second(60)]},
+        {level: 2, alarms: 3, spans: [second(10), second(40), second(300), second(600)]},
+    ]);
+    const log = await source.trend({table: '0/OperatorLog', ...range}, nothing);
+    assert.deepEqual(log.kind === 'log' && log.marks, [second(5), 1, 3, second(10.5), 2, 1]);
+});
