@@ -48,14 +48,15 @@ Result<bool> areThere(SqlChannel &connection, const Site &site)
 
 Result<std::optional<RollupState>> stateOf(SqlChannel &connection, const Site &site, const QString &table)
 {
+    // SQLite works out both sides of an "or": with it, the rows would be counted each time.
     const auto rows = connection.query(
         site,
-        QStringLiteral(
-            "select N,LEVELS,MARK,max(ifnull((select seq from sqlite_sequence where name=COLLECTOR collate "
-            "nocase),0),ifnull((select max(ID) from %1),0)),MARKED is null or not exists(select 1 from %1 where "
-            "ID=MARK) or exists(select 1 from %1 where ID=MARK and substr(MARKED,1,length(DATETIME)+1) is "
-            "DATETIME||' ') or (select count(*) from %1 where ID>0 and ID<=MARK)<MARK,FRONT,VERSION from %2 where "
-            "COLLECTOR=%3")
+        QStringLiteral("select N,LEVELS,MARK,max(ifnull((select seq from sqlite_sequence where name=COLLECTOR collate "
+                       "nocase),0),ifnull((select max(ID) from %1),0)),case when MARKED is null or not exists(select 1 "
+                       "from %1 where ID=MARK) or exists(select 1 from %1 where ID=MARK and "
+                       "substr(MARKED,1,length(DATETIME)+1) is DATETIME||' ') then 1 "
+                       "else (select count(*) from %1 where ID>0 and ID<=MARK)<MARK end,FRONT,VERSION from %2 where "
+                       "COLLECTOR=%3")
             .arg(table, QLatin1String(series), quoted(table)));
     if (!rows)
         return rows.error();
