@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "storefile/times.h"
 
+#include "host/time_text.h"
+
 #include <QRegularExpression>
 
 #include <algorithm>
@@ -29,32 +31,12 @@ QDateTime fromText(const QByteArray &time, bool milliseconds, Qt::TimeSpec spec)
     return parsed;
 }
 
-int digits(const char *at, int count)
+std::optional<qint64> timeIn(const QByteArray &text, bool milliseconds)
 {
-    int value = 0;
-    for (int i = 0; i < count; ++i) {
-        if (at[i] < '0' || at[i] > '9')
-            return -1;
-        value = value * 10 + (at[i] - '0');
-    }
-    return value;
-}
-
-std::optional<qint64> timeIn(const QByteArray &time, bool milliseconds)
-{
-    if (time.size() != (milliseconds ? 23 : 19))
+    const device::LocalTime time = device::TimeReader(milliseconds).read(text.constData(), text.size());
+    if (!time.isValid())
         return std::nullopt;
-    const char *const at = time.constData();
-    if (at[4] != '-' || at[7] != '-' || at[10] != ' ' || at[13] != ':' || at[16] != ':' ||
-        (milliseconds && at[19] != '.'))
-        return std::nullopt;
-    const int year = digits(at, 4); // QDate knows years before the first, too
-    const QDate date(year, digits(at + 5, 2), digits(at + 8, 2));
-    const QTime clock(digits(at + 11, 2), digits(at + 14, 2), digits(at + 17, 2),
-                      milliseconds ? digits(at + 20, 3) : 0);
-    if (year < 1 || !date.isValid() || !clock.isValid())
-        return std::nullopt;
-    return (date.toJulianDay() - 2440588) * 86400000 + clock.msecsSinceStartOfDay();
+    return (time.date().toJulianDay() - 2440588) * 86400000 + time.time().msecsSinceStartOfDay();
 }
 
 } // namespace
