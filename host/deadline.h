@@ -2,6 +2,8 @@
 #ifndef DEVICE_DEADLINE_H
 #define DEVICE_DEADLINE_H
 
+#include <QtGlobal>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -11,6 +13,13 @@ namespace device
 {
 
 using Clock = std::chrono::steady_clock;
+
+/// How much the next slice of a long work takes on, after one of this size: half of it if that took too long, else
+/// twice as much.
+inline qint64 nextSlice(qint64 size, Clock::duration took, Clock::duration atMost, qint64 least, qint64 most)
+{
+    return took > atMost ? std::max(least, size / 2) : std::min(most, size * 2);
+}
 
 /// The moment at which waiting ends. A negative time, and one too long to be counted, mean for ever: hosts write both
 /// to say so, and neither may turn into "now" by overflowing.

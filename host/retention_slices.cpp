@@ -105,8 +105,7 @@ Status Retention::trimSome(Connection &connection, qint64 rows, const Through &s
             return done;
     }
     if (left <= 0)
-        m_rowsAtOnce = Clock::now() - began > sliceTime ? std::max(fewestRows, m_rowsAtOnce / 2)
-                                                        : std::min(mostRows, m_rowsAtOnce * 2);
+        m_rowsAtOnce = nextSlice(m_rowsAtOnce, Clock::now() - began, sliceTime, fewestRows, mostRows);
     for (const Done &done : m_done) {
         if (const Status counted = countTrimmed(connection, keepSite(done.table->name), done.rows); !counted)
             return counted;

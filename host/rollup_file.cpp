@@ -95,6 +95,19 @@ QString unusedNumber()
 
 } // namespace
 
+Buckets bucketsOf(const QList<QStringList> &rows, int timeColumn, qint64 width)
+{
+    TimeReader times(false);
+    Buckets buckets;
+    for (const QStringList &row : rows) {
+        const QString &text = row.at(timeColumn);
+        const LocalTime time = times.read(text.constData(), text.size());
+        if (time.isValid())
+            buckets[secondsOf(time) / width * width].add(secondsOf(time), row.at(timeColumn + 1));
+    }
+    return buckets;
+}
+
 qint64 widthOf(TrendLevel level)
 {
     return widths[int(level)];

@@ -24,6 +24,10 @@ using Buckets = std::map<qint64, Bucket>; ///< By the time at which they begin.
 /// What the file should have at these times; nothing: no bucket.
 using RightBuckets = std::map<qint64, std::optional<Bucket>>;
 
+/// Of rows with the time in this column and the value in the next, in the order of recording where times are equal. One
+/// without a time that the tables have is in no bucket.
+Buckets bucketsOf(const QList<QStringList> &rows, int timeColumn, qint64 width);
+
 /// Of the buckets of a level, in seconds.
 qint64 widthOf(TrendLevel level);
 std::optional<TrendLevel> levelOf(qint64 width);

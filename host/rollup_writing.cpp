@@ -4,7 +4,6 @@
 #include "rollup_file.h"
 
 #include "row_text.h"
-#include "time_text.h"
 
 #include <algorithm>
 #include <set>
@@ -127,22 +126,23 @@ Status addToWider(SqlChannel &connection, const Site &site, const RollupState &s
                 return unreadable(site, bucketKey(state.number, narrower, part.start));
             wider[part.start / width * width].add(*part.bucket);
         }
+        // None is there yet, unless somebody changed where the latest bucket is: what would be added to it has it
+        // already.
+        const auto strange = storedBuckets(connection, site, state.number, width, {closed, nowClosed});
+        if (!strange)
+            return strange.error();
+        RightBuckets instead;
+        for (const StoredBucket &each : *strange) {
+            const auto made = wider.find(each.start);
+            if (made == wider.end())
+                continue;
+            if (!each.bucket || each.bucket->rows() < made->second.rows())
+                instead[each.start] = made->second;
+            wider.erase(made);
+        }
+        if (const Status done = putInPlace(connection, site, state.number, width, instead); !done)
+            return done;
     }
-    // None is there yet, unless somebody changed where the latest bucket is: what would be added to it has it already.
-    const auto strange = storedBuckets(connection, site, state.number, width, {closed, nowClosed});
-    if (!strange)
-        return strange.error();
-    RightBuckets instead;
-    for (const StoredBucket &each : *strange) {
-        const auto made = wider.find(each.start);
-        if (made == wider.end())
-            continue;
-        if (!each.bucket || each.bucket->rows() < made->second.rows())
-            instead[each.start] = made->second;
-        wider.erase(made);
-    }
-    if (const Status done = putInPlace(connection, site, state.number, width, instead); !done)
-        return done;
     NewBuckets buckets;
     for (const auto &[start, bucket] : wider)
         buckets.add(state.number, width, start, bucket);
@@ -246,14 +246,7 @@ Result<bool> addNextRows(SqlChannel &connection, const Site &site, const QString
                   .arg(table, QString::number(state.mark), QString::number(most)));
     if (!rows)
         return rows.error();
-    TimeReader times(false);
-    Buckets buckets;
-    const qint64 width = state.levels.front();
-    for (const QStringList &row : *rows) {
-        const LocalTime time = times.read(row.at(1).constData(), row.at(1).size());
-        if (time.isValid())
-            buckets[secondsOf(time) / width * width].add(secondsOf(time), row.at(2));
-    }
+    const Buckets buckets = bucketsOf(*rows, 1, state.levels.front());
     const bool isAtEnd = rows->size() < most;
     const qint64 mark = isAtEnd ? state.last : rows->last().at(0).toLongLong();
     if (mark == state.mark)

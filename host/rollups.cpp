@@ -197,8 +197,7 @@ Status Rollups::catchUp(Connection &connection)
     const auto started = Clock::now();
     const Status done = catchUp(connection, *table);
     if (done) {
-        const bool tookLong = Clock::now() - started > sliceTime;
-        m_rowsOfASlice = tookLong ? std::max(fewestRows, m_rowsOfASlice / 2) : std::min(mostRows, m_rowsOfASlice * 2);
+        m_rowsOfASlice = nextSlice(m_rowsOfASlice, Clock::now() - started, sliceTime, fewestRows, mostRows);
         return done;
     }
     const Error::Code why = done.error().code();

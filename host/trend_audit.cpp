@@ -31,8 +31,18 @@ Result<QString> versionOf(SqlChannel &connection, const Site &site)
 void TrendAudit::begin(SqlChannel &connection, const QStringList &tables)
 {
     m_tables = tables;
-    m_version = versionOf(connection, trendSite(QStringLiteral("all tables"))).valueOr(QString());
-    m_left = m_version.isEmpty() ? QStringList() : tables;
+    m_left.clear();
+    const auto version = versionOf(connection, trendSite(QStringLiteral("all tables")));
+    if (version)
+        beginPass(*version);
+    else
+        m_version.clear();
+}
+
+void TrendAudit::beginPass(const QString &version)
+{
+    m_version = version;
+    m_left = m_tables;
     beginTable();
 }
 
@@ -65,9 +75,7 @@ Result<TrendAudit::Step> TrendAudit::step(SqlChannel &connection)
             return version.error();
         if (*version == m_version || m_tables.isEmpty())
             return Step();
-        m_version = *version;
-        m_left = m_tables;
-        beginTable();
+        beginPass(*version);
         return Step{true, m_tables, 0}; // rows that are not in the file's sums yet may have been edited, too
     }
     const Site site = trendSite(m_left.first());
@@ -80,8 +88,8 @@ Result<TrendAudit::Step> TrendAudit::step(SqlChannel &connection)
     }
     if (done) {
         if (m_most == most)
-            m_most = Clock::now() - started > sliceTime ? std::max(fewestRows, most / 2) : std::min(mostRows, most * 2);
-        done = Step{!m_left.isEmpty(), done->tables, done->mended};
+            m_most = nextSlice(most, Clock::now() - started, sliceTime, fewestRows, mostRows);
+        done->goesOn = !m_left.isEmpty();
     }
     return done;
 }
@@ -96,8 +104,8 @@ Result<TrendAudit::Step> TrendAudit::look(SqlChannel &connection, const Site &si
         return Step{false, *state ? QStringList(site.table) : QStringList(), 0};
     }
     if (!m_removedAreKnown) {
-        const auto known = lookForRemovedRows(connection, site, **state);
-        return known ? Result<Step>(Step()) : known.error();
+        const Status looked = lookForRemovedRows(connection, site, **state);
+        return looked ? Result<Step>(Step()) : looked.error();
     }
     const auto stretch = compare(connection, site, **state);
     if (!stretch)
@@ -136,14 +144,16 @@ Result<TrendAudit::Step> TrendAudit::look(SqlChannel &connection, const Site &si
 }
 
 // Without a gap in the IDs every row is there.
-Result<bool> TrendAudit::lookForRemovedRows(SqlChannel &connection, const Site &site, const RollupState &state)
+Status TrendAudit::lookForRemovedRows(SqlChannel &connection, const Site &site, const RollupState &state)
 {
-    const auto isIndexed = hasTimeIndex(connection, site, site.table);
-    if (!isIndexed)
-        return isIndexed.error();
-    if (!*isIndexed && state.mark > mostRows) {
-        endTable();
-        return true;
+    if (m_countedThrough == 0 && state.mark > mostRows) {
+        const auto isIndexed = hasTimeIndex(connection, site, site.table);
+        if (!isIndexed)
+            return isIndexed.error();
+        if (!*isIndexed) {
+            endTable();
+            return {};
+        }
     }
     const auto ids = connection.query(
         site, QStringLiteral("select count(*),max(ID) from (select ID from %1 where ID>%2 and ID<=%3 order by ID limit "
@@ -159,7 +169,7 @@ Result<bool> TrendAudit::lookForRemovedRows(SqlChannel &connection, const Site &
     m_someAreRemoved = through - m_countedThrough != count || (count < idsAtOnce && through != state.mark);
     m_removedAreKnown = m_someAreRemoved || count < idsAtOnce;
     m_countedThrough = through;
-    return m_removedAreKnown;
+    return {};
 }
 
 Result<TrendAudit::Stretch> TrendAudit::compare(SqlChannel &connection, const Site &site,
@@ -210,13 +220,7 @@ Status TrendAudit::sumRowsUp(SqlChannel &connection, const Site &site, const Rol
                   .arg(site.table, quoted(from), QString::number(state.mark), QString::number(m_most)));
     if (!rows)
         return rows.error();
-    const qint64 width = state.levels.front();
-    TimeReader times(false);
-    for (const QStringList &row : *rows) {
-        const LocalTime time = times.read(row.at(0).constData(), row.at(0).size());
-        if (time.isValid())
-            stretch.expected[secondsOf(time) / width * width].add(secondsOf(time), row.at(1));
-    }
+    stretch.expected = bucketsOf(*rows, 0, state.levels.front());
     if (rows->size() < m_most)
         stretch.end = endOfTime;
     else if (!stretch.expected.empty())

@@ -42,11 +42,12 @@ private:
     };
 
     Result<Step> look(SqlChannel &connection, const Site &site);
-    Result<bool> lookForRemovedRows(SqlChannel &connection, const Site &site, const RollupState &state);
+    Status lookForRemovedRows(SqlChannel &connection, const Site &site, const RollupState &state);
     Result<Stretch> compare(SqlChannel &connection, const Site &site, const RollupState &state) const;
     Status sumRowsUp(SqlChannel &connection, const Site &site, const RollupState &state, Stretch &stretch) const;
     Status sumBucketsUp(SqlChannel &connection, const Site &site, const RollupState &state, Stretch &stretch) const;
     Result<qint64> mend(SqlChannel &connection, const Site &site);
+    void beginPass(const QString &version);
     void beginTable();
     void endTable();
 

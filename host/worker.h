@@ -131,6 +131,7 @@ private:
     void dropBatch(const Error &why);
     void duty(std::unique_lock<std::mutex> &lock);
     void removeSlice(Removing &removing);
+    void lookWhetherMoved(const Status &done);
     bool rollupsWait() const;
     bool rollupsAreDue() const;
     void keepRollups();

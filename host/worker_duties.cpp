@@ -55,6 +55,15 @@ void Recorder::Worker::duty(std::unique_lock<std::mutex> &lock)
     }
 }
 
+// What failed may have failed because the path names another file by now.
+void Recorder::Worker::lookWhetherMoved(const Status &done)
+{
+    if (done || done.error().code() != Error::FileMoved)
+        return;
+    const std::lock_guard lock(m_mutex);
+    m_fileIsMissed = true;
+}
+
 void Recorder::Worker::removeSlice(Removing &removing)
 {
     Removal &removal = removing.removal;
@@ -78,10 +87,7 @@ void Recorder::Worker::removeSlice(Removing &removing)
     }
     if (removal.removed > 0)
         tell(&Recorder::removed, removal.site.table, removal.removed);
-    if (!done && done.error().code() == Error::FileMoved) {
-        const std::lock_guard lock(m_mutex);
-        m_fileIsMissed = true;
-    }
+    lookWhetherMoved(done);
     if (done)
         mail(removing.answer(removal.removed));
     else
@@ -108,10 +114,7 @@ void Recorder::Worker::keepRollups()
     }
     if (!done) {
         m_nextRollups = Clock::now() + retryPause;
-        if (done.error().code() == Error::FileMoved) {
-            const std::lock_guard lock(m_mutex);
-            m_fileIsMissed = true;
-        }
+        lookWhetherMoved(done);
     }
     std::optional<Error> trouble = m_rollups.takeTrouble();
     if (!trouble && !done && !isOfTheFile(done.error().code()))
@@ -135,12 +138,10 @@ void Recorder::Worker::auditTrends()
     if (const Status fits = m_retention.room().prepare(*m_connection, m_options.batchRows); !fits)
         return;
     const auto step = m_audit.step(*m_connection);
-    if (!step && step.error().code() == Error::FileMoved) {
-        const std::lock_guard lock(m_mutex);
-        m_fileIsMissed = true;
-    }
-    if (!step)
+    if (!step) {
+        lookWhetherMoved(step.error());
         return;
+    }
     if (step->goesOn)
         m_nextAudit = Clock::now() + pause;
     for (const QString &table : step->tables) {
@@ -196,10 +197,7 @@ void Recorder::Worker::keepRows()
     Status done = m_retention.room().prepare(*m_connection, m_options.batchRows);
     if (done)
         done = m_connection->transaction(site, [this] { return trim(*m_connection, m_options.batchRows); });
-    if (!done && done.error().code() == Error::FileMoved) {
-        const std::lock_guard lock(m_mutex);
-        m_fileIsMissed = true;
-    }
+    lookWhetherMoved(done);
     if (const auto pages = m_connection->pageCounts(false); done && pages)
         m_retention.room().measure(*pages);
     const bool goesOn = done && tellOfRetention() > 0;
