@@ -77,7 +77,11 @@ public:
         cells << (below(2) ? "'2024-05-06','07:08:09'"_q : "'',''"_q);
         return cells.join(","_q);
     }
-    QString row(LogEntry *) { return QStringList{time(true), cell(), cell(), cell()}.join(","_q); }
+    QString row(LogEntry *)
+    {
+        const QString when = time(true);
+        return QStringList{when == "NULL"_q ? "''"_q : when, cell(), cell(), cell()}.join(","_q); // it is NOT NULL
+    }
 
 private:
     QRandomGenerator m_random;
