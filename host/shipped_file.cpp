@@ -67,7 +67,9 @@ void ShippedFile::look()
         const double id = each.value().toDouble(-1);
         if (id < 0 || id > highestId || id != double(qint64(id)))
             return refuse(QStringLiteral("the ID of \"%1\" is none").arg(each.key()));
-        m_holds.insert(each.key().toLower(), {owner, qint64(id), since});
+        const QString table = each.key().toLower(); // named twice, the lower ID counts
+        if (const Hold *const named = hold(table); !named || qint64(id) < named->throughId)
+            m_holds.insert(table, {owner, qint64(id), since});
     }
 }
 
