@@ -66,7 +66,32 @@ void PagedModel::Pages::belongTo(PagedModel *model)
                 refresh();
         },
         [this](const QString &why) { setError(why); });
+    const auto shrunk = [this](const QString &which) {
+        if (which.compare(m_table, Qt::CaseInsensitive) == 0)
+            shrink();
+    };
+    QObject::connect(recorder, &Recorder::removed, model, shrunk);
+    QObject::connect(recorder, &Recorder::trimmed, model, shrunk);
     refresh();
+}
+
+// The oldest rows went: what was counted from there is counted from the newest on, until the next look. That is slower
+// in a long table, so a model that looks again in a moment waits for it.
+void PagedModel::Pages::shrink()
+{
+    if (m_following || std::exchange(m_hasShrunk, true))
+        return;
+    const QPointer<PagedModel> alive(m_model); // a slot may delete it
+    for (const int number : m_pages.keys()) {
+        const auto page = alive ? m_pages.find(number) : m_pages.end();
+        if (!alive)
+            return;
+        const int first = number * pageRows;
+        if (page == m_pages.end() || page->newestFirst || first >= m_rows)
+            continue;
+        page->asked = 0;
+        reportChange(first, std::min(first + pageRows, m_rows) - 1);
+    }
 }
 
 void PagedModel::Pages::setFollowing(bool following)
@@ -104,6 +129,7 @@ void PagedModel::Pages::takeSnapshot(const Result<Snapshot> &snapshot)
         }
         m_rows = rows;
         m_throughId = snapshot->lastId;
+        m_hasShrunk = false;
         ++m_look;
         if (rows > before)
             m_model->endInsertRows();
@@ -168,7 +194,8 @@ void PagedModel::Pages::ask(int number, Page &page)
         return;
     const int first = number * pageRows;
     const int end = std::min(first + pageRows, m_rows);
-    const bool newestFirst = m_rows - end < first;
+    const bool newestFirst = m_hasShrunk || m_rows - end < first;
+    page.newestFirst = newestFirst;
     const Wanted wanted{number, newestFirst, newestFirst ? m_rows - end : first, end - first, m_throughId, m_look};
     page.question = m_askPage(m_model, wanted, [this, wanted](const Result<Rows> &rows) { takePage(wanted, rows); });
 }
@@ -176,12 +203,14 @@ void PagedModel::Pages::ask(int number, Page &page)
 void PagedModel::Pages::takePage(const Wanted &wanted, const Result<Rows> &rows)
 {
     const auto waiting = m_pages.find(wanted.page);
-    if (waiting == m_pages.end() || waiting->asked != wanted.look)
+    if (waiting == m_pages.end() || waiting->asked != wanted.look || waiting->newestFirst != wanted.newestFirst)
         return; // no longer wanted, or asked again since
     if (rows) {
         waiting->rows = *rows;
-        if (wanted.newestFirst)
+        if (wanted.newestFirst) {
+            waiting->rows.resize(int(wanted.count)); // those that are gone are the oldest
             std::reverse(waiting->rows.begin(), waiting->rows.end());
+        }
     } else {
         m_pages.erase(waiting); // the next look at it asks again
     }

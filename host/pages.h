@@ -28,7 +28,8 @@ public:
     };
     /// The cells of each row, and after them the record itself.
     using Rows = QVector<QVector<QVariant>>;
-    /// A page request, counted from the nearer end of the table, because SQLite skips OFFSET rows one by one.
+    /// A page request, counted from the nearer end of the table, because SQLite skips OFFSET rows one by one, or from
+    /// the newest row where the oldest ones went.
     struct Wanted {
         int page;
         bool newestFirst;
@@ -63,6 +64,7 @@ private:
         Rows rows;         ///< Of an earlier look until those asked for come: a view that follows does not flicker.
         quint64 asked = 0; ///< The look for which they were asked last.
         quint64 lastUse = 0;
+        bool newestFirst = false; ///< How they were asked for.
         Question question;
     };
 
@@ -72,6 +74,7 @@ private:
     Page &page(int number);
     void makeRoom();
     void ask(int number, Page &page);
+    void shrink();
     void takeSnapshot(const Result<Snapshot> &snapshot);
     void takePage(const Wanted &wanted, const Result<Rows> &rows);
     void reportChange(int firstPosition, int lastPosition);
@@ -88,7 +91,8 @@ private:
 
     int m_rows = 0;
     qint64 m_throughId = -1;
-    quint64 m_look = 0; ///< Counts the snapshots.
+    quint64 m_look = 0;       ///< Counts the snapshots.
+    bool m_hasShrunk = false; ///< Since the last one.
     QString m_error;
     QString m_tooLong; ///< Set while somebody reads more rows than can be kept.
     bool m_following = false;

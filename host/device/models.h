@@ -15,8 +15,9 @@ namespace device
 /// LogModel are the ones to use.
 ///
 /// Shows the table as it was at the last refresh(), so that pages fit together; with following() a refresh comes a
-/// moment after rows were stored. Belongs to the thread of the recorder object. A recorder that is destroyed, stopped
-/// or cannot open its file shows in errorText(). For QML each column is also a role, named as the column of the file.
+/// moment after rows were stored. When rows were removed since, the oldest rows of the model are empty, as many as
+/// went. Belongs to the thread of the recorder object. A recorder that is destroyed, stopped or cannot open its file
+/// shows in errorText(). For QML each column is also a role, named as the column of the file.
 ///
 /// A proxy that sorts or filters reads every row at once. The model notices and then keeps all pages, up to
 /// rowsKeptAtMost; of a longer table errorText() says that it cannot, and the proxy shows wrong rows: narrow the Query.

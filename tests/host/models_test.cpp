@@ -109,6 +109,38 @@ TEST_F(Models, RowsThatRetentionRemovesLeaveTheModel)
     EXPECT_EQ(cell(model, 99, 1), "200"_q);
 }
 
+// Pages of the older half are counted from the oldest row, and that is another one now.
+TEST_F(Models, AModelThatDoesNotFollowKeepsItsRowsInPlaceWhenOldOnesGo)
+{
+    const TableName boiler = table("Boiler"_q);
+    HistoryRecorder recorder(library(), path(), options);
+    require(recorder.start());
+    recorder.createTable(boiler);
+    for (int i = 0; i < 1000; ++i)
+        require(recorder.record(boiler, {at("2024-05-06 07:08:09"_q).toDateTime().addSecs(i), QString::number(i)}));
+    require(recorder.flush(milliseconds(20000)));
+    SampleModel model(&recorder, boiler);
+    QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::Fatal);
+    ASSERT_TRUE(eventually([&] { return model.rowCount() == 1000; }));
+    EXPECT_EQ(cell(model, 740, 1), "259"_q);
+    QSignalSpy trimmed(&recorder, &Recorder::trimmed);
+    QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
+    Keep keep;
+    keep.rows = 750;
+    recorder.keep(boiler, keep);
+    ASSERT_TRUE(eventually([&] { return trimmed.count() > 0 && changed.count() > 0; }));
+    EXPECT_TRUE(eventually([&] { return valueOf(path(), "select count(*) from Boiler"_q) == "750"_q; }));
+    (void)model.index(640, 1).data(); // a page that nobody asked for before
+    EXPECT_EQ(cell(model, 640, 1), "359"_q);
+    EXPECT_TRUE(eventually([&] {
+        // the page of row 740 has two parts: what is there, and what went
+        return model.index(749, 1).data() == "250"_q && model.index(750, 1).data().toString().isEmpty();
+    }));
+    EXPECT_EQ(model.rowCount(), 1000);
+    model.refresh();
+    EXPECT_TRUE(eventually([&] { return model.rowCount() == 750; }));
+}
+
 TEST_F(Models, AnEndedAlarmLeavesTheModelOfActiveOnes)
 {
     AlarmRecorder recorder(library(), path(), options);
