@@ -117,7 +117,7 @@ Status Rollups::write(Connection &connection, bool all)
     const Site site = trendSite(QStringLiteral("some tables"));
     const auto marks = rollupMarks(connection, site);
     if (!marks)
-        return marks.error();
+        return forgetAllAfter(marks.error());
     std::vector<RollupAddition> additions;
     const size_t begin = std::exchange(m_next, 0);
     for (size_t i = 0; i < m_tables.size(); ++i) {
@@ -146,11 +146,17 @@ Status Rollups::write(Connection &connection, bool all)
     if (additions.empty())
         return {};
     const Status done = addToRollups(connection, site, additions);
-    if (!done && !isPassing(done.error().code())) {
+    return done ? done : forgetAllAfter(done.error());
+}
+
+// catchUp() finds which table it is.
+Status Rollups::forgetAllAfter(const Error &error)
+{
+    if (!isPassing(error.code())) {
         for (Table &table : m_tables)
-            forget(table); // catchUp() finds which one it is
+            forget(table);
     }
-    return done;
+    return error;
 }
 
 void Rollups::written()
@@ -237,7 +243,8 @@ Status Rollups::catchUp(Connection &connection, Table &table)
     if (!done)
         return done;
     if (!state)
-        return site.error(Error::TableMissing, QStringLiteral("its trend is no longer kept"));
+        return site.error(Error::Failed, QStringLiteral("its trend is no longer in the file: another program ended or "
+                                                        "dropped it. keepTrend() begins it anew"));
     if (!state->isOfThisTable) {
         m_gone.append(state->number);
         return {};

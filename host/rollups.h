@@ -69,6 +69,7 @@ private:
 
     static bool isDue(const Table &table);
     static void forget(Table &table);
+    Status forgetAllAfter(const Error &error);
     Table *tableOf(const QString &name);
     Status catchUp(Connection &connection, Table &table);
 

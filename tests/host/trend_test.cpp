@@ -236,6 +236,28 @@ TEST_F(Trends, ComeBackWhenATableOfTheirsWasDropped)
     }
 }
 
+TEST_F(Trends, AreToldWhenATableOfTheirsIsDroppedMeanwhile)
+{
+    for (const char *dropped : {"device trend", "device trend series"}) {
+        SCOPED_TRACE(dropped);
+        removeFiles();
+        auto recorder = trendRecorder();
+        QStringList failures;
+        QObject::connect(recorder.get(), &Recorder::trendFailed, [&](const Error &why) { failures << why.text(); });
+        record(*recorder, 0, 3000);
+        require(recorder->flush(milliseconds(20000)));
+        OtherProgram(path()).run("drop table \"%1\""_q.arg(QLatin1String(dropped)));
+        record(*recorder, 3000, 6000);
+        ASSERT_TRUE(eventually([&] { return !failures.isEmpty(); }));
+        EXPECT_TRUE(failures.first().contains("its trend is no longer in the file"_q))
+            << failures.first().toStdString();
+        record(*recorder, 6000, 7000);
+        require(recorder->stop(milliseconds(20000)));
+        EXPECT_EQ(failures.size(), 1);
+        expectNumbers(7000);
+    }
+}
+
 TEST_F(Trends, OutliveTheirRows)
 {
     auto recorder = trendRecorder();
