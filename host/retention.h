@@ -7,6 +7,7 @@
 #include "keep_file.h"
 #include "old_rows.h"
 #include "plausible_time.h"
+#include "rollups.h"
 #include "room.h"
 #include "shipped_file.h"
 #include "table_places.h"
@@ -55,10 +56,9 @@ public:
     /// Something is to be removed even if no rows come.
     bool isUrgent() const { return m_isUrgent; }
 
-    /// Up to which ID the rows of a table may go; nothing if all may.
-    using Through = std::function<std::optional<qint64>(const QString &table)>;
+    using SummedRows = std::function<std::optional<Rollups::Summed>(const QString &table)>;
     /// Within the caller's transaction: removes about so many rows of what is due.
-    Status trim(Connection &connection, qint64 rows, const Through &summed);
+    Status trim(Connection &connection, qint64 rows, const SummedRows &summed);
     /// The transaction of trim() is in the file: what it removed.
     std::vector<TrimmedRows> trimmed();
 
@@ -97,7 +97,7 @@ private:
 
     Status lookAtTables(Connection &connection);
     Status look(Connection &connection, Table &table);
-    Status trimSome(Connection &connection, qint64 rows, const Through &summed);
+    Status trimSome(Connection &connection, qint64 rows, const SummedRows &summed);
     std::optional<Hold> holdOn(const QString &table);
     bool isPaused(const Table &table) const;
     void pause(Table &table);
@@ -106,9 +106,9 @@ private:
     bool sumsAreDue(const Table &table) const;
     bool isDue(const Table &table) const;
     Table *oldest();
-    Result<Bounds> bounds(Table &table, const Through &summed, bool forCeiling);
-    Status trimByRules(Connection &connection, Table &table, qint64 &rows, const Through &summed);
-    Status trimForCeiling(Connection &connection, Table &table, qint64 &rows, const Through &summed);
+    Result<Bounds> bounds(Table &table, const SummedRows &summed, bool forCeiling);
+    Status trimByRules(Connection &connection, Table &table, qint64 &rows, const SummedRows &summed);
+    Status trimForCeiling(Connection &connection, Table &table, qint64 &rows, const SummedRows &summed);
     Status trimSums(Connection &connection, Table &table);
     AgingTable aging(const Table &table) const { return {table.name, table.isAlarm, m_time.believed()}; }
     Status remove(Connection &connection, Table &table, const Bounds &bounds, qint64 &rows);

@@ -31,7 +31,7 @@ Status Retention::look(Connection &connection, Table &table)
     return {};
 }
 
-Result<Retention::Bounds> Retention::bounds(Table &table, const Through &summed, bool forCeiling)
+Result<Retention::Bounds> Retention::bounds(Table &table, const SummedRows &summed, bool forCeiling)
 {
     Bounds bounds;
     bounds.id = bounds.shipped = std::numeric_limits<qint64>::max();
@@ -52,12 +52,15 @@ Result<Retention::Bounds> Retention::bounds(Table &table, const Through &summed,
     }
     if (!forCeiling)
         bounds.id = bounds.shipped;
-    if (const auto through = summed(table.name))
-        bounds.id = std::min(bounds.id, *through);
+    // A trend that was given up holds its rows, but costs no new ones.
+    if (const auto sums = summed(table.name); sums && !(forCeiling && sums->isGivenUp)) {
+        const bool wasEmptied = table.ends.last < sums->throughId;
+        bounds.id = std::min(bounds.id, wasEmptied ? 0 : std::min(sums->throughId, table.ends.last - sums->newest));
+    }
     return bounds;
 }
 
-Status Retention::trim(Connection &connection, qint64 rows, const Through &summed)
+Status Retention::trim(Connection &connection, qint64 rows, const SummedRows &summed)
 {
     const Status done = trimSome(connection, rows, summed);
     if (done || isPassing(done.error().code()) || isFull(done.error()))
@@ -68,7 +71,7 @@ Status Retention::trim(Connection &connection, qint64 rows, const Through &summe
     return done;
 }
 
-Status Retention::trimSome(Connection &connection, qint64 rows, const Through &summed)
+Status Retention::trimSome(Connection &connection, qint64 rows, const SummedRows &summed)
 {
     m_done.clear();
     m_wanted = rows;
@@ -117,7 +120,7 @@ Status Retention::trimSome(Connection &connection, qint64 rows, const Through &s
     return {};
 }
 
-Status Retention::trimByRules(Connection &connection, Table &table, qint64 &rows, const Through &summed)
+Status Retention::trimByRules(Connection &connection, Table &table, qint64 &rows, const SummedRows &summed)
 {
     if (const Status looked = look(connection, table); !looked)
         return looked;
@@ -170,7 +173,7 @@ Status Retention::trimByRules(Connection &connection, Table &table, qint64 &rows
     return {};
 }
 
-Status Retention::trimForCeiling(Connection &connection, Table &table, qint64 &rows, const Through &summed)
+Status Retention::trimForCeiling(Connection &connection, Table &table, qint64 &rows, const SummedRows &summed)
 {
     if (const Status looked = look(connection, table); !looked)
         return looked;

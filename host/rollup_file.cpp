@@ -276,9 +276,7 @@ Result<QStringList> tablesWithRollups(SqlChannel &connection)
     QStringList tables;
     if (!*there)
         return tables;
-    const auto rows = connection.query(
-        site,
-        QStringLiteral("select COLLECTOR from %1 where VERSION=%2").arg(QLatin1String(series)).arg(rollupVersion));
+    const auto rows = connection.query(site, QStringLiteral("select COLLECTOR from %1").arg(QLatin1String(series)));
     if (!rows)
         return rows.error();
     for (const QStringList &row : *rows) {

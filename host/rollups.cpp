@@ -49,7 +49,7 @@ Rollups::Table *Rollups::tableOf(const QString &name)
 void Rollups::stored(const Write &row)
 {
     Table *const table = tableOf(row.table);
-    if (!table || table->behind)
+    if (!table || table->standing != Standing::Kept)
         return;
     if (table->rows++ == 0)
         table->since = Clock::now();
@@ -81,7 +81,7 @@ bool Rollups::lookAgain(const QString &name)
 
 bool Rollups::isDue(const Table &table)
 {
-    return !table.behind && table.rows > 0 &&
+    return table.standing == Standing::Kept && table.rows > 0 &&
            (table.rows >= rowsInMemory || Clock::now() - table.since >= timeInMemory ||
             (!table.buckets.empty() && table.buckets.rbegin()->first - table.buckets.begin()->first >= spanInMemory));
 }
@@ -96,10 +96,12 @@ bool Rollups::isInMemory() const
     return std::any_of(m_tables.begin(), m_tables.end(), [](const Table &table) { return table.rows > 0; });
 }
 
-// What is in memory no longer fits what is in the file; the rows are read there.
+// What is in memory no longer fits what is in the file; the rows are read there. Until then nobody knows which rows are
+// in the buckets.
 void Rollups::forget(Table &table)
 {
-    table.behind = true;
+    table.standing = Standing::Behind;
+    table.state.mark = 0;
     table.isWritten = false;
     table.rows = 0;
     table.buckets.clear();
@@ -108,7 +110,7 @@ void Rollups::forget(Table &table)
 Status Rollups::write(Connection &connection, bool all)
 {
     const auto isWanted = [all](const Table &table) {
-        return !table.behind && table.rows > 0 && (all || isDue(table));
+        return table.standing == Standing::Kept && table.rows > 0 && (all || isDue(table));
     };
     for (Table &table : m_tables)
         table.isWritten = false;
@@ -174,24 +176,27 @@ void Rollups::written()
 bool Rollups::isBehind(const QString &name)
 {
     const Table *const table = tableOf(name);
-    return table && table->behind;
+    return table && table->standing == Standing::Behind;
 }
 
-std::optional<qint64> Rollups::through(const QString &name)
+std::optional<Rollups::Summed> Rollups::summed(const QString &name)
 {
     const Table *const table = tableOf(name);
-    return table ? std::optional<qint64>(table->state.mark) : std::nullopt;
+    if (!table)
+        return {};
+    return Summed{table->state.mark, table->rows, table->standing == Standing::GivenUp};
 }
 
 bool Rollups::isBehind() const
 {
-    return !m_gone.isEmpty() ||
-           std::any_of(m_tables.begin(), m_tables.end(), [](const Table &table) { return table.behind; });
+    return !m_gone.isEmpty() || std::any_of(m_tables.begin(), m_tables.end(),
+                                            [](const Table &table) { return table.standing == Standing::Behind; });
 }
 
 Status Rollups::catchUp(Connection &connection)
 {
-    const auto table = std::find_if(m_tables.begin(), m_tables.end(), [](const Table &each) { return each.behind; });
+    const auto table = std::find_if(m_tables.begin(), m_tables.end(),
+                                    [](const Table &each) { return each.standing == Standing::Behind; });
     if (table == m_tables.end() && !m_gone.isEmpty()) {
         const auto removed = removeRollups(connection, m_gone.last());
         if (removed && *removed)
@@ -211,14 +216,19 @@ Status Rollups::catchUp(Connection &connection)
         return done;
     if (why != Error::TableMissing && !std::exchange(table->isReported, true))
         m_trouble = done.error();
-    m_places.clear();
     if (isFull(done.error()))
         m_rowsOfASlice = std::max(fewestRows, m_rowsOfASlice / 2); // under a ceiling, fewer buckets may have room
     if (isOfTheFile(why)) {                                        // a full disk, a broken page: the others first
         std::rotate(table, table + 1, m_tables.end());
+        m_places.clear();
         return done;
     }
-    m_tables.erase(table); // it was deleted, or somebody changed its buckets: it would fail again and again
+    if (why == Error::TableMissing || table->isEnded) {
+        m_tables.erase(table);
+        m_places.clear();
+    } else { // somebody changed its buckets: it would fail again and again
+        table->standing = Standing::GivenUp;
+    }
     return {};
 }
 
@@ -242,7 +252,8 @@ Status Rollups::catchUp(Connection &connection, Table &table)
     });
     if (!done)
         return done;
-    if (!state)
+    table.isEnded = !state;
+    if (table.isEnded)
         return site.error(Error::Failed, QStringLiteral("its trend is no longer in the file: another program ended or "
                                                         "dropped it. keepTrend() begins it anew"));
     if (!state->isOfThisTable) {
@@ -250,7 +261,7 @@ Status Rollups::catchUp(Connection &connection, Table &table)
         return {};
     }
     table.state = *state;
-    table.behind = !isAtEnd;
+    table.standing = isAtEnd ? Standing::Kept : Standing::Behind;
     return {};
 }
 

@@ -45,8 +45,14 @@ public:
     /// Rows or left-over buckets wait for catchUp().
     bool isBehind() const;
     bool isBehind(const QString &table);
-    /// Up to which ID the rows of a table are in the file's buckets; nothing for a table without rollups.
-    std::optional<qint64> through(const QString &table);
+    /// Which rows of a table are in the file's buckets.
+    struct Summed {
+        qint64 throughId = 0;
+        qint64 newest = 0;      ///< So many of the newest rows are not, wherever their IDs begin by now.
+        bool isGivenUp = false; ///< It does not go on.
+    };
+    /// Nothing for a table without rollups.
+    std::optional<Summed> summed(const QString &table);
     /// One slice of some milliseconds, in a transaction of its own. After an Error it is to be tried again later.
     Status catchUp(Connection &connection);
 
@@ -54,14 +60,20 @@ public:
     std::optional<Error> takeTrouble();
 
 private:
+    enum class Standing {
+        Behind,
+        Kept,
+        GivenUp, ///< It failed, and would again, until somebody mends it: its rows are not to be removed unsummed.
+    };
     struct Table {
         QString name;
         RollupState state;
-        bool behind = true;
+        Standing standing = Standing::Behind;
         Buckets buckets;              ///< Of the finest level, since the mark.
         qint64 rows = 0;              ///< In them.
         QString newest;               ///< The last of these, as RowText has it.
         Clock::time_point since = {}; ///< The first of these was stored.
+        bool isEnded = false;         ///< The file has no trend of it any more.
         bool isReported = false;
         bool isWritten = false; ///< By the transaction under way,
         qint64 newMark = 0;     ///< up to here.

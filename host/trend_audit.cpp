@@ -116,7 +116,7 @@ Result<TrendAudit::Step> TrendAudit::look(SqlChannel &connection, const Site &si
         else if (!stretch->expected.empty())
             m_begin += (*state)->levels.at(m_level);
         else
-            endTable(); // times in strange forms
+            endLevel(**state); // times in strange forms
         return Step();
     }
     Step step;
@@ -135,12 +135,16 @@ Result<TrendAudit::Step> TrendAudit::look(SqlChannel &connection, const Site &si
         step.tables << site.table;
     }
     m_begin = stretch->end;
-    if (m_begin >= endOfTime) {
-        m_begin = 0;
-        if (++m_level == (*state)->levels.size())
-            endTable();
-    }
+    if (m_begin >= endOfTime)
+        endLevel(**state);
     return step;
+}
+
+void TrendAudit::endLevel(const RollupState &state)
+{
+    m_begin = 0;
+    if (++m_level == state.levels.size())
+        endTable();
 }
 
 // Without a gap in the IDs every row is there.
@@ -151,8 +155,16 @@ Status TrendAudit::lookForRemovedRows(SqlChannel &connection, const Site &site, 
         if (!isIndexed)
             return isIndexed.error();
         if (!*isIndexed) {
-            endTable();
-            return {};
+            const auto first = connection.query(site, QStringLiteral("select ifnull(max(ID),0) from (select ID from %1 "
+                                                                     "where ID>0 order by ID limit %2)")
+                                                          .arg(site.table)
+                                                          .arg(mostRows));
+            if (!first)
+                return first.error();
+            if (first->first().first().toLongLong() < state.mark) { // more rows than that
+                endTable();
+                return {};
+            }
         }
     }
     const auto ids = connection.query(

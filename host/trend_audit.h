@@ -49,6 +49,7 @@ private:
     Result<qint64> mend(SqlChannel &connection, const Site &site);
     void beginPass(const QString &version);
     void beginTable();
+    void endLevel(const RollupState &state);
     void endTable();
 
     QStringList m_tables;

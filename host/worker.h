@@ -135,7 +135,7 @@ private:
     bool rollupsWait() const;
     bool rollupsAreDue() const;
     void keepRollups();
-    void finishRollups();
+    Status writeRollups();
     Clock::time_point nextAudit() const;
     void auditTrends();
     bool retentionIsDue();

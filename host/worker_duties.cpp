@@ -70,6 +70,14 @@ void Recorder::Worker::removeSlice(Removing &removing)
     Status done;
     if (m_retention.room().isLimited())
         removal.widest = m_options.batchRows;
+    if (!removal.next) {
+        (void)writeRollups(); // a crash would lose what is only in memory; on a full disk the deletion counts more
+        if (rollupsAreDue() && m_rollups.isBehind(removal.site.table)) {
+            const std::lock_guard lock(m_mutex);
+            m_removals.push_front(std::move(removing));
+            return;
+        }
+    }
     if (removing.handle.isCancelled())
         done = removal.site.error(Error::Cancelled, QStringLiteral("cancelled"));
     else if (const Status fits = m_retention.room().prepare(*m_connection, m_options.batchRows); !fits)
@@ -85,6 +93,8 @@ void Recorder::Worker::removeSlice(Removing &removing)
         }
         done = removal.site.error(Error::Stopped, QStringLiteral("the recorder was stopped"));
     }
+    if (removal.resetsIds)
+        m_rollups.lookAgain(removal.site.table);
     if (removal.removed > 0)
         tell(&Recorder::removed, removal.site.table, removal.removed);
     lookWhetherMoved(done);
@@ -146,14 +156,14 @@ void Recorder::Worker::auditTrends()
         m_nextAudit = Clock::now() + pause;
     for (const QString &table : step->tables) {
         if (!m_rollups.lookAgain(table) && step->mended > 0)
-            m_rollupsAreKnown = false; // it was given up for what is mended now
+            m_rollupsAreKnown = false; // it was dropped, and somebody made it anew
     }
     const std::lock_guard lock(m_mutex);
     m_health.mended += step->mended;
 }
 
-// What is still in memory. Without it the next recorder would read the rows.
-void Recorder::Worker::finishRollups()
+// What is still in memory: before its rows go, and at the end, where the next recorder would read the rows instead.
+Status Recorder::Worker::writeRollups()
 {
     const Site site{QStringLiteral("record"), QString()};
     Status done;
@@ -164,6 +174,7 @@ void Recorder::Worker::finishRollups()
         if (done)
             m_rollups.written();
     }
+    return done;
 }
 
 // Rows take what is old with them. Without rows, or after the host's word, it goes by itself.
@@ -188,7 +199,7 @@ Clock::time_point Recorder::Worker::nextRetention()
 
 Status Recorder::Worker::trim(Connection &connection, qint64 rows)
 {
-    return m_retention.trim(connection, rows, [this](const QString &table) { return m_rollups.through(table); });
+    return m_retention.trim(connection, rows, [this](const QString &table) { return m_rollups.summed(table); });
 }
 
 void Recorder::Worker::keepRows()
@@ -244,7 +255,7 @@ Status Recorder::Worker::makeRoomInFile()
             continue;
         if (std::exchange(isSummedUp, true))
             break;
-        finishRollups(); // what is not summed up yet cannot go
+        (void)writeRollups(); // what is not summed up yet cannot go
     }
     return site.error(Error::StorageFailed, m_retention.whyFull());
 }

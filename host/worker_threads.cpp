@@ -416,7 +416,7 @@ void Recorder::Worker::finish()
     if (m_connection && m_connection->moved())
         fails(leftBehind());
     else if (m_connection && !m_cancel && m_rollups.isInMemory())
-        finishRollups();
+        (void)writeRollups();
     std::optional<Error> trouble;
     {
         const std::lock_guard lock(m_mutex);

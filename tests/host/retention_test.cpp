@@ -155,13 +155,13 @@ TEST_F(Trims, ByAgeOfTheNewestRowAndOnceMoreInAFileOpenedLater)
         auto recorder = recorderOf(Profile::Durable);
         recorder->keep(boiler, keep);
         recordMinutes(*recorder, 0, 5000);
+        EXPECT_TRUE(eventually([&] { return rows() <= 1700; })) << rows();
     }
     const qint64 left = rows();
     EXPECT_GE(left, 1440);
-    EXPECT_LE(left, 1700);
     auto recorder = recorderOf(Profile::Durable);
     recordMinutes(*recorder, 5000, 8000);
-    EXPECT_LE(rows(), 1700);
+    EXPECT_TRUE(eventually([&] { return rows() <= 1700; })) << rows();
     // Never more than the rule says.
     EXPECT_LE(valueOf(path(), "select min(DATETIME) from Boiler"_q), "2024-01-05 13:20:00"_q);
 }
@@ -273,7 +273,8 @@ TEST_F(Trims, NothingThatTheFileBesideItHolds)
     EXPECT_TRUE(held.first().contains("store.db.shipped"_q)) << held.first().toStdString();
     QFile::remove(path() + ".shipped"_q);
     recordMinutes(*recorder, 6000, 13000);
-    EXPECT_EQ(rows(), 100);
+    EXPECT_TRUE(eventually([&] { return rows() == 100; }))
+        << rows(); // a slow machine removes the rest in a quiet moment
 }
 
 TEST_F(Trims, NothingByARuleThatCannotBeRead)
@@ -526,7 +527,7 @@ TEST_F(Trims, ByAgeAlthoughTheFirstRowIsOfAWrongYear)
             require(recorder->record(boiler, {after(today * 86400 + i * 900), "1"_q}));
         require(recorder->flush(milliseconds(20000)));
     }
-    EXPECT_LE(rows(), 13 * 96);
+    EXPECT_TRUE(eventually([&] { return rows() <= 13 * 96; })) << rows();
     EXPECT_GE(rows(), 10 * 96);
 }
 
@@ -542,8 +543,8 @@ TEST_F(Trims, ByAgeAgainAWeekAfterTheDeviceWasOff)
                 require(recorder->record(boiler, {after(today * 86400LL + i * 900), "1"_q}));
             require(recorder->flush(milliseconds(20000)));
         }
+        EXPECT_TRUE(eventually([&] { return rows() <= 13 * 96; })) << rows();
     }
-    EXPECT_LE(rows(), 13 * 96);
     EXPECT_GE(rows(), 10 * 96);
 }
 

@@ -210,7 +210,7 @@ Outcome remove(const DeletionOptions &options, const Deletion &deletion,
         if (const Status finished = finish(*database, rows->table); !finished)
             return finished.error();
     }
-    const qint64 spared = rows->rows - *deleted;
+    const qint64 spared = std::max<qint64>(0, rows->rows - *deleted); // more went when a recorder stored some meanwhile
     say(QStringLiteral("%1: %2 of %3 deleted, from %4 to %5; %6 left%7")
             .arg(options.file.path, rowsText(*deleted), rows->table.name, QString::fromUtf8(rows->first),
                  QString::fromUtf8(rows->last), grouped(rows->left + spared),
