@@ -12,6 +12,7 @@ if (!file) throw new Error('name a file in $MEASURE');
 const name = (process.env['BROWSER'] ?? 'chrome') as BrowserName;
 await using session = await Session.start(name);
 const {page} = session;
+await new Promise((resume) => setTimeout(resume, 1000)); // as long as a person needs to choose a file
 const begin = performance.now();
 const say = (what: string): void => console.log(`${what}: ${((performance.now() - begin) / 1000).toFixed(2)} s`);
 const input = (await page.$('input[type=file]'))! as any;

@@ -10,7 +10,7 @@ import {numberOf} from '../src/reading/number.js';
 import {Reduction} from '../src/reading/reduction.js';
 import type {CurveAnswer, RowsAnswer, TrendAnswer} from '../src/reading/source.js';
 import {timeIn} from '../src/reading/times.js';
-import {StoredFile} from '../src/sqlite/storage.js';
+import {CachedBytes, StoredFile} from '../src/sqlite/storage.js';
 import {Folder} from './reference.js';
 import {filesOf, made, MemoryBytes, nothing, sourceOver} from './support.js';
 import type {MadeFiles} from './support.js';
@@ -136,6 +136,39 @@ test('what is written stays in memory, and what was cut off does not come back',
     assert.deepEqual(read(4998, 6), [...base.slice(4998, 5000), 0, 0, 0, 0]);
     assert.deepEqual(read(12000, 3), [0, 0, 0]);
     assert.equal(file.read(19990, new Uint8Array(10)), 1);
+});
+
+// Pages as SQLite asks for them while it reads a table from end to end: now and then one that lies elsewhere.
+function readInOrder(size: number, mayBeWhole: boolean): number[] {
+    const lengths: number[] = [];
+    const source = {
+        size,
+        read: (offset: number, target: Uint8Array): void => {
+            lengths.push(target.length);
+            for (let i = 0; i < target.length; i += 4096) target[i] = ((offset + i) / 4096) % 251;
+        },
+    };
+    const cached = new CachedBytes(source, mayBeWhole);
+    const page = new Uint8Array(4096);
+    for (let i = 0; i < size / 4096; ++i) {
+        for (const place of i % 300 === 299 ? [(i * 7919) % (size / 4096), i] : [i]) {
+            cached.read(place * 4096, page);
+            assert.equal(page[0], place % 251);
+        }
+    }
+    return lengths;
+}
+
+test('reads that follow each other are few, whatever lies between them', () => {
+    const lengths = readInOrder(200 << 20, false);
+    const large = lengths.filter((length) => length > 16384);
+    assert.ok(large.length < 35 && Math.max(...large) <= 8 << 20, String(large));
+    assert.ok(lengths.length - large.length < 200 / 1.2 + 10, 'one for each page that lies elsewhere');
+});
+
+test('a file that fits into memory is read once', () => {
+    const lengths = readInOrder(30 << 20, true);
+    assert.ok(lengths.reduce((sum, length) => sum + length) <= (30 << 20) + 32 * 16384);
 });
 
 test('hostile files are refused or read, and run nothing', async () => {

@@ -13,12 +13,19 @@ const app = document.getElementById('app')!;
 
 /** What the build put into the page, compressed. */
 async function unpacked(id: string): Promise<Blob> {
-    const text = document.getElementById(id)!.textContent!;
-    const bytes = Uint8Array.from(atob(text), (character) => character.charCodeAt(0));
+    const text = atob(document.getElementById(id)!.textContent!);
+    const bytes = new Uint8Array(text.length);
+    for (let i = 0; i < text.length; ++i) bytes[i] = text.charCodeAt(i);
     return new Response(new Blob([bytes]).stream().pipeThrough(new DecompressionStream('deflate-raw'))).blob();
 }
 
+async function startedWorker(): Promise<WorkerSource> {
+    const [worker, module] = await Promise.all([unpacked('worker'), unpacked('sqlite')]);
+    return WorkerSource.start(new Blob([worker], {type: 'text/javascript'}), await module.arrayBuffer());
+}
+
 let opened: WorkerSource | null = null;
+let ready: Promise<WorkerSource> | null = null; // for the next files: SQLite takes a moment to start
 
 const tabTitles: readonly (readonly [Tab, string])[] = [
     ['trend', 'Trend'],
@@ -87,10 +94,11 @@ async function openFiles(files: readonly File[]): Promise<void> {
         ),
     );
     try {
-        const [worker, module] = await Promise.all([unpacked('worker'), unpacked('sqlite')]);
-        const script = new Blob([worker], {type: 'text/javascript'});
-        const source = await WorkerSource.over(script, await module.arrayBuffer(), files);
+        const starting = ready ?? startedWorker();
+        ready = null;
+        const source = await starting;
         opened = source;
+        await source.give(files);
         const infos = await source.open();
         const tables = await source.tables();
         const bad = infos.filter(({error}) => error !== '');
@@ -240,3 +248,5 @@ document.addEventListener('drop', (event) => {
     if (files.length > 0) void openFiles(files);
 });
 showStart();
+ready = startedWorker();
+ready.catch(() => undefined); // who opens a file is told

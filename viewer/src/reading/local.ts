@@ -37,8 +37,10 @@ export interface GivenFile {
 
 const sliceLength = 30; // milliseconds of work between two looks at what else is asked
 const showEvery = 400; // milliseconds
+const shareOfShowing = 10; // this many times as long as a look takes is between two of them
 const rowsByIndex = 300000; // more are read faster in the order of recording
 const probes = 400;
+const probeStride = 149; // no factor of it divides the number of probes
 const selectionsKept = 6;
 const largestChecked = 20e6; // bytes: SQLite's check of a file cannot be interrupted
 
@@ -52,8 +54,9 @@ interface OpenTable {
     readonly info: TableInfo;
     readonly file: OpenFile;
     readonly pass: TablePass;
+    readonly dots: Sample[];
     reading: Promise<void> | null;
-    dots: Sample[] | null;
+    probing: Promise<void> | null;
 }
 
 // What changes whenever SQLite writes: the change counter of a file, the salts of a log.
@@ -204,7 +207,7 @@ export class LocalSource implements Source {
                     firstId: pass.firstId,
                     lastId: pass.lastId,
                 };
-                this.opened.set(key, {info, file, pass, reading: null, dots: null});
+                this.opened.set(key, {info, file, pass, dots: [], reading: null, probing: null});
             }
         });
         return [...this.opened.values()].map(({info}) => info);
@@ -246,22 +249,33 @@ export class LocalSource implements Source {
         return table.reading;
     }
 
-    /** Waits for the pass through a table; meanwhile what is known is shown now and then. */
-    private async whileReading(table: OpenTable, signal: AbortSignal | undefined, show: () => void): Promise<void> {
-        let isRead = false;
-        const reading = this.read(table).finally(() => {
-            isRead = true;
-        });
-        reading.catch(() => undefined);
-        for (let shown = performance.now(); !isRead;) {
-            await Promise.race([reading, this.pause()]);
+    // Single rows from everywhere in the table, for a first look.
+    private probe(table: OpenTable): Promise<void> {
+        table.probing ??= this.run(probesOf(table.pass, table.dots));
+        return table.probing;
+    }
+
+    /** Waits for some work; while it goes on, what is known so far is shown now and then. */
+    private async waitFor(work: Promise<void>, signal: AbortSignal | undefined, show: () => void): Promise<void> {
+        let isDone = false;
+        const done = (): void => {
+            isDone = true;
+        };
+        work.then(done, done);
+        for (let next = performance.now() + showEvery; !isDone;) {
+            await Promise.race([work, this.pause()]);
             signal?.throwIfAborted();
-            if (!isRead && performance.now() - shown > showEvery) {
-                show();
-                shown = performance.now();
-            }
+            const begin = performance.now();
+            if (isDone || begin < next) continue;
+            show();
+            const end = performance.now();
+            next = end + Math.max(showEvery, shareOfShowing * (end - begin));
         }
-        await reading;
+        await work;
+    }
+
+    private whileReading(table: OpenTable, signal: AbortSignal | undefined, show: () => void): Promise<void> {
+        return this.waitFor(this.read(table), signal, show);
     }
 
     async overview(key: string, seen: Seen<Overview>, signal?: AbortSignal): Promise<Overview> {
@@ -291,10 +305,13 @@ export class LocalSource implements Source {
     }
 
     private async showDotsEnds(table: OpenTable, seen: Seen<Overview>, signal?: AbortSignal): Promise<void> {
-        const dots = await this.dotsOf(table, signal);
-        const times = dots.map(({time}) => time);
-        if (times.length > 0 && !table.pass.isDone)
-            seen({...this.overviewOf(table), from: Math.min(...times), to: Math.max(...times)});
+        const show = (): void => {
+            const times = table.dots.map(({time}) => time);
+            if (times.length > 0 && !table.pass.isDone)
+                seen({...this.overviewOf(table), from: Math.min(...times), to: Math.max(...times)});
+        };
+        await this.waitFor(this.probe(table), signal, show);
+        show();
     }
 
     async trend(query: TrendQuery, seen: Seen<TrendAnswer>, signal?: AbortSignal): Promise<TrendAnswer> {
@@ -317,13 +334,13 @@ export class LocalSource implements Source {
         const direct = pass.isDone && !pass.rollups ? null : await this.directly(table, range, signal);
         if (direct) return answerOf(direct, table, true);
         if (!pass.isDone) {
-            const dots = await this.dotsOf(table, signal);
             const show = (): void =>
                 seen(
                     pass.share > 0.5
                         ? answerOf(roughCurve(pass.blocks, range), table, false)
-                        : dotsAnswer(dots, range, table),
+                        : dotsAnswer(range, table),
                 );
+            await this.waitFor(this.probe(table), signal, show);
             show();
             await this.whileReading(table, signal, show);
         }
@@ -360,16 +377,6 @@ export class LocalSource implements Source {
         return rows > rowsByIndex ? null : this.run(curveOfIndex(database, name, range), signal);
     }
 
-    // Single rows from everywhere in the table, for a first look.
-    private async dotsOf(table: OpenTable, signal?: AbortSignal): Promise<Sample[]> {
-        if (!table.dots) {
-            const dots: Sample[] = [];
-            await this.run(probesOf(table.pass, dots), signal);
-            table.dots = dots.sort((a, b) => a.time - b.time);
-        }
-        return table.dots;
-    }
-
     async rows(query: RowQuery, seen: Seen<RowsAnswer>, signal?: AbortSignal): Promise<RowsAnswer> {
         const table = await this.tableOf(query.table);
         const key = Selection.keyOf(query);
@@ -401,24 +408,7 @@ export class LocalSource implements Source {
                 rows: selection.page(offset, query.limit),
             };
         };
-        let isFound = false;
-        void found.then(
-            () => {
-                isFound = true;
-            },
-            () => {
-                isFound = true;
-            },
-        );
-        for (let shown = performance.now(); !isFound;) {
-            await Promise.race([found.catch(() => undefined), this.pause()]);
-            signal?.throwIfAborted();
-            if (!isFound && performance.now() - shown > showEvery) {
-                seen(answer());
-                shown = performance.now();
-            }
-        }
-        await found;
+        await this.waitFor(found, signal, () => seen(answer()));
         return answer();
     }
 }
@@ -434,7 +424,9 @@ function* probesOf(pass: TablePass, dots: Sample[]): Work<void> {
     );
     try {
         for (let i = 0; i < probes; ++i) {
-            statement.bind(1, pass.firstId + Math.floor(((pass.lastId - pass.firstId) * i) / (probes - 1)));
+            // In strides, so that the first of them are from everywhere as well.
+            const place = ((i * probeStride) % probes) / (probes - 1);
+            statement.bind(1, pass.firstId + Math.floor((pass.lastId - pass.firstId) * place));
             if (statement.step()) {
                 const time = timeIn(statement.text(0), false);
                 const value = numberOf(statement.text(1));
@@ -448,14 +440,14 @@ function* probesOf(pass: TablePass, dots: Sample[]): Work<void> {
     }
 }
 
-function dotsAnswer(dots: readonly Sample[], range: Range, table: OpenTable): CurveAnswer {
-    const shown = dots.filter(({time}) => time >= range.from && time <= range.to);
+function dotsAnswer(range: Range, table: OpenTable): CurveAnswer {
+    const shown = table.dots.filter(({time}) => time >= range.from && time <= range.to).sort((a, b) => a.time - b.time);
     const curve = new Curve(range);
     for (const {time, value} of shown) curve.add(0, time, value);
     return {
         ...answerOf(curve, table, false),
         isSample: true,
-        seen: dots.length,
+        seen: table.dots.length,
         lines: [],
         points: shown.flatMap(({time, value}) => [time, value]),
     };

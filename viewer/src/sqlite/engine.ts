@@ -24,6 +24,7 @@ export interface RawFunctions {
 
 const fileSystem = 'dropped';
 const ok = 0;
+const heldWhole = 64 * 1024 * 1024; // bytes of files that may be in memory whole, all together
 
 export class Engine {
     readonly capi: Capi;
@@ -32,6 +33,7 @@ export class Engine {
     private readonly files = new Map<string, StoredFile>();
     private readonly open = new Map<number, StoredFile>();
     private failure: unknown = null;
+    private given = 0; // bytes of all files
 
     private constructor(sqlite3: Sqlite3Static) {
         this.capi = sqlite3.capi;
@@ -49,7 +51,8 @@ export class Engine {
     }
 
     add(name: string, bytes: Bytes): void {
-        this.files.set(name, new StoredFile(bytes));
+        this.given += bytes.size;
+        this.files.set(name, new StoredFile(bytes, this.given <= heldWhole));
     }
 
     file(name: string): StoredFile | undefined {

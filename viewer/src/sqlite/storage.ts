@@ -10,23 +10,29 @@ export interface Bytes {
 }
 
 const blockSize = 16 * 1024; // a slice costs about a millisecond, however small
-const windowSize = 2 * 1024 * 1024;
+const smallestWindow = 512 * 1024;
+const largestWindow = 8 * 1024 * 1024;
 const blocksKept = 2048;
 const sequenceBeforeWindow = 4;
+const blocksBeforeWhole = 32; // a file of which so much is asked is read whole, if it may be
 
-/** Keeps what was read last, and reads far ahead when the reads follow each other. */
+/** Keeps what was read last, and reads ahead when the reads follow each other: the further, the longer they do. */
 export class CachedBytes implements Bytes {
     readonly size: number;
     private readonly blocks = new Map<number, Uint8Array>();
-    private readonly room: Uint8Array; // of the window; allocated once
-    private window: Uint8Array = new Uint8Array(0);
+    private room: Uint8Array = new Uint8Array(0); // of the window; allocated again only when it grows
+    private window: Uint8Array = this.room;
     private windowBegin = 0;
     private expected = 0;
     private inSequence = 0;
+    private misses = 0;
 
-    constructor(private readonly source: Bytes) {
+    /** `mayBeWhole`: there is room in memory for all of it. */
+    constructor(
+        private readonly source: Bytes,
+        private readonly mayBeWhole: boolean,
+    ) {
         this.size = source.size;
-        this.room = new Uint8Array(Math.min(windowSize, source.size));
     }
 
     read(offset: number, target: Uint8Array): void {
@@ -40,8 +46,8 @@ export class CachedBytes implements Bytes {
     }
 
     private blockWith(at: number): [Uint8Array, number] {
-        if (at >= this.windowBegin && at < this.windowBegin + this.window.length)
-            return [this.window, this.windowBegin];
+        const windowEnd = this.windowBegin + this.window.length;
+        if (at >= this.windowBegin && at < windowEnd) return [this.window, this.windowBegin];
         const begin = at - (at % blockSize);
         const kept = this.blocks.get(begin);
         if (kept) {
@@ -49,21 +55,30 @@ export class CachedBytes implements Bytes {
             this.blocks.set(begin, kept);
             return [kept, begin];
         }
+        if (this.mayBeWhole && ++this.misses > blocksBeforeWhole) return this.readWindow(0, this.size);
+        // A page of the tree that lies elsewhere does not end a sequence.
+        if (this.window.length > 0 && begin === windowEnd)
+            return this.readWindow(begin, Math.min(2 * this.window.length, largestWindow));
         this.inSequence = begin === this.expected ? this.inSequence + 1 : 0;
-        if (this.inSequence >= sequenceBeforeWindow) {
-            this.window = this.room.subarray(0, Math.min(windowSize, this.size - begin));
-            this.windowBegin = this.size; // of nothing, should reading fail
-            this.source.read(begin, this.window);
-            this.windowBegin = begin;
-            this.expected = begin + this.window.length;
-            return [this.window, begin];
-        }
         this.expected = begin + blockSize;
+        if (this.inSequence >= sequenceBeforeWindow) return this.readWindow(begin, smallestWindow);
         const block = new Uint8Array(Math.min(blockSize, this.size - begin));
         this.source.read(begin, block);
         this.blocks.set(begin, block);
         if (this.blocks.size > blocksKept) this.blocks.delete(this.blocks.keys().next().value!);
         return [block, begin];
+    }
+
+    private readWindow(begin: number, wanted: number): [Uint8Array, number] {
+        const length = Math.min(wanted, this.size - begin);
+        if (this.room.length < length) this.room = new Uint8Array(length);
+        this.window = new Uint8Array(0); // should reading fail
+        const window = this.room.subarray(0, length);
+        for (let at = 0; at < length; at += largestWindow)
+            this.source.read(begin + at, window.subarray(at, at + largestWindow));
+        this.window = window;
+        this.windowBegin = begin;
+        return [window, begin];
     }
 }
 
@@ -76,8 +91,9 @@ export class StoredFile {
     private baseSize: number; // of the base, what was not cut off
     private length: number;
 
-    constructor(base: Bytes | null) {
-        this.base = base && new CachedBytes(base);
+    /** `mayBeWhole`: there is room in memory for all of the base. */
+    constructor(base: Bytes | null, mayBeWhole = false) {
+        this.base = base && new CachedBytes(base, mayBeWhole);
         this.baseSize = base?.size ?? 0;
         this.length = this.baseSize;
     }

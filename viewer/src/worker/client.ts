@@ -41,11 +41,16 @@ export class WorkerSource implements Source {
         URL.revokeObjectURL(address);
     }
 
-    /** `script`: the worker's. `module`: SQLite's. `files`: with what lies beside them. */
-    static async over(script: Blob, module: ArrayBuffer, files: readonly File[]): Promise<WorkerSource> {
+    /** Without files as yet. `script`: the worker's. `module`: SQLite's. */
+    static async start(script: Blob, module: ArrayBuffer): Promise<WorkerSource> {
         const source = new WorkerSource(script);
-        await source.ask({verb: 'give', module, files});
+        await source.ask({verb: 'start', module});
         return source;
+    }
+
+    /** `files`: with what lies beside them; once, before anything is asked. */
+    give(files: readonly File[]): Promise<void> {
+        return this.ask({verb: 'give', files});
     }
 
     close(): void {

@@ -3,7 +3,8 @@ import type {RowQuery, TrendQuery} from '../reading/source.js';
 
 /** What the page asks the worker; `cancel` names the question that nobody waits for any more. */
 export type Question = {readonly id: number} & (
-    | {readonly verb: 'give'; readonly module: ArrayBuffer; readonly files: readonly File[]}
+    | {readonly verb: 'start'; readonly module: ArrayBuffer}
+    | {readonly verb: 'give'; readonly files: readonly File[]}
     | {readonly verb: 'open'}
     | {readonly verb: 'tables'}
     | {readonly verb: 'overview'; readonly table: string}

@@ -42,14 +42,18 @@ const pause = (): Promise<void> =>
         channel.port2.postMessage(null);
     });
 
+let engine: Engine | null = null;
 let source: LocalSource | null = null;
 const running = new Map<number, AbortController>();
 
 async function answer(question: Question): Promise<unknown> {
+    if (question.verb === 'start') {
+        engine = await Engine.make(new Uint8Array(question.module));
+        return null;
+    }
     if (question.verb === 'give') {
-        const engine = await Engine.make(new Uint8Array(question.module));
         source = new LocalSource(
-            engine,
+            engine!,
             question.files.map((file) => ({name: file.name, bytes: new FileBytes(file)})),
             pause,
         );
