@@ -31,6 +31,7 @@ test('the page is small and holds no path of a machine', () => {
     const packed = gzipSync(page, {level: 9}).length;
     assert.ok(packed <= 550000, `${packed} bytes packed`);
     assert.ok(!page.includes(root));
+    assert.equal(page.toString().split("connect-src 'none'").length, 2, 'what "device-db serve" replaces');
 });
 
 test('dependencies are pinned, and the lock file names no registry', () => {

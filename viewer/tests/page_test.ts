@@ -178,6 +178,21 @@ for (const dark of [false, true]) {
         await session.page.click('#view-alarms .rows .row');
         await session.page.waitForSelector('dialog[open]');
         await check('a row');
+        await session.page.keyboard.press('Escape');
+        await session.page.click('button[aria-label=Help]');
+        await check('help');
+        await session.page.evaluate(() =>
+            ([...document.querySelectorAll('dialog button')] as HTMLElement[])
+                .find((each) => each.textContent === 'Licences')!
+                .click(),
+        );
+        const [licences] = await soon(async () => {
+            const found = await texts(session, 'dialog[open] pre');
+            return found.length > 0 && found;
+        });
+        for (const part of ['Leon Sorokin', 'Emscripten', 'Apache License\n', 'SQLite 3.'])
+            assert.ok(licences!.includes(part), part);
+        await check('licences');
     });
 }
 

@@ -4,7 +4,7 @@ import type {Cell} from '../reading/cells.js';
 import type {CsvOptions} from '../reading/csv.js';
 import type {TableInfo} from '../reading/source.js';
 import {columnsOf} from '../reading/tables.js';
-import {button, h} from './dom.js';
+import {button, h, unpacked} from './dom.js';
 import {lastedText, momentOf} from './rows_view.js';
 import type {Workspace} from './workspace.js';
 
@@ -123,6 +123,19 @@ export function showHelp(): void {
                     'nothing leaves this computer.',
             ),
         ],
-        [button('Close', () => dialog.close(), {class: 'first'})],
+        [
+            button('Licences', () => {
+                dialog.close();
+                void showLicences();
+            }),
+            button('Close', () => dialog.close(), {class: 'first'}),
+        ],
     );
+}
+
+/** What the page is made of, with versions, and under which terms. */
+async function showLicences(): Promise<void> {
+    const text = await (await unpacked('licences')).text();
+    const content = h('pre', {class: 'licences', tabindex: '0', role: 'group', 'aria-label': 'Licences'}, text);
+    const dialog = open('Licences', [content], [button('Close', () => dialog.close(), {class: 'first'})]);
 }

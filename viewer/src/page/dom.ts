@@ -47,3 +47,11 @@ export function download(name: string, content: Blob): void {
 export function colour(name: string, of: Element = document.documentElement): string {
     return getComputedStyle(of).getPropertyValue(`--${name}`).trim();
 }
+
+/** What the build put into the page, compressed. */
+export async function unpacked(id: string): Promise<Blob> {
+    const text = atob(document.getElementById(id)!.textContent!);
+    const bytes = new Uint8Array(text.length);
+    for (let i = 0; i < text.length; ++i) bytes[i] = text.charCodeAt(i);
+    return new Response(new Blob([bytes]).stream().pipeThrough(new DecompressionStream('deflate-raw'))).blob();
+}

@@ -2,7 +2,7 @@
 import {bytesText} from '../reading/cells.js';
 import {WorkerSource} from '../worker/client.js';
 import {showHelp} from './dialogs.js';
-import {announce, button, h} from './dom.js';
+import {announce, button, h, unpacked} from './dom.js';
 import {FindingsView} from './findings_view.js';
 import {RowsView} from './rows_view.js';
 import {TrendView} from './trend_view.js';
@@ -10,14 +10,6 @@ import {Workspace} from './workspace.js';
 import type {Tab} from './workspace.js';
 
 const app = document.getElementById('app')!;
-
-/** What the build put into the page, compressed. */
-async function unpacked(id: string): Promise<Blob> {
-    const text = atob(document.getElementById(id)!.textContent!);
-    const bytes = new Uint8Array(text.length);
-    for (let i = 0; i < text.length; ++i) bytes[i] = text.charCodeAt(i);
-    return new Response(new Blob([bytes]).stream().pipeThrough(new DecompressionStream('deflate-raw'))).blob();
-}
 
 async function startedWorker(): Promise<WorkerSource> {
     const [worker, module] = await Promise.all([unpacked('worker'), unpacked('sqlite')]);
