@@ -135,6 +135,26 @@ export interface RowsAnswer extends Share {
 /** Calls with an answer that is not yet exact, as often as there is something new to see. */
 export type Seen<Answer> = (answer: Answer) => void;
 
+/** A table with new rows. */
+export interface NewRows {
+    readonly key: string;
+    readonly lastId: number;
+}
+
+/** What a watched file did. */
+export interface FileChange {
+    readonly file: number; // its place in what open() gave
+    readonly error: string; // why it cannot be read at the moment; empty otherwise
+    readonly isOther: boolean; // more than new rows, so that open() and tables() have other answers as well
+    readonly tables: readonly NewRows[];
+}
+
+/** What happened to the files, or to the connection: nothing is missed when it is lost and heals. */
+export interface Change {
+    readonly isConnected: boolean; // false: nothing is known of the files at the moment
+    readonly files: readonly FileChange[]; // those that changed
+}
+
 /** Failures are Errors whose message is for people. A signal ends the work; the promise is rejected then. */
 export interface Source {
     open(): Promise<readonly FileInfo[]>;
@@ -142,4 +162,6 @@ export interface Source {
     overview(table: string, seen: Seen<Overview>, signal?: AbortSignal): Promise<Overview>;
     trend(query: TrendQuery, seen: Seen<TrendAnswer>, signal?: AbortSignal): Promise<TrendAnswer>;
     rows(query: RowQuery, seen: Seen<RowsAnswer>, signal?: AbortSignal): Promise<RowsAnswer>;
+    /** Only where files can change: calls with each change until the function that it returns is called. */
+    watch?(listener: (change: Change) => void): () => void;
 }
