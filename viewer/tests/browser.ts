@@ -29,7 +29,8 @@ export const viewer = join(root, 'out', 'viewer.html');
 
 // What a browser asks for itself, whatever page it shows: its owner's account, its own settings. No option keeps it
 // from that.
-const ofBrowser = /^CONNECT (accounts\.google\.com|[-\w.]+\.mozilla\.(com|org|net)):443 /;
+const ofBrowser =
+    /^(CONNECT (accounts\.google\.com|update\.googleapis\.com|[-\w.]+\.mozilla\.(com|org|net)):443|(GET|POST) http:\/\/(update\.googleapis|clients2\.google)\.com\/\S*) /;
 
 export class Session {
     readonly faults: string[] = [];
@@ -43,7 +44,7 @@ export class Session {
 
     static async start(
         name: BrowserName,
-        options: {zone?: string; width?: number; height?: number; dark?: boolean} = {},
+        options: {zone?: string; width?: number; height?: number; dark?: boolean; served?: URL} = {},
     ): Promise<Session> {
         const requests: string[] = [];
         const proxy = createServer((socket) => {
@@ -76,9 +77,9 @@ export class Session {
                           '--disable-component-update',
                           '--disable-sync',
                           '--disable-domain-reliability',
-                          '--disable-features=OptimizationHints,MediaRouter',
+                          '--disable-features=OptimizationHints,MediaRouter,AutofillServerCommunication',
                           `--proxy-server=127.0.0.1:${port}`,
-                          '--proxy-bypass-list=<-loopback>',
+                          `--proxy-bypass-list=<-loopback>;${options.served?.host ?? ''}`,
                       ],
                   })
                 : await puppeteer.launch({
@@ -111,7 +112,7 @@ export class Session {
         if (name === 'chrome')
             await page.emulateMediaFeatures([{name: 'prefers-color-scheme', value: options.dark ? 'dark' : 'light'}]);
         requests.length = 0; // what the browser does for itself while it starts
-        await page.goto(pathToFileURL(viewer).href);
+        await page.goto((options.served ?? pathToFileURL(viewer)).href);
         return session;
     }
 

@@ -3,32 +3,19 @@
 // The page in real browsers, opened from disk.
 import assert from 'node:assert/strict';
 import {appendFileSync, readdirSync, readFileSync} from 'node:fs';
-import {createRequire} from 'node:module';
 import {join} from 'node:path';
 import {test} from 'node:test';
 
 import {pathOf, Session} from './browser.js';
+import {axeFindings, press, soon, texts} from './page.js';
 import {plant} from './plant.js';
 import {Folder} from './reference.js';
 import {made} from './support.js';
 
-const axe = readFileSync(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8');
 const files = await made(plant);
 const tabs = ['trend', 'alarms', 'log', 'rows', 'findings'];
 const browsers = (['chrome', 'firefox'] as const).filter((name) => pathOf(name));
 const chrome = {skip: pathOf('chrome') ? false : 'Chromium is not installed'};
-
-/** Calls until it gives something: pages answer when they can. */
-async function soon<Result>(ask: () => Promise<Result | null | undefined | false>): Promise<Result> {
-    for (const end = Date.now() + 30000; ;) {
-        const answer = await ask();
-        if (answer || Date.now() > end) return answer as Result;
-        await new Promise((resume) => setTimeout(resume, 50));
-    }
-}
-
-const texts = (session: Session, selector: string): Promise<string[]> =>
-    session.page.$$eval(selector, (elements) => elements.map((element) => element.textContent ?? ''));
 
 for (const name of browsers) {
     test(`${name} shows every view without a request or a fault`, async () => {
@@ -157,13 +144,7 @@ for (const dark of [false, true]) {
         using folder = new Folder();
         await using session = await Session.start('chrome', {dark});
         const check = async (what: string): Promise<void> => {
-            const found = (await session.page
-                .evaluate(`${axe};axe.run({runOnly: ['wcag2a', 'wcag2aa', 'wcag21a', 'wcag21aa', 'wcag22aa',
-                'best-practice']})`)) as {violations: {id: string; nodes: {html: string; failureSummary: string}[]}[]};
-            assert.deepEqual(
-                found.violations.map(({id, nodes}) => `${what}: ${id}: ${nodes[0]!.html} ${nodes[0]!.failureSummary}`),
-                [],
-            );
+            assert.deepEqual(await axeFindings(session), [], what);
         };
         await check('start');
         await session.open(folder.write('plant.db', files.main));
@@ -181,11 +162,7 @@ for (const dark of [false, true]) {
         await session.page.keyboard.press('Escape');
         await session.page.click('button[aria-label=Help]');
         await check('help');
-        await session.page.evaluate(() =>
-            ([...document.querySelectorAll('dialog button')] as HTMLElement[])
-                .find((each) => each.textContent === 'Licences')!
-                .click(),
-        );
+        await press(session, 'Licences');
         const [licences] = await soon(async () => {
             const found = await texts(session, 'dialog[open] pre');
             return found.length > 0 && found;
@@ -324,20 +301,11 @@ test('what was saved is the cells, and a picture', chrome, async () => {
     await session.settled();
     await session.tab('log');
     await session.settled();
-    const click = (text: string): Promise<void> =>
-        session.page.evaluate(
-            (wanted) =>
-                ([...document.querySelectorAll('button')] as HTMLElement[])
-                    .filter((each) => each.offsetParent !== null)
-                    .find((each) => each.textContent === wanted)!
-                    .click(),
-            text,
-        );
     const saved = (ending: string): Promise<string> =>
         soon(async () => readdirSync(folder.path).find((name) => name.endsWith(ending)));
-    await click('CSV');
+    await press(session, 'CSV');
     await session.page.waitForSelector('dialog[open]');
-    await click('Save');
+    await press(session, 'Save');
     const csv = readFileSync(join(folder.path, await saved('.csv')), 'utf8');
     const lines = csv.split('\n');
     assert.equal(lines[0], 'time,user,log,message');
@@ -347,7 +315,7 @@ test('what was saved is the cells, and a picture', chrome, async () => {
     );
     assert.equal(csv.split(/\n(?=2024)/).length, 302);
     await session.tab('trend');
-    await click('Picture');
+    await press(session, 'Picture');
     const png = readFileSync(join(folder.path, await saved('.png')));
     // The lines are in it, in their colours.
     const coloured = await session.page.evaluate(async (data) => {

@@ -39,6 +39,7 @@ export class Chart {
     private pressed: {x: number; view: View; selects: boolean; hasMoved: boolean} | null = null;
     private asked = new AbortController();
     private timer = 0;
+    hasAsked = false; // nothing can be asked before some times are known
 
     /** `onAnswer`: figures may be others now. `onEvent`: an alarm or an entry was clicked. */
     constructor(
@@ -161,7 +162,8 @@ export class Chart {
         this.timer = window.setTimeout(() => this.ask(), askAfter);
     }
 
-    ask(): void {
+    /** `isQuiet`: an exact picture stays until there is another one. */
+    ask(isQuiet = false): void {
         clearTimeout(this.timer);
         this.asked.abort();
         this.asked = new AbortController();
@@ -174,8 +176,9 @@ export class Chart {
             if (chosen.every((key) => this.workspace.overviews.get(key)?.exact)) this.pending.clear();
             return;
         }
+        this.hasAsked = true;
         const columns = Math.round(this.inner);
-        for (const key of chosen) void this.askFor(key, columns, signal);
+        for (const key of chosen) void this.askFor(key, columns, signal, isQuiet);
         const range = {from: view.from, to: view.to, columns};
         for (const kind of ['alarms', 'log'] as const) {
             const tables = this.workspace.tablesOf(kind);
@@ -193,10 +196,11 @@ export class Chart {
         }
     }
 
-    private async askFor(key: string, columns: number, signal: AbortSignal): Promise<void> {
+    private async askFor(key: string, columns: number, signal: AbortSignal, isQuiet: boolean): Promise<void> {
         const {source, view} = this.workspace;
         const take = (answer: TrendAnswer): void => {
             if (answer.kind !== 'samples' || signal.aborted) return;
+            if (isQuiet && !answer.exact && this.answers.get(key)?.exact) return;
             this.answers.set(key, answer);
             this.draw();
             this.onAnswer();

@@ -23,6 +23,8 @@ export interface Column {
 export class List {
     readonly element: HTMLElement;
     readonly status = h('span', {class: 'status', role: 'status'});
+    /** Leads to rows that came meanwhile. */
+    readonly news = h('button', {type: 'button', class: 'missed', hidden: true, onclick: () => this.goToNews()});
     total = 0;
     isExact = false;
     private query: RowQuery;
@@ -30,6 +32,9 @@ export class List {
     private readonly asked = new Set<number>();
     private asking = new AbortController();
     private active = 0;
+    private isRenewing = false;
+    private isStale = false;
+    private missed = 0; // rows that came at an edge which is not in view
     private readonly head = h('div', {class: 'row head', role: 'row'});
     private readonly body = h('div', {class: 'rows', role: 'rowgroup'});
     private readonly space = h('div', {class: 'space', 'aria-hidden': 'true'});
@@ -55,14 +60,14 @@ export class List {
                 tabindex: '0',
                 'aria-label': title,
                 'aria-colcount': columns.length,
-                onscroll: () => this.draw(),
+                onscroll: () => this.scrolled(),
                 onkeydown: (event: KeyboardEvent) => this.key(event),
             },
             h('div', {role: 'rowgroup', class: 'heads'}, this.head),
             this.body,
             this.space,
         );
-        this.element = h('div', {class: 'list'}, this.scroller);
+        this.element = h('div', {class: 'list'}, this.scroller, this.news);
         this.element.style.setProperty('--columns', template);
         this.drawHead();
         new ResizeObserver(() => this.draw()).observe(this.scroller);
@@ -78,6 +83,7 @@ export class List {
         this.asking = new AbortController();
         this.query = query;
         this.drawHead();
+        this.showNews(0);
         this.status.textContent = 'Looking …';
         const take = (answer: RowsAnswer): void => {
             this.total = answer.total;
@@ -99,6 +105,63 @@ export class List {
         } catch (error) {
             this.fail(error);
         }
+    }
+
+    private get isNewestFirst(): boolean {
+        return this.query.order === 'newest';
+    }
+
+    private showNews(rows: number): void {
+        this.missed = rows;
+        this.news.hidden = rows === 0;
+        this.news.textContent = `${count(rows)} new ${rows === 1 ? 'row' : 'rows'} ${this.isNewestFirst ? '↑' : '↓'}`;
+    }
+
+    private goToNews(): void {
+        this.showNews(0);
+        this.scroller.scrollTop = this.isNewestFirst ? 0 : this.height;
+        this.draw();
+        this.scroller.focus();
+    }
+
+    /** The table has other rows: who looks at the edge where they come sees them, anything else stays where it is. */
+    async renew(): Promise<void> {
+        this.isStale = true;
+        if (this.isRenewing) return;
+        this.isRenewing = true;
+        try {
+            while (this.isStale) {
+                this.isStale = false;
+                await this.renewOnce();
+            }
+        } catch (error) {
+            this.fail(error);
+        } finally {
+            this.isRenewing = false;
+        }
+    }
+
+    private async renewOnce(): Promise<void> {
+        const {total, firstShown, isAtEdge} = this;
+        const {signal} = this.asking;
+        const first = Math.floor(firstShown);
+        const id = isAtEdge ? undefined : this.rowOf(first)?.[0];
+        const offset = Math.max(0, (Math.floor(first / pageRows) - 1) * pageRows);
+        const query = {...this.query, id: id ? Number(id) : undefined, at: undefined, offset, limit: 4 * pageRows};
+        const answer = await this.source.rows(query, () => undefined, signal);
+        if (signal.aborted) return;
+        this.pages.clear();
+        this.total = answer.total;
+        this.isExact = answer.exact;
+        this.keepPage(answer);
+        this.say(answer.share);
+        const shift = id && answer.found >= 0 ? answer.found - first : 0;
+        this.active += shift;
+        if (!isAtEdge) this.scrollToFirst(firstShown + shift);
+        else if (!this.isNewestFirst) this.scrollToFirst(this.total);
+        if (!isAtEdge && typeof this.query.order === 'string')
+            this.showNews(Math.max(0, this.missed + this.total - total));
+        this.draw();
     }
 
     /** The same question again, for what is in view: more is known of the table now. */
@@ -174,10 +237,26 @@ export class List {
 
     private scrollTo(row: number): void {
         const room = this.scroller.clientHeight - rowHeight;
+        this.scrollToFirst(row - room / rowHeight / 2);
+    }
+
+    private scrollToFirst(row: number): void {
+        const room = this.scroller.clientHeight - rowHeight;
         const rows = Math.max(1, this.total - room / rowHeight);
-        const middle = Math.max(0, row - room / rowHeight / 2);
+        const first = Math.max(0, row);
         this.space.style.height = `${this.height}px`;
-        this.scroller.scrollTop = this.height < tallest ? middle * rowHeight : (middle / rows) * (this.height - room);
+        this.scroller.scrollTop = this.height < tallest ? first * rowHeight : (first / rows) * (this.height - room);
+    }
+
+    /** Where new rows come. */
+    private get isAtEdge(): boolean {
+        const {scrollTop, clientHeight, scrollHeight} = this.scroller;
+        return this.isNewestFirst ? scrollTop < rowHeight : scrollTop + clientHeight >= scrollHeight - 1;
+    }
+
+    private scrolled(): void {
+        if (this.missed > 0 && this.isAtEdge) this.showNews(0);
+        this.draw();
     }
 
     draw(): void {
@@ -195,10 +274,13 @@ export class List {
         else this.scroller.removeAttribute('aria-activedescendant');
     }
 
+    private rowOf(i: number): readonly Cell[] | undefined {
+        return this.pages.get(Math.floor(i / pageRows))?.[i % pageRows];
+    }
+
     private rowAt(i: number): HTMLElement {
-        const page = Math.floor(i / pageRows);
-        const row = this.pages.get(page)?.[i % pageRows];
-        if (!row) void this.load(page);
+        const row = this.rowOf(i);
+        if (!row) void this.load(Math.floor(i / pageRows));
         const isActive = i === this.active;
         const open = (): void => {
             this.active = i;
@@ -268,7 +350,7 @@ export class List {
             Home: 0,
             End: this.total - 1,
         };
-        const row = this.pages.get(Math.floor(this.active / pageRows))?.[this.active % pageRows];
+        const row = this.rowOf(this.active);
         const next = moves[event.key];
         if (event.key === 'Enter' && row) this.open(row);
         else if (next !== undefined) {

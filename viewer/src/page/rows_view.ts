@@ -97,19 +97,18 @@ export class RowsView {
     private order: Order;
     private timer = 0;
     private isFresh = true;
+    private isStale = false; // there are other rows, and nobody looks
 
     constructor(
         private readonly workspace: Workspace,
         private readonly tab: Tab & ('alarms' | 'log' | 'rows'),
     ) {
-        const tables = this.tables;
         this.order = tab === 'rows' ? 'recorded' : 'newest';
-        this.tableSelect.append(...tables.map((table) => h('option', {value: table.key}, workspace.titleOf(table))));
         this.choiceSelect.setAttribute('aria-label', tab === 'alarms' ? 'Level' : 'User');
         const bar = h(
             'div',
             {class: 'bar'},
-            tables.length > 1 && this.tableSelect,
+            this.tableSelect,
             this.search,
             tab === 'alarms' && this.stateSelect,
             tab !== 'rows' && this.choiceSelect,
@@ -131,12 +130,42 @@ export class RowsView {
         );
         const title = {alarms: 'Alarms', log: 'Operator log', rows: 'Rows'}[tab];
         this.element = h('section', {class: 'records', 'aria-label': title}, bar, this.place);
-        workspace.onChange((change) => {
-            if (change !== 'overview') return;
-            this.fillChoices();
-            if (this.list && !this.list.isExact && this.table && workspace.overviews.get(this.table.key)?.exact)
-                this.list.refresh();
+        this.fillTables();
+        workspace.onChange((change, tables) => {
+            if (change === 'tables') this.takeTables();
+            else if (change === 'renewed' && this.table && tables.has(this.table.key)) {
+                this.isStale = true;
+                if (workspace.tab === tab) this.renew();
+            } else if (change === 'overview') {
+                this.fillChoices();
+                if (this.list && !this.list.isExact && this.table && workspace.overviews.get(this.table.key)?.exact)
+                    this.list.refresh();
+            }
         });
+    }
+
+    private renew(): void {
+        this.isStale = false;
+        void this.list?.renew();
+    }
+
+    private fillTables(): void {
+        const {tables} = this;
+        this.tableSelect.hidden = tables.length < 2;
+        this.tableSelect.replaceChildren(
+            ...tables.map((table) => h('option', {value: table.key}, this.workspace.titleOf(table))),
+        );
+        if (this.table) this.tableSelect.value = this.table.key;
+    }
+
+    // There are others: the one that is shown may be gone, or the first may have come.
+    private takeTables(): void {
+        this.fillTables();
+        if (this.tables.some(({key}) => key === this.table?.key)) return;
+        this.table = null;
+        this.list = null;
+        this.isFresh = true;
+        if (this.workspace.tab === this.tab) this.show();
     }
 
     private get tables(): TableInfo[] {
@@ -156,12 +185,50 @@ export class RowsView {
             this.stateSelect.value = '';
             this.from.value = this.to.value = '';
             if (this.order !== 'recorded') this.order = 'newest';
-            this.choiceSelect.value = wanted.levels ? String(wanted.levels[0]) : '';
+            this.setChoice(wanted.levels ? String(wanted.levels[0]) : '');
         }
-        if (wanted?.table || this.isFresh) this.choose(wanted?.table ?? this.tables[0]!.key, wanted);
-        else if (wanted) this.ask(wanted);
+        if (wanted?.table || this.isFresh) {
+            if (this.isFresh && !wanted) this.takeFilter();
+            const kept = this.tables.find(({key}) => key === this.tableSelect.value) ?? this.tables[0]!;
+            this.choose(wanted?.table ?? kept.key, wanted);
+        } else if (wanted) this.ask(wanted);
+        else if (this.isStale) this.renew();
         else this.list?.draw();
         this.isFresh = false;
+    }
+
+    // What an address says.
+    private takeFilter(): void {
+        const filter = this.workspace.filters.get(this.tab) ?? {};
+        this.search.value = filter['search'] ?? '';
+        this.stateSelect.value = filter['state'] ?? '';
+        this.from.value = filter['from'] ?? '';
+        this.to.value = filter['to'] ?? '';
+        this.tableSelect.value = filter['table'] ?? '';
+        const choice = filter['choice'] ?? '';
+        if (this.tab === 'log' ? choice.startsWith('=') : /^-?\d+$/.test(choice)) this.setChoice(choice);
+        const order = filter['order'] ?? '';
+        const column = order.replace(/^-/, '');
+        if (order === 'newest' || order === 'oldest') this.order = order;
+        else if (
+            this.tab !== 'rows' &&
+            listColumns(this.tab === 'log' ? 'log' : 'alarms').some(({key}) => key === column)
+        )
+            this.order = {column, descending: order !== column};
+    }
+
+    private keepFilter(): void {
+        const {order} = this;
+        this.workspace.filters.set(this.tab, {
+            table: this.table!.key,
+            search: this.search.value,
+            state: this.stateSelect.value,
+            choice: this.choiceSelect.value,
+            from: this.from.value,
+            to: this.to.value,
+            order: typeof order === 'string' ? order : `${order.descending ? '-' : ''}${order.column}`,
+        });
+        this.workspace.tell('filter');
     }
 
     private timeInput(title: string, bound: 'first' | 'last'): HTMLInputElement {
@@ -195,7 +262,7 @@ export class RowsView {
         this.table = table;
         this.tableSelect.value = key;
         this.fillChoices();
-        if (wanted.levels) this.choiceSelect.value = String(wanted.levels[0]);
+        if (wanted.levels) this.setChoice(String(wanted.levels[0]));
         const sort = this.tab === 'rows' ? null : (column: string): void => this.sortBy(column);
         const query: RowQuery = {table: key, order: this.order, offset: 0, limit: 100};
         this.list = new List(
@@ -227,13 +294,17 @@ export class RowsView {
                 ),
             ),
         );
-        this.choiceSelect.value = before;
-        if (this.choiceSelect.selectedIndex < 0 && before !== '') {
-            this.choiceSelect.append(
-                h('option', {value: before}, this.tab === 'alarms' ? `Level ${before}` : before.slice(1)),
-            );
-            this.choiceSelect.value = before;
-        }
+        this.setChoice(before);
+    }
+
+    // One that no row has stays chosen.
+    private setChoice(choice: string): void {
+        this.choiceSelect.value = choice;
+        if (this.choiceSelect.selectedIndex >= 0 || choice === '') return;
+        this.choiceSelect.append(
+            h('option', {value: choice}, this.tab === 'alarms' ? `Level ${choice}` : choice.slice(1)),
+        );
+        this.choiceSelect.value = choice;
     }
 
     private sortBy(column: string): void {
@@ -271,7 +342,10 @@ export class RowsView {
     }
 
     private ask(wanted?: Partial<RowQuery>): void {
+        if (!this.table) return;
         clearTimeout(this.timer);
+        this.isStale = false;
+        this.keepFilter();
         void this.list?.ask(this.query(wanted));
     }
 

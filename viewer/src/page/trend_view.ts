@@ -50,6 +50,8 @@ export class TrendView {
         h('div'),
     );
     private readonly note = h('p', {class: 'note'});
+    private readonly missed = button('', () => this.workspace.showEnd(), {class: 'missed', hidden: true});
+    private readonly summary = h('summary');
     private readonly chartBox = h('div', {class: 'chart-box'});
 
     constructor(private readonly workspace: Workspace) {
@@ -61,15 +63,8 @@ export class TrendView {
                 workspace.setTab(kind);
             },
         );
-        this.chartBox.append(this.progress, this.chart.element);
-        const series = workspace.seriesTables;
-        const aside = h(
-            'details',
-            {class: 'chooser', open: innerWidth > 760},
-            h('summary', {}, `Series (${series.length})`),
-            series.length > fewSeries && this.search,
-            this.list,
-        );
+        this.chartBox.append(this.progress, this.chart.element, this.missed);
+        const aside = h('details', {class: 'chooser', open: innerWidth > 760}, this.summary, this.search, this.list);
         const bar = h(
             'div',
             {class: 'bar'},
@@ -117,6 +112,7 @@ export class TrendView {
                 h('div', {class: 'scroll', tabindex: '0', role: 'group', 'aria-label': 'Figures'}, table),
             ),
         );
+        this.together.checked = workspace.isTogether;
         this.fillList();
         this.chart.rebuild();
         workspace.onChange((change) => {
@@ -134,9 +130,17 @@ export class TrendView {
             } else if (change === 'theme') {
                 this.chart.draw();
             } else if (change === 'overview') {
-                if (!workspace.full) this.chart.ask();
+                if (!this.chart.hasAsked) this.chart.ask();
                 this.chart.draw();
                 this.showFigures();
+            } else if (change === 'tables') {
+                this.fillList();
+            } else if (change === 'renewed') {
+                this.chart.ask(true);
+            } else if (change === 'live') {
+                const rows = workspace.missedRows;
+                this.missed.hidden = rows === 0;
+                this.missed.textContent = `${count(rows)} new ${rows === 1 ? 'row' : 'rows'} →`;
             }
         });
         this.showRange();
@@ -177,6 +181,9 @@ export class TrendView {
 
     private fillList(): void {
         const {workspace} = this;
+        const {length} = workspace.seriesTables;
+        this.summary.textContent = `Series (${length})`;
+        this.search.hidden = length <= fewSeries;
         const wanted = this.search.value.toLowerCase();
         const shown = workspace.seriesTables.filter((table) =>
             `${workspace.titleOf(table)} ${table.name} ${table.description}`.toLowerCase().includes(wanted),

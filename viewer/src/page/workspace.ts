@@ -1,12 +1,17 @@
 // SPDX-License-Identifier: MIT
 //
 // What the views share: the source, what it said so far, what is chosen and which time is looked at.
-import type {FileInfo, Overview, RowQuery, Source, TableInfo} from '../reading/source.js';
+import type {Change as SourceChange, FileInfo, Overview, RowQuery, Source, TableInfo} from '../reading/source.js';
 import {isCancelled} from '../worker/client.js';
 import type {View} from './pane.js';
 
 export type Tab = 'trend' | 'alarms' | 'log' | 'rows' | 'findings';
-export type Change = 'overview' | 'chosen' | 'view' | 'cursor' | 'tab' | 'theme' | 'failure';
+/** `tables`: there are others, or other files. `renewed`: some have other rows. `live`: what is said about watching. */
+export type Change =
+    'overview' | 'chosen' | 'view' | 'cursor' | 'tab' | 'theme' | 'failure' | 'filter' | 'tables' | 'renewed' | 'live';
+
+/** What stays at the edge of the view when rows come: everything, or the end. Null: the view stays as it is. */
+export type Edge = 'all' | 'end' | null;
 
 const seriesColours = 8;
 const shortest = 2000; // milliseconds that can be in view
@@ -15,21 +20,30 @@ export class Workspace {
     readonly overviews = new Map<string, Overview>();
     chosen: string[] = []; // keys of series, in the order in which they were chosen
     view: View = {from: 0, to: 1};
-    showsAll = true;
+    edge: Edge = 'all';
     isTogether = false;
     cursor: number | null = null;
     mark: number | null = null; // the second cursor
     tab: Tab = 'trend';
     failure = '';
+    isConnected = true; // to what is watched
+    readonly unreadable = new Map<number, string>(); // files that cannot be read at the moment, and why
+    /** Rows of each table that came since the view stays as it is. */
+    readonly missed = new Map<string, number>();
     /** What the list of a kind is to show when it is opened next. */
     readonly wanted = new Map<Tab, Partial<RowQuery>>();
-    private readonly listeners = new Set<(change: Change) => void>();
+    /** What is set above each list. */
+    readonly filters = new Map<Tab, Readonly<Record<string, string>>>();
+    private readonly listeners = new Set<(change: Change, tables: ReadonlySet<string>) => void>();
     private readonly colours = new Map<string, number>();
+    private readonly stale = new Set<string>(); // tables with rows that were not looked at yet
+    private isOther = false; // files and tables are to be asked for again
+    private isRenewing = false;
 
     constructor(
         readonly source: Source,
-        readonly files: readonly FileInfo[],
-        readonly tables: readonly TableInfo[],
+        public files: readonly FileInfo[],
+        public tables: readonly TableInfo[],
     ) {
         const series = this.seriesTables;
         this.chosen = series.slice(0, Math.min(series.length, 2)).map(({key}) => key);
@@ -37,12 +51,13 @@ export class Workspace {
         this.tab = series.length > 0 || tables.length === 0 ? 'trend' : tables[0]!.kind === 'alarms' ? 'alarms' : 'log';
     }
 
-    onChange(listener: (change: Change) => void): void {
+    /** `tables`: the keys of those that were renewed. */
+    onChange(listener: (change: Change, tables: ReadonlySet<string>) => void): void {
         this.listeners.add(listener);
     }
 
-    tell(change: Change): void {
-        this.listeners.forEach((listener) => listener(change));
+    tell(change: Change, tables: ReadonlySet<string> = new Set()): void {
+        this.listeners.forEach((listener) => listener(change, tables));
     }
 
     get seriesTables(): TableInfo[] {
@@ -83,7 +98,14 @@ export class Workspace {
         else this.colours.delete(key);
         if (isChosen) void this.look(key);
         this.tell('chosen');
-        if (this.showsAll) this.showAll();
+        if (this.edge === 'all') this.showAll();
+    }
+
+    /** Before anything is shown. */
+    setChosen(keys: readonly string[]): void {
+        this.colours.clear();
+        this.chosen = [...keys];
+        this.chosen.forEach((key) => this.colourOf(key));
     }
 
     /** Of what is chosen; of everything if that has no times. */
@@ -101,16 +123,27 @@ export class Workspace {
     }
 
     showAll(): void {
-        this.showsAll = true;
+        this.edge = 'all';
         const {full} = this;
-        if (full) this.setView(padded(full), true);
+        if (full) this.setView(padded(full), 'all');
     }
 
-    setView({from, to}: View, isAll = false): void {
+    /** So much of the end of what there is. */
+    showEnd(length = this.view.to - this.view.from): void {
+        const {full} = this;
+        const to = full ? full.to + length * 0.02 : this.view.to;
+        this.setView({from: to - length, to}, 'end');
+    }
+
+    setView({from, to}: View, edge: Edge = null): void {
         const length = Math.max(shortest, Math.min(to - from, 400 * 366 * 86400000));
         const middle = (from + to) / 2;
         const begin = Math.max(0, Math.min(middle - length / 2, 253402300800000 - length));
-        this.showsAll = isAll;
+        this.edge = edge;
+        if (edge !== null && this.missed.size > 0) {
+            this.missed.clear();
+            this.tell('live');
+        }
         if (this.view.from === begin && this.view.to === begin + length) return;
         this.view = {from: begin, to: begin + length};
         this.tell('view');
@@ -118,14 +151,14 @@ export class Workspace {
 
     /** So much of the end of what there is, or around the middle of what is looked at. */
     setLength(length: number): void {
-        const {full} = this;
-        const to = this.showsAll && full ? full.to + length * 0.02 : (this.view.from + this.view.to + length) / 2;
+        if (this.edge !== null) return this.showEnd(length);
+        const to = (this.view.from + this.view.to + length) / 2;
         this.setView({from: to - length, to});
     }
 
     /** A moment in the middle of the view, under the cursor. */
     goTo(time: number): void {
-        const length = Math.min(this.view.to - this.view.from, this.showsAll ? 6 * 3600000 : Infinity);
+        const length = Math.min(this.view.to - this.view.from, this.edge === 'all' ? 6 * 3600000 : Infinity);
         this.cursor = time;
         this.setView({from: time - length / 2, to: time + length / 2});
         this.setTab('trend');
@@ -160,17 +193,99 @@ export class Workspace {
     }
 
     private async look(key: string): Promise<void> {
-        const take = (overview: Overview): void => {
-            this.overviews.set(key, overview);
-            this.tell('overview');
-            if (this.showsAll) this.showAll();
-        };
         if (this.overviews.get(key)?.exact) return;
         try {
-            take(await this.source.overview(key, take));
+            this.takeOverview(key, await this.source.overview(key, (overview) => this.takeOverview(key, overview)));
         } catch (error) {
             this.fail(error);
         }
+    }
+
+    private takeOverview(key: string, overview: Overview): void {
+        this.overviews.set(key, overview);
+        this.tell('overview');
+        this.followEdge();
+    }
+
+    private followEdge(): void {
+        if (this.edge === 'all') this.showAll();
+        else if (this.edge === 'end') this.showEnd();
+    }
+
+    /** From now on what happens to the files is shown. Without effect on files that cannot change. */
+    watch(): void {
+        this.source.watch?.((change) => this.takeChange(change));
+    }
+
+    private takeChange({isConnected, files}: SourceChange): void {
+        const isBack = isConnected && !this.isConnected;
+        this.isConnected = isConnected;
+        for (const {file, error, isOther, tables} of files) {
+            if (error !== '') this.unreadable.set(file, error);
+            else this.unreadable.delete(file);
+            this.isOther ||= isOther && error === '';
+            for (const {key} of tables) this.stale.add(key);
+        }
+        if (isBack) {
+            // What was asked in between had no answer.
+            this.failure = '';
+            this.tell('failure');
+            this.tables.forEach(({key}) => this.stale.add(key));
+        }
+        this.tell('live');
+        void this.renew();
+    }
+
+    // Changes that come while one is looked at are looked at together after it.
+    private async renew(): Promise<void> {
+        if (this.isRenewing) return;
+        this.isRenewing = true;
+        try {
+            while (this.isConnected && (this.isOther || this.stale.size > 0)) {
+                if (this.isOther) await this.openAgain();
+                const keys = new Set(this.tables.map(({key}) => key).filter((key) => this.stale.has(key)));
+                this.stale.clear();
+                for (const key of keys) await this.lookAgain(key);
+                this.followEdge();
+                this.tell('renewed', keys);
+                this.tell('live');
+            }
+        } catch (error) {
+            this.fail(error);
+        } finally {
+            this.isRenewing = false;
+        }
+    }
+
+    private async openAgain(): Promise<void> {
+        this.isOther = false;
+        this.files = await this.source.open();
+        this.tables = await this.source.tables();
+        const isThere = (key: string): boolean => this.tables.some((table) => table.key === key);
+        for (const key of this.overviews.keys()) {
+            if (!isThere(key)) this.overviews.delete(key);
+        }
+        const kept = this.chosen.filter(isThere);
+        const hasLess = kept.length < this.chosen.length;
+        this.chosen = kept;
+        this.tables.forEach(({key}) => this.stale.add(key));
+        this.tell('tables');
+        if (hasLess) this.tell('chosen');
+    }
+
+    private async lookAgain(key: string): Promise<void> {
+        const before = this.overviews.get(key);
+        const overview = await this.source.overview(key, () => undefined);
+        this.overviews.set(key, overview);
+        const more = overview.rows - (before?.exact ? before.rows : overview.rows);
+        if (this.edge === null && more > 0) this.missed.set(key, (this.missed.get(key) ?? 0) + more);
+        this.tell('overview');
+    }
+
+    /** Rows that came since the view stays as it is, of what the trend shows. */
+    get missedRows(): number {
+        const isShown = (key: string): boolean => this.chosen.includes(key) || this.table(key)?.kind !== 'samples';
+        return [...this.missed].reduce((sum, [key, rows]) => sum + (isShown(key) ? rows : 0), 0);
     }
 }
 

@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: MIT
+//
+// The source over HTTP: the page was served by "device-db serve", which answers what the worker answers elsewhere.
+import type {
+    Change,
+    FileChange,
+    FileInfo,
+    Overview,
+    RowQuery,
+    RowsAnswer,
+    Seen,
+    Source,
+    TableInfo,
+    TrendAnswer,
+    TrendQuery,
+} from '../reading/source.js';
+
+type Parameters = readonly (readonly [string, string | number])[];
+
+/** A line of an answer that takes long. */
+type Line = {readonly part: unknown} | {readonly done: unknown} | {readonly error: string};
+
+/** What the server tells of a file: its version grows with each change that is more than new rows. */
+interface ServedChange {
+    readonly file: number;
+    readonly version: number;
+    readonly error: string;
+    readonly tables: readonly {readonly key: string; readonly lastId: number}[];
+}
+
+const retryAfter = 3000; // milliseconds
+
+/** What the server says of a question that it does not answer, in words for people. */
+async function refusalOf(response: Response): Promise<Error> {
+    const text = await response.text();
+    const isJson = response.headers.get('content-type') === 'application/json';
+    return new Error(isJson ? (JSON.parse(text) as {error: string}).error : text.trim() || response.statusText);
+}
+
+async function fetched(question: string, parameters: Parameters = [], signal?: AbortSignal): Promise<Response> {
+    const query = parameters.map(([name, value]) => `${name}=${encodeURIComponent(value)}`).join('&');
+    let response: Response;
+    try {
+        response = await fetch(`/api/${question}${query === '' ? '' : `?${query}`}`, {
+            ...(signal ? {signal} : {}),
+            redirect: 'error',
+        });
+    } catch (error) {
+        if (signal?.aborted) throw error;
+        throw new Error('device-db does not answer; is it still running?');
+    }
+    if (!response.ok) throw await refusalOf(response);
+    return response;
+}
+
+/** The lines of a body as they come. */
+async function* linesOf(response: Response): AsyncGenerator<Line> {
+    const reader = response.body!.getReader();
+    const decoder = new TextDecoder();
+    let rest = '';
+    try {
+        for (;;) {
+            const {done, value} = await reader.read();
+            if (done) return;
+            const lines = (rest + decoder.decode(value, {stream: true})).split('\n');
+            rest = lines.pop()!;
+            for (const line of lines) yield JSON.parse(line) as Line;
+        }
+    } finally {
+        reader.cancel().catch(() => undefined);
+    }
+}
+
+/** What comes last, the rest through `seen`. */
+async function asked<Answer>(
+    question: string,
+    parameters: Parameters,
+    seen: Seen<Answer>,
+    signal: AbortSignal | undefined,
+): Promise<Answer> {
+    try {
+        for await (const line of linesOf(await fetched(question, parameters, signal))) {
+            if ('error' in line) throw new Error(line.error);
+            if ('done' in line) return line.done as Answer;
+            seen(line.part as Answer);
+        }
+    } catch (error) {
+        signal?.throwIfAborted();
+        throw error instanceof TypeError ? new Error('the connection was lost in the middle of an answer') : error;
+    }
+    throw new Error('the connection was lost in the middle of an answer');
+}
+
+// JSON has none.
+function withNaN(overview: Overview): Overview {
+    return {...overview, from: overview.from ?? NaN, to: overview.to ?? NaN};
+}
+
+function parametersOf(query: RowQuery): Parameters {
+    const {order} = query;
+    const isColumn = typeof order !== 'string';
+    const given: [string, string | number | undefined][] = [
+        ['table', query.table],
+        ['from', query.from],
+        ['to', query.to],
+        ['containing', query.containing || undefined],
+        ['state', query.state],
+        ...(query.levels ?? []).map((level): [string, number] => ['level', Math.trunc(level)]),
+        ...(query.users ?? []).map((user): [string, string] => ['user', user]),
+        ['order', isColumn ? `by-${order.column}` : order],
+        ['descending', isColumn && order.descending ? 'true' : undefined],
+        ['offset', query.offset],
+        ['limit', query.limit],
+        ['id', query.id],
+        ['at', query.at],
+    ];
+    const isTime = (name: string): boolean => ['from', 'to', 'at'].includes(name);
+    return given.flatMap(([name, value]) =>
+        value === undefined ? [] : [[name, isTime(name) ? Math.floor(value as number) : value] as const],
+    );
+}
+
+/** A source that asks the server of the page. */
+export class HttpSource implements Source {
+    private readonly known = new Map<string, number>(); // the last IDs of tables
+    private readonly versions = new Map<number, number>(); // of files
+    private readonly stops = new Set<() => void>();
+
+    /** Ends all watching. */
+    close(): void {
+        this.stops.forEach((stop) => stop());
+    }
+
+    async open(): Promise<readonly FileInfo[]> {
+        return (await (await fetched('open')).json()) as FileInfo[];
+    }
+
+    async tables(): Promise<readonly TableInfo[]> {
+        const tables = (await (await fetched('tables')).json()) as TableInfo[];
+        for (const {key, lastId} of tables) this.known.set(key, lastId);
+        return tables;
+    }
+
+    async overview(table: string, seen: Seen<Overview>, signal?: AbortSignal): Promise<Overview> {
+        return withNaN(await asked('overview', [['table', table]], (part: Overview) => seen(withNaN(part)), signal));
+    }
+
+    async trend(query: TrendQuery, seen: Seen<TrendAnswer>, signal?: AbortSignal): Promise<TrendAnswer> {
+        const {table, from, to, columns} = query;
+        const parameters: Parameters = [
+            ['table', table],
+            ['from', Math.floor(from)],
+            ['to', Math.floor(to)],
+            ['columns', columns],
+        ];
+        return asked('trend', parameters, seen, signal);
+    }
+
+    async rows(query: RowQuery, seen: Seen<RowsAnswer>, signal?: AbortSignal): Promise<RowsAnswer> {
+        if (query.levels?.length === 0 || query.users?.length === 0)
+            return {exact: true, share: 1, total: 0, offset: 0, found: -1, rows: []}; // one of none
+        return asked('rows', parametersOf(query), seen, signal);
+    }
+
+    watch(listener: (change: Change) => void): () => void {
+        let events: EventSource | null = null;
+        let timer: ReturnType<typeof setTimeout> | undefined;
+        let wasConnected = true; // nobody needs to hear of the first connection
+        const say = (isConnected: boolean, files: readonly FileChange[]): void => {
+            if (isConnected !== wasConnected || files.length > 0) listener({isConnected, files});
+            wasConnected = isConnected;
+        };
+        const connect = (): void => {
+            const source = (events = new EventSource('/api/changes'));
+            source.onmessage = ({data}: MessageEvent<string>) =>
+                say(
+                    true,
+                    (JSON.parse(data) as {files: ServedChange[]}).files.flatMap((file) => this.changeOf(file)),
+                );
+            source.onerror = () => {
+                say(false, []);
+                // A browser gives up where it gets another answer, such as that of a server that was started anew.
+                if (source.readyState === EventSource.CLOSED) timer = setTimeout(connect, retryAfter);
+            };
+        };
+        const stop = (): void => {
+            clearTimeout(timer);
+            events?.close();
+            this.stops.delete(stop);
+        };
+        this.stops.add(stop);
+        connect();
+        return stop;
+    }
+
+    // The first event of each connection has all there is: what is known already is no change.
+    private changeOf({file, version, error, tables}: ServedChange): FileChange[] {
+        const grown = tables.filter(({key, lastId}) => lastId > (this.known.get(key) ?? 0));
+        for (const {key, lastId} of tables) this.known.set(key, lastId);
+        const isOther = this.versions.has(file) && this.versions.get(file) !== version;
+        this.versions.set(file, version);
+        return isOther || error !== '' || grown.length > 0 ? [{file, error, isOther, tables: grown}] : [];
+    }
+}

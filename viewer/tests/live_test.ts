@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: MIT
+//
+// The served page in a real browser: rows that come, a connection that is lost, and an address that keeps the view.
+import assert from 'node:assert/strict';
+import {test} from 'node:test';
+
+import {pathOf, Session} from './browser.js';
+import {plant} from './plant.js';
+import {Served} from './served.js';
+import {axeFindings, press, soon, texts} from './page.js';
+
+const chrome = {skip: pathOf('chrome') ? false : 'Chromium is not installed'};
+const later = (count: number): string[] => [
+    ...plant,
+    ...Array.from(
+        {length: count},
+        (_, i) =>
+            `insert into T1(DATETIME,Value) values('2024-05-13 00:0${1 + Math.floor(i / 60)}:${10 + (i % 50)}','7${i % 10}')`,
+    ),
+];
+const entries = (count: number): string[] => [
+    ...plant,
+    ...Array.from(
+        {length: count},
+        (_, i) =>
+            `insert into OperatorLog(DATETIME,userName,logName,message) values('2024-05-13 00:00:${10 + i}.000','admin','Login','new ${i}')`,
+    ),
+];
+
+const range = (session: Session): Promise<string[]> =>
+    session.page.$$eval('.trend input.time', (inputs) => inputs.map((input) => (input as HTMLInputElement).value));
+const shown = (session: Session, selector: string): Promise<string[]> =>
+    session.page.$$eval(selector, (all) =>
+        (all as HTMLElement[]).filter((each) => each.offsetParent !== null).map((each) => each.textContent ?? ''),
+    );
+const numbers = async (session: Session): Promise<string> =>
+    (await texts(session, '.figures tbody tr:first-child > *'))[4]!;
+
+async function opened(served: Served, address = served.address): Promise<Session> {
+    const session = await Session.start('chrome', {served: address});
+    await session.page.waitForSelector('[role=tablist]');
+    await session.settled();
+    return session;
+}
+
+test('new rows appear where the end is shown, and move nobody who looks elsewhere', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    assert.equal(await numbers(session), '58,202');
+    assert.deepEqual(await shown(session, '.live'), ['● Live']);
+    const all = await range(session);
+    await served.change(later(3));
+    assert.ok(await soon(async () => (await numbers(session)) === '58,205'));
+    assert.ok((await range(session))[1]! > all[1]!);
+
+    await press(session, '24 h');
+    await session.settled();
+    const end = await range(session);
+    await served.change(later(60));
+    assert.ok(await soon(async () => (await range(session))[1]! > end[1]!));
+    const length = ([from, to]: readonly string[]): number => Date.parse(`${to}Z`) - Date.parse(`${from}Z`);
+    assert.equal(length(await range(session)), length(end));
+
+    await session.page.focus('.chart');
+    await session.page.keyboard.press('ArrowLeft');
+    await session.settled();
+    const still = await range(session);
+    await served.change(later(72));
+    assert.ok(await soon(async () => (await shown(session, '.chart-box .missed'))[0] === '12 new rows →'));
+    assert.deepEqual(await range(session), still);
+    assert.deepEqual(await axeFindings(session), []);
+    await session.page.click('.chart-box .missed');
+    await session.settled();
+    assert.deepEqual(await shown(session, '.missed'), []);
+    assert.ok((await range(session))[1]! > still[1]!);
+    assert.deepEqual(session.faults, []);
+    assert.deepEqual(session.requests, []);
+});
+
+test('a list shows new rows at its edge, and stays where somebody reads', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    const first = async (): Promise<string> => {
+        const top = await session.page.$eval('#view-log .scroller', (each) => {
+            const begin = each.getBoundingClientRect().top + 30;
+            return [...each.querySelectorAll('.rows .row')].find(
+                (row) => row.getBoundingClientRect().bottom > begin + 1,
+            )!.textContent;
+        });
+        return top ?? '';
+    };
+    await session.tab('log');
+    await session.settled();
+    await served.change(entries(1));
+    assert.ok(await soon(async () => (await first()).includes('new 0')));
+    await session.page.$eval('#view-log .scroller', (each) => (each.scrollTop = 4000));
+    const read = await soon(async () => {
+        const row = await first();
+        return !row.includes('…') && !row.includes('new') && row;
+    });
+    await served.change(entries(4));
+    assert.ok(await soon(async () => (await shown(session, '#view-log .missed'))[0] === '3 new rows ↑'));
+    assert.equal(await first(), read);
+    assert.deepEqual(await axeFindings(session), []);
+    await session.page.click('#view-log .missed');
+    assert.ok(await soon(async () => (await first()).includes('new 3')));
+    assert.deepEqual(await shown(session, '#view-log .missed'), []);
+});
+
+test('an alarm that ends is no longer active, and a table that comes is there', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    await session.tab('alarms');
+    await session.page.select('#view-alarms select[aria-label=State]', 'active');
+    const status = (text: string): Promise<boolean> =>
+        soon(async () => (await texts(session, '#view-alarms .status'))[0] === text);
+    assert.ok(await status('2 rows'));
+    await served.change(
+        [
+            ...plant,
+            "update AlarmData set EndDate='2024-05-13',EndTime='01:00:00' where ID=390",
+            'CREATE TABLE T4(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)',
+        ],
+        true,
+    );
+    assert.ok(await status('1 row'));
+    await session.tab('trend');
+    assert.ok(await soon(async () => (await texts(session, '.series .name')).includes('T4')));
+});
+
+test('a lost connection is shown and heals, and so does a file that is gone', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    served.setDown(true);
+    assert.match(await soon(async () => (await shown(session, '.lost'))[0]), /connection is lost/);
+    assert.deepEqual(await shown(session, '.live'), []);
+    assert.deepEqual(await axeFindings(session), []);
+    await session.page.focus('.chart');
+    await session.page.keyboard.press('+'); // is not answered
+    assert.match(await soon(async () => (await shown(session, '.failure'))[0]), /does not answer/);
+    await served.change(later(5));
+    served.setDown(false);
+    assert.ok(await soon(async () => (await shown(session, '.lost')).length === 0));
+    assert.ok(await soon(async () => (await shown(session, '.failure')).length === 0));
+    await session.page.keyboard.press('Home');
+    assert.ok(await soon(async () => (await numbers(session)) === '58,207'));
+    await served.fail('it is gone');
+    assert.equal(await soon(async () => (await shown(session, '.lost'))[0]), 'plant.db: it is gone');
+    await served.fail('');
+    assert.ok(await soon(async () => (await shown(session, '.lost')).length === 0));
+});
+
+test('the address reopens the same view', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    await session.page.click('.series input[value="0/T10"]');
+    await session.page.click('.series input[value="0/T1"]');
+    await session.page.focus('.chart');
+    for (const key of ['+', '+', 'ArrowRight'] as const) await session.page.keyboard.press(key);
+    const seen = await range(session);
+    await session.tab('log');
+    await session.page.type('#view-log input[type=search]', 'limit & more');
+    const address = new URL(
+        await soon(async () => {
+            const hash = session.page.url();
+            return hash.includes('log.search=limit') && hash.includes('more') && hash;
+        }),
+    );
+    await using other = await opened(served, address);
+    assert.equal(await other.page.$eval('#tab-log', (tab) => tab.getAttribute('aria-selected')), 'true');
+    assert.equal(
+        await other.page.$eval('#view-log input[type=search]', (input) => (input as HTMLInputElement).value),
+        'limit & more',
+    );
+    await other.tab('trend');
+    assert.deepEqual(await range(other), seen);
+    assert.deepEqual(
+        await other.page.$$eval('.series input:checked', (all) => all.map((each) => (each as HTMLInputElement).value)),
+        ['0/T2', '0/T10'],
+    );
+});
+
+test('an address that says nothing sensible shows what there is', chrome, async () => {
+    await using served = await Served.start(plant);
+    const nonsense =
+        '#tab=x&series=0/no&from=2024-99-01&to=1&last=-5&together&log.choice=1&alarms.choice=1);--&alarms.order=x&rows.table=y';
+    await using session = await opened(served, new URL(nonsense, served.address));
+    assert.equal(await numbers(session), '58,202');
+    for (const tab of ['alarms', 'log', 'rows', 'findings']) {
+        await session.tab(tab);
+        await session.settled();
+    }
+    assert.deepEqual(await shown(session, '.failure'), []);
+    assert.deepEqual(session.faults, []);
+});
