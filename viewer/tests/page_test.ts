@@ -278,7 +278,7 @@ test('search, filter and sort find the rows that device-db finds', chrome, async
     await session.tab('log');
     await session.page.type('#view-log input[type=search]', 'ACKNOWLEDGED');
     assert.ok(await status('100 rows', 'log'));
-    await session.page.select('#view-log select', '=admin');
+    await session.page.select('#view-log select[aria-label=User]', '=admin');
     assert.ok(await status('20 rows', 'log'));
     await session.tab('alarms');
     await session.page.select('#view-alarms select[aria-label=State]', 'active');
@@ -356,7 +356,7 @@ test('-wal and -journal beside the file are read, and a file that changes is not
     await session.tab('trend');
     await session.page.focus('.chart');
     await session.page.keyboard.press('+');
-    assert.match(await soon(async () => (await texts(session, '.banner'))[0]), /wal\.db: it was changed or taken away/);
+    assert.match(await soon(async () => (await texts(session, '.failure'))[0]), /wal\.db: it was changed or taken away/);
 });
 
 test('files without rows and without tables are shown as they are', chrome, async () => {

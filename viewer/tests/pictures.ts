@@ -5,8 +5,10 @@ import {copyFileSync, mkdirSync} from 'node:fs';
 import {join} from 'node:path';
 
 import {Session} from './browser.js';
+import {press} from './page.js';
 import {plant} from './plant.js';
 import {Folder, root} from './reference.js';
+import {Served} from './served.js';
 import {made} from './support.js';
 
 const target = join(root, 'out', 'pictures');
@@ -55,4 +57,45 @@ for (const [kind, options] of Object.entries(kinds)) {
     await page.click('#view-log .rows .row:nth-child(3)');
     await page.waitForSelector('dialog[open]');
     await shoot('row');
+    await page.keyboard.press('Escape');
+    await page.click('button[aria-label=Help]');
+    await press(session, 'Licences');
+    await page.waitForSelector('.licences');
+    await shoot('licences');
+    await page.keyboard.press('Escape');
+    await session.tab('trend');
+    await session.settled();
+    await page.evaluate(() => (window.print = () => undefined));
+    await press(session, 'Print');
+    await page.waitForSelector('#paper img', {hidden: true});
+    await page.emulateMediaType('print');
+    await shoot('print');
+}
+
+// The served form: at the end, elsewhere when rows come, and without its server.
+const more = (count: number): string[] =>
+    Array.from(
+        {length: count},
+        (_, i) => `insert into T1(DATETIME,Value) values('2024-05-13 00:${10 + i}:00','7${i % 10}')`,
+    );
+for (const [kind, options] of Object.entries(kinds)) {
+    await using served = await Served.start(plant);
+    await using session = await Session.start('chrome', {...options, served: served.address});
+    const {page} = session;
+    const shoot = (view: string): Promise<unknown> => page.screenshot({path: `${join(target, `${kind}_${view}`)}.png`});
+    await page.waitForSelector('[role=tablist]');
+    await session.settled();
+    await press(session, '24 h');
+    await served.change([...plant, ...more(20)]);
+    await session.settled();
+    await shoot('live');
+    await page.focus('.chart');
+    await page.keyboard.press('ArrowLeft');
+    await served.change([...plant, ...more(32)]);
+    await page.waitForSelector('.chart-box .missed:not([hidden])');
+    await session.settled();
+    await shoot('live_elsewhere');
+    served.setDown(true);
+    await page.waitForSelector('.lost:not([hidden])');
+    await shoot('live_lost');
 }

@@ -43,8 +43,7 @@ const advice: Readonly<Record<Cause, string>> = {
     freePages: 'Harmless: the next rows go there. "device-db vacuum" makes the file smaller.',
     rollback:
         '"device-db tune", once and while the device is stopped, switches to write-ahead mode: readers ' +
-        'then disturb nobody. Reading ' +
-        'a copy, as here, is safe.',
+        'then disturb nobody, and a page that "device-db serve" gives out shows each row as it comes.',
     noIndex: '"device-db tune" adds one. Here, the table is read once instead.',
     noLog: 'If there is a file of the same name with -wal at its end, drop both together.',
     rolledBack: 'The device lost power in the middle of a transaction. When it opens the file again it does the same.',

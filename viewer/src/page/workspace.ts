@@ -218,11 +218,11 @@ export class Workspace {
     }
 
     private takeChange({isConnected, files}: SourceChange): void {
-        const isBack = isConnected && !this.isConnected;
+        let isBack = isConnected && !this.isConnected;
         this.isConnected = isConnected;
         for (const {file, error, isOther, tables} of files) {
             if (error !== '') this.unreadable.set(file, error);
-            else this.unreadable.delete(file);
+            else isBack = this.unreadable.delete(file) || isBack;
             this.isOther ||= isOther && error === '';
             for (const {key} of tables) this.stale.add(key);
         }
@@ -230,7 +230,7 @@ export class Workspace {
             // What was asked in between had no answer.
             this.failure = '';
             this.tell('failure');
-            this.tables.forEach(({key}) => this.stale.add(key));
+            this.isOther = true;
         }
         this.tell('live');
         void this.renew();
