@@ -356,7 +356,10 @@ test('-wal and -journal beside the file are read, and a file that changes is not
     await session.tab('trend');
     await session.page.focus('.chart');
     await session.page.keyboard.press('+');
-    assert.match(await soon(async () => (await texts(session, '.failure'))[0]), /wal\.db: it was changed or taken away/);
+    assert.match(
+        await soon(async () => (await texts(session, '.failure'))[0]),
+        /wal\.db: it was changed or taken away/,
+    );
 });
 
 test('files without rows and without tables are shown as they are', chrome, async () => {
