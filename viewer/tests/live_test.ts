@@ -66,10 +66,10 @@ test('new rows appear where the end is shown, and move nobody who looks elsewher
     await session.settled();
     const still = await range(session);
     await served.change(later(72));
-    assert.ok(await soon(async () => (await shown(session, '.chart-box .missed'))[0] === '12 new rows →'));
+    assert.ok(await soon(async () => (await shown(session, '.below .missed'))[0] === '12 new rows →'));
     assert.deepEqual(await range(session), still);
     assert.deepEqual(await axeFindings(session), []);
-    await session.page.click('.chart-box .missed');
+    await session.page.click('.below .missed');
     await session.settled();
     assert.deepEqual(await shown(session, '.missed'), []);
     assert.ok((await range(session))[1]! > still[1]!);

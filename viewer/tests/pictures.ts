@@ -92,7 +92,7 @@ for (const [kind, options] of Object.entries(kinds)) {
     await page.focus('.chart');
     await page.keyboard.press('ArrowLeft');
     await served.change([...plant, ...more(32)]);
-    await page.waitForSelector('.chart-box .missed:not([hidden])');
+    await page.waitForSelector('.below .missed:not([hidden])');
     await session.settled();
     await shoot('live_elsewhere');
     served.setDown(true);

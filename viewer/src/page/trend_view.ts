@@ -63,7 +63,7 @@ export class TrendView {
                 workspace.setTab(kind);
             },
         );
-        this.chartBox.append(this.progress, this.chart.element, this.missed);
+        this.chartBox.append(this.progress, this.chart.element);
         const aside = h('details', {class: 'chooser', open: innerWidth > 760}, this.summary, this.search, this.list);
         const bar = h(
             'div',
@@ -108,7 +108,7 @@ export class TrendView {
                 {class: 'stage'},
                 bar,
                 this.chartBox,
-                this.note,
+                h('div', {class: 'below'}, this.note, this.missed),
                 h('div', {class: 'scroll', tabindex: '0', role: 'group', 'aria-label': 'Figures'}, table),
             ),
         );
