@@ -44,7 +44,14 @@ export class Session {
 
     static async start(
         name: BrowserName,
-        options: {zone?: string; width?: number; height?: number; dark?: boolean; served?: URL} = {},
+        options: {
+            zone?: string;
+            width?: number;
+            height?: number;
+            dark?: boolean;
+            served?: URL;
+            inPlace?: string; // the page under test, whatever the server gives out
+        } = {},
     ): Promise<Session> {
         const requests: string[] = [];
         const proxy = createServer((socket) => {
@@ -91,6 +98,7 @@ export class Session {
                           'network.proxy.ssl': '127.0.0.1',
                           'network.proxy.ssl_port': port,
                           'network.proxy.allow_hijacking_localhost': true,
+                          'network.proxy.no_proxies_on': options.served?.host ?? '',
                           'network.captive-portal-service.enabled': false,
                           'network.connectivity-service.enabled': false,
                           'app.normandy.enabled': false,
@@ -112,6 +120,15 @@ export class Session {
         if (name === 'chrome')
             await page.emulateMediaFeatures([{name: 'prefers-color-scheme', value: options.dark ? 'dark' : 'light'}]);
         requests.length = 0; // what the browser does for itself while it starts
+        if (options.inPlace !== undefined) {
+            await page.setRequestInterception(true);
+            page.on('request', (request) => {
+                const {pathname, search} = new URL(request.url());
+                if (pathname === '/' && search === '')
+                    void request.respond({contentType: 'text/html; charset=utf-8', body: options.inPlace!});
+                else void request.continue();
+            });
+        }
         await page.goto((options.served ?? pathToFileURL(viewer)).href);
         return session;
     }

@@ -5,6 +5,7 @@ import assert from 'node:assert/strict';
 import {test} from 'node:test';
 
 import {pathOf, Session} from './browser.js';
+import type {BrowserName} from './browser.js';
 import {plant} from './plant.js';
 import {Served} from './served.js';
 import {axeFindings, press, soon, texts} from './page.js';
@@ -36,8 +37,8 @@ const shown = (session: Session, selector: string): Promise<string[]> =>
 const numbers = async (session: Session): Promise<string> =>
     (await texts(session, '.figures tbody tr:first-child > *'))[4]!;
 
-async function opened(served: Served, address = served.address): Promise<Session> {
-    const session = await Session.start('chrome', {served: address});
+async function opened(served: Served, address = served.address, name: BrowserName = 'chrome'): Promise<Session> {
+    const session = await Session.start(name, {served: address});
     await session.page.waitForSelector('[role=tablist]');
     await session.settled();
     return session;
@@ -73,6 +74,19 @@ test('new rows appear where the end is shown, and move nobody who looks elsewher
     await session.settled();
     assert.deepEqual(await shown(session, '.missed'), []);
     assert.ok((await range(session))[1]! > still[1]!);
+    assert.deepEqual(session.faults, []);
+    assert.deepEqual(session.requests, []);
+});
+
+test('Firefox shows new rows as they come', {skip: pathOf('firefox') ? false : 'it is not installed'}, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served, served.address, 'firefox');
+    await served.change(later(3));
+    assert.ok(await soon(async () => (await numbers(session)) === '58,205'));
+    served.setDown(true);
+    assert.match(await soon(async () => (await shown(session, '.lost'))[0]), /connection is lost/);
+    served.setDown(false);
+    assert.ok(await soon(async () => (await shown(session, '.lost')).length === 0));
     assert.deepEqual(session.faults, []);
     assert.deepEqual(session.requests, []);
 });

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: MIT
+//
+// The page against "device-db serve" itself, while another program writes.
+import assert from 'node:assert/strict';
+import {spawn, spawnSync} from 'node:child_process';
+import type {ChildProcess} from 'node:child_process';
+import {readFileSync} from 'node:fs';
+import {join} from 'node:path';
+import {test} from 'node:test';
+
+import {pathOf, Session, viewer} from './browser.js';
+import {press, soon, texts} from './page.js';
+import {plant} from './plant.js';
+import {deviceDb, Folder} from './reference.js';
+
+const program = deviceDb();
+const canServe = program !== null && spawnSync(program, ['serve', '--help']).status === 0;
+const reason = !canServe
+    ? 'device-db is not built, or has no serve'
+    : spawnSync('sqlite3', ['--version']).status !== 0
+      ? 'sqlite3 is not installed'
+      : pathOf('chrome')
+        ? false
+        : 'Chromium is not installed';
+
+/** Until it ends: the address, and how to end it. */
+class Server implements AsyncDisposable {
+    private constructor(
+        private readonly process: ChildProcess,
+        readonly address: URL,
+    ) {}
+
+    static async start(file: string, port = 0): Promise<Server> {
+        const child = spawn(program!, ['serve', file, ...(port > 0 ? ['--port', String(port)] : [])]);
+        let said = '';
+        child.stdout.on('data', (data: Buffer) => (said += data.toString()));
+        child.stderr.on('data', (data: Buffer) => (said += data.toString()));
+        const address = await soon(async () => /http:\/\/\S+/.exec(said)?.[0]);
+        if (!address) throw new Error(`no address: ${said}`);
+        return new Server(child, new URL(address));
+    }
+
+    async [Symbol.asyncDispose](): Promise<void> {
+        if (this.process.exitCode !== null || this.process.signalCode !== null) return;
+        const ended = new Promise((done) => this.process.on('exit', done));
+        this.process.kill();
+        await ended;
+    }
+}
+
+for (const mode of ['wal', 'delete']) {
+    test(`rows that are written while the page watches appear, journal mode ${mode}`, {skip: reason}, async () => {
+        using folder = new Folder();
+        const file = join(folder.path, 'plant.db');
+        const write = (...statements: readonly string[]): void => {
+            const done = spawnSync('sqlite3', [file], {input: `.timeout 5000\n${statements.join(';\n')};`});
+            assert.equal(done.stderr.toString(), '');
+        };
+        write(`pragma journal_mode=${mode}`, 'begin', ...plant, 'commit');
+        const writer = spawn('sqlite3', [file]); // a device that has the file open
+        writer.stdin.write('select count(*) from T1;\n');
+        const numbers = async (session: Session): Promise<string> =>
+            (await texts(session, '.figures tbody tr:first-child > *'))[4]!;
+        try {
+            const server = await Server.start(file);
+            const inPlace = readFileSync(viewer, 'utf8').replace("connect-src 'none'", "connect-src 'self'");
+            await using session = await Session.start('chrome', {served: server.address, inPlace});
+            assert.ok(await soon(async () => (await numbers(session)) === '58,202'));
+            write("insert into T1(DATETIME,Value) values('2024-05-13 00:01:00','71'),('2024-05-13 00:02:00','72')");
+            assert.ok(await soon(async () => (await numbers(session)) === '58,204'));
+            await press(session, '24 h');
+            await session.page.focus('.chart');
+            await session.page.keyboard.press('ArrowLeft');
+            write("insert into T1(DATETIME,Value) values('2024-05-13 00:03:00','73')");
+            assert.equal(
+                await soon(async () => (await texts(session, '.below .missed:not([hidden])'))[0]),
+                '1 new row →',
+            );
+            await session.tab('alarms');
+            await session.page.select('#view-alarms select[aria-label=State]', 'active');
+            const status = (text: string): Promise<boolean> =>
+                soon(async () => (await texts(session, '#view-alarms .status'))[0] === text);
+            assert.ok(await status('2 rows'));
+            write("update AlarmData set EndDate='2024-05-13',EndTime='01:00:00' where ID=390");
+            assert.ok(await status('1 row'));
+            assert.deepEqual(session.faults, []);
+            assert.deepEqual(session.requests, []);
+            await server[Symbol.asyncDispose]();
+            assert.ok(await soon(async () => (await texts(session, '.lost:not([hidden])')).length > 0));
+        } finally {
+            writer.kill();
+        }
+    });
+}
