@@ -28,6 +28,6 @@ await build({
 spawnSync(process.execPath, [`${here}build.mjs`, `${here}out/viewer.html`], {stdio: 'inherit'});
 const files = chosen.map((name) => `${here}out/tests/${name}.mjs`);
 const isTest = chosen.every((name) => name.endsWith('_test'));
-const options = ['--enable-source-maps', ...(isTest ? ['--test'] : [])];
+const options = ['--enable-source-maps', ...(isTest ? ['--test', '--test-concurrency=3'] : [])];
 const done = spawnSync(process.execPath, [...options, ...files], {stdio: 'inherit', cwd: here});
 process.exit(done.status ?? 1);
