@@ -4,6 +4,8 @@
 import {copyFileSync, mkdirSync} from 'node:fs';
 import {join} from 'node:path';
 
+import type {Page} from 'puppeteer-core';
+
 import {Session} from './browser.js';
 import {press} from './page.js';
 import {plant} from './plant.js';
@@ -19,7 +21,19 @@ const shown: Readonly<Record<string, string>> = {
     wide_findings: 'viewer-findings',
     dark_trend: 'viewer-dark',
     narrow_trend: 'viewer-narrow',
+    wide_live_elsewhere: 'viewer-live',
 };
+
+/** Takes pictures of one kind; those that the documentation shows go there as well. */
+function camera(page: Page, kind: string): (view: string) => Promise<void> {
+    return async (view) => {
+        const name = `${kind}_${view}`;
+        const path: `${string}.png` = `${join(target, name)}.png`;
+        await page.screenshot({path});
+        const picture = shown[name];
+        if (picture) copyFileSync(path, join(root, '..', 'docs', `${picture}.png`));
+    };
+}
 using folder = new Folder();
 const file = folder.write('boiler house.db', (await made(plant)).main);
 const kinds = {
@@ -30,13 +44,7 @@ const kinds = {
 for (const [kind, options] of Object.entries(kinds)) {
     await using session = await Session.start('chrome', options);
     const {page} = session;
-    const shoot = async (view: string): Promise<void> => {
-        const name = `${kind}_${view}`;
-        const path: `${string}.png` = `${join(target, name)}.png`;
-        await page.screenshot({path});
-        const picture = shown[name];
-        if (picture) copyFileSync(path, join(root, '..', 'docs', `${picture}.png`));
-    };
+    const shoot = camera(page, kind);
     await shoot('start');
     await session.open(file);
     await session.settled();
@@ -82,7 +90,7 @@ for (const [kind, options] of Object.entries(kinds)) {
     await using served = await Served.start(plant);
     await using session = await Session.start('chrome', {...options, served: served.address});
     const {page} = session;
-    const shoot = (view: string): Promise<unknown> => page.screenshot({path: `${join(target, `${kind}_${view}`)}.png`});
+    const shoot = camera(page, kind);
     await page.waitForSelector('[role=tablist]');
     await session.settled();
     await press(session, '24 h');
