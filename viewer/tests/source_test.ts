@@ -166,6 +166,13 @@ test('reads that follow each other are few, whatever lies between them', () => {
     assert.ok(lengths.length - large.length < 200 / 1.2 + 10, 'one for each page that lies elsewhere');
 });
 
+test('reads that skip a little each time are few', () => {
+    let count = 0;
+    const cached = new CachedBytes({size: 100 << 20, read: () => void ++count}, false);
+    for (let at = 0; at + 4096 <= 100 << 20; at += 90 * 1024) cached.read(at, new Uint8Array(4096));
+    assert.ok(count < 40, String(count));
+});
+
 test('a file that fits into memory is read once', () => {
     const lengths = readInOrder(30 << 20, true);
     assert.ok(lengths.reduce((sum, length) => sum + length) <= (30 << 20) + 32 * 16384);

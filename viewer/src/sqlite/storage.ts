@@ -14,7 +14,12 @@ const smallestWindow = 512 * 1024;
 const largestWindow = 8 * 1024 * 1024;
 const blocksKept = 2048;
 const sequenceBeforeWindow = 4;
+const nearby = 256 * 1024; // what is skipped costs less than another slice
 const blocksBeforeWhole = 32; // a file of which so much is asked is read whole, if it may be
+
+function isAfter(begin: number, end: number): boolean {
+    return begin >= end && begin < end + nearby;
+}
 
 /** Keeps what was read last, and reads ahead when the reads follow each other: the further, the longer they do. */
 export class CachedBytes implements Bytes {
@@ -57,9 +62,9 @@ export class CachedBytes implements Bytes {
         }
         if (this.mayBeWhole && ++this.misses > blocksBeforeWhole) return this.readWindow(0, this.size);
         // A page of the tree that lies elsewhere does not end a sequence.
-        if (this.window.length > 0 && begin === windowEnd)
+        if (this.window.length > 0 && isAfter(begin, windowEnd))
             return this.readWindow(begin, Math.min(2 * this.window.length, largestWindow));
-        this.inSequence = begin === this.expected ? this.inSequence + 1 : 0;
+        this.inSequence = isAfter(begin, this.expected) ? this.inSequence + 1 : 0;
         this.expected = begin + blockSize;
         if (this.inSequence >= sequenceBeforeWindow) return this.readWindow(begin, smallestWindow);
         const block = new Uint8Array(Math.min(blockSize, this.size - begin));
