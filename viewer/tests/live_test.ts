@@ -194,6 +194,20 @@ test('the address reopens the same view', chrome, async () => {
     );
 });
 
+test('a trend that nobody sees is asked for when somebody does, as wide as it is', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served, new URL('#tab=log', served.address));
+    await served.change(later(3));
+    await session.tab('rows');
+    assert.ok(await soon(async () => (await texts(session, '#view-rows .status'))[0] === '58,205 rows'));
+    await session.tab('trend');
+    assert.ok(await soon(async () => (await numbers(session)) === '58,205'));
+    const columns = served.questions
+        .map(({searchParams}) => searchParams.get('columns'))
+        .filter((each) => each !== null);
+    assert.ok(columns.length > 0 && columns.every((each) => Number(each) > 300), String(columns));
+});
+
 test('an address that says nothing sensible shows what there is', chrome, async () => {
     await using served = await Served.start(plant);
     const nonsense =

@@ -14,7 +14,7 @@ import {filesOf, made, sourceOver} from './support.js';
 export class Served {
     readonly address: URL;
     /** Every question that came. */
-    readonly questions: string[] = [];
+    readonly questions: URL[] = [];
     private version = 0;
     private error = '';
     private readonly listeners = new Set<ServerResponse>();
@@ -74,7 +74,7 @@ export class Served {
             response.end(readFileSync(viewer, 'utf8').replace("connect-src 'none'", "connect-src 'self'"));
             return;
         }
-        this.questions.push(pathname);
+        this.questions.push(address);
         if (pathname === '/api/changes') {
             response.writeHead(200, {'content-type': 'text/event-stream'});
             response.write(`retry: 200\n\n${await this.event()}`);

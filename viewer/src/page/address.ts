@@ -13,6 +13,7 @@ const keepAfter = 300; // milliseconds without another change
 export function addressOf(workspace: Workspace): string {
     const parts = new URLSearchParams({tab: workspace.tab});
     for (const key of workspace.chosen) parts.append('series', key);
+    if (workspace.chosen.length === 0) parts.set('series', ''); // none, and not those of the beginning
     const {view, edge} = workspace;
     if (edge === 'end') parts.set('last', String(Math.round((view.to - view.from) / 1000)));
     else if (edge === null) {
@@ -35,7 +36,7 @@ export function takeAddress(workspace: Workspace, address: string): void {
     if (tab) workspace.tab = tab;
     const isSeries = (key: string): boolean => workspace.seriesTables.some((table) => table.key === key);
     const series = [...new Set(parts.getAll('series'))].filter(isSeries);
-    if (series.length > 0 || (tab && !parts.has('series'))) workspace.setChosen(series);
+    if (series.length > 0 || parts.get('series') === '') workspace.setChosen(series);
     workspace.isTogether = parts.has('together');
     const [from, to] = [writtenTime(parts.get('from') ?? '', 'first'), writtenTime(parts.get('to') ?? '', 'last')];
     const length = Number(parts.get('last')) * 1000;

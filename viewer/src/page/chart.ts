@@ -39,6 +39,7 @@ export class Chart {
     private pressed: {x: number; view: View; selects: boolean; hasMoved: boolean} | null = null;
     private asked = new AbortController();
     private timer = 0;
+    private asksWhenSeen = false;
     hasAsked = false; // nothing can be asked before some times are known
 
     /** `onAnswer`: figures may be others now. `onEvent`: an alarm or an entry was clicked. */
@@ -115,6 +116,10 @@ export class Chart {
         const each = Math.max(110, Math.floor(room / Math.max(1, this.panes.length)));
         this.panes.forEach((pane) => pane.resize(width, each + (pane.showsTimes ? axisHeight : 0)));
         this.draw();
+        if (this.asksWhenSeen) {
+            this.asksWhenSeen = false;
+            this.ask();
+        }
     }
 
     drawnOf(keys: readonly string[], theme?: Element): Drawn[] {
@@ -170,6 +175,11 @@ export class Chart {
         const {signal} = this.asked;
         const {source, view, chosen, full} = this.workspace;
         this.pending.clear();
+        if (this.element.isConnected && this.element.clientWidth === 0) {
+            // Nobody sees it, and how many columns it has is not known.
+            this.asksWhenSeen = true;
+            return;
+        }
         chosen.forEach((key) => this.pending.add(key));
         if (!full) {
             // Nobody knows yet which times there are, or there are none.
