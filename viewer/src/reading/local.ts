@@ -37,7 +37,7 @@ export interface GivenFile {
 
 const sliceLength = 30; // milliseconds of work between two looks at what else is asked
 const showEvery = 400; // milliseconds
-const shareOfShowing = 10; // this many times as long as a look takes is between two of them
+const shareOfShowing = 10; // between two looks at it: this many times as long as one takes
 const rowsByIndex = 300000; // more are read faster in the order of recording
 const probes = 400;
 const probeStride = 149; // no factor of it divides the number of probes
