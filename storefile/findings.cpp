@@ -15,17 +15,19 @@ namespace
 {
 
 // Before it there were no such files; a clock that lost its battery begins in 1970 or 1980.
-constexpr const char *clockIsSetSince = "2000";
+constexpr qint64 clockIsSetSince = 946684800000;
+constexpr size_t stepsKept = 1000;
 
 QString quoted(const QByteArray &text, qint64 id)
 {
     return QStringLiteral("the first: \"%2\", ID %1").arg(id).arg(QString::fromUtf8(text).left(40));
 }
 
-Finding aboutRows(const Table &table, Severity severity, const char *what)
+Finding aboutRows(const Table &table, Severity severity, const char *cause, const char *what)
 {
     Finding finding;
     finding.severity = severity;
+    finding.cause = cause;
     finding.table = table.name;
     finding.what = QString::fromLatin1(what);
     return finding;
@@ -50,18 +52,32 @@ QString Finding::text() const
 RowJudge::RowJudge(const Table &table)
     : m_table(table.name),
       m_kind(table.kind),
-      m_future(QDateTime::currentDateTime().addDays(1).toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")).toLatin1()),
-      m_malformed(aboutRows(table, Severity::Attention,
+      m_times(hasMilliseconds(table.kind)),
+      m_malformed(aboutRows(table, Severity::Attention, "malformed",
                             "time in another form than the store's: it does not sort, and some queries end at it")),
-      m_unset(aboutRows(table, Severity::Attention, "before the year 2000: the clock was not set")),
-      m_ahead(aboutRows(table, Severity::Attention, "in the future, seen from this computer")),
-      m_back(aboutRows(table, Severity::Note, "clock went back")),
-      m_gap(aboutRows(table, Severity::Note, "")),
-      m_half(aboutRows(table, Severity::Attention,
+      m_unset(aboutRows(table, Severity::Attention, "unset", "before the year 2000: the clock was not set")),
+      m_ahead(aboutRows(table, Severity::Attention, "ahead", "in the future, seen from this computer")),
+      m_back(aboutRows(table, Severity::Note, "back", "clock went back")),
+      m_gap(aboutRows(table, Severity::Note, "gap", "")),
+      m_half(aboutRows(table, Severity::Attention, "half",
                        "neither active nor ended: no query finds them and no purge removes them")),
-      m_otherEnd(aboutRows(table, Severity::Note, "end in a form of its own: figures and pictures do not know it")),
-      m_endsBefore(aboutRows(table, Severity::Note, "ended before it began"))
+      m_otherEnd(aboutRows(table, Severity::Note, "otherEnd",
+                           "end in a form of its own: figures and pictures do not know it")),
+      m_endsBefore(aboutRows(table, Severity::Note, "endsBefore", "ended before it began"))
 {
+    readClock();
+}
+
+void RowJudge::readClock()
+{
+    const QDateTime tomorrow = QDateTime::currentDateTime().addDays(1);
+    m_future = millisecondsOf(tomorrow.toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")).toLatin1(), false);
+}
+
+bool RowJudge::isPlausible(qint64 time) const
+{
+    // A text with milliseconds comes after the one without.
+    return time >= clockIsSetSince && (time < m_future || (time == m_future && m_kind != Kind::Log));
 }
 
 void RowJudge::note(Finding &finding, qint64 id, const QString &detail)
@@ -72,24 +88,32 @@ void RowJudge::note(Finding &finding, qint64 id, const QString &detail)
     finding.detail = detail;
 }
 
-void RowJudge::add(qint64 id, const QByteArray &time, const QByteArray &endDate, const QByteArray &endTime)
+std::optional<qint64> RowJudge::add(qint64 id, const QByteArray &time, const QByteArray &endDate,
+                                    const QByteArray &endTime)
 {
-    addTime(id, time);
+    const auto found = addTime(id, time);
     if (m_kind == Kind::Alarms)
         addEnd(id, time, endDate, endTime);
+    return found;
 }
 
-void RowJudge::addTime(qint64 id, const QByteArray &time)
+std::optional<qint64> RowJudge::addTime(qint64 id, const QByteArray &time)
 {
-    const bool milliseconds = hasMilliseconds(m_kind);
-    if (!isTime(time, milliseconds))
-        return note(m_malformed, id, quoted(time, id));
+    const auto found = timeIn(time, m_times);
+    if (!found) {
+        note(m_malformed, id, quoted(time, id));
+        return found;
+    }
+    const qint64 now = *found;
     // Such a clock says nothing about steps and gaps either.
-    if (time < clockIsSetSince || time > m_future)
-        return note(time < clockIsSetSince ? m_unset : m_ahead, id, quoted(time, id));
-    const qint64 now = millisecondsOf(time, milliseconds);
+    if (!isPlausible(now)) {
+        note(now < clockIsSetSince ? m_unset : m_ahead, id, quoted(time, id));
+        return found;
+    }
     if (!m_beforeText.isEmpty() && now < m_before) {
         note(m_back, id, QString());
+        if (m_steps.size() < stepsKept)
+            m_steps.push_back({id, m_before, now});
         if (m_before - now > m_longestBack) {
             m_longestBack = m_before - now;
             m_back.detail = QStringLiteral("the furthest by %1: %3 after %4, ID %2")
@@ -104,6 +128,7 @@ void RowJudge::addTime(qint64 id, const QByteArray &time)
     }
     m_before = now;
     m_beforeText = time;
+    return found;
 }
 
 void RowJudge::addEnd(qint64 id, const QByteArray &time, const QByteArray &endDate, const QByteArray &endTime)
@@ -144,20 +169,21 @@ Result<QList<Finding>> definitionFindings(const Database &database, const Table 
         return objects.error();
     objects->bind(1, table.name.toUtf8());
     QList<Finding> found;
-    const auto add = [&](const QString &what) {
-        found.append({Severity::Attention, table.name, what, 0, 0, QString()});
+    const auto add = [&](const char *cause, const QString &what) {
+        found.append({Severity::Attention, table.name, what, 0, 0, QString(), cause});
     };
     while (objects->step()) {
         const QByteArray type = objects->cell(0);
         const QString object = QString::fromUtf8(objects->cell(1));
         const QByteArray sql = objects->cell(2);
         if (type == "table" && !plain(sql).endsWith('(' + plain(definitionOf(table.kind)) + ')'))
-            add(QStringLiteral("its columns have the right names, but other types or rules than the store's: rows that "
+            add("definition",
+                QStringLiteral("its columns have the right names, but other types or rules than the store's: rows that "
                                "break a rule are lost silently"));
         if (type == "trigger")
-            add(QStringLiteral("the trigger %1 acts on it").arg(object));
+            add("trigger", QStringLiteral("the trigger %1 acts on it").arg(object));
         if (type == "index" && (sql.isEmpty() || plain(sql).startsWith("create unique")))
-            add(QStringLiteral("the unique index %1: rows that break it are lost silently").arg(object));
+            add("unique", QStringLiteral("the unique index %1: rows that break it are lost silently").arg(object));
     }
     if (const Status status = objects->status(); !status)
         return status.error();
@@ -173,7 +199,7 @@ QList<Finding> configurationFindings(const QList<Table> &tables, const QList<Reg
         if (!each.hasTable && !listed.contains(collector, Qt::CaseInsensitive))
             found.append({Severity::Attention, QStringLiteral("tb_config"),
                           QStringLiteral("it lists %1, which is not a table of samples").arg(collector), 0, 0,
-                          QString()});
+                          QString(), "noTable"});
         listed << collector;
     }
     const bool hasList = std::any_of(tables.begin(), tables.end(), [](const Table &table) {
@@ -185,12 +211,13 @@ QList<Finding> configurationFindings(const QList<Table> &tables, const QList<Reg
             continue;
         ++unlisted;
         if (hasList)
-            found.append(
-                {Severity::Attention, table.name, QStringLiteral("tb_config does not list it"), 0, 0, QString()});
+            found.append({Severity::Attention, table.name, QStringLiteral("tb_config does not list it"), 0, 0,
+                          QString(), "notListed"});
     }
     if (!hasList && unlisted > 0)
         found.append({Severity::Attention, QString(),
-                      QStringLiteral("there is no tb_config to name its %1 series").arg(unlisted), 0, 0, QString()});
+                      QStringLiteral("there is no tb_config to name its %1 series").arg(unlisted), 0, 0, QString(),
+                      "noConfiguration"});
     return found;
 }
 
@@ -208,11 +235,12 @@ Result<QList<Finding>> integrityFindings(const Database &database)
         // SQLite lists a broken rule of a column here as well.
         const bool rule = verdict.contains(QLatin1String("NULL value in")) ||
                           verdict.contains(QLatin1String("value in")) || verdict.contains(QLatin1String("CHECK"));
-        found.append({rule ? Severity::Attention : Severity::Damage, QString(), verdict, 0, 0, QString()});
+        found.append({rule ? Severity::Attention : Severity::Damage, QString(), verdict, 0, 0, QString(),
+                      rule ? "rule" : "damaged"});
     }
     if (const Status status = verdicts->status(); !status) {
-        found.append(
-            {Severity::Damage, QString(), status.error().cause().section(QLatin1Char(';'), 0, 0), 0, 0, QString()});
+        found.append({Severity::Damage, QString(), status.error().cause().section(QLatin1Char(';'), 0, 0), 0, 0,
+                      QString(), "damaged"});
         return found;
     }
     const auto pages = database.number("pragma page_count");
@@ -222,7 +250,7 @@ Result<QList<Finding>> integrityFindings(const Database &database)
     if (*free > 100 && *free * 2 > *pages)
         found.append({Severity::Note, QString(),
                       QStringLiteral("%1 of its pages are free; \"device-db vacuum\" gives them back").arg(*free), 0, 0,
-                      QString()});
+                      QString(), "freePages"});
     return found;
 }
 

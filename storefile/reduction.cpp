@@ -26,10 +26,26 @@ void Reduction::add(const std::array<Point, 4> &points, qint64 count)
         take(point);
 }
 
+void Reduction::add(const Reduction &other)
+{
+    m_count += other.m_count;
+    for (const Column &column : other.m_columns) {
+        if (column.used) {
+            for (const Point &point : {column.first, column.lowest, column.highest, column.last})
+                take(point);
+        }
+    }
+}
+
+int Reduction::columnOf(qint64 time) const
+{
+    return device::pictureColumn(time, m_first, m_last, int(m_columns.size()));
+}
+
 // Of equal values the earliest: points that were summed up come in another order.
 void Reduction::take(Point point)
 {
-    Column &column = m_columns[size_t(device::pictureColumn(point.time, m_first, m_last, int(m_columns.size())))];
+    Column &column = m_columns[size_t(columnOf(point.time))];
     if (!column.used) {
         column = {point, point, point, point, true};
         return;
@@ -64,11 +80,11 @@ std::vector<Point> Reduction::points() const
     return points;
 }
 
-std::vector<std::vector<Point>> Reduction::lines() const
+std::vector<std::vector<Point>> Reduction::lines(qint64 count) const
 {
     const auto all = points();
     std::vector<std::vector<Point>> lines;
-    const double distance = double(m_last - m_first) / double(std::max<qint64>(1, m_count - 1));
+    const double distance = double(m_last - m_first) / double(std::max<qint64>(1, count - 1));
     const double column = double(m_last - m_first) / double(m_columns.size());
     const double pause = std::max(10 * distance, 3 * column);
     for (const Point &point : all) {

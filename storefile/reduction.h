@@ -27,12 +27,17 @@ public:
     void add(Point point);
     /// The first, the lowest, the highest and the last of so many points of one column.
     void add(const std::array<Point, 4> &points, qint64 count);
+    /// What another reduction of the same columns holds.
+    void add(const Reduction &other);
     qint64 count() const { return m_count; }
+    int columnOf(qint64 time) const;
 
     /// In the order of time.
     std::vector<Point> points() const;
     /// As drawn: a new line begins where there is a pause of at least ten times the mean distance and three columns.
-    std::vector<std::vector<Point>> lines() const;
+    std::vector<std::vector<Point>> lines() const { return lines(m_count); }
+    /// `count`: of all points of the picture, if these are only some of them.
+    std::vector<std::vector<Point>> lines(qint64 count) const;
 
 private:
     struct Column {

@@ -10,13 +10,7 @@ namespace device_db
 
 void SeriesStatistics::add(qint64 time, const QByteArray &value)
 {
-    ++rows;
-    if (const auto number = device::number(value)) {
-        lowest = numbers == 0 ? *number : std::min(lowest, *number);
-        highest = numbers == 0 ? *number : std::max(highest, *number);
-        m_sum += *number;
-        ++numbers;
-    }
+    addValue(device::number(value));
     if (time < 0)
         return;
     firstTime = firstTime < 0 ? time : std::min(firstTime, time);
@@ -28,6 +22,17 @@ void SeriesStatistics::add(qint64 time, const QByteArray &value)
             distances.add(m_previous, time);
     }
     m_previous = time;
+}
+
+void SeriesStatistics::addValue(std::optional<double> number)
+{
+    ++rows;
+    if (!number)
+        return;
+    lowest = numbers == 0 ? *number : std::min(lowest, *number);
+    highest = numbers == 0 ? *number : std::max(highest, *number);
+    m_sum += *number;
+    ++numbers;
 }
 
 bool SampleDistances::add(qint64 begin, qint64 end)

@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QHash>
 
+#include <optional>
 #include <vector>
 
 namespace device_db
@@ -37,6 +38,8 @@ class SeriesStatistics
 public:
     /// A sample in the order of recording; the time as milliseconds, negative when it is none.
     void add(qint64 time, const QByteArray &value);
+    /// Its value alone; nothing: it is not a number.
+    void addValue(std::optional<double> number);
 
     qint64 rows = 0;
     qint64 numbers = 0; ///< Values that are numbers; the figures are of these.

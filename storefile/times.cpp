@@ -31,12 +31,13 @@ QDateTime fromText(const QByteArray &time, bool milliseconds, Qt::TimeSpec spec)
     return parsed;
 }
 
+constexpr qint64 dayOf1970 = 2440588; // the Julian day
+constexpr qint64 dayLength = 86400000;
+
 std::optional<qint64> timeIn(const QByteArray &text, bool milliseconds)
 {
-    const device::LocalTime time = device::TimeReader(milliseconds).read(text.constData(), text.size());
-    if (!time.isValid())
-        return std::nullopt;
-    return (time.date().toJulianDay() - 2440588) * 86400000 + time.time().msecsSinceStartOfDay();
+    device::TimeReader reader(milliseconds);
+    return device_db::timeIn(text, reader);
 }
 
 } // namespace
@@ -103,6 +104,28 @@ Result<QByteArray> boundText(const QString &given, Bound bound, bool millisecond
                                              "today or 24h (that long ago)"));
     }
     return formOf(time.toLocalTime(), milliseconds);
+}
+
+std::optional<qint64> timeIn(const QByteArray &text, device::TimeReader &reader)
+{
+    const device::LocalTime time = reader.read(text.constData(), text.size());
+    if (!time.isValid())
+        return std::nullopt;
+    return (time.date().toJulianDay() - dayOf1970) * dayLength + time.time().msecsSinceStartOfDay();
+}
+
+QByteArray timeText(qint64 time, bool milliseconds)
+{
+    constexpr qint64 firstTime = -62135596800000; // of the year 1
+    constexpr qint64 lastTime = 253402300799999;  // of the year 9999
+    const qint64 shown = std::clamp(time, firstTime, lastTime);
+    const qint64 day = (shown - firstTime) / dayLength + firstTime / dayLength; // towards the past
+    char text[device::longestTime];
+    const int size = device::writeTime(text,
+                                       device::LocalTime(QDate::fromJulianDay(day + dayOf1970),
+                                                         QTime::fromMSecsSinceStartOfDay(int(shown - day * dayLength))),
+                                       milliseconds);
+    return QByteArray(text, size);
 }
 
 qint64 millisecondsOf(const QByteArray &time, bool milliseconds)

@@ -4,6 +4,8 @@
 
 #include "storefile/error.h"
 
+#include "host/time_text.h"
+
 #include <QByteArray>
 #include <QDateTime>
 
@@ -38,6 +40,11 @@ Result<QByteArray> boundText(const QString &given, Bound bound, bool millisecond
 
 /// Milliseconds since 1970 of a time of the tables, as if it were UTC: for differences; -1 for any other text.
 qint64 millisecondsOf(const QByteArray &time, bool milliseconds);
+
+/// The same by a reader that is kept from row to row; nothing for any other text. Negative before 1970.
+std::optional<qint64> timeIn(const QByteArray &text, device::TimeReader &reader);
+/// The opposite. `time`: of a year from 1 to 9999; the nearest one is taken for any other.
+QByteArray timeText(qint64 time, bool milliseconds);
 
 /// Whether it is a time of the tables, of a day and an hour that exist.
 bool isTime(const QByteArray &text, bool milliseconds);

@@ -77,12 +77,12 @@ bool TrendPoints::helps(qint64 first, qint64 last, int columns) const
     return removed && !removed->first.isEmpty();
 }
 
-Result<qint64> TrendPoints::add(qint64 first, qint64 last, int columns, Reduction &points) const
+Result<std::vector<SummedColumn>> TrendPoints::columns(qint64 first, qint64 last, int count) const
 {
     RollupChannel channel(*m_database);
-    const qint64 begin = first / 1000 + secondsBefore1970;
-    const qint64 end = last / 1000 + secondsBefore1970;
-    device::TrendColumns read(begin, end, columns);
+    const qint64 begin = (first + secondsBefore1970 * 1000) / 1000; // towards the past
+    const qint64 end = (last + secondsBefore1970 * 1000) / 1000;
+    device::TrendColumns read(begin, end, count);
     const device::Site site{m_database->name(), m_table};
     const device::OneMoment moment(channel, site); // a recorder may move the mark on
     const auto state = trendOf(*m_database, m_table);
@@ -92,17 +92,28 @@ Result<qint64> TrendPoints::add(qint64 first, qint64 last, int columns, Reductio
         return failure(m_database->name(), QStringLiteral("it begins anew at this moment"));
     if (const Status done = device::readColumns(channel, site, **state, {begin, end + 1}, read); !done)
         return done.error();
-    qint64 left = 0;
+    std::vector<SummedColumn> columns;
     for (const auto &[place, column] : read.all()) {
         const device::Bucket &bucket = column.bucket;
-        left += bucket.rows() - bucket.numbers();
-        if (bucket.numbers() == 0)
-            continue;
-        std::array<Point, 4> all;
-        auto point = all.begin();
+        SummedColumn summed{int(place), bucket.rows(), bucket.numbers(), bucket.sum(), {}};
+        auto *point = summed.points.data();
         for (const device::Bucket::Point *each : {&bucket.first(), &bucket.lowest(), &bucket.highest(), &bucket.last()})
             *point++ = {millisecondsOfTrend(each->time), each->value};
-        points.add(all, bucket.numbers());
+        columns.push_back(summed);
+    }
+    return columns;
+}
+
+Result<qint64> TrendPoints::add(qint64 first, qint64 last, int count, Reduction &points) const
+{
+    const auto read = columns(first, last, count);
+    if (!read)
+        return read.error();
+    qint64 left = 0;
+    for (const SummedColumn &column : *read) {
+        left += column.rows - column.numbers;
+        if (column.numbers > 0)
+            points.add(column.points, column.numbers);
     }
     return left;
 }

@@ -8,6 +8,15 @@
 namespace device_db
 {
 
+/// A column of a picture: what its samples have in common.
+struct SummedColumn {
+    int place = 0;
+    qint64 rows = 0;
+    qint64 numbers = 0;
+    double sum = 0;
+    std::array<Point, 4> points; ///< Of the numbers: the first, the lowest, the highest and the last.
+};
+
 /// The points of a picture from the sums of a trend: those that all rows would give, those of rows that are removed
 /// among them.
 class TrendPoints
@@ -23,9 +32,11 @@ public:
     /// False where columns are so narrow that the rows alone say as much.
     bool helps(qint64 first, qint64 last, int columns) const;
 
+    /// The columns between two times, milliseconds since 1970, both included, that have rows.
+    Result<std::vector<SummedColumn>> columns(qint64 first, qint64 last, int count) const;
     /// Adds what lies between two times, milliseconds since 1970, both included. The rows that are not numbers, or an
     /// Error, and nothing was added.
-    Result<qint64> add(qint64 first, qint64 last, int columns, Reduction &points) const;
+    Result<qint64> add(qint64 first, qint64 last, int count, Reduction &points) const;
 
 private:
     TrendPoints(const Database &database, QString table, RollupState state)

@@ -22,6 +22,7 @@ storefile/salvage
 apps/device-db/terminal
 apps/device-db/program
 apps/device-db/import
+apps/device-db/serve
 apps/device-db/commands
 apps/device-db
 examples/device_monitor

@@ -18,6 +18,8 @@ void addCommands(Program &program)
     addStats(program);
     addSql(program);
     addPlot(program);
+    addViewer(program);
+    addServe(program);
     addCheck(program);
     addBackup(program);
     addSalvage(program);

@@ -19,6 +19,8 @@ void addTrends(Program &program);
 void addKeep(Program &program);
 void addStats(Program &program);
 void addPlot(Program &program);
+void addViewer(Program &program);
+void addServe(Program &program);
 void addCheck(Program &program);
 void addBackup(Program &program);
 void addSalvage(Program &program);

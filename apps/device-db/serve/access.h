@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_DB_ACCESS_H
+#define DEVICE_DB_ACCESS_H
+
+#include "serve/http_request.h"
+
+#include <QHostAddress>
+
+namespace device_db
+{
+
+/// Who may ask. The address that the program prints has a token; who opens it gets the token as a cookie, which
+/// everything else needs. No page of another site can use it: neither by the cookie (strict), nor by a name of its own
+/// that leads here (Host), nor from its own place (Origin).
+class Access
+{
+public:
+    /// `port`: of the server, so that two of them on one machine have cookies of their own.
+    Access(QByteArray token, quint16 port);
+
+    enum class Verdict {
+        Allowed,
+        GiveCookie, ///< The token was in the address: answer with cookie() and lead to "/".
+        WrongMethod,
+        WrongHost,
+        WrongOrigin,
+        NoToken
+    };
+    /// `local`: where the client has connected to.
+    Verdict judge(const HttpRequest &request, const QHostAddress &local) const;
+
+    QByteArray cookie() const; ///< The value of Set-Cookie.
+
+private:
+    QByteArray m_token;
+    QByteArray m_cookieName;
+};
+
+/// 128 random bits in hexadecimal digits.
+QByteArray randomToken();
+
+} // namespace device_db
+
+#endif

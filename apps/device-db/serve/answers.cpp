@@ -1,0 +1,349 @@
+// SPDX-License-Identifier: MIT
+#include "serve/answers.h"
+
+#include "serve/curve_work.h"
+#include "storefile/times.h"
+
+#include <algorithm>
+
+namespace device_db
+{
+
+namespace
+{
+
+class OverviewWork : public Work
+{
+public:
+    explicit OverviewWork(std::shared_ptr<ServedTable> table) : m_table(std::move(table)) {}
+
+    Result<QByteArray> run(SliceEnd until, const Seen &seen) override
+    {
+        const auto database = databaseOf(*m_table);
+        if (!database)
+            return database.error();
+        TablePass &pass = *m_table->pass;
+        if (!pass.isDone() && !m_isShown) {
+            m_isShown = true;
+            TimeExtent extent = pass.extent();
+            if (!extent.from && m_table->table.kind == Kind::Samples) {
+                if (const Status read = m_table->hasDots ? Status() : readDots(**database, *m_table); !read)
+                    return read.error();
+                for (const Point &dot : m_table->dots)
+                    extent.add(dot.time);
+            }
+            if (extent.from)
+                seen(answer(extent));
+            return QByteArray();
+        }
+        if (!pass.isDone()) {
+            if (const Status read = pass.read(**database, until); !read)
+                return read.error();
+        }
+        if (pass.isDone())
+            return answer(pass.extent());
+        if (m_pace.isTime())
+            seen(answer(pass.extent()));
+        return QByteArray();
+    }
+
+private:
+    QByteArray answer(const TimeExtent &extent) const
+    {
+        const TablePass &pass = *m_table->pass;
+        Json json;
+        json.beginObject().key("exact").boolean(pass.isDone()).key("share").number(pass.share());
+        json.key("rows").number(pass.expectedRows()).key("first").cell(pass.first()).key("last").cell(pass.last());
+        for (const auto &[key, time] : {std::pair{"from", extent.from}, std::pair{"to", extent.to}})
+            time ? json.key(key).number(std::max<qint64>(0, *time)) : json.key(key).null();
+        json.key("findings").beginArray();
+        for (const Finding &each : pass.findings())
+            writeFinding(json, each);
+        json.endArray().key("steps").beginArray();
+        for (const ClockStep &step : pass.steps())
+            json.beginObject()
+                .key("id")
+                .number(step.id)
+                .key("before")
+                .number(step.before)
+                .key("after")
+                .number(step.after)
+                .endObject();
+        const SeriesStatistics &figures = pass.statistics();
+        json.endArray().key("numbers").number(figures.numbers).key("lowest").number(figures.lowest);
+        json.key("highest").number(figures.highest).key("mean").number(figures.mean()).key("choices").beginArray();
+        for (const auto &[text, rows] : pass.choices())
+            json.beginArray().text(text).number(rows).endArray();
+        return json.endArray().endObject().written();
+    }
+
+    std::shared_ptr<ServedTable> m_table;
+    bool m_isShown = false;
+    Pace m_pace;
+};
+
+/// Alarms and logs.
+class EventsWork : public Work
+{
+public:
+    EventsWork(std::shared_ptr<ServedTable> table, const PictureRange &range)
+        : m_table(std::move(table)), m_range(range)
+    {
+    }
+
+    Result<QByteArray> run(SliceEnd until, const Seen &seen) override
+    {
+        const auto database = databaseOf(*m_table);
+        if (!database)
+            return database.error();
+        TablePass &pass = *m_table->pass;
+        if (!pass.isDone()) {
+            if (const Status read = pass.read(**database, until); !read)
+                return read.error();
+        }
+        if (pass.isDone())
+            return answer();
+        if (m_pace.isTime())
+            seen(answer());
+        return QByteArray();
+    }
+
+private:
+    QByteArray answer() const
+    {
+        TablePass &pass = *m_table->pass;
+        const bool isAlarms = m_table->table.kind == Kind::Alarms;
+        Json json;
+        json.beginObject().key("kind").text(isAlarms ? "alarms" : "log");
+        json.key("exact").boolean(pass.isDone()).key("share").number(pass.share());
+        json.key(isAlarms ? "lanes" : "marks").beginArray();
+        if (isAlarms) {
+            for (const Lane &lane : pass.lanes().between(m_range)) {
+                json.beginObject().key("level").number(lane.level).key("alarms").number(lane.alarms);
+                json.key("spans").beginArray();
+                for (const auto &[begin, end] : lane.spans)
+                    json.number(begin).number(end);
+                json.endArray().endObject();
+            }
+        } else {
+            for (const Mark &mark : pass.marks().between(m_range))
+                json.number(mark.time).number(mark.entries).number(mark.firstId);
+        }
+        return json.endArray().endObject().written();
+    }
+
+    std::shared_ptr<ServedTable> m_table;
+    PictureRange m_range;
+    Pace m_pace;
+};
+
+struct RowsQuestion {
+    QByteArray key; ///< The same for all pages of one selection.
+    SelectionQuery query;
+    qint64 offset = 0;
+    qint64 limit = 0;
+    std::optional<qint64> id;
+    std::optional<qint64> at;
+};
+
+class RowsWork : public Work
+{
+public:
+    RowsWork(ServedFiles &files, std::shared_ptr<ServedTable> table, RowsQuestion question)
+        : m_files(files), m_table(std::move(table)), m_question(std::move(question))
+    {
+    }
+
+    Result<QByteArray> run(SliceEnd until, const Seen &seen) override
+    {
+        const auto database = databaseOf(*m_table);
+        if (!database)
+            return database.error();
+        if (!m_selection || m_pass != m_table->pass) {
+            m_pass = m_table->pass;
+            m_selection = m_files.selection(*m_table, m_question.key, m_question.query);
+        }
+        if (m_selection->needsMore()) {
+            if (const Status found = m_selection->find(**database, until); !found)
+                return found.error();
+        }
+        if (!m_selection->needsMore())
+            return answer(**database);
+        if (m_pace.isTime()) {
+            const auto so = answer(**database);
+            if (!so)
+                return so.error();
+            seen(*so);
+        }
+        return QByteArray();
+    }
+
+private:
+    Result<QByteArray> answer(const Database &database) const
+    {
+        Result<qint64> found = qint64(-1);
+        if (m_question.id)
+            found = m_selection->placeOfId(database, *m_question.id);
+        else if (m_question.at)
+            found = m_selection->placeOfTime(database, *m_question.at);
+        if (!found)
+            return found.error();
+        const qint64 offset = *found < 0 ? m_question.offset : std::max<qint64>(0, *found - m_question.limit / 2);
+        const auto rows = m_selection->page(database, offset, m_question.limit);
+        if (!rows)
+            return rows.error();
+        const bool isExact = m_selection->isExact();
+        Json json;
+        json.beginObject().key("exact").boolean(isExact).key("share").number(isExact ? 1.0 : m_pass->share());
+        json.key("total").number(m_selection->total()).key("offset").number(offset).key("found").number(*found);
+        json.key("rows").beginArray();
+        for (const auto &row : *rows) {
+            json.beginArray();
+            for (const QByteArray &cell : row)
+                json.cell(cell);
+            json.endArray();
+        }
+        return json.endArray().endObject().written();
+    }
+
+    ServedFiles &m_files;
+    std::shared_ptr<ServedTable> m_table;
+    RowsQuestion m_question;
+    std::shared_ptr<TablePass> m_pass;
+    std::shared_ptr<Selection> m_selection;
+    Pace m_pace;
+};
+
+// Reads the parameters of one question; each may be there once, but for lists.
+class Reader
+{
+public:
+    explicit Reader(const Parameters &parameters) : m_left(parameters) {}
+
+    std::optional<QByteArray> text(const char *name)
+    {
+        for (int i = 0; i < m_left.size(); ++i) {
+            if (m_left.at(i).first == name)
+                return m_left.takeAt(i).second;
+        }
+        return std::nullopt;
+    }
+    std::optional<qint64> number(const char *name)
+    {
+        const auto given = text(name);
+        if (!given)
+            return std::nullopt;
+        bool isNumber = false;
+        const qint64 value = given->toLongLong(&isNumber);
+        m_isFine = m_isFine && isNumber;
+        return value;
+    }
+    qint64 number(const char *name, qint64 least, qint64 most)
+    {
+        const auto given = number(name);
+        m_isFine = m_isFine && given && *given >= least && *given <= most;
+        return given.value_or(0);
+    }
+    void refuse() { m_isFine = false; }
+    /// Everything made sense, and nothing is left.
+    bool isFine() const { return m_isFine && m_left.isEmpty(); }
+
+private:
+    Parameters m_left;
+    bool m_isFine = true;
+};
+
+constexpr qint64 latestTime = 253402300799999; // of the year 9999
+
+std::optional<PictureRange> rangeIn(Reader &reader)
+{
+    PictureRange range;
+    range.from = reader.number("from", -62135596800000, latestTime);
+    range.to = reader.number("to", range.from, latestTime);
+    range.columns = int(reader.number("columns", 1, 20000));
+    return reader.isFine() ? std::optional(range) : std::nullopt;
+}
+
+std::optional<RowsQuestion> rowsIn(Reader &reader, Kind kind)
+{
+    RowsQuestion question;
+    RowFilter &filter = question.query.filter;
+    const auto keep = [&](const char *name, const QByteArray &value) {
+        question.key += name + QByteArray("=") + value.toPercentEncoding() + '&';
+    };
+    for (const auto &[name, text] : {std::pair{"from", &filter.from}, std::pair{"to", &filter.to}}) {
+        if (const auto time = reader.number(name)) {
+            *text = QString::fromLatin1(timeText(*time, true));
+            keep(name, text->toLatin1());
+        }
+    }
+    if (const auto wanted = reader.text("containing")) {
+        filter.containing = QString::fromUtf8(*wanted);
+        keep("containing", *wanted);
+    }
+    if (const auto state = reader.text("state")) {
+        filter.active = *state == "active";
+        filter.ended = *state == "ended";
+        if (kind != Kind::Alarms || filter.active == filter.ended)
+            reader.refuse();
+        keep("state", *state);
+    }
+    while (const auto level = reader.number("level")) {
+        filter.levels.push_back(int(*level));
+        if (kind != Kind::Alarms)
+            reader.refuse();
+        keep("level", QByteArray::number(*level));
+    }
+    while (const auto user = reader.text("user")) {
+        filter.users << QString::fromUtf8(*user);
+        if (kind != Kind::Log)
+            reader.refuse();
+        keep("user", *user);
+    }
+    const QByteArray order = reader.text("order").value_or(QByteArray());
+    question.query.descending = order == "newest" || reader.text("descending") == QByteArray("true");
+    if (order == "oldest" || order == "newest")
+        question.query.column = "DATETIME";
+    for (const KnownColumn &column : columnsOf(kind)) {
+        if (order == QByteArray("by-") + column.key)
+            question.query.column = column.name; // of ours, whatever was sent
+    }
+    if (question.query.column.isEmpty() && order != "recorded")
+        reader.refuse();
+    keep("order", question.query.column + (question.query.descending ? " desc" : ""));
+    question.offset = reader.number("offset", 0, std::numeric_limits<qint64>::max() / 4);
+    question.limit = reader.number("limit", 0, 100000);
+    question.id = reader.number("id");
+    question.at = reader.number("at");
+    return reader.isFine() ? std::optional(question) : std::nullopt;
+}
+
+} // namespace
+
+Result<std::unique_ptr<Work>> workFor(ServedFiles &files, const QByteArray &question, const Parameters &parameters)
+{
+    Reader reader(parameters);
+    const QByteArray key = reader.text("table").value_or(QByteArray());
+    const auto table = files.table(key);
+    if (!table)
+        return failure(QString::fromUtf8(key), QStringLiteral("there is no such table; it may have been removed"));
+    const auto senseless = failure(QString::fromLatin1(question), QStringLiteral("the parameters make no sense"));
+    std::unique_ptr<Work> work;
+    if (question == "overview" && reader.isFine()) {
+        work = std::make_unique<OverviewWork>(table);
+    } else if (question == "trend") {
+        const auto range = rangeIn(reader);
+        if (range && table->table.kind == Kind::Samples)
+            work = curveWork(table, *range);
+        else if (range)
+            work = std::make_unique<EventsWork>(table, *range);
+    } else if (question == "rows") {
+        if (auto rows = rowsIn(reader, table->table.kind))
+            work = std::make_unique<RowsWork>(files, table, std::move(*rows));
+    }
+    if (!work)
+        return senseless;
+    return work;
+}
+
+} // namespace device_db

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_DB_BLOCKS_H
+#define DEVICE_DB_BLOCKS_H
+
+#include "storefile/reduction.h"
+
+#include <array>
+#include <optional>
+#include <vector>
+
+namespace device_db
+{
+
+/// Rows that follow each other in a table: what all of them have in common.
+struct Block {
+    qint64 firstId = 0;
+    qint64 lastId = 0;
+    qint64 rows = 0;
+    qint64 timed = 0; ///< Of the rows, those with a time from 1970 on; the rest is of these.
+    qint64 numbers = 0;
+    qint64 earliest = 0;
+    qint64 latest = 0;
+    int run = 0; ///< Which stretch without a step back of the clock they belong to.
+    double sum = 0;
+    std::array<Point, 4> points; ///< Of the numbers: the first, the lowest, the highest and the last.
+};
+
+/// Sums of every 128 rows of a table in the order of recording, made while all of them are read once: any picture after
+/// that needs only the rows of blocks that lie across the edge of a column. Grows as rows come.
+class Blocks
+{
+public:
+    /// `time`: nothing, or before 1970: none that a picture has.
+    void add(qint64 id, std::optional<qint64> time, std::optional<double> value);
+
+    const std::vector<Block> &all() const { return m_blocks; }
+
+private:
+    std::vector<Block> m_blocks;
+    qint64 m_before = -1; ///< The time of the row before.
+    int m_runs = 0;
+};
+
+} // namespace device_db
+
+#endif

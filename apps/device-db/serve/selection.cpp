@@ -1,0 +1,223 @@
+// SPDX-License-Identifier: MIT
+#include "serve/selection.h"
+
+#include "storefile/times.h"
+
+#include <algorithm>
+
+namespace device_db
+{
+
+namespace
+{
+
+constexpr qint64 rowsAtOnce = 1000;
+
+bool isEmpty(const RowFilter &filter)
+{
+    return filter.from.isEmpty() && filter.to.isEmpty() && !filter.active && !filter.ended && filter.levels.empty() &&
+           filter.users.isEmpty() && filter.containing.isEmpty();
+}
+
+} // namespace
+
+Selection::Selection(std::shared_ptr<TablePass> pass, SelectionQuery query)
+    : m_pass(std::move(pass)),
+      m_query(std::move(query)),
+      m_isAll(isEmpty(m_query.filter) && m_query.column.isEmpty()),
+      m_idSoFar(std::max<qint64>(0, m_pass->ends().firstId - 1))
+{
+}
+
+bool Selection::grow()
+{
+    if (!m_query.column.isEmpty())
+        return false;
+    m_isDone = false;
+    return true;
+}
+
+Status Selection::find(const Database &database, SliceEnd until)
+{
+    if (m_sorted)
+        return sortSome(database, until);
+    if (!m_query.column.isEmpty() && m_sortedBy != database.handle()) { // at the beginning, or over another copy
+        static int sorters = 0;
+        m_sortedBy = database.handle();
+        m_idSoFar = std::max<qint64>(0, m_pass->ends().firstId - 1);
+        m_sorter = identifier(QStringLiteral("device sort %1").arg(++sorters));
+        if (const Status made =
+                database.run("create temp table " + m_sorter + "(K,I);create index temp." +
+                             identifier(QStringLiteral("device sorted %1").arg(sorters)) + " on " + m_sorter + "(K,I)");
+            !made)
+            return made;
+    }
+    for (bool isAtEnd = false; !isAtEnd && std::chrono::steady_clock::now() < until;) {
+        if (const Status found = findSome(database, isAtEnd); !found)
+            return found;
+        if (isAtEnd && m_query.column.isEmpty()) {
+            m_isDone = true;
+        } else if (isAtEnd) {
+            const QByteArray direction = m_query.descending ? " desc" : "";
+            auto sorted =
+                database.prepare("select I from temp." + m_sorter + " order by K" + direction + ",I" + direction);
+            if (!sorted)
+                return sorted.error();
+            m_sorted.emplace(std::move(sorted).value());
+        }
+    }
+    return {};
+}
+
+// By rows and not by IDs, of which there may be many without a row.
+Result<std::optional<qint64>> Selection::endOfChunk(const Database &database) const
+{
+    auto end = database.prepare("select max(ID) from (select ID from " + identifier(m_pass->table().name) +
+                                " where ID>?1 order by ID limit ?2)");
+    if (!end)
+        return end.error();
+    end->bind(1, m_idSoFar);
+    end->bind(2, rowsAtOnce);
+    if (!end->step() || end->cell(0).isNull())
+        return end->status() ? Result<std::optional<qint64>>(std::optional<qint64>()) : end->status().error();
+    return std::optional<qint64>(end->number(0));
+}
+
+Status Selection::findSome(const Database &database, bool &isAtEnd)
+{
+    const auto end = endOfChunk(database);
+    if (!end)
+        return end.error();
+    isAtEnd = !*end;
+    if (isAtEnd)
+        return {};
+    const QByteArray table = identifier(m_pass->table().name);
+    const bool isSorted = !m_query.column.isEmpty();
+    RowFilter filter = m_query.filter;
+    filter.afterId = m_idSoFar;
+    auto rows = filtered(database, m_pass->table(), filter, false,
+                         isSorted ? "insert into temp." + m_sorter + " select " + m_query.column + ",ID from " + table
+                                  : "select ID from " + table,
+                         " and ID<=" + QByteArray::number(**end) + " order by ID");
+    if (!rows)
+        return rows.error();
+    while (rows->step())
+        m_ids.push_back(rows->number(0));
+    m_idSoFar = **end;
+    return rows->status();
+}
+
+Status Selection::sortSome(const Database &database, SliceEnd until)
+{
+    for (int count = 1; m_sorted->step(); ++count) {
+        m_ids.push_back(m_sorted->number(0));
+        if (count % 1000 == 0 && std::chrono::steady_clock::now() >= until)
+            return {};
+    }
+    const Status status = m_sorted->status();
+    m_sorted.reset();
+    m_isDone = true;
+    if (m_sortedBy == database.handle())
+        (void)database.run("drop table temp." + m_sorter);
+    return status;
+}
+
+Result<std::vector<std::vector<QByteArray>>> Selection::page(const Database &database, qint64 offset,
+                                                             qint64 limit) const
+{
+    const Table &table = m_pass->table();
+    const auto columns = columnsOf(table.kind).size() + 1;
+    std::vector<std::vector<QByteArray>> rows;
+    const auto add = [&](const Statement &row) {
+        rows.emplace_back();
+        for (int column = 0; column < columns; ++column)
+            rows.back().push_back(row.cell(column));
+    };
+    const QByteArray head = "select " + columnList(table.kind) + " from " + identifier(table.name);
+    if (!m_isAll) {
+        auto row = database.prepare(head + " where ID=?1");
+        if (!row)
+            return row.error();
+        const qint64 end = std::min<qint64>(qint64(m_ids.size()), offset + limit);
+        for (qint64 i = offset; i < end; ++i) {
+            row->bind(1, m_ids[size_t(i)]);
+            if (row->step())
+                add(*row);
+            row->reset();
+        }
+        return rows;
+    }
+    // An ID at or before the row of this number, and how many rows are between them.
+    qint64 id = m_pass->ends().firstId + offset;
+    qint64 skipped = 0;
+    if (m_pass->isDone()) {
+        qint64 begin = 0;
+        id = m_pass->ends().highestId + 1;
+        for (const Block &block : m_pass->blocks().all()) {
+            if (offset < begin + block.rows) {
+                id = block.firstId;
+                skipped = offset - begin;
+                break;
+            }
+            begin += block.rows;
+        }
+    }
+    auto row = database.prepare(head + " where ID>=?1 order by ID limit ?2 offset ?3");
+    if (!row)
+        return row.error();
+    row->bind(1, id);
+    row->bind(2, limit);
+    row->bind(3, skipped);
+    while (row->step())
+        add(*row);
+    if (const Status status = row->status(); !status)
+        return status.error();
+    return rows;
+}
+
+Result<qint64> Selection::placeOfId(const Database &database, qint64 id) const
+{
+    if (!m_isAll) {
+        const auto found = std::find(m_ids.begin(), m_ids.end(), id);
+        return found == m_ids.end() ? -1 : qint64(found - m_ids.begin());
+    }
+    if (!m_pass->isDone())
+        return id - m_pass->ends().firstId;
+    qint64 low = 0;
+    for (qint64 high = total(); low < high;) {
+        const qint64 middle = (low + high) / 2;
+        const auto row = page(database, middle, 1);
+        if (!row)
+            return row.error();
+        if (!row->empty() && row->front().front().toLongLong() < id)
+            low = middle + 1;
+        else
+            high = middle;
+    }
+    const auto row = page(database, low, 1);
+    if (!row)
+        return row.error();
+    return !row->empty() && row->front().front().toLongLong() == id ? low : -1;
+}
+
+Result<qint64> Selection::placeOfTime(const Database &database, qint64 time) const
+{
+    const Kind kind = m_pass->table().kind;
+    const bool isLatestFirst = m_query.descending && m_query.column == "DATETIME";
+    device::TimeReader reader(hasMilliseconds(kind));
+    qint64 low = 0;
+    for (qint64 high = total(); low < high;) {
+        const qint64 middle = (low + high) / 2;
+        const auto row = page(database, middle, 1);
+        if (!row)
+            return row.error();
+        const auto there = row->empty() ? std::nullopt : timeIn(row->front().at(size_t(timeColumnOf(kind))), reader);
+        if (there && (isLatestFirst ? *there > time : *there < time))
+            low = middle + 1;
+        else
+            high = middle;
+    }
+    return std::min(low, total() - 1);
+}
+
+} // namespace device_db

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_DB_SELECTION_H
+#define DEVICE_DB_SELECTION_H
+
+#include "serve/table_pass.h"
+#include "storefile/row_query.h"
+
+#include <memory>
+
+namespace device_db
+{
+
+/// Which rows, and in which order.
+struct SelectionQuery {
+    RowFilter filter;
+    QByteArray column; ///< Sorted by it and then by the ID; empty: as recorded.
+    bool descending = false;
+};
+
+/// The rows that one question finds, as a list of IDs. A question for all rows as recorded needs none.
+class Selection
+{
+public:
+    Selection(std::shared_ptr<TablePass> pass, SelectionQuery query);
+
+    /// Looks on for a slice.
+    Status find(const Database &database, SliceEnd until);
+    /// All rows are known, those that came in the meantime among them if there is a way.
+    bool isExact() const { return m_isAll ? m_pass->isDone() : m_isDone; }
+    bool needsMore() const { return !m_isAll && !m_isDone; }
+    /// Rows have come; false if the rows are to be looked for anew.
+    bool grow();
+    qint64 total() const { return m_isAll ? m_pass->expectedRows() : qint64(m_ids.size()); }
+
+    /// The cells of so many rows from an offset on: ID, then the columns of the kind.
+    Result<std::vector<std::vector<QByteArray>>> page(const Database &database, qint64 offset, qint64 limit) const;
+    /// The number of the row with this ID; -1 if it is not among them.
+    Result<qint64> placeOfId(const Database &database, qint64 id) const;
+    /// The number of the first row from this time on, or back from it where the latest come first; -1 without rows.
+    Result<qint64> placeOfTime(const Database &database, qint64 time) const;
+
+private:
+    Status findSome(const Database &database, bool &isAtEnd);
+    Status sortSome(const Database &database, SliceEnd until);
+    Result<std::optional<qint64>> endOfChunk(const Database &database) const;
+
+    std::shared_ptr<TablePass> m_pass;
+    SelectionQuery m_query;
+    bool m_isAll;
+    bool m_isDone = false;
+    std::vector<qint64> m_ids;
+    qint64 m_idSoFar;
+
+    // SQLite sorts, in a table of its own that grows from slice to slice.
+    const sqlite3 *m_sortedBy = nullptr; ///< The connection that has it.
+    QByteArray m_sorter;
+    std::optional<Statement> m_sorted;
+};
+
+} // namespace device_db
+
+#endif

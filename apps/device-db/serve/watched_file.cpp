@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: MIT
+#include "serve/watched_file.h"
+
+#include <QFile>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace device_db
+{
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+constexpr auto pauseAfterFailure = 1s;
+
+qint64 versionOf(const Database &database)
+{
+    return database.number("pragma data_version").valueOr(-1);
+}
+
+} // namespace
+
+// Closing the file would drop the locks of this process on it, so it is opened only as long as a copy is read.
+WatchedFile::Mark WatchedFile::markOf(const QString &path, bool mayOpen)
+{
+    Mark mark;
+    const QByteArray name = QFile::encodeName(path);
+    for (const char *ending : {"", "-wal", "-journal"}) {
+        struct stat status {
+        };
+        const bool exists = stat((name + ending).constData(), &status) == 0;
+        if (*ending == '\0') {
+            mark.exists = exists;
+            mark.device = status.st_dev;
+            mark.inode = status.st_ino;
+        }
+        for (const qint64 number :
+             {qint64(exists), qint64(status.st_size), qint64(status.st_mtim.tv_sec), qint64(status.st_mtim.tv_nsec)})
+            mark.rest += QByteArray::number(number) + ' ';
+    }
+    if (mark.exists && mayOpen) {
+        // The clock of time stamps is coarse; the header counts transactions.
+        char header[100] = {};
+        const int file = open(name.constData(), O_RDONLY | O_CLOEXEC);
+        if (file >= 0 && pread(file, header, sizeof header, 0) > 0)
+            mark.rest.append(header, sizeof header);
+        if (file >= 0)
+            close(file);
+    }
+    return mark;
+}
+
+WatchedFile::WatchedFile(QString path) : m_path(std::move(path))
+{
+    m_markOfOpening = markOf(m_path, true);
+    (void)take(opened(m_path));
+}
+
+WatchedFile::Opened WatchedFile::opened(const QString &path)
+{
+    const auto began = Clock::now();
+    auto file = openFile(path, {});
+    return {std::move(file), Clock::now() - began};
+}
+
+WatchedFile::~WatchedFile() = default; // waits for a copy that is being made
+
+void WatchedFile::startOpening()
+{
+    m_markOfOpening = markOf(m_path, true);
+    m_opening = std::async(std::launch::async, [path = m_path] { return opened(path); });
+}
+
+WatchedFile::News WatchedFile::take(Opened opened)
+{
+    const auto now = Clock::now();
+    const bool isOther = m_mark.inode != m_markOfOpening.inode || m_mark.device != m_markOfOpening.device;
+    m_nextOpening = now + 4 * opened.took;
+    if (!opened.file) {
+        m_nextOpening = std::max(m_nextOpening, now + pauseAfterFailure);
+        if (m_open && !isOther && m_markOfOpening.exists)
+            return News::None; // written without a pause: what is known stays
+        m_open.reset();
+        const bool isNew = m_error != opened.file.error().cause();
+        m_error = opened.file.error().cause();
+        return isNew ? News::Changed : News::None;
+    }
+    const bool wasGone = m_mark.exists && !m_open; // it may be another one under the number of the first
+    m_open.reset();                                // before the new one is in its place: it may tidy up
+    m_open.emplace(std::move(opened.file).value());
+    m_error.clear();
+    const bool hadFile = m_mark.exists;
+    m_mark = m_markOfOpening;
+    m_version = versionOf(m_open->database);
+    return wasGone || (isOther && hadFile) ? News::Replaced : News::Changed;
+}
+
+WatchedFile::News WatchedFile::look()
+{
+    if (m_opening.valid()) {
+        if (m_opening.wait_for(0s) != std::future_status::ready)
+            return News::None;
+        return take(m_opening.get());
+    }
+    if (!m_open || isCopy())
+        return lookAtCopy();
+    const Mark mark = markOf(m_path, false);
+    if (!mark.exists || mark.inode != m_mark.inode || mark.device != m_mark.device) {
+        m_open.reset();
+        m_error = QStringLiteral("it was taken away or replaced");
+        m_nextOpening = Clock::now();
+        return News::Changed;
+    }
+    const qint64 version = versionOf(m_open->database);
+    if (version == m_version)
+        return News::None;
+    m_version = version;
+    return News::Changed;
+}
+
+WatchedFile::News WatchedFile::lookAtCopy()
+{
+    if (Clock::now() < m_nextOpening)
+        return News::None;
+    const Mark mark = markOf(m_path, true);
+    if (m_open && mark.exists && mark.inode == m_mark.inode && mark.device == m_mark.device && mark.rest == m_mark.rest)
+        return News::None;
+    if (!mark.exists && m_error.isEmpty()) {
+        m_open.reset();
+        m_error = QStringLiteral("there is no such file; check the name");
+        return News::Changed;
+    }
+    if (mark.exists)
+        startOpening();
+    return News::None;
+}
+
+} // namespace device_db

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_DB_WATCHED_FILE_H
+#define DEVICE_DB_WATCHED_FILE_H
+
+#include "storefile/live_file.h"
+
+#include <chrono>
+#include <future>
+#include <optional>
+
+namespace device_db
+{
+
+/// A file that a device may be writing, read harmlessly: in write-ahead mode itself, otherwise in a copy that is made
+/// anew when the file has changed. Copies are made beside the thread of their owner, and take a fifth of the time at
+/// most.
+class WatchedFile
+{
+public:
+    explicit WatchedFile(QString path);
+    ~WatchedFile();
+    WatchedFile(const WatchedFile &) = delete;
+    WatchedFile &operator=(const WatchedFile &) = delete;
+
+    enum class News {
+        None,
+        Changed, ///< Or has an error now, or no longer.
+        Replaced ///< It is another file now.
+    };
+    /// Looks whether the file has changed; connections and statements of before may be closed then.
+    News look();
+
+    QString path() const { return m_path; }
+    /// Null while it cannot be read.
+    const Database *database() const { return m_open ? &m_open->database : nullptr; }
+    /// Why it cannot be read; empty otherwise.
+    QString error() const { return m_error; }
+    bool isCopy() const { return m_open && m_open->file.isSnapshot(); }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    /// What shows that a file was written or replaced, without SQLite.
+    struct Mark {
+        bool exists = false;
+        quint64 device = 0;
+        quint64 inode = 0;
+        QByteArray rest; ///< Sizes and times of it and of what is beside it, its change counter.
+    };
+    struct Opened {
+        Result<OpenFile> file;
+        Clock::duration took;
+    };
+    static Mark markOf(const QString &path, bool mayOpen);
+    static Opened opened(const QString &path);
+    void startOpening();
+    News take(Opened opened);
+    News lookAtCopy();
+
+    QString m_path;
+    std::optional<OpenFile> m_open;
+    QString m_error;
+    Mark m_mark;
+    Mark m_markOfOpening;
+    qint64 m_version = 0; ///< SQLite's, of the file that is read itself.
+    std::future<Opened> m_opening;
+    Clock::time_point m_nextOpening;
+};
+
+} // namespace device_db
+
+#endif
