@@ -89,15 +89,15 @@ std::optional<HttpRequest> HttpParser::next()
         m_bytes.clear();
         return std::nullopt;
     }
+    // What begins with another protocol's bytes never gets an end.
+    if (!m_bytes.isEmpty() && !(m_bytes.at(0) >= 'A' && m_bytes.at(0) <= 'Z'))
+        return refused(400);
     const auto end = m_bytes.indexOf("\r\n\r\n", std::max(0, m_searched - 3));
     m_searched = int(m_bytes.size());
     if (end > longestHead - 4 || (end < 0 && m_bytes.size() >= longestHead))
         return refused(m_bytes.left(longestHead).contains('\n') ? 431 : 414);
-    if (end < 0) {
-        // What begins with another protocol's bytes never gets an end.
-        const bool isBinary = !m_bytes.isEmpty() && !(m_bytes.at(0) >= 'A' && m_bytes.at(0) <= 'Z');
-        return isBinary ? refused(400) : std::nullopt;
-    }
+    if (end < 0)
+        return std::nullopt;
     const QByteArray head = m_bytes.left(end);
     m_bytes.remove(0, end + 4);
     m_searched = 0;
