@@ -13,7 +13,7 @@ namespace
 
 using namespace std::chrono_literals;
 
-constexpr auto slice = 12ms;
+constexpr auto slice = 8ms;
 constexpr auto lookEvery = 250ms;
 constexpr auto heartbeatEvery = 15s;    // so that both ends notice when the other has gone
 constexpr qint64 mostWaiting = 1 << 20; // bytes that a client has not taken: it gets nothing more that can be left out
