@@ -114,6 +114,11 @@ void Statement::bind(int place, double number)
     sqlite3_bind_double(m_statement.get(), place, number);
 }
 
+void Statement::bind(int place, const Statement &row, int column)
+{
+    sqlite3_bind_value(m_statement.get(), place, sqlite3_column_value(row.m_statement.get(), column));
+}
+
 void Statement::bindBlob(int place, const QByteArray &bytes)
 {
     sqlite3_bind_blob(m_statement.get(), place, bytes.constData(), int(bytes.size()), SQLITE_TRANSIENT);
@@ -136,6 +141,11 @@ Result<Database> Database::open(const QString &path, Mode mode, const QString &n
 Result<Database> Database::inMemory()
 {
     return opened(":memory:", ReadWrite, QStringLiteral("memory"));
+}
+
+Result<Database> Database::temporary()
+{
+    return opened("", ReadWrite, QStringLiteral("temporary database"));
 }
 
 Result<Database> Database::opened(const QByteArray &file, Mode mode, const QString &site)

@@ -37,6 +37,7 @@ public:
     void bind(int place, const QByteArray &text); ///< NULL for a null array.
     void bind(int place, qint64 number);
     void bind(int place, double number);
+    void bind(int place, const Statement &row, int column); ///< A cell as it is, with its type.
     void bindBlob(int place, const QByteArray &bytes);
 
 private:
@@ -62,6 +63,8 @@ public:
     /// Never creates a file: a mistyped name is an error. `name`: what messages call the file, when it is a copy.
     static Result<Database> open(const QString &path, Mode mode, const QString &name = QString());
     static Result<Database> inMemory();
+    /// One of its own, on the disk as far as it does not fit into memory, and gone when it is closed.
+    static Result<Database> temporary();
 
     /// An Error if there is more than one statement, too.
     Result<Statement> prepare(const QByteArray &sql) const;

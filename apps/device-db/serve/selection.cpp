@@ -37,35 +37,48 @@ bool Selection::grow()
     return true;
 }
 
+Status Selection::beginToSort()
+{
+    auto sorter = Database::temporary();
+    if (!sorter)
+        return sorter.error();
+    m_sorter.emplace(std::move(sorter).value());
+    // NULL comes first, and is no part of a key.
+    if (const Status made = m_sorter->run("pragma journal_mode=off;pragma synchronous=off;create table S(IsThere,K,I,"
+                                          "primary key(IsThere,K,I)) without rowid;begin");
+        !made)
+        return made;
+    auto insertion = m_sorter->prepare("insert into S values(?1 is not null,ifnull(?1,''),?2)");
+    if (!insertion)
+        return insertion.error();
+    m_insertion.emplace(std::move(insertion).value());
+    return {};
+}
+
 Status Selection::find(const Database &database, SliceEnd until)
 {
+    const bool isSorted = !m_query.column.isEmpty();
     if (m_sorted)
-        return sortSome(database, until);
-    if (!m_query.column.isEmpty() && m_sortedBy != database.handle()) { // at the beginning, or over another copy
-        static int sorters = 0;
-        m_sortedBy = database.handle();
-        m_idSoFar = std::max<qint64>(0, m_pass->ends().firstId - 1);
-        m_sorter = identifier(QStringLiteral("device sort %1").arg(++sorters));
-        if (const Status made =
-                database.run("create temp table " + m_sorter + "(K,I);create index temp." +
-                             identifier(QStringLiteral("device sorted %1").arg(sorters)) + " on " + m_sorter + "(K,I)");
-            !made)
-            return made;
+        return takeSorted(until);
+    if (isSorted && !m_sorter) {
+        if (const Status begun = beginToSort(); !begun)
+            return begun;
     }
-    for (bool isAtEnd = false; !isAtEnd && std::chrono::steady_clock::now() < until;) {
+    bool isAtEnd = false;
+    do {
         if (const Status found = findSome(database, isAtEnd); !found)
             return found;
-        if (isAtEnd && m_query.column.isEmpty()) {
-            m_isDone = true;
-        } else if (isAtEnd) {
-            const QByteArray direction = m_query.descending ? " desc" : "";
-            auto sorted =
-                database.prepare("select I from temp." + m_sorter + " order by K" + direction + ",I" + direction);
-            if (!sorted)
-                return sorted.error();
-            m_sorted.emplace(std::move(sorted).value());
-        }
-    }
+    } while (!isAtEnd && std::chrono::steady_clock::now() < until);
+    m_isDone = isAtEnd && !isSorted;
+    if (!isAtEnd || !isSorted)
+        return {};
+    m_insertion.reset();
+    const QByteArray direction = m_query.descending ? " desc" : "";
+    auto sorted =
+        m_sorter->prepare("select I from S order by IsThere" + direction + ",K" + direction + ",I" + direction);
+    if (!sorted)
+        return sorted.error();
+    m_sorted.emplace(std::move(sorted).value());
     return {};
 }
 
@@ -91,23 +104,31 @@ Status Selection::findSome(const Database &database, bool &isAtEnd)
     isAtEnd = !*end;
     if (isAtEnd)
         return {};
-    const QByteArray table = identifier(m_pass->table().name);
-    const bool isSorted = !m_query.column.isEmpty();
     RowFilter filter = m_query.filter;
     filter.afterId = m_idSoFar;
     auto rows = filtered(database, m_pass->table(), filter, false,
-                         isSorted ? "insert into temp." + m_sorter + " select " + m_query.column + ",ID from " + table
-                                  : "select ID from " + table,
+                         "select ID" + (m_insertion ? ',' + m_query.column : QByteArray()) + " from " +
+                             identifier(m_pass->table().name),
                          " and ID<=" + QByteArray::number(**end) + " order by ID");
     if (!rows)
         return rows.error();
-    while (rows->step())
-        m_ids.push_back(rows->number(0));
+    while (rows->step()) {
+        if (!m_insertion) {
+            m_ids.push_back(rows->number(0));
+            continue;
+        }
+        m_insertion->bind(1, *rows, 1);
+        m_insertion->bind(2, rows->number(0));
+        m_insertion->step();
+        if (const Status inserted = m_insertion->status(); !inserted)
+            return inserted;
+        m_insertion->reset();
+    }
     m_idSoFar = **end;
     return rows->status();
 }
 
-Status Selection::sortSome(const Database &database, SliceEnd until)
+Status Selection::takeSorted(SliceEnd until)
 {
     for (int count = 1; m_sorted->step(); ++count) {
         m_ids.push_back(m_sorted->number(0));
@@ -116,9 +137,8 @@ Status Selection::sortSome(const Database &database, SliceEnd until)
     }
     const Status status = m_sorted->status();
     m_sorted.reset();
+    m_sorter.reset();
     m_isDone = true;
-    if (m_sortedBy == database.handle())
-        (void)database.run("drop table temp." + m_sorter);
     return status;
 }
 

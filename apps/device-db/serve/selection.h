@@ -41,7 +41,8 @@ public:
 
 private:
     Status findSome(const Database &database, bool &isAtEnd);
-    Status sortSome(const Database &database, SliceEnd until);
+    Status takeSorted(SliceEnd until);
+    Status beginToSort();
     Result<std::optional<qint64>> endOfChunk(const Database &database) const;
 
     std::shared_ptr<TablePass> m_pass;
@@ -51,9 +52,10 @@ private:
     std::vector<qint64> m_ids;
     qint64 m_idSoFar;
 
-    // SQLite sorts, in a table of its own that grows from slice to slice.
-    const sqlite3 *m_sortedBy = nullptr; ///< The connection that has it.
-    QByteArray m_sorter;
+    // SQLite sorts, but not in one step. In a database of its own, because a statement that is open over two slices
+    // keeps a connection's view of the file, and so the device's log.
+    std::optional<Database> m_sorter;
+    std::optional<Statement> m_insertion;
     std::optional<Statement> m_sorted;
 };
 

@@ -130,6 +130,7 @@ Status ServedFiles::read(ServedFile &file, bool isOther, QList<QByteArray> &grow
         for (const QByteArray &key : file.order)
             forget(key);
         file.tables.clear();
+        file.order.clear();
         file.ofIntegrity.clear();
         if (QFileInfo(file.watched.path()).size() <= largestChecked) {
             const auto found = integrityFindings(database);
@@ -224,15 +225,21 @@ QByteArray ServedFiles::look()
     bool isAny = false;
     for (const auto &file : m_files) {
         const WatchedFile::News news = file->watched.look();
-        if (news == WatchedFile::News::None)
+        const bool isIncomplete = file->watched.database() && file->schema < 0;
+        if (news == WatchedFile::News::None && !isIncomplete)
             continue;
         const qint64 version = file->version;
         QList<QByteArray> grown;
-        if (!file->watched.database())
+        if (!file->watched.database()) {
             ++file->version;
-        else if (const Status read = this->read(*file, news == WatchedFile::News::Replaced || file->schema < 0, grown);
-                 !read)
-            file->schema = -1; // all of it again with the next change
+        } else if (!this->read(*file, news == WatchedFile::News::Replaced || isIncomplete, grown)) {
+            // Such as a table that has gone between two questions: all of it again at the next look.
+            file->tables.clear();
+            file->order.clear();
+            file->schema = -1;
+            ++file->version;
+            grown.clear();
+        }
         if (file->version == version && grown.isEmpty())
             continue;
         isAny = true;

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: MIT
+//
+// What the server reads by, without a server.
+#include "plain_connection.h"
+#include "serve/selection.h"
+#include "text_literal.h"
+
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+using namespace device_db;
+
+namespace
+{
+
+class ServePieces : public ::testing::Test
+{
+protected:
+    QString path() const { return m_folder.filePath("a.db"_q); }
+
+    static const Table &table()
+    {
+        static const Table made{"T1"_q, Kind::Samples, {"ID"_q, "DATETIME"_q, "Value"_q}, false};
+        return made;
+    }
+    static QString rows(int count)
+    {
+        return "insert into T1(DATETIME,Value) with recursive n(i) as (select 0 union all select i+1 from n where "
+               "i<%1) select datetime(1714978800+i,'unixepoch'),i*7919%1000 from n;"_q.arg(count - 1);
+    }
+    QString definition() const
+    {
+        return "pragma journal_mode=wal;create table T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value "
+               "text);"_q;
+    }
+
+private:
+    QTemporaryDir m_folder;
+};
+
+TEST_F(ServePieces, NothingThatIsReadInSlicesKeepsTheLog)
+{
+    PlainConnection device(path());
+    device.run(definition() + rows(5000));
+    const auto database = Database::open(path(), Database::ReadOnly);
+    ASSERT_TRUE(database);
+    const auto ends = endsOf(*database, "T1"_q);
+    ASSERT_TRUE(ends);
+    const auto pass = std::make_shared<TablePass>(table(), *ends);
+    SelectionQuery query;
+    query.column = "Value";
+    Selection sorted(pass, query);
+    query.column.clear();
+    query.filter.containing = "99"_q;
+    Selection found(pass, query);
+    int slices = 0;
+    for (; !pass->isDone() || sorted.needsMore() || found.needsMore(); ++slices) {
+        const SliceEnd now = std::chrono::steady_clock::now();
+        if (!pass->isDone()) {
+            ASSERT_TRUE(pass->read(*database, now));
+        }
+        if (sorted.needsMore()) {
+            ASSERT_TRUE(sorted.find(*database, now));
+        }
+        if (found.needsMore()) {
+            ASSERT_TRUE(found.find(*database, now));
+        }
+        device.run("update T1 set Value=Value where ID=1"_q);
+        EXPECT_EQ(device.value("pragma wal_checkpoint(truncate)"_q), "0"_q) << "slice " << slices;
+    }
+    EXPECT_GT(slices, 5);
+    EXPECT_EQ(pass->rows(), 5000);
+    EXPECT_EQ(sorted.total(), 5000);
+    EXPECT_EQ(found.total(),
+              device.value("select count(*) from T1 where Value like '%99%' or DATETIME like '%99%'"_q).toInt());
+}
+
+TEST_F(ServePieces, RowsAreSortedAsSqliteDoes)
+{
+    PlainConnection device(path());
+    device.run(definition() + rows(3000) +
+               "insert into T1(DATETIME,Value) values(NULL,NULL),('x',5),('x',x'00ff'),('',''),(7,1.5),(7,NULL)"_q);
+    const auto database = Database::open(path(), Database::ReadOnly);
+    ASSERT_TRUE(database);
+    const auto pass = std::make_shared<TablePass>(table(), *endsOf(*database, "T1"_q));
+    for (const QByteArray &column : {QByteArray("DATETIME"), QByteArray("Value")}) {
+        for (const bool descending : {false, true}) {
+            SelectionQuery query;
+            query.column = column;
+            query.descending = descending;
+            Selection selection(pass, query);
+            while (selection.needsMore())
+                ASSERT_TRUE(selection.find(*database, std::chrono::steady_clock::now()));
+            QStringList ids;
+            for (const auto &row : *selection.page(*database, 0, 10000))
+                ids << QString::fromUtf8(row.front());
+            QStringList wanted;
+            const QString direction = descending ? " desc"_q : QString();
+            for (const QStringList &row :
+                 device.run("select ID from T1 order by %1%2,ID%2"_q.arg(QString::fromLatin1(column), direction)))
+                wanted << row.first();
+            EXPECT_EQ(ids, wanted);
+            EXPECT_EQ(*selection.placeOfId(*database, wanted.at(17).toInt()), 17);
+        }
+    }
+}
+
+TEST_F(ServePieces, APassGoesOnWhereRowsCome)
+{
+    PlainConnection device(path());
+    device.run(definition() + rows(1000));
+    const auto database = Database::open(path(), Database::ReadOnly);
+    ASSERT_TRUE(database);
+    TablePass grown(table(), *endsOf(*database, "T1"_q));
+    for (int i = 0; i < 20; ++i) {
+        grown.grow(*endsOf(*database, "T1"_q));
+        while (!grown.isDone())
+            ASSERT_TRUE(grown.read(*database, std::chrono::steady_clock::now()));
+        device.run(rows(37)); // the clock goes back each time
+    }
+    device.run("delete from T1 where ID>1000+19*37"_q);
+    TablePass once(table(), *endsOf(*database, "T1"_q));
+    while (!once.isDone())
+        ASSERT_TRUE(once.read(*database, std::chrono::steady_clock::now() + std::chrono::hours(1)));
+    EXPECT_EQ(grown.rows(), once.rows());
+    EXPECT_EQ(grown.statistics().mean(), once.statistics().mean());
+    EXPECT_EQ(grown.steps().size(), once.steps().size());
+    ASSERT_EQ(grown.blocks().all().size(), once.blocks().all().size());
+    for (size_t i = 0; i < once.blocks().all().size(); ++i)
+        EXPECT_EQ(grown.blocks().all().at(i).sum, once.blocks().all().at(i).sum);
+    ASSERT_EQ(grown.findings().size(), once.findings().size());
+    for (int i = 0; i < once.findings().size(); ++i)
+        EXPECT_EQ(grown.findings().at(i).text(), once.findings().at(i).text());
+}
+
+} // namespace
