@@ -73,7 +73,7 @@ void writeChange(Json &json, const ServedFile &file, const QList<QByteArray> &ta
         .key("version")
         .number(file.version)
         .key("error")
-        .text(file.watched.error())
+        .text(file.followed.error())
         .key("tables")
         .beginArray();
     for (const QByteArray &key : tables)
@@ -109,8 +109,8 @@ Result<std::unique_ptr<ServedFiles>> ServedFiles::of(const QStringList &paths)
     for (const QString &path : paths) {
         auto file = std::make_unique<ServedFile>(path);
         file->place = int(files->m_files.size());
-        if (!file->watched.database())
-            return failure(path, file->watched.error());
+        if (!file->followed.database())
+            return failure(path, file->followed.error());
         QList<QByteArray> grown;
         if (const Status read = files->read(*file, true, grown); !read)
             return read.error();
@@ -122,7 +122,7 @@ Result<std::unique_ptr<ServedFiles>> ServedFiles::of(const QStringList &paths)
 // What of a file has changed, by the IDs of its tables: reading all rows again would take long.
 Status ServedFiles::read(ServedFile &file, bool isOther, QList<QByteArray> &grown)
 {
-    const Database &database = *file.watched.database();
+    const Database &database = *file.followed.database();
     const auto schema = database.number("pragma schema_version");
     if (!schema)
         return schema.error();
@@ -132,7 +132,7 @@ Status ServedFiles::read(ServedFile &file, bool isOther, QList<QByteArray> &grow
         file.tables.clear();
         file.order.clear();
         file.ofIntegrity.clear();
-        if (QFileInfo(file.watched.path()).size() <= largestChecked) {
+        if (QFileInfo(file.followed.path()).size() <= largestChecked) {
             const auto found = integrityFindings(database);
             if (!found)
                 return found.error();
@@ -180,7 +180,7 @@ Status ServedFiles::read(ServedFile &file, bool isOther, QList<QByteArray> &grow
 
 Status ServedFiles::readTables(ServedFile &file)
 {
-    const Database &database = *file.watched.database();
+    const Database &database = *file.followed.database();
     const auto tables = tablesOf(database);
     if (!tables)
         return tables.error();
@@ -224,15 +224,15 @@ QByteArray ServedFiles::look()
     json.beginObject().key("files").beginArray();
     bool isAny = false;
     for (const auto &file : m_files) {
-        const WatchedFile::News news = file->watched.look();
-        const bool isIncomplete = file->watched.database() && file->schema < 0;
-        if (news == WatchedFile::News::None && !isIncomplete)
+        const FollowedFile::News news = file->followed.look();
+        const bool isIncomplete = file->followed.database() && file->schema < 0;
+        if (news == FollowedFile::News::None && !isIncomplete)
             continue;
         const qint64 version = file->version;
         QList<QByteArray> grown;
-        if (!file->watched.database()) {
+        if (!file->followed.database()) {
             ++file->version;
-        } else if (!this->read(*file, news == WatchedFile::News::Replaced || isIncomplete, grown)) {
+        } else if (!this->read(*file, news == FollowedFile::News::Replaced || isIncomplete, grown)) {
             // Such as a table that has gone between two questions: all of it again at the next look.
             file->tables.clear();
             file->order.clear();
@@ -272,7 +272,7 @@ std::shared_ptr<ServedTable> ServedFiles::table(const QByteArray &key) const
 QList<Finding> ServedFiles::findingsOf(const ServedFile &file) const
 {
     QList<Finding> findings = file.ofIntegrity;
-    if (file.watched.database()->text("pragma journal_mode").valueOr(QByteArray()) != "wal")
+    if (file.followed.database()->text("pragma journal_mode").valueOr(QByteArray()) != "wal")
         findings.append(
             {Severity::Note, QString(),
              QStringLiteral("rollback journal: it is copied whenever it has changed, so a large file is not "
@@ -292,8 +292,8 @@ QByteArray ServedFiles::open() const
     Json json;
     json.beginArray();
     for (const auto &file : m_files) {
-        const QString path = file->watched.path();
-        const Database *const database = file->watched.database();
+        const QString path = file->followed.path();
+        const Database *const database = file->followed.database();
         const auto number = [&](const char *sql) { return database ? database->number(sql).valueOr(0) : 0; };
         const auto text = [&](const char *sql) {
             return database ? database->text(sql).valueOr(QByteArray()) : QByteArray("");
@@ -322,7 +322,7 @@ QByteArray ServedFiles::open() const
         json.endArray().key("findings").beginArray();
         for (const Finding &each : database ? findingsOf(*file) : QList<Finding>())
             writeFinding(json, each);
-        json.endArray().key("error").text(file->watched.error()).endObject();
+        json.endArray().key("error").text(file->followed.error()).endObject();
     }
     return json.endArray().written();
 }

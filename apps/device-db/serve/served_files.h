@@ -2,9 +2,9 @@
 #ifndef DEVICE_DB_SERVED_FILES_H
 #define DEVICE_DB_SERVED_FILES_H
 
+#include "serve/followed_file.h"
 #include "serve/json.h"
 #include "serve/selection.h"
-#include "serve/watched_file.h"
 
 #include <map>
 
@@ -29,9 +29,9 @@ struct ServedTable {
 };
 
 struct ServedFile {
-    explicit ServedFile(const QString &path) : watched(path) {}
+    explicit ServedFile(const QString &path) : followed(path) {}
 
-    WatchedFile watched;
+    FollowedFile followed;
     int place = 0;
     QList<Table> all;
     QList<Registration> registrations;

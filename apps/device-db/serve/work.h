@@ -43,9 +43,9 @@ private:
 /// What to read a table from; the Error says why its file cannot be read at the moment.
 inline Result<const Database *> databaseOf(const ServedTable &table)
 {
-    if (const Database *const database = table.file->watched.database())
+    if (const Database *const database = table.file->followed.database())
         return database;
-    return failure(table.file->watched.path(), table.file->watched.error());
+    return failure(table.file->followed.path(), table.file->followed.error());
 }
 
 } // namespace device_db

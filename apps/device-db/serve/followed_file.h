@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef DEVICE_DB_WATCHED_FILE_H
-#define DEVICE_DB_WATCHED_FILE_H
+#ifndef DEVICE_DB_FOLLOWED_FILE_H
+#define DEVICE_DB_FOLLOWED_FILE_H
 
 #include "storefile/live_file.h"
 
@@ -14,13 +14,13 @@ namespace device_db
 /// A file that a device may be writing, read harmlessly: in write-ahead mode itself, otherwise in a copy that is made
 /// anew when the file has changed. Copies are made beside the thread of their owner, and take a fifth of the time at
 /// most.
-class WatchedFile
+class FollowedFile
 {
 public:
-    explicit WatchedFile(QString path);
-    ~WatchedFile();
-    WatchedFile(const WatchedFile &) = delete;
-    WatchedFile &operator=(const WatchedFile &) = delete;
+    explicit FollowedFile(QString path);
+    ~FollowedFile();
+    FollowedFile(const FollowedFile &) = delete;
+    FollowedFile &operator=(const FollowedFile &) = delete;
 
     enum class News {
         None,

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "serve/watched_file.h"
+#include "serve/followed_file.h"
 
 #include <QFile>
 
@@ -25,7 +25,7 @@ qint64 versionOf(const Database &database)
 } // namespace
 
 // Closing the file would drop the locks of this process on it, so it is opened only as long as a copy is read.
-WatchedFile::Mark WatchedFile::markOf(const QString &path, bool mayOpen)
+FollowedFile::Mark FollowedFile::markOf(const QString &path, bool mayOpen)
 {
     Mark mark;
     const QByteArray name = QFile::encodeName(path);
@@ -54,28 +54,28 @@ WatchedFile::Mark WatchedFile::markOf(const QString &path, bool mayOpen)
     return mark;
 }
 
-WatchedFile::WatchedFile(QString path) : m_path(std::move(path))
+FollowedFile::FollowedFile(QString path) : m_path(std::move(path))
 {
     m_markOfOpening = markOf(m_path, true);
     (void)take(opened(m_path));
 }
 
-WatchedFile::Opened WatchedFile::opened(const QString &path)
+FollowedFile::Opened FollowedFile::opened(const QString &path)
 {
     const auto began = Clock::now();
     auto file = openFile(path, {});
     return {std::move(file), Clock::now() - began};
 }
 
-WatchedFile::~WatchedFile() = default; // waits for a copy that is being made
+FollowedFile::~FollowedFile() = default; // waits for a copy that is being made
 
-void WatchedFile::startOpening()
+void FollowedFile::startOpening()
 {
     m_markOfOpening = markOf(m_path, true);
     m_opening = std::async(std::launch::async, [path = m_path] { return opened(path); });
 }
 
-WatchedFile::News WatchedFile::take(Opened opened)
+FollowedFile::News FollowedFile::take(Opened opened)
 {
     const auto now = Clock::now();
     const bool isOther = m_mark.inode != m_markOfOpening.inode || m_mark.device != m_markOfOpening.device;
@@ -99,7 +99,7 @@ WatchedFile::News WatchedFile::take(Opened opened)
     return wasGone || (isOther && hadFile) ? News::Replaced : News::Changed;
 }
 
-WatchedFile::News WatchedFile::look()
+FollowedFile::News FollowedFile::look()
 {
     if (m_opening.valid()) {
         if (m_opening.wait_for(0s) != std::future_status::ready)
@@ -122,7 +122,7 @@ WatchedFile::News WatchedFile::look()
     return News::Changed;
 }
 
-WatchedFile::News WatchedFile::lookAtCopy()
+FollowedFile::News FollowedFile::lookAtCopy()
 {
     if (Clock::now() < m_nextOpening)
         return News::None;
