@@ -4,6 +4,7 @@
 #include "storefile/system_error.h"
 #include "storefile/temporary_file.h"
 #include "storefile/texts.h"
+#include "storefile/watched_file.h"
 
 #include <QDir>
 #include <QFile>
@@ -14,15 +15,12 @@
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <cstring>
 #include <thread>
 #include <vector>
 
 #include <fcntl.h>
 #include <linux/fs.h>
-#include <sys/inotify.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace device_db
@@ -35,180 +33,24 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::array<const char *, 4> besides{"", "-journal", "-wal", "-shm"};
 
-// SQLite's locks are locks of single bytes, which can be looked at without taking one.
-constexpr off_t reservedByte = 0x40000001;
-constexpr off_t sharedBytes = 0x40000002;
-constexpr off_t sharedSize = 510;
-
-class Descriptor
-{
-public:
-    Descriptor(const QByteArray &path, int flags) : m_number(open(path.constData(), flags | O_CLOEXEC, 0600)) {}
-    ~Descriptor()
-    {
-        if (m_number >= 0)
-            close(m_number);
-    }
-    Q_DISABLE_COPY(Descriptor)
-
-    bool isOpen() const { return m_number >= 0; }
-    int number() const { return m_number; }
-
-private:
-    int m_number;
-};
-
-bool isLocked(int file, short against, off_t begin, off_t size)
-{
-    struct flock lock {
-    };
-    lock.l_type = against;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = begin;
-    lock.l_len = size;
-    return fcntl(file, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-}
-
-struct Mark {
-    bool exists = false;
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    timespec changed{};
-
-    friend bool operator==(const Mark &a, const Mark &b)
-    {
-        return a.exists == b.exists && a.device == b.device && a.inode == b.inode && a.size == b.size &&
-               a.changed.tv_sec == b.changed.tv_sec && a.changed.tv_nsec == b.changed.tv_nsec;
-    }
-};
-
-Mark markOf(const QByteArray &path)
-{
-    struct stat status {
-    };
-    if (stat(path.constData(), &status) != 0)
-        return {};
-    return {true, status.st_dev, status.st_ino, status.st_size, status.st_mtim};
-}
-
-// Tells whether a file was written, without the coarse clock of its time stamp.
-class Watch
-{
-public:
-    explicit Watch(const QByteArray &path) : m_inotify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
-    {
-        if (m_inotify >= 0 &&
-            inotify_add_watch(m_inotify, path.constData(), IN_MODIFY | IN_MOVE_SELF | IN_DELETE_SELF) < 0) {
-            close(m_inotify);
-            m_inotify = -1;
-        }
-    }
-    ~Watch()
-    {
-        if (m_inotify >= 0)
-            close(m_inotify);
-    }
-    Q_DISABLE_COPY(Watch)
-
-    bool works() const { return m_inotify >= 0; }
-    /// Since the last call.
-    bool wasWritten()
-    {
-        alignas(inotify_event) char events[4096];
-        bool any = false;
-        while (m_inotify >= 0 && read(m_inotify, events, sizeof events) > 0)
-            any = true;
-        return any;
-    }
-
-private:
-    int m_inotify;
-};
-
 enum class Copied { Done, Disturbed, Failed };
 
-// What a reader has to know of one database file, all of it learnt by plain reads.
-class Source
+// A file and the ways to copy it.
+class Source : public WatchedFile
 {
 public:
-    /// SQLite keeps its files beside the one that a link leads to.
-    explicit Source(const QString &path)
-        : m_name(path),
-          m_path(QFile::encodeName(QFileInfo(path).canonicalFilePath())),
-          m_file(m_path, O_RDONLY),
-          m_watch(m_path)
-    {
-    }
-
-    bool isOpen() const { return m_file.isOpen(); }
-    Status look();
-    bool isWriteAhead() const { return m_writeAhead; }
-    bool isInUse() const { return isLocked(m_file.number(), F_WRLCK, sharedBytes, sharedSize); }
-    bool hasLog() const { return markOf(m_path + "-wal").size > 0; }
-    bool hasEmptyLog() const { return markOf(m_path + "-wal").exists && !hasLog(); }
+    using WatchedFile::WatchedFile;
 
     Result<std::unique_ptr<TemporaryFile>> rollbackSnapshot(Clock::time_point deadline);
     Result<std::unique_ptr<TemporaryFile>> writeAheadSnapshot();
 
 private:
-    enum class Journal {
-        Quiet,   ///< No transaction has begun to change the file.
-        Writing, ///< One is about to.
-        Left     ///< One was, and its process is gone.
-    };
-    Journal journal() const;
-    bool isQuiet() const
-    {
-        // A journal kept in memory shows nowhere but in the lock.
-        return journal() == Journal::Quiet && !isLocked(m_file.number(), F_RDLCK, sharedBytes, sharedSize);
-    }
     bool waitUntilQuiet(Clock::time_point deadline, bool &left) const;
-    QByteArray header() const;
     Copied copy(const QByteArray &from, const QByteArray &to, bool stopWhenWritten);
     Copied copyInQuiet(const QByteArray &to);
     Error copyError(const TemporaryFile &snapshot) const;
     Result<std::unique_ptr<TemporaryFile>> room() const;
-
-    QString m_name;
-    QByteArray m_path;
-    Descriptor m_file;
-    Watch m_watch;
-    bool m_writeAhead = false;
 };
-
-QByteArray Source::header() const
-{
-    QByteArray bytes(100, '\0');
-    const ssize_t size = pread(m_file.number(), bytes.data(), size_t(bytes.size()), 0);
-    bytes.resize(int(std::max<ssize_t>(0, size)));
-    return bytes;
-}
-
-Status Source::look()
-{
-    const QByteArray bytes = header();
-    if (!bytes.isEmpty() && !bytes.startsWith(QByteArray("SQLite format 3\0", 16)))
-        return failure(m_name,
-                       QStringLiteral("this is not a database, or its beginning is damaged; \"device-db salvage\" "
-                                      "gets rows out of a damaged file"));
-    m_writeAhead = bytes.size() == 100 && bytes.at(18) == 2 && bytes.at(19) == 2;
-    return {};
-}
-
-// SQLite changes the file only while a journal with a valid header is beside it. The header is zero until the
-// journal is safe on the disk, and again, or the journal gone or empty, when the transaction is over.
-Source::Journal Source::journal() const
-{
-    static constexpr uchar magic[] = {0xd9, 0xd5, 0x05, 0xf9, 0x20, 0xa1, 0x63, 0xd7};
-    const Descriptor journal(m_path + "-journal", O_RDONLY);
-    uchar head[sizeof magic];
-    if (!journal.isOpen() || pread(journal.number(), head, sizeof head, 0) != ssize_t(sizeof head) ||
-        std::memcmp(head, magic, sizeof magic) != 0)
-        return Journal::Quiet;
-    // Who writes holds the lock until its journal is gone.
-    return isLocked(m_file.number(), F_WRLCK, reservedByte, 1) ? Journal::Writing : Journal::Left;
-}
 
 bool Source::waitUntilQuiet(Clock::time_point deadline, bool &left) const
 {
@@ -246,32 +88,19 @@ Copied Source::copy(const QByteArray &from, const QByteArray &to, bool stopWhenW
         if (size < 0 || pwrite(target.number(), block.data(), size_t(size), offset) != size)
             return Copied::Failed;
         offset += size;
-        if (stopWhenWritten && m_watch.wasWritten())
+        if (stopWhenWritten && wasWritten())
             return Copied::Disturbed;
     }
 }
 
-// The copy is a committed state when no transaction has touched the file from the first byte read to the last.
 Copied Source::copyInQuiet(const QByteArray &to)
 {
-    m_watch.wasWritten();
-    const Mark before = markOf(m_path);
-    const QByteArray headerBefore = header();
-    if (!isQuiet())
+    if (!beginRead())
         return Copied::Disturbed;
-    if (!m_watch.works()) {
-        // The clock of time stamps is coarse: a change right after the last one would not show.
-        timespec now{};
-        clock_gettime(CLOCK_REALTIME, &now);
-        if (now.tv_sec - before.changed.tv_sec < 2)
-            return Copied::Disturbed;
-    }
     const Copied copied = copy(m_path, to, true);
     if (copied != Copied::Done)
         return copied;
-    // The header holds a counter of the transactions.
-    const bool same = isQuiet() && header() == headerBefore && markOf(m_path) == before && !m_watch.wasWritten();
-    return same ? Copied::Done : Copied::Disturbed;
+    return isUntouched() ? Copied::Done : Copied::Disturbed;
 }
 
 Result<std::unique_ptr<TemporaryFile>> Source::room() const
@@ -283,7 +112,7 @@ Result<std::unique_ptr<TemporaryFile>> Source::room() const
                                              .arg(systemError()));
     qint64 needed = 1 << 20;
     for (const char *ending : besides)
-        needed += markOf(m_path + ending).size;
+        needed += FileMark::of(m_path + ending).size;
     const QStorageInfo storage(temporaryPlace());
     if (storage.isValid() && storage.bytesAvailable() < needed)
         return failure(m_name, QStringLiteral("a snapshot of %1 does not fit into %2, which has %3 free; name another "
@@ -317,14 +146,14 @@ Result<std::unique_ptr<TemporaryFile>> Source::rollbackSnapshot(Clock::time_poin
         } else {
             // A dead device's last transaction: SQLite rolls it back, in the copy.
             const QByteArray journalPath = m_path + "-journal";
-            m_watch.wasWritten();
-            const Mark file = markOf(m_path);
-            const Mark journalFile = markOf(journalPath);
+            wasWritten();
+            const FileMark file = FileMark::of(m_path);
+            const FileMark journalFile = FileMark::of(journalPath);
             if (copy(m_path, snapshot->path(), false) != Copied::Done ||
                 copy(journalPath, snapshot->path("-journal"), false) != Copied::Done)
                 return copyError(*snapshot);
-            if (journal() == Journal::Left && markOf(m_path) == file && markOf(journalPath) == journalFile &&
-                !m_watch.wasWritten()) {
+            if (journal() == Journal::Left && FileMark::of(m_path) == file &&
+                FileMark::of(journalPath) == journalFile && !wasWritten()) {
                 const auto recovered = Database::open(QFile::decodeName(snapshot->path()), Database::ReadWrite, m_name);
                 if (!recovered)
                     return recovered.error();
@@ -347,13 +176,13 @@ Result<std::unique_ptr<TemporaryFile>> Source::writeAheadSnapshot()
         return made;
     std::unique_ptr<TemporaryFile> snapshot = std::move(made).value();
     const QByteArray logPath = m_path + "-wal";
-    m_watch.wasWritten();
-    const Mark file = markOf(m_path);
-    const Mark log = markOf(logPath);
+    wasWritten();
+    const FileMark file = FileMark::of(m_path);
+    const FileMark log = FileMark::of(logPath);
     if (copy(m_path, snapshot->path(), false) != Copied::Done ||
         (log.exists && copy(logPath, snapshot->path("-wal"), false) != Copied::Done))
         return copyError(*snapshot);
-    if (isInUse() || m_watch.wasWritten() || !(markOf(m_path) == file) || !(markOf(logPath) == log))
+    if (isInUse() || wasWritten() || !(FileMark::of(m_path) == file) || !(FileMark::of(logPath) == log))
         return std::unique_ptr<TemporaryFile>(); // somebody has just begun to use it
     return snapshot;
 }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "storefile/sqlite.h"
 
+#include <QFileInfo>
+
 #include <sqlite3.h>
 
 namespace device_db
@@ -59,6 +61,11 @@ Status Statement::status() const
     return sqliteError(sqlite3_db_handle(m_statement.get()), m_code, m_site);
 }
 
+bool Statement::wasTooBig() const
+{
+    return (m_code & 0xff) == SQLITE_TOOBIG;
+}
+
 int Statement::columns() const
 {
     return sqlite3_column_count(m_statement.get());
@@ -74,21 +81,32 @@ bool Statement::onlyReads() const
     return sqlite3_stmt_readonly(m_statement.get()) != 0;
 }
 
-QByteArray Statement::cell(int column) const
+std::string_view Statement::bytes(int column) const
 {
     sqlite3_stmt *const statement = m_statement.get();
     const int type = sqlite3_column_type(statement, column);
     if (type == SQLITE_NULL)
-        return QByteArray();
+        return {};
     const void *const bytes =
         type == SQLITE_BLOB ? sqlite3_column_blob(statement, column) : sqlite3_column_text(statement, column);
     const int size = sqlite3_column_bytes(statement, column);
-    return size == 0 ? QByteArray("") : QByteArray(static_cast<const char *>(bytes), size);
+    return size == 0 ? std::string_view("") : std::string_view(static_cast<const char *>(bytes), size_t(size));
+}
+
+QByteArray Statement::cell(int column) const
+{
+    const std::string_view found = bytes(column);
+    return found.data() ? QByteArray(found.data(), int(found.size())) : QByteArray();
 }
 
 qint64 Statement::number(int column) const
 {
     return sqlite3_column_int64(m_statement.get(), column);
+}
+
+double Statement::real(int column) const
+{
+    return sqlite3_column_double(m_statement.get(), column);
 }
 
 int Statement::type(int column) const
@@ -133,6 +151,10 @@ void Database::Close::operator()(sqlite3 *connection) const
 
 Result<Database> Database::open(const QString &path, Mode mode, const QString &name)
 {
+    if (mode == Immutable) {
+        const QByteArray whole = QFileInfo(path).canonicalFilePath().toUtf8().toPercentEncoding("/");
+        return opened("file:" + whole + "?immutable=1", mode, name.isEmpty() ? path : name);
+    }
     // SQLite takes file:NAME for a URI and :memory: for no file at all.
     const QByteArray file = (path.startsWith(QLatin1Char('/')) ? QByteArray() : QByteArray("./")) + path.toUtf8();
     return opened(file, mode, name.isEmpty() ? path : name);
@@ -151,8 +173,10 @@ Result<Database> Database::temporary()
 Result<Database> Database::opened(const QByteArray &file, Mode mode, const QString &site)
 {
     sqlite3 *connection = nullptr;
-    const int code = sqlite3_open_v2(file.constData(), &connection,
-                                     mode == ReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE, nullptr);
+    const int flags = mode == ReadWrite   ? SQLITE_OPEN_READWRITE
+                      : mode == Immutable ? SQLITE_OPEN_READONLY | SQLITE_OPEN_URI
+                                          : SQLITE_OPEN_READONLY;
+    const int code = sqlite3_open_v2(file.constData(), &connection, flags, nullptr);
     Database database(connection, site);
     if (code != SQLITE_OK)
         return sqliteError(connection, code, site);
@@ -160,7 +184,7 @@ Result<Database> Database::opened(const QByteArray &file, Mode mode, const QStri
     sqlite3_busy_timeout(connection, 2000);
     sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-    if (mode == ReadOnly) {
+    if (mode != ReadWrite) {
         sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
         sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
     }

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -25,13 +26,18 @@ public:
     bool step();
     void reset();
     Status status() const;
+    /// It failed because a cell is larger than the connection's limit.
+    bool wasTooBig() const;
 
     int columns() const;
     QString nameOf(int column) const;
     bool onlyReads() const;
     /// The cell's bytes, UTF-8 for a text; a null array for NULL. Valid for ever (a copy).
     QByteArray cell(int column) const;
+    /// The same without a copy; valid until the next step. Its data() is null for NULL.
+    std::string_view bytes(int column) const;
     qint64 number(int column) const;
+    double real(int column) const;
     int type(int column) const; ///< SQLITE_TEXT and the like.
 
     void bind(int place, const QByteArray &text); ///< NULL for a null array.
@@ -58,7 +64,8 @@ private:
 class Database
 {
 public:
-    enum Mode { ReadOnly, ReadWrite };
+    /// Immutable: without a lock, and without a look at the journal or the log; for a file that does not change.
+    enum Mode { ReadOnly, ReadWrite, Immutable };
 
     /// Never creates a file: a mistyped name is an error. `name`: what messages call the file, when it is a copy.
     static Result<Database> open(const QString &path, Mode mode, const QString &name = QString());

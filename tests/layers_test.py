@@ -25,6 +25,7 @@ apps/device-db/import
 apps/device-db/serve
 apps/device-db/commands
 apps/device-db
+apps/device-ship
 examples/device_monitor
 examples/logger
 examples/panel

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_SHIP_DEVICE_ARCHIVE_H
+#define DEVICE_SHIP_DEVICE_ARCHIVE_H
+
+#include "archive_connection.h"
+#include "stream.h"
+
+namespace device_ship
+{
+
+/// The archive as a device sees it: its own streams. After any Error ask for the streams again before anything else is
+/// sent: what they say is the truth.
+class DeviceArchive
+{
+public:
+    /// Connects and says which device this is.
+    static Result<DeviceArchive> open(const QMap<QByteArray, QByteArray> &settings, const QString &zone);
+
+    bool isOpen() const { return m_connection.isOpen(); }
+    /// The archive has moved on since the streams were read, by another shipper or by an answer that was lost.
+    bool wasBehind() const { return m_connection.sqlState() == "FL001"; }
+    /// The rows themselves were refused, which the encoder should have prevented.
+    bool refusedRows() const { return m_connection.sqlState().startsWith("22"); }
+
+    /// Number, file, table, kind, generation and watermark of each; the rest is empty.
+    Result<QList<Stream>> streams();
+    Status enrol(const Stream &stream);
+    Status describe(const Stream &stream, const QByteArray &title, const QByteArray &unit,
+                    const QByteArray &description);
+
+    /// The new rows of all pieces, in one transaction.
+    Status ship(const QList<Piece> &pieces);
+    /// Rows up to `upTo` are gone from the file.
+    Status skip(const Stream &stream, qint64 upTo);
+    /// For each row: whether it is that of the archive. Rows that the archive does not have are left out.
+    Result<QMap<qint64, bool>> judge(const Stream &stream, int generation, const QList<RowMark> &rows);
+    Status beginGeneration(const Stream &stream, int parent, qint64 after, const QByteArray &reason);
+    /// Their number, and the digest of all of them.
+    Result<QPair<qint64, qint64>> rangeDigest(const Stream &stream, qint64 first, qint64 last);
+
+    Result<QSet<qint64>> activeAlarms(const Stream &stream);
+    Status endAlarms(const Stream &stream, const QList<AlarmEnd> &ends);
+    Status alarmsGone(const Stream &stream, const QList<qint64> &ids, std::optional<double> secondsAgo);
+
+    Status report(const QList<Stream *> &streams, const QString &trouble);
+
+private:
+    explicit DeviceArchive(ArchiveConnection connection) : m_connection(std::move(connection)) {}
+    Status call(const QByteArray &function, const QList<QByteArray> &parameters);
+
+    ArchiveConnection m_connection;
+};
+
+} // namespace device_ship
+
+#endif

@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: MIT
+#include "schema.h"
+
+#include "archive_sql.h"
+
+namespace device_ship
+{
+
+using device_db::failure;
+
+int schemaVersion()
+{
+    return int(archiveSql().size());
+}
+
+Result<int> initialise(ArchiveConnection &archive)
+{
+    const auto encoding = archive.query("show server_encoding");
+    if (!encoding)
+        return encoding.error();
+    if (encoding->first().first() != "UTF8")
+        return failure(QStringLiteral("archive"),
+                       QStringLiteral("its encoding is %1; make a database with the encoding UTF8")
+                           .arg(QString::fromLatin1(encoding->first().first())));
+    const auto exists = archive.query("select to_regclass('fleet.version') is not null");
+    if (!exists)
+        return exists.error();
+    int version = 0;
+    if (exists->first().first() == "t") {
+        const auto found = archive.query("select max(version) from fleet.version");
+        if (!found)
+            return found.error();
+        version = found->first().first().toInt();
+    }
+    if (version > schemaVersion())
+        return failure(QStringLiteral("archive"), QStringLiteral("it is of version %1, made by a later device-ship; "
+                                                                 "this one knows %2")
+                                                      .arg(version)
+                                                      .arg(schemaVersion()));
+    QByteArray sql("begin;");
+    for (int next = version; next < schemaVersion(); ++next)
+        sql += archiveSql().at(next);
+    sql += "insert into fleet.version (version) select generate_series(" + QByteArray::number(version + 1) + ", " +
+           QByteArray::number(schemaVersion()) + "); select fleet.make_months(); commit";
+    const auto done = archive.query(sql);
+    if (!done) {
+        (void)archive.query("rollback");
+        return done.error();
+    }
+    return version;
+}
+
+Status addDevice(ArchiveConnection &archive, int number, const QString &name, const QByteArray &password)
+{
+    const QByteArray role = "dev_" + QByteArray::number(number);
+    QByteArray secret;
+    if (!password.isEmpty()) {
+        const auto encrypted = archive.encryptedPassword(password, role);
+        if (!encrypted)
+            return encrypted.error();
+        secret = *encrypted;
+    }
+    const auto known = archive.query("select from pg_roles where rolname = $1", {role});
+    if (!known)
+        return known.error();
+    QByteArray sql = "begin;";
+    if (known->isEmpty())
+        sql += "create role " + role + ";";
+    // A statement that waits, or a transaction that is left open, must not last.
+    sql += "alter role " + role + " login connection limit 4" +
+           (secret.isEmpty() ? QByteArray() : " password '" + secret + "'") + ";grant fleet_device to " + role +
+           ";alter role " + role + " set statement_timeout = '5min';alter role " + role +
+           " set idle_in_transaction_session_timeout = '1min';";
+    if (const auto made = archive.query(sql); !made) {
+        (void)archive.query("rollback");
+        return made.error();
+    }
+    const QByteArray utf8 = name.toUtf8();
+    const auto listed = archive.query("insert into fleet.device (device, name) values ($1, $2) "
+                                      "on conflict (device) do update set name = excluded.name",
+                                      {QByteArray::number(number), utf8.isNull() ? QByteArray("") : utf8});
+    const auto done = archive.query(listed ? "commit" : "rollback");
+    if (!listed)
+        return listed.error();
+    return done ? Status() : done.error();
+}
+
+} // namespace device_ship

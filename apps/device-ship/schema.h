@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_SHIP_SCHEMA_H
+#define DEVICE_SHIP_SCHEMA_H
+
+#include "archive_connection.h"
+
+namespace device_ship
+{
+
+/// The version that this program makes and needs.
+int schemaVersion();
+
+/// Makes the archive in a database, or brings it up to date: in one transaction. The former version, 0 for none.
+Result<int> initialise(ArchiveConnection &archive);
+
+/// Makes a device and its role, or gives both another name and password. An empty password: the server knows the role
+/// by other means.
+Status addDevice(ArchiveConnection &archive, int number, const QString &name, const QByteArray &password);
+
+} // namespace device_ship
+
+#endif

@@ -1,0 +1,361 @@
+// SPDX-License-Identifier: MIT
+#include "shipper.h"
+
+#include "shipped_statement.h"
+
+#include <algorithm>
+
+namespace device_ship
+{
+
+using device_db::Database;
+using device_db::Kind;
+
+namespace
+{
+
+// More make no batch cheaper, and two of them must fit into memory.
+constexpr int mostRows = 5000;
+constexpr qint64 mostBytes = 2 * 1024 * 1024;
+constexpr int leastRead = 50;
+constexpr double highestInJson = 9007199254740992.0;
+
+} // namespace
+
+Shipper::Shipper(Configuration configuration) : m_configuration(std::move(configuration)), m_mostRows(mostRows)
+{
+    for (const ConfiguredFile &file : m_configuration.files)
+        m_files.push_back(std::make_unique<File>(file));
+}
+
+QString Shipper::trouble() const
+{
+    QStringList all;
+    for (const auto &file : m_files) {
+        for (const QString &trouble : {file->trouble, file->statementTrouble}) {
+            if (!trouble.isEmpty())
+                all << trouble;
+        }
+    }
+    return all.join(QLatin1String("; "));
+}
+
+bool Shipper::wasDisturbed() const
+{
+    return std::any_of(m_files.begin(), m_files.end(), [](const auto &file) { return file->again; });
+}
+
+// After any failure the archive is asked again where it is. That it has moved on is none.
+Status Shipper::failed(const device::Error &error)
+{
+    const bool behind = m_archive && m_archive->wasBehind();
+    m_haveStreams = false;
+    if (m_archive && !m_archive->isOpen())
+        m_archive.reset();
+    return behind ? Status() : error;
+}
+
+Status Shipper::connect()
+{
+    if (!m_archive) {
+        auto archive = DeviceArchive::open(m_configuration.archive, m_configuration.zone);
+        if (!archive)
+            return archive.error();
+        m_archive = std::move(archive).value();
+        m_haveStreams = false;
+    }
+    if (m_haveStreams)
+        return {};
+    const auto streams = m_archive->streams();
+    if (!streams)
+        return streams.error();
+    m_streams.clear();
+    for (const Stream &each : *streams) {
+        m_streams.push_back(std::make_unique<Stream>(each));
+        if (each.kind != Kind::Alarms)
+            continue;
+        const auto active = m_archive->activeAlarms(each);
+        if (!active)
+            return active.error();
+        m_streams.back()->active = *active;
+    }
+    m_haveStreams = true;
+    return {};
+}
+
+Stream *Shipper::streamOf(const File &file, const device_db::Table &table)
+{
+    const auto found = std::find_if(m_streams.begin(), m_streams.end(), [&](const auto &stream) {
+        return stream->file == file.reader.name() && stream->table == table.name && stream->kind == table.kind;
+    });
+    return found == m_streams.end() ? nullptr : found->get();
+}
+
+Status Shipper::enrolNew(File &file)
+{
+    bool any = false;
+    for (const device_db::Table &table : file.reader.tables()) {
+        if (streamOf(file, table))
+            continue;
+        Stream stream;
+        stream.file = file.reader.name();
+        stream.table = table.name;
+        stream.kind = table.kind;
+        if (const Status done = m_archive->enrol(stream); !done)
+            return done;
+        any = true;
+    }
+    if (!any)
+        return {};
+    file.named = false;
+    m_haveStreams = false;
+    return connect();
+}
+
+Status Shipper::describe(File &file)
+{
+    QMap<QString, Title> titles;
+    const Status read = file.reader.read([&](const Database &database) -> Status {
+        auto found = file.reader.titles(database);
+        if (!found)
+            return found.error();
+        titles = *found;
+        return {};
+    });
+    if (!read) {
+        file.trouble = device_db::oneLine(read.error());
+        return {};
+    }
+    for (const device_db::Table &table : file.reader.tables()) {
+        const Title title = titles.value(table.name.toLower());
+        if (const Stream *const stream = streamOf(file, table)) {
+            if (const Status done = m_archive->describe(*stream, title.title, title.unit, title.description); !done)
+                return done;
+        }
+    }
+    file.named = true;
+    return {};
+}
+
+// What is new in a file. A file's own failure is its trouble and no Error.
+Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
+{
+    QList<Piece> pieces;
+    Budget left = budget;
+    bool changed = false;
+    const auto done = file.reader.tryRead([&](const Database &database) -> Status {
+        const auto tables = file.reader.tablesChanged(database);
+        if (!tables)
+            return tables.error();
+        changed = *tables;
+        left.rows = std::min(left.rows, file.rows);
+        for (const device_db::Table &table : file.reader.tables()) {
+            Stream *const stream = streamOf(file, table);
+            if (!stream)
+                continue;
+            auto piece = readPiece(database, *stream, left);
+            if (!piece)
+                return piece.error();
+            pieces << std::move(piece).value();
+        }
+        return {};
+    });
+    file.again = !done || !*done;
+    if (!done) {
+        file.trouble = device_db::oneLine(done.error());
+        file.reader.forgetTables();
+        file.again = false;
+        return QList<Piece>();
+    }
+    if (!*done) {
+        file.rows = std::max(leastRead, file.rows / 2);
+        file.reader.forgetTables();
+        return QList<Piece>();
+    }
+    file.trouble.clear();
+    budget.rows -= std::min(budget.rows, file.rows) - left.rows;
+    budget.bytes = left.bytes;
+    if (left.rows == 0)
+        file.rows = std::min(mostRows, file.rows * 2);
+    file.named &= !changed;
+    if (const Status enrolled = enrolNew(file); !enrolled)
+        return enrolled.error();
+    if (!file.named) {
+        if (const Status named = describe(file); !named)
+            return named.error();
+    }
+    return pieces;
+}
+
+Result<bool> Shipper::ship()
+{
+    if (const Status connected = connect(); !connected) {
+        const Status status = failed(connected.error());
+        return status ? Result<bool>(true) : status.error();
+    }
+    Budget budget{m_mostRows, mostBytes, m_refusal};
+    bool more = false;
+    QList<Piece> pieces;
+    const auto carriedOut = [&]() -> Status {
+        for (std::size_t i = 0; i < m_files.size() && m_haveStreams; ++i) {
+            File &file = *m_files[(m_first + i) % m_files.size()];
+            const std::size_t before = m_streams.size();
+            auto found = look(file, budget);
+            if (!found)
+                return found.error();
+            more |= file.again;
+            if (m_streams.size() != before) { // the pieces point to those that were
+                more = true;
+                return {};
+            }
+            for (const Piece &piece : *found) {
+                const auto goesOn = continues(file, piece);
+                if (!goesOn)
+                    return goesOn.error();
+                if (!*goesOn) {
+                    more = true;
+                    m_haveStreams = false;
+                    return {};
+                }
+                more |= piece.more;
+                pieces << piece;
+            }
+        }
+        return carryOut(pieces);
+    }();
+    if (!carriedOut) {
+        if (m_archive && m_archive->isOpen() && m_archive->refusedRows()) {
+            // One row must not hold up the others: it is found by halving, and recorded without its cells.
+            if (m_mostRows == 1)
+                m_refusal = carriedOut.error().cause().toUtf8();
+            m_mostRows = std::max(1, m_mostRows / 2);
+            m_haveStreams = false;
+            return true;
+        }
+        const Status status = failed(carriedOut.error());
+        return status ? Result<bool>(true) : status.error();
+    }
+    m_refusal.clear();
+    if (m_mostRows == mostRows)
+        ++m_first;
+    m_mostRows = std::min(mostRows, m_mostRows * 2);
+    return more;
+}
+
+Status Shipper::carryOut(const QList<Piece> &pieces)
+{
+    const bool anyRows = std::any_of(pieces.begin(), pieces.end(), [](const Piece &piece) { return piece.rows > 0; });
+    if (anyRows) {
+        if (const Status done = m_archive->ship(pieces); !done)
+            return done;
+    }
+    for (const Piece &piece : pieces) {
+        Stream &stream = *piece.stream;
+        stream.lastId = piece.lastId;
+        m_moved |= piece.rows > 0 || piece.lastId > stream.watermark;
+        if (piece.rows > 0) {
+            stream.watermark = piece.last->id;
+            stream.known = piece.last;
+            for (const qint64 id : piece.active)
+                stream.active.insert(id);
+        } else if (!piece.more && piece.lastId > stream.watermark) {
+            if (const Status done = m_archive->skip(stream, piece.lastId); !done)
+                return done;
+            stream.watermark = piece.lastId;
+            stream.known.reset();
+        }
+        if (!piece.ends.isEmpty()) {
+            if (const Status done = m_archive->endAlarms(stream, piece.ends); !done)
+                return done;
+            for (const AlarmEnd &each : piece.ends)
+                stream.active.remove(each.id);
+        }
+        if (!piece.gone.isEmpty()) {
+            std::optional<double> ago;
+            if (stream.seen != Clock::time_point())
+                ago = std::chrono::duration<double>(Clock::now() - stream.seen).count();
+            if (const Status done = m_archive->alarmsGone(stream, piece.gone, ago); !done)
+                return done;
+            for (const qint64 id : piece.gone)
+                stream.active.remove(id);
+        }
+        stream.seen = Clock::now();
+    }
+    for (const auto &file : m_files) {
+        for (const device_db::Table &table : file->reader.tables()) {
+            Stream *const stream = streamOf(*file, table);
+            if (stream && stream->kind == Kind::Alarms && !stream->endsCompared) {
+                if (const Status done = compareEnds(*file, *stream); !done)
+                    return done;
+            }
+        }
+    }
+    return {};
+}
+
+// An end that was corrected, or that came while nobody looked.
+Status Shipper::compareEnds(File &file, Stream &stream)
+{
+    qint64 after = 0;
+    for (;;) {
+        QList<AlarmEnd> ends;
+        const Status read = file.reader.read([&](const Database &database) -> Status {
+            auto found = readEnds(database, stream, after);
+            if (!found)
+                return found.error();
+            ends = *found;
+            return {};
+        });
+        if (!read) {
+            file.trouble = device_db::oneLine(read.error());
+            return {};
+        }
+        if (ends.isEmpty())
+            break;
+        if (const Status done = m_archive->endAlarms(stream, ends); !done)
+            return done;
+        after = ends.last().id;
+    }
+    const auto active = m_archive->activeAlarms(stream);
+    if (!active)
+        return active.error();
+    stream.active = *active;
+    stream.endsCompared = true;
+    return {};
+}
+
+void Shipper::refresh()
+{
+    for (const auto &file : m_files)
+        file->named = false;
+    for (const auto &stream : m_streams)
+        stream->endsCompared = false;
+}
+
+Status Shipper::report()
+{
+    m_moved = false;
+    for (const auto &file : m_files) {
+        QMap<QString, qint64> shipped;
+        for (const auto &stream : m_streams) {
+            if (stream->file == file->reader.name() && double(stream->watermark) <= highestInJson)
+                shipped.insert(stream->table, stream->watermark);
+        }
+        if (!m_haveStreams || shipped == file->stated)
+            continue;
+        const Status done = stateShipped(file->reader.path(), shipped);
+        file->statementTrouble = done ? QString() : device_db::oneLine(done.error());
+        if (done)
+            file->stated = shipped;
+    }
+    if (!m_archive)
+        return {};
+    QList<Stream *> streams;
+    for (const auto &stream : m_streams)
+        streams << stream.get();
+    if (const Status done = m_archive->report(streams, trouble()); !done)
+        return failed(done.error());
+    return {};
+}
+
+} // namespace device_ship

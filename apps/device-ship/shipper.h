@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_SHIP_SHIPPER_H
+#define DEVICE_SHIP_SHIPPER_H
+
+#include "device_archive.h"
+#include "store_reader.h"
+
+#include <memory>
+#include <vector>
+
+namespace device_ship
+{
+
+/// Carries the rows of one device's files into the archive, each once.
+///
+/// Nothing is remembered beyond the process: where to go on is what the archive says. Whatever goes wrong, the streams
+/// are read again from the archive, and rows are sent from there; the archive refuses those that it has. So every
+/// operation may be cut off at any moment.
+class Shipper
+{
+public:
+    explicit Shipper(Configuration configuration);
+
+    /// One batch, if there is something: of each file what fits. True if there is more.
+    Result<bool> ship();
+    /// Tells the archive how far the files are, and the files how far the archive is.
+    Status report();
+    /// A file could not be read because the device wrote into it.
+    bool wasDisturbed() const;
+    bool hasMoved() const { return m_moved; } ///< There is something to report.
+    /// Names of series and all ends of alarms are looked at again.
+    void refresh();
+
+    /// A file that cannot be read, and the like; empty while all is well. The other files are shipped.
+    QString trouble() const;
+
+private:
+    struct File {
+        explicit File(const ConfiguredFile &file) : reader(file) {}
+        StoreReader reader;
+        QString trouble;
+        QString statementTrouble;
+        int rows = 2000;              ///< What a read may take: less while reads are disturbed.
+        bool again = false;           ///< The last read was disturbed.
+        bool named = false;           ///< The names of its series are in the archive.
+        QMap<QString, qint64> stated; ///< In the file beside it.
+    };
+
+    Status connect();
+    Result<QList<Piece>> look(File &file, Budget &budget);
+    Status enrolNew(File &file);
+    Status describe(File &file);
+    Result<bool> continues(File &file, const Piece &piece);
+    Status beginGeneration(File &file, const Piece &piece, const QByteArray &reason);
+    Result<std::optional<qint64>> lastShared(File &file, const Stream &stream, int generation, qint64 upTo);
+    Status carryOut(const QList<Piece> &pieces);
+    Status compareEnds(File &file, Stream &stream);
+    Stream *streamOf(const File &file, const device_db::Table &table);
+    Status failed(const device::Error &error);
+
+    const Configuration m_configuration;
+    std::vector<std::unique_ptr<File>> m_files;
+    std::optional<DeviceArchive> m_archive;
+    std::vector<std::unique_ptr<Stream>> m_streams; ///< As the archive has said; empty: to be read.
+    bool m_haveStreams = false;
+    std::size_t m_first = 0; ///< The file that is looked at first, so that none starves.
+    int m_mostRows;          ///< Of a batch: fewer while the archive refuses one of the rows.
+    QByteArray m_refusal;    ///< Why it refuses the next row.
+    bool m_moved = false;    ///< Since the last report.
+};
+
+} // namespace device_ship
+
+#endif

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: MIT
+#include "store_reader.h"
+
+#include "row_encoder.h"
+#include "storefile/unlocked_read.h"
+
+#include <chrono>
+#include <thread>
+
+#include <sqlite3.h>
+
+namespace device_ship
+{
+
+using device::Result;
+using device::Status;
+using device_db::Database;
+
+Result<bool> StoreReader::tryRead(const std::function<Status(const Database &)> &read)
+{
+    return device_db::readUnlocked(m_file.path, [&](const Database &database) {
+        sqlite3_limit(database.handle(), SQLITE_LIMIT_LENGTH, int(largestCell));
+        return read(database);
+    });
+}
+
+Status StoreReader::read(const std::function<Status(const Database &)> &read)
+{
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    for (;;) {
+        const auto done = tryRead(read);
+        if (!done)
+            return done.error();
+        if (*done)
+            return {};
+        if (Clock::now() > deadline)
+            return device_db::failure(m_file.path, QStringLiteral("it is written without a pause; it is read again "
+                                                                  "later"));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+Result<bool> StoreReader::tablesChanged(const Database &database)
+{
+    auto version = database.text("pragma schema_version");
+    if (!version)
+        return version.error();
+    if (const auto series = database.text("select ifnull((select seq from sqlite_sequence where name='tb_config'),0)"))
+        *version += ' ' + *series; // no sqlite_sequence, no list
+    if (*version == m_version)
+        return false;
+    const auto all = device_db::tablesOf(database);
+    if (!all)
+        return all.error();
+    m_tables.clear();
+    for (const device_db::Table &table : *all) {
+        if (device_db::holdsRecords(table.kind))
+            m_tables << table;
+    }
+    m_version = *version;
+    return true;
+}
+
+Result<QMap<QString, Title>> StoreReader::titles(const Database &database) const
+{
+    QMap<QString, Title> titles;
+    const auto all = device_db::tablesOf(database);
+    if (!all)
+        return all.error();
+    const auto series = device_db::registrationsOf(database, *all);
+    if (!series)
+        return series.error();
+    for (const device_db::Registration &each : *series)
+        titles[QString::fromUtf8(each.collector).toLower()].title = each.name;
+    if (auto units = database.prepare("select COLLECTOR,UNIT,DESCRIPTION from \"device series\"")) {
+        while (units->step()) {
+            Title &title = titles[QString::fromUtf8(units->cell(0)).toLower()];
+            title.unit = units->cell(1);
+            title.description = units->cell(2);
+        }
+    }
+    return titles;
+}
+
+} // namespace device_ship

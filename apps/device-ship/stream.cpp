@@ -1,0 +1,254 @@
+// SPDX-License-Identifier: MIT
+#include "stream.h"
+
+#include <algorithm>
+#include <limits>
+
+#include <sqlite3.h>
+
+namespace device_ship
+{
+
+using device::Result;
+using device_db::Database;
+using device_db::identifier;
+using device_db::Kind;
+using device_db::Statement;
+
+namespace
+{
+
+constexpr int mostSamples = 32;
+constexpr int mostEnds = 2000;
+
+QByteArray selectRows(const Stream &stream)
+{
+    return "select " + device_db::columnList(stream.kind) + " from " + identifier(stream.table) + ' ';
+}
+
+// IDs never come again below the counter, and the counter never falls below a row: a reset of a table with rows
+// changes nothing. The counter alone is 0 then; the highest ID alone, after all rows were removed.
+Result<qint64> lastIdOf(const Database &database, const Stream &stream)
+{
+    auto counter = database.prepare("select max(ifnull((select max(seq) from sqlite_sequence where name=?1),0),"
+                                    "ifnull((select max(ID) from " +
+                                    identifier(stream.table) + "),0))");
+    if (!counter)
+        return counter.error();
+    counter->bind(1, stream.table.toUtf8());
+    if (counter->step())
+        return counter->number(0);
+    return counter->status().error(); // it has one row
+}
+
+// The next row, of which not all cells are read: those that are too large, or with a refusal none.
+Result<qint64> readByCells(const Database &database, const Stream &stream, qint64 after, const QByteArray &refusal,
+                           RowEncoder &encoder)
+{
+    const QByteArray table = identifier(stream.table);
+    const auto id = database.number("select min(ID) from " + table + " where ID>" + QByteArray::number(after));
+    if (!id)
+        return id;
+    QList<RowEncoder::Cell> cells;
+    for (const device_db::KnownColumn &column : device_db::columnsOf(stream.kind)) {
+        auto row = database.prepare(QByteArray("select ") + column.name + " from " + table +
+                                    " where ID=" + QByteArray::number(*id));
+        if (!row)
+            return row.error();
+        if (row->step()) {
+            const QByteArray cell = row->cell(0);
+            cells.append({row->type(0), cell, refusal.isEmpty() ? -1 : qint64(cell.size()), refusal});
+            continue;
+        }
+        if (const auto status = row->status(); !status && !row->wasTooBig())
+            return status.error();
+        sqlite3_blob *blob = nullptr;
+        const int code =
+            sqlite3_blob_open(database.handle(), "main", stream.table.toUtf8().constData(), column.name, *id, 0, &blob);
+        const qint64 size = code == SQLITE_OK ? sqlite3_blob_bytes(blob) : 0;
+        sqlite3_blob_close(blob);
+        cells.append({0, {}, size, "larger than " + QByteArray::number(largestCell) + " bytes"});
+    }
+    encoder.read(*id, cells);
+    return id;
+}
+
+Result<std::optional<RowMark>> newestUpTo(const Database &database, const Stream &stream, qint64 id)
+{
+    RowEncoder encoder(stream.kind);
+    auto rows = database.prepare(selectRows(stream) + "where ID<=?1 order by ID desc limit 1");
+    if (!rows)
+        return rows.error();
+    rows->bind(1, id);
+    if (rows->step()) {
+        encoder.read(*rows);
+    } else if (rows->wasTooBig()) {
+        const auto newest =
+            database.number("select max(ID) from " + identifier(stream.table) + " where ID<=" + QByteArray::number(id));
+        if (!newest)
+            return newest.error();
+        if (const auto read = readByCells(database, stream, *newest - 1, {}, encoder); !read)
+            return read.error();
+    } else if (const auto status = rows->status(); !status) {
+        return status.error();
+    } else {
+        return std::optional<RowMark>();
+    }
+    return std::optional<RowMark>(RowMark{encoder.id(), encoder.digest()});
+}
+
+device::Status readNew(const Database &database, Piece &piece, Budget &budget)
+{
+    const Stream &stream = *piece.stream;
+    qint64 last = stream.watermark;
+    const qint64 room = budget.bytes;
+    const auto take = [&](const RowEncoder &row) {
+        row.appendTo(piece.lines, stream.number, stream.generation);
+        last = row.id();
+        if (row.isActive())
+            piece.active << last;
+        ++piece.rows;
+        --budget.rows;
+        return budget.rows > 0 && piece.lines.size() < room;
+    };
+    if (budget.rows <= 0 || room <= 0) {
+        piece.more = piece.lastId > last;
+        return {};
+    }
+    if (!budget.refusal.isEmpty() && piece.lastId > last) {
+        RowEncoder encoder(stream.kind);
+        if (const auto id = readByCells(database, stream, last, budget.refusal, encoder); !id)
+            return id.error();
+        take(encoder);
+        piece.more = true;
+    } else {
+        const auto stopped = readRows(database, stream, last, std::numeric_limits<qint64>::max(), take);
+        if (!stopped)
+            return stopped.error();
+        piece.more = *stopped;
+    }
+    budget.bytes -= piece.lines.size();
+    if (piece.rows == 0)
+        return {};
+    const auto mark = newestUpTo(database, stream, last);
+    if (!mark)
+        return mark.error();
+    piece.last = *mark;
+    return {};
+}
+
+device::Status readActive(const Database &database, Piece &piece)
+{
+    const Stream &stream = *piece.stream;
+    auto row = database.prepare("select EndDate,EndTime from " + identifier(stream.table) + " where ID=?1");
+    if (!row)
+        return row.error();
+    for (const qint64 id : stream.active) {
+        row->reset();
+        row->bind(1, id);
+        if (!row->step()) {
+            if (const auto status = row->status(); !status)
+                return status;
+            piece.gone << id;
+            continue;
+        }
+        const RowEncoder::End end = RowEncoder::readEnd(*row, 0, 1);
+        if (!(end == RowEncoder::End{"", "", {}}))
+            piece.ends.append({id, end});
+    }
+    return {};
+}
+
+} // namespace
+
+Result<bool> readRows(const Database &database, const Stream &stream, qint64 after, qint64 upTo,
+                      const std::function<bool(const RowEncoder &)> &take)
+{
+    auto rows = database.prepare(selectRows(stream) + "where ID>?1 and ID<=?2 order by ID");
+    if (!rows)
+        return rows.error();
+    RowEncoder encoder(stream.kind);
+    for (;;) {
+        rows->reset();
+        rows->bind(1, after);
+        rows->bind(2, upTo);
+        while (rows->step()) {
+            encoder.read(*rows);
+            after = encoder.id();
+            if (!take(encoder))
+                return true;
+        }
+        if (!rows->wasTooBig()) {
+            const auto status = rows->status();
+            return status ? Result<bool>(false) : status.error();
+        }
+        const auto id = readByCells(database, stream, after, {}, encoder);
+        if (!id)
+            return id.error();
+        after = *id;
+        if (!take(encoder))
+            return true;
+    }
+}
+
+Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget)
+{
+    Piece piece;
+    piece.stream = &stream;
+    const auto lastId = lastIdOf(database, stream);
+    if (!lastId)
+        return lastId.error();
+    piece.lastId = *lastId;
+    const auto newest = newestUpTo(database, stream, stream.watermark);
+    if (!newest)
+        return newest.error();
+    piece.newest = *newest;
+    if (piece.lastId < stream.watermark)
+        return piece; // another generation, to be judged first
+    if (stream.kind == Kind::Alarms) {
+        if (const auto status = readActive(database, piece); !status)
+            return status.error();
+    }
+    if (const auto status = readNew(database, piece, budget); !status)
+        return status.error();
+    return piece;
+}
+
+Result<QList<RowMark>> sampleRows(const Database &database, const Stream &stream, qint64 after, qint64 upTo, bool &all)
+{
+    QList<RowMark> marks;
+    const double step = double(upTo - after) / mostSamples;
+    qint64 below = upTo;
+    all = true;
+    for (int i = 1; below > after; ++i) {
+        const auto mark = newestUpTo(database, stream, below);
+        if (!mark)
+            return mark.error();
+        if (!*mark || (*mark)->id <= after)
+            break;
+        marks.prepend(**mark);
+        const qint64 spaced = upTo - qint64(double(i) * step);
+        below = std::min((*mark)->id - 1, spaced);
+        all &= below == (*mark)->id - 1;
+    }
+    return marks;
+}
+
+Result<QList<AlarmEnd>> readEnds(const Database &database, const Stream &stream, qint64 after)
+{
+    auto rows = database.prepare("select ID,EndDate,EndTime from " + identifier(stream.table) +
+                                 " where ID>?1 and ID<=?2 order by ID limit ?3");
+    if (!rows)
+        return rows.error();
+    rows->bind(1, after);
+    rows->bind(2, stream.watermark);
+    rows->bind(3, qint64(mostEnds));
+    QList<AlarmEnd> ends;
+    while (rows->step())
+        ends.append({rows->number(0), RowEncoder::readEnd(*rows, 1, 2)});
+    if (const auto status = rows->status(); !status)
+        return status.error();
+    return ends;
+}
+
+} // namespace device_ship

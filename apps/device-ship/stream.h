@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_SHIP_STREAM_H
+#define DEVICE_SHIP_STREAM_H
+
+#include "row_encoder.h"
+
+#include <QList>
+#include <QSet>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+
+namespace device_ship
+{
+
+using Clock = std::chrono::steady_clock;
+
+/// Which row this is: that of a file is that of the archive when both are equal.
+struct RowMark {
+    qint64 id = 0;
+    qint64 digest = 0;
+    friend bool operator==(const RowMark &a, const RowMark &b) { return a.id == b.id && a.digest == b.digest; }
+    friend bool operator!=(const RowMark &a, const RowMark &b) { return !(a == b); }
+};
+
+/// One table of the device's files: how far the archive has it, and what is known of the file.
+struct Stream {
+    int number = 0; ///< "tbl" in the archive.
+    QString file;   ///< By its name in the configuration.
+    QString table;
+    device_db::Kind kind = device_db::Kind::Foreign;
+    int generation = 0;
+    qint64 watermark = 0;
+
+    std::optional<RowMark> known; ///< The newest row up to the watermark, if it was found to be the archive's.
+    qint64 lastId = 0;            ///< The highest that the device has given.
+
+    QSet<qint64> active;       ///< Alarms that have not ended as far as the archive knows.
+    bool endsCompared = false; ///< All ends were, in this run of the program or this hour.
+    Clock::time_point seen{};  ///< When the active alarms were looked at last.
+};
+
+/// An alarm and its end in the file.
+struct AlarmEnd {
+    qint64 id = 0;
+    RowEncoder::End end;
+};
+
+/// What one look at a stream's table has found.
+struct Piece {
+    Stream *stream = nullptr;
+    qint64 lastId = 0;             ///< The next row gets a higher ID.
+    std::optional<RowMark> newest; ///< The newest row up to the watermark.
+
+    QByteArray lines; ///< New rows, for COPY.
+    int rows = 0;
+    std::optional<RowMark> last; ///< The last of them.
+    bool more = false;           ///< There are others after it.
+    QList<qint64> active;        ///< Those that are alarms without an end.
+
+    QList<AlarmEnd> ends; ///< Of alarms that were active so far.
+    QList<qint64> gone;   ///< Those of them that are not in the file any more.
+};
+
+/// How much one look may read: as long as it takes, a device in rollback-journal mode must not write.
+struct Budget {
+    int rows = 0;
+    qint64 bytes = 0;
+    QByteArray refusal; ///< Not empty: why the archive takes nothing of the one row that is read.
+};
+
+/// Gives the rows with IDs above `after` and up to `upTo` to `take`, until that returns false; whether it did. Of a
+/// cell that is too large its size is given.
+device::Result<bool> readRows(const device_db::Database &database, const Stream &stream, qint64 after, qint64 upTo,
+                              const std::function<bool(const RowEncoder &)> &take);
+
+/// Reads what is new in a stream's table. The budget becomes smaller.
+device::Result<Piece> readPiece(const device_db::Database &database, Stream &stream, Budget &budget);
+
+/// The rows of a stream with IDs above `after` and up to `upTo`: some of them, spread evenly, the newest among them.
+/// `all`: those are all.
+device::Result<QList<RowMark>> sampleRows(const device_db::Database &database, const Stream &stream, qint64 after,
+                                          qint64 upTo, bool &all);
+
+/// The ends of the next alarms after `after`, up to the watermark.
+device::Result<QList<AlarmEnd>> readEnds(const device_db::Database &database, const Stream &stream, qint64 after);
+
+} // namespace device_ship
+
+#endif

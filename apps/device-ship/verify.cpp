@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: MIT
+#include "verify.h"
+
+#include "device_archive.h"
+#include "store_reader.h"
+#include "storefile/texts.h"
+
+#include <cstdio>
+
+namespace device_ship
+{
+
+using device_db::Database;
+
+namespace
+{
+
+constexpr int rowsPerRange = 2000;
+
+struct Range {
+    QList<RowMark> rows;
+    QMap<qint64, QByteArray> lines; ///< For COPY, by the IDs.
+    qint64 digest = 0;
+};
+
+struct Found {
+    qint64 rows = 0;
+    QList<qint64> different;
+    QList<qint64> missing;
+    qint64 repaired = 0;
+};
+
+Result<Range> readRange(StoreReader &file, const Stream &stream, qint64 after)
+{
+    Range range;
+    const Status read = file.read([&](const Database &database) -> Status {
+        range = Range();
+        const auto done = readRows(database, stream, after, stream.watermark, [&](const RowEncoder &row) {
+            range.rows.append({row.id(), row.digest()});
+            range.digest ^= range.rows.last().digest;
+            row.appendTo(range.lines[row.id()], stream.number, stream.generation);
+            return range.rows.size() < rowsPerRange;
+        });
+        return done ? Status() : done.error();
+    });
+    if (!read)
+        return read.error();
+    return range;
+}
+
+Result<qint64> repair(ArchiveConnection &owner, int device, const Stream &stream, const QByteArray &lines)
+{
+    const QByteArray kind = RowEncoder::tableOf(stream.kind);
+    const QByteArray columns = RowEncoder::columnsOf(stream.kind);
+    const Status put =
+        owner.copy("begin; create temporary table repair on commit drop as select " + columns + " from fleet." + kind +
+                       " with no data; copy repair from stdin; select "
+                       "fleet.repair(" +
+                       QByteArray::number(device) + ", '" + kind + "'); commit",
+                   {lines});
+    if (!put)
+        return put.error();
+    return qint64(lines.count('\n'));
+}
+
+Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &stream, int device,
+                      ArchiveConnection *owner)
+{
+    Found found;
+    qint64 after = 0;
+    for (;;) {
+        const auto range = readRange(file, stream, after);
+        if (!range)
+            return range.error();
+        if (range->rows.isEmpty())
+            return found;
+        found.rows += range->rows.size();
+        after = range->rows.last().id;
+        const auto archived = archive.rangeDigest(stream, range->rows.first().id, after);
+        if (!archived)
+            return archived.error();
+        if (*archived == QPair<qint64, qint64>(range->rows.size(), range->digest))
+            continue;
+        const auto same = archive.judge(stream, stream.generation, range->rows);
+        if (!same)
+            return same.error();
+        QByteArray wrong;
+        for (const RowMark &row : range->rows) {
+            if (same->value(row.id, false))
+                continue;
+            (same->contains(row.id) ? found.different : found.missing) << row.id;
+            wrong += range->lines.value(row.id);
+        }
+        if (!owner || wrong.isEmpty())
+            continue;
+        const auto repaired = repair(*owner, device, stream, wrong);
+        if (!repaired)
+            return repaired.error();
+        found.repaired += *repaired;
+    }
+}
+
+QByteArray listed(const QList<qint64> &ids)
+{
+    QByteArray text;
+    for (int i = 0; i < int(ids.size()) && i < 5; ++i)
+        text += (i ? ", " : "") + QByteArray::number(ids.at(i));
+    return ids.size() > 5 ? text + " ..." : text;
+}
+
+} // namespace
+
+Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner)
+{
+    auto archive = DeviceArchive::open(configuration.archive, configuration.zone);
+    if (!archive)
+        return archive.error();
+    const auto streams = archive->streams();
+    if (!streams)
+        return streams.error();
+    bool equal = true;
+    for (const ConfiguredFile &configured : configuration.files) {
+        StoreReader file(configured);
+        const Status looked = file.read([&](const Database &database) -> Status {
+            const auto changed = file.tablesChanged(database);
+            return changed ? Status() : changed.error();
+        });
+        if (!looked)
+            return looked.error();
+        for (const Stream &stream : *streams) {
+            const bool isThere =
+                std::any_of(file.tables().begin(), file.tables().end(), [&](const device_db::Table &table) {
+                    return table.name == stream.table && table.kind == stream.kind;
+                });
+            if (stream.file != configured.name || !isThere)
+                continue;
+            const auto found = compare(*archive, file, stream, configuration.device, owner);
+            if (!found)
+                return found.error();
+            const qint64 wrong = found->different.size() + found->missing.size();
+            equal &= wrong == found->repaired;
+            std::printf("%s %s: %s compared", configured.name.toUtf8().constData(), stream.table.toUtf8().constData(),
+                        device_db::rowsText(found->rows).toUtf8().constData());
+            if (!found->different.isEmpty())
+                std::printf(", %lld differ (ID %s)", static_cast<long long>(found->different.size()),
+                            listed(found->different).constData());
+            if (!found->missing.isEmpty())
+                std::printf(", %lld missing (ID %s)", static_cast<long long>(found->missing.size()),
+                            listed(found->missing).constData());
+            if (found->repaired)
+                std::printf(", %lld put right", static_cast<long long>(found->repaired));
+            std::printf(wrong ? "\n" : ", all equal\n");
+        }
+    }
+    return equal;
+}
+
+} // namespace device_ship

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: MIT
+#ifndef DEVICE_SHIP_VERIFY_H
+#define DEVICE_SHIP_VERIFY_H
+
+#include "archive_connection.h"
+#include "configuration.h"
+
+namespace device_ship
+{
+
+/// Compares what is shipped with a device's files, by digests over ranges of IDs, and prints what differs. With a
+/// connection of the archive's owner, rows that differ are put right. True if none differ, or none any more.
+Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner);
+
+} // namespace device_ship
+
+#endif
