@@ -43,6 +43,18 @@ Result<DeviceArchive> DeviceArchive::open(const QMap<QByteArray, QByteArray> &se
     return archive;
 }
 
+// The key speaks before the fence, where a row is of the same month.
+bool DeviceArchive::wasBehind() const
+{
+    return m_connection.sqlState() == "FL001" || m_connection.sqlState() == "23505";
+}
+
+bool DeviceArchive::refusedRow() const
+{
+    const QByteArray state = m_connection.sqlState();
+    return !wasBehind() && (state.startsWith("22") || state.startsWith("23"));
+}
+
 Status DeviceArchive::call(const QByteArray &function, const QList<QByteArray> &parameters)
 {
     QByteArray sql = "select fleet." + function + '(';

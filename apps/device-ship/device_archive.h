@@ -18,9 +18,9 @@ public:
 
     bool isOpen() const { return m_connection.isOpen(); }
     /// The archive has moved on since the streams were read, by another shipper or by an answer that was lost.
-    bool wasBehind() const { return m_connection.sqlState() == "FL001"; }
-    /// The rows themselves were refused, which the encoder should have prevented.
-    bool refusedRows() const { return m_connection.sqlState().startsWith("22"); }
+    bool wasBehind() const;
+    /// A row itself was refused.
+    bool refusedRow() const;
 
     /// Number, file, table, kind, generation and watermark of each; the rest is empty.
     Result<QList<Stream>> streams();

@@ -18,6 +18,7 @@ namespace
 constexpr int mostRows = 5000;
 constexpr qint64 mostBytes = 2 * 1024 * 1024;
 constexpr int leastRead = 50;
+constexpr int mostTimesBehind = 100; // without a batch in between
 constexpr double highestInJson = 9007199254740992.0;
 
 } // namespace
@@ -45,10 +46,10 @@ bool Shipper::wasDisturbed() const
     return std::any_of(m_files.begin(), m_files.end(), [](const auto &file) { return file->again; });
 }
 
-// After any failure the archive is asked again where it is. That it has moved on is none.
+// After any failure the archive is asked again where it is. That it has moved on is none, unless it is said for ever.
 Status Shipper::failed(const device::Error &error)
 {
-    const bool behind = m_archive && m_archive->wasBehind();
+    const bool behind = m_archive && m_archive->isOpen() && m_archive->wasBehind() && ++m_timesBehind < mostTimesBehind;
     m_haveStreams = false;
     if (m_archive && !m_archive->isOpen())
         m_archive.reset();
@@ -224,7 +225,7 @@ Result<bool> Shipper::ship()
         return carryOut(pieces);
     }();
     if (!carriedOut) {
-        if (m_archive && m_archive->isOpen() && m_archive->refusedRows()) {
+        if (m_archive && m_archive->isOpen() && m_archive->refusedRow()) {
             // One row must not hold up the others: it is found by halving, and recorded without its cells.
             if (m_mostRows == 1)
                 m_refusal = carriedOut.error().cause().toUtf8();
@@ -236,6 +237,7 @@ Result<bool> Shipper::ship()
         return status ? Result<bool>(true) : status.error();
     }
     m_refusal.clear();
+    m_timesBehind = 0;
     if (m_mostRows == mostRows)
         ++m_first;
     m_mostRows = std::min(mostRows, m_mostRows * 2);

@@ -66,6 +66,7 @@ private:
     std::size_t m_first = 0; ///< The file that is looked at first, so that none starves.
     int m_mostRows;          ///< Of a batch: fewer while the archive refuses one of the rows.
     QByteArray m_refusal;    ///< Why it refuses the next row.
+    int m_timesBehind = 0;   ///< One after the other, another shipper was quicker.
     bool m_moved = false;    ///< Since the last report.
 };
 

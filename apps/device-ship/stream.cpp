@@ -125,7 +125,7 @@ device::Status readNew(const Database &database, Piece &piece, Budget &budget)
         const auto stopped = readRows(database, stream, last, std::numeric_limits<qint64>::max(), take);
         if (!stopped)
             return stopped.error();
-        piece.more = *stopped;
+        piece.more = *stopped || (piece.rows > 0 && last < piece.lastId); // the rest is gone, as the next look finds
     }
     budget.bytes -= piece.lines.size();
     if (piece.rows == 0)

@@ -100,6 +100,11 @@ Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &s
     }
 }
 
+QByteArray counted(const QList<qint64> &ids, const char *one, const char *more)
+{
+    return device_db::rowsText(ids.size()).toUtf8() + ' ' + (ids.size() == 1 ? one : more);
+}
+
 QByteArray listed(const QList<qint64> &ids)
 {
     QByteArray text;
@@ -142,10 +147,10 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
             std::printf("%s %s: %s compared", configured.name.toUtf8().constData(), stream.table.toUtf8().constData(),
                         device_db::rowsText(found->rows).toUtf8().constData());
             if (!found->different.isEmpty())
-                std::printf(", %lld differ (ID %s)", static_cast<long long>(found->different.size()),
+                std::printf(", %s (ID %s)", counted(found->different, "differs", "differ").constData(),
                             listed(found->different).constData());
             if (!found->missing.isEmpty())
-                std::printf(", %lld missing (ID %s)", static_cast<long long>(found->missing.size()),
+                std::printf(", %s (ID %s)", counted(found->missing, "missing", "missing").constData(),
                             listed(found->missing).constData());
             if (found->repaired)
                 std::printf(", %lld put right", static_cast<long long>(found->repaired));

@@ -22,9 +22,9 @@ begin
     revoke create on schema public from public;
     -- So it could with large objects. Their functions belong to the superuser.
     if (select rolsuper from pg_roles where rolname = current_user) then
-        revoke execute on function lo_create(oid), lo_creat(integer), lo_from_bytea(oid, bytea), lo_put(oid, bigint, bytea),
-            lowrite(integer, bytea), lo_open(oid, integer), lo_truncate(integer, integer), lo_truncate64(integer, bigint)
-            from public;
+        revoke execute on function lo_create(oid), lo_creat(integer), lo_from_bytea(oid, bytea),
+            lo_put(oid, bigint, bytea), lowrite(integer, bytea), lo_open(oid, integer), lo_truncate(integer, integer),
+            lo_truncate64(integer, bigint) from public;
     end if;
 end
 $$;

@@ -159,7 +159,8 @@ create index on fleet.alarm (device, tbl) where end_date = '' and end_time = '' 
 -- The partitions of this month and the next two. A unique key on each and none on the parent, which would have to
 -- contain the day: above 16 bytes an index of PostgreSQL stays half empty. That no row is in two of them follows from
 -- fleet.arrived(). A partition for all other days would take the rows of a month whose own was not made.
-create function fleet.make_months() returns void language plpgsql security definer set search_path = fleet, pg_temp as $$
+create function fleet.make_months() returns void
+language plpgsql security definer set search_path = fleet, pg_temp as $$
 declare
     first date;
     kind text;

@@ -159,8 +159,8 @@ begin
         select l.gen, t.* from unnest(ids, dates, times, odds) t (id, end_date, end_time, end_odd)
         join lineage(me(), its_tbl, its_gen) l on t.id > l.after and t.id <= l.upto
     ), other as materialized (
-        select a.day, a.gen, a.id, a.end_date, a.end_time, a.end_odd, told.end_date as to_date, told.end_time as to_time,
-            told.end_odd as to_odd
+        select a.day, a.gen, a.id, a.end_date, a.end_time, a.end_odd, told.end_date as to_date,
+            told.end_time as to_time, told.end_odd as to_odd
         from told join alarm a on a.device = me() and a.tbl = its_tbl and a.gen = told.gen and a.id = told.id
         where (a.end_date, a.end_time, a.end_odd::text) is distinct from (told.end_date, told.end_time, told.end_odd)
     ), kept as (

@@ -3,16 +3,22 @@
 -- For people and their programs.
 set local role fleet_owner;
 
--- Device's local time to UTC. The hour that the end of summer time repeats is told apart by the order of recording: a
--- row belongs to the second pass where a row before it in that hour has a later time.
+-- Whether the end of summer time repeats this hour. PostgreSQL takes such a time for the second pass.
+create function fleet.is_doubled(local timestamp, zone text) returns boolean language sql stable parallel safe as $$
+    select (local at time zone zone - interval '1 hour') at time zone zone = local
+$$;
+
+-- A device's local time as UTC. The passes of a doubled hour are told apart by the order of recording: where the clock
+-- went back within it before a row, the row belongs to the second.
 create function fleet.utc(r fleet.sample, zone text) returns timestamptz language sql stable parallel safe as $$
-    select case when (later - interval '1 hour') at time zone zone = r.dt and not exists (
-            select from (select p.dt from fleet.sample p
-                         where p.device = r.device and p.tbl = r.tbl and p.gen = r.gen and p.id < r.id
-                         order by p.id desc limit 20000) before
-            where before.dt > r.dt and before.dt < r.dt + interval '1 hour')
-        then later - interval '1 hour' else later end
-    from (select r.dt at time zone zone as later) as read -- PostgreSQL takes such a time for the second pass
+    select r.dt at time zone zone - case when fleet.is_doubled(r.dt, zone) and not exists (
+            select from (select p.dt, lag(p.dt) over (order by p.id) as former
+                         from (select * from fleet.sample s
+                               where s.device = r.device and s.tbl = r.tbl and s.gen = r.gen and s.id <= r.id
+                               order by s.id desc limit 20000) p) step
+            where step.dt < step.former and fleet.is_doubled(step.dt, zone) and fleet.is_doubled(step.former, zone)
+                and step.former < r.dt + interval '1 hour' and step.former > r.dt - interval '1 hour')
+        then interval '1 hour' else interval '0' end
 $$;
 
 create view fleet.samples as

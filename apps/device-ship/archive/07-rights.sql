@@ -15,6 +15,6 @@ grant execute on function fleet.hello, fleet.state, fleet.enrol, fleet.describe,
     to fleet_device;
 
 grant select on all tables in schema fleet to fleet_reader;
-grant execute on function fleet.utc, fleet.series, fleet.lineage, fleet.me to fleet_reader;
+grant execute on function fleet.utc, fleet.is_doubled, fleet.series, fleet.lineage, fleet.me to fleet_reader;
 grant execute on function fleet.digest(text), fleet.digest(fleet.sample), fleet.digest(fleet.alarm),
     fleet.digest(fleet.log) to fleet_reader;

@@ -1,0 +1,474 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+"""device-ship beside a real PostgreSQL: every row once, whatever happens.
+
+    fleet_test.py PROGRAM [unittest's arguments]
+
+Long forms: DEVICE_FLEET_KILLS (20), DEVICE_FLEET_STOPS (3), DEVICE_FLEET_CUTS (1, of each kind of message).
+"""
+import os
+import random
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+import attacks
+from cluster import Archive, Cluster, File, rows_of, server_programs
+from proxy import Proxy
+
+KILLS = int(os.environ.get("DEVICE_FLEET_KILLS", "20"))
+STOPS = int(os.environ.get("DEVICE_FLEET_STOPS", "3"))
+CUTS = int(os.environ.get("DEVICE_FLEET_CUTS", "1"))
+SKIPPED = 77
+PROGRAM = ""
+DEADLINE = 120
+
+
+def alarm(number, **cells):
+    row = {"level": number % 4, "start": f"2024-05-06 07:{number // 60 % 60:02}:{number % 60:02}", "object": "Pump 1",
+           "type": "High", "value": "87.5", "limit": "80", "description": "\u00c2\u00b0 above limit", "end_date": "",
+           "end_time": "", **cells}
+    return tuple(row.values())
+
+
+class Fleet(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.mkdtemp(prefix="fleet-", dir="/tmp")
+        cls.cluster = Cluster(cls.folder, "shared_buffers=32MB", "max_connections=40")
+        cls.number = 0
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.cluster.stop()
+        shutil.rmtree(cls.folder)
+
+    def setUp(self):
+        type(self).number += 1
+        self.archive = Archive(self.cluster, PROGRAM, f"a{self.number}")
+        self.stores = []
+        self.services = []
+
+    def tearDown(self):
+        for service in self.services:
+            service.kill()
+            service.wait()
+        for store in self.stores:
+            store.close()
+
+    def store(self, name, journal="delete"):
+        self.stores.append(File(os.path.join(self.archive.folder, name + ".db"), journal))
+        return self.stores[-1]
+
+    def start(self, configuration):
+        self.services.append(subprocess.Popen([PROGRAM, "run", configuration], stderr=subprocess.DEVNULL))
+        return self.services[-1]
+
+    def until(self, condition, what):
+        deadline = time.monotonic() + DEADLINE
+        while not condition():
+            self.assertLess(time.monotonic(), deadline, what)
+            time.sleep(0.02)
+
+    def check(self, device, file, table, kind, lives):
+        """lives: rows by their IDs, by the generation in which they were recorded."""
+        found = self.archive.rows(device, file, table, kind)
+        number = int(self.archive.sql(f"select tbl from fleet.source where device = {device} and file = '{file}' and "
+                                      f"name = '{table}'")[0][0])
+        gaps = [gap for gap in self.archive.gaps(device) if gap[0] == number]
+        truth = {(generation, key): cells for generation, rows in lives.items() for key, cells in rows.items()}
+        for key, cells in truth.items():
+            if key in found:
+                self.assertEqual(found[key], cells, f"{file} {table} {key}")
+            else:
+                self.assertTrue(any(gap[1] == key[0] and gap[2] <= key[1] <= gap[3] for gap in gaps),
+                                f"{file} {table} {key} is missing")
+        self.assertEqual(set(found) - set(truth), set(), f"{file} {table}")
+        batched = self.archive.sql(f"select coalesce(sum(n), 0) from fleet.batch where device = {device} and "
+                                   f"tbl = {number}")
+        self.assertEqual(int(batched[0][0]), len(found))
+
+    def check_file(self, device, store, file, table, kind, generation=1):
+        self.check(device, file, table, kind, {generation: rows_of(store.path, table, kind)})
+
+
+class Short(Fleet):
+    def test_rows_of_each_kind_arrive_unchanged(self):
+        store = self.store("h")
+        store.table("T1", "sample", "Boiler 1 °C")
+        store.samples("T1", 12000)
+        for journal in ("delete", "wal"):
+            with self.subTest(journal):
+                other = self.store(f"o-{journal}", journal)
+                other.table("AlarmData", "alarm")
+                other.add("AlarmData", [alarm(i) for i in range(50)])
+                other.table("OperatorLog", "log")
+                other.add("OperatorLog", [(f"2024-05-06 07:08:09.{i:03}", "Jürgen", "", "it's \\ \t 5 µA\r\n")
+                                          for i in range(1000)])
+        files = {"h": store, "d": self.stores[1], "w": self.stores[2]}
+        self.archive.ship("run", "--once", self.archive.device(7, files))
+        self.check_file(7, store, "h", "T1", "sample")
+        for name in ("d", "w"):
+            self.check_file(7, files[name], name, "AlarmData", "alarm")
+            self.check_file(7, files[name], name, "OperatorLog", "log")
+        self.assertEqual(self.archive.sql("select title from fleet.source where name = 'T1'"), [["Boiler 1 °C"]])
+        self.assertEqual(self.archive.gaps(7), [])
+
+    def test_every_row_once_while_shipper_and_server_are_killed(self):
+        stores = {"h": self.store("h"), "w": self.store("w", "wal")}
+        for store in stores.values():
+            store.table("T1", "sample")
+            store.table("T2", "sample")
+            store.samples("T1", 30000)  # a backlog
+        configuration = self.archive.device(1, stores)
+        stopped, failures = threading.Event(), []
+
+        def record():
+            i = 0
+            while not stopped.is_set():
+                for store in stores.values():
+                    i += 1
+                    try:
+                        store.samples("T2", 5, i * 5)
+                    except Exception as error:  # a commit that met a lock
+                        failures.append(error)
+                time.sleep(0.002)
+
+        recorder = threading.Thread(target=record)
+        recorder.start()
+        try:
+            for i in range(KILLS):
+                service = self.start(configuration)
+                if i % max(1, KILLS // STOPS) == 0:
+                    time.sleep(random.random() * 0.1)
+                    self.cluster.stop("immediate")
+                    self.cluster.start()
+                time.sleep(random.random() * 0.2)
+                service.send_signal(signal.SIGKILL)
+                service.wait()
+        finally:
+            stopped.set()
+            recorder.join()
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(failures, [])
+        for name, store in stores.items():
+            for table in ("T1", "T2"):
+                self.check_file(1, store, name, table, "sample")
+        self.assertEqual((self.archive.gaps(1), self.archive.generations(1)), ([], 4))
+
+    def test_every_row_once_wherever_the_connection_is_cut(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.table("AlarmData", "alarm")
+        proxy_folder = tempfile.mkdtemp(prefix="p", dir=self.folder)
+        proxy = Proxy(proxy_folder, self.folder)
+        straight = self.archive.device(1, {"h": store})
+        cut = self.archive.device(1, {"h": store}, proxy_folder)
+        happened = set()
+        kinds = [("client", kind) for kind in "QdcPBDESp"] + [("server", kind) for kind in "RSKZCGTD12"]
+        for number in range(1, CUTS + 1):
+            for side, kind in kinds + [("server", "C")] * 5:
+                for passed_on in (False, True):
+                    store.samples("T1", 30)
+                    store.add("AlarmData", [alarm(1)])
+                    # The answers to a batch are some of the last of a connection.
+                    nth = number if kind not in "ZC" else random.randint(1, 12)
+                    proxy.cut_at(side, kind, nth, passed_on)
+                    done = self.archive.ship("run", "--once", cut, check=False)
+                    if proxy.happened:
+                        happened.add((side, kind))
+                        if not passed_on:
+                            self.assertEqual(done.returncode, 1, done.stderr)
+        self.assertGreaterEqual(happened, {("client", "Q"), ("client", "d"), ("client", "c"), ("server", "G"),
+                                           ("server", "C"), ("server", "Z")})
+        self.archive.ship("run", "--once", straight)
+        self.check_file(1, store, "h", "T1", "sample")
+        self.check_file(1, store, "h", "AlarmData", "alarm")
+        self.assertEqual((self.archive.gaps(1), self.archive.generations(1)), ([], 2))
+
+    def test_two_shippers_at_once_and_ids_that_begin_again(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        configuration = self.archive.device(1, {"h": store})
+        self.start(configuration)
+        self.start(configuration)
+        lives = {}
+        for generation in range(1, 6):
+            for _ in range(10):
+                store.samples("T1", random.randint(1, 60))
+            lives[generation] = rows_of(store.path, "T1", "sample")
+            last = max(lives[generation])
+            self.until(lambda: self.archive.sql("select wm, gen from fleet.mark") == [[str(last), str(generation)]],
+                       "all is shipped")
+            if generation < 5:
+                store.run("delete from 'T1'")
+                store.run("update sqlite_sequence SET seq = 0 where name = 'T1'")
+                self.until(lambda: self.archive.generations(1) == generation + 1, "another generation")
+        self.check(1, "h", "T1", "sample", lives)
+        self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (5, []))
+
+    def test_a_reset_that_was_refilled_beyond_the_watermark(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        configuration = self.archive.device(1, {"h": store})
+        store.samples("T1", 100)
+        first = rows_of(store.path, "T1", "sample")
+        self.archive.ship("run", "--once", configuration)
+        store.run("delete from 'T1'")
+        store.run("update sqlite_sequence SET seq = 0 where name = 'T1'")
+        store.samples("T1", 250)
+        self.archive.ship("run", "--once", configuration)
+        self.check(1, "h", "T1", "sample", {1: first, 2: rows_of(store.path, "T1", "sample")})
+        self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (2, []))
+
+    def test_what_is_no_new_generation(self):
+        store = self.store("h")
+        for table in ("Emptied", "Reset", "Trimmed"):
+            store.table(table, "sample")
+            store.samples(table, 100)
+        configuration = self.archive.device(1, {"h": store})
+        truth = {table: rows_of(store.path, table, "sample") for table in ("Emptied", "Reset", "Trimmed")}
+        self.archive.ship("run", "--once", configuration)
+        store.run("delete from 'Emptied'")
+        store.run("update sqlite_sequence SET seq = 0 where name = 'Reset'")  # with rows, which changes nothing
+        store.run("delete from 'Trimmed' where ID > 60")  # the row at the watermark is gone, which proves nothing
+        self.archive.ship("run", "--once", configuration)
+        for table, rows in truth.items():
+            store.samples(table, 20)
+            rows.update(rows_of(store.path, table, "sample"))
+        self.archive.ship("run", "--once", configuration)
+        for table, rows in truth.items():
+            self.assertEqual(max(rows), 120)
+            self.check(1, "h", table, "sample", {1: rows})
+        self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (3, []))
+
+    def test_rows_that_go_before_they_are_shipped_leave_a_gap(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.table("T2", "sample")
+        configuration = self.archive.device(1, {"h": store})
+        store.samples("T1", 10)
+        self.archive.ship("run", "--once", configuration)
+        store.samples("T1", 90)
+        store.samples("T2", 30)
+        store.run("delete from 'T1' where ID <= 40 or ID in (50, 51, 70) or ID > 95")
+        store.run("delete from 'T2'")
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.gaps(1), [(1, 1, 11, 40), (1, 1, 50, 51), (1, 1, 70, 70), (1, 1, 96, 100),
+                                                (2, 1, 1, 30)])
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(len(self.archive.gaps(1)), 5)
+        self.assertEqual(self.archive.generations(1), 2)
+
+    def test_an_old_file_that_is_put_back(self):
+        for journal in ("delete", "wal"):
+            for shipped_before in (True, False):  # before the restored file records again
+                with self.subTest(journal=journal, shipped_before=shipped_before):
+                    device = self.archive.sql("select count(*) + 1 from fleet.device")[0][0]
+                    store = self.store(f"h{device}", journal)
+                    store.table("T1", "sample")
+                    configuration = self.archive.device(device, {"h": store})
+                    store.samples("T1", 3000)
+                    store.run("pragma wal_checkpoint(truncate)")
+                    shutil.copy(store.path, store.path + ".old")
+                    store.samples("T1", 2000)
+                    first = rows_of(store.path, "T1", "sample")
+                    self.archive.ship("run", "--once", configuration)
+                    store.close()
+                    os.replace(store.path + ".old", store.path)
+                    store = self.store(f"h{device}", journal)
+                    if shipped_before:
+                        self.archive.ship("run", "--once", configuration)
+                    store.samples("T1", 2500)
+                    self.archive.ship("run", "--once", configuration)
+                    second = {key: row for key, row in rows_of(store.path, "T1", "sample").items() if key > 3000}
+                    self.check(device, "h", "T1", "sample", {1: first, 2: second})
+                    self.assertEqual(self.archive.generations(device), 2)
+                    self.assertEqual(self.archive.sql(f"select gen, parent, after from fleet.generation where device = "
+                                                      f"{device} and gen = 2"), [["2", "1", "3000"]])
+                    # A device that goes back to the later life again.
+                    self.assertEqual(self.archive.ship("verify", configuration).returncode, 0)
+
+    def test_alarms_that_end_are_corrected_and_are_removed(self):
+        store = self.store("a")
+        store.table("AlarmData", "alarm")
+        configuration = self.archive.device(1, {"a": store})
+        store.add("AlarmData", [alarm(i) for i in range(6)] + [alarm(6, end_date="2024-05-06", end_time="08:00:00")])
+        self.archive.ship("run", "--once", configuration)
+        end = "update AlarmData set EndDate = '2024/05/06', EndTime = ? where ID = ?"
+        store.run(end, ("07:20:00", 1))
+        store.run(end, ("07:21:00", 2))
+        store.run("delete from AlarmData where ID = 3")  # active
+        self.archive.ship("run", "--once", configuration)
+        store.run(end, ("07:22:00", 2))  # corrected
+        store.run(end, ("07:23:00", 4))
+        store.run("delete from AlarmData where ID in (1, 4)")  # the second with an end that nobody has seen
+        self.archive.ship("run", "--once", configuration)
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(
+            self.archive.sql("select id, state, end_date, end_time, ended is not null from fleet.alarms order by id"),
+            [["1", "ended", "2024/05/06", "07:20:00", "t"], ["2", "ended", "2024/05/06", "07:22:00", "t"],
+             ["3", "gone", "", "", "f"], ["4", "gone", "", "", "f"], ["5", "active", "", "", "f"],
+             ["6", "active", "", "", "f"], ["7", "ended", "2024-05-06", "08:00:00", "f"]])
+        self.assertEqual(self.archive.sql("select id, end_time from fleet.alarm_was"), [["2", "07:21:00"]])
+        self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (1, []))
+
+    def test_a_service_sees_ends_at_once(self):
+        store = self.store("a", "wal")
+        store.table("AlarmData", "alarm")
+        self.start(self.archive.device(1, {"a": store}))
+        store.add("AlarmData", [alarm(1)])
+        state = "select state from fleet.alarms"
+        self.until(lambda: self.archive.sql(state) == [["active"]], "it is active")
+        store.run("update AlarmData set EndDate = '2024-05-06', EndTime = '08:00:00'")
+        self.until(lambda: self.archive.sql(state) == [["ended"]], "it has ended")
+        store.add("AlarmData", [alarm(2)])
+        self.until(lambda: self.archive.sql(state + " order by id") == [["ended"], ["active"]], "another is active")
+        store.run("delete from AlarmData")
+        self.until(lambda: self.archive.sql(state + " order by id") == [["ended"], ["gone"]], "it is gone")
+        self.assertEqual(self.archive.sql("select last_seen is not null from fleet.alarms where id = 2"), [["t"]])
+
+    def test_cells_that_postgresql_cannot_hold(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        for time_cell in ("'2024-05-06 07:08:09'", "'now'", "'infinity'", "'-infinity'", "'2024-02-30 00:00:00'",
+                          "'2024-05-06 24:00:00'", "'2024-05-06 07:08:60'", "'2024-05-06T07:08:09'", "''", "2024",
+                          "20240506070809.125", "NULL", "x'00'", "'0000-01-01 00:00:00'", "'9999-12-31 23:59:59'",
+                          "'0001-01-01 00:00:00'", "'2024-05-06 07:08:09.5'", "cast(x'6e6f7700' as text)",
+                          "'epoch'", "' 2024-05-06 07:08:09'"):
+            store.run(f"insert into T1(DATETIME, Value) values({time_cell}, '1')")
+        for value in ("NULL", "''", "x''", "x'00ff'", "cast(x'00' as text)", "cast(x'61ff62' as text)",
+                      "cast(x'eda080' as text)", "cast(x'c080' as text)", "cast(x'f4908080' as text)", "'\\N'", "'\\.'",
+                      "'a\tb\nc\rd\\e'", "'\"(),'", "char(0x1f6a8)", "'1e999'", "'nan'", "' +5 '", "'0x10'", "'1,5'",
+                      "char(0xfeff) || '1'"):
+            store.run(f"insert into T1(DATETIME, Value) values('2024-05-06 07:08:09', {value})")
+        store.table("AlarmData", "alarm")
+        for level in ("'high'", "1.5", "NULL", "x'01'", "-9223372036854775808"):
+            store.run(f"insert into AlarmData values(NULL, {level}, '2024-05-06 07:08:09', 'a', x'01', NULL, '', "
+                      "'\u00b0 once', '', cast(x'ff' as text))")
+        store.table("OperatorLog", "log")
+        store.run("insert into OperatorLog values(NULL, '2024-05-06 07:08:09', 'no milliseconds', '', '')")
+        store.run("insert into OperatorLog values(NULL, '2024-05-06 07:08:09.120', NULL, '', x'00')")
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.check_file(1, store, "h", "T1", "sample")
+        self.check_file(1, store, "h", "AlarmData", "alarm")
+        self.check_file(1, store, "h", "OperatorLog", "log")
+        self.assertIn("all equal", self.archive.ship("verify", configuration).stdout)
+        numbers = self.archive.sql("select num from fleet.sample where num is not null and id > 20 order by id")
+        self.assertEqual(numbers, [["5"]])
+
+    def test_a_cell_that_is_too_large_is_recorded_as_refused(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        for value in ("'before'", "zeroblob(100000000)", "'between'", "replace(hex(zeroblob(3000000)), '0', 'x')",
+                      "'after'"):
+            store.run(f"insert into T1(DATETIME, Value) values('2024-05-06 07:08:09', {value})")
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql("select val, odd->'Value'->>'size' from fleet.sample order by id"),
+                         [["before", None], [None, "100000000"], ["between", None], [None, "6000000"], ["after", None]])
+        self.assertIn("5 rows compared, all equal", self.archive.ship("verify", configuration).stdout)
+
+    def test_a_row_that_the_archive_refuses_does_not_stop_the_others(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 100)
+        store.run("insert into T1(DATETIME, Value) values('2024-05-06 07:08:09', 'refused here')")
+        store.samples("T1", 100)
+        self.archive.sql("alter table fleet.sample add check (val <> 'refused here')")
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql("select count(*), count(val) from fleet.sample"), [["201", "200"]])
+        self.assertIn("check constraint", self.archive.sql("select odd from fleet.sample where id = 101")[0][0])
+
+    def test_a_device_can_do_nothing_else(self):
+        stores = {1: self.store("h1"), 2: self.store("h2")}
+        for number, store in stores.items():
+            store.table("T1", "sample")
+            store.table("AlarmData", "alarm")
+            store.samples("T1", 10)
+            store.add("AlarmData", [alarm(1)])
+            self.archive.ship("run", "--once", self.archive.device(number, {"h": store}))
+        dump = "select to_jsonb(t) from fleet.{} t order by 1::text"
+        tables = ("sample", "alarm", "mark", "batch", "gap", "generation", "source", "alarm_was")
+        before = {table: self.archive.sql(dump.format(table)) for table in tables}
+        for statement, state in attacks.REFUSED:
+            with self.subTest(statement):
+                with self.assertRaises(RuntimeError) as refused:
+                    self.archive.sql(statement, "dev_1")
+                answer = str(refused.exception).splitlines()[0]
+                self.assertIn(f"{state}:", answer)
+                if os.environ.get("DEVICE_FLEET_ANSWERS"):
+                    print(f"{' '.join(statement.split())}\n    {answer.split(':  ')[-1]}")
+        for statement, rows in attacks.WITHOUT_EFFECT:
+            with self.subTest(statement):
+                self.assertEqual(self.archive.sql(statement, "dev_1"), rows)
+        self.assertEqual({table: self.archive.sql(dump.format(table)) for table in tables}, before)
+
+    def test_verify_finds_and_repairs(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 9000)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.archive.sql("update fleet.sample set val = '1' where id = 5000; "
+                         "delete from fleet.sample where id in (7, 8)")
+        done = self.archive.ship("verify", configuration, check=False)
+        self.assertEqual((done.returncode, done.stdout),
+                         (3, "h T1: 9,000 rows compared, 1 row differs (ID 5000), 2 rows missing (ID 7, 8)\n"))
+        self.assertEqual(len(self.archive.sql("select * from fleet.damaged_batches(1)")), 2)
+        self.archive.ship("verify", configuration, "--repair-as", self.cluster.conninfo(self.archive.name))
+        self.check_file(1, store, "h", "T1", "sample")
+        self.assertEqual(self.archive.sql("select * from fleet.damaged_batches(1)"), [])
+        self.assertIn("all equal", self.archive.ship("verify", configuration).stdout)
+
+    def test_what_is_shipped_is_stated_beside_the_file(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 10)
+        self.archive.ship("run", "--once", self.archive.device(1, {"h": store}))
+        with open(store.path + ".shipped", encoding="utf-8") as file:
+            self.assertEqual(file.read(), '{"owner":"device-ship","shipped":{"T1":10},"version":1}')
+
+    def test_the_doubled_hour_is_told_apart_by_the_order_of_recording(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.add("T1", [(f"2024-10-27 {text}", "1") for text in ("01:59:00", "02:10:00", "02:50:00", "02:10:00",
+                                                                  "02:50:00", "03:00:00")])
+        self.archive.ship("run", "--once", self.archive.device(1, {"h": store}))
+        times = self.archive.sql("set timezone = 'UTC'; select to_char(utc, 'HH24:MI') from fleet.samples order by id")
+        self.assertEqual(times, [["23:59"], ["00:10"], ["00:50"], ["01:10"], ["01:50"], ["02:00"]])
+
+    def test_wrong_configurations_are_named(self):
+        path = os.path.join(self.archive.folder, "wrong.conf")
+        good = {"archive/conninfo": "host=/nowhere dbname=x", "device/number": "1", "device/zone": "UTC",
+                "files/h": "/nowhere.db"}
+        for key, value, message in (
+                ("archive/conninfo", "host=/nowhere password=secret", "has a password"),
+                ("archive/conninfo", "host=/nowhere user=other", "the role of device 1 is dev_1"),
+                ("archive/conninfo", "nonsense", "cannot be read"), ("device/number", "seven", "device/number"),
+                ("device/zone", "", "device/zone"), ("archive/password-file", "/nowhere", "/nowhere"),
+                ("device/zone", "UTC", "No such file or directory")):
+            with self.subTest(message):
+                with open(path, "w", encoding="utf-8") as file:
+                    for name, text in {**good, key: value}.items():
+                        group, item = name.split("/")
+                        file.write(f"[{group}]\n{item}={text}\n")
+                done = self.archive.ship("run", "--once", path, check=False)
+                self.assertEqual(done.returncode, 1)
+                self.assertIn(message, done.stderr)
+                self.assertNotIn("secret", done.stderr)
+
+
+if __name__ == "__main__":
+    PROGRAM = sys.argv.pop(1)
+    if not server_programs():
+        print("skipped: no PostgreSQL server is installed (Debian: postgresql)")
+        sys.exit(SKIPPED)
+    unittest.main(warnings="ignore")
