@@ -3,9 +3,12 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
+#include <QMutex>
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -33,7 +36,70 @@ bool isLocked(int file, short against, off_t begin, off_t size)
     return fcntl(file, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
+// One for the process: to close one takes some ten milliseconds, and their number is limited.
+struct Watches {
+    struct Watched {
+        quint64 writes = 0;
+        int users = 0;
+    };
+    QMutex mutex;
+    const Descriptor inotify{inotify_init1(IN_NONBLOCK | IN_CLOEXEC)};
+    QHash<int, Watched> watched;
+
+    static Watches &instance()
+    {
+        static Watches all;
+        return all;
+    }
+    void readEvents();
+};
+
+void Watches::readEvents()
+{
+    alignas(inotify_event) char events[4096];
+    for (;;) {
+        const ssize_t size = read(inotify.number(), events, sizeof events);
+        if (size <= 0)
+            return;
+        for (ssize_t at = 0; at < size;) {
+            const auto *const event = reinterpret_cast<const inotify_event *>(events + at);
+            at += ssize_t(sizeof(inotify_event) + event->len);
+            for (auto each = watched.begin(); each != watched.end(); ++each) {
+                if (each.key() == event->wd || (event->mask & IN_Q_OVERFLOW))
+                    ++each->writes;
+            }
+        }
+    }
+}
+
 } // namespace
+
+WriteWatch::WriteWatch(const QByteArray &path)
+{
+    Watches &all = Watches::instance();
+    const QMutexLocker lock(&all.mutex);
+    m_number = inotify_add_watch(all.inotify.number(), path.constData(), IN_MODIFY | IN_MOVE_SELF | IN_DELETE_SELF);
+    if (works())
+        ++all.watched[m_number].users;
+}
+
+WriteWatch::~WriteWatch()
+{
+    Watches &all = Watches::instance();
+    const QMutexLocker lock(&all.mutex);
+    if (!works() || --all.watched[m_number].users > 0)
+        return;
+    inotify_rm_watch(all.inotify.number(), m_number);
+    all.watched.remove(m_number);
+}
+
+quint64 WriteWatch::writes() const
+{
+    Watches &all = Watches::instance();
+    const QMutexLocker lock(&all.mutex);
+    all.readEvents();
+    return all.watched.value(m_number).writes;
+}
 
 Descriptor::Descriptor(const QByteArray &path, int flags) : m_number(open(path.constData(), flags | O_CLOEXEC, 0600)) {}
 
@@ -56,10 +122,8 @@ WatchedFile::WatchedFile(const QString &path)
     : m_name(path),
       m_path(QFile::encodeName(QFileInfo(path).canonicalFilePath())),
       m_file(m_path, O_RDONLY),
-      m_watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
+      m_watch(m_path)
 {
-    m_watches = m_watch.isOpen() &&
-                inotify_add_watch(m_watch.number(), m_path.constData(), IN_MODIFY | IN_MOVE_SELF | IN_DELETE_SELF) >= 0;
 }
 
 QByteArray WatchedFile::header() const
@@ -108,11 +172,8 @@ bool WatchedFile::isQuiet() const
 
 bool WatchedFile::wasWritten()
 {
-    alignas(inotify_event) char events[4096];
-    bool any = false;
-    while (m_watches && read(m_watch.number(), events, sizeof events) > 0)
-        any = true;
-    return any;
+    const quint64 writes = m_watch.writes();
+    return std::exchange(m_writes, writes) != writes;
 }
 
 bool WatchedFile::beginRead()
@@ -126,7 +187,7 @@ bool WatchedFile::beginRead()
                       opened.st_dev == m_before.device; // else another file has its name by now
     if (!same || !isQuiet())
         return false;
-    if (m_watches)
+    if (m_watch.works())
         return true;
     // The clock of time stamps is coarse: a change right after the last one would not show.
     timespec now{};

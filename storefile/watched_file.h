@@ -20,7 +20,7 @@ class Descriptor
 {
 public:
     Descriptor(const QByteArray &path, int flags);
-    explicit Descriptor(int number) : m_number(number) {}
+    explicit Descriptor(int number) : m_number(number) {} ///< Negative: none.
     ~Descriptor();
     Q_DISABLE_COPY(Descriptor)
 
@@ -45,6 +45,21 @@ struct FileMark {
         return a.exists == b.exists && a.device == b.device && a.inode == b.inode && a.size == b.size &&
                a.changed.tv_sec == b.changed.tv_sec && a.changed.tv_nsec == b.changed.tv_nsec;
     }
+};
+
+/// Counts the writes into a file, without the coarse clock of its time stamps. Any thread.
+class WriteWatch
+{
+public:
+    explicit WriteWatch(const QByteArray &path);
+    ~WriteWatch();
+    Q_DISABLE_COPY(WriteWatch)
+
+    bool works() const { return m_number >= 0; }
+    quint64 writes() const; ///< Moves and the removal of the file count, too.
+
+private:
+    int m_number;
 };
 
 /// What a reader has to know of one database file, all of it learnt by plain reads.
@@ -88,8 +103,8 @@ private:
     QByteArray header() const;
 
     const Descriptor m_file;
-    const Descriptor m_watch; ///< inotify sees what the coarse clock of time stamps does not.
-    bool m_watches = false;
+    const WriteWatch m_watch;
+    quint64 m_writes = 0;
     bool m_writeAhead = false;
     FileMark m_before;
     QByteArray m_headerBefore;

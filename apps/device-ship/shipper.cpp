@@ -200,6 +200,10 @@ Result<bool> Shipper::ship()
     const auto carriedOut = [&]() -> Status {
         for (std::size_t i = 0; i < m_files.size() && m_haveStreams; ++i) {
             File &file = *m_files[(m_first + i) % m_files.size()];
+            if (budget.rows <= 0 || budget.bytes <= 0) {
+                more = true; // the next batch begins with another file
+                break;
+            }
             const std::size_t before = m_streams.size();
             auto found = look(file, budget);
             if (!found)
