@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "row_encoder.h"
 
+#include "text_hash.h"
+
 #include "device/number.h"
 #include "storefile/texts.h"
 #include "storefile/times.h"
-
-#include <QCryptographicHash>
 
 #include <cctype>
 
@@ -290,11 +290,7 @@ qint64 RowEncoder::digest() const
     }
     appendField(record, m_odd.empty() ? std::string_view() : m_odd);
     record += ')';
-    const QByteArray hash = QCryptographicHash::hash(record, QCryptographicHash::Md5);
-    quint64 half = 0;
-    for (int i = 0; i < 8; ++i)
-        half = half << 8 | static_cast<unsigned char>(hash.at(i));
-    return qint64(half);
+    return textHash(record);
 }
 
 RowEncoder::End RowEncoder::readEnd(const Statement &row, int dateColumn, int timeColumn)

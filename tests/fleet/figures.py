@@ -130,11 +130,11 @@ def delay(archive, seconds):
     shipper.kill()
     shipper.wait()
     median, late, most, count = archive.sql(
-        "select percentile_disc(0.5) within group (order by d), percentile_disc(0.99) within group (order by d), max(d), "
-        "count(*) from (select 1000 * (extract(epoch from pg_xact_commit_timestamp(xmin)) - num::numeric) as d "
+        "select percentile_disc(0.5) within group (order by d), percentile_disc(0.99) within group (order by d), "
+        "max(d), count(*) from (select 1000 * (extract(epoch from pg_xact_commit_timestamp(xmin)) - num::numeric) as d "
         "from fleet.sample) s")[0]
-    print(f"commit to visible, {int(count) / seconds:.0f} rows a second: median {float(median):.0f} ms, 99 of 100 within "
-          f"{float(late):.0f} ms, longest {float(most):.0f} ms; shipper {used:.1%} of a core")
+    print(f"commit to visible, {int(count) / seconds:.0f} rows a second: median {float(median):.0f} ms, 99 of 100 "
+          f"within {float(late):.0f} ms, longest {float(most):.0f} ms; shipper {used:.1%} of a core")
 
 
 def main():
