@@ -5,6 +5,8 @@
 #include "storefile/system_error.h"
 #include "storefile/watched_file.h"
 
+#include <QFileInfo>
+
 #include <sqlite3.h>
 
 namespace device_db
@@ -51,6 +53,8 @@ Result<bool> readCopy(const QString &path, const std::function<Status(const Data
 
 Result<bool> readUnlocked(const QString &path, const std::function<Status(const Database &)> &read)
 {
+    if (!QFileInfo(path).isFile()) // to open a pipe would wait for who writes into it
+        return failure(path, QStringLiteral("there is no such file; check the name"));
     bool shared = false;
     {
         WatchedFile file(path);

@@ -4,6 +4,7 @@
 #include "shipped_statement.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace device_ship
 {
@@ -81,6 +82,7 @@ Status Shipper::connect()
         m_streams.back()->active = *active;
     }
     m_haveStreams = true;
+    ++m_timesRead;
     return {};
 }
 
@@ -204,12 +206,12 @@ Result<bool> Shipper::ship()
                 more = true; // the next batch begins with another file
                 break;
             }
-            const std::size_t before = m_streams.size();
+            const quint64 before = m_timesRead;
             auto found = look(file, budget);
             if (!found)
                 return found.error();
             more |= file.again;
-            if (m_streams.size() != before) { // the pieces point to those that were
+            if (m_timesRead != before) { // the pieces point to the former streams
                 more = true;
                 return {};
             }
@@ -229,7 +231,7 @@ Result<bool> Shipper::ship()
         return carryOut(pieces);
     }();
     if (!carriedOut) {
-        if (m_archive && m_archive->isOpen() && m_archive->refusedRow()) {
+        if (std::exchange(m_rowRefused, false)) {
             // One row must not hold up the others: it is found by halving, and recorded without its cells.
             if (m_mostRows == 1)
                 m_refusal = carriedOut.error().cause().toUtf8();
@@ -252,8 +254,10 @@ Status Shipper::carryOut(const QList<Piece> &pieces)
 {
     const bool anyRows = std::any_of(pieces.begin(), pieces.end(), [](const Piece &piece) { return piece.rows > 0; });
     if (anyRows) {
-        if (const Status done = m_archive->ship(pieces); !done)
+        if (const Status done = m_archive->ship(pieces); !done) {
+            m_rowRefused = m_archive->isOpen() && m_archive->refusedRow();
             return done;
+        }
     }
     for (const Piece &piece : pieces) {
         Stream &stream = *piece.stream;

@@ -63,11 +63,13 @@ private:
     std::optional<DeviceArchive> m_archive;
     std::vector<std::unique_ptr<Stream>> m_streams; ///< As the archive has said; empty: to be read.
     bool m_haveStreams = false;
+    quint64 m_timesRead = 0; ///< Each time, they are others.
     std::size_t m_first = 0; ///< The file that is looked at first, so that none starves.
     int m_mostRows;          ///< Of a batch: fewer while the archive refuses one of the rows.
-    QByteArray m_refusal;    ///< Why it refuses the next row.
-    int m_timesBehind = 0;   ///< One after the other, another shipper was quicker.
-    bool m_moved = false;    ///< Since the last report.
+    bool m_rowRefused = false;
+    QByteArray m_refusal;  ///< Why it refuses the next row.
+    int m_timesBehind = 0; ///< One after the other, another shipper was quicker.
+    bool m_moved = false;  ///< Since the last report.
 };
 
 } // namespace device_ship

@@ -9,6 +9,7 @@ import os
 import pwd
 import random
 import shutil
+import socket
 import sqlite3
 import subprocess
 import tempfile
@@ -28,7 +29,8 @@ def server_programs():
 class Cluster:
     """As another user than root, which initdb refuses."""
 
-    def __init__(self, folder, *settings):
+    def __init__(self, folder, *settings, listens=None):
+        """listens: the files of a key and a certificate, to listen on the network of this machine."""
         self.folder = folder
         self.data = os.path.join(folder, "data")
         self.programs = server_programs()
@@ -41,7 +43,19 @@ class Cluster:
             shutil.chown(folder, user)
         self.run("initdb", "-D", self.data, "-U", "owner", "-E", "UTF8", "--locale=C.UTF-8", "-A", "trust", "--no-sync")
         with open(os.path.join(self.data, "pg_hba.conf"), "w", encoding="utf-8") as hba:
-            hba.write("local all owner trust\nlocal all all scram-sha-256\n")
+            hba.write("local all owner trust\nlocal all all scram-sha-256\n"
+                      "hostssl all all localhost scram-sha-256\n")
+        self.port = 5432
+        if listens:
+            with socket.socket() as free:
+                free.bind(("127.0.0.1", 0))
+                self.port = free.getsockname()[1]
+            for name, file in zip(("server.key", "server.crt"), listens):
+                shutil.copy(file, os.path.join(self.data, name))
+                if self.user:
+                    shutil.chown(os.path.join(self.data, name), user)
+                os.chmod(os.path.join(self.data, name), 0o600)
+            self.settings += ("listen_addresses=localhost", f"port={self.port}", "ssl=on")
         self.start()
 
     def run(self, program, *arguments):
@@ -57,13 +71,14 @@ class Cluster:
         self.run("pg_ctl", "-D", self.data, "-w", "-m", mode, "stop")
 
     def conninfo(self, database, host=None):
-        return f"host={host or self.folder} dbname={database} user=owner"
+        return f"host={host or self.folder} port={self.port} dbname={database} user=owner"
 
     def sql(self, database, statement, role="owner"):
         """The rows, as lists of texts; NULL is None. Raises RuntimeError with the server's message."""
         environment = {**os.environ, "PGPASSWORD": PASSWORD, "PGOPTIONS": "-c client_min_messages=error"}
         done = subprocess.run(
-            [os.path.join(self.programs, "psql"), "-X", "-q", "-A", "-t", "-h", self.folder, "-U", role, "-d", database,
+            [os.path.join(self.programs, "psql"), "-X", "-q", "-A", "-t", "-h", self.folder, "-p", str(self.port), "-U", role,
+             "-d", database,
              "-v", "ON_ERROR_STOP=1", "-v", "VERBOSITY=verbose", "-F", "\x1f", "-R", "\x1e", "-P", "null=\x1d",
              "-f", "-"],
             input=statement.encode(), env=environment, capture_output=True, check=False)

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""A plant of twenty devices in a minute: recorded through the library, shipped while shippers and the server are killed,
-every row compared, and asked what a plant engineer would ask. Leaves nothing behind.
+"""A plant of twenty devices in a minute: recorded through the library, shipped while shippers and the server are
+killed, every row compared, and asked what a plant engineer would ask. Leaves nothing behind.
 
     demo.py DEVICE_SHIP DEVICE_DB [--devices N] [--rounds N]
 """

@@ -445,6 +445,43 @@ class Short(Fleet):
         times = self.archive.sql("set timezone = 'UTC'; select to_char(utc, 'HH24:MI') from fleet.samples order by id")
         self.assertEqual(times, [["23:59"], ["00:10"], ["00:50"], ["01:10"], ["01:50"], ["02:00"]])
 
+    def test_a_table_of_another_kind_takes_a_name(self):
+        store = self.store("h")
+        store.table("T", "sample")
+        store.samples("T", 10)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        store.run("drop table T")
+        store.table("T", "log")
+        store.add("T", [("2024-05-06 07:08:09.000", "a", "b", "c")])
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql("select tbl, kind, gen, wm from fleet.mark order by tbl"),
+                         [["1", "sample", "1", "10"], ["2", "log", "1", "1"]])
+
+    def test_the_server_s_certificate_is_verified(self):
+        key, certificate = (os.path.join(self.archive.folder, name) for name in ("server.key", "server.crt"))
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1", "-subj",
+                        "/CN=localhost", "-addext", "subjectAltName=DNS:localhost", "-keyout", key, "-out",
+                        certificate], check=True, capture_output=True)
+        server = Cluster(tempfile.mkdtemp(prefix="tls-", dir=self.folder), listens=(key, certificate))
+        try:
+            store = self.store("h")
+            store.table("T1", "sample")
+            store.samples("T1", 10)
+            archive = Archive(server, PROGRAM, "tls")
+            for host, settings, message in (
+                    ("localhost", "", "root certificate file"),
+                    ("127.0.0.1", f" sslrootcert={certificate}", "does not match host name"),
+                    ("localhost", f" sslrootcert={certificate}", None)):
+                configuration = archive.device(1, {"h": store}, f"{host} port={server.port}{settings}")
+                done = archive.ship("run", "--once", configuration, check=False)
+                self.assertIn(message or "", done.stderr)
+                self.assertEqual(done.returncode, 1 if message else 0, done.stderr)
+                self.assertNotIn("password", done.stderr)
+            self.assertEqual(archive.sql("select count(*) from fleet.sample"), [["10"]])
+        finally:
+            server.stop()
+
     def test_wrong_configurations_are_named(self):
         path = os.path.join(self.archive.folder, "wrong.conf")
         good = {"archive/conninfo": "host=/nowhere dbname=x", "device/number": "1", "device/zone": "UTC",

@@ -34,7 +34,7 @@ create table fleet.source (
     unit text not null default '',
     description text not null default '',
     primary key (device, tbl),
-    unique (device, file, name)
+    unique (device, file, name, kind)
 );
 
 create table fleet.generation (

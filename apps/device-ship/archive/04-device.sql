@@ -7,8 +7,8 @@ set local role fleet_owner;
 create function fleet.hello(its_zone text) returns integer
 language plpgsql security definer set search_path = fleet, pg_temp as $$
 begin
-    update device set seen = now(), zone = coalesce((select name from pg_timezone_names where name = its_zone), zone)
-    where device = me();
+    perform now() at time zone its_zone; -- an unknown one is an error
+    update device set seen = now(), zone = its_zone where device = me();
     if not found then
         raise exception using errcode = 'FL002', message = format('%s is not a device of this archive', session_user),
             hint = 'device-ship add-device makes one.';
@@ -32,7 +32,8 @@ declare
     number integer;
 begin
     perform from device where device = me() for update; -- one at a time
-    select tbl into number from source where device = me() and file = its_file and name = its_name;
+    select tbl into number from source where device = me() and file = its_file and name = its_name
+        and kind = its_kind;
     if found then
         return number;
     end if;
