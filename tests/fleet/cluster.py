@@ -77,8 +77,8 @@ class Cluster:
         """The rows, as lists of texts; NULL is None. Raises RuntimeError with the server's message."""
         environment = {**os.environ, "PGPASSWORD": PASSWORD, "PGOPTIONS": "-c client_min_messages=error"}
         done = subprocess.run(
-            [os.path.join(self.programs, "psql"), "-X", "-q", "-A", "-t", "-h", self.folder, "-p", str(self.port), "-U", role,
-             "-d", database,
+            [os.path.join(self.programs, "psql"), "-X", "-q", "-A", "-t", "-h", self.folder, "-p", str(self.port),
+             "-U", role, "-d", database,
              "-v", "ON_ERROR_STOP=1", "-v", "VERBOSITY=verbose", "-F", "\x1f", "-R", "\x1e", "-P", "null=\x1d",
              "-f", "-"],
             input=statement.encode(), env=environment, capture_output=True, check=False)
