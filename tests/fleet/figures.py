@@ -46,7 +46,8 @@ def rate(archive, rows):
         store.table("T", "sample")
         store.run("begin")
         store.connection.executemany("insert into T values(NULL,?,?)",
-                                     ((f"2024-05-{6 + i // 86400:02} {i // 3600 % 24:02}:{i // 60 % 60:02}:{i % 60:02}", "21.53")
+                                     ((f"2024-05-{6 + i // 86400:02} {i // 3600 % 24:02}:{i // 60 % 60:02}:"
+                                       f"{i % 60:02}", "21.53")
                                       for i in range(rows // FILES)))
         store.run("commit")
     configuration = archive.device(1, stores)
