@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""A plant of twenty devices in a minute: recorded through the library, shipped while shippers and the server are
+"""A plant of twenty devices: recorded through the library, shipped while shippers and the server are
 killed, every row compared, and asked what a plant engineer would ask. Leaves nothing behind.
 
     demo.py DEVICE_SHIP DEVICE_DB [--devices N] [--rounds N]
@@ -150,7 +150,7 @@ def main():
     options.add_argument("device_ship")
     options.add_argument("device_db")
     options.add_argument("--devices", type=int, default=20)
-    options.add_argument("--rounds", type=int, default=6)
+    options.add_argument("--rounds", type=int, default=3)
     given = options.parse_args()
     if not server_programs():
         print("skipped: no PostgreSQL server is installed (Debian: postgresql)")
