@@ -169,11 +169,12 @@ void RowEncoder::read(const Statement &row)
     finish();
 }
 
-void RowEncoder::read(qint64 id, const QList<Cell> &cells)
+void RowEncoder::read(qint64 id, QList<Cell> cells)
 {
     begin(id);
+    m_given = std::move(cells);
     for (int column = 1; column <= int(device_db::columnsOf(m_kind).size()); ++column)
-        take(column, cells.at(column - 1));
+        take(column, m_given.at(column - 1));
     finish();
 }
 

@@ -38,7 +38,7 @@ public:
         qint64 refused = -1; ///< The size of a cell that is not read.
         QByteArray why;      ///< Why it is refused.
     };
-    void read(qint64 id, const QList<Cell> &cells);
+    void read(qint64 id, QList<Cell> cells);
 
     qint64 id() const { return m_id; }
     /// An alarm that both of the store's and the archive's rules call active.
@@ -84,6 +84,7 @@ private:
     qint64 m_id = 0;
     std::string m_idText;
     std::array<Field, 10> m_cells; ///< By the places of the kind's columns.
+    QList<Cell> m_given;           ///< What they show, where the row was given cell by cell.
     std::string m_number;
     std::string m_odd;    ///< JSON; empty: NULL.
     std::string m_endOdd; ///< The same of an alarm's end.

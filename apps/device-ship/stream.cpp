@@ -69,7 +69,7 @@ Result<qint64> readByCells(const Database &database, const Stream &stream, qint6
         sqlite3_blob_close(blob);
         cells.append({0, {}, size, "larger than " + QByteArray::number(largestCell) + " bytes"});
     }
-    encoder.read(*id, cells);
+    encoder.read(*id, std::move(cells));
     return id;
 }
 
