@@ -125,8 +125,14 @@ void Retention::stored(const Write &row, LocalTime time, Clock::time_point now)
     if (m_tables.empty())
         return;
     ++m_stored;
-    if (time.isValid())
+    if (time.isValid()) {
+        const std::optional<qint64> before = m_time.believed();
         m_time.seen(device::secondsOf(time), std::chrono::duration_cast<std::chrono::seconds>(now - m_began).count());
+        if (m_time.believed() < before) { // where tables begin was judged by a time that was wrong
+            for (Table &table : m_tables)
+                table.isLookedAt = false;
+        }
+    }
     if (Table *const table = m_places.find(m_tables, row.table)) {
         ++table->sinceTrim;
         ++table->ends.last;
