@@ -83,14 +83,14 @@ void PagedModel::Pages::shrink()
         return;
     const QPointer<PagedModel> alive(m_model); // a slot may delete it
     for (const int number : m_pages.keys()) {
-        const auto page = alive ? m_pages.find(number) : m_pages.end();
-        if (!alive)
-            return;
+        const auto page = m_pages.find(number);
         const int first = number * pageRows;
         if (page == m_pages.end() || page->newestFirst || first >= m_rows)
             continue;
         page->asked = 0;
         reportChange(first, std::min(first + pageRows, m_rows) - 1);
+        if (!alive)
+            return;
     }
 }
 

@@ -203,21 +203,14 @@ Result<qint64> Selection::placeOfId(const Database &database, qint64 id) const
     }
     if (!m_pass->isDone())
         return id - m_pass->ends().firstId;
-    qint64 low = 0;
-    for (qint64 high = total(); low < high;) {
-        const qint64 middle = (low + high) / 2;
-        const auto row = page(database, middle, 1);
-        if (!row)
-            return row.error();
-        if (!row->empty() && row->front().front().toLongLong() < id)
-            low = middle + 1;
-        else
-            high = middle;
-    }
-    const auto row = page(database, low, 1);
+    const auto place =
+        firstPlace(database, [id](const std::vector<QByteArray> &row) { return row.front().toLongLong() < id; });
+    if (!place)
+        return place;
+    const auto row = page(database, *place, 1);
     if (!row)
         return row.error();
-    return !row->empty() && row->front().front().toLongLong() == id ? low : -1;
+    return !row->empty() && row->front().front().toLongLong() == id ? *place : -1;
 }
 
 Result<qint64> Selection::placeOfTime(const Database &database, qint64 time) const
@@ -225,19 +218,29 @@ Result<qint64> Selection::placeOfTime(const Database &database, qint64 time) con
     const Kind kind = m_pass->table().kind;
     const bool isLatestFirst = m_query.descending && m_query.column == "DATETIME";
     device::TimeReader reader(hasMilliseconds(kind));
+    const auto place = firstPlace(database, [&](const std::vector<QByteArray> &row) {
+        const auto there = timeIn(row.at(size_t(timeColumnOf(kind))), reader);
+        return there && (isLatestFirst ? *there > time : *there < time);
+    });
+    return place ? Result<qint64>(std::min(*place, total() - 1)) : place;
+}
+
+// The number of the first row that is not before; of all rows if each one is.
+Result<qint64> Selection::firstPlace(const Database &database,
+                                     const std::function<bool(const std::vector<QByteArray> &)> &isBefore) const
+{
     qint64 low = 0;
     for (qint64 high = total(); low < high;) {
         const qint64 middle = (low + high) / 2;
         const auto row = page(database, middle, 1);
         if (!row)
             return row.error();
-        const auto there = row->empty() ? std::nullopt : timeIn(row->front().at(size_t(timeColumnOf(kind))), reader);
-        if (there && (isLatestFirst ? *there > time : *there < time))
+        if (!row->empty() && isBefore(row->front()))
             low = middle + 1;
         else
             high = middle;
     }
-    return std::min(low, total() - 1);
+    return low;
 }
 
 } // namespace device_db

@@ -5,6 +5,7 @@
 #include "serve/table_pass.h"
 #include "storefile/row_query.h"
 
+#include <functional>
 #include <memory>
 
 namespace device_db
@@ -40,6 +41,8 @@ public:
     Result<qint64> placeOfTime(const Database &database, qint64 time) const;
 
 private:
+    Result<qint64> firstPlace(const Database &database,
+                              const std::function<bool(const std::vector<QByteArray> &)> &isBefore) const;
     Status findSome(const Database &database, bool &isAtEnd);
     Status takeSorted(SliceEnd until);
     Status beginToSort();
