@@ -108,6 +108,23 @@ test('texts of a file are never markup', chrome, async () => {
     assert.deepEqual(session.faults, []);
 });
 
+test('a row opens with its line ends and tabs as they are', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const text = "'Source:'||char(9)||'10.0.0.7'||char(13,10,13,10)||'Port:'||char(7)";
+    const log = [
+        'create table L(ID integer primary key autoincrement,DATETIME dateTime,userName text,logName text,message text)',
+        `insert into L(DATETIME,userName,logName,message) values('2024-05-06 07:08:09.000','eva','audit',${text})`,
+    ];
+    await session.open(folder.write('log.db', (await made(log)).main));
+    await session.tab('log');
+    await session.settled();
+    assert.ok((await texts(session, '#view-log .rows .row'))[0]!.includes('Source: ⇥ 10.0.0.7 ↵  ↵ Port:\ufffd'));
+    await session.page.click('#view-log .rows .row');
+    await session.page.waitForSelector('dialog[open]');
+    assert.ok((await texts(session, 'dd')).includes('Source:\t10.0.0.7\n\nPort:\ufffd'));
+});
+
 for (const zone of ['Asia/Kolkata', 'America/New_York']) {
     test(`times are those of the cells in ${zone}`, chrome, async () => {
         using folder = new Folder();

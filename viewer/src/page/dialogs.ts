@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-import {decodedTwice, grouped, visible} from '../reading/cells.js';
+import {decodedTwice, grouped, shown} from '../reading/cells.js';
 import type {Cell} from '../reading/cells.js';
 import type {CsvOptions} from '../reading/csv.js';
 import type {TableInfo} from '../reading/source.js';
@@ -28,7 +28,7 @@ function open(title: string, content: readonly Node[], actions: readonly Node[])
     return dialog;
 }
 
-/** A row whole: every cell, with line ends as they are. */
+/** A row whole: every cell, with line ends and tabs as they are. */
 export function showRow(workspace: Workspace, table: TableInfo, row: readonly Cell[]): void {
     const list = h('dl');
     const add = (title: string, text: string | null): void =>
@@ -36,7 +36,7 @@ export function showRow(workspace: Workspace, table: TableInfo, row: readonly Ce
     columnsOf(table.kind).forEach((column, i) => {
         const cell = row[i + 1] ?? null;
         const text = cell !== null && column.twice ? decodedTwice(cell) : cell;
-        add(column.title, text === null ? null : text.split('\n').map(visible).join('\n'));
+        add(column.title, text === null ? null : shown(text));
     });
     if (table.kind === 'alarms') add('Lasted', lastedText(row) || 'not known');
     add('ID', row[0] ?? null);

@@ -78,14 +78,21 @@ export function decodedTwice(cell: string): string {
 }
 
 /**
- * For people: line ends and tabs as signs, other control characters, those that change the direction of a text and
- * bytes that are not UTF-8 as U+FFFD.
+ * For people, on as many lines as the text has: control characters, those that change the direction of a text and bytes
+ * that are not UTF-8 as U+FFFD.
  */
-export function visible(text: string): string {
+export function shown(text: string): string {
     return text
-        .replace(/\r?\n/g, ' \u21b5 ')
-        .replace(/\t/g, ' \u21e5 ')
-        .replace(/[\x00-\x1f\x7f-\x9f\u2028-\u202e\u2066-\u2069]|(?<![\ud800-\udbff])[\udc80-\udcff]/g, '\ufffd');
+        .replace(/\r\n/g, '\n')
+        .replace(
+            /[\x00-\x08\x0b-\x1f\x7f-\x9f\u2028-\u202e\u2066-\u2069]|(?<![\ud800-\udbff])[\udc80-\udcff]/g,
+            '\ufffd',
+        );
+}
+
+/** The same on one line: line ends and tabs are signs. */
+export function visible(text: string): string {
+    return shown(text).replace(/\n/g, ' \u21b5 ').replace(/\t/g, ' \u21e5 ');
 }
 
 /** The order of the bytes of two texts, as SQLite and the C++ side compare. Negative: the first comes first. */
