@@ -4,7 +4,8 @@
 
     fleet_test.py PROGRAM [unittest's arguments]
 
-Long forms: DEVICE_FLEET_KILLS (20), DEVICE_FLEET_STOPS (3), DEVICE_FLEET_CUTS (1, of each kind of message).
+Long forms: DEVICE_FLEET_KILLS (20), DEVICE_FLEET_STOPS (3), DEVICE_FLEET_CUTS (1, of each kind of message),
+DEVICE_FLEET_COMMITS (1000, of the faster of two devices).
 """
 import os
 import random
@@ -24,9 +25,11 @@ from proxy import Proxy
 KILLS = int(os.environ.get("DEVICE_FLEET_KILLS", "20"))
 STOPS = int(os.environ.get("DEVICE_FLEET_STOPS", "3"))
 CUTS = int(os.environ.get("DEVICE_FLEET_CUTS", "1"))
+COMMITS = int(os.environ.get("DEVICE_FLEET_COMMITS", "1000"))
 SKIPPED = 77
 PROGRAM = ""
 DEADLINE = 120
+DEVICE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "device.py")
 
 
 def alarm(number, **cells):
@@ -160,6 +163,46 @@ class Short(Fleet):
             for table in ("T1", "T2"):
                 self.check_file(1, store, name, table, "sample")
         self.assertEqual((self.archive.gaps(1), self.archive.generations(1)), ([], 4))
+
+    def test_no_commit_fails_beside_devices_in_rollback_mode_that_are_killed(self):
+        stores = {name: self.store(name) for name in ("slow", "fast")}
+        for store in stores.values():
+            store.table("T", "sample")
+            store.samples("T", 20000)  # a backlog
+        configuration = self.archive.device(1, stores)
+        done, said, lock = threading.Event(), {name: b"" for name in stores}, threading.Lock()
+
+        def record(name, per_second):
+            while said[name].count(b".") < COMMITS * per_second // 500 and not done.is_set():
+                device = subprocess.Popen([sys.executable, DEVICE, stores[name].path, "T", str(per_second)],
+                                          stdout=subprocess.PIPE)
+                time.sleep(random.random() * 4)
+                device.kill()
+                with lock:
+                    said[name] += device.communicate()[0]
+
+        recorders = [threading.Thread(target=record, args=each) for each in (("slow", 20), ("fast", 500))]
+        for recorder in recorders:
+            recorder.start()
+        try:
+            while any(recorder.is_alive() for recorder in recorders):
+                service = self.start(configuration)  # catches up, then live
+                time.sleep(random.random() * 5)
+                service.kill()
+                service.wait()
+        finally:
+            done.set()
+            for recorder in recorders:
+                recorder.join()
+        for name, store in stores.items():
+            print(name, ", ".join(f"{said[name].count(letter)} {what}" for letter, what in
+                                  ((b".", "commits"), (b"r", "rollbacks"), (b"x", "failed"))), file=sys.stderr)
+            self.assertEqual(said[name].count(b"x"), 0, name)
+            store.run("select count(*) from T")  # rolls back what the last kill left
+        self.archive.ship("run", "--once", configuration)
+        for name, store in stores.items():
+            self.check_file(1, store, name, "T", "sample")
+        self.assertEqual((self.archive.gaps(1), self.archive.generations(1)), ([], 2))
 
     def test_every_row_once_wherever_the_connection_is_cut(self):
         store = self.store("h")
