@@ -20,8 +20,8 @@ export class MemoryBytes implements Bytes {
         this.size = bytes.length;
     }
 
-    read(offset: number, target: Uint8Array): void {
-        target.set(this.bytes.subarray(offset, offset + target.length));
+    read(offset: number, length: number): Uint8Array {
+        return this.bytes.slice(offset, offset + length);
     }
 }
 

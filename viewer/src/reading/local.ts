@@ -59,11 +59,13 @@ interface OpenTable {
     probing: Promise<void> | null;
 }
 
+function headOf(bytes: Bytes | undefined): Uint8Array {
+    return bytes?.read(0, Math.min(100, bytes.size)) ?? new Uint8Array(0);
+}
+
 // What changes whenever SQLite writes: the change counter of a file, the salts of a log.
 function fingerprint(bytes: Bytes | undefined): string {
-    const head = new Uint8Array(Math.min(100, bytes?.size ?? 0));
-    bytes?.read(0, head);
-    return head.join(',');
+    return headOf(bytes).join(',');
 }
 
 export class LocalSource implements Source {
@@ -98,8 +100,7 @@ export class LocalSource implements Source {
         if (journal) this.engine.add(`${path}-journal`, journal);
         const sizes = {name, bytes: bytes.size, walBytes: wal?.size ?? -1, journalBytes: journal?.size ?? -1};
         try {
-            const head = new Uint8Array(Math.min(100, bytes.size));
-            bytes.read(0, head);
+            const head = headOf(bytes);
             const isWal = head[18] === 2;
             const isDatabase = new TextDecoder().decode(head.subarray(0, 16)) === 'SQLite format 3\0';
             if (isDatabase && head[59]! > 1)

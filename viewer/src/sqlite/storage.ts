@@ -5,8 +5,8 @@
 /** What is read from: a slice of a dropped file, or anything else of fixed bytes. */
 export interface Bytes {
     readonly size: number;
-    /** Fills `target` from `offset` on; both are within the size. Throws when the medium does. */
-    read(offset: number, target: Uint8Array): void;
+    /** So many from `offset` on, all of them within the size. Throws when the medium does. */
+    read(offset: number, length: number): Uint8Array;
 }
 
 const blockSize = 16 * 1024; // a slice costs about a millisecond, however small
@@ -17,17 +17,28 @@ const sequenceBeforeWindow = 4;
 const nearby = 256 * 1024; // what is skipped costs less than another slice
 const blocksBeforeWhole = 32; // a file of which so much is asked is read whole, if it may be
 
+/** What one slice brought. */
+interface Part {
+    readonly begin: number;
+    readonly end: number;
+    readonly bytes: Uint8Array;
+}
+
+const nowhere: Part = {begin: 0, end: 0, bytes: new Uint8Array(0)};
+
+function isWithin(at: number, {begin, end}: Part): boolean {
+    return at >= begin && at < end;
+}
+
 function isAfter(begin: number, end: number): boolean {
     return begin >= end && begin < end + nearby;
 }
 
 /** Keeps what was read last, and reads ahead when the reads follow each other: the further, the longer they do. */
-export class CachedBytes implements Bytes {
-    readonly size: number;
-    private readonly blocks = new Map<number, Uint8Array>();
-    private room: Uint8Array = new Uint8Array(0); // of the window; allocated again only when it grows
-    private window: Uint8Array = this.room;
-    private windowBegin = 0;
+export class CachedBytes {
+    private readonly blocks = new Map<number, Part>();
+    private window = nowhere;
+    private windowBefore = nowhere; // a page of the tree that lies ahead comes between pages that lie before it
     private expected = 0;
     private inSequence = 0;
     private misses = 0;
@@ -36,54 +47,52 @@ export class CachedBytes implements Bytes {
     constructor(
         private readonly source: Bytes,
         private readonly mayBeWhole: boolean,
-    ) {
-        this.size = source.size;
-    }
+    ) {}
 
     read(offset: number, target: Uint8Array): void {
         for (let done = 0; done < target.length;) {
             const at = offset + done;
-            const [bytes, begin] = this.blockWith(at);
-            const part = bytes.subarray(at - begin, Math.min(bytes.length, at - begin + target.length - done));
-            target.set(part, done);
-            done += part.length;
+            const {begin, bytes} = this.partWith(at);
+            const found = bytes.subarray(at - begin, at - begin + target.length - done);
+            target.set(found, done);
+            done += found.length;
         }
     }
 
-    private blockWith(at: number): [Uint8Array, number] {
-        const windowEnd = this.windowBegin + this.window.length;
-        if (at >= this.windowBegin && at < windowEnd) return [this.window, this.windowBegin];
+    private partWith(at: number): Part {
+        for (const window of [this.window, this.windowBefore]) {
+            if (isWithin(at, window)) return window;
+        }
         const begin = at - (at % blockSize);
         const kept = this.blocks.get(begin);
         if (kept) {
             this.blocks.delete(begin); // the least recently used is the first
             this.blocks.set(begin, kept);
-            return [kept, begin];
+            return kept;
         }
-        if (this.mayBeWhole && ++this.misses > blocksBeforeWhole) return this.readWindow(0, this.size);
+        if (this.mayBeWhole && ++this.misses > blocksBeforeWhole) return (this.window = this.part(0, this.source.size));
         // A page of the tree that lies elsewhere does not end a sequence.
-        if (this.window.length > 0 && isAfter(begin, windowEnd))
-            return this.readWindow(begin, Math.min(2 * this.window.length, largestWindow));
+        const {end, bytes} = this.window;
+        if (bytes.length > 0 && isAfter(begin, end)) return this.nextWindow(end, 2 * bytes.length);
         this.inSequence = isAfter(begin, this.expected) ? this.inSequence + 1 : 0;
         this.expected = begin + blockSize;
-        if (this.inSequence >= sequenceBeforeWindow) return this.readWindow(begin, smallestWindow);
-        const block = new Uint8Array(Math.min(blockSize, this.size - begin));
-        this.source.read(begin, block);
+        if (this.inSequence >= sequenceBeforeWindow) return this.nextWindow(begin, smallestWindow);
+        const block = this.part(begin, blockSize);
         this.blocks.set(begin, block);
         if (this.blocks.size > blocksKept) this.blocks.delete(this.blocks.keys().next().value!);
-        return [block, begin];
+        return block;
     }
 
-    private readWindow(begin: number, wanted: number): [Uint8Array, number] {
-        const length = Math.min(wanted, this.size - begin);
-        if (this.room.length < length) this.room = new Uint8Array(length);
-        this.window = new Uint8Array(0); // should reading fail
-        const window = this.room.subarray(0, length);
-        for (let at = 0; at < length; at += largestWindow)
-            this.source.read(begin + at, window.subarray(at, at + largestWindow));
-        this.window = window;
-        this.windowBegin = begin;
-        return [window, begin];
+    // Not from where it is asked for: what lies between may come later.
+    private nextWindow(begin: number, wanted: number): Part {
+        const window = this.part(begin, Math.min(wanted, largestWindow));
+        this.windowBefore = this.window;
+        return (this.window = window);
+    }
+
+    private part(begin: number, wanted: number): Part {
+        const bytes = this.source.read(begin, Math.min(wanted, this.source.size - begin));
+        return {begin, end: begin + bytes.length, bytes};
     }
 }
 
@@ -92,7 +101,7 @@ const pageSize = 4096;
 /** A file as SQLite sees it. Pages that were written are kept; the base stays as it is. */
 export class StoredFile {
     private readonly written = new Map<number, Uint8Array>();
-    private readonly base: Bytes | null;
+    private readonly base: CachedBytes | null;
     private baseSize: number; // of the base, what was not cut off
     private length: number;
 

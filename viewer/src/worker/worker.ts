@@ -25,10 +25,10 @@ class FileBytes implements Bytes {
         return this.file.size;
     }
 
-    read(offset: number, target: Uint8Array): void {
-        const bytes = new Uint8Array(this.reader.readAsArrayBuffer(this.file.slice(offset, offset + target.length)));
-        if (bytes.length !== target.length) throw new Error('the file became shorter');
-        target.set(bytes);
+    read(offset: number, length: number): Uint8Array {
+        const bytes = new Uint8Array(this.reader.readAsArrayBuffer(this.file.slice(offset, offset + length)));
+        if (bytes.length !== length) throw new Error('the file became shorter');
+        return bytes;
     }
 }
 
