@@ -2,7 +2,7 @@
 //
 // What the server reads by, without a server.
 #include "plain_connection.h"
-#include "serve/selection.h"
+#include "serve/curve_work.h"
 #include "text_literal.h"
 
 #include <QTemporaryDir>
@@ -132,6 +132,26 @@ TEST_F(ServePieces, APassGoesOnWhereRowsCome)
     ASSERT_EQ(grown.findings().size(), once.findings().size());
     for (int i = 0; i < once.findings().size(); ++i)
         EXPECT_EQ(grown.findings().at(i).text(), once.findings().at(i).text());
+}
+
+TEST_F(ServePieces, APictureOfAllIsAsWideAtFirstAsItIsAtLast)
+{
+    PlainConnection device(path());
+    device.run(definition() + rows(5000));
+    const auto database = Database::open(path(), Database::ReadOnly);
+    ASSERT_TRUE(database);
+    ServedTable served;
+    served.table = table();
+    served.pass = std::make_shared<TablePass>(table(), *endsOf(*database, "T1"_q));
+    ASSERT_TRUE(readDots(*database, served));
+    const TimeExtent first = served.pass->extent();
+    ASSERT_TRUE(served.pass->read(*database, std::chrono::steady_clock::now()));
+    ASSERT_FALSE(served.pass->isDone());
+    EXPECT_EQ(served.pass->extent().to, first.to);
+    while (!served.pass->isDone())
+        ASSERT_TRUE(served.pass->read(*database, std::chrono::steady_clock::now()));
+    EXPECT_EQ(served.pass->extent().from, first.from);
+    EXPECT_EQ(served.pass->extent().to, first.to);
 }
 
 } // namespace

@@ -8,7 +8,7 @@ import {test} from 'node:test';
 import {Curve} from '../src/reading/curve.js';
 import {numberOf} from '../src/reading/number.js';
 import {Reduction} from '../src/reading/reduction.js';
-import type {CurveAnswer, RowsAnswer, TrendAnswer} from '../src/reading/source.js';
+import type {CurveAnswer, Overview, RowsAnswer, TrendAnswer} from '../src/reading/source.js';
 import {timeIn} from '../src/reading/times.js';
 import {CachedBytes, StoredFile} from '../src/sqlite/storage.js';
 import {Folder} from './reference.js';
@@ -330,6 +330,15 @@ test('questions are answered while a table is read, and end when nobody waits', 
     await assert.rejects(left, {name: 'AbortError'});
     await long;
     assert.deepEqual(order, ['short', 'long']);
+});
+
+test('a picture of all is as wide at first as it is at last, however little of the table was read', async () => {
+    const files = await made([samples, rows(300000, 'i', 'i%100')]);
+    const source = await sourceOver(filesOf(files), 500); // so slow that each slice is seen
+    const seen: Overview[] = [];
+    const last = await source.overview('0/T1', (overview) => seen.push(overview));
+    assert.ok(seen.some(({share}) => share > 0));
+    for (const {from, to} of seen) assert.deepEqual([from, to], [last.from, last.to]);
 });
 
 test('a curve of many steps back of the clock keeps all of its points', () => {

@@ -76,8 +76,11 @@ export function filesOf(files: MadeFiles, name = 'case.db', beside = true): Give
     return given;
 }
 
-export async function sourceOver(given: readonly GivenFile[]): Promise<LocalSource> {
-    const source = new LocalSource(await engine(), given, () => new Promise((resume) => setImmediate(resume)));
+/** `pause`: milliseconds between two slices of work. */
+export async function sourceOver(given: readonly GivenFile[], pause = 0): Promise<LocalSource> {
+    const rest = (): Promise<void> =>
+        new Promise((resume) => (pause > 0 ? setTimeout(resume, pause) : setImmediate(resume)));
+    const source = new LocalSource(await engine(), given, rest);
     await source.open();
     await source.tables();
     return source;

@@ -25,15 +25,12 @@ public:
         TablePass &pass = *m_table->pass;
         if (!pass.isDone() && !m_isShown) {
             m_isShown = true;
-            TimeExtent extent = pass.extent();
-            if (!extent.from && m_table->table.kind == Kind::Samples) {
-                if (const Status read = m_table->hasDots ? Status() : readDots(**database, *m_table); !read)
+            if (!pass.extent().from && m_table->table.kind == Kind::Samples && !m_table->hasDots) {
+                if (const Status read = readDots(**database, *m_table); !read)
                     return read.error();
-                for (const Point &dot : m_table->dots)
-                    extent.add(dot.time);
             }
-            if (extent.from)
-                seen(answer(extent));
+            if (pass.extent().from)
+                seen(answer());
             return QByteArray();
         }
         if (!pass.isDone()) {
@@ -41,16 +38,17 @@ public:
                 return read.error();
         }
         if (pass.isDone())
-            return answer(pass.extent());
+            return answer();
         if (m_pace.isTime())
-            seen(answer(pass.extent()));
+            seen(answer());
         return QByteArray();
     }
 
 private:
-    QByteArray answer(const TimeExtent &extent) const
+    QByteArray answer() const
     {
         const TablePass &pass = *m_table->pass;
+        const TimeExtent extent = pass.extent();
         Json json;
         json.beginObject().key("exact").boolean(pass.isDone()).key("share").number(pass.share());
         json.key("rows").number(pass.expectedRows()).key("first").cell(pass.first()).key("last").cell(pass.last());

@@ -277,8 +277,10 @@ Status readDots(const Database &database, ServedTable &table)
         if (probe->step()) {
             const auto time = timeIn(probe->cell(0), reader);
             const auto value = device::number(probe->cell(1));
-            if (time && *time >= 0 && value)
+            if (time && *time >= 0 && value) {
                 table.dots.push_back({*time, *value});
+                table.pass->addTime(*time);
+            }
         }
         probe->reset();
     }

@@ -95,6 +95,12 @@ void TablePass::grow(const TableEnds &ends)
     m_isDone = m_isDone && m_idSoFar >= ends.highestId;
 }
 
+void TablePass::addTime(qint64 time)
+{
+    note(time);
+    m_times.add(time);
+}
+
 Status TablePass::read(const Database &database, SliceEnd until)
 {
     m_judge.readClock(); // a device is watched for longer than the day that a clock may be ahead
@@ -128,11 +134,8 @@ void TablePass::addRow(const Statement &row)
         m_first = text.isNull() ? QByteArray("") : text;
     if (m_rows == 0 || text > m_last)
         m_last = text.isNull() ? QByteArray("") : text;
-    if (time) {
-        m_times.add(*time);
-        if (m_judge.isPlausible(*time))
-            m_plausible.add(*time);
-    }
+    if (time)
+        addTime(*time);
     std::optional<double> value;
     if (isAlarm) {
         m_lanes.add(row.number(4), time, millisecondsOf(endOfAlarm(endDate, endTime), false));

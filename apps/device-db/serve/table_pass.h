@@ -46,6 +46,8 @@ public:
     Status read(const Database &database, SliceEnd until);
     /// Rows have come.
     void grow(const TableEnds &ends);
+    /// The time of a row, in turn or out of it.
+    void addTime(qint64 time);
 
     const Table &table() const { return m_table; }
     const TableEnds &ends() const { return m_ends; }

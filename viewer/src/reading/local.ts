@@ -307,9 +307,7 @@ export class LocalSource implements Source {
 
     private async showDotsEnds(table: OpenTable, seen: Seen<Overview>, signal?: AbortSignal): Promise<void> {
         const show = (): void => {
-            const times = table.dots.map(({time}) => time);
-            if (times.length > 0 && !table.pass.isDone)
-                seen({...this.overviewOf(table), from: Math.min(...times), to: Math.max(...times)});
+            if (table.dots.length > 0 && !table.pass.isDone) seen(this.overviewOf(table));
         };
         await this.waitFor(this.probe(table), signal, show);
         show();
@@ -431,7 +429,10 @@ function* probesOf(pass: TablePass, dots: Sample[]): Work<void> {
             if (statement.step()) {
                 const time = timeIn(statement.text(0), false);
                 const value = numberOf(statement.text(1));
-                if (time !== null && time >= 0 && value !== null) dots.push({time, value});
+                if (time !== null && time >= 0 && value !== null) {
+                    dots.push({time, value});
+                    pass.addTime(time);
+                }
             }
             statement.reset();
             yield;

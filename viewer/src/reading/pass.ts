@@ -92,6 +92,12 @@ export class TablePass {
         return this.isDone ? this.rows : Math.max(this.rows, this.highestId - this.firstId + 1);
     }
 
+    /** The time of a row that was read out of turn, from 1970 on. */
+    addTime(time: number): void {
+        this.note(time);
+        this.ends.times.add(time);
+    }
+
     /**
      * Without a pass: by the index on time, where its first and last entries are times. False if it cannot be said so.
      */
