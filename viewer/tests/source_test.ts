@@ -5,14 +5,18 @@ import assert from 'node:assert/strict';
 import {spawnSync} from 'node:child_process';
 import {test} from 'node:test';
 
-import {Curve} from '../src/reading/curve.js';
+import {Curve, CurveOfBlocks} from '../src/reading/curve.js';
 import {numberOf} from '../src/reading/number.js';
+import {TablePass} from '../src/reading/pass.js';
 import {Reduction} from '../src/reading/reduction.js';
 import type {CurveAnswer, Overview, RowsAnswer, TrendAnswer} from '../src/reading/source.js';
+import {tablesOf} from '../src/reading/tables.js';
 import {timeIn} from '../src/reading/times.js';
+import {finish} from '../src/reading/work.js';
+import {Database} from '../src/sqlite/database.js';
 import {CachedBytes, StoredFile} from '../src/sqlite/storage.js';
 import {Folder} from './reference.js';
-import {filesOf, made, MemoryBytes, nothing, sourceOver} from './support.js';
+import {engine, filesOf, made, MemoryBytes, nothing, sourceOver} from './support.js';
 import type {MadeFiles} from './support.js';
 
 const samples = 'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)';
@@ -260,6 +264,41 @@ for (const [name, value, more] of [
         }
     });
 }
+
+test('a picture that is made while a table is read has the same points as one that is made later', async () => {
+    const files = await made([samples, rows(300000, 'i-(i%70000=60000)*9000', 'i*7919%1000')]);
+    const next = random(11);
+    const queries = Array.from({length: 12}, (_, i) => {
+        const from = 1714978800000 + Math.floor(next() * 200000) * 1000;
+        return {table: '0/T1', from, to: from + Math.floor(next() * 200000) * 1000, columns: 1 + i * 40};
+    });
+    const [early, late] = [await sourceOver(filesOf(files)), await sourceOver(filesOf(files))];
+    const reading = early.overview('0/T1', nothing);
+    const answers = await Promise.all(queries.map((query) => early.trend(query, nothing)));
+    await reading;
+    await late.overview('0/T1', nothing);
+    for (const [i, query] of queries.entries()) {
+        assert.deepEqual(answers[i], await late.trend(query, nothing));
+        assert.deepEqual(answers[i], await early.trend(query, nothing), 'and again');
+    }
+});
+
+test('a picture that follows a pass has next to nothing left to read at its end', async () => {
+    const files = await made([samples, rows(100000, 'i', 'i%100')]);
+    const reader = await engine();
+    reader.add('/0', new MemoryBytes(files.main));
+    const database = Database.open(reader, '/0', 'case.db');
+    const pass = new TablePass(database, tablesOf(database)[0]!);
+    const range = {from: 1714978800000, to: 1715078799000, columns: 100};
+    const picture = new CurveOfBlocks(database, 'T1', pass.blocks, range);
+    for (const work = pass.read(); !work.next().done;) {
+        finish(picture.read());
+        assert.ok(picture.isComplete);
+    }
+    assert.ok([...picture.read()].length <= 1); // for each block whose rows are read
+    assert.equal(picture.curve.total.rows, 100000);
+    picture.close();
+});
 
 test('a look before everything is read loses no spike that it has seen', async () => {
     const files = await made([samples, rows(60000, 'i', "case when i=12345 then '999.5' else i%50 end")]);

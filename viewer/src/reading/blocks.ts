@@ -126,13 +126,14 @@ export class Blocks {
         };
     }
 
-    /** The blocks with rows between two times, both included. */
-    *between(from: number, to: number): Generator<Block> {
+    /** The place of the first block from one on with rows between two times, both included; `size` without one. */
+    next(index: number, from: number, to: number): number {
         const {data} = this;
-        for (let i = 0; i < this.count; ++i) {
-            const at = i * stride;
-            if (data[at + 3]! > 0 && data[at + 5]! <= to && data[at + 6]! >= from) yield this.at(i);
+        for (; index < this.count; ++index) {
+            const at = index * stride;
+            if (data[at + 3]! > 0 && data[at + 5]! <= to && data[at + 6]! >= from) break;
         }
+        return index;
     }
 
     /** The block with the row of this number, from 0 on in the order of recording, and the number of its first row. */

@@ -177,27 +177,53 @@ export class SampleScan {
 /** What the blocks so far say without a look at the rows; nothing is lost but where exactly within a block it lies. */
 export function roughCurve(blocks: Blocks, range: Range): Curve {
     const curve = new Curve(range);
-    for (const block of blocks.between(range.from, range.to)) {
+    for (let i = -1; (i = blocks.next(i + 1, range.from, range.to)) < blocks.size;) {
+        const block = blocks.at(i);
         if (!curve.addWhole(block)) curve.addRoughly(block);
     }
     return curve;
 }
 
-/** Of a table that was read once: blocks, and the rows of those across the edge of a column. */
-export function* curveOfBlocks(database: Database, table: string, blocks: Blocks, range: Range): Work<Curve> {
-    const curve = new Curve(range);
-    const scan = new SampleScan(database, table, 'where ID>=?1 and ID<=?2 order by ID');
-    try {
-        for (const block of blocks.between(range.from, range.to)) {
+/**
+ * Of blocks, and the rows of those across the edge of a column. It can be made while the table is read: such rows are
+ * still in memory then.
+ */
+export class CurveOfBlocks {
+    readonly curve: Curve;
+    private readonly scan: SampleScan;
+    private next = 0;
+
+    constructor(
+        database: Database,
+        table: string,
+        private readonly blocks: Blocks,
+        range: Range,
+    ) {
+        this.curve = new Curve(range);
+        this.scan = new SampleScan(database, table, 'where ID>=?1 and ID<=?2 order by ID');
+    }
+
+    /** All blocks that there are so far are in it. */
+    get isComplete(): boolean {
+        return this.next === this.blocks.size;
+    }
+
+    /** Adds the blocks that are not in it. */
+    *read(): Work<void> {
+        const {curve, blocks, scan} = this;
+        const {from, to} = curve.range;
+        while ((this.next = blocks.next(this.next, from, to)) < blocks.size) {
+            const block = blocks.at(this.next++);
             if (curve.addWhole(block)) continue;
             scan.again([block.firstId, block.lastId]);
             while (scan.next()) curve.add(block.run, scan.time, scan.value);
             yield;
         }
-    } finally {
-        scan.close();
     }
-    return curve;
+
+    close(): void {
+        this.scan.close();
+    }
 }
 
 /** By the index on time. */

@@ -5,7 +5,7 @@ import {Database, ReadError} from '../sqlite/database.js';
 import type {Engine} from '../sqlite/engine.js';
 import type {Bytes} from '../sqlite/storage.js';
 import {bytesText, identifier, isSameName} from './cells.js';
-import {curveOfBlocks, curveOfIndex, curveOfRollups, Curve, roughCurve} from './curve.js';
+import {Curve, curveOfIndex, CurveOfBlocks, curveOfRollups, roughCurve} from './curve.js';
 import type {Range} from './curve.js';
 import {aboutFile, configurationFindings, integrityFindings} from './findings.js';
 import type {Finding} from './findings.js';
@@ -42,6 +42,7 @@ const rowsByIndex = 300000; // more are read faster in the order of recording
 const probes = 400;
 const probeStride = 149; // no factor of it divides the number of probes
 const selectionsKept = 6;
+const picturesKept = 6; // of each table
 const largestChecked = 20e6; // bytes: SQLite's check of a file cannot be interrupted
 
 interface OpenFile {
@@ -55,6 +56,7 @@ interface OpenTable {
     readonly file: OpenFile;
     readonly pass: TablePass;
     readonly dots: Sample[];
+    readonly pictures: Map<string, CurveAnswer>; // by their ranges, the least recently made first
     reading: Promise<void> | null;
     probing: Promise<void> | null;
 }
@@ -208,7 +210,7 @@ export class LocalSource implements Source {
                     firstId: pass.firstId,
                     lastId: pass.lastId,
                 };
-                this.opened.set(key, {info, file, pass, dots: [], reading: null, probing: null});
+                this.opened.set(key, {info, file, pass, dots: [], pictures: new Map(), reading: null, probing: null});
             }
         });
         return [...this.opened.values()].map(({info}) => info);
@@ -256,8 +258,13 @@ export class LocalSource implements Source {
         return table.probing;
     }
 
-    /** Waits for some work; while it goes on, what is known so far is shown now and then. */
-    private async waitFor(work: Promise<void>, signal: AbortSignal | undefined, show: () => void): Promise<void> {
+    /** Waits for some work; while it goes on, what is known so far is shown now and then. `follow`: after each slice. */
+    private async waitFor(
+        work: Promise<void>,
+        signal: AbortSignal | undefined,
+        show: () => void,
+        follow = (): void => undefined,
+    ): Promise<void> {
         let isDone = false;
         const done = (): void => {
             isDone = true;
@@ -266,6 +273,7 @@ export class LocalSource implements Source {
         for (let next = performance.now() + showEvery; !isDone;) {
             await Promise.race([work, this.pause()]);
             signal?.throwIfAborted();
+            follow();
             const begin = performance.now();
             if (isDone || begin < next) continue;
             show();
@@ -275,8 +283,13 @@ export class LocalSource implements Source {
         await work;
     }
 
-    private whileReading(table: OpenTable, signal: AbortSignal | undefined, show: () => void): Promise<void> {
-        return this.waitFor(this.read(table), signal, show);
+    private whileReading(
+        table: OpenTable,
+        signal: AbortSignal | undefined,
+        show: () => void,
+        follow?: () => void,
+    ): Promise<void> {
+        return this.waitFor(this.read(table), signal, show, follow);
     }
 
     async overview(key: string, seen: Seen<Overview>, signal?: AbortSignal): Promise<Overview> {
@@ -330,26 +343,33 @@ export class LocalSource implements Source {
             await this.whileReading(table, signal, () => seen(answer()));
             return answer();
         }
+        const key = `${range.from} ${range.to} ${range.columns}`;
+        const kept = table.pictures.get(key);
+        if (kept) return kept;
         const direct = pass.isDone && !pass.rollups ? null : await this.directly(table, range, signal);
         if (direct) return answerOf(direct, table, true);
-        if (!pass.isDone) {
-            const show = (): void =>
-                seen(
-                    pass.share > 0.5
-                        ? answerOf(roughCurve(pass.blocks, range), table, false)
-                        : dotsAnswer(range, table),
-                );
-            await this.waitFor(this.probe(table), signal, show);
-            show();
-            await this.whileReading(table, signal, show);
+        const picture = new CurveOfBlocks(pass.database, pass.table.name, pass.blocks, range);
+        const rough = (): TrendAnswer =>
+            answerOf(picture.isComplete ? picture.curve : roughCurve(pass.blocks, range), table, false);
+        try {
+            if (!pass.isDone) {
+                const show = (): void => seen(pass.share > 0.5 ? rough() : dotsAnswer(range, table));
+                await this.waitFor(this.probe(table), signal, show);
+                show();
+                await this.whileReading(table, signal, show, () => doForASlice(picture.read()));
+            }
+            let isShown = false;
+            await this.run(picture.read(), signal, () => {
+                if (!isShown) seen(rough());
+                isShown = true;
+            });
+            const exact = answerOf(picture.curve, table, true);
+            table.pictures.set(key, exact);
+            if (table.pictures.size > picturesKept) table.pictures.delete(table.pictures.keys().next().value!);
+            return exact;
+        } finally {
+            picture.close();
         }
-        const rough = (): void => seen(answerOf(roughCurve(pass.blocks, range), table, false));
-        let isShown = false;
-        const exact = await this.run(curveOfBlocks(pass.database, pass.table.name, pass.blocks, range), signal, () => {
-            if (!isShown) rough();
-            isShown = true;
-        });
-        return answerOf(exact, table, true);
     }
 
     // By sums that the file keeps, or by the index on time if that finds few enough rows.
@@ -410,6 +430,10 @@ export class LocalSource implements Source {
         await this.waitFor(found, signal, () => seen(answer()));
         return answer();
     }
+}
+
+function doForASlice(work: Work<void>): void {
+    for (const until = performance.now() + sliceLength; performance.now() < until && !work.next().done;);
 }
 
 function textsOf({from, to}: Range): [string, string] {
