@@ -3,6 +3,7 @@
 // $MEASURE=FILE npm run measure: how long a large file takes, from the moment it is chosen, and the memory of the
 // browser.
 import {execFileSync} from 'node:child_process';
+import {readFileSync} from 'node:fs';
 import {loadavg} from 'node:os';
 
 import {Session} from './browser.js';
@@ -67,11 +68,14 @@ for (const [what, length] of [
     });
     console.log(`${what}: ${((performance.now() - from) / 1000).toFixed(2)} s`);
 }
-const processes = execFileSync('ps', ['-eo', 'rss,args', '--sort=-rss'])
+const processes = execFileSync('ps', ['-eo', 'pid,args'])
     .toString()
     .split('\n')
     .filter((line) => /--type=renderer|-contentproc/.test(line))
+    .map((line) => readFileSync(`/proc/${line.trim().split(' ')[0]}/status`, 'utf8'))
+    .map((status) => Number(/^VmHWM:\s*(\d+) kB/m.exec(status)![1]) / 1000)
+    .sort((a, b) => b - a)
     .slice(0, 3)
-    .map((line) => `${Math.round(Number(line.trim().split(' ')[0]) / 1024)} MB`);
+    .map((size) => `${Math.round(size)} MB`);
 console.log(`load: ${loadavg()[0]!.toFixed(1)}`);
-console.log(`largest processes of the page: ${processes.join(', ')}`);
+console.log(`largest processes of the page, at their peak: ${processes.join(', ')}`);
