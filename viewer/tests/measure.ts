@@ -68,11 +68,13 @@ for (const [what, length] of [
     });
     console.log(`${what}: ${((performance.now() - from) / 1000).toFixed(2)} s`);
 }
-const processes = execFileSync('ps', ['-eo', 'pid,args'])
+const processes = execFileSync('ps', ['-eo', 'pid,pgid,args'])
     .toString()
     .split('\n')
-    .filter((line) => /--type=renderer|-contentproc/.test(line))
-    .map((line) => readFileSync(`/proc/${line.trim().split(' ')[0]}/status`, 'utf8'))
+    .map((line) => line.trim().split(/ +/))
+    .filter(([, group]) => group === String(session.browser.process()!.pid))
+    .filter((words) => words.some((word) => /^--type=renderer$|^-contentproc$/.test(word)))
+    .map(([id]) => readFileSync(`/proc/${id}/status`, 'utf8'))
     .map((status) => Number(/^VmHWM:\s*(\d+) kB/m.exec(status)![1]) / 1000)
     .sort((a, b) => b - a)
     .slice(0, 3)
