@@ -59,21 +59,29 @@ struct Conditions {
 
 Status addComparison(const Database &database, const QString &given, Conditions &conditions)
 {
-    static const QRegularExpression form(QStringLiteral("^\\s*(>=|<=|!=|>|<|=)\\s*(.*\\S)\\s*$"));
-    const auto match = form.match(given);
-    const QByteArray operation = match.captured(1).toLatin1();
-    const QByteArray wanted = match.captured(2).toUtf8();
-    const bool isNumber = device::number(wanted).has_value();
-    if (!match.hasMatch() || (!isNumber && operation != "=" && operation != "!="))
-        return failure(given, QStringLiteral("give a comparison with a number, such as \">80\", or \"=\" and a text"));
+    const auto comparison = comparisonIn(given);
+    if (!comparison)
+        return comparison.error();
     sqlite3_create_function_v2(database.handle(), "number_of", 1, SQLITE_UTF8 | SQLITE_DIRECTONLY, nullptr, numberOf,
                                nullptr, nullptr, nullptr);
-    conditions.parts << (isNumber ? "number_of(Value)" + operation + "cast(? as real)" : "Value" + operation + '?');
-    conditions.texts << wanted;
+    conditions.parts << (comparison->number ? "number_of(Value)" + comparison->operation + "cast(? as real)"
+                                            : "Value" + comparison->operation + '?');
+    conditions.texts << comparison->text;
     return {};
 }
 
 } // namespace
+
+Result<Comparison> comparisonIn(const QString &given)
+{
+    static const QRegularExpression form(QStringLiteral("^\\s*(>=|<=|!=|>|<|=)\\s*(.*\\S)\\s*$"));
+    const auto match = form.match(given);
+    const Comparison comparison{match.captured(1).toLatin1(), match.captured(2).toUtf8(),
+                                device::number(match.captured(2).toUtf8())};
+    if (!match.hasMatch() || (!comparison.number && comparison.operation != "=" && comparison.operation != "!="))
+        return failure(given, QStringLiteral("give a comparison with a number, such as \">80\", or \"=\" and a text"));
+    return comparison;
+}
 
 QVector<Kind> RowFilter::kinds() const
 {

@@ -4,6 +4,7 @@
 
 #include "storefile/tables.h"
 
+#include <optional>
 #include <vector>
 
 namespace device_db
@@ -26,6 +27,14 @@ struct RowFilter {
     /// The kinds of tables that have what is asked for; empty: any.
     QVector<Kind> kinds() const;
 };
+
+/// A comparison as a person types it: ">80", "=ON".
+struct Comparison {
+    QByteArray operation;         ///< Of SQL.
+    QByteArray text;              ///< What is compared with.
+    std::optional<double> number; ///< Where it is one: the comparison is that of numbers then.
+};
+Result<Comparison> comparisonIn(const QString &given);
 
 enum class Order { OldestFirst, NewestFirst, AsRecorded };
 

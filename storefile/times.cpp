@@ -22,12 +22,13 @@ QByteArray formOf(const QDateTime &time, bool milliseconds)
         .toLatin1();
 }
 
-QDateTime fromText(const QByteArray &time, bool milliseconds, Qt::TimeSpec spec)
+QDateTime fromText(const QByteArray &time, bool milliseconds, const QTimeZone &zone)
 {
     const QString text = QString::fromLatin1(time);
     QDateTime parsed = QDateTime::fromString(text, milliseconds ? QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")
                                                                 : QStringLiteral("yyyy-MM-dd hh:mm:ss"));
-    parsed.setTimeSpec(spec);
+    if (zone.isValid())
+        parsed.setTimeZone(zone);
     return parsed;
 }
 
@@ -66,10 +67,13 @@ std::optional<WrittenTime> writtenTime(const QString &text)
     return time;
 }
 
-Result<QByteArray> boundText(const QString &given, Bound bound, bool milliseconds, bool utc)
+Result<QByteArray> boundText(const QString &given, Bound bound, bool milliseconds, bool utc, const QTimeZone &zone)
 {
+    const auto local = [&zone](const QDateTime &any) {
+        return zone.isValid() ? any.toTimeZone(zone) : any.toLocalTime();
+    };
     const QString text = given.trimmed();
-    const QDateTime now = utc ? QDateTime::currentDateTimeUtc() : QDateTime::currentDateTime();
+    const QDateTime now = utc ? QDateTime::currentDateTimeUtc() : local(QDateTime::currentDateTimeUtc());
     QDateTime time;
     static const QRegularExpression span(QStringLiteral("^(\\d{1,6})([smhdw])$"));
     const bool last = bound == Bound::Last;
@@ -103,7 +107,7 @@ Result<QByteArray> boundText(const QString &given, Bound bound, bool millisecond
         return failure(given, QStringLiteral("not a time; give one such as 2024-05-06, \"2024-05-06 07:08:09\", "
                                              "today or 24h (that long ago)"));
     }
-    return formOf(time.toLocalTime(), milliseconds);
+    return formOf(local(time), milliseconds);
 }
 
 std::optional<qint64> timeIn(const QByteArray &text, device::TimeReader &reader)
@@ -143,11 +147,11 @@ QByteArray endOfAlarm(const QByteArray &date, const QByteArray &time)
     return QByteArray(date + ' ' + time).replace('/', '-');
 }
 
-QByteArray inUtc(const QByteArray &time, bool milliseconds)
+QByteArray inUtc(const QByteArray &time, bool milliseconds, const QTimeZone &zone)
 {
     if (!isTime(time, milliseconds))
         return time;
-    const QDateTime parsed = fromText(time, milliseconds, Qt::LocalTime);
+    const QDateTime parsed = fromText(time, milliseconds, zone);
     // In an hour that summer time leaves out Qt gives an invalid time or moves it, by version.
     if (!parsed.isValid() || formOf(parsed, milliseconds) != time)
         return time + localMark;

@@ -8,6 +8,7 @@
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QTimeZone>
 
 #include <optional>
 
@@ -35,8 +36,10 @@ enum class Bound { First, Last };
 /// A point in time as a person types it, as the text that a table with (or without) milliseconds compares with: one of
 /// the forms of writtenTime(); `now`, `today`, `yesterday`; a span back from now such as `90m`, `24h`, `7d`. What is
 /// left out is filled up to the bound: a day as the last bound ends at 23:59:59. A Z or an offset names an instant,
-/// which is turned into the time of this computer's zone. `utc`: so is what has neither, as UTC.
-Result<QByteArray> boundText(const QString &given, Bound bound, bool milliseconds, bool utc);
+/// which is turned into the time of the device's zone. `utc`: so is what has neither, as UTC. `zone`: the device's; an
+/// invalid one is this computer's.
+Result<QByteArray> boundText(const QString &given, Bound bound, bool milliseconds, bool utc,
+                             const QTimeZone &zone = {});
 
 /// Milliseconds since 1970 of a time of the tables, as if it were UTC: for differences; -1 for any other text.
 qint64 millisecondsOf(const QByteArray &time, bool milliseconds);
@@ -52,8 +55,8 @@ bool isTime(const QByteArray &text, bool milliseconds);
 QByteArray endOfAlarm(const QByteArray &date, const QByteArray &time);
 
 /// A time of the tables in UTC; any other text as it is. An hour that summer time repeats counts as its first. A time
-/// in an hour that summer time leaves out has no UTC and comes as it is with " local" after it.
-QByteArray inUtc(const QByteArray &time, bool milliseconds);
+/// in an hour that summer time leaves out has no UTC and comes as it is with " local" after it. `zone`: as above.
+QByteArray inUtc(const QByteArray &time, bool milliseconds, const QTimeZone &zone = {});
 /// The first characters of such a time, for a day or an hour; " local" after it stays.
 QByteArray beginningOf(const QByteArray &time, int size);
 

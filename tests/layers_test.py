@@ -19,10 +19,12 @@ host/device
 host
 storefile
 storefile/salvage
+apps/archive
 apps/device-db/terminal
 apps/device-db/program
 apps/device-db/import
 apps/device-db/serve
+apps/device-db/fleet
 apps/device-db/commands
 apps/device-db
 apps/device-ship

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "configuration.h"
 
-#include "archive_connection.h"
+#include "archive/archive_connection.h"
 #include "storefile/system_error.h"
 
 #include <QFile>
@@ -50,7 +50,7 @@ Result<Configuration> readConfiguration(const QString &path)
         return failure(path, QStringLiteral("it is not in the INI format"));
 
     Configuration result;
-    const auto archive = connectionSettings(text(settings, QStringLiteral("archive/conninfo")).toUtf8());
+    const auto archive = device_db::connectionSettings(text(settings, QStringLiteral("archive/conninfo")).toUtf8());
     if (!archive)
         return failure(path, QStringLiteral("archive/conninfo: ") + archive.error().cause());
     result.archive = *archive;

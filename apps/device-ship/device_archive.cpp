@@ -6,6 +6,8 @@
 namespace device_ship
 {
 
+using device_db::arrayText;
+
 using device_db::failure;
 using device_db::Kind;
 

@@ -2,11 +2,15 @@
 #ifndef DEVICE_SHIP_DEVICE_ARCHIVE_H
 #define DEVICE_SHIP_DEVICE_ARCHIVE_H
 
-#include "archive_connection.h"
+#include "archive/archive_connection.h"
 #include "stream.h"
 
 namespace device_ship
 {
+
+using device::Result;
+using device::Status;
+using device_db::ArchiveConnection;
 
 /// The archive as a device sees it: its own streams. After any Error ask for the streams again before anything else is
 /// sent: what they say is the truth.

@@ -24,14 +24,7 @@ constexpr int attention = 3;
 
 Result<ArchiveConnection> archiveOf(const std::string &conninfo)
 {
-    const auto settings = connectionSettings(QByteArray::fromStdString(conninfo));
-    if (!settings)
-        return settings.error();
-    if (settings->contains("password"))
-        return device_db::failure(QStringLiteral("archive"),
-                                  QStringLiteral("a password on a command line is seen by everybody; use "
-                                                 "~/.pgpass or $PGPASSFILE"));
-    return ArchiveConnection::open(*settings);
+    return ArchiveConnection::openTyped(QByteArray::fromStdString(conninfo));
 }
 
 struct Options {

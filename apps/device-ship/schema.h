@@ -2,10 +2,14 @@
 #ifndef DEVICE_SHIP_SCHEMA_H
 #define DEVICE_SHIP_SCHEMA_H
 
-#include "archive_connection.h"
+#include "archive/archive_connection.h"
 
 namespace device_ship
 {
+
+using device::Result;
+using device::Status;
+using device_db::ArchiveConnection;
 
 /// The version that this program makes and needs.
 int schemaVersion();

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "commands/options.h"
 
+#include "fleet/fleet.h"
+
 #include <cstring>
 
 namespace device_db
@@ -12,6 +14,17 @@ namespace
 // A script's empty variable must not mean that the option was left out: the whole table would come.
 const CLI::Validator
     notEmpty([](const std::string &given) { return given.empty() ? std::string("it is empty") : std::string(); }, "");
+
+const CLI::Validator noFleet(
+    [](const std::string &given) {
+        return isFleet(QString::fromStdString(given))
+                   ? std::string("this command takes a file; newest, range, find and count take a fleet")
+                   : std::string();
+    },
+    "");
+
+constexpr const char *aboutLock =
+    "Read the file itself, with locks: a device that writes it at that moment may lose a commit";
 
 } // namespace
 
@@ -83,10 +96,28 @@ void addSeparator(CLI::App *command, std::optional<char> &separator)
 
 CLI::Option *addFile(CLI::App *command, QString &path, ReadOptions &options)
 {
-    CLI::Option *const file = addPath(command, "FILE", path, "The database file")->type_name("")->required();
-    command->add_flag("--lock", options.lock,
-                      "Read the file itself, with locks: a device that writes it at that moment may lose a commit");
+    CLI::Option *const file =
+        addPath(command, "FILE", path, "The database file")->type_name("")->required()->check(noFleet);
+    command->add_flag("--lock", options.lock, aboutLock);
     return file;
+}
+
+void addSource(CLI::App *command, QString &path, ReadOptions &options, QStringList &devices)
+{
+    addPath(command, "FILE", path, "The database file, or a fleet: postgresql://HOST/DATABASE")
+        ->type_name("")
+        ->required();
+    CLI::Option *const lock = command->add_flag("--lock", options.lock, aboutLock);
+    CLI::Option *const device = addTexts(command, "--device", devices,
+                                         "This device of a fleet, by its name or number; may be given several times")
+                                    ->type_name("NAME");
+    command->parse_complete_callback([&path, lock, device] {
+        if (isFleet(path) && lock->count() > 0)
+            throw CLI::ValidationError("--lock", "a fleet has no file to lock; leave it out");
+        if (!isFleet(path) && device->count() > 0)
+            throw CLI::ValidationError("--device", "a file is of one device; leave it out, or name a fleet "
+                                                   "(postgresql://HOST/DATABASE)");
+    });
 }
 
 void addRange(CLI::App *command, RowFilter &filter)

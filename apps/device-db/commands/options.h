@@ -34,6 +34,8 @@ CLI::Validator wholeNumber();
 
 /// FILE and --lock of a command that reads.
 CLI::Option *addFile(CLI::App *command, QString &path, ReadOptions &options);
+/// The same, or the address of a fleet's archive, with --device.
+void addSource(CLI::App *command, QString &path, ReadOptions &options, QStringList &devices);
 /// --from and --to.
 void addRange(CLI::App *command, RowFilter &filter);
 /// --active, --ended, --level, --object, --type, --value, --user.

@@ -4,6 +4,7 @@
 #include "commands/commands.h"
 
 #include "commands/options.h"
+#include "fleet/fleet.h"
 #include "program/program.h"
 #include "storefile/row_query.h"
 #include "storefile/texts.h"
@@ -26,6 +27,7 @@ constexpr const char *aboutTables = "TABLE may be left out when the file has onl
 struct RowsOptions {
     QString path;
     ReadOptions reading;
+    QStringList devices; ///< Of a fleet.
     OutputOptions output;
     QString table;
     RowQuery query;
@@ -39,11 +41,12 @@ struct RowsOptions {
 class Presentation
 {
 public:
-    Presentation(const Table &table, const OutputOptions &output, bool withId)
-        : m_kind(table.kind),
-          m_milliseconds(hasMilliseconds(table.kind)),
+    Presentation(Kind kind, const OutputOptions &output, bool withId, bool ofFleet = false)
+        : m_kind(kind),
+          m_milliseconds(hasMilliseconds(kind)),
           m_utc(output.utc),
           m_withId(withId),
+          m_ofFleet(ofFleet),
           m_forPeople(isForPeople(output.format))
     {
     }
@@ -51,6 +54,8 @@ public:
     QVector<OutputColumn> columns() const
     {
         QVector<OutputColumn> columns;
+        if (m_ofFleet)
+            columns.append({"device", QStringLiteral("Device")});
         if (m_withId)
             columns.append({"id", QStringLiteral("ID"), true, true, true});
         for (const KnownColumn &known : columnsOf(m_kind)) {
@@ -61,7 +66,7 @@ public:
             column.right = key == "level" || key == "value" || key == "limit";
             column.number = key == "level";
             column.fixed = key == "level" || key == "time" || key == "start";
-            column.twice = known.twice;
+            column.twice = known.twice && !m_ofFleet; // the archive has it as it was meant
             column.main = key == "description" || key == "message";
             if (m_forPeople && key == "end_date") {
                 column.title = QStringLiteral("End");
@@ -72,23 +77,28 @@ public:
         return columns;
     }
 
-    QVector<QByteArray> cells(const Statement &row) const
+    /// `Row`: a Statement or FleetRows.
+    template<typename Row>
+    QVector<QByteArray> cells(const Row &row) const
     {
         QVector<QByteArray> cells;
         for (int i = 1; i < row.columns(); ++i)
             cells << row.cell(i);
         if (m_utc)
-            toUtc(cells);
+            toUtc(cells, zoneOf(row));
         if (m_kind == Kind::Alarms && m_forPeople) {
             const QByteArray clock = cells.takeLast();
             cells.last() = shortEnd(cells.at(1), cells.last(), clock);
         }
         if (m_withId)
             cells.prepend(row.cell(0));
+        if (m_ofFleet)
+            cells.prepend(deviceOf(row));
         return cells;
     }
 
-    Tone tone(const Statement &row) const
+    template<typename Row>
+    Tone tone(const Row &row) const
     {
         if (m_kind != Kind::Alarms)
             return Tone::Plain;
@@ -100,6 +110,11 @@ public:
     }
 
 private:
+    static QByteArray deviceOf(const Statement &) { return QByteArray(); }
+    static QByteArray deviceOf(const FleetRows &row) { return row.device(); }
+    static QTimeZone zoneOf(const Statement &) { return QTimeZone(); } // this computer's
+    static QTimeZone zoneOf(const FleetRows &row) { return row.zone(); }
+
     // Both as they are: NULL is not an empty text, which is how the store writes that an alarm lasts.
     static QByteArray oneCell(const QByteArray &date, const QByteArray &clock)
     {
@@ -119,13 +134,13 @@ private:
         return to > from ? '+' + QByteArray::number((to - from) / 86400000) + " d " + clock : clock;
     }
 
-    void toUtc(QVector<QByteArray> &cells) const
+    void toUtc(QVector<QByteArray> &cells, const QTimeZone &zone) const
     {
         QByteArray &time = cells[timeColumnOf(m_kind) - 1];
-        time = inUtc(time, m_milliseconds);
+        time = inUtc(time, m_milliseconds, zone);
         if (m_kind != Kind::Alarms)
             return;
-        const QByteArray turned = inUtc(endOfAlarm(cells.at(7), cells.at(8)), false);
+        const QByteArray turned = inUtc(endOfAlarm(cells.at(7), cells.at(8)), false, zone);
         if (turned.size() == 19) {
             cells[7] = turned.left(10);
             cells[8] = turned.mid(11);
@@ -136,6 +151,7 @@ private:
     bool m_milliseconds;
     bool m_utc;
     bool m_withId;
+    bool m_ofFleet;
     bool m_forPeople;
 };
 
@@ -155,26 +171,44 @@ Result<OpenTable> open(const RowsOptions &options)
     return openTable(options.path, options.reading, options.table, options.query.filter.kinds());
 }
 
+template<typename Rows>
+Outcome printAll(Rows &rows, const Presentation &presentation, const OutputOptions &options)
+{
+    Output output(options);
+    const auto writer = rowWriter(options.format, presentation.columns(), output);
+    while (rows.step()) {
+        if (!writer->row(presentation.cells(rows), presentation.tone(rows)))
+            return Done; // nobody looks any more
+    }
+    if (const Status status = rows.status(); !status)
+        return status.error();
+    writer->end();
+    return Done;
+}
+
+Outcome printFleet(const RowsOptions &options)
+{
+    const auto fleet = openFleet(options.path, options.devices);
+    if (!fleet)
+        return fleet.error();
+    const auto rows = (*fleet)->rows(options.table, options.query);
+    if (!rows)
+        return rows.error();
+    return printAll(**rows, Presentation((*rows)->kind(), options.output, options.withId, true), options.output);
+}
+
 Outcome print(RowsOptions &options)
 {
     options.query.utc = options.output.utc;
+    if (isFleet(options.path))
+        return printFleet(options);
     const auto opened = open(options);
     if (!opened)
         return opened.error();
     auto rows = rowsOf(opened->database, opened->table, options.query);
     if (!rows)
         return rows.error();
-    Output output(options.output);
-    const Presentation presentation(opened->table, options.output, options.withId);
-    const auto writer = rowWriter(options.output.format, presentation.columns(), output);
-    while (rows->step()) {
-        if (!writer->row(presentation.cells(*rows), presentation.tone(*rows)))
-            return Done; // nobody looks any more
-    }
-    if (const Status status = rows->status(); !status)
-        return status.error();
-    writer->end();
-    return Done;
+    return printAll(*rows, Presentation(opened->table.kind, options.output, options.withId), options.output);
 }
 
 // What changes when somebody writes: the times and sizes of the file and of its write-ahead log.
@@ -206,7 +240,7 @@ Outcome tail(RowsOptions &options)
         const auto opened = open(options);
         if (!opened)
             return opened.error();
-        presentation.emplace(opened->table, options.output, options.withId);
+        presentation.emplace(opened->table.kind, options.output, options.withId);
         writer = rowWriter(options.output.format, presentation->columns(), output);
         options.table = opened->table.name;
         // The newest, turned round: the newest row is at the bottom.
@@ -261,10 +295,17 @@ Outcome tail(RowsOptions &options)
     return Done;
 }
 
-std::shared_ptr<RowsOptions> made(CLI::App *command)
+std::shared_ptr<RowsOptions> ofFile(CLI::App *command)
 {
     const auto options = std::make_shared<RowsOptions>();
     addFile(command, options->path, options->reading);
+    return options;
+}
+
+std::shared_ptr<RowsOptions> ofFileOrFleet(CLI::App *command)
+{
+    const auto options = std::make_shared<RowsOptions>();
+    addSource(command, options->path, options->reading, options->devices);
     return options;
 }
 
@@ -279,7 +320,7 @@ void addRows(Program &program)
 {
     {
         CLI::App *const command = program.add("show", "Print the rows of a table, oldest first", aboutTables);
-        const auto options = made(command);
+        const auto options = ofFile(command);
         addTable(command, *options);
         addRange(command, options->query.filter);
         addFilter(command, options->query.filter);
@@ -296,7 +337,7 @@ void addRows(Program &program)
     }
     {
         CLI::App *const command = program.add("newest", "Print the newest rows, newest first", aboutTables);
-        const auto options = made(command);
+        const auto options = ofFileOrFleet(command);
         options->query.limit = 10;
         options->query.order = Order::NewestFirst;
         addTable(command, *options);
@@ -307,7 +348,7 @@ void addRows(Program &program)
     }
     {
         CLI::App *const command = program.add("range", "Print the rows of a range of time, oldest first", aboutTimes);
-        const auto options = made(command);
+        const auto options = ofFileOrFleet(command);
         addText(command, "FROM", options->query.filter.from, "The first time")->type_name("")->required();
         addText(command, "TO", options->query.filter.to, "The last time")->type_name("")->required();
         addTable(command, *options);
@@ -320,7 +361,7 @@ void addRows(Program &program)
         CLI::App *const command = program.add("find", "Print the rows that hold a text, oldest first",
                                               "The case of letters plays no part. TABLE may be left out when the file "
                                               "has only one that fits.");
-        const auto options = made(command);
+        const auto options = ofFileOrFleet(command);
         addText(command, "TEXT", options->query.filter.containing, "The text, in any column")
             ->type_name("")
             ->required();
@@ -333,7 +374,7 @@ void addRows(Program &program)
     }
     {
         CLI::App *const command = program.add("tail", "Print the newest rows and follow what comes", aboutTables);
-        const auto options = made(command);
+        const auto options = ofFile(command);
         options->query.limit = 10;
         addTable(command, *options);
         command->add_flag("-f,--follow", options->follow, "Go on with the rows that come, until Ctrl-C");

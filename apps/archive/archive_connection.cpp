@@ -1,24 +1,38 @@
 // SPDX-License-Identifier: MIT
-#include "archive_connection.h"
+#include "archive/archive_connection.h"
 
 #include <libpq-fe.h>
 
 #include <vector>
 
-namespace device_ship
+namespace device_db
 {
-
-using device_db::failure;
 
 namespace
 {
-
-const QString archive = QStringLiteral("archive");
 
 // libpq ends its messages with a line break and breaks them before the hint.
 QString oneLine(const char *message)
 {
     return QString::fromUtf8(message).simplified();
+}
+
+std::vector<const char *> valuesOf(const QList<QByteArray> &parameters)
+{
+    std::vector<const char *> values;
+    for (const QByteArray &parameter : parameters)
+        values.push_back(parameter.isNull() ? nullptr : parameter.constData());
+    return values;
+}
+
+QList<QByteArray> cellsOf(const pg_result *answer, int row)
+{
+    QList<QByteArray> cells;
+    for (int column = 0; column < PQnfields(answer); ++column)
+        cells << (PQgetisnull(answer, row, column)
+                      ? QByteArray()
+                      : QByteArray(PQgetvalue(answer, row, column), PQgetlength(answer, row, column)));
+    return cells;
 }
 
 bool isLocal(const QMap<QByteArray, QByteArray> &settings)
@@ -39,14 +53,14 @@ void ArchiveConnection::Clear::operator()(pg_result *result) const
     PQclear(result);
 }
 
-Result<QMap<QByteArray, QByteArray>> connectionSettings(const QByteArray &conninfo)
+Result<QMap<QByteArray, QByteArray>> connectionSettings(const QByteArray &conninfo, const QString &name)
 {
     char *problem = nullptr;
     PQconninfoOption *const options = PQconninfoParse(conninfo.constData(), &problem);
     const QString why = problem ? oneLine(problem) : QStringLiteral("out of memory");
     PQfreemem(problem);
     if (!options)
-        return failure(archive, QStringLiteral("its connection string cannot be read: %1").arg(why));
+        return failure(name, QStringLiteral("its connection string cannot be read: %1").arg(why));
     QMap<QByteArray, QByteArray> settings;
     for (const PQconninfoOption *option = options; option->keyword; ++option) {
         if (option->val)
@@ -56,7 +70,7 @@ Result<QMap<QByteArray, QByteArray>> connectionSettings(const QByteArray &connin
     return settings;
 }
 
-Result<ArchiveConnection> ArchiveConnection::open(QMap<QByteArray, QByteArray> settings)
+Result<ArchiveConnection> ArchiveConnection::open(QMap<QByteArray, QByteArray> settings, const QString &name)
 {
     const auto byDefault = [&](const char *keyword, const char *value) {
         if (!settings.contains(keyword))
@@ -79,12 +93,23 @@ Result<ArchiveConnection> ArchiveConnection::open(QMap<QByteArray, QByteArray> s
     }
     keywords.push_back(nullptr);
     values.push_back(nullptr);
-    ArchiveConnection connection(PQconnectdbParams(keywords.data(), values.data(), 0));
+    ArchiveConnection connection(PQconnectdbParams(keywords.data(), values.data(), 0), name);
     if (!connection.isOpen())
-        return failure(archive, oneLine(PQerrorMessage(connection.m_connection.get())));
+        return failure(name, oneLine(PQerrorMessage(connection.m_connection.get())));
     PQsetNoticeProcessor(
         connection.m_connection.get(), [](void *, const char *) {}, nullptr);
     return connection;
+}
+
+Result<ArchiveConnection> ArchiveConnection::openTyped(const QByteArray &conninfo, const QString &name)
+{
+    const auto settings = connectionSettings(conninfo, name);
+    if (!settings)
+        return settings.error();
+    if (settings->contains("password"))
+        return failure(name, QStringLiteral("a password on a command line is seen by everybody; use "
+                                            "~/.pgpass or $PGPASSFILE"));
+    return open(*settings, name);
 }
 
 bool ArchiveConnection::isOpen() const
@@ -97,7 +122,7 @@ QByteArray ArchiveConnection::database() const
     return PQdb(m_connection.get());
 }
 
-device::Error ArchiveConnection::error(const pg_result *answer)
+Error ArchiveConnection::error(const pg_result *answer)
 {
     const char *const state = answer ? PQresultErrorField(answer, PG_DIAG_SQLSTATE) : nullptr;
     m_sqlState = state;
@@ -105,16 +130,14 @@ device::Error ArchiveConnection::error(const pg_result *answer)
         QString cause = oneLine(words);
         if (const char *const hint = PQresultErrorField(answer, PG_DIAG_MESSAGE_HINT))
             cause += QStringLiteral("; ") + oneLine(hint);
-        return failure(archive, QStringLiteral("%1 (%2)").arg(cause, QString::fromLatin1(m_sqlState)));
+        return failure(m_name, QStringLiteral("%1 (%2)").arg(cause, QString::fromLatin1(m_sqlState)));
     }
-    return failure(archive, oneLine(PQerrorMessage(m_connection.get())));
+    return failure(m_name, oneLine(PQerrorMessage(m_connection.get())));
 }
 
 Result<Rows> ArchiveConnection::query(const QByteArray &sql, const QList<QByteArray> &parameters)
 {
-    std::vector<const char *> values;
-    for (const QByteArray &parameter : parameters)
-        values.push_back(parameter.isNull() ? nullptr : parameter.constData());
+    const std::vector<const char *> values = valuesOf(parameters);
     const Answer answer(parameters.isEmpty() ? PQexec(m_connection.get(), sql.constData())
                                              : PQexecParams(m_connection.get(), sql.constData(), int(values.size()),
                                                             nullptr, values.data(), nullptr, nullptr, 0));
@@ -122,15 +145,37 @@ Result<Rows> ArchiveConnection::query(const QByteArray &sql, const QList<QByteAr
     if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK)
         return error(answer.get());
     Rows rows;
-    for (int row = 0; row < PQntuples(answer.get()); ++row) {
-        QList<QByteArray> cells;
-        for (int column = 0; column < PQnfields(answer.get()); ++column)
-            cells << (PQgetisnull(answer.get(), row, column)
-                          ? QByteArray()
-                          : QByteArray(PQgetvalue(answer.get(), row, column), PQgetlength(answer.get(), row, column)));
-        rows << cells;
-    }
+    for (int row = 0; row < PQntuples(answer.get()); ++row)
+        rows << cellsOf(answer.get(), row);
     return rows;
+}
+
+Status ArchiveConnection::ask(const QByteArray &sql, const QList<QByteArray> &parameters)
+{
+    const std::vector<const char *> values = valuesOf(parameters);
+    if (!PQsendQueryParams(m_connection.get(), sql.constData(), int(values.size()), nullptr, values.data(), nullptr,
+                           nullptr, 0) ||
+        !PQsetSingleRowMode(m_connection.get()))
+        return error(nullptr);
+    return {};
+}
+
+Result<bool> ArchiveConnection::next(QList<QByteArray> &cells)
+{
+    while (const Answer answer{PQgetResult(m_connection.get())}) {
+        switch (PQresultStatus(answer.get())) {
+        case PGRES_SINGLE_TUPLE:
+            cells = cellsOf(answer.get(), 0);
+            return true;
+        case PGRES_TUPLES_OK: // behind the last one
+            break;
+        default:
+            return error(answer.get());
+        }
+    }
+    if (!isOpen())
+        return error(nullptr);
+    return false;
 }
 
 Status ArchiveConnection::copy(const QByteArray &sql, const QList<QByteArray> &data)
@@ -208,4 +253,4 @@ QByteArray arrayText(const QList<qint64> &elements)
     return text + '}';
 }
 
-} // namespace device_ship
+} // namespace device_db
