@@ -2,16 +2,18 @@
 # SPDX-License-Identifier: MIT
 """What shipping costs, for docs/fleet.md: rates, bytes, memory, delay. Checks nothing but that no row is missing.
 
-    figures.py PROGRAM [rate|beside|delay]... [--rows N] [--commits N]
+    figures.py PROGRAM [rate|beside|delay|events|week]... [--rows N] [--commits N]
 """
 import argparse
 import os
 import resource
 import shutil
+import statistics
 import subprocess
 import sys
 import tempfile
 import time
+from datetime import datetime, timedelta
 
 from cluster import Archive, Cluster, File
 
@@ -40,6 +42,59 @@ def files(archive, journal="delete"):
     return {f"f{i}": File(os.path.join(archive.folder, f"f{i}.db"), journal) for i in range(FILES)}
 
 
+def bytes_a_row(archive, kind, count):
+    """Of the table with what belongs to it, and of its key."""
+    return [int(cell) / count for cell in archive.sql(
+        f"select (select sum(pg_table_size(inhrelid)) from pg_inherits where inhparent = 'fleet.{kind}'::regclass), "
+        f"(select sum(pg_relation_size(oid)) from pg_class where relname ~ '^{kind}_[0-9_]*_key$')")[0]]
+
+
+def alarm(i, start):
+    """Nine of ten have ended."""
+    ended = ("", "") if i % 10 == 0 else tuple(f"{start + timedelta(minutes=5)}".split())
+    return (i % 3 + 1, f"{start}", f"Pump {i % 20}", "High" if i % 4 else "Stuck", "87.5", "80",
+            "Level above limit", *ended)
+
+
+def events(archive, count):
+    store = File(os.path.join(archive.folder, "e.db"))
+    first = datetime(2024, 5, 6)
+    store.table("AlarmData", "alarm")
+    store.add("AlarmData", [alarm(i, first + timedelta(minutes=i)) for i in range(count)])
+    store.table("OperatorLog", "log")
+    store.add("OperatorLog", [(f"{first + timedelta(minutes=i)}.120", "anna", "Set", "Limit of Pump 1 from 80 to 85")
+                              for i in range(count)])
+    archive.ship("run", "--once", archive.device(1, {"e": store}))
+    for kind in ("alarm", "log"):
+        table, key = bytes_a_row(archive, kind, count)
+        times = int(archive.sql("select sum(pg_relation_size(indexrelid)) from pg_index i join pg_class c on c.oid = "
+                                f"indexrelid where c.relname ~ '^{kind}_[0-9_]*_dt_idx$'")[0][0]) / count
+        print(f"{count} rows of {kind}: {table:.1f} + {key:.1f} bytes a row with its key, {times:.1f} for its times")
+
+
+def week(archive, devices, alarms):
+    """Alarms of half a year, of which a week is asked for."""
+    first = datetime(2024, 1, 1)
+    for device in range(1, devices + 1):
+        store = File(os.path.join(archive.folder, f"w{device}.db"))
+        store.table("AlarmData", "alarm")
+        store.add("AlarmData", [alarm(i + device, first + timedelta(minutes=i * 182 * 1440 // alarms + device))
+                                for i in range(alarms)])
+        archive.ship("run", "--once", archive.device(device, {"a": store}))
+        store.close()
+    archive.sql("analyze fleet.alarm; analyze fleet.batch; analyze fleet.source; analyze fleet.device")
+    between = "local_time >= '2024-05-06' and local_time < '2024-05-13'"
+    for what, statement in (
+            ("all of them", f"select * from fleet.alarms where {between} order by local_time"),
+            ("High by device and object", "select device_name, object, count(*) from fleet.alarms where type = 'High' "
+                                          f"and {between} group by 1, 2 order by 3 desc")):
+        plans = [archive.sql("explain (analyze, timing off) " + statement) for _ in range(11)]
+        rows = plans[0][0][0].split("actual rows=")[1].split()[0]
+        milliseconds = statistics.median(float(plan[-1][0].split()[2]) for plan in plans)
+        print(f"a week's alarms of {devices} devices, of {devices * alarms}, {what}: {rows} rows, median of "
+              f"{len(plans)}: {milliseconds:.1f} ms")
+
+
 def rate(archive, rows):
     stores = files(archive)
     for store in stores.values():
@@ -59,10 +114,8 @@ def rate(archive, rows):
     server = server_cpu(archive.cluster) - before
     count = int(archive.sql("select count(*) from fleet.sample")[0][0])
     assert count == rows // FILES * FILES, count
-    table, key, batches = (int(cell) / count for cell in archive.sql(
-        "select (select sum(pg_relation_size(inhrelid)) from pg_inherits where inhparent = 'fleet.sample'::regclass), "
-        "(select sum(pg_relation_size(oid)) from pg_class where relname ~ '^sample_.*_key$'), "
-        "pg_total_relation_size('fleet.batch')")[0])
+    table, key = bytes_a_row(archive, "sample", count)
+    batches = int(archive.sql("select pg_total_relation_size('fleet.batch')")[0][0]) / count
     print(f"{count} samples of {FILES} files: {count / seconds:,.0f} a second; server {server / count * 1e6:.2f} s of "
           f"processor per million, shipper {(used.ru_utime + used.ru_stime) / count * 1e6:.2f} s; "
           f"{table:.1f} + {key:.1f} bytes a row with its key, {batches:.2f} for the batches; "
@@ -141,7 +194,7 @@ def delay(archive, seconds):
 def main():
     options = argparse.ArgumentParser()
     options.add_argument("program")
-    options.add_argument("what", nargs="*", default=["rate", "beside", "delay"])
+    options.add_argument("what", nargs="*", default=["rate", "events", "week", "beside", "delay"])
     options.add_argument("--rows", type=int, default=2000000)
     options.add_argument("--commits", type=int, default=5000)
     given = options.parse_args()
@@ -151,6 +204,10 @@ def main():
         for what in given.what:
             if what == "rate":
                 rate(Archive(cluster, given.program, "rate"), given.rows)
+            elif what == "events":
+                events(Archive(cluster, given.program, "events"), 100000)
+            elif what == "week":
+                week(Archive(cluster, given.program, "week"), 200, 1000)
             elif what == "delay":
                 delay(Archive(cluster, given.program, "delay"), 30)
             else:

@@ -108,7 +108,8 @@ class Servers(unittest.TestCase):
                          [[str(number), "600", "t"] for number in (1, 2, 2001)])
 
         # Where each row lies, and by which transaction.
-        places = "select count(*), md5(string_agg(concat(tableoid, ctid, xmin, xmax), ',' order by tableoid, ctid)) from "
+        places = ("select count(*), md5(string_agg(concat(tableoid, ctid, xmin, xmax), ',' order by tableoid, ctid)) "
+                  "from ")
         before = {name: [self.archives[name].sql(places + f"fleet.{table}") for table in ("sample", "batch", "mark")]
                   for name in ("north", "south")}
         self.add_server("east")
