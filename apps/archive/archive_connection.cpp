@@ -126,6 +126,7 @@ Error ArchiveConnection::error(const pg_result *answer)
 {
     const char *const state = answer ? PQresultErrorField(answer, PG_DIAG_SQLSTATE) : nullptr;
     m_sqlState = state;
+    m_constraint = answer ? PQresultErrorField(answer, PG_DIAG_CONSTRAINT_NAME) : nullptr;
     if (const char *const words = answer ? PQresultErrorField(answer, PG_DIAG_MESSAGE_PRIMARY) : nullptr) {
         QString cause = oneLine(words);
         if (const char *const hint = PQresultErrorField(answer, PG_DIAG_MESSAGE_HINT))

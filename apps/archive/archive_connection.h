@@ -47,6 +47,8 @@ public:
 
     /// The SQLSTATE of the last Error; empty if the server did not answer.
     QByteArray sqlState() const { return m_sqlState; }
+    /// The constraint that it names; empty if none.
+    QByteArray constraint() const { return m_constraint; }
     bool isOpen() const;
     QByteArray database() const;
 
@@ -65,6 +67,7 @@ private:
     std::unique_ptr<pg_conn, Close> m_connection;
     QString m_name;
     QByteArray m_sqlState;
+    QByteArray m_constraint;
 };
 
 /// The keywords of a connection string or a URI; an Error about `name` if it is none.

@@ -45,10 +45,11 @@ Result<DeviceArchive> DeviceArchive::open(const QMap<QByteArray, QByteArray> &se
     return archive;
 }
 
-// The key speaks before the fence, where a row is of the same month.
+// The key speaks before the fence, where a row is of the same month. A month that has ended takes no rows.
 bool DeviceArchive::wasBehind() const
 {
-    return m_connection.sqlState() == "FL001" || m_connection.sqlState() == "23505";
+    const QByteArray state = m_connection.sqlState();
+    return state == "FL001" || state == "23505" || (state == "23514" && m_connection.constraint().isEmpty());
 }
 
 bool DeviceArchive::refusedRow() const
@@ -68,6 +69,10 @@ Status DeviceArchive::call(const QByteArray &function, const QList<QByteArray> &
 
 Result<QList<Stream>> DeviceArchive::streams()
 {
+    const auto part = m_connection.query("select fleet.part()");
+    if (!part)
+        return part.error();
+    m_part = part->first().first();
     const auto rows = m_connection.query("select tbl, file, name, kind, gen, wm from fleet.state()");
     if (!rows)
         return rows.error();
@@ -112,8 +117,8 @@ Status DeviceArchive::ship(const QList<Piece> &pieces)
         }
         if (lines.isEmpty())
             continue;
-        sql +=
-            QByteArray("copy fleet.") + RowEncoder::tableOf(kind) + '(' + RowEncoder::columnsOf(kind) + ") from stdin;";
+        sql += QByteArray("copy fleet.") + RowEncoder::tableOf(kind) + m_part + '(' + RowEncoder::columnsOf(kind) +
+               ") from stdin;";
         data << lines;
     }
     return m_connection.copy(sql + "commit", data);

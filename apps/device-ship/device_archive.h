@@ -53,6 +53,7 @@ private:
     Status call(const QByteArray &function, const QList<QByteArray> &parameters);
 
     ArchiveConnection m_connection;
+    QByteArray m_part; ///< What the names of the tables end in that take rows now.
 };
 
 } // namespace device_ship

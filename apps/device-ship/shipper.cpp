@@ -15,8 +15,9 @@ using device_db::Kind;
 namespace
 {
 
-// More make no batch cheaper, and two of them must fit into memory.
-constexpr int mostRows = 5000;
+// Of all files: fewer have the archive wait for its disk more often, and two such transactions must fit into memory.
+constexpr int mostRows = 20000;
+constexpr int mostRowsOfFile = 5000; // a read must be short
 constexpr qint64 mostBytes = 2 * 1024 * 1024;
 constexpr int leastRead = 50;
 constexpr int mostTimesBehind = 100; // without a batch in between
@@ -179,7 +180,7 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
     budget.rows -= std::min(budget.rows, file.rows) - left.rows;
     budget.bytes = left.bytes;
     if (left.rows == 0)
-        file.rows = std::min(mostRows, file.rows * 2);
+        file.rows = std::min(mostRowsOfFile, file.rows * 2);
     file.named &= !changed;
     if (const Status enrolled = enrolNew(file); !enrolled)
         return enrolled.error();

@@ -441,7 +441,11 @@ class Short(Fleet):
         dump = "select to_jsonb(t) from fleet.{} t order by 1::text"
         tables = ("sample", "alarm", "mark", "batch", "gap", "generation", "source", "alarm_was")
         before = {table: self.archive.sql(dump.format(table)) for table in tables}
+        parts = {name: self.archive.sql(f"select to_char((now() at time zone 'UTC') + interval '{months} month', "
+                                        "'_YYYY_MM')")[0][0] for months, name in enumerate(("{part}", "{later}"))}
         for statement, state in attacks.REFUSED:
+            for name, part in parts.items():
+                statement = statement.replace(name, part)
             with self.subTest(statement):
                 with self.assertRaises(RuntimeError) as refused:
                     self.archive.sql(statement, "dev_1")
@@ -453,6 +457,24 @@ class Short(Fleet):
             with self.subTest(statement):
                 self.assertEqual(self.archive.sql(statement, "dev_1"), rows)
         self.assertEqual({table: self.archive.sql(dump.format(table)) for table in tables}, before)
+
+    def test_a_month_that_has_ended_takes_no_rows(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 12000)
+        configuration = self.archive.device(1, {"h": store})
+        # As if the month had ended after the shipper asked which one it is.
+        self.archive.sql("create table fleet.sample_1999_01 partition of fleet.sample for values from ('1999-01-01') "
+                         "to ('1999-02-01'); set search_path = fleet;"
+                         "select let_devices_insert('sample_1999_01', 'sample'); create sequence asked;"
+                         "alter function part() rename to real_part;"
+                         "create function part() returns text language sql security definer as "
+                         "$$ select case nextval('fleet.asked') when 2 then '_1999_01' else fleet.real_part() end $$")
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql("select last_value > 2 from fleet.asked"), [["t"]])
+        self.check_file(1, store, "h", "T1", "sample")
+        self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (1, []))
+        self.assertEqual(self.archive.sql("select count(*) from fleet.sample where odd is not null"), [["0"]])
 
     def test_verify_finds_and_repairs(self):
         store = self.store("h")

@@ -52,7 +52,7 @@ begin
          from fresh group by tbl, gen order by tbl, gen', tg_argv[0])
     loop
         select * into at from mark where device = mine and tbl = part.tbl for update;
-        if not found or at.kind <> tg_table_name or at.gen <> part.gen or part.first <= at.wm then
+        if not found or at.kind <> split_part(tg_table_name, '_', 1) or at.gen <> part.gen or part.first <= at.wm then
             perform refuse(format('table %s: a batch of generation %s from ID %s, the archive is at %s, %s', part.tbl,
                                   part.gen, part.first, at.gen, at.wm));
         end if;
@@ -79,10 +79,22 @@ begin
 end
 $$;
 
-create trigger arrived after insert on fleet.sample referencing new table as fresh
-    for each statement execute function fleet.arrived('id, dt, val, odd');
-create trigger arrived after insert on fleet.alarm referencing new table as fresh
-    for each statement execute function
-    fleet.arrived('id, dt, level, object, type, value, "limit", description, odd');
-create trigger arrived after insert on fleet.log referencing new table as fresh
-    for each statement execute function fleet.arrived('id, dt, user_name, log_name, message, odd');
+-- What a device may do with a table of records, the parent or a partition: insert, seen by the trigger.
+create function fleet.let_devices_insert(relation text, kind text) returns void
+language plpgsql set search_path = fleet, pg_temp as $$
+declare
+    -- The cells that the device never changes, in the order of fleet.digest().
+    fixed constant text := case kind
+        when 'sample' then 'id, dt, val, odd'
+        when 'alarm' then 'id, dt, level, object, type, value, "limit", description, odd'
+        when 'log' then 'id, dt, user_name, log_name, message, odd' end;
+begin
+    execute format('create trigger arrived after insert on %I referencing new table as fresh
+                    for each statement execute function arrived(%L)', relation, fixed);
+    execute format('grant insert (tbl, gen, %s%s) on %I to fleet_device', fixed,
+                   case kind when 'sample' then ', num' when 'alarm' then ', end_date, end_time, end_odd' else '' end,
+                   relation);
+end
+$$;
+select fleet.let_devices_insert(kind, kind) from unnest(array['sample', 'alarm', 'log']) kind;
+select fleet.make_months();

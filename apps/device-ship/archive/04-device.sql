@@ -18,6 +18,15 @@ begin
 end
 $$;
 
+-- What the names of the partitions end in that take rows now.
+create function fleet.part() returns text
+language plpgsql security definer set search_path = fleet, pg_temp as $$
+begin
+    perform make_months();
+    return to_char(now() at time zone 'UTC', '_YYYY_MM');
+end
+$$;
+
 create function fleet.state() returns table (tbl smallint, file text, name text, kind text, gen smallint, wm bigint)
 language sql stable security definer set search_path = fleet, pg_temp as $$
     select s.tbl, s.file, s.name, s.kind, m.gen, m.wm

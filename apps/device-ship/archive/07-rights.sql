@@ -6,13 +6,9 @@ set local role fleet_owner;
 revoke all on all functions in schema fleet from public;
 grant usage on schema fleet to fleet_device, fleet_reader;
 
-grant insert (id, dt, num, tbl, gen, val, odd) on fleet.sample to fleet_device;
-grant insert (id, dt, level, tbl, gen, object, type, value, "limit", description, odd, end_date, end_time, end_odd)
-    on fleet.alarm to fleet_device;
-grant insert (id, dt, tbl, gen, user_name, log_name, message, odd) on fleet.log to fleet_device;
-grant execute on function fleet.hello, fleet.state, fleet.enrol, fleet.describe, fleet.judge, fleet.range_digest,
-    fleet.new_generation, fleet.skip, fleet.open_alarms, fleet.end_alarms, fleet.gone_alarms, fleet.report
-    to fleet_device;
+grant execute on function fleet.hello, fleet.part, fleet.state, fleet.enrol, fleet.describe, fleet.judge,
+    fleet.range_digest, fleet.new_generation, fleet.skip, fleet.open_alarms, fleet.end_alarms, fleet.gone_alarms,
+    fleet.report to fleet_device;
 
 grant select on all tables in schema fleet to fleet_reader;
 grant execute on function fleet.utc, fleet.is_doubled, fleet.series, fleet.lineage, fleet.me to fleet_reader;
