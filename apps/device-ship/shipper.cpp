@@ -191,64 +191,74 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
     return pieces;
 }
 
+// What is new in the files, until a transaction is full. Nothing if the streams are others now.
+Result<std::optional<Shipper::Round>> Shipper::lookAtAll()
+{
+    Round round;
+    Budget budget{m_mostRows, mostBytes, m_refusal};
+    for (std::size_t i = 0; i < m_files.size(); ++i) {
+        if (budget.rows <= 0 || budget.bytes <= 0) {
+            round.more = true; // the next transaction begins with another file
+            break;
+        }
+        File &file = *m_files[(m_first + i) % m_files.size()];
+        const quint64 before = m_timesRead;
+        const auto pieces = look(file, budget);
+        if (!pieces)
+            return pieces.error();
+        if (m_timesRead != before)
+            return std::optional<Round>();
+        round.more |= file.again;
+        for (const Piece &piece : *pieces) {
+            const auto goesOn = continues(file, piece);
+            if (!goesOn)
+                return goesOn.error();
+            if (!*goesOn) {
+                m_haveStreams = false;
+                return std::optional<Round>();
+            }
+            round.more |= piece.more;
+            round.pieces << piece;
+        }
+    }
+    return std::optional<Round>(std::move(round));
+}
+
+Result<bool> Shipper::shipRound()
+{
+    if (const Status connected = connect(); !connected)
+        return connected.error();
+    const auto round = lookAtAll();
+    if (!round)
+        return round.error();
+    if (!*round)
+        return true;
+    if (const Status done = carryOut((*round)->pieces); !done)
+        return done.error();
+    return (*round)->more;
+}
+
 Result<bool> Shipper::ship()
 {
-    if (const Status connected = connect(); !connected) {
-        const Status status = failed(connected.error());
-        return status ? Result<bool>(true) : status.error();
+    const auto more = shipRound();
+    if (more) {
+        m_refusal.clear();
+        m_timesBehind = 0;
+        if (m_mostRows == mostRows)
+            ++m_first;
+        m_mostRows = std::min(mostRows, m_mostRows * 2);
+        return more;
     }
-    Budget budget{m_mostRows, mostBytes, m_refusal};
-    bool more = false;
-    QList<Piece> pieces;
-    const auto carriedOut = [&]() -> Status {
-        for (std::size_t i = 0; i < m_files.size() && m_haveStreams; ++i) {
-            File &file = *m_files[(m_first + i) % m_files.size()];
-            if (budget.rows <= 0 || budget.bytes <= 0) {
-                more = true; // the next batch begins with another file
-                break;
-            }
-            const quint64 before = m_timesRead;
-            auto found = look(file, budget);
-            if (!found)
-                return found.error();
-            more |= file.again;
-            if (m_timesRead != before) { // the pieces point to the former streams
-                more = true;
-                return {};
-            }
-            for (const Piece &piece : *found) {
-                const auto goesOn = continues(file, piece);
-                if (!goesOn)
-                    return goesOn.error();
-                if (!*goesOn) {
-                    more = true;
-                    m_haveStreams = false;
-                    return {};
-                }
-                more |= piece.more;
-                pieces << piece;
-            }
-        }
-        return carryOut(pieces);
-    }();
-    if (!carriedOut) {
-        if (std::exchange(m_rowRefused, false)) {
-            // One row must not hold up the others: it is found by halving, and recorded without its cells.
-            if (m_mostRows == 1)
-                m_refusal = carriedOut.error().cause().toUtf8();
-            m_mostRows = std::max(1, m_mostRows / 2);
-            m_haveStreams = false;
-            return true;
-        }
-        const Status status = failed(carriedOut.error());
-        return status ? Result<bool>(true) : status.error();
+    if (std::exchange(m_rowRefused, false)) {
+        // One row must not hold up the others: it is found by halving, and recorded without its cells.
+        if (m_mostRows == 1)
+            m_refusal = more.error().cause().toUtf8();
+        m_mostRows = std::max(1, m_mostRows / 2);
+        m_haveStreams = false;
+        return true;
     }
-    m_refusal.clear();
-    m_timesBehind = 0;
-    if (m_mostRows == mostRows)
-        ++m_first;
-    m_mostRows = std::min(mostRows, m_mostRows * 2);
-    return more;
+    const Status status = failed(more.error());
+    return status ? Result<bool>(true) : status.error();
 }
 
 Status Shipper::carryOut(const QList<Piece> &pieces)

@@ -46,7 +46,14 @@ private:
         QMap<QString, qint64> stated; ///< In the file beside it.
     };
 
+    struct Round {
+        QList<Piece> pieces;
+        bool more = false; ///< There is more than was taken, or could be read.
+    };
+
     Status connect();
+    Result<std::optional<Round>> lookAtAll();
+    Result<bool> shipRound();
     Result<QList<Piece>> look(File &file, Budget &budget);
     Status enrolNew(File &file);
     Status describe(File &file);
