@@ -84,6 +84,7 @@ void shipAlways(const Configuration &configuration)
         const auto now = Clock::now();
         if (shipped && now - reported >= (shipper.hasMoved() ? betweenReports : sign)) {
             reported = now;
+            shipper.lookAgain(); // where changes are not announced, as on a network
             if (const Status status = shipper.report(); !status)
                 shipped = status.error();
         }
@@ -110,6 +111,7 @@ void shipAlways(const Configuration &configuration)
             std::chrono::duration_cast<milliseconds>(reported + (shipper.hasMoved() ? betweenReports : sign) - now);
         if (waker.wait(quiet ? std::max(milliseconds(1), untilReport) : onceMore)) {
             std::this_thread::sleep_for(gather);
+            shipper.wereWritten(waker.written());
             quiet = false;
         } else {
             quiet = true;

@@ -20,7 +20,8 @@ constexpr int mostRows = 20000;
 constexpr int mostRowsOfFile = 5000; // a read must be short
 constexpr qint64 mostBytes = 2 * 1024 * 1024;
 constexpr int leastRead = 50;
-constexpr int mostTimesBehind = 100; // without a batch in between
+constexpr int mostTimesBehind = 100;                // without a batch in between
+constexpr std::chrono::milliseconds announced(300); // before its commit can be seen, at most
 constexpr double highestInJson = 9007199254740992.0;
 
 } // namespace
@@ -84,6 +85,7 @@ Status Shipper::connect()
     }
     m_haveStreams = true;
     ++m_timesRead;
+    lookAgain();
     return {};
 }
 
@@ -202,13 +204,16 @@ Result<std::optional<Shipper::Round>> Shipper::lookAtAll()
             break;
         }
         File &file = *m_files[(m_first + i) % m_files.size()];
+        if (file.isQuiet)
+            continue;
+        const Clock::time_point began = Clock::now();
         const quint64 before = m_timesRead;
         const auto pieces = look(file, budget);
         if (!pieces)
             return pieces.error();
         if (m_timesRead != before)
             return std::optional<Round>();
-        round.more |= file.again;
+        bool more = file.again;
         for (const Piece &piece : *pieces) {
             const auto goesOn = continues(file, piece);
             if (!goesOn)
@@ -217,9 +222,11 @@ Result<std::optional<Shipper::Round>> Shipper::lookAtAll()
                 m_haveStreams = false;
                 return std::optional<Round>();
             }
-            round.more |= piece.more;
+            more |= piece.more;
             round.pieces << piece;
         }
+        round.more |= more;
+        file.isQuiet = m_isTold && !more && file.trouble.isEmpty() && began - file.written >= announced;
     }
     return std::optional<Round>(std::move(round));
 }
@@ -345,8 +352,26 @@ Status Shipper::compareEnds(File &file, Stream &stream)
     return {};
 }
 
+void Shipper::wereWritten(const QStringList &paths)
+{
+    m_isTold = true;
+    for (const auto &file : m_files) {
+        if (!paths.contains(file->reader.path()))
+            continue;
+        file->written = Clock::now();
+        file->isQuiet = false;
+    }
+}
+
+void Shipper::lookAgain()
+{
+    for (const auto &file : m_files)
+        file->isQuiet = false;
+}
+
 void Shipper::refresh()
 {
+    lookAgain();
     for (const auto &file : m_files)
         file->named = false;
     for (const auto &stream : m_streams)

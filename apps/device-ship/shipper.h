@@ -28,6 +28,11 @@ public:
     /// A file could not be read because the device wrote into it.
     bool wasDisturbed() const;
     bool hasMoved() const { return m_moved; } ///< There is something to report.
+    /// These were written a moment ago. From the first call on, a file at which nobody writes is not looked at again
+    /// once it was looked at for long enough after that: commits may come a little later than what announces them.
+    void wereWritten(const QStringList &paths);
+    /// All files are looked at again.
+    void lookAgain();
     /// Names of series and all ends of alarms are looked at again.
     void refresh();
 
@@ -42,6 +47,8 @@ private:
         QString statementTrouble;
         int rows = 2000;              ///< What a read may take: less while reads are disturbed.
         bool again = false;           ///< The last read was disturbed.
+        Clock::time_point written;    ///< As far as anybody said.
+        bool isQuiet = false;         ///< Read after that, and nothing is to come.
         bool named = false;           ///< The names of its series are in the archive.
         QMap<QString, qint64> stated; ///< In the file beside it.
     };
@@ -77,6 +84,7 @@ private:
     QByteArray m_refusal;  ///< Why it refuses the next row.
     int m_timesBehind = 0; ///< One after the other, another shipper was quicker.
     bool m_moved = false;  ///< Since the last report.
+    bool m_isTold = false; ///< Which files are written.
 };
 
 } // namespace device_ship

@@ -4,6 +4,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <utility>
+
 #include <poll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -19,15 +21,17 @@ Waker::Waker(const QStringList &paths) : m_paths(paths), m_inotify(inotify_init1
 void Waker::watch()
 {
     m_watches = m_inotify.isOpen();
+    QMultiHash<QByteArray, QString> names;
     for (const QString &path : m_paths) {
         // SQLite keeps its files beside the one that a link leads to.
         const QFileInfo info(path);
         const QFileInfo file(info.exists() ? info.canonicalFilePath() : info.absoluteFilePath());
         for (const char *ending : {"", "-wal", "-journal"})
-            m_names.insert(QFile::encodeName(file.fileName()) + ending);
+            names.insert(QFile::encodeName(file.fileName()) + ending, path);
         m_watches &= inotify_add_watch(m_inotify.number(), QFile::encodeName(file.absolutePath()).constData(),
                                        IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_ONLYDIR) >= 0;
     }
+    m_names = names;
 }
 
 bool Waker::wasWritten()
@@ -41,9 +45,20 @@ bool Waker::wasWritten()
         for (ssize_t at = 0; at < size;) {
             const auto *const event = reinterpret_cast<const inotify_event *>(events + at);
             at += ssize_t(sizeof(inotify_event) + event->len);
-            any |= event->len == 0 || m_names.contains(QByteArray(event->name));
+            // Without a name, events were lost.
+            const QStringList paths(event->len == 0 ? m_paths : QStringList(m_names.values(QByteArray(event->name))));
+            for (const QString &path : paths)
+                m_written.insert(path);
+            any |= !paths.isEmpty();
         }
     }
+}
+
+QStringList Waker::written()
+{
+    wasWritten();
+    const QSet<QString> written = std::exchange(m_written, {});
+    return m_watches ? QStringList(written.values()) : m_paths;
 }
 
 bool Waker::wait(std::chrono::milliseconds longest)

@@ -4,6 +4,7 @@
 
 #include "storefile/watched_file.h"
 
+#include <QMultiHash>
 #include <QSet>
 #include <QStringList>
 
@@ -22,6 +23,8 @@ public:
     /// Waits until one of them was written, or for this long. True if one was; where the system cannot say, it may
     /// have been after a quarter of a second.
     bool wait(std::chrono::milliseconds longest);
+    /// Those that were written since the last call; all where the system cannot say.
+    QStringList written();
 
 private:
     bool wasWritten();
@@ -29,8 +32,9 @@ private:
 
     const QStringList m_paths;
     const device_db::Descriptor m_inotify;
-    QSet<QByteArray> m_names; ///< Of the files, and of what is beside them.
-    bool m_watches = false;   ///< All of their folders.
+    QMultiHash<QByteArray, QString> m_names; ///< Of the files, and of what is beside them; the paths they belong to.
+    QSet<QString> m_written;
+    bool m_watches = false; ///< All of their folders.
 };
 
 } // namespace device_ship

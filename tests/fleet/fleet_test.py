@@ -376,6 +376,34 @@ class Short(Fleet):
         self.until(lambda: self.archive.sql(state + " order by id") == [["ended"], ["gone"]], "it is gone")
         self.assertEqual(self.archive.sql("select last_seen is not null from fleet.alarms where id = 2"), [["t"]])
 
+    def test_a_quiet_file_is_seen_beside_one_that_is_written_without_a_pause(self):
+        stores = {name: self.store(name, journal) for name, journal in (("busy", "wal"), ("quiet", "wal"),
+                                                                        ("locked", "delete"))}
+        for store in stores.values():
+            store.table("T1", "sample")
+            store.samples("T1", 1)
+        self.start(self.archive.device(1, stores))
+        arrived = "select wm from fleet.source join fleet.mark using (device, tbl) where file = '{}'"
+
+        def through(name, last):
+            stores["busy"].samples("T1", 1)
+            return self.archive.sql(arrived.format(name)) == [[str(last)]]
+
+        for last in (1, 2, 3):
+            for name in ("quiet", "locked"):
+                self.until(lambda name=name, last=last: through(name, last), f"{name} through {last}")
+                for _ in range(20):  # until nobody looks at it any more
+                    stores["busy"].samples("T1", 1)
+                    time.sleep(0.05)
+                stores[name].samples("T1", 1)
+        # The device makes the file anew.
+        os.rename(stores["quiet"].path, stores["quiet"].path + ".old")
+        other = self.store("quiet", "wal")
+        other.table("T1", "sample")
+        other.samples("T1", 2)
+        self.until(lambda: through("quiet", 2), "the new one")
+        self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (4, []))
+
     def test_cells_that_postgresql_cannot_hold(self):
         store = self.store("h")
         store.table("T1", "sample")
