@@ -155,7 +155,16 @@ QByteArray inUtc(const QByteArray &time, bool milliseconds, const QTimeZone &zon
     // In an hour that summer time leaves out Qt gives an invalid time or moves it, by version.
     if (!parsed.isValid() || formOf(parsed, milliseconds) != time)
         return time + localMark;
-    return formOf(parsed.toUTC(), milliseconds);
+    QDateTime utc = parsed.toUTC();
+    if (zone.isValid()) {
+        // Qt 5 takes the second pass of an hour that a zone repeats.
+        for (const int shift : {3600, 1800}) {
+            const QDateTime earlier = utc.addSecs(-shift);
+            if (formOf(earlier.toTimeZone(zone), milliseconds) == time)
+                utc = earlier;
+        }
+    }
+    return formOf(utc, milliseconds);
 }
 
 QByteArray beginningOf(const QByteArray &time, int size)
