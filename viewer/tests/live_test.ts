@@ -164,6 +164,25 @@ test('a lost connection is shown and heals, and so does a file that is gone', ch
     assert.ok(await soon(async () => (await shown(session, '.lost')).length === 0));
 });
 
+test('a page whose server was started anew says what to do, and goes on when that is done', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    const said = (words: RegExp): Promise<boolean> =>
+        soon(async () => words.test((await shown(session, '.lost'))[0] ?? ''));
+    served.setDown(true);
+    assert.ok(await said(/^The connection is lost; .* If device-db was started anew, open the address/));
+    served.setStrange(true);
+    served.setDown(false);
+    assert.ok(await said(/^device-db was started anew: open the new address that it printed\. What is shown is/));
+    assert.deepEqual(await axeFindings(session), []);
+    served.setDown(true);
+    assert.ok(await said(/^The connection is lost/));
+    served.setStrange(false);
+    served.setDown(false);
+    assert.ok(await soon(async () => (await shown(session, '.lost')).length === 0));
+    assert.deepEqual(await shown(session, '.live'), ['● Live']);
+});
+
 test('the address reopens the same view', chrome, async () => {
     await using served = await Served.start(plant);
     await using session = await opened(served);

@@ -86,7 +86,12 @@ for (const mode of ['wal', 'delete']) {
             assert.deepEqual(session.faults, []);
             assert.deepEqual(session.requests, []);
             await server[Symbol.asyncDispose]();
-            assert.ok(await soon(async () => (await texts(session, '.lost:not([hidden])')).length > 0));
+            const lost = async (): Promise<string> => (await texts(session, '.lost:not([hidden])')).join();
+            assert.match(await soon(lost), /^The connection is lost/);
+            await using again = await Server.start(file, Number(server.address.port));
+            assert.ok(await soon(async () => /open the new address that it printed/.test(await lost())));
+            await (await session.browser.newPage()).goto(again.address.href);
+            assert.ok(await soon(async () => (await lost()) === ''));
         } finally {
             writer.kill();
         }

@@ -19,6 +19,7 @@ export class Served {
     private error = '';
     private readonly listeners = new Set<ServerResponse>();
     private isDown = false;
+    private isStrange = false;
 
     private constructor(
         private readonly server: Server,
@@ -58,6 +59,12 @@ export class Served {
         if (isDown) this.server.closeAllConnections();
     }
 
+    /** As after a new start, which knows no page of before; or as if its new address was opened. */
+    setStrange(isStrange: boolean): void {
+        this.isStrange = isStrange;
+        this.server.closeAllConnections();
+    }
+
     private async tell(): Promise<void> {
         for (const listener of this.listeners) listener.write(await this.event());
     }
@@ -69,6 +76,11 @@ export class Served {
 
     private async answer(address: URL, response: ServerResponse): Promise<void> {
         const {pathname, searchParams: parts} = address;
+        if (this.isStrange) {
+            response.writeHead(403, {'content-type': 'text/plain; charset=utf-8'});
+            response.end('Open the address that device-db printed when it was started.\n');
+            return;
+        }
         if (pathname === '/') {
             response.setHeader('content-type', 'text/html; charset=utf-8');
             response.end(readFileSync(viewer, 'utf8').replace("connect-src 'none'", "connect-src 'self'"));

@@ -30,6 +30,20 @@ interface ServedChange {
 
 const retryAfter = 3000; // milliseconds
 
+const noAnswer =
+    'The connection is lost; trying again. If device-db was started anew, open the address that it printed.';
+const refused = 'device-db was started anew: open the new address that it printed.';
+
+/** Why the server is not heard. A browser does not say which answer it got when it was to listen. */
+async function troubleOf(): Promise<string> {
+    try {
+        const {status} = await fetch('/api/open', {redirect: 'error'});
+        return status === 401 || status === 403 ? refused : noAnswer;
+    } catch {
+        return noAnswer;
+    }
+}
+
 /** What the server says of a question that it does not answer, in words for people. */
 async function refusalOf(response: Response): Promise<Error> {
     const text = await response.text();
@@ -165,27 +179,31 @@ export class HttpSource implements Source {
     watch(listener: (change: Change) => void): () => void {
         let events: EventSource | null = null;
         let timer: ReturnType<typeof setTimeout> | undefined;
-        let wasConnected = true; // nobody needs to hear of the first connection
-        const say = (isConnected: boolean, files: readonly FileChange[]): void => {
-            if (isConnected !== wasConnected || files.length > 0) listener({isConnected, files});
-            wasConnected = isConnected;
+        let before = ''; // nobody needs to hear of the first connection
+        const say = (trouble: string, files: readonly FileChange[]): void => {
+            if (trouble !== before || files.length > 0) listener({trouble, files});
+            before = trouble;
         };
         const connect = (): void => {
             const source = (events = new EventSource('/api/changes'));
             source.onmessage = ({data}: MessageEvent<string>) =>
                 say(
-                    true,
+                    '',
                     (JSON.parse(data) as {files: ServedChange[]}).files.flatMap((file) => this.changeOf(file)),
                 );
-            source.onerror = () => {
-                say(false, []);
+            source.onerror = async () => {
                 // A browser gives up where it gets another answer, such as that of a server that was started anew.
-                if (source.readyState === EventSource.CLOSED) timer = setTimeout(connect, retryAfter);
+                // Who opens the new address beside this page lets both in.
+                const hasGivenUp = source.readyState === EventSource.CLOSED;
+                if (hasGivenUp) timer = setTimeout(connect, retryAfter);
+                const trouble = hasGivenUp ? await troubleOf() : noAnswer;
+                if (source === events) say(trouble, []);
             };
         };
         const stop = (): void => {
             clearTimeout(timer);
             events?.close();
+            events = null;
             this.stops.delete(stop);
         };
         this.stops.add(stop);

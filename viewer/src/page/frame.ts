@@ -94,11 +94,9 @@ export function frameOf(workspace: Workspace, opener: HTMLElement | null): reado
         name.replaceChildren(names, h('span', {class: 'faint'}, ` ${bytesText(bytes)}`));
     };
     const showLive = (): void => {
-        const {isConnected, unreadable, files, source} = workspace;
+        const {trouble, unreadable, files, source} = workspace;
         const reasons = [...unreadable].map(([file, error]) => `${files[file]?.name ?? ''}: ${error}`);
-        lost.textContent = isConnected
-            ? reasons.join(' · ')
-            : 'The connection is lost; trying again. What is shown is what was there before.';
+        lost.textContent = trouble === '' ? reasons.join(' · ') : `${trouble} What is shown is what was there before.`;
         lost.hidden = lost.textContent === '';
         live.hidden = !source.watch || !lost.hidden;
         live.textContent = '● Live';

@@ -26,7 +26,7 @@ export class Workspace {
     mark: number | null = null; // the second cursor
     tab: Tab = 'trend';
     failure = '';
-    isConnected = true; // to what is watched
+    trouble = ''; // why nothing is heard of what is watched; empty otherwise
     readonly unreadable = new Map<number, string>(); // files that cannot be read at the moment, and why
     /** Rows of each table that came since the view stays as it is. */
     readonly missed = new Map<string, number>();
@@ -217,9 +217,9 @@ export class Workspace {
         this.source.watch?.((change) => this.takeChange(change));
     }
 
-    private takeChange({isConnected, files}: SourceChange): void {
-        let isBack = isConnected && !this.isConnected;
-        this.isConnected = isConnected;
+    private takeChange({trouble, files}: SourceChange): void {
+        let isBack = trouble === '' && this.trouble !== '';
+        this.trouble = trouble;
         for (const {file, error, isOther, tables} of files) {
             if (error !== '') this.unreadable.set(file, error);
             else isBack = this.unreadable.delete(file) || isBack;
@@ -241,7 +241,7 @@ export class Workspace {
         if (this.isRenewing) return;
         this.isRenewing = true;
         try {
-            while (this.isConnected && (this.isOther || this.stale.size > 0)) {
+            while (this.trouble === '' && (this.isOther || this.stale.size > 0)) {
                 if (this.isOther) await this.openAgain();
                 const keys = new Set(this.tables.map(({key}) => key).filter((key) => this.stale.has(key)));
                 this.stale.clear();

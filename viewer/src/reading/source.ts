@@ -151,7 +151,7 @@ export interface FileChange {
 
 /** What happened to the files, or to the connection: nothing is missed when it is lost and heals. */
 export interface Change {
-    readonly isConnected: boolean; // false: nothing is known of the files at the moment
+    readonly trouble: string; // why nothing is known of the files at the moment; empty otherwise
     readonly files: readonly FileChange[]; // those that changed
 }
 
