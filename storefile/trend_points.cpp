@@ -16,10 +16,27 @@ namespace
 using Range = std::pair<QByteArray, QByteArray>;
 
 constexpr qint64 secondsBefore1970 = 62135596800;
+constexpr qint64 columnsOfPart = 100; // some milliseconds
 
 qint64 millisecondsOfTrend(qint64 seconds)
 {
     return (seconds - secondsBefore1970) * 1000;
+}
+
+qint64 secondsOfTrend(qint64 milliseconds)
+{
+    return (milliseconds + secondsBefore1970 * 1000) / 1000; // towards the past
+}
+
+// A bucket that is all that is left of its time is read whole, so it has to lie in one part: parts end where a bucket
+// ends of the finest level that is left there.
+qint64 borderBefore(qint64 time, const RollupState &state)
+{
+    const auto &levels = state.levels;
+    size_t level = 0;
+    while (level + 1 < levels.size() && state.floors[level] > time - levels.back())
+        ++level;
+    return time / levels[level] * levels[level];
 }
 
 } // namespace
@@ -77,23 +94,18 @@ bool TrendPoints::helps(qint64 first, qint64 last, int columns) const
     return removed && !removed->first.isEmpty();
 }
 
-Result<std::vector<SummedColumn>> TrendPoints::columns(qint64 first, qint64 last, int count) const
+TrendPicture::TrendPicture(qint64 first, qint64 last, int columns)
+    : m_last(secondsOfTrend(last)),
+      m_next(secondsOfTrend(first)),
+      m_part((m_last - m_next) * columnsOfPart / columns + 1),
+      m_read(m_next, m_last, columns)
 {
-    RollupChannel channel(*m_database);
-    const qint64 begin = (first + secondsBefore1970 * 1000) / 1000; // towards the past
-    const qint64 end = (last + secondsBefore1970 * 1000) / 1000;
-    device::TrendColumns read(begin, end, count);
-    const device::Site site{m_database->name(), m_table};
-    const device::OneMoment moment(channel, site); // a recorder may move the mark on
-    const auto state = trendOf(*m_database, m_table);
-    if (!state)
-        return state.error();
-    if (!*state || !(*state)->isOfThisTable)
-        return failure(m_database->name(), QStringLiteral("it begins anew at this moment"));
-    if (const Status done = device::readColumns(channel, site, **state, {begin, end + 1}, read); !done)
-        return done.error();
+}
+
+std::vector<SummedColumn> TrendPicture::columns() const
+{
     std::vector<SummedColumn> columns;
-    for (const auto &[place, column] : read.all()) {
+    for (const auto &[place, column] : m_read.all()) {
         const device::Bucket &bucket = column.bucket;
         SummedColumn summed{int(place), bucket.rows(), bucket.numbers(), bucket.sum(), {}};
         auto *point = summed.points.data();
@@ -104,13 +116,35 @@ Result<std::vector<SummedColumn>> TrendPoints::columns(qint64 first, qint64 last
     return columns;
 }
 
+Status TrendPoints::read(TrendPicture &picture) const
+{
+    RollupChannel channel(*m_database);
+    const device::Site site{m_database->name(), m_table};
+    const device::OneMoment moment(channel, site); // a recorder may move the mark on
+    const auto state = trendOf(*m_database, m_table);
+    if (!state)
+        return state.error();
+    if (!*state || !(*state)->isOfThisTable)
+        return failure(m_database->name(), QStringLiteral("it begins anew at this moment"));
+    qint64 end = picture.m_next;
+    for (qint64 length = picture.m_part; end <= picture.m_next; length *= 2)
+        end = borderBefore(picture.m_next + length, **state);
+    end = std::min(end, picture.m_last + 1);
+    if (const Status done = device::readColumns(channel, site, **state, {picture.m_next, end}, picture.m_read); !done)
+        return done;
+    picture.m_next = end;
+    return {};
+}
+
 Result<qint64> TrendPoints::add(qint64 first, qint64 last, int count, Reduction &points) const
 {
-    const auto read = columns(first, last, count);
-    if (!read)
-        return read.error();
+    TrendPicture picture(first, last, count);
+    while (!picture.isDone()) {
+        if (const Status done = read(picture); !done)
+            return done.error();
+    }
     qint64 left = 0;
-    for (const SummedColumn &column : *read) {
+    for (const SummedColumn &column : picture.columns()) {
         left += column.rows - column.numbers;
         if (column.numbers > 0)
             points.add(column.points, column.numbers);

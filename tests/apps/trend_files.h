@@ -6,6 +6,13 @@
 #include "plain_connection.h"
 #include "text_literal.h"
 
+#include "storefile/rollup_channel.h"
+#include "storefile/trends.h"
+
+#include "device/table_name.h"
+
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <random>
 
@@ -38,4 +45,20 @@ inline QString samples(const QString &table, int rows, unsigned seed)
     for (int i = 0; i < values.size(); i += 500)
         sql += "insert into "_q + table + " values"_q + values.mid(i, 500).join(","_q) + ";"_q;
     return sql + "commit;"_q;
+}
+
+/// Sums up what there is.
+inline void keepTrend(const device_db::Database &database, const QString &table,
+                      const QVector<device::TrendLevel> &levels)
+{
+    device_db::RollupChannel channel(database);
+    device::TrendOptions options;
+    options.levels = levels;
+    const device::Status begun = channel.transaction({}, [&]() -> device::Status {
+        const auto made = device::beginRollups(channel, *device::TableName::from(table), options);
+        return made ? device::Status() : made.error();
+    });
+    ASSERT_TRUE(begun) << qPrintable(begun.error().text());
+    const device::Status done = device_db::catchUpTrend(database, table, [](qint64) { return true; });
+    ASSERT_TRUE(done) << qPrintable(done.error().text());
 }

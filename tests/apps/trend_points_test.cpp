@@ -28,20 +28,6 @@ const QVector<QVector<device::TrendLevel>> someLevels{
     {device::TrendLevel::TenSeconds},
     {device::TrendLevel::Hour, device::TrendLevel::Day}};
 
-void keepTrend(const Database &database, const QVector<device::TrendLevel> &levels)
-{
-    RollupChannel channel(database);
-    device::TrendOptions options;
-    options.levels = levels;
-    const Status begun = channel.transaction({}, [&]() -> Status {
-        const auto made = device::beginRollups(channel, device::TableName::must("Boiler"), options);
-        return made ? Status() : made.error();
-    });
-    ASSERT_TRUE(begun) << qPrintable(begun.error().text());
-    const Status done = catchUpTrend(database, "Boiler"_q, [](qint64) { return true; });
-    ASSERT_TRUE(done) << qPrintable(done.error().text());
-}
-
 struct Drawn {
     std::vector<Point> points;
     qint64 count;
@@ -78,7 +64,7 @@ TEST(TrendPoints, AreThoseOfTheRows)
         file.run(samples("Boiler"_q, int(1000 + below(30000)), unsigned(history)));
         const auto database = Database::open(path, Database::ReadWrite);
         ASSERT_TRUE(database);
-        keepTrend(*database, someLevels.at(history % someLevels.size()));
+        keepTrend(*database, "Boiler"_q, someLevels.at(history % someLevels.size()));
         // Some that are not summed up yet, in the middle and at the end.
         file.run("insert into Boiler select NULL,DATETIME,Value||'1' from Boiler where ID%97=0"_q);
         const auto sums = TrendPoints::of(*database, "Boiler"_q);
@@ -113,17 +99,21 @@ TEST(TrendPoints, GoOnShowingWhatIsRemoved)
     file.run(samples("Boiler"_q, 20000, 3));
     const auto database = Database::open(path, Database::ReadWrite);
     ASSERT_TRUE(database);
-    keepTrend(*database, someLevels.first());
+    keepTrend(*database, "Boiler"_q, someLevels.first());
     const auto sums = TrendPoints::of(*database, "Boiler"_q);
     ASSERT_TRUE(sums);
     const qint64 day = millisecondsOf("2024-05-06 00:00:00", false);
     const auto highest = [&] {
-        Reduction reduction(day, day + 86400000, 50);
-        EXPECT_TRUE(sums->add(day, day + 86400000, 50, reduction));
         double most = -1e9;
-        for (const Point &point : reduction.points())
-            most = std::max(most, point.value);
-        return std::pair(most, reduction.count());
+        std::vector<qint64> counts;
+        for (const int columns : {50, 777, 8000}) { // read at once, and in parts
+            Reduction reduction(day, day + 86400000, columns);
+            EXPECT_TRUE(sums->add(day, day + 86400000, columns, reduction));
+            for (const Point &point : reduction.points())
+                most = std::max(most, point.value);
+            counts.push_back(reduction.count());
+        }
+        return std::pair(most, counts);
     };
     EXPECT_EQ(sums->removedRange()->first, "");
     const auto before = highest();
@@ -166,7 +156,7 @@ TEST(ATrendThatIsRead, CountsNoRowTwiceWhenTheMarkMovesOn)
         "where i<69999) insert into Boiler select NULL,datetime(1714953600+i,'unixepoch'),i from n"_q);
     const auto writer = Database::open(path, Database::ReadWrite);
     ASSERT_TRUE(writer);
-    keepTrend(*writer, {device::TrendLevel::Minute});
+    keepTrend(*writer, "Boiler"_q, {device::TrendLevel::Minute});
     const auto reader = Database::open(path, Database::ReadOnly);
     ASSERT_TRUE(reader);
     // Late rows of minutes that are still to be read.
@@ -195,7 +185,7 @@ TEST(TrendsOfADamagedFile, AreSalvagedAsFarAsTheyGo)
         file.run("pragma page_size=1024;"_q + samples("Boiler"_q, 6000, 5));
         const auto database = Database::open(path, Database::ReadWrite);
         ASSERT_TRUE(database);
-        keepTrend(*database, someLevels.first());
+        keepTrend(*database, "Boiler"_q, someLevels.first());
         file.run("delete from Boiler where ID<=500; insert into Boiler values(NULL,'2024-05-09 00:00:00','5')"_q);
     }
     QFile file(path);

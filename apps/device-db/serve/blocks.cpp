@@ -14,7 +14,9 @@ void Blocks::add(qint64 id, std::optional<qint64> time, std::optional<double> va
     if (isTimed)
         m_before = *time;
     if (m_blocks.empty() || m_blocks.back().rows >= rowsOfBlock || isBack) {
+        const qint64 place = m_blocks.empty() ? 0 : m_blocks.back().place + m_blocks.back().rows;
         m_blocks.emplace_back();
+        m_blocks.back().place = place;
         m_blocks.back().firstId = id;
         m_blocks.back().run = m_runs;
     }

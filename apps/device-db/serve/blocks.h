@@ -5,8 +5,8 @@
 #include "storefile/reduction.h"
 
 #include <array>
+#include <deque>
 #include <optional>
-#include <vector>
 
 namespace device_db
 {
@@ -15,6 +15,7 @@ namespace device_db
 struct Block {
     qint64 firstId = 0;
     qint64 lastId = 0;
+    qint64 place = 0; ///< How many rows are before it.
     qint64 rows = 0;
     qint64 timed = 0; ///< Of the rows, those with a time from 1970 on; the rest is of these.
     qint64 numbers = 0;
@@ -33,10 +34,11 @@ public:
     /// `time`: nothing, or before 1970: none that a picture has.
     void add(qint64 id, std::optional<qint64> time, std::optional<double> value);
 
-    const std::vector<Block> &all() const { return m_blocks; }
+    /// No vector: to grow, that would copy all of them at once.
+    const std::deque<Block> &all() const { return m_blocks; }
 
 private:
-    std::vector<Block> m_blocks;
+    std::deque<Block> m_blocks;
     qint64 m_before = -1; ///< The time of the row before.
     int m_runs = 0;
 };

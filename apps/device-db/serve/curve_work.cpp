@@ -40,6 +40,8 @@ public:
         switch (m_stage) {
         case Stage::Begin:
             return lookAround(**database);
+        case Stage::BySums:
+            return readSums(**database, until);
         case Stage::ByIndex:
             return readByIndex(**database, until);
         case Stage::Pass:
@@ -51,7 +53,7 @@ public:
     }
 
 private:
-    enum class Stage { Begin, ByIndex, Pass, ByBlocks };
+    enum class Stage { Begin, BySums, ByIndex, Pass, ByBlocks };
 
     // Also again, if more than new rows has come in the meantime.
     void begin()
@@ -59,6 +61,7 @@ private:
         m_pass = m_table->pass;
         m_stage = Stage::Begin;
         m_curve = Curve(m_range);
+        m_picture.reset();
         m_found.clear();
         m_time.clear();
         m_id = 0;
@@ -70,12 +73,29 @@ private:
     {
         if (const auto sums = TrendPoints::of(database, m_table->table.name);
             sums && sums->helps(m_range.from, m_range.to, m_range.columns)) {
-            if (const auto columns = sums->columns(m_range.from, m_range.to, m_range.columns)) {
-                for (const SummedColumn &each : *columns)
-                    m_curve.add(each);
-                return answer(m_curve, true);
-            } // else the rows say it
+            m_picture.emplace(m_range.from, m_range.to, m_range.columns);
+            m_stage = Stage::BySums;
+            return QByteArray();
         }
+        return chooseRows(database);
+    }
+
+    Result<QByteArray> readSums(const Database &database, SliceEnd until)
+    {
+        const auto sums = TrendPoints::of(database, m_table->table.name); // there may be another one by now
+        while (!m_picture->isDone()) {
+            if (!sums || !sums->read(*m_picture))
+                return chooseRows(database); // which say it, too
+            if (Clock::now() >= until)
+                return QByteArray();
+        }
+        for (const SummedColumn &each : m_picture->columns())
+            m_curve.add(each);
+        return answer(m_curve, true);
+    }
+
+    Result<QByteArray> chooseRows(const Database &database)
+    {
         m_stage = m_pass->isDone() ? Stage::ByBlocks : Stage::Pass;
         if (m_stage == Stage::Pass && m_pass->isIndexed()) {
             constexpr qint64 rowsByIndex = 300000; // more are read faster in the order of recording
@@ -155,18 +175,12 @@ private:
         if (!rows)
             return rows.error();
         device::TimeReader reader(false);
-        const std::vector<Block> &blocks = m_pass->blocks().all();
+        const std::deque<Block> &blocks = m_pass->blocks().all();
         for (; m_block < blocks.size(); ++m_block) {
             const Block &block = blocks[m_block];
             if (block.timed == 0 || block.earliest > m_range.to || block.latest < m_range.from ||
                 m_curve.addWhole(block))
                 continue;
-            if (Clock::now() >= until) {
-                if (!m_isRoughShown)
-                    seen(roughly());
-                m_isRoughShown = true;
-                return QByteArray();
-            }
             rows->bind(1, block.firstId);
             rows->bind(2, block.lastId);
             while (rows->step()) {
@@ -176,6 +190,13 @@ private:
             if (const Status status = rows->status(); !status)
                 return status.error();
             rows->reset();
+            if (Clock::now() >= until) {
+                ++m_block;
+                if (!m_isRoughShown)
+                    seen(roughly());
+                m_isRoughShown = true;
+                return QByteArray();
+            }
         }
         return answer(m_curve, true);
     }
@@ -244,6 +265,7 @@ private:
     std::shared_ptr<TablePass> m_pass;
     Stage m_stage = Stage::Begin;
     Curve m_curve;
+    std::optional<TrendPicture> m_picture;
     std::vector<FoundRow> m_found;
     QByteArray m_time; ///< Of the last row that the index has found.
     qint64 m_id = 0;
