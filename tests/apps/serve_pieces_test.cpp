@@ -2,8 +2,11 @@
 //
 // What the server reads by, without a server.
 #include "plain_connection.h"
+#include "serve/answers.h"
 #include "serve/curve_work.h"
+#include "serve/turns.h"
 #include "text_literal.h"
+#include "trend_files.h"
 
 #include <QTemporaryDir>
 
@@ -152,6 +155,101 @@ TEST_F(ServePieces, APictureOfAllIsAsWideAtFirstAsItIsAtLast)
         ASSERT_TRUE(served.pass->read(*database, std::chrono::steady_clock::now()));
     EXPECT_EQ(served.pass->extent().from, first.from);
     EXPECT_EQ(served.pass->extent().to, first.to);
+}
+
+// How many slices a question needs if each is as short as it can be; its answer goes to `answer`.
+int slicesOf(ServedFiles &files, const QByteArray &question, const Parameters &parameters, QByteArray &answer)
+{
+    const auto work = workFor(files, question, parameters);
+    EXPECT_TRUE(work);
+    for (int slices = 1; work && slices < 10000; ++slices) {
+        const auto done = (*work)->run(std::chrono::steady_clock::now(), [](const QByteArray &) {});
+        EXPECT_TRUE(done);
+        if (!done || !done->isEmpty()) {
+            answer = done.valueOr(QByteArray());
+            return slices;
+        }
+    }
+    return 0;
+}
+
+TEST_F(ServePieces, AnAnswerWithManyRowsIsMadeInSlices)
+{
+    PlainConnection device(path());
+    device.run(definition() + rows(60000) + "delete from T1 where ID%3=0"_q);
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    const Parameters all{{"table", "0/T1"}, {"order", "recorded"}, {"offset", "7"}, {"limit", "100000"}};
+    QByteArray before;
+    EXPECT_GT(slicesOf(**files, "rows", all, before), 40);
+    QByteArray overview;
+    EXPECT_GT(slicesOf(**files, "overview", {{"table", "0/T1"}}, overview), 40);
+    QByteArray after;
+    EXPECT_GT(slicesOf(**files, "rows", all, after), 40);
+    EXPECT_EQ(after.count("[\""), 40000 - 7);
+    EXPECT_EQ(before.count("[\""), 40000 - 5) << "by the IDs, as long as the rows are not counted";
+    EXPECT_TRUE(after.contains("\"rows\":[[\"11\",")) << after.left(200).constData();
+    EXPECT_TRUE(after.endsWith("[\"59999\",\"2024-05-06 23:39:58\",\"162\"]]}")) << after.right(200).constData();
+}
+
+TEST_F(ServePieces, RowsAreFoundByTheirNumber)
+{
+    PlainConnection device(path());
+    for (int i = 0; i < 30; ++i)
+        device.run((i == 0 ? definition() : QString()) + rows(1 + i * 37 % 300)); // the clock goes back each time
+    device.run("delete from T1 where ID%7=0"_q);
+    const auto database = Database::open(path(), Database::ReadOnly);
+    const auto pass = std::make_shared<TablePass>(table(), *endsOf(*database, "T1"_q));
+    ASSERT_TRUE(pass->read(*database, std::chrono::steady_clock::now() + std::chrono::hours(1)));
+    const Selection all(pass, {});
+    const auto ids = device.run("select ID from T1 order by ID"_q);
+    ASSERT_EQ(all.total(), ids.size());
+    for (int place = 0; place < ids.size(); ++place) {
+        const auto row = all.page(*database, place, 1);
+        ASSERT_EQ(QString::fromUtf8(row->at(0).at(0)), ids.at(place).at(0));
+        EXPECT_EQ(*all.placeOfId(*database, ids.at(place).at(0).toLongLong()), place);
+    }
+    EXPECT_TRUE(all.page(*database, ids.size(), 10)->empty());
+}
+
+TEST_F(ServePieces, APictureBySumsIsReadInSlices)
+{
+    PlainConnection device(path());
+    device.run(samples("T1"_q, 50000, 11));
+    const auto database = Database::open(path(), Database::ReadWrite);
+    ASSERT_TRUE(database);
+    QByteArray rows;
+    QByteArray sums;
+    const Parameters picture{
+        {"table", "0/T1"}, {"from", "1714953600000"}, {"to", "1715213600000"}, {"columns", "2000"}};
+    const auto files = ServedFiles::of({path()});
+    slicesOf(**files, "overview", {{"table", "0/T1"}}, rows);
+    slicesOf(**files, "trend", picture, rows);
+    keepTrend(*database, "T1"_q, {device::TrendLevel::TenSeconds, device::TrendLevel::Hour});
+    EXPECT_GT(slicesOf(**files, "trend", picture, sums), 10);
+    const auto points = [](const QByteArray &answer) {
+        return answer.mid(answer.indexOf("\"points\"")).split(']').first();
+    };
+    EXPECT_EQ(points(sums), points(rows));
+}
+
+TEST(Turns, WhoComesAnewIsNextButOneAndNobodyWaitsForEver)
+{
+    Turns<char> turns;
+    char names[] = "abcdefgh";
+    for (int i = 0; i < 3; ++i)
+        turns.goOn(names + i);
+    std::string order;
+    for (int i = 3; i < 8; ++i)
+        turns.begin(names + i);
+    turns.remove(names + 4);
+    while (char *const next = turns.take()) {
+        order += *next;
+        if (*next < 'd' && order.size() < 9)
+            turns.goOn(next);
+    }
+    EXPECT_EQ(order, "dafbgchabca");
+    EXPECT_TRUE(turns.isEmpty());
 }
 
 } // namespace

@@ -160,24 +160,48 @@ public:
         if (!m_selection || m_pass != m_table->pass) {
             m_pass = m_table->pass;
             m_selection = m_files.selection(*m_table, m_question.key, m_question.query);
+            m_page.reset();
         }
-        if (m_selection->needsMore()) {
+        if (!m_page && m_selection->needsMore()) {
             if (const Status found = m_selection->find(**database, until); !found)
                 return found.error();
         }
-        if (!m_selection->needsMore())
-            return answer(**database);
-        if (m_pace.isTime()) {
-            const auto so = answer(**database);
-            if (!so)
-                return so.error();
-            seen(*so);
+        if (!m_page && m_selection->needsMore()) {
+            if (!m_pace.isTime())
+                return QByteArray();
+            auto page = begun(**database);
+            if (!page)
+                return page.error();
+            if (const Status added = addRows(**database, *page); !added)
+                return added.error();
+            seen(written(*page));
+            return QByteArray();
         }
-        return QByteArray();
+        if (!m_page) {
+            auto page = begun(**database);
+            if (!page)
+                return page.error();
+            m_page = std::move(page).value();
+        }
+        while (m_page->next < m_page->end) {
+            if (const Status added = addRows(**database, *m_page); !added)
+                return added.error();
+            if (std::chrono::steady_clock::now() >= until)
+                break;
+        }
+        return m_page->next < m_page->end ? QByteArray() : written(*m_page);
     }
 
 private:
-    Result<QByteArray> answer(const Database &database) const
+    /// Rows that are written as an answer, some at a time.
+    struct Page {
+        Json json;
+        qint64 next = 0; ///< The row that is to be written next.
+        qint64 end = 0;
+        std::optional<qint64> before; ///< The ID of the one that was written last.
+    };
+
+    Result<Page> begun(const Database &database) const
     {
         Result<qint64> found = qint64(-1);
         if (m_question.id)
@@ -187,28 +211,42 @@ private:
         if (!found)
             return found.error();
         const qint64 offset = *found < 0 ? m_question.offset : std::max<qint64>(0, *found - m_question.limit / 2);
-        const auto rows = m_selection->page(database, offset, m_question.limit);
+        const bool isExact = m_selection->isExact();
+        Page page;
+        page.next = offset;
+        page.end = std::min(offset + m_question.limit, m_selection->total());
+        page.json.beginObject().key("exact").boolean(isExact).key("share").number(isExact ? 1.0 : m_pass->share());
+        page.json.key("total").number(m_selection->total()).key("offset").number(offset).key("found").number(*found);
+        page.json.key("rows").beginArray();
+        return page;
+    }
+
+    Status addRows(const Database &database, Page &page) const
+    {
+        constexpr qint64 rowsAtOnce = 500;
+        const qint64 count = std::min(rowsAtOnce, page.end - page.next);
+        const auto rows = m_selection->page(database, page.next, count, page.before);
         if (!rows)
             return rows.error();
-        const bool isExact = m_selection->isExact();
-        Json json;
-        json.beginObject().key("exact").boolean(isExact).key("share").number(isExact ? 1.0 : m_pass->share());
-        json.key("total").number(m_selection->total()).key("offset").number(offset).key("found").number(*found);
-        json.key("rows").beginArray();
         for (const auto &row : *rows) {
-            json.beginArray();
+            page.json.beginArray();
             for (const QByteArray &cell : row)
-                json.cell(cell);
-            json.endArray();
+                page.json.cell(cell);
+            page.json.endArray();
+            page.before = row.front().toLongLong();
         }
-        return json.endArray().endObject().written();
+        page.next += count;
+        return {};
     }
+
+    static QByteArray written(Page &page) { return page.json.endArray().endObject().written(); }
 
     ServedFiles &m_files;
     std::shared_ptr<ServedTable> m_table;
     RowsQuestion m_question;
     std::shared_ptr<TablePass> m_pass;
     std::shared_ptr<Selection> m_selection;
+    std::optional<Page> m_page;
     Pace m_pace;
 };
 

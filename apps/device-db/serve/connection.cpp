@@ -180,19 +180,22 @@ void Connection::write(const QByteArray &bytes)
     m_out.push_back(bytes);
 }
 
-// A part at a time: what is large, such as the page, is in memory once and not once per client.
+// A part at a time: what is large, such as the page, is in memory once and not once per client. What the system takes
+// is given to it at once: each part would wait for somebody else's slice otherwise.
 void Connection::pump()
 {
-    while (!m_isClosed && !m_out.empty() && m_socket->bytesToWrite() < socketBuffer) {
-        const QByteArray &first = m_out.front();
-        const qint64 size = std::min<qint64>(first.size() - m_taken, socketBuffer);
-        m_socket->write(first.constData() + m_taken, size);
-        m_taken += size;
-        if (m_taken == first.size()) {
-            m_out.pop_front();
-            m_taken = 0;
+    do {
+        while (!m_isClosed && !m_out.empty() && m_socket->bytesToWrite() < socketBuffer) {
+            const QByteArray &first = m_out.front();
+            const qint64 size = std::min<qint64>(first.size() - m_taken, socketBuffer);
+            m_socket->write(first.constData() + m_taken, size);
+            m_taken += size;
+            if (m_taken == first.size()) {
+                m_out.pop_front();
+                m_taken = 0;
+            }
         }
-    }
+    } while (!m_isClosed && m_socket->flush() && !m_out.empty());
     if (m_out.empty() && !m_isBusy && m_closesAfter && !m_isClosed)
         m_socket->disconnectFromHost();
 }

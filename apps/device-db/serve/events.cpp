@@ -12,32 +12,36 @@ void Lanes::add(qint64 level, std::optional<qint64> begin, qint64 end)
     if (!begin || *begin < 0)
         return;
     m_last = std::max({m_last.value_or(*begin), *begin, end});
-    m_alarms.push_back({level, *begin, end >= 0 ? end : std::numeric_limits<qint64>::max()});
-    m_isSorted = false;
+    auto &[alarms, isSorted] = m_levels[level];
+    isSorted = isSorted && (alarms.empty() || *begin >= alarms.back().first);
+    alarms.emplace_back(*begin, end >= 0 ? end : std::numeric_limits<qint64>::max());
 }
 
 std::vector<Lane> Lanes::between(const PictureRange &range)
 {
-    if (!m_isSorted)
-        std::stable_sort(m_alarms.begin(), m_alarms.end(), [](const Alarm &a, const Alarm &b) {
-            return a.level != b.level ? a.level > b.level : a.begin < b.begin;
-        });
-    m_isSorted = true;
     const double column = double(range.to - range.from) / range.columns;
     std::vector<Lane> lanes;
-    for (const Alarm &alarm : m_alarms) {
-        if (alarm.begin > range.to || alarm.end < range.from)
-            continue;
-        if (lanes.empty() || lanes.back().level != alarm.level)
-            lanes.push_back({alarm.level, 0, {}});
-        ++lanes.back().alarms;
-        auto &spans = lanes.back().spans;
-        const qint64 left = std::max(alarm.begin, range.from);
-        const qint64 right = std::min(alarm.end, range.to);
-        if (!spans.empty() && double(left) <= double(spans.back().second) + column)
-            spans.back().second = std::max(spans.back().second, right);
-        else
-            spans.emplace_back(left, right);
+    for (auto &[number, level] : m_levels) {
+        if (!level.isSorted)
+            std::stable_sort(level.alarms.begin(), level.alarms.end(),
+                             [](const auto &a, const auto &b) { return a.first < b.first; });
+        level.isSorted = true;
+        Lane lane{number, 0, {}};
+        for (const auto &[begin, end] : level.alarms) {
+            if (begin > range.to)
+                break;
+            if (end < range.from)
+                continue;
+            ++lane.alarms;
+            const qint64 left = std::max(begin, range.from);
+            const qint64 right = std::min(end, range.to);
+            if (!lane.spans.empty() && double(left) <= double(lane.spans.back().second) + column)
+                lane.spans.back().second = std::max(lane.spans.back().second, right);
+            else
+                lane.spans.emplace_back(left, right);
+        }
+        if (lane.alarms > 0)
+            lanes.push_back(std::move(lane));
     }
     return lanes;
 }

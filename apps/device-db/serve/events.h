@@ -6,7 +6,9 @@
 
 #include "serve/curve.h"
 
+#include <functional>
 #include <limits>
+#include <map>
 
 namespace device_db
 {
@@ -31,15 +33,13 @@ public:
     std::vector<Lane> between(const PictureRange &range);
 
 private:
-    struct Alarm {
-        qint64 level;
-        qint64 begin;
-        qint64 end;
+    struct Level {
+        std::vector<std::pair<qint64, qint64>> alarms; ///< Begin and end.
+        bool isSorted = true;                          ///< By their begins, as they come from a clock that goes on.
     };
 
-    std::vector<Alarm> m_alarms;
+    std::map<qint64, Level, std::greater<>> m_levels;
     std::optional<qint64> m_last;
-    bool m_isSorted = true;
 };
 
 /// Entries of one column.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "serve/followed_file.h"
 
-#include <QFile>
+#include <QFileInfo>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,6 +16,7 @@ namespace
 using namespace std::chrono_literals;
 
 constexpr auto pauseAfterFailure = 1s;
+constexpr qint64 largestChecked = 20000000; // bytes
 
 qint64 versionOf(const Database &database)
 {
@@ -54,17 +55,28 @@ FollowedFile::Mark FollowedFile::markOf(const QString &path, bool mayOpen)
     return mark;
 }
 
+bool FollowedFile::isOtherThan(const Mark &mark) const
+{
+    return mark.inode != m_mark.inode || mark.device != m_mark.device;
+}
+
 FollowedFile::FollowedFile(QString path) : m_path(std::move(path))
 {
     m_markOfOpening = markOf(m_path, true);
-    (void)take(opened(m_path));
+    (void)take(opened(m_path, true));
 }
 
-FollowedFile::Opened FollowedFile::opened(const QString &path)
+FollowedFile::Opened FollowedFile::opened(const QString &path, bool isOther)
 {
     const auto began = Clock::now();
     auto file = openFile(path, {});
-    return {std::move(file), Clock::now() - began};
+    const auto took = Clock::now() - began;
+    if (!file || !isOther)
+        return {std::move(file), took, std::nullopt};
+    auto found = QFileInfo(path).size() <= largestChecked ? integrityFindings(file->database) : QList<Finding>();
+    if (!found)
+        return {found.error(), took, std::nullopt};
+    return {std::move(file), took, std::move(found).value()};
 }
 
 FollowedFile::~FollowedFile() = default; // waits for a copy that is being made
@@ -72,13 +84,14 @@ FollowedFile::~FollowedFile() = default; // waits for a copy that is being made
 void FollowedFile::startOpening()
 {
     m_markOfOpening = markOf(m_path, true);
-    m_opening = std::async(std::launch::async, [path = m_path] { return opened(path); });
+    const bool isOther = !m_open || isOtherThan(m_markOfOpening);
+    m_opening = std::async(std::launch::async, [path = m_path, isOther] { return opened(path, isOther); });
 }
 
 FollowedFile::News FollowedFile::take(Opened opened)
 {
     const auto now = Clock::now();
-    const bool isOther = m_mark.inode != m_markOfOpening.inode || m_mark.device != m_markOfOpening.device;
+    const bool isOther = isOtherThan(m_markOfOpening);
     m_nextOpening = now + 4 * opened.took;
     if (!opened.file) {
         m_nextOpening = std::max(m_nextOpening, now + pauseAfterFailure);
@@ -93,6 +106,8 @@ FollowedFile::News FollowedFile::take(Opened opened)
     m_open.reset();                                // before the new one is in its place: it may tidy up
     m_open.emplace(std::move(opened.file).value());
     m_error.clear();
+    if (opened.integrity)
+        m_integrity = *opened.integrity;
     const bool hadFile = m_mark.exists;
     m_mark = m_markOfOpening;
     m_version = versionOf(m_open->database);
@@ -109,7 +124,7 @@ FollowedFile::News FollowedFile::look()
     if (!m_open || isCopy())
         return lookAtCopy();
     const Mark mark = markOf(m_path, false);
-    if (!mark.exists || mark.inode != m_mark.inode || mark.device != m_mark.device) {
+    if (!mark.exists || isOtherThan(mark)) {
         m_open.reset();
         m_error = QStringLiteral("it was taken away or replaced");
         m_nextOpening = Clock::now();
@@ -127,7 +142,7 @@ FollowedFile::News FollowedFile::lookAtCopy()
     if (Clock::now() < m_nextOpening)
         return News::None;
     const Mark mark = markOf(m_path, true);
-    if (m_open && mark.exists && mark.inode == m_mark.inode && mark.device == m_mark.device && mark.rest == m_mark.rest)
+    if (m_open && mark.exists && !isOtherThan(mark) && mark.rest == m_mark.rest)
         return News::None;
     if (!mark.exists && m_error.isEmpty()) {
         m_open.reset();

@@ -2,6 +2,7 @@
 #ifndef DEVICE_DB_FOLLOWED_FILE_H
 #define DEVICE_DB_FOLLOWED_FILE_H
 
+#include "storefile/findings.h"
 #include "storefile/live_file.h"
 
 #include <chrono>
@@ -13,7 +14,7 @@ namespace device_db
 
 /// A file that a device may be writing, read harmlessly: in write-ahead mode itself, otherwise in a copy that is made
 /// anew when the file has changed. Copies are made beside the thread of their owner, and take a fifth of the time at
-/// most.
+/// most. So is SQLite's check of a file that is another one, which cannot be interrupted.
 class FollowedFile
 {
 public:
@@ -36,6 +37,8 @@ public:
     /// Why it cannot be read; empty otherwise.
     QString error() const { return m_error; }
     bool isCopy() const { return m_open && m_open->file.isSnapshot(); }
+    /// Of the file when it was first read; none of a large one.
+    const QList<Finding> &integrity() const { return m_integrity; }
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -50,15 +53,19 @@ private:
     struct Opened {
         Result<OpenFile> file;
         Clock::duration took;
+        std::optional<QList<Finding>> integrity; ///< Nothing: it was not asked for.
     };
     static Mark markOf(const QString &path, bool mayOpen);
-    static Opened opened(const QString &path);
+    /// Whether the file that is read is not the one that was looked at.
+    bool isOtherThan(const Mark &mark) const;
+    static Opened opened(const QString &path, bool isOther);
     void startOpening();
     News take(Opened opened);
     News lookAtCopy();
 
     QString m_path;
     std::optional<OpenFile> m_open;
+    QList<Finding> m_integrity;
     QString m_error;
     Mark m_mark;
     Mark m_markOfOpening;

@@ -142,8 +142,8 @@ Status Selection::takeSorted(SliceEnd until)
     return status;
 }
 
-Result<std::vector<std::vector<QByteArray>>> Selection::page(const Database &database, qint64 offset,
-                                                             qint64 limit) const
+Result<std::vector<std::vector<QByteArray>>> Selection::page(const Database &database, qint64 offset, qint64 limit,
+                                                             std::optional<qint64> before) const
 {
     const Table &table = m_pass->table();
     const auto columns = columnsOf(table.kind).size() + 1;
@@ -170,17 +170,16 @@ Result<std::vector<std::vector<QByteArray>>> Selection::page(const Database &dat
     // An ID at or before the row of this number, and how many rows are between them.
     qint64 id = m_pass->ends().firstId + offset;
     qint64 skipped = 0;
-    if (m_pass->isDone()) {
-        qint64 begin = 0;
+    if (before) {
+        id = *before + 1;
+    } else if (m_pass->isDone() && offset < m_pass->rows()) {
+        const auto &blocks = m_pass->blocks().all();
+        const auto block = std::prev(std::upper_bound(
+            blocks.begin(), blocks.end(), offset, [](qint64 place, const Block &each) { return place < each.place; }));
+        id = block->firstId;
+        skipped = offset - block->place;
+    } else if (m_pass->isDone()) {
         id = m_pass->ends().highestId + 1;
-        for (const Block &block : m_pass->blocks().all()) {
-            if (offset < begin + block.rows) {
-                id = block.firstId;
-                skipped = offset - begin;
-                break;
-            }
-            begin += block.rows;
-        }
     }
     auto row = database.prepare(head + " where ID>=?1 order by ID limit ?2 offset ?3");
     if (!row)
@@ -198,8 +197,10 @@ Result<std::vector<std::vector<QByteArray>>> Selection::page(const Database &dat
 Result<qint64> Selection::placeOfId(const Database &database, qint64 id) const
 {
     if (!m_isAll) {
-        const auto found = std::find(m_ids.begin(), m_ids.end(), id);
-        return found == m_ids.end() ? -1 : qint64(found - m_ids.begin());
+        const bool isAscending = m_query.column.isEmpty();
+        const auto found =
+            isAscending ? std::lower_bound(m_ids.begin(), m_ids.end(), id) : std::find(m_ids.begin(), m_ids.end(), id);
+        return found == m_ids.end() || *found != id ? -1 : qint64(found - m_ids.begin());
     }
     if (!m_pass->isDone())
         return id - m_pass->ends().firstId;

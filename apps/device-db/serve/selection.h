@@ -5,6 +5,7 @@
 #include "serve/table_pass.h"
 #include "storefile/row_query.h"
 
+#include <deque>
 #include <functional>
 #include <memory>
 
@@ -33,8 +34,10 @@ public:
     bool grow();
     qint64 total() const { return m_isAll ? m_pass->expectedRows() : qint64(m_ids.size()); }
 
-    /// The cells of so many rows from an offset on: ID, then the columns of the kind.
-    Result<std::vector<std::vector<QByteArray>>> page(const Database &database, qint64 offset, qint64 limit) const;
+    /// The cells of so many rows from an offset on: ID, then the columns of the kind. `before`: the ID of the row
+    /// before them, where it is known; they need not be looked for then.
+    Result<std::vector<std::vector<QByteArray>>> page(const Database &database, qint64 offset, qint64 limit,
+                                                      std::optional<qint64> before = std::nullopt) const;
     /// The number of the row with this ID; -1 if it is not among them.
     Result<qint64> placeOfId(const Database &database, qint64 id) const;
     /// The number of the first row from this time on, or back from it where the latest come first; -1 without rows.
@@ -52,7 +55,7 @@ private:
     SelectionQuery m_query;
     bool m_isAll;
     bool m_isDone = false;
-    std::vector<qint64> m_ids;
+    std::deque<qint64> m_ids;
     qint64 m_idSoFar;
 
     // SQLite sorts, but not in one step. In a database of its own, because a statement that is open over two slices

@@ -13,7 +13,6 @@ namespace device_db
 namespace
 {
 
-constexpr qint64 largestChecked = 20000000; // bytes: SQLite's check of a file cannot be interrupted
 constexpr size_t selectionsKept = 16;
 
 bool isSameTable(const QByteArray &name, const Table &table)
@@ -131,13 +130,6 @@ Status ServedFiles::read(ServedFile &file, bool isOther, QList<QByteArray> &grow
             forget(key);
         file.tables.clear();
         file.order.clear();
-        file.ofIntegrity.clear();
-        if (QFileInfo(file.followed.path()).size() <= largestChecked) {
-            const auto found = integrityFindings(database);
-            if (!found)
-                return found.error();
-            file.ofIntegrity = *found;
-        }
     }
     if (isOther || *schema != file.schema) {
         if (const Status listed = readTables(file); !listed)
@@ -271,7 +263,7 @@ std::shared_ptr<ServedTable> ServedFiles::table(const QByteArray &key) const
 
 QList<Finding> ServedFiles::findingsOf(const ServedFile &file) const
 {
-    QList<Finding> findings = file.ofIntegrity;
+    QList<Finding> findings = file.followed.integrity();
     if (file.followed.database()->text("pragma journal_mode").valueOr(QByteArray()) != "wal")
         findings.append(
             {Severity::Note, QString(),

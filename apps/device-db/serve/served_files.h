@@ -35,9 +35,8 @@ struct ServedFile {
     int place = 0;
     QList<Table> all;
     QList<Registration> registrations;
-    QList<Finding> ofIntegrity; ///< Found once: it reads everything.
-    qint64 schema = -1;         ///< Negative: the tables are not known.
-    qint64 version = 0;         ///< Grows with each change that is more than new rows.
+    qint64 schema = -1; ///< Negative: the tables are not known.
+    qint64 version = 0; ///< Grows with each change that is more than new rows.
     std::map<QByteArray, std::shared_ptr<ServedTable>> tables;
     QList<QByteArray> order; ///< The keys, as people count.
 };

@@ -13,7 +13,7 @@ namespace
 
 using namespace std::chrono_literals;
 
-constexpr auto slice = 8ms;
+constexpr auto slice = 4ms;
 constexpr auto lookEvery = 250ms;
 constexpr auto heartbeatEvery = 15s;    // so that both ends notice when the other has gone
 constexpr qint64 mostWaiting = 1 << 20; // bytes that a client has not taken: it gets nothing more that can be left out
@@ -169,7 +169,7 @@ void Server::ask(Client &client, const QByteArray &question, const HttpRequest &
         return client.connection.answer(json(400, errorLine(work.error())));
     client.work = std::move(work).value();
     client.connection.begin({200, "application/x-ndjson", QByteArray(), nothingAllowed});
-    m_turns.push_back(&client);
+    m_turns.begin(&client);
     m_worker.start(0);
 }
 
@@ -182,23 +182,27 @@ void Server::watch(Client &client)
 
 void Server::work()
 {
-    if (m_turns.empty()) {
+    if (m_turns.isEmpty()) {
         m_worker.stop();
         return;
     }
-    Client &client = *m_turns.front();
-    m_turns.pop_front();
+    Client &client = *m_turns.take();
     Connection &connection = client.connection;
     if (connection.isClosed()) {
         client.work.reset();
         return;
     }
-    const auto done = client.work->run(std::chrono::steady_clock::now() + slice, [&](const QByteArray &part) {
+    const auto seen = [&](const QByteArray &part) {
         if (connection.waiting() < mostWaiting)
             connection.send("{\"part\":" + part + "}\n");
-    });
+    };
+    const SliceEnd end = std::chrono::steady_clock::now() + slice;
+    Result<QByteArray> done = QByteArray();
+    do
+        done = client.work->run(end, seen);
+    while (done && done->isEmpty() && std::chrono::steady_clock::now() < end);
     if (done && done->isEmpty()) {
-        m_turns.push_back(&client);
+        m_turns.goOn(&client);
         return;
     }
     connection.send(done ? "{\"done\":" + *done + "}\n" : errorLine(done.error()) + '\n');

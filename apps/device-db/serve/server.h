@@ -5,6 +5,7 @@
 #include "serve/access.h"
 #include "serve/answers.h"
 #include "serve/connection.h"
+#include "serve/turns.h"
 
 #include <QTcpServer>
 #include <QTimer>
@@ -56,7 +57,7 @@ private:
     Access m_access;
     QByteArray m_page;
     Clients m_clients;
-    std::list<Client *> m_turns; ///< Those whose questions are worked on; the next one first.
+    Turns<Client> m_turns; ///< Of those whose questions are worked on.
     QTimer m_worker;
     QTimer m_watch;
     QTimer m_clock;
