@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
-// The page against "device-db serve" itself, while another program writes.
+// The page against "device-db serve" itself, while another program writes. $ROWS=100 measures so many new rows on their
+// way to the screen.
 import assert from 'node:assert/strict';
 import {spawn, spawnSync} from 'node:child_process';
 import type {ChildProcess} from 'node:child_process';
 import {readFileSync} from 'node:fs';
+import {get} from 'node:http';
+import {loadavg} from 'node:os';
 import {join} from 'node:path';
 import {test} from 'node:test';
 
@@ -97,3 +100,47 @@ for (const mode of ['wal', 'delete']) {
         }
     });
 }
+
+test('a new row reaches the screen beside fifty other listeners', {skip: reason}, async () => {
+    using folder = new Folder();
+    const file = join(folder.path, 'plant.db');
+    spawnSync('sqlite3', [file], {input: `pragma journal_mode=wal;begin;${plant.join(';')};commit;`});
+    const device = spawn('sqlite3', [file]);
+    try {
+        await using server = await Server.start(file);
+        const inPlace = readFileSync(viewer, 'utf8').replace("connect-src 'none'", "connect-src 'self'");
+        await using session = await Session.start('chrome', {served: server.address, inPlace});
+        const [{name, value}] = (await session.browser.cookies()) as [{name: string; value: string}];
+        const heard = Array.from({length: 50}, () => 0);
+        heard.forEach((_, i) =>
+            get(new URL('/api/changes', server.address), {headers: {cookie: `${name}=${value}`}}, (response) =>
+                response.on('data', () => ++heard[i]!),
+            ).on('error', () => undefined),
+        );
+        assert.ok(await soon(async () => heard.every((events) => events > 0)));
+        const took: number[] = [];
+        const rows = Number(process.env['ROWS'] ?? 3);
+        for (let row = 1; row <= rows; ++row) {
+            const shown = (58202 + row).toLocaleString('en');
+            await new Promise((resume) => setTimeout(resume, 250 * Math.random()));
+            const begin = performance.now();
+            device.stdin.write(
+                `insert into T1(DATETIME,Value) values(datetime(1715558400+${row},'unixepoch'),'71');\n`,
+            );
+            await session.page.waitForFunction(
+                (text) => document.querySelectorAll('.figures tbody tr:first-child > *')[4]?.textContent === text,
+                {polling: 5, timeout: 60000},
+                shown,
+            );
+            took.push(performance.now() - begin);
+        }
+        assert.ok(await soon(async () => heard.every((events) => events > rows / 10)));
+        took.sort((a, b) => a - b);
+        const at = (part: number): string => `${took[Math.min(rows - 1, Math.floor(rows * part))]!.toFixed(0)} ms`;
+        const load = loadavg()[0]!.toFixed(1);
+        if (rows > 3)
+            console.log(`median ${at(0.5)}, 95 % ${at(0.95)}, 99 % ${at(0.99)}, longest ${at(1)}, load ${load}`);
+    } finally {
+        device.kill();
+    }
+});
