@@ -2,9 +2,9 @@
 //
 // A second process plays the device: it writes batches through the store library while this one reads.
 // DEVICE_LIVE_SECONDS=300 runs every reading command of the tool beside it, again and again, for so long.
-#include "loaded_library.h"
 #include "plain_connection.h"
 #include "text_literal.h"
+#include "writing_device.h"
 
 #include "storefile/live_file.h"
 #include "storefile/temporary_file.h"
@@ -19,12 +19,9 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <atomic>
 #include <csignal>
 #include <iostream>
-#include <new>
 
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,87 +33,17 @@ using device_db::openForReading;
 using device_db::ReadableFile;
 using device_db::ReadOptions;
 
-constexpr int batchRows = 20;
-
-// Seen by both processes.
-struct Shared {
-    std::atomic<bool> ready{false};
-    std::atomic<bool> stop{false};
-    std::atomic<int> batches{0};
-    std::atomic<int> failures{0};
-};
-Shared *shared = nullptr;
-
-void countFailures(QtMsgType, const QMessageLogContext &, const QString &message)
-{
-    if (message.contains("fail"_q) || message.contains("locked"_q))
-        ++shared->failures;
-}
-
-class Device
-{
-public:
-    Device(const QString &path, const QString &mode, int pauseMs)
-    {
-        void *const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        shared = new (memory) Shared;
-        m_process = fork();
-        if (m_process == 0) {
-            write(path, mode, pauseMs);
-            _exit(0);
-        }
-        while (!shared->ready)
-            usleep(1000);
-    }
-    ~Device()
-    {
-        stop();
-        munmap(shared, sizeof(Shared));
-    }
-    void stop()
-    {
-        shared->stop = true;
-        if (m_process > 0) {
-            EXPECT_EQ(waitpid(m_process, nullptr, 0), m_process);
-        }
-        m_process = 0;
-    }
-
-private:
-    static void write(const QString &path, const QString &mode, int pauseMs)
-    {
-        qInstallMessageHandler(countFailures);
-        const auto store = library::store("historyDB");
-        store->openDB(path);
-        QList<QStringList> rows;
-        store->execSQL({"PRAGMA journal_mode="_q + mode}, rows, 1);
-        store->createTable("Boiler"_q, "Boiler 1"_q);
-        // Large enough that copying it takes a while, in which a batch may come.
-        store->execSQL({"with recursive n(i) as (select 0 union all select i+1 from n where i<149999) insert into "
-                        "Boiler select NULL,'2024-05-06 07:08:09',-1-i/%1 from n"_q.arg(batchRows)},
-                       rows, 0);
-        const int before = store->getDataCountOfTable("Boiler"_q) / batchRows;
-        shared->ready = true;
-        while (!shared->stop) {
-            rows.clear();
-            for (int i = 0; i < batchRows; ++i)
-                rows << QStringList{"2024-05-06 07:08:09"_q, QString::number(before + shared->batches)};
-            store->insertManyDatas(rows, "Boiler"_q);
-            ++shared->batches;
-            usleep(useconds_t(pauseMs) * 1000);
-        }
-    }
-
-    pid_t m_process;
-};
+// Large enough that copying it takes a while, in which a batch may come.
+const QString manyRows = "with recursive n(i) as (select 0 union all select i+1 from n where i<149999) insert into T1 "
+                         "select NULL,'2024-05-06 07:08:09',-1-i/%1 from n"_q.arg(WritingDevice::batchRows);
 
 // What a reader sees: whole batches, and a file that is in order.
 void expectWhole(const QString &path)
 {
     PlainConnection file(path);
     EXPECT_EQ(file.value("pragma integrity_check"_q), "ok"_q);
-    EXPECT_EQ(file.value("select count(*) from (select Value from Boiler group by Value having count(*)!=%1)"_q.arg(
-                  batchRows)),
+    EXPECT_EQ(file.value("select count(*) from (select Value from T1 group by Value having count(*)!=%1)"_q.arg(
+                  WritingDevice::batchRows)),
               "0"_q);
 }
 
@@ -166,7 +93,7 @@ using LiveFileModes = LiveFile;
 
 TEST_P(LiveFileModes, IsReadWhileADeviceWritesAndNoCommitFails)
 {
-    Device device(path(), QString::fromLatin1(GetParam().mode), GetParam().pauseMs);
+    WritingDevice device(path(), QString::fromLatin1(GetParam().mode), GetParam().pauseMs, manyRows);
     QElapsedTimer clock;
     clock.start();
     int snapshots = 0;
@@ -180,11 +107,12 @@ TEST_P(LiveFileModes, IsReadWhileADeviceWritesAndNoCommitFails)
         ++snapshots;
     }
     device.stop();
-    EXPECT_EQ(shared->failures, 0);
-    EXPECT_GT(shared->batches, 3);
-    EXPECT_EQ(valueOf(path(), "select count(*) from Boiler where Value>='0'"_q).toInt(), batchRows * shared->batches);
+    EXPECT_EQ(device.failures(), 0);
+    EXPECT_GT(device.batches(), 3);
+    EXPECT_EQ(valueOf(path(), "select count(*) from T1 where Value>='0'"_q).toInt(),
+              WritingDevice::batchRows * device.batches());
     EXPECT_TRUE(QDir(temporary()).isEmpty());
-    std::cout << shared->batches << " batches, " << snapshots << " snapshots\n";
+    std::cout << device.batches() << " batches, " << snapshots << " snapshots\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(LiveFile, LiveFileModes,
@@ -194,8 +122,8 @@ INSTANTIATE_TEST_SUITE_P(LiveFile, LiveFileModes,
 TEST_F(LiveFile, EveryReadingCommandLeavesTheDeviceAlone)
 {
     const QString mode = qEnvironmentVariable("DEVICE_LIVE_MODE", "delete"_q);
-    Device device(path(), mode, 5);
-    while (shared->batches < 5)
+    WritingDevice device(path(), mode, 5, manyRows);
+    while (device.batches() < 5)
         usleep(1000);
     const QList<QStringList> commands{{"info"_q, "device.db"_q},
                                       {"show"_q, "device.db"_q, "-n"_q, "20"_q},
@@ -226,25 +154,26 @@ TEST_F(LiveFile, EveryReadingCommandLeavesTheDeviceAlone)
         expectWhole(path("copy.db"));
     } while (clock.elapsed() < seconds * 1000);
     device.stop();
-    EXPECT_EQ(shared->failures, 0);
-    EXPECT_EQ(valueOf(path(), "select count(*) from Boiler where Value>='0'"_q).toInt(), batchRows * shared->batches);
+    EXPECT_EQ(device.failures(), 0);
+    EXPECT_EQ(valueOf(path(), "select count(*) from T1 where Value>='0'"_q).toInt(),
+              WritingDevice::batchRows * device.batches());
     EXPECT_TRUE(QDir(temporary()).isEmpty());
-    std::cout << mode.toStdString() << ": " << shared->batches << " batches, " << runs << " commands, "
-              << shared->failures << " failed commits\n";
+    std::cout << mode.toStdString() << ": " << device.batches() << " batches, " << runs << " commands, "
+              << device.failures() << " failed commits\n";
 }
 
 TEST_F(LiveFile, ALockOfAReaderIsSeenByTheDevice)
 {
-    Device device(path(), "delete"_q, 3);
-    while (shared->batches < 3)
+    WritingDevice device(path(), "delete"_q, 3, manyRows);
+    while (device.batches() < 3)
         usleep(1000);
     PlainConnection reader(path());
     sqlite3_busy_timeout(reader.handle(), 10000); // the device may be committing just now
-    reader.run("begin; select count(*) from Boiler"_q);
-    const int batches = shared->batches;
-    while (shared->batches < batches + 3)
+    reader.run("begin; select count(*) from T1"_q);
+    const int batches = device.batches();
+    while (device.batches() < batches + 3)
         usleep(1000);
-    EXPECT_GT(shared->failures, 0) << "the tests above would see nothing";
+    EXPECT_GT(device.failures(), 0) << "the tests above would see nothing";
     reader.run("commit"_q);
 }
 

@@ -2,22 +2,17 @@
 //
 // "device-db serve" as a browser, somebody with bad intentions and a device meet it. DEVICE_SERVE_SECONDS=300 lets the
 // device write for so long.
-#include "loaded_library.h"
 #include "served_tool.h"
+#include "writing_device.h"
 
 #include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include <atomic>
 #include <iostream>
-#include <new>
 
-#include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace
 {
@@ -301,48 +296,9 @@ TEST_P(ServeLive, HealsWhenAFileIsGoneOrReplaced)
     EXPECT_TRUE(get("/api/overview?table=0/T1").body.contains("\"rows\":7,"));
 }
 
-// Seen by both processes.
-struct Shared {
-    std::atomic<bool> ready{false};
-    std::atomic<bool> stop{false};
-    std::atomic<int> batches{0};
-    std::atomic<int> failures{0};
-};
-Shared *shared = nullptr;
-
-// A process that writes through the library, as a device does.
-void writeAsADevice(const QString &path, const QString &mode)
-{
-    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &message) {
-        if (message.contains("fail"_q) || message.contains("locked"_q))
-            ++shared->failures;
-    });
-    const auto store = library::store("historyDB");
-    store->openDB(path);
-    QList<QStringList> rows;
-    store->execSQL({"PRAGMA journal_mode="_q + mode}, rows, 1);
-    store->createTable("T1"_q, "Boiler"_q);
-    shared->ready = true;
-    for (QDateTime time(QDate(2024, 5, 6), QTime(7, 0), Qt::UTC); !shared->stop; time = time.addSecs(20)) {
-        rows.clear();
-        for (int i = 0; i < 20; ++i)
-            rows << QStringList{time.addSecs(i).toString("yyyy-MM-dd hh:mm:ss"_q), QString::number(i)};
-        store->insertManyDatas(rows, "T1"_q);
-        ++shared->batches;
-        usleep(5000);
-    }
-}
-
 TEST_P(ServeLive, NoCommitOfADeviceFails)
 {
-    shared = new (mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared;
-    const pid_t device = fork();
-    if (device == 0) {
-        writeAsADevice(path("a.db"_q), QString::fromLatin1(GetParam()));
-        _exit(0);
-    }
-    while (!shared->ready)
-        usleep(1000);
+    WritingDevice device(path("a.db"_q), QString::fromLatin1(GetParam()), 5);
     serve({"a.db"_q});
     Watcher watcher(port(), request("/api/changes"));
     QElapsedTimer clock;
@@ -359,15 +315,13 @@ TEST_P(ServeLive, NoCommitOfADeviceFails)
         const QByteArray trend = get("/api/trend?table=0/T1&from=1714978800000&to=1715978799000&columns=500").body;
         EXPECT_TRUE(trend.contains("\"done\"")) << trend.left(300).constData();
     }
-    shared->stop = true;
-    EXPECT_EQ(waitpid(device, nullptr, 0), device);
-    EXPECT_EQ(shared->failures, 0);
-    while (lastId < 20 * shared->batches)
+    device.stop();
+    EXPECT_EQ(device.failures(), 0);
+    while (lastId < WritingDevice::batchRows * device.batches())
         lastId = lastIdIn(watcher.next().at(0).toObject());
-    EXPECT_EQ(lastId, 20 * shared->batches) << "each row was seen";
-    std::cout << GetParam() << ": " << shared->batches << " batches, " << events << " events, " << shared->failures
+    EXPECT_EQ(lastId, WritingDevice::batchRows * device.batches()) << "each row was seen";
+    std::cout << GetParam() << ": " << device.batches() << " batches, " << events << " events, " << device.failures()
               << " failed commits\n";
-    munmap(shared, sizeof(Shared));
     EXPECT_EQ(stop(), 0);
     EXPECT_EQ(valueOf(path("a.db"_q), "pragma integrity_check"_q), "ok"_q);
 }
