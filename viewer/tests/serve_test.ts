@@ -110,7 +110,7 @@ test('a new row reaches the screen beside fifty other listeners', {skip: reason}
         await using server = await Server.start(file);
         const inPlace = readFileSync(viewer, 'utf8').replace("connect-src 'none'", "connect-src 'self'");
         await using session = await Session.start('chrome', {served: server.address, inPlace});
-        const [{name, value}] = (await session.browser.cookies()) as [{name: string; value: string}];
+        const {name, value} = (await session.browser.cookies())[0]!;
         const heard = Array.from({length: 50}, () => 0);
         heard.forEach((_, i) =>
             get(new URL('/api/changes', server.address), {headers: {cookie: `${name}=${value}`}}, (response) =>
