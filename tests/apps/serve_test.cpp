@@ -10,6 +10,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <cstdio>
 #include <iostream>
 
 #include <sys/resource.h>
@@ -294,6 +295,21 @@ TEST_P(ServeLive, HealsWhenAFileIsGoneOrReplaced)
     while (!change["error"_q].toString().isEmpty());
     EXPECT_EQ(lastIdIn(change), 7);
     EXPECT_TRUE(get("/api/overview?table=0/T1").body.contains("\"rows\":7,"));
+}
+
+TEST_P(ServeLive, AFileInThePlaceOfAnotherIsChecked)
+{
+    const QString mode = "pragma journal_mode=%1;"_q.arg(QString::fromLatin1(GetParam()));
+    make("a.db"_q, mode + samples + rowsOf(10));
+    make("b.db"_q, mode + samples + rowsOf(30000) + "delete from T1 where ID>7"_q);
+    serve({"a.db"_q});
+    EXPECT_FALSE(get("/api/open").body.contains("\"freePages\",\"table\""));
+    Watcher watcher(port(), request("/api/changes"));
+    ASSERT_EQ(lastIdIn(watcher.next().at(0).toObject()), 10);
+    ASSERT_EQ(std::rename(qPrintable(path("b.db"_q)), qPrintable(path("a.db"_q))), 0);
+    while (lastIdIn(watcher.next().at(0).toObject()) != 30000) {
+    }
+    EXPECT_TRUE(get("/api/open").body.contains("\"freePages\",\"table\""));
 }
 
 TEST_P(ServeLive, NoCommitOfADeviceFails)
