@@ -128,8 +128,8 @@ Result<Statement> filtered(const Database &database, const Table &table, const R
         if (const Status added = addComparison(database, value, conditions); !added)
             return added.error();
     }
-    if (filter.afterId >= 0)
-        conditions.parts << "ID>" + QByteArray::number(filter.afterId);
+    if (filter.afterId)
+        conditions.parts << "ID>" + QByteArray::number(*filter.afterId);
     if (!filter.containing.isEmpty()) {
         sqlite3_create_function_v2(database.handle(), "contains_text", -1, SQLITE_UTF8 | SQLITE_DIRECTONLY,
                                    new QString(filter.containing), containsText, nullptr, nullptr,

@@ -22,7 +22,7 @@ struct RowFilter {
     QStringList values;  ///< Of samples: comparisons such as ">80" or "=ON", all of which hold.
     QStringList users;
     QString containing; ///< In any text of the row, whatever the case of its letters.
-    qint64 afterId = -1;
+    std::optional<qint64> afterId;
 
     /// The kinds of tables that have what is asked for; empty: any.
     QVector<Kind> kinds() const;

@@ -192,6 +192,24 @@ TEST_F(ServePieces, AnAnswerWithManyRowsIsMadeInSlices)
     EXPECT_TRUE(after.endsWith("[\"59999\",\"2024-05-06 23:39:58\",\"162\"]]}")) << after.right(200).constData();
 }
 
+TEST_F(ServePieces, IdsThatNoStoreGivesAreCountedAlike)
+{
+    PlainConnection device(path());
+    device.run(definition() + "insert into T1(ID,DATETIME,Value) values(-9223372036854775807,'a','1'),(-5,'b','1'),"
+                              "(2,'c','1'),(9223372036854775807,'d','1')"_q);
+    const auto database = Database::open(path(), Database::ReadOnly);
+    const auto pass = std::make_shared<TablePass>(table(), *endsOf(*database, "T1"_q));
+    EXPECT_LT(pass->share(), 0.01);
+    ASSERT_TRUE(pass->read(*database, std::chrono::steady_clock::now() + std::chrono::hours(1)));
+    EXPECT_EQ(pass->rows(), 4);
+    SelectionQuery query;
+    query.filter.containing = "1"_q;
+    Selection found(pass, query);
+    while (found.needsMore())
+        ASSERT_TRUE(found.find(*database, std::chrono::steady_clock::now()));
+    EXPECT_EQ(found.total(), 4);
+}
+
 TEST_F(ServePieces, RowsAreFoundByTheirNumber)
 {
     PlainConnection device(path());

@@ -25,7 +25,7 @@ Selection::Selection(std::shared_ptr<TablePass> pass, SelectionQuery query)
     : m_pass(std::move(pass)),
       m_query(std::move(query)),
       m_isAll(isEmpty(m_query.filter) && m_query.column.isEmpty()),
-      m_idSoFar(std::max<qint64>(0, m_pass->ends().firstId - 1))
+      m_idSoFar(m_pass->ends().beforeFirst())
 {
 }
 

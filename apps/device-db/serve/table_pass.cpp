@@ -53,7 +53,7 @@ Result<TableEnds> endsOf(const Database &database, const QString &table)
 }
 
 TablePass::TablePass(Table table, const TableEnds &ends)
-    : m_table(std::move(table)), m_ends(ends), m_idSoFar(ends.firstId - 1), m_judge(m_table)
+    : m_table(std::move(table)), m_ends(ends), m_idSoFar(ends.beforeFirst()), m_judge(m_table)
 {
 }
 
@@ -90,7 +90,7 @@ Result<bool> TablePass::lookAround(const Database &database)
 void TablePass::grow(const TableEnds &ends)
 {
     if (m_rows == 0)
-        m_idSoFar = ends.firstId - 1;
+        m_idSoFar = ends.beforeFirst();
     m_ends = ends;
     m_isDone = m_isDone && m_idSoFar >= ends.highestId;
 }
@@ -196,8 +196,9 @@ std::vector<std::pair<QByteArray, qint64>> TablePass::choices() const
 
 double TablePass::share() const
 {
-    const double ids = double(std::max<qint64>(1, m_ends.highestId - m_ends.firstId + 1));
-    return m_isDone ? 1 : std::min(0.999, double(m_idSoFar - m_ends.firstId + 1) / ids);
+    const double first = double(m_ends.firstId); // the difference of two IDs may be too large for one
+    const double ids = std::max(1.0, double(m_ends.highestId) - first + 1);
+    return m_isDone ? 1 : std::min(0.999, (double(m_idSoFar) - first + 1) / ids);
 }
 
 qint64 TablePass::expectedRows() const

@@ -8,6 +8,7 @@
 #include <QHash>
 
 #include <chrono>
+#include <limits>
 
 namespace device_db
 {
@@ -28,6 +29,9 @@ struct TableEnds {
     qint64 firstId = 0;   ///< That is there; 0 in an empty table, as the next.
     qint64 highestId = 0; ///< That is there.
     qint64 lastId = 0;    ///< The highest that the table ever gave; the next row gets a higher one.
+
+    /// The rows are above it; but for one with the lowest ID that SQLite has, which no table gives.
+    qint64 beforeFirst() const { return firstId == std::numeric_limits<qint64>::min() ? firstId : firstId - 1; }
 };
 Result<TableEnds> endsOf(const Database &database, const QString &table);
 
