@@ -14,6 +14,7 @@
 #include <iostream>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 namespace
 {
@@ -189,6 +190,14 @@ TEST_F(Serve, SaysWhatIsWrongAtOnce)
     EXPECT_EQ(run({"serve"_q, "a.db"_q, "--port"_q, "70000"_q}).exitCode, 2);
 }
 
+TEST_F(Serve, IsNotHeldUpByAPipe)
+{
+    ASSERT_EQ(mkfifo(qPrintable(path("pipe"_q)), 0600), 0);
+    const Outcome refused = run({"serve"_q, "pipe"_q});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(refused.errors.contains("this is not a file")) << refused.errors.constData();
+}
+
 TEST_F(Serve, WritesThePageOut)
 {
     EXPECT_EQ(run({"viewer"_q, "-o"_q, "v.html"_q}).exitCode, 0);
@@ -237,6 +246,20 @@ qint64 lastIdIn(const QJsonObject &file, const QString &key = "0/T1"_q)
 class ServeLive : public Serve, public ::testing::WithParamInterface<const char *>
 {
 };
+
+TEST_F(Serve, SaysWhenAFileCannotBeReadAnyMore)
+{
+    make("a.db"_q, samples + rowsOf(10));
+    serve({"a.db"_q});
+    Watcher watcher(port(), request("/api/changes"));
+    EXPECT_EQ(lastIdIn(watcher.next().at(0).toObject()), 10);
+    QFile file(path("a.db"_q));
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    file.write("what a bad card makes of it");
+    file.close();
+    EXPECT_FALSE(watcher.next().at(0).toObject()["error"_q].toString().isEmpty());
+    EXPECT_TRUE(get("/api/overview?table=0/T1").body.contains("\"error\""));
+}
 
 TEST_P(ServeLive, TellsWhatHappensToAFile)
 {

@@ -16,6 +16,7 @@ namespace
 using namespace std::chrono_literals;
 
 constexpr auto pauseAfterFailure = 1s;
+constexpr auto patience = 5s;               // with a device that writes without a pause
 constexpr qint64 largestChecked = 20000000; // bytes
 
 qint64 versionOf(const Database &database)
@@ -46,7 +47,7 @@ FollowedFile::Mark FollowedFile::markOf(const QString &path, bool mayOpen)
     if (mark.exists && mayOpen) {
         // The clock of time stamps is coarse; the header counts transactions.
         char header[100] = {};
-        const int file = open(name.constData(), O_RDONLY | O_CLOEXEC);
+        const int file = open(name.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); // a pipe has its name, perhaps
         if (file >= 0 && pread(file, header, sizeof header, 0) > 0)
             mark.rest.append(header, sizeof header);
         if (file >= 0)
@@ -95,8 +96,8 @@ FollowedFile::News FollowedFile::take(Opened opened)
     m_nextOpening = now + 4 * opened.took;
     if (!opened.file) {
         m_nextOpening = std::max(m_nextOpening, now + pauseAfterFailure);
-        if (m_open && !isOther && m_markOfOpening.exists)
-            return News::None; // written without a pause: what is known stays
+        if (m_open && !isOther && m_markOfOpening.exists && now < m_current + patience)
+            return News::None; // what is known stays for a while
         m_open.reset();
         const bool isNew = m_error != opened.file.error().cause();
         m_error = opened.file.error().cause();
@@ -111,6 +112,7 @@ FollowedFile::News FollowedFile::take(Opened opened)
     const bool hadFile = m_mark.exists;
     m_mark = m_markOfOpening;
     m_version = versionOf(m_open->database);
+    m_current = now;
     return wasGone || (isOther && hadFile) ? News::Replaced : News::Changed;
 }
 
@@ -142,8 +144,10 @@ FollowedFile::News FollowedFile::lookAtCopy()
     if (Clock::now() < m_nextOpening)
         return News::None;
     const Mark mark = markOf(m_path, true);
-    if (m_open && mark.exists && !isOtherThan(mark) && mark.rest == m_mark.rest)
+    if (m_open && mark.exists && !isOtherThan(mark) && mark.rest == m_mark.rest) {
+        m_current = Clock::now();
         return News::None;
+    }
     if (!mark.exists && m_error.isEmpty()) {
         m_open.reset();
         m_error = QStringLiteral("there is no such file; check the name");

@@ -72,6 +72,7 @@ private:
     qint64 m_version = 0; ///< SQLite's, of the file that is read itself.
     std::future<Opened> m_opening;
     Clock::time_point m_nextOpening;
+    Clock::time_point m_current; ///< When what is read was last known to be all that there is.
 };
 
 } // namespace device_db
