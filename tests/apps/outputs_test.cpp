@@ -97,7 +97,7 @@ TEST_F(Outputs, LostOutputIsAFailure)
     makeSamples();
     for (const char *command :
          {"show", "newest", "info", "info --json", "stats", "check", "count", "tail", "plot", "show --csv",
-          "show --json", "export", "tune --dry-run", "--help", "--version", "--man"}) {
+          "show --json", "export", "tune --dry-run", "serve", "--help", "--version", "--man"}) {
         QStringList words = QString::fromLatin1(command).split(' ');
         if (!words.first().startsWith('-'))
             words.insert(1, "e.db"_q);

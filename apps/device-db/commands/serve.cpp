@@ -11,8 +11,6 @@
 
 #include <QCoreApplication>
 
-#include <cstdio>
-
 #include <sys/resource.h>
 
 namespace device_db
@@ -62,7 +60,8 @@ Outcome run(const ServeCommand &command)
         return server.error();
     say(QString::fromLatin1((*server)->url()));
     say(QStringLiteral("Open this address in a browser; Ctrl-C ends it."));
-    std::fflush(stdout); // somebody may read the address from a pipe
+    if (!outputIsComplete()) // and somebody may read the address from a pipe
+        return Done;         // nobody would ever have it, which is reported at the end
     QTimer timer;
     QObject::connect(&timer, &QTimer::timeout, &timer, [] {
         if (Interruption::came())
