@@ -285,6 +285,29 @@ test('a click on an alarm opens its list there, and a row goes back to its momen
     assert.match(from!, /^2024-05-0[89]/);
 });
 
+test('a row leads to its moment, with its series', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    await session.tab('rows');
+    await session.page.select('#view-rows select[aria-label=Table]', '0/T3');
+    await session.settled();
+    await session.page.click('#view-rows .rows .row');
+    await session.page.waitForSelector('dialog[open] .first');
+    await press(session, 'Show in trend');
+    await session.settled();
+    assert.deepEqual(await texts(session, '.figures tbody th'), [
+        'Boiler flow temperature (°C)',
+        'Feed pump pressure (bar)',
+        'Level tank 2 (m)',
+    ]);
+    const [from] = await session.page.$$eval('.trend input.time', (inputs) =>
+        inputs.map((input) => (input as HTMLInputElement).value),
+    );
+    assert.equal(from, '2024-05-05 21:00:00'); // six hours around midnight
+});
+
 test('search, filter and sort find the rows that device-db finds', chrome, async () => {
     using folder = new Folder();
     await using session = await Session.start('chrome');

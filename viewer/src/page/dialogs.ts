@@ -50,7 +50,7 @@ export function showRow(workspace: Workspace, table: TableInfo, row: readonly Ce
                     'Show in trend',
                     () => {
                         dialog.close();
-                        workspace.goTo(moment);
+                        workspace.goTo(moment, table);
                     },
                     {class: 'first'},
                 ),

@@ -156,11 +156,12 @@ export class Workspace {
         this.setView({from: to - length, to});
     }
 
-    /** A moment in the middle of the view, under the cursor. */
-    goTo(time: number): void {
+    /** A moment of a table in the middle of the view, under the cursor; a series is shown if it was not yet. */
+    goTo(time: number, {key, kind}: TableInfo): void {
         const length = Math.min(this.view.to - this.view.from, this.edge === 'all' ? 6 * 3600000 : Infinity);
         this.cursor = time;
         this.setView({from: time - length / 2, to: time + length / 2});
+        if (kind === 'samples' && !this.chosen.includes(key)) this.choose(key, true);
         this.setTab('trend');
     }
 
