@@ -125,6 +125,33 @@ test('a row opens with its line ends and tabs as they are', chrome, async () => 
     assert.ok((await texts(session, 'dd')).includes('Source:\t10.0.0.7\n\nPort:\ufffd'));
 });
 
+test('a line of a list has the beginning of a long text, the row more, the CSV all', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const devtools = await session.browser.target().createCDPSession();
+    await devtools.send('Browser.setDownloadBehavior', {behavior: 'allow', downloadPath: folder.path});
+    const log = [
+        'create table L(ID integer primary key autoincrement,DATETIME dateTime,userName text,logName text,message text)',
+        `insert into L(DATETIME,userName,logName,message) values('2024-05-06 07:08:09.000','eva','audit',
+         replace(hex(zeroblob(500000)),'00','ab'))`,
+    ];
+    await session.open(folder.write('log.db', (await made(log)).main));
+    await session.tab('log');
+    await session.settled();
+    const [line] = await texts(session, '#view-log .rows .row [aria-colindex="4"]');
+    assert.equal(line, `${'ab'.repeat(250)} …`);
+    await session.page.click('#view-log .rows .row');
+    await session.page.waitForSelector('dialog[open]');
+    const [, , , message] = await texts(session, 'dd');
+    assert.equal(message, `${'ab'.repeat(50000)}… 900,000 more; the CSV has all`);
+    await session.page.keyboard.press('Escape');
+    await press(session, 'CSV');
+    await session.page.waitForSelector('dialog[open]');
+    await press(session, 'Save');
+    const csv = await soon(async () => readdirSync(folder.path).find((name) => name.endsWith('.csv')));
+    assert.ok(readFileSync(join(folder.path, csv), 'utf8').includes(`,${'ab'.repeat(500000)}\n`));
+});
+
 for (const zone of ['Asia/Kolkata', 'America/New_York']) {
     test(`times are those of the cells in ${zone}`, chrome, async () => {
         using folder = new Folder();

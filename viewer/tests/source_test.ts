@@ -5,6 +5,7 @@ import assert from 'node:assert/strict';
 import {spawnSync} from 'node:child_process';
 import {test} from 'node:test';
 
+import {beginningOf, decodedTwice} from '../src/reading/cells.js';
 import {Curve, CurveOfBlocks} from '../src/reading/curve.js';
 import {numberOf} from '../src/reading/number.js';
 import {TablePass} from '../src/reading/pass.js';
@@ -350,6 +351,21 @@ test('two searches at a time find what each looks for', async () => {
         source.rows({table: '0/T1', containing, order: 'recorded', offset: 0, limit: 3}, nothing);
     const [one, other] = await Promise.all([search('777'), search('88')]);
     assert.deepEqual([one.total, other.total], [100, 1900]);
+});
+
+test('the beginning of a long text ends with whole characters', () => {
+    const begins = (text: string, most: number): string => beginningOf(text, most);
+    assert.equal(begins('plain', 5), 'plain');
+    assert.equal(begins('plain', 4), 'plai');
+    assert.equal(begins('ab😀😀', 3), 'ab');
+    assert.equal(begins('ab😀😀', 4), 'ab😀');
+    assert.equal(begins('ab\r\ncd', 3), 'ab');
+    assert.equal(begins('\udc80\udc81'.repeat(50), 60).length, 60); // bytes that are not UTF-8
+    for (let most = 1; most < 40; ++most) {
+        const twice = Buffer.from('Größe 80 °C € 😀 über').toString('latin1');
+        const begin = decodedTwice(beginningOf(twice, most));
+        assert.ok('Größe 80 °C € 😀 über'.startsWith(begin), `${most}: ${begin}`);
+    }
 });
 
 test('questions are answered while a table is read, and end when nobody waits', async () => {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-import {decodedTwice, grouped, shown} from '../reading/cells.js';
+import {beginningOf, decodedTwice, grouped, shown} from '../reading/cells.js';
 import type {Cell} from '../reading/cells.js';
 import type {CsvOptions} from '../reading/csv.js';
 import type {TableInfo} from '../reading/source.js';
@@ -28,16 +28,19 @@ function open(title: string, content: readonly Node[], actions: readonly Node[])
     return dialog;
 }
 
+const longestCell = 100000; // characters: laying out a hundred times as many takes seconds
+
 /** A row whole: every cell, with line ends and tabs as they are. */
 export function showRow(workspace: Workspace, table: TableInfo, row: readonly Cell[]): void {
     const list = h('dl');
-    const add = (title: string, text: string | null): void =>
-        void list.append(h('dt', {}, title), h('dd', {class: text === null && 'faint'}, text ?? 'NULL'));
-    columnsOf(table.kind).forEach((column, i) => {
-        const cell = row[i + 1] ?? null;
-        const text = cell !== null && column.twice ? decodedTwice(cell) : cell;
-        add(column.title, text === null ? null : shown(text));
-    });
+    const add = (title: string, cell: Cell, isTwice = false): void => {
+        const begin = cell === null ? null : beginningOf(cell, longestCell);
+        const text = begin === null ? 'NULL' : shown(isTwice ? decodedTwice(begin) : begin);
+        const left = (cell?.length ?? 0) - (begin?.length ?? 0);
+        const rest = left > 0 && h('p', {class: 'faint'}, `… ${grouped(left)} more; the CSV has all`);
+        list.append(h('dt', {}, title), h('dd', {class: cell === null && 'faint'}, text, rest));
+    };
+    columnsOf(table.kind).forEach((column, i) => add(column.title, row[i + 1] ?? null, column.twice));
     if (table.kind === 'alarms') add('Lasted', lastedText(row) || 'not known');
     add('ID', row[0] ?? null);
     const moment = momentOf(table, row);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-import {bytesText, rowsText, visible} from '../reading/cells.js';
+import {beginningOf, bytesText, rowsText, visible} from '../reading/cells.js';
 import type {Cause, Finding} from '../reading/findings.js';
 import type {TableInfo} from '../reading/source.js';
 import {button, h} from './dom.js';
@@ -150,8 +150,8 @@ export class FindingsView {
                 h('td', {class: 'faint'}, table.name),
                 h('td', {}, table.kind),
                 h('td', {class: 'right'}, overview ? `${overview.exact ? '' : '≈ '}${count(overview.rows)}` : '…'),
-                h('td', {}, visible(overview?.first ?? '')),
-                h('td', {}, visible(overview?.last ?? '')),
+                h('td', {}, visible(beginningOf(overview?.first ?? '', 40))),
+                h('td', {}, visible(beginningOf(overview?.last ?? '', 40))),
                 h('td', {class: 'right'}, count(table.lastId)),
                 h('td', {}, table.indexed ? 'time' : 'none'),
                 h('td', {}, overview?.exact ? '' : overview ? share(overview.share) : 'waits'),

@@ -16,7 +16,8 @@ export interface Column {
     readonly title: string;
     readonly width: string; // of a grid
     readonly isNumber?: boolean;
-    text(row: readonly Cell[]): string;
+    /** Of a long cell the beginning: so many characters, or as many as a line can show. */
+    text(row: readonly Cell[], most?: number): string;
     decorate?(cell: HTMLElement, row: readonly Cell[]): void;
 }
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
 // Out again, for paper and for a report: the trend as it is shown, in light colours and with its figures.
-import {visible} from '../reading/cells.js';
 import type {Cell} from '../reading/cells.js';
 import type {TableInfo} from '../reading/source.js';
 import {timeText} from '../reading/times.js';
@@ -19,6 +18,7 @@ const paneHeight = 320;
 const panesHeight = 420; // so that the figures fit below it on a page of A4
 const axisHeight = 40;
 const lineHeight = 22;
+const longestPrinted = 5000; // characters of a cell
 
 function rangeText({view}: Workspace): string {
     return `${timeText(view.from, false)} to ${timeText(view.to, false)}, device time`;
@@ -168,7 +168,7 @@ export function printRows(
         h(
             'tr',
             {},
-            ...columns.map((column) => h('td', {class: column.isNumber && 'right'}, visible(column.text(row)))),
+            ...columns.map((column) => h('td', {class: column.isNumber && 'right'}, column.text(row, longestPrinted))),
         ),
     );
     print(workspace, title, [

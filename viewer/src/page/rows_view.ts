@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The lists: alarms, operator log, and the rows of a series.
-import {decodedTwice, visible} from '../reading/cells.js';
+import {beginningOf, decodedTwice, visible} from '../reading/cells.js';
 import type {Cell} from '../reading/cells.js';
 import {csvOf} from '../reading/csv.js';
 import type {CsvOptions} from '../reading/csv.js';
@@ -16,12 +16,19 @@ import {printRows} from './picture.js';
 import type {Tab, Workspace} from './workspace.js';
 
 const rowsAtOnce = 5000;
+const longestLine = 500; // characters of a cell, more than the widest screen shows
+const longestChoice = 100;
 
-const texts = (cell: Cell): string => (cell === null ? 'NULL' : visible(decodedTwice(cell)));
+// A cell can have megabytes: only what a line can show goes through all that follows, layout above all.
+function lineOf(cell: Cell, most: number, isTwice = false): string {
+    if (cell === null) return 'NULL';
+    const begin = beginningOf(cell, most);
+    return visible(isTwice ? decodedTwice(begin) : begin) + (begin.length < cell.length ? ' …' : '');
+}
 const cellAt =
-    (place: number) =>
-    (row: readonly Cell[]): string =>
-        row[place] === null ? 'NULL' : visible(row[place]!);
+    (place: number, isTwice = false) =>
+    (row: readonly Cell[], most = longestLine): string =>
+        lineOf(row[place]!, most, isTwice);
 
 /** How long an alarm lasted, or that it still does. */
 export function lastedText(row: readonly Cell[]): string {
@@ -62,7 +69,7 @@ export function listColumns(kind: TableInfo['kind']): Column[] {
         },
         {key: 'object', title: 'Object', width: 'minmax(100px, 1fr)', text: cellAt(3)},
         {key: 'type', title: 'Type', width: 'minmax(100px, 1fr)', text: cellAt(4)},
-        {key: 'description', title: 'Text', width: 'minmax(180px, 3fr)', text: (row) => texts(row[7]!)},
+        {key: 'description', title: 'Text', width: 'minmax(180px, 3fr)', text: cellAt(7, true)},
         {key: 'value', title: 'Value', width: '90px', isNumber: true, text: cellAt(5)},
         {key: 'limit', title: 'Limit', width: '90px', isNumber: true, text: cellAt(6)},
     ];
@@ -290,7 +297,7 @@ export class RowsView {
                 h(
                     'option',
                     {value: this.tab === 'alarms' ? text : `=${text}`},
-                    `${this.tab === 'alarms' ? 'Level ' : ''}${visible(text) || '(none)'} (${rows})`,
+                    `${this.tab === 'alarms' ? 'Level ' : ''}${lineOf(text, longestChoice) || '(none)'} (${rows})`,
                 ),
             ),
         );
@@ -302,7 +309,11 @@ export class RowsView {
         this.choiceSelect.value = choice;
         if (this.choiceSelect.selectedIndex >= 0 || choice === '') return;
         this.choiceSelect.append(
-            h('option', {value: choice}, this.tab === 'alarms' ? `Level ${choice}` : choice.slice(1)),
+            h(
+                'option',
+                {value: choice},
+                this.tab === 'alarms' ? `Level ${choice}` : lineOf(choice.slice(1), longestChoice),
+            ),
         );
         this.choiceSelect.value = choice;
     }

@@ -95,6 +95,16 @@ export function visible(text: string): string {
     return shown(text).replace(/\n/g, ' \u21b5 ').replace(/\t/g, ' \u21e5 ');
 }
 
+/** At most so many units of a text from its beginning; what they stand for ends whole, encoded twice or not. */
+export function beginningOf(text: string, most: number): string {
+    if (text.length <= most) return text;
+    // Bytes that go on, the second half of a pair, a line end after its first character: four of them are no text.
+    const goesOn = (at: number): boolean => /[\x80-\xbf\udc00-\udfff\n]/.test(text[at]!);
+    let end = most;
+    while (end > most - 4 && goesOn(end)) --end;
+    return text.slice(0, goesOn(end) ? most : end);
+}
+
 /** The order of the bytes of two texts, as SQLite and the C++ side compare. Negative: the first comes first. */
 export function compareBytes(a: string, b: string): number {
     if (isAscii(a) && isAscii(b)) return a < b ? -1 : a > b ? 1 : 0;
