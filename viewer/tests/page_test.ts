@@ -335,6 +335,63 @@ test('a row leads to its moment, with its series', chrome, async () => {
     assert.equal(from, '2024-05-05 21:00:00'); // six hours around midnight
 });
 
+test('the range is what its fields say, and what cannot be shown says why', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const old = `insert into T1(DATETIME,Value) values('0001-01-01 00:00:00','5')`;
+    await session.open(folder.write('plant.db', (await made([...plant, old])).main));
+    await session.settled();
+    const [from, to] = await session.page.$$('.trend input.time');
+    const type = async (field: typeof from, text: string): Promise<void> => {
+        await field!.click({count: 3});
+        await field!.type(text);
+        await field!.press('Enter');
+    };
+    const fields = (): Promise<(string | null)[][]> =>
+        session.page.$$eval('.trend input.time', (inputs) =>
+            inputs.map((input) => [(input as HTMLInputElement).value, input.getAttribute('aria-invalid')]),
+        );
+    const why = async (): Promise<string> => (await texts(session, '.bar .failure'))[0]!;
+    const all = await fields();
+    await type(from, '0001-01-01');
+    assert.deepEqual(await fields(), [['0001-01-01', 'true'], all[1]]);
+    assert.equal(await why(), 'The trend cannot show times before 1970.');
+    assert.deepEqual(await axeFindings(session), []);
+    await type(to, '0001-01-02');
+    assert.deepEqual(await fields(), [
+        ['0001-01-01', 'true'],
+        ['0001-01-02', 'true'],
+    ]);
+    await type(to, '9999-12-31');
+    assert.equal(await why(), 'The trend cannot show more than 400 years.');
+    await type(from, 'soon');
+    assert.equal(await why(), 'Not a time: soon');
+    await type(from, '2024-05-08 10:00:00');
+    assert.deepEqual(await fields(), [['2024-05-08 10:00:00', null], all[1]]);
+    assert.equal(await why(), '');
+    await type(to, '2024-05-08 10:00:00');
+    assert.equal(await why(), 'The trend cannot show less than 2 seconds.');
+    assert.deepEqual((await fields())[1], ['2024-05-08 10:00:00', 'true']);
+    await type(from, '9999-12-31 23:30');
+    assert.deepEqual(await fields(), [
+        ['9999-12-31 23:30:00', null],
+        ['9999-12-31 23:59:59', null],
+    ]);
+    await session.page.focus('.chart');
+    for (const key of ['-', '-', 'PageDown', 'PageDown']) await session.page.keyboard.press(key as '-');
+    assert.equal((await fields())[1]![0], '9999-12-31 23:59:59');
+    await session.settled();
+    await session.tab('rows');
+    await session.settled();
+    await session.page.focus('#view-rows .scroller');
+    await session.page.keyboard.press('End');
+    await soon(async () => (await texts(session, '#view-rows .row.active'))[0]?.startsWith('0001'));
+    await session.page.keyboard.press('Enter');
+    await session.page.waitForSelector('dialog[open]');
+    assert.deepEqual(await texts(session, 'dialog .actions button'), ['Close']);
+    assert.deepEqual(await texts(session, 'dialog p'), ['The trend cannot show times before 1970.']);
+});
+
 test('search, filter and sort find the rows that device-db finds', chrome, async () => {
     using folder = new Folder();
     await using session = await Session.start('chrome');

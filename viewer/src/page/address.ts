@@ -3,6 +3,7 @@
 // In the served form the address keeps what is shown, so that it reopens the same view. Everything in it comes from
 // outside: what is not understood is left out.
 import {timeText, writtenTime} from '../reading/times.js';
+import {refusalOf} from './workspace.js';
 import type {Tab, Workspace} from './workspace.js';
 
 const tabs: readonly Tab[] = ['trend', 'alarms', 'log', 'rows', 'findings'];
@@ -40,7 +41,7 @@ export function takeAddress(workspace: Workspace, address: string): void {
     workspace.isTogether = parts.has('together');
     const [from, to] = [writtenTime(parts.get('from') ?? '', 'first'), writtenTime(parts.get('to') ?? '', 'last')];
     const length = Number(parts.get('last')) * 1000;
-    if (from !== null && to !== null && from < to) workspace.setView({from, to});
+    if (from !== null && to !== null && refusalOf({from, to}) === '') workspace.setView({from, to});
     else if (length > 0) workspace.setView({from: 0, to: length}, 'end');
     for (const each of lists) {
         const prefix = `${each}.`;

@@ -7,6 +7,7 @@ import {drawEvents, heightOf, laneAt} from './events_strip.js';
 import type {Events} from './events_strip.js';
 import {leftSide, Pane, rightSide} from './pane.js';
 import type {Colours, Drawn, View} from './pane.js';
+import {earliest, latest} from './workspace.js';
 import type {Workspace} from './workspace.js';
 
 const paneHeight = 150;
@@ -223,11 +224,8 @@ export class Chart {
             // With so few points a line to the next one outside is seen.
             if (exact.kind === 'samples' && exact.points.length < columns) {
                 const length = view.to - view.from;
-                const wide = await source.trend(
-                    {table: key, from: view.from - length, to: view.to + length, columns: 3 * columns},
-                    () => undefined,
-                    signal,
-                );
+                const range = {from: Math.max(earliest, view.from - length), to: Math.min(latest, view.to + length)};
+                const wide = await source.trend({table: key, ...range, columns: 3 * columns}, () => undefined, signal);
                 if (wide.kind === 'samples')
                     take({...exact, lines: wide.lines, points: wide.points, others: wide.others});
             }

@@ -6,6 +6,7 @@ import type {TableInfo} from '../reading/source.js';
 import {columnsOf} from '../reading/tables.js';
 import {button, h, unpacked} from './dom.js';
 import {lastedText, momentOf} from './rows_view.js';
+import {refusalOf} from './workspace.js';
 import type {Workspace} from './workspace.js';
 
 function open(title: string, content: readonly Node[], actions: readonly Node[]): HTMLDialogElement {
@@ -44,11 +45,13 @@ export function showRow(workspace: Workspace, table: TableInfo, row: readonly Ce
     if (table.kind === 'alarms') add('Lasted', lastedText(row) || 'not known');
     add('ID', row[0] ?? null);
     const moment = momentOf(table, row);
+    const refusal = moment === null ? '' : refusalOf({from: moment, to: moment + 3600000});
     const dialog = open(
         workspace.titleOf(table),
-        [list],
+        refusal === '' ? [list] : [list, h('p', {class: 'faint'}, refusal)],
         [
             moment !== null &&
+                refusal === '' &&
                 button(
                     'Show in trend',
                     () => {

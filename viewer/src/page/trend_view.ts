@@ -2,9 +2,10 @@
 import {timeText, writtenTime} from '../reading/times.js';
 import type {Sample} from '../reading/source.js';
 import {Chart} from './chart.js';
-import {announce, button, h} from './dom.js';
+import {button, h} from './dom.js';
 import {count, number, share, span, time} from './format.js';
 import {exportPicture, printTrend} from './picture.js';
+import {earliest, latest, refusalOf} from './workspace.js';
 import type {Workspace} from './workspace.js';
 
 const hour = 3600000;
@@ -26,6 +27,7 @@ export class TrendView {
         'aria-label': 'Find a series',
         oninput: () => this.fillList(),
     });
+    private readonly refusal = h('p', {class: 'failure', role: 'alert', id: 'range-refusal'});
     private readonly from = this.timeInput('From', 'first');
     private readonly to = this.timeInput('To', 'last');
     private readonly together = h('input', {
@@ -80,6 +82,7 @@ export class TrendView {
                 this.from,
                 h('span', {'aria-hidden': 'true'}, '–'),
                 this.to,
+                this.refusal,
             ),
             h('label', {class: 'check'}, this.together, 'One scale'),
             h(
@@ -155,28 +158,40 @@ export class TrendView {
             title: 'A day, or a day and a time',
             spellcheck: 'false',
             autocomplete: 'off',
-            onchange: () => {
-                const given = writtenTime(input.value, bound);
-                const {view} = this.workspace;
-                input.setAttribute('aria-invalid', String(given === null));
-                if (given === null) announce(`Not a time: ${input.value}`);
-                else if (bound === 'first')
-                    this.workspace.setView({from: given, to: view.to > given ? view.to : given + hour});
-                else this.workspace.setView({from: view.from < given ? view.from : given - hour, to: given});
-            },
+            'aria-describedby': 'range-refusal',
+            onchange: () => this.takeRange(input, bound),
         });
         return input;
     }
 
-    private showRange(): void {
+    // The other end stays, or is an hour away where it would come first.
+    private takeRange(input: HTMLInputElement, bound: 'first' | 'last'): void {
+        const given = writtenTime(input.value, bound);
         const {from, to} = this.workspace.view;
+        const view =
+            given === null
+                ? null
+                : bound === 'first'
+                  ? {from: given, to: to > given ? to : Math.min(latest, given + hour)}
+                  : {from: from < given ? from : Math.max(earliest, given - hour), to: given};
+        this.refusal.textContent = view ? refusalOf(view) : `Not a time: ${input.value}`;
+        if (view && this.refusal.textContent === '') {
+            this.workspace.setView(view);
+            this.showRange(true);
+        } else input.setAttribute('aria-invalid', 'true');
+    }
+
+    // Nobody's typing is disturbed before it is `taken`.
+    private showRange(taken = false): void {
         for (const [input, at] of [
-            [this.from, from],
-            [this.to, to],
+            [this.from, this.workspace.view.from],
+            [this.to, this.workspace.view.to],
         ] as const) {
-            if (document.activeElement !== input) input.value = timeText(at, false);
+            if (!taken && document.activeElement === input && input.value !== input.defaultValue) continue;
+            input.value = input.defaultValue = timeText(at, false);
             input.removeAttribute('aria-invalid');
         }
+        if (![this.from, this.to].some((input) => input.hasAttribute('aria-invalid'))) this.refusal.textContent = '';
     }
 
     private fillList(): void {

@@ -14,7 +14,20 @@ export type Change =
 export type Edge = 'all' | 'end' | null;
 
 const seriesColours = 8;
-const shortest = 2000; // milliseconds that can be in view
+
+// What can be in view, in milliseconds. No source makes pictures of times before 1970.
+export const earliest = 0;
+export const latest = Date.UTC(9999, 11, 31, 23, 59, 59, 999);
+const shortest = 2000;
+const longest = 400 * 366 * 86400000;
+
+/** Why this cannot be in view; empty: it can. */
+export function refusalOf({from, to}: View): string {
+    const cannot = (what: string): string => `The trend cannot show ${what}.`;
+    if (Math.min(from, to) < earliest) return cannot('times before 1970');
+    if (to - from > longest) return cannot('more than 400 years');
+    return to - from < shortest ? cannot('less than 2 seconds') : '';
+}
 
 export class Workspace {
     readonly overviews = new Map<string, Overview>();
@@ -135,10 +148,11 @@ export class Workspace {
         this.setView({from: to - length, to}, 'end');
     }
 
+    /** What cannot be in view is the edge of what a hand can move to. */
     setView({from, to}: View, edge: Edge = null): void {
-        const length = Math.max(shortest, Math.min(to - from, 400 * 366 * 86400000));
+        const length = Math.max(shortest, Math.min(to - from, longest));
         const middle = (from + to) / 2;
-        const begin = Math.max(0, Math.min(middle - length / 2, 253402300800000 - length));
+        const begin = Math.max(earliest, Math.min(middle - length / 2, latest - length));
         this.edge = edge;
         if (edge !== null && this.missed.size > 0) {
             this.missed.clear();
