@@ -2,7 +2,7 @@
 //
 // The page in real browsers, opened from disk.
 import assert from 'node:assert/strict';
-import {appendFileSync, readdirSync, readFileSync} from 'node:fs';
+import {appendFileSync, readdirSync, readFileSync, utimesSync} from 'node:fs';
 import {join} from 'node:path';
 import {test} from 'node:test';
 
@@ -484,6 +484,24 @@ test('-wal and -journal beside the file are read, and a file that changes is not
         await soon(async () => (await texts(session, '.failure'))[0]),
         /wal\.db: it was changed or taken away/,
     );
+});
+
+test('files of one name can be told apart, and one that is given twice is shown once', chrome, async () => {
+    using folder = new Folder();
+    using other = new Folder();
+    await using session = await Session.start('chrome');
+    const file = (await made(['CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)']))
+        .main;
+    const [one, two] = [folder.write('history.db', file), other.write('history.db', file)];
+    utimesSync(one, 1000, 1000);
+    utimesSync(two, 2000, 2000);
+    await session.open(one, two);
+    assert.deepEqual(await texts(session, '.series .name'), ['T1, history.db', 'T1, history.db (2)']);
+    assert.match((await texts(session, 'h1.file'))[0]!, /^history\.db, history\.db \(2\) /);
+    await session.open(one, two, one);
+    assert.ok(await soon(async () => (await texts(session, '.banner.failure'))[0] !== ''));
+    assert.deepEqual(await texts(session, '.banner.failure'), ['Given twice, shown once: history.db']);
+    assert.deepEqual(await texts(session, '.series .name'), ['T1, history.db', 'T1, history.db (2)']);
 });
 
 test('files without rows and without tables are shown as they are', chrome, async () => {

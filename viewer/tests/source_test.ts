@@ -7,6 +7,7 @@ import {test} from 'node:test';
 
 import {beginningOf, decodedTwice} from '../src/reading/cells.js';
 import {Curve, CurveOfBlocks} from '../src/reading/curve.js';
+import {LocalSource} from '../src/reading/local.js';
 import {numberOf} from '../src/reading/number.js';
 import {TablePass} from '../src/reading/pass.js';
 import {Reduction} from '../src/reading/reduction.js';
@@ -104,6 +105,22 @@ test('what lies beside a file that is not there is refused', async () => {
     await assert.rejects(
         sourceOver([{name: 'x.db-wal', bytes: new MemoryBytes(new Uint8Array(40))}]),
         /belongs to is missing/,
+    );
+});
+
+test('files of one name have numbers, and none takes what lies beside the other', async () => {
+    const file = await made([samples, rows(5, 'i', 'i')]);
+    const source = new LocalSource(
+        await engine(),
+        [...filesOf(file, 'history.db'), ...filesOf(file, 'history.db (2)'), ...filesOf(file, 'history.db')],
+        async () => undefined,
+    );
+    const names = (await source.open()).map(({name}) => name);
+    assert.deepEqual(names, ['history.db', 'history.db (2)', 'history.db (3)']);
+    const wal = await made(['pragma journal_mode=wal', samples, rows(5, 'i', 'i')]);
+    await assert.rejects(
+        sourceOver([...filesOf(wal, 'history.db'), ...filesOf(file, 'history.db')]),
+        /history\.db-wal: it can belong to 2 files of that name/,
     );
 });
 

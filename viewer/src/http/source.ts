@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The source over HTTP: the page was served by "device-db serve", which answers what the worker answers elsewhere.
+import {distinctNames} from '../reading/cells.js';
 import type {
     Change,
     FileChange,
@@ -146,7 +147,9 @@ export class HttpSource implements Source {
     }
 
     async open(): Promise<readonly FileInfo[]> {
-        return (await (await fetched('open')).json()) as FileInfo[];
+        const files = (await (await fetched('open')).json()) as FileInfo[];
+        const names = distinctNames(files.map(({name}) => name));
+        return files.map((file, i) => ({...file, name: names[i]!}));
     }
 
     async tables(): Promise<readonly TableInfo[]> {

@@ -85,11 +85,29 @@ async function workspaceOver(source: Source): Promise<Workspace> {
     return new Workspace(source, infos, tables);
 }
 
-async function openFiles(files: readonly File[]): Promise<void> {
+const compared = 4096; // bytes: what SQLite changes with every transaction is among them
+
+/** Whether it is one file that was chosen by two ways, or a copy of it with its time. */
+async function isSameFile(one: File, other: File): Promise<boolean> {
+    if (one.name !== other.name || one.size !== other.size || one.lastModified !== other.lastModified) return false;
+    const [left, right] = await Promise.all(
+        [one, other].map(async (file) => new Uint8Array(await file.slice(0, compared).arrayBuffer())),
+    );
+    return left!.every((byte, i) => byte === right![i]);
+}
+
+async function openFiles(given: readonly File[]): Promise<void> {
     opened?.close();
     opened = null;
-    showOpening(files.map(({name}) => name).join(', '));
+    showOpening(given.map(({name}) => name).join(', '));
     try {
+        const files: File[] = [];
+        const twice = new Set<string>();
+        for (const file of given) {
+            const same = await Promise.all(files.map((other) => isSameFile(file, other)));
+            if (same.includes(true)) twice.add(file.name);
+            else files.push(file);
+        }
         const starting = ready ?? startedWorker();
         ready = null;
         const source = await starting;
@@ -97,6 +115,7 @@ async function openFiles(files: readonly File[]): Promise<void> {
         await source.give(files);
         const workspace = await workspaceOver(source);
         app.replaceChildren(...frameOf(workspace, chooser('Open …')));
+        if (twice.size > 0) workspace.fail(new Error(`Given twice, shown once: ${[...twice].join(', ')}`));
         void workspace.lookAtAll();
     } catch (error) {
         opened?.close();

@@ -159,6 +159,17 @@ export function isSameName(a: string, b: string): boolean {
     return plain(a) === plain(b);
 }
 
+/** The names of files, those that had one already with a number. */
+export function distinctNames(names: readonly string[]): string[] {
+    const used = new Set<string>();
+    return names.map((name) => {
+        let distinct = name;
+        for (let i = 2; used.has(distinct) || (i > 2 && names.includes(distinct)); ++i) distinct = `${name} (${i})`;
+        used.add(distinct);
+        return distinct;
+    });
+}
+
 /** 1234567 as "1,234,567". */
 export function grouped(number: number): string {
     return String(number).replace(/\B(?=(\d{3})+$)/g, ',');

@@ -4,7 +4,7 @@
 import {Database, ReadError} from '../sqlite/database.js';
 import type {Engine} from '../sqlite/engine.js';
 import type {Bytes} from '../sqlite/storage.js';
-import {bytesText, identifier, isSameName} from './cells.js';
+import {bytesText, distinctNames, identifier, isSameName} from './cells.js';
 import {Curve, curveOfIndex, CurveOfBlocks, curveOfRollups, roughCurve} from './curve.js';
 import type {Range} from './curve.js';
 import {aboutFile, configurationFindings, integrityFindings} from './findings.js';
@@ -85,18 +85,27 @@ export class LocalSource implements Source {
     async open(): Promise<readonly FileInfo[]> {
         const beside = (name: string): boolean => /-(wal|journal|shm)$/.test(name);
         const main = this.given.filter(({name}) => !beside(name));
-        this.files = main.map((file, i) => this.openFile(file, i));
         for (const {name} of this.given.filter((file) => beside(file.name) && !file.name.endsWith('-shm'))) {
-            if (!main.some((file) => name === `${file.name}-wal` || name === `${file.name}-journal`))
+            const owners = main.filter((file) => name === `${file.name}-wal` || name === `${file.name}-journal`);
+            if (owners.length === 0)
                 throw new ReadError(name, 'the file that it belongs to is missing; drop both together');
+            // In another file it would be taken for its own.
+            if (owners.length > 1)
+                throw new ReadError(
+                    name,
+                    `it can belong to ${owners.length} files of that name; drop them one after the other`,
+                );
         }
+        const names = distinctNames(main.map(({name}) => name));
+        this.files = main.map((file, i) => this.openFile(file, i, names[i]!));
         return this.files.map(({info}) => info);
     }
 
-    private openFile({name, bytes}: GivenFile, place: number): OpenFile {
+    private openFile(given: GivenFile, place: number, name: string): OpenFile {
+        const {bytes} = given;
         const path = `/${place}`;
-        const wal = this.given.find((file) => file.name === `${name}-wal`)?.bytes;
-        const journal = this.given.find((file) => file.name === `${name}-journal`)?.bytes;
+        const wal = this.given.find((file) => file.name === `${given.name}-wal`)?.bytes;
+        const journal = this.given.find((file) => file.name === `${given.name}-journal`)?.bytes;
         this.engine.add(path, bytes);
         if (wal) this.engine.add(`${path}-wal`, wal);
         if (journal) this.engine.add(`${path}-journal`, journal);
