@@ -519,6 +519,45 @@ test('files without rows and without tables are shown as they are', chrome, asyn
     assert.deepEqual(session.faults, []);
 });
 
+test('what could not be read says so wherever it is waited for', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const {main} = await made([
+        'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)',
+        `insert into T1(DATETIME,Value) with recursive n(i) as (select 0 union all select i+1 from n where i<20000)
+         select datetime(1714978800+i,'unixepoch'),i from n`,
+    ]);
+    main.fill(0xff, Math.trunc(main.length / 2), Math.trunc(main.length / 2) + 20000);
+    await session.open(folder.write('damaged.db', main));
+    const figures = await soon(async () => {
+        const cells = await texts(session, '.figures tbody td');
+        return cells.includes('could not be read') && cells;
+    });
+    assert.deepEqual(figures, ['could not be read', '', '', '', '']);
+    await session.settled(); // nothing is waited for any more
+    await session.tab('findings');
+    assert.equal((await texts(session, '[aria-label=Tables] tbody tr > *')).at(-1), 'could not be read');
+    await session.tab('rows');
+    await session.page.type('#view-rows input[type=search]', '7');
+    assert.ok(await soon(async () => (await texts(session, '#view-rows .status'))[0] === 'Could not be read'));
+});
+
+test('counts are said as they are: one, none and the highest', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const {main} = await made([
+        'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)',
+        `insert into T1 values(1,'2024-05-06 07:08:09','5'),(9223372036854775807,'2024-05-06 08:00:00','open')`,
+    ]);
+    await session.open(folder.write('one.db', main), folder.write('none.db', new Uint8Array(0)));
+    await session.settled();
+    assert.equal((await texts(session, '.note'))[0], 'T1: 1 value is not a number, marked ×');
+    await session.tab('findings');
+    const files = await texts(session, '[aria-label=Files] tbody tr > *');
+    assert.equal(files[files.indexOf('none.db') + 3], 'none');
+    assert.ok((await texts(session, '[aria-label=Tables] td')).includes('9,223,372,036,854,775,807'));
+});
+
 test('what is not a store file says so', chrome, async () => {
     using folder = new Folder();
     await using session = await Session.start('chrome');

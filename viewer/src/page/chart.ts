@@ -29,6 +29,8 @@ export class Chart {
     readonly answers = new Map<string, CurveAnswer>();
     /** Series whose answers are of another view, or not exact. */
     readonly pending = new Set<string>();
+    /** Those that could not be read for this view. */
+    readonly failed = new Set<string>();
     events: Events = {alarms: null, log: null};
     private panes: Pane[] = [];
     private readonly stack = h('div', {class: 'panes'});
@@ -176,6 +178,7 @@ export class Chart {
         const {signal} = this.asked;
         const {source, view, chosen, full} = this.workspace;
         this.pending.clear();
+        this.failed.clear();
         if (this.element.isConnected && this.element.clientWidth === 0) {
             // Nobody sees it, and how many columns it has is not known.
             this.asksWhenSeen = true;
@@ -184,7 +187,8 @@ export class Chart {
         chosen.forEach((key) => this.pending.add(key));
         if (!full) {
             // Nobody knows yet which times there are, or there are none.
-            if (chosen.every((key) => this.workspace.overviews.get(key)?.exact)) this.pending.clear();
+            const {overviews, unread} = this.workspace;
+            if (chosen.every((key) => overviews.get(key)?.exact || unread.has(key))) this.pending.clear();
             return;
         }
         this.hasAsked = true;
@@ -231,6 +235,10 @@ export class Chart {
             }
         } catch (error) {
             this.workspace.fail(error);
+            if (signal.aborted) return;
+            this.pending.delete(key);
+            this.failed.add(key);
+            this.onAnswer();
         }
     }
 

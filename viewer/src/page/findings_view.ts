@@ -70,6 +70,11 @@ function alike(found: readonly Found[]): Found[][] {
     return [...groups.values()];
 }
 
+function lastIdOf({lastId, lastIdText}: TableInfo): string {
+    if (lastIdText !== undefined) return count(BigInt(lastIdText));
+    return `${Number.isSafeInteger(lastId) ? '' : '≈ '}${count(lastId)}`;
+}
+
 export class FindingsView {
     readonly element: HTMLElement;
     private readonly content = h('div', {class: 'findings'});
@@ -111,7 +116,9 @@ export class FindingsView {
                     {class: 'right'},
                     file.error !== ''
                         ? ''
-                        : `${count(file.pages)} of ${count(file.pageSize)} bytes, ${count(file.freePages)} free`,
+                        : file.pages === 0
+                          ? 'none'
+                          : `${count(file.pages)} of ${count(file.pageSize)} bytes, ${count(file.freePages)} free`,
                 ),
                 h('td', {}, file.encoding),
             ),
@@ -152,9 +159,9 @@ export class FindingsView {
                 h('td', {class: 'right'}, overview ? `${overview.exact ? '' : '≈ '}${count(overview.rows)}` : '…'),
                 h('td', {}, visible(beginningOf(overview?.first ?? '', 40))),
                 h('td', {}, visible(beginningOf(overview?.last ?? '', 40))),
-                h('td', {class: 'right'}, count(table.lastId)),
+                h('td', {class: 'right'}, lastIdOf(table)),
                 h('td', {}, table.indexed ? 'time' : 'none'),
-                h('td', {}, overview?.exact ? '' : overview ? share(overview.share) : 'waits'),
+                h('td', {}, this.readingOf(table)),
             );
         });
         return h(
@@ -180,8 +187,14 @@ export class FindingsView {
         );
     }
 
+    private readingOf({key}: TableInfo): string {
+        const overview = this.workspace.overviews.get(key);
+        if (this.workspace.unread.has(key)) return 'could not be read';
+        return overview?.exact ? '' : overview ? share(overview.share) : 'waits';
+    }
+
     private findings(): HTMLElement[] {
-        const {files, tables, overviews} = this.workspace;
+        const {files, tables, overviews, unread} = this.workspace;
         const found: Found[] = [];
         for (const [place, file] of files.entries()) {
             if (file.error !== '')
@@ -216,7 +229,17 @@ export class FindingsView {
                   ];
         });
         if (sections.length === 0)
-            sections.push(h('p', {class: 'empty'}, isDone ? 'Nothing odd was found.' : 'Nothing odd so far.'));
+            sections.push(
+                h(
+                    'p',
+                    {class: 'empty'},
+                    unread.size > 0
+                        ? 'Nothing odd in what could be read.'
+                        : isDone
+                          ? 'Nothing odd was found.'
+                          : 'Nothing odd so far.',
+                ),
+            );
         return sections;
     }
 

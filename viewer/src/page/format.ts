@@ -13,7 +13,7 @@ export function number(of: number): string {
     return size !== 0 && (size >= 1e12 || size < 1e-6) ? huge.format(of) : value.format(of);
 }
 
-export function count(of: number): string {
+export function count(of: number | bigint): string {
     return whole.format(of);
 }
 

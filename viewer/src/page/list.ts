@@ -104,6 +104,7 @@ export class List {
             this.draw();
             announce(this.status.textContent ?? '');
         } catch (error) {
+            if (!isCancelled(error)) this.status.textContent = 'Could not be read';
             this.fail(error);
         }
     }

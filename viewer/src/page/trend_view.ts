@@ -17,6 +17,10 @@ const lengths: readonly (readonly [string, number])[] = [
 ];
 const fewSeries = 8;
 
+function othersText(values: number): string {
+    return values === 1 ? '1 value is not a number' : `${count(values)} values are not numbers`;
+}
+
 export class TrendView {
     readonly element: HTMLElement;
     readonly chart: Chart;
@@ -275,6 +279,12 @@ export class TrendView {
         const swatch = h('span', {class: `swatch swatch${workspace.colourOf(key)}`});
         const head = h('th', {scope: 'row'}, swatch, workspace.titleOf(workspace.table(key)));
         const answer = chart.answers.get(key);
+        if (chart.failed.has(key) || (!answer && workspace.unread.has(key))) {
+            const cells = Array.from({length: cellCount}, (_, i) =>
+                h('td', {class: 'right faint'}, i === 0 ? 'could not be read' : ''),
+            );
+            return h('tr', {}, head, ...cells);
+        }
         if (!answer) {
             const cells = Array.from({length: cellCount}, () => h('td', {class: 'right faint'}, '…'));
             return h('tr', {}, head, ...cells);
@@ -305,7 +315,7 @@ export class TrendView {
         if (answer && !answer.exact && answer.isSample)
             notes.push(`${title}: dots are ${count(answer.seen)} of about ${count(answer.of)} rows`);
         if (answer?.exact && answer.rows > answer.numbers)
-            notes.push(`${title}: ${count(answer.rows - answer.numbers)} values are not numbers, marked ×`);
+            notes.push(`${title}: ${othersText(answer.rows - answer.numbers)}, marked ×`);
         const steps = (workspace.overviews.get(key)?.steps ?? []).filter(({after}) => after >= from && after <= to);
         if (steps.length > 0) {
             const often =

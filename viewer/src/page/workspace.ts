@@ -41,6 +41,7 @@ export class Workspace {
     failure = '';
     trouble = ''; // why nothing is heard of what is watched; empty otherwise
     readonly unreadable = new Map<number, string>(); // files that cannot be read at the moment, and why
+    readonly unread = new Set<string>(); // tables whose reading failed
     /** Rows of each table that came since the view stays as it is. */
     readonly missed = new Map<string, number>();
     /** What the list of a kind is to show when it is opened next. */
@@ -212,12 +213,15 @@ export class Workspace {
         try {
             this.takeOverview(key, await this.source.overview(key, (overview) => this.takeOverview(key, overview)));
         } catch (error) {
+            if (!isCancelled(error)) this.unread.add(key);
             this.fail(error);
+            this.tell('overview');
         }
     }
 
     private takeOverview(key: string, overview: Overview): void {
         this.overviews.set(key, overview);
+        this.unread.delete(key);
         this.tell('overview');
         this.followEdge();
     }
@@ -292,6 +296,7 @@ export class Workspace {
         const before = this.overviews.get(key);
         const overview = await this.source.overview(key, () => undefined);
         this.overviews.set(key, overview);
+        this.unread.delete(key);
         const more = overview.rows - (before?.exact ? before.rows : overview.rows);
         if (this.edge === null && more > 0) this.missed.set(key, (this.missed.get(key) ?? 0) + more);
         this.tell('overview');

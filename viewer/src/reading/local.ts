@@ -218,6 +218,7 @@ export class LocalSource implements Source {
                     hasTrend: pass.rollups !== null,
                     firstId: pass.firstId,
                     lastId: pass.lastId,
+                    ...(Number.isSafeInteger(pass.lastId) ? {} : {lastIdText: pass.lastIdText}),
                 };
                 this.opened.set(key, {info, file, pass, dots: [], pictures: new Map(), reading: null, probing: null});
             }

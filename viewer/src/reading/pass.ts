@@ -55,6 +55,7 @@ export class TablePass {
     readonly indexed: boolean;
     readonly firstId: number;
     readonly lastId: number;
+    readonly lastIdText: string; // exact
     isDone = false;
     rows = 0;
     private readonly judge: RowJudge;
@@ -75,7 +76,9 @@ export class TablePass {
         this.rollups = isSeries ? helpfulRollups(database, table.name) : null;
         this.indexed = hasTimeIndex(database, table.name, false);
         this.firstId = firstIdOf(database, table.name);
-        this.lastId = lastIdOf(database, table.name);
+        const lastId = lastIdOf(database, table.name);
+        this.lastId = Number(lastId);
+        this.lastIdText = String(lastId);
         this.highestId = database.number(`select coalesce(max(ID),0) from ${identifier(table.name)}`);
         this.ofDefinition = definitionFindings(database, table);
         this.idSoFar = this.firstId - 1;

@@ -35,6 +35,7 @@ export interface TableInfo {
     readonly hasTrend: boolean;
     readonly firstId: number;
     readonly lastId: number;
+    readonly lastIdText?: string; // where a number is not exact, and the source knows
 }
 
 /** How far a long answer has come. */

@@ -163,11 +163,13 @@ export function hasTimeIndex(database: Database, table: string, whole: boolean):
 }
 
 /** The highest ID that the table ever gave; the next row gets a higher one. */
-export function lastIdOf(database: Database, table: string): number {
-    const highest = database.number(`select coalesce(max(ID),0) from ${identifier(table)}`);
+export function lastIdOf(database: Database, table: string): bigint {
+    const whole = (of: string, from: string, ...values: string[]): bigint =>
+        BigInt(database.text(`select cast(coalesce(max(${of}),0) as integer) from ${from}`, ...values));
+    const highest = whole('ID', identifier(table));
     const counts = database.number("select count(*) from sqlite_master where name='sqlite_sequence'") > 0;
-    const given = counts ? database.number('select coalesce(max(seq),0) from sqlite_sequence where name=?1', table) : 0;
-    return Math.max(highest, given);
+    const given = counts ? whole('seq', 'sqlite_sequence where name=?1', table) : 0n;
+    return highest > given ? highest : given;
 }
 
 /**
