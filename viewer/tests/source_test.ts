@@ -5,6 +5,7 @@ import assert from 'node:assert/strict';
 import {spawnSync} from 'node:child_process';
 import {test} from 'node:test';
 
+import {HttpSource} from '../src/http/source.js';
 import {beginningOf, decodedTwice} from '../src/reading/cells.js';
 import {Curve, CurveOfBlocks} from '../src/reading/curve.js';
 import {LocalSource} from '../src/reading/local.js';
@@ -122,6 +123,12 @@ test('files of one name have numbers, and none takes what lies beside the other'
         sourceOver([...filesOf(wal, 'history.db'), ...filesOf(file, 'history.db')]),
         /history\.db-wal: it can belong to 2 files of that name/,
     );
+});
+
+test('files of one name that are served have numbers, too', async (context) => {
+    context.mock.method(globalThis, 'fetch', async () => Response.json([{name: 'a.db'}, {name: 'a.db'}]));
+    const names = (await new HttpSource().open()).map(({name}) => name);
+    assert.deepEqual(names, ['a.db', 'a.db (2)']);
 });
 
 test('a file that was changed is not read on', async () => {
