@@ -73,7 +73,7 @@ Result<QList<Stream>> DeviceArchive::streams()
     if (!part)
         return part.error();
     m_part = part->first().first();
-    const auto rows = m_connection.query("select tbl, file, name, kind, gen, wm from fleet.state()");
+    const auto rows = m_connection.query("select tbl, file, name, kind, gen, wm, after from fleet.state()");
     if (!rows)
         return rows.error();
     QList<Stream> streams;
@@ -85,6 +85,7 @@ Result<QList<Stream>> DeviceArchive::streams()
         stream.kind = kindOf(row.at(3));
         stream.generation = row.at(4).toInt();
         stream.watermark = row.at(5).toLongLong();
+        stream.after = row.at(6).toLongLong();
         streams << stream;
     }
     return streams;

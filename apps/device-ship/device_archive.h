@@ -26,7 +26,7 @@ public:
     /// A row itself was refused.
     bool refusedRow() const;
 
-    /// Number, file, table, kind, generation and watermark of each; the rest is empty.
+    /// Number, file, table, kind, generation, where it began, and watermark of each; the rest is empty.
     Result<QList<Stream>> streams();
     Status enrol(const Stream &stream);
     Status describe(const Stream &stream, const QByteArray &title, const QByteArray &unit,

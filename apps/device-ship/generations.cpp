@@ -9,7 +9,8 @@ namespace device_ship
 using device_db::Database;
 
 // Whether the archive's generation is still that of the file. That a row is gone proves nothing; that its cells differ
-// which no device changes, or that the counter of the IDs fell, does.
+// which no device changes, or that the counter of the IDs fell, does. Only a row of its own proves that it is: before
+// the first one arrives, or after the last one went, the rows that follow may be those of a former life.
 Result<bool> Shipper::continues(File &file, const Piece &piece)
 {
     Stream &stream = *piece.stream;
@@ -23,35 +24,46 @@ Result<bool> Shipper::continues(File &file, const Piece &piece)
             return same.error();
         if (same->value(piece.newest->id, true)) {
             stream.known = piece.newest;
-            return true;
+            stream.isOwn = same->contains(piece.newest->id) && piece.newest->id > stream.after;
+        } else {
+            reason = "row " + QByteArray::number(piece.newest->id) + " is another one";
         }
-        reason = "row " + QByteArray::number(piece.newest->id) + " is another one";
-    } else {
-        return true;
     }
-    if (const Status begun = beginGeneration(file, piece, reason); !begun)
+    const bool isProven = piece.newest && stream.isOwn;
+    if (reason.isEmpty() && (isProven || stream.generation == 1 || piece.lastId == stream.watermark))
+        return true;
+    const auto shared = lastShared(file, piece);
+    if (!shared)
+        return shared.error();
+    if (!*shared)
+        return false; // the file cannot be read now
+    if (reason.isEmpty()) {
+        if ((*shared)->after <= stream.watermark)
+            return true;
+        reason = "the rows after " + QByteArray::number(stream.watermark) + " are those of generation " +
+                 QByteArray::number((*shared)->generation);
+    }
+    const Status begun = m_archive->beginGeneration(stream, (*shared)->generation, (*shared)->after, reason);
+    if (!begun)
         return begun.error();
     return false;
 }
 
-Status Shipper::beginGeneration(File &file, const Piece &piece, const QByteArray &reason)
+// Where the file and the archive part. The file may be of any former life.
+Result<std::optional<Shipper::Shared>> Shipper::lastShared(File &file, const Piece &piece)
 {
     const Stream &stream = *piece.stream;
-    // The file may be of any former life.
-    qint64 after = 0;
-    int parent = stream.generation;
+    Shared last{stream.generation, 0};
     for (int generation = stream.generation; generation > 0; --generation) {
         const auto shared = lastShared(file, stream, generation, piece.lastId);
         if (!shared)
             return shared.error();
         if (!*shared)
-            return {}; // the file cannot be read now
-        if (**shared > after) {
-            after = **shared;
-            parent = generation;
-        }
+            return std::optional<Shared>();
+        if (**shared > last.after)
+            last = {generation, **shared};
     }
-    return m_archive->beginGeneration(stream, parent, after, reason);
+    return std::optional<Shared>(last);
 }
 
 // The highest ID up to which the rows of the file are those of a generation, 0 for none: the two have parted once, so

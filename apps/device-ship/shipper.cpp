@@ -284,6 +284,7 @@ Status Shipper::carryOut(const QList<Piece> &pieces)
         if (piece.rows > 0) {
             stream.watermark = piece.last->id;
             stream.known = piece.last;
+            stream.isOwn = true;
             for (const qint64 id : piece.active)
                 stream.active.insert(id);
         } else if (!piece.more && piece.lastId > stream.watermark) {

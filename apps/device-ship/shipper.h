@@ -65,7 +65,11 @@ private:
     Status enrolNew(File &file);
     Status describe(File &file);
     Result<bool> continues(File &file, const Piece &piece);
-    Status beginGeneration(File &file, const Piece &piece, const QByteArray &reason);
+    struct Shared {
+        int generation = 0;
+        qint64 after = 0;
+    };
+    Result<std::optional<Shared>> lastShared(File &file, const Piece &piece);
     Result<std::optional<qint64>> lastShared(File &file, const Stream &stream, int generation, qint64 upTo);
     Status carryOut(const QList<Piece> &pieces);
     Status compareEnds(File &file, Stream &stream);

@@ -31,9 +31,11 @@ struct Stream {
     QString table;
     device_db::Kind kind = device_db::Kind::Foreign;
     int generation = 0;
+    qint64 after = 0; ///< Up to this ID its rows are those of a former one.
     qint64 watermark = 0;
 
     std::optional<RowMark> known; ///< The newest row up to the watermark, if it was found to be the archive's.
+    bool isOwn = false;           ///< ... and of this generation alone.
     qint64 lastId = 0;            ///< The highest that the device has given.
 
     QSet<qint64> active;       ///< Alarms that have not ended as far as the archive knows.

@@ -337,6 +337,68 @@ class Short(Fleet):
                     # A device that goes back to the later life again.
                     self.assertEqual(self.archive.ship("verify", configuration).returncode, 0)
 
+    def put_back(self, name, store, copy):
+        store.close()
+        shutil.copy(copy, store.path)
+        return self.store(name)
+
+    def test_a_file_that_is_put_back_after_its_tables_were_emptied(self):
+        for meanwhile in ("", "shipped", "lost"):
+            with self.subTest(meanwhile):
+                device = self.archive.sql("select count(*) + 1 from fleet.device")[0][0]
+                name = f"h{device}"
+                store = self.store(name)
+                store.table("T1", "sample")
+                store.table("AlarmData", "alarm")
+                store.samples("T1", 100)
+                store.add("AlarmData", [alarm(i) for i in range(20)])
+                configuration = self.archive.device(device, {"h": store})
+                self.archive.ship("run", "--once", configuration)
+                shutil.copy(store.path, store.path + ".copy")
+                lives = {table: {1: rows_of(store.path, table, kind), 2: {}}
+                         for table, kind in (("T1", "sample"), ("AlarmData", "alarm"))}
+                for table in lives:
+                    store.run(f"delete from '{table}'")
+                    store.run("update sqlite_sequence SET seq = 0 where name = ?", (table,))
+                self.archive.ship("run", "--once", configuration)
+                if meanwhile:
+                    store.samples("T1", 30, 5000)
+                if meanwhile == "lost":
+                    store.run("delete from T1")
+                lives["T1"][2] = rows_of(store.path, "T1", "sample")
+                self.archive.ship("run", "--once", configuration)
+                store = self.put_back(name, store, store.path + ".copy")
+                self.archive.ship("run", "--once", configuration)
+                store.samples("T1", 10, 9000)
+                self.archive.ship("run", "--once", configuration)
+                lives["T1"][3] = {key: row for key, row in rows_of(store.path, "T1", "sample").items() if key > 100}
+                self.check(device, "h", "T1", "sample", lives["T1"])
+                self.check(device, "h", "AlarmData", "alarm", lives["AlarmData"])
+                self.assertEqual(self.archive.sql(f"select tbl, gen, parent, after from fleet.generation where device "
+                                                  f"= {device} and gen > 1 order by 1, 2"),
+                                 [["1", "2", None, "0"], ["1", "3", "1", "20"],
+                                  ["2", "2", None, "0"], ["2", "3", "1", "100"]])
+
+    def test_an_older_copy_by_mistake_and_then_the_right_file(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 100)
+        shutil.copy(store.path, store.path + ".older")
+        store.samples("T1", 100, 5000)
+        shutil.copy(store.path, store.path + ".right")
+        truth = rows_of(store.path, "T1", "sample")
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        for copy in (".older", ".right"):
+            store = self.put_back("h", store, store.path + copy)
+            self.archive.ship("run", "--once", configuration)
+        self.check(1, "h", "T1", "sample", {1: truth})
+        store.samples("T1", 10, 9000)
+        self.archive.ship("run", "--once", configuration)
+        later = {key: row for key, row in rows_of(store.path, "T1", "sample").items() if key > 200}
+        self.check(1, "h", "T1", "sample", {1: truth, 3: later})
+        self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (3, []))
+
     def test_alarms_that_end_are_corrected_and_are_removed(self):
         store = self.store("a")
         store.table("AlarmData", "alarm")

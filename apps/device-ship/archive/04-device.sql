@@ -27,10 +27,11 @@ begin
 end
 $$;
 
-create function fleet.state() returns table (tbl smallint, file text, name text, kind text, gen smallint, wm bigint)
+create function fleet.state()
+returns table (tbl smallint, file text, name text, kind text, gen smallint, wm bigint, after bigint)
 language sql stable security definer set search_path = fleet, pg_temp as $$
-    select s.tbl, s.file, s.name, s.kind, m.gen, m.wm
-    from source s join mark m using (device, tbl)
+    select s.tbl, s.file, s.name, s.kind, m.gen, m.wm, g.after
+    from source s join mark m using (device, tbl) join generation g using (device, tbl, gen)
     where s.device = me() order by s.tbl
 $$;
 
