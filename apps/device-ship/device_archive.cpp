@@ -148,6 +148,28 @@ Result<QMap<qint64, bool>> DeviceArchive::judge(const Stream &stream, int genera
     return same;
 }
 
+Result<std::optional<DeviceArchive::DroppedBatch>> DeviceArchive::droppedBatch(const Stream &stream, qint64 id)
+{
+    const auto answer = m_connection.query("select id_from, id_to, n, digest from fleet.dropped_batch($1, $2, $3)",
+                                           {text(stream.number), text(stream.generation), text(id)});
+    if (!answer)
+        return answer.error();
+    if (answer->isEmpty())
+        return std::optional<DroppedBatch>();
+    const QList<QByteArray> &row = answer->first();
+    return std::optional<DroppedBatch>(
+        {row.at(0).toLongLong(), row.at(1).toLongLong(), row.at(2).toLongLong(), row.at(3).toLongLong()});
+}
+
+Result<qint64> DeviceArchive::droppedTo(const Stream &stream)
+{
+    const auto answer =
+        m_connection.query("select fleet.dropped_to($1, $2)", {text(stream.number), text(stream.generation)});
+    if (!answer)
+        return answer.error();
+    return answer->first().first().toLongLong();
+}
+
 Status DeviceArchive::beginGeneration(const Stream &stream, int parent, qint64 after, const QByteArray &reason)
 {
     return call("new_generation", {text(stream.number), text(stream.generation), text(stream.watermark), text(parent),

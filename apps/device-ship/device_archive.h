@@ -38,6 +38,16 @@ public:
     Status skip(const Stream &stream, qint64 upTo);
     /// For each row: whether it is that of the archive. Rows that the archive does not have are left out.
     Result<QMap<qint64, bool>> judge(const Stream &stream, int generation, const QList<RowMark> &rows);
+    /// What the archive has of a row whose month it no longer keeps.
+    struct DroppedBatch {
+        qint64 first = 0;
+        qint64 last = 0;
+        qint64 rows = 0;
+        qint64 digest = 0;
+    };
+    Result<std::optional<DroppedBatch>> droppedBatch(const Stream &stream, qint64 id);
+    /// Rows that it no longer keeps are those up to this ID.
+    Result<qint64> droppedTo(const Stream &stream);
     Status beginGeneration(const Stream &stream, int parent, qint64 after, const QByteArray &reason);
     /// Their number, and the digest of all of them.
     Result<QPair<qint64, qint64>> rangeDigest(const Stream &stream, qint64 first, qint64 last);

@@ -19,12 +19,13 @@ Result<bool> Shipper::continues(File &file, const Piece &piece)
         reason = "the highest ID ever given is " + QByteArray::number(piece.lastId) + ", below " +
                  QByteArray::number(stream.watermark);
     } else if (piece.newest && piece.newest != stream.known) {
-        const auto same = m_archive->judge(stream, stream.generation, {*piece.newest});
-        if (!same)
-            return same.error();
-        if (same->value(piece.newest->id, true)) {
+        std::optional<bool> same;
+        const auto judged = judge(file, stream, *piece.newest, same);
+        if (!judged || !*judged)
+            return judged;
+        if (same.value_or(true)) {
             stream.known = piece.newest;
-            stream.isOwn = same->contains(piece.newest->id) && piece.newest->id > stream.after;
+            stream.isOwn = same.has_value() && piece.newest->id > stream.after;
         } else {
             reason = "row " + QByteArray::number(piece.newest->id) + " is another one";
         }
@@ -47,6 +48,42 @@ Result<bool> Shipper::continues(File &file, const Piece &piece)
     if (!begun)
         return begun.error();
     return false;
+}
+
+// Whether a row of the file is the archive's: nothing where neither the row says so nor, if the archive no longer keeps
+// its month, the digest of its batch, of which the file must still have all. False if the file cannot be read now.
+Result<bool> Shipper::judge(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same)
+{
+    const auto judged = m_archive->judge(stream, stream.generation, {row});
+    if (!judged)
+        return judged.error();
+    if (judged->contains(row.id)) {
+        same = judged->value(row.id);
+        return true;
+    }
+    const auto batch = m_archive->droppedBatch(stream, row.id);
+    if (!batch)
+        return batch.error();
+    if (!*batch)
+        return true;
+    qint64 rows = 0;
+    qint64 digest = 0;
+    const Status read = file.reader.read([&](const Database &database) -> Status {
+        rows = digest = 0;
+        const auto done = readRows(database, stream, (*batch)->first - 1, (*batch)->last, [&](const RowEncoder &each) {
+            ++rows;
+            digest ^= each.digest();
+            return true;
+        });
+        return done ? Status() : done.error();
+    });
+    if (!read) {
+        file.trouble = device_db::oneLine(read.error());
+        return false;
+    }
+    if (rows == (*batch)->rows)
+        same = digest == (*batch)->digest;
+    return true;
 }
 
 // Where the file and the archive part. The file may be of any former life.

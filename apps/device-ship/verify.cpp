@@ -28,6 +28,7 @@ struct Found {
     QList<qint64> different;
     QList<qint64> missing;
     qint64 repaired = 0;
+    qint64 dropped = 0; ///< The archive no longer keeps their month.
 };
 
 Result<Range> readRange(StoreReader &file, const Stream &stream, qint64 after)
@@ -67,6 +68,9 @@ Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &s
                       ArchiveConnection *owner)
 {
     Found found;
+    const auto droppedTo = archive.droppedTo(stream);
+    if (!droppedTo)
+        return droppedTo.error();
     qint64 after = 0;
     for (;;) {
         const auto range = readRange(file, stream, after);
@@ -88,6 +92,10 @@ Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &s
         for (const RowMark &row : range->rows) {
             if (same->value(row.id, false))
                 continue;
+            if (row.id <= *droppedTo && !same->contains(row.id)) {
+                ++found.dropped;
+                continue;
+            }
             (same->contains(row.id) ? found.different : found.missing) << row.id;
             wrong += range->lines.value(row.id);
         }
@@ -145,7 +153,7 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
             const qint64 wrong = found->different.size() + found->missing.size();
             equal &= wrong == found->repaired;
             std::printf("%s %s: %s compared", configured.name.toUtf8().constData(), stream.table.toUtf8().constData(),
-                        device_db::rowsText(found->rows).toUtf8().constData());
+                        device_db::rowsText(found->rows - found->dropped).toUtf8().constData());
             if (!found->different.isEmpty())
                 std::printf(", %s (ID %s)", counted(found->different, "differs", "differ").constData(),
                             listed(found->different).constData());
@@ -154,7 +162,12 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
                             listed(found->missing).constData());
             if (found->repaired)
                 std::printf(", %lld put right", static_cast<long long>(found->repaired));
-            std::printf(wrong ? "\n" : ", all equal\n");
+            if (!wrong)
+                std::printf(", all equal");
+            if (found->dropped)
+                std::printf("; %s the archive no longer keeps",
+                            device_db::rowsText(found->dropped).toUtf8().constData());
+            std::printf("\n");
         }
     }
     return equal;

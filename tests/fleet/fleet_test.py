@@ -583,6 +583,58 @@ class Short(Fleet):
         self.assertEqual(self.archive.sql("select * from fleet.damaged_batches(1)"), [])
         self.assertIn("all equal", self.archive.ship("verify", configuration).stdout)
 
+    def drop_month(self):
+        """The rows that are there, as if they had come in a month that the archive keeps no longer."""
+        self.archive.sql("create table fleet.sample_2024_05 partition of fleet.sample for values from ('2024-05-01') "
+                         "to ('2024-06-01'); update fleet.sample set day = '2024-05-06';"
+                         "update fleet.batch set received = '2024-05-06', received_to = '2024-05-06';"
+                         "drop table fleet.sample_2024_05")
+
+    def test_verify_knows_what_the_archive_no_longer_keeps(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 5000)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.drop_month()
+        store.samples("T1", 4000, 5000)
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.ship("verify", configuration).stdout,
+                         "h T1: 4,000 rows compared, all equal; 5,000 rows the archive no longer keeps\n")
+        self.assertEqual(self.archive.sql("select * from fleet.damaged_batches(1)"), [])
+        self.archive.sql("delete from fleet.sample where id in (5001, 9000)")
+        done = self.archive.ship("verify", configuration, check=False)
+        self.assertEqual((done.returncode, done.stdout), (3, "h T1: 4,000 rows compared, 2 rows missing (ID 5001, "
+                                                             "9000); 5,000 rows the archive no longer keeps\n"))
+        self.assertEqual(len(self.archive.sql("select * from fleet.damaged_batches(1)")), 1)
+        self.archive.ship("verify", configuration, "--repair-as", self.cluster.conninfo(self.archive.name))
+        kept = {(1, key): row for key, row in rows_of(store.path, "T1", "sample").items() if key > 5000}
+        self.assertEqual(self.archive.rows(1, "h", "T1", "sample"), kept)
+        self.assertEqual(self.archive.sql("select * from fleet.damaged_batches(1)"), [])
+
+    def test_another_life_is_noticed_by_a_batch_that_the_archive_no_longer_keeps(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 100)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.drop_month()
+        store.samples("T1", 10, 100)
+        self.archive.ship("run", "--once", configuration)
+        store.run("delete from T1 where ID <= 10")  # which proves nothing
+        self.drop_month()
+        store.samples("T1", 10, 110)
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.generations(1), 1)
+        self.drop_month()
+        store.run("delete from T1")
+        store.run("update sqlite_sequence SET seq = 0")
+        store.samples("T1", 150, 5000)
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.rows(1, "h", "T1", "sample"),
+                         {(2, key): row for key, row in rows_of(store.path, "T1", "sample").items()})
+        self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (2, []))
+
     def test_what_is_shipped_is_stated_beside_the_file(self):
         store = self.store("h")
         store.table("T1", "sample")

@@ -189,3 +189,9 @@ begin
     end loop;
 end
 $$;
+
+-- Retention drops the oldest partitions. Rows that were received before this day are not missing.
+create function fleet.kept_from(kind text) returns date language sql stable set search_path = fleet, pg_temp as $$
+    select min(substring(pg_get_expr(relpartbound, oid) from 'FROM \(''(.*?)''\)')::date)
+    from pg_inherits join pg_class on oid = inhrelid where inhparent = kind::regclass
+$$;

@@ -108,6 +108,27 @@ begin
 end
 $$;
 
+-- Rows up to this ID went with the oldest partitions. Of a batch that was received around midnight some may be there.
+create function fleet.dropped_to(its_tbl smallint, its_gen smallint) returns bigint
+language sql stable security definer set search_path = fleet, pg_temp as $$
+    select coalesce(max(least(b.id_to, l.upto)), 0)
+    from lineage(me(), its_tbl, its_gen) l
+    join batch b on b.device = me() and b.tbl = its_tbl and b.gen = l.gen and b.id_from <= l.upto
+    where (b.received at time zone 'UTC')::date
+        < (select kept_from(kind) from source where device = me() and tbl = its_tbl)
+$$;
+
+-- The batch of a row that went so: what is left to judge it by.
+create function fleet.dropped_batch(its_tbl smallint, its_gen smallint, its_id bigint)
+returns table (id_from bigint, id_to bigint, n integer, digest bigint)
+language sql stable security definer set search_path = fleet, pg_temp as $$
+    select b.id_from, b.id_to, b.n, b.digest
+    from lineage(me(), its_tbl, its_gen) l
+    join batch b on b.device = me() and b.tbl = its_tbl and b.gen = l.gen and b.id_to <= l.upto
+    where its_id between b.id_from and b.id_to and (b.received at time zone 'UTC')::date
+        < (select kept_from(kind) from source where device = me() and tbl = its_tbl)
+$$;
+
 -- Begins a generation that shares the rows up to "its_after" with "its_parent". Only where the archive still is at the
 -- generation and the watermark by which that was decided: two shippers decide it once.
 create function fleet.new_generation(its_tbl smallint, from_gen smallint, from_wm bigint, its_parent smallint,

@@ -35,7 +35,7 @@ begin
 end
 $$;
 
--- Batches of which the archive does not have the rows any more that it was sent.
+-- Batches of which the archive does not have the rows any more that it was sent, though it still keeps their month.
 create function fleet.damaged_batches(its_device integer) returns setof fleet.batch
 language plpgsql stable set search_path = fleet, pg_temp set datestyle = 'ISO' as $$
 declare
@@ -46,7 +46,8 @@ begin
             'select b.* from batch b join source using (device, tbl) cross join lateral (
                  select count(*) as n, bit_xor(digest(s)) as digest from %I s
                  where s.device = b.device and s.tbl = b.tbl and s.gen = b.gen and s.id between b.id_from and b.id_to) r
-             where b.device = $1 and kind = $2 and (r.n, r.digest) is distinct from (b.n::bigint, b.digest)', its_kind)
+             where b.device = $1 and kind = $2
+                 and (b.received at time zone ''UTC'')::date >= (select kept_from($2)) and (r.n, r.digest) is distinct from (b.n::bigint, b.digest)', its_kind)
         using its_device, its_kind;
     end loop;
 end
