@@ -27,11 +27,12 @@ QByteArray selectRows(const Stream &stream)
 }
 
 // IDs never come again below the counter, and the counter never falls below a row: a reset of a table with rows
-// changes nothing. The counter alone is 0 then; the highest ID alone, after all rows were removed.
+// changes nothing. The counter alone is 0 then; the highest ID alone, after all rows were removed. A counter that
+// somebody made a text is the integer from which SQLite goes on.
 Result<qint64> lastIdOf(const Database &database, const Stream &stream)
 {
-    auto counter = database.prepare("select max(ifnull((select max(seq) from sqlite_sequence where name=?1),0),"
-                                    "ifnull((select max(ID) from " +
+    auto counter = database.prepare("select max(ifnull((select max(cast(seq as integer)) from "
+                                    "sqlite_sequence where name=?1),0),ifnull((select max(ID) from " +
                                     identifier(stream.table) + "),0))");
     if (!counter)
         return counter.error();

@@ -290,6 +290,33 @@ class Short(Fleet):
             self.check(1, "h", table, "sample", {1: rows})
         self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (3, []))
 
+    def test_a_counter_that_is_no_integer_is_worth_what_sqlite_goes_on_from(self):
+        store = self.store("h")
+        counters = {"T1": "'77'", "T2": "'abc'", "T3": "x'ff'", "T4": "'120'", "T5": "NULL", "T6": "12.5"}
+        for table in counters:
+            store.table(table, "sample")
+            store.samples(table, 100)
+        store.table("Emptied", "sample")
+        store.samples("Emptied", 100)
+        emptied = rows_of(store.path, "Emptied", "sample")
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        for table, counter in counters.items():
+            store.run(f"update sqlite_sequence SET seq = {counter} where name = '{table}'")
+        store.run("update sqlite_sequence SET seq = '100' where name = 'Emptied'")
+        store.run("delete from Emptied")
+        for _ in range(2):
+            self.archive.ship("run", "--once", configuration)
+            for table in (*counters, "Emptied"):
+                store.samples(table, 1, 100)
+        self.archive.ship("run", "--once", configuration)
+        for table in counters:
+            self.check_file(1, store, "h", table, "sample")
+        self.assertEqual(max(rows_of(store.path, "Emptied", "sample")), 102)
+        self.check(1, "h", "Emptied", "sample", {1: {**emptied, **rows_of(store.path, "Emptied", "sample")}})
+        self.assertEqual(self.archive.generations(1), 7)
+        self.assertEqual([gap[2:] for gap in self.archive.gaps(1)], [(101, 120)])
+
     def test_rows_that_go_before_they_are_shipped_leave_a_gap(self):
         store = self.store("h")
         store.table("T1", "sample")
