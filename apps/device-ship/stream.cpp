@@ -28,14 +28,19 @@ QByteArray selectRows(const Stream &stream)
 
 // IDs never come again below the counter, and the counter never falls below a row: a reset of a table with rows
 // changes nothing. The counter alone is 0 then; the highest ID alone, after all rows were removed. A counter that
-// somebody made a text is the integer from which SQLite goes on.
+// somebody made a text is the integer from which SQLite goes on. A file in which no table has one has no list of them.
 Result<qint64> lastIdOf(const Database &database, const Stream &stream)
 {
-    auto counter = database.prepare("select max(ifnull((select max(cast(seq as integer)) from "
-                                    "sqlite_sequence where name=?1),0),ifnull((select max(ID) from " +
-                                    identifier(stream.table) + "),0))");
-    if (!counter)
-        return counter.error();
+    const QByteArray highest = "ifnull((select max(ID) from " + identifier(stream.table) + "),0)";
+    auto counter = database.prepare("select max(ifnull((select max(cast(seq as integer)) from sqlite_sequence "
+                                    "where name=?1),0)," +
+                                    highest + ')');
+    if (!counter) {
+        const auto lists = database.number("select count(*) from sqlite_master where name='sqlite_sequence'");
+        if (!lists)
+            return lists;
+        return *lists == 0 ? database.number("select " + highest) : counter.error();
+    }
     counter->bind(1, stream.table.toUtf8());
     if (counter->step())
         return counter->number(0);

@@ -317,6 +317,26 @@ class Short(Fleet):
         self.assertEqual(self.archive.generations(1), 7)
         self.assertEqual([gap[2:] for gap in self.archive.gaps(1)], [(101, 120)])
 
+    def test_a_file_without_a_counter(self):
+        store = self.store("h")
+        store.run("create table T1(ID INTEGER PRIMARY KEY,DATETIME dateTime,Value text)")
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)  # an empty table
+        for start in (0, 100):
+            store.samples("T1", 100, start)
+            self.archive.ship("run", "--once", configuration)
+            self.check_file(1, store, "h", "T1", "sample")
+        self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (1, []))
+        store.run("delete from T1 where ID > 150")  # the IDs above are given again
+        first = rows_of(store.path, "T1", "sample")
+        self.archive.ship("run", "--once", configuration)
+        store.samples("T1", 100, 300)
+        self.archive.ship("run", "--once", configuration)
+        found = self.archive.rows(1, "h", "T1", "sample")
+        self.assertEqual({key[1]: row for key, row in found.items() if key[0] == 2},
+                         {key: row for key, row in rows_of(store.path, "T1", "sample").items() if key not in first})
+        self.assertEqual((len(found), self.archive.generations(1)), (300, 2))
+
     def test_rows_that_go_before_they_are_shipped_leave_a_gap(self):
         store = self.store("h")
         store.table("T1", "sample")
