@@ -270,6 +270,19 @@ Result<bool> Shipper::ship()
 
 Status Shipper::carryOut(const QList<Piece> &pieces)
 {
+    // First, because the archive takes it that they were there when the last rows came.
+    for (const Piece &piece : pieces) {
+        if (piece.gone.isEmpty())
+            continue;
+        Stream &stream = *piece.stream;
+        std::optional<double> ago;
+        if (stream.seen != Clock::time_point())
+            ago = std::chrono::duration<double>(Clock::now() - stream.seen).count();
+        if (const Status done = m_archive->alarmsGone(stream, piece.gone, ago); !done)
+            return done;
+        for (const qint64 id : piece.gone)
+            stream.active.remove(id);
+    }
     const bool anyRows = std::any_of(pieces.begin(), pieces.end(), [](const Piece &piece) { return piece.rows > 0; });
     if (anyRows) {
         if (const Status done = m_archive->ship(pieces); !done) {
@@ -298,15 +311,6 @@ Status Shipper::carryOut(const QList<Piece> &pieces)
                 return done;
             for (const AlarmEnd &each : piece.ends)
                 stream.active.remove(each.id);
-        }
-        if (!piece.gone.isEmpty()) {
-            std::optional<double> ago;
-            if (stream.seen != Clock::time_point())
-                ago = std::chrono::duration<double>(Clock::now() - stream.seen).count();
-            if (const Status done = m_archive->alarmsGone(stream, piece.gone, ago); !done)
-                return done;
-            for (const qint64 id : piece.gone)
-                stream.active.remove(id);
         }
         stream.seen = Clock::now();
     }
@@ -382,11 +386,16 @@ void Shipper::refresh()
 Status Shipper::report()
 {
     m_moved = false;
+    QList<Stream *> read;
     for (const auto &file : m_files) {
         QMap<QString, qint64> shipped;
         for (const auto &stream : m_streams) {
-            if (stream->file == file->reader.name() && double(stream->watermark) <= highestInJson)
+            if (stream->file != file->reader.name())
+                continue;
+            if (double(stream->watermark) <= highestInJson)
                 shipped.insert(stream->table, stream->watermark);
+            if (file->trouble.isEmpty() && stream->seen != Clock::time_point())
+                read << stream.get();
         }
         if (!m_haveStreams || shipped == file->stated)
             continue;
@@ -397,10 +406,7 @@ Status Shipper::report()
     }
     if (!m_archive)
         return {};
-    QList<Stream *> streams;
-    for (const auto &stream : m_streams)
-        streams << stream.get();
-    if (const Status done = m_archive->report(streams, trouble()); !done)
+    if (const Status done = m_archive->report(read, trouble()); !done)
         return failed(done.error());
     return {};
 }

@@ -425,6 +425,8 @@ class Short(Fleet):
                                                   f"= {device} and gen > 1 order by 1, 2"),
                                  [["1", "2", None, "0"], ["1", "3", "1", "20"],
                                   ["2", "2", None, "0"], ["2", "3", "1", "100"]])
+                self.assertEqual(self.archive.sql("select state, count(*), count(last_seen) from fleet.alarms where "
+                                                  f"device = {device} group by 1"), [["active", "20", "0"]])
 
     def test_an_older_copy_by_mistake_and_then_the_right_file(self):
         store = self.store("h")
@@ -469,6 +471,48 @@ class Short(Fleet):
              ["6", "active", "", "", "f"], ["7", "ended", "2024-05-06", "08:00:00", "f"]])
         self.assertEqual(self.archive.sql("select id, end_time from fleet.alarm_was"), [["2", "07:21:00"]])
         self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (1, []))
+
+    def test_alarms_that_come_back_are_active_again(self):
+        store = self.store("a")
+        store.table("AlarmData", "alarm")
+        configuration = self.archive.device(1, {"a": store})
+        store.add("AlarmData", [alarm(i) for i in range(3)])
+        self.archive.ship("run", "--once", configuration)
+        shutil.copy(store.path, store.path + ".copy")
+        query = "select state, ended is null, gone is null, last_seen is null from fleet.alarms order by id"
+        for reset in (False, True):
+            store.run("delete from AlarmData")  # by mistake
+            if reset:
+                store.run("update sqlite_sequence SET seq = 0")
+            self.archive.ship("run", "--once", configuration)
+            self.assertEqual(self.archive.sql(query), [["gone", "t", "f", "f"]] * 3)
+            store = self.put_back("a", store, store.path + ".copy")
+            self.archive.ship("run", "--once", configuration)
+            self.assertEqual(self.archive.sql(query), [["active", "t", "t", "t"]] * 3)
+        store.run("update AlarmData set EndDate = '2024-05-06', EndTime = '08:00:00' where ID = 1")
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql(query)[0], ["ended", "f", "t", "t"])
+        store.run("update AlarmData set EndDate = '', EndTime = '' where ID = 1")
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql(query)[0], ["active", "t", "t", "t"])
+        self.assertEqual(self.archive.sql("select id, end_time from fleet.alarm_was"), [["1", "08:00:00"]])
+        self.check(1, "a", "AlarmData", "alarm", {1: rows_of(store.path, "AlarmData", "alarm")})
+
+    def test_when_an_alarm_was_seen_last_is_known_from_the_run_before(self):
+        store = self.store("a")
+        store.table("AlarmData", "alarm")
+        configuration = self.archive.device(1, {"a": store})
+        store.add("AlarmData", [alarm(1)])
+        began = self.archive.sql("select now()")[0][0]
+        self.archive.ship("run", "--once", configuration)
+        seen = self.archive.sql("select now()")[0][0]
+        os.rename(store.path, store.path + ".away")  # a run that cannot look
+        self.assertEqual(self.archive.ship("run", "--once", configuration, check=False).returncode, 3)
+        os.rename(store.path + ".away", store.path)
+        store.run("delete from AlarmData")
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql(f"select state, last_seen between '{began}' and '{seen}' from "
+                                          "fleet.alarms"), [["gone", "t"]])
 
     def test_a_service_sees_ends_at_once(self):
         store = self.store("a", "wal")

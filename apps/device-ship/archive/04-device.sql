@@ -129,6 +129,15 @@ language sql stable security definer set search_path = fleet, pg_temp as $$
         < (select kept_from(kind) from source where device = me() and tbl = its_tbl)
 $$;
 
+-- When a shipper looked at an alarm last, that was active then: as it reported, or as rows came after it.
+create function fleet.last_look(a fleet.alarm) returns timestamptz
+language sql stable set search_path = fleet, pg_temp as $$
+    select greatest(m.reported, b.received_to)
+    from mark m left join batch b on b.device = a.device and b.tbl = a.tbl and b.gen = a.gen
+        and a.id between b.id_from and b.id_to
+    where m.device = a.device and m.tbl = a.tbl
+$$;
+
 -- Begins a generation that shares the rows up to "its_after" with "its_parent". Only where the archive still is at the
 -- generation and the watermark by which that was decided: two shippers decide it once.
 create function fleet.new_generation(its_tbl smallint, from_gen smallint, from_wm bigint, its_parent smallint,
@@ -150,7 +159,7 @@ begin
     insert into generation (device, tbl, gen, parent, after, reason)
     values (me(), its_tbl, began, case when its_after > 0 then its_parent end, its_after, its_reason);
     -- What is active in the former generation alone is in no file any more.
-    update alarm set gone = now()
+    update alarm set gone = now(), last_seen = last_look(alarm)
     where device = me() and tbl = its_tbl and end_date = '' and end_time = '' and gone is null
         and not exists (select from lineage(me(), its_tbl, began::smallint) l
                         where l.gen = alarm.gen and alarm.id > l.after and alarm.id <= l.upto);
@@ -179,7 +188,8 @@ language sql stable security definer set search_path = fleet, pg_temp as $$
     where a.end_date = '' and a.end_time = '' and a.gone is null
 $$;
 
--- The ends of alarms as the file has them now; the number of those that the archive did not have so.
+-- The ends of alarms as the file has them now; the number of those that the archive did not have so. What is in the
+-- file again is not gone.
 create function fleet.end_alarms(its_tbl smallint, its_gen smallint, ids bigint[], dates text[], times text[],
                                  odds text[]) returns bigint
 language plpgsql security definer set search_path = fleet, pg_temp
@@ -195,12 +205,14 @@ begin
             told.end_time as to_time, told.end_odd as to_odd
         from told join alarm a on a.device = me() and a.tbl = its_tbl and a.gen = told.gen and a.id = told.id
         where (a.end_date, a.end_time, a.end_odd::text) is distinct from (told.end_date, told.end_time, told.end_odd)
+            or a.gone is not null
     ), kept as (
         insert into alarm_was (device, tbl, gen, id, end_date, end_time, end_odd)
         select me(), its_tbl, gen, id, end_date, end_time, end_odd from other
         where (end_date, end_time) is distinct from ('', '')
     ), done as (
-        update alarm a set end_date = to_date, end_time = to_time, end_odd = to_odd::json, ended = now(), gone = null
+        update alarm a set end_date = to_date, end_time = to_time, end_odd = to_odd::json, gone = null,
+            last_seen = null, ended = case when (to_date, to_time) = ('', '') then null else now() end
         from other
         where a.device = me() and a.tbl = its_tbl and a.gen = other.gen and a.id = other.id and a.day = other.day
         returning 1
@@ -210,7 +222,8 @@ begin
 end
 $$;
 
--- Alarms that were removed from the file while they were active. "seconds": since they were seen last, if known.
+-- Alarms that were removed from the file while they were active. "seconds": since they were seen last; NULL if this
+-- shipper has not seen them.
 create function fleet.gone_alarms(its_tbl smallint, its_gen smallint, ids bigint[], seconds double precision)
 returns bigint
 language plpgsql security definer set search_path = fleet, pg_temp
@@ -222,7 +235,7 @@ begin
         select l.gen, t.id from unnest(ids) t (id)
         join lineage(me(), its_tbl, its_gen) l on t.id > l.after and t.id <= l.upto
     ), done as (
-        update alarm a set gone = now(), last_seen = now() - make_interval(secs => seconds)
+        update alarm a set gone = now(), last_seen = coalesce(now() - make_interval(secs => seconds), last_look(a))
         from told
         where a.device = me() and a.tbl = its_tbl and a.gen = told.gen and a.id = told.id
             and a.end_date = '' and a.end_time = '' and a.gone is null
@@ -233,7 +246,7 @@ begin
 end
 $$;
 
--- How far the files are, for the lag, and what is wrong with the device or the shipper.
+-- How far the files are that were read, for the lag, and what is wrong with the device or the shipper.
 create function fleet.report(tbls smallint[], last_ids bigint[], its_trouble text) returns void
 language sql security definer set search_path = fleet, pg_temp as $$
     update mark m set last_id = t.last_id, reported = now()
