@@ -3,6 +3,8 @@
 
 #include "shipped_statement.h"
 
+#include <QFileInfo>
+
 #include <algorithm>
 #include <utility>
 
@@ -397,7 +399,7 @@ Status Shipper::report()
             if (file->trouble.isEmpty() && stream->seen != Clock::time_point())
                 read << stream.get();
         }
-        if (!m_haveStreams || shipped == file->stated)
+        if (!m_haveStreams || shipped == file->stated || !QFileInfo::exists(file->reader.path()))
             continue;
         const Status done = stateShipped(file->reader.path(), shipped);
         file->statementTrouble = done ? QString() : device_db::oneLine(done.error());

@@ -734,6 +734,21 @@ class Short(Fleet):
         with open(store.path + ".shipped", encoding="utf-8") as file:
             self.assertEqual(file.read(), '{"owner":"device-ship","shipped":{"T1":10},"version":1}')
 
+    def test_nothing_is_stated_of_a_file_that_is_not_there(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 10)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        os.rename(store.path, store.path + ".away")
+        os.remove(store.path + ".shipped")
+        self.assertEqual(self.archive.ship("run", "--once", configuration, check=False).returncode, 3)
+        self.assertFalse(os.path.exists(".shipped"))
+        self.assertFalse(os.path.exists(store.path + ".shipped"))
+        os.rename(store.path + ".away", store.path)
+        self.archive.ship("run", "--once", configuration)
+        self.assertTrue(os.path.exists(store.path + ".shipped"))
+
     def test_the_doubled_hour_is_told_apart_by_the_order_of_recording(self):
         store = self.store("h")
         store.table("T1", "sample")
