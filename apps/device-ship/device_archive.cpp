@@ -52,10 +52,11 @@ bool DeviceArchive::wasBehind() const
     return state == "FL001" || state == "23505" || (state == "23514" && m_connection.constraint().isEmpty());
 }
 
+// A cell that is too large for an index of the owner's is of the limits of the program.
 bool DeviceArchive::refusedRow() const
 {
     const QByteArray state = m_connection.sqlState();
-    return !wasBehind() && (state.startsWith("22") || state.startsWith("23"));
+    return !wasBehind() && (state.startsWith("22") || state.startsWith("23") || state == "54000");
 }
 
 Status DeviceArchive::call(const QByteArray &function, const QList<QByteArray> &parameters)

@@ -22,7 +22,8 @@ constexpr int mostRows = 20000;
 constexpr int mostRowsOfFile = 5000; // a read must be short
 constexpr qint64 mostBytes = 2 * 1024 * 1024;
 constexpr int leastRead = 50;
-constexpr int mostTimesBehind = 100;                // without a batch in between
+constexpr int mostTimesBehind = 100; // without a batch in between
+constexpr std::chrono::minutes asideFor(1);
 constexpr std::chrono::milliseconds announced(300); // before its commit can be seen, at most
 constexpr double highestInJson = 9007199254740992.0;
 
@@ -42,6 +43,8 @@ QString Shipper::trouble() const
             if (!trouble.isEmpty())
                 all << trouble;
         }
+        for (const Aside &each : file->aside)
+            all << each.trouble;
     }
     return all.join(QLatin1String("; "));
 }
@@ -150,6 +153,7 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
 {
     QList<Piece> pieces;
     Budget left = budget;
+    const QByteArray refusal = m_refused.file == file.reader.name() ? m_refused.why : QByteArray();
     bool changed = false;
     const auto done = file.reader.tryRead([&](const Database &database) -> Status {
         const auto tables = file.reader.tablesChanged(database);
@@ -159,8 +163,10 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
         left.rows = std::min(left.rows, file.rows);
         for (const device_db::Table &table : file.reader.tables()) {
             Stream *const stream = streamOf(file, table);
-            if (!stream)
+            if (!stream || Clock::now() < file.aside.value(table.name).until)
                 continue;
+            left.refusal = m_refused.table == table.name ? refusal : QByteArray();
+            left.refused = m_refused.id;
             auto piece = readPiece(database, *stream, left);
             if (!piece)
                 return piece.error();
@@ -199,7 +205,7 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
 Result<std::optional<Shipper::Round>> Shipper::lookAtAll()
 {
     Round round;
-    Budget budget{m_mostRows, mostBytes, m_refusal};
+    Budget budget{m_mostRows, mostBytes, {}, 0};
     for (std::size_t i = 0; i < m_files.size(); ++i) {
         if (budget.rows <= 0 || budget.bytes <= 0) {
             round.more = true; // the next transaction begins with another file
@@ -251,7 +257,7 @@ Result<bool> Shipper::ship()
 {
     const auto more = shipRound();
     if (more) {
-        m_refusal.clear();
+        m_refused = Refused();
         m_timesBehind = 0;
         if (m_mostRows == mostRows)
             ++m_first;
@@ -259,15 +265,34 @@ Result<bool> Shipper::ship()
         return more;
     }
     if (std::exchange(m_rowRefused, false)) {
-        // One row must not hold up the others: it is found by halving, and recorded without its cells.
-        if (m_mostRows == 1)
-            m_refusal = more.error().cause().toUtf8();
-        m_mostRows = std::max(1, m_mostRows / 2);
-        m_haveStreams = false;
+        narrow(more.error());
         return true;
     }
     const Status status = failed(more.error());
     return status ? Result<bool>(true) : status.error();
+}
+
+// One row must not hold up the others: it is found by halving, and recorded without its cells. Where the archive does
+// not take that either, or says for ever that it has the row, it is not the row: its table is put aside.
+void Shipper::narrow(const device::Error &error)
+{
+    if (m_mostRows > 1) {
+        m_mostRows /= 2;
+    } else if (m_refused.why.isEmpty() && !m_archive->wasBehind()) {
+        m_refused.why = error.cause().toUtf8();
+    } else {
+        for (const auto &file : m_files) {
+            if (file->reader.name() != m_refused.file)
+                continue;
+            const QString trouble = QStringLiteral("%1: the archive does not take row %2 of the table %3: %4")
+                                        .arg(file->reader.path())
+                                        .arg(m_refused.id)
+                                        .arg(m_refused.table, error.cause());
+            file->aside.insert(m_refused.table, {trouble, Clock::now() + asideFor});
+        }
+        m_refused = Refused();
+    }
+    m_haveStreams = false;
 }
 
 Status Shipper::carryOut(const QList<Piece> &pieces)
@@ -288,12 +313,24 @@ Status Shipper::carryOut(const QList<Piece> &pieces)
     const bool anyRows = std::any_of(pieces.begin(), pieces.end(), [](const Piece &piece) { return piece.rows > 0; });
     if (anyRows) {
         if (const Status done = m_archive->ship(pieces); !done) {
-            m_rowRefused = m_archive->isOpen() && m_archive->refusedRow();
+            m_rowRefused = m_archive->isOpen() && (m_archive->refusedRow() ||
+                                                   (m_archive->wasBehind() && m_timesBehind + 1 >= mostTimesBehind));
+            for (const Piece &piece : pieces) {
+                const Stream &stream = *piece.stream;
+                if (m_mostRows > 1 || piece.rows == 0)
+                    continue;
+                if (m_refused.file != stream.file || m_refused.table != stream.table || m_refused.id != piece.last->id)
+                    m_refused = {stream.file, stream.table, piece.last->id, {}};
+            }
             return done;
         }
     }
     for (const Piece &piece : pieces) {
         Stream &stream = *piece.stream;
+        for (const auto &file : m_files) {
+            if (file->reader.name() == stream.file && (piece.rows > 0 || !piece.more))
+                file->aside.remove(stream.table);
+        }
         stream.lastId = piece.lastId;
         m_moved |= piece.rows > 0 || piece.lastId > stream.watermark;
         if (piece.rows > 0) {

@@ -40,6 +40,12 @@ public:
     QString trouble() const;
 
 private:
+    /// A table of which the archive takes no row, not even one without its cells: the others are shipped.
+    struct Aside {
+        QString trouble;
+        Clock::time_point until;
+    };
+
     struct File {
         explicit File(const ConfiguredFile &file) : reader(file) {}
         StoreReader reader;
@@ -51,6 +57,15 @@ private:
         bool isQuiet = false;         ///< Read after that, and nothing is to come.
         bool named = false;           ///< The names of its series are in the archive.
         QMap<QString, qint64> stated; ///< In the file beside it.
+        QMap<QString, Aside> aside;   ///< By their names.
+    };
+
+    /// The row that a batch of one was refused for.
+    struct Refused {
+        QString file;
+        QString table;
+        qint64 id = 0;
+        QByteArray why; ///< Not empty: it is sent without its cells.
     };
 
     struct Round {
@@ -72,6 +87,7 @@ private:
     };
     Result<std::optional<Shared>> lastShared(File &file, const Piece &piece);
     Result<std::optional<qint64>> lastShared(File &file, const Stream &stream, int generation, qint64 upTo);
+    void narrow(const device::Error &error);
     Status carryOut(const QList<Piece> &pieces);
     Status compareEnds(File &file, Stream &stream);
     Stream *streamOf(const File &file, const device_db::Table &table);
@@ -86,7 +102,7 @@ private:
     std::size_t m_first = 0; ///< The file that is looked at first, so that none starves.
     int m_mostRows;          ///< Of a batch: fewer while the archive refuses one of the rows.
     bool m_rowRefused = false;
-    QByteArray m_refusal;  ///< Why it refuses the next row.
+    Refused m_refused;
     int m_timesBehind = 0; ///< One after the other, another shipper was quicker.
     bool m_moved = false;  ///< Since the last report.
     bool m_isTold = false; ///< Which files are written.

@@ -47,12 +47,19 @@ Result<qint64> lastIdOf(const Database &database, const Stream &stream)
     return counter->status().error(); // it has one row
 }
 
+// 0 for none.
+Result<qint64> nextId(const Database &database, const Stream &stream, qint64 after)
+{
+    return database.number("select ifnull(min(ID),0) from " + identifier(stream.table) + " where ID>" +
+                           QByteArray::number(after));
+}
+
 // The next row, of which not all cells are read: those that are too large, or with a refusal none.
 Result<qint64> readByCells(const Database &database, const Stream &stream, qint64 after, const QByteArray &refusal,
                            RowEncoder &encoder)
 {
     const QByteArray table = identifier(stream.table);
-    const auto id = database.number("select min(ID) from " + table + " where ID>" + QByteArray::number(after));
+    const auto id = nextId(database, stream, after);
     if (!id)
         return id;
     QList<RowEncoder::Cell> cells;
@@ -121,7 +128,10 @@ device::Status readNew(const Database &database, Piece &piece, Budget &budget)
         piece.more = piece.lastId > last;
         return {};
     }
-    if (!budget.refusal.isEmpty() && piece.lastId > last) {
+    const auto next = budget.refusal.isEmpty() ? Result<qint64>(0) : nextId(database, stream, last);
+    if (!next)
+        return next.error();
+    if (!budget.refusal.isEmpty() && *next == budget.refused) {
         RowEncoder encoder(stream.kind);
         if (const auto id = readByCells(database, stream, last, budget.refusal, encoder); !id)
             return id.error();

@@ -69,7 +69,8 @@ struct Piece {
 struct Budget {
     int rows = 0;
     qint64 bytes = 0;
-    QByteArray refusal; ///< Not empty: why the archive takes nothing of the one row that is read.
+    QByteArray refusal; ///< Not empty: why the archive takes nothing of the row `refused`.
+    qint64 refused = 0;
 };
 
 /// Gives the rows with IDs above `after` and up to `upTo` to `take`, until that returns false; whether it did. Of a

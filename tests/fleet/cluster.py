@@ -201,7 +201,7 @@ class Archive:
         return self.cluster.sql(self.name, statement, role)
 
     def ship(self, *arguments, check=True):
-        done = subprocess.run([self.program, *arguments], capture_output=True, text=True, check=False)
+        done = subprocess.run([self.program, *arguments], capture_output=True, text=True, check=False, timeout=300)
         if check and done.returncode:
             raise RuntimeError(f"{arguments}: {done.returncode}: {done.stderr}{done.stdout}")
         return done

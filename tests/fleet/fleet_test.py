@@ -611,6 +611,44 @@ class Short(Fleet):
         self.assertEqual(self.archive.sql("select count(*), count(val) from fleet.sample"), [["201", "200"]])
         self.assertIn("check constraint", self.archive.sql("select odd from fleet.sample where id = 101")[0][0])
 
+    def test_a_row_that_the_archive_takes_in_no_form_stops_its_table_alone(self):
+        stores = {"a": self.store("a"), "b": self.store("b")}
+        for store in stores.values():
+            for table in ("T1", "T2"):
+                store.table(table, "sample")
+                store.samples(table, 300)
+        configuration = self.archive.device(1, stores)
+        self.archive.sql("alter table fleet.sample add constraint mine check (id <> 101 or tbl <> 1)")
+        for _ in range(2):
+            done = self.archive.ship("run", "--once", configuration, check=False)
+            self.assertEqual(done.returncode, 3, done.stderr)
+            self.assertIn("a.db: the archive does not take row 101 of the table T1", done.stderr)
+            self.assertIn("mine", self.archive.sql("select trouble from fleet.device")[0][0])
+            self.assertEqual(self.archive.sql("select wm from fleet.mark order by tbl"),
+                             [["100"], ["300"], ["300"], ["300"]])
+        self.archive.sql("alter table fleet.sample drop constraint mine")
+        self.archive.ship("run", "--once", configuration)
+        for name, store in stores.items():
+            for table in ("T1", "T2"):
+                self.check_file(1, store, name, table, "sample")
+        self.assertEqual(self.archive.sql("select count(*) from fleet.sample where odd is not null"), [["0"]])
+
+    def test_rows_that_the_archive_has_above_a_watermark_stop_their_table_alone(self):
+        store = self.store("h")
+        for table in ("T1", "T2"):
+            store.table(table, "sample")
+            store.samples(table, 100)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        store.samples("T2", 100)
+        self.archive.sql("update fleet.mark set wm = 50 where tbl = 1")  # as after a bad repair by hand
+        done = self.archive.ship("run", "--once", configuration, check=False)
+        self.assertEqual(done.returncode, 3, done.stderr)
+        self.assertIn("the archive does not take row 51 of the table T1", done.stderr)
+        self.check_file(1, store, "h", "T1", "sample")
+        self.check_file(1, store, "h", "T2", "sample")
+        self.assertEqual(self.archive.sql("select trouble <> '' from fleet.device"), [["t"]])
+
     def test_a_device_can_do_nothing_else(self):
         stores = {1: self.store("h1"), 2: self.store("h2")}
         for number, store in stores.items():
