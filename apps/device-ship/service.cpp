@@ -19,9 +19,10 @@ namespace
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr milliseconds gather(50);    // commits of this time become one batch
-constexpr milliseconds onceMore(300); // after which a quiet file is read again: a commit may fall between two looks
-constexpr milliseconds disturbed(5);  // the device writes at this moment
+constexpr milliseconds gather(50);       // commits of this time become one batch
+constexpr milliseconds onceMore(300);    // after which a quiet file is read again: a commit may fall between two looks
+constexpr milliseconds disturbed(5);     // the device writes at this moment
+constexpr milliseconds neverStill(1000); // it did so for long
 constexpr seconds betweenReports(10);
 constexpr seconds sign(60); // of life
 constexpr seconds betweenRefreshes(3600);
@@ -59,6 +60,8 @@ Result<bool> shipOnce(const Configuration &configuration)
         if (!shipped)
             return shipped.error();
         more = *shipped;
+        if (more && shipper.wasDisturbed())
+            std::this_thread::sleep_for(disturbed);
     }
     if (const Status reported = shipper.report(); !reported)
         return reported.error();
@@ -109,7 +112,9 @@ void shipAlways(const Configuration &configuration)
         }
         const auto untilReport =
             std::chrono::duration_cast<milliseconds>(reported + (shipper.hasMoved() ? betweenReports : sign) - now);
-        if (waker.wait(quiet ? std::max(milliseconds(1), untilReport) : onceMore)) {
+        if (waker.wait(shipper.wasDisturbed() ? neverStill
+                       : quiet                ? std::max(milliseconds(1), untilReport)
+                                              : onceMore)) {
             std::this_thread::sleep_for(gather);
             shipper.wereWritten(waker.written());
             quiet = false;

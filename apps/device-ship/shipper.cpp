@@ -174,6 +174,8 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
         }
         return {};
     });
+    if (!file.again)
+        file.still = Clock::now();
     file.again = !done || !*done;
     if (!done) {
         file.trouble = device_db::oneLine(done.error());
@@ -183,6 +185,8 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
     }
     if (!*done) {
         file.rows = std::max(leastRead, file.rows / 2);
+        if (Clock::now() - file.still >= StoreReader::patience)
+            file.trouble = device_db::oneLine(file.reader.neverStill());
         file.reader.forgetTables();
         return QList<Piece>();
     }
@@ -221,7 +225,7 @@ Result<std::optional<Shipper::Round>> Shipper::lookAtAll()
             return pieces.error();
         if (m_timesRead != before)
             return std::optional<Round>();
-        bool more = file.again;
+        bool more = file.again && file.trouble.isEmpty();
         for (const Piece &piece : *pieces) {
             const auto goesOn = continues(file, piece);
             if (!goesOn)
@@ -354,6 +358,8 @@ Status Shipper::carryOut(const QList<Piece> &pieces)
         stream.seen = Clock::now();
     }
     for (const auto &file : m_files) {
+        if (file->again || !file->trouble.isEmpty())
+            continue;
         for (const device_db::Table &table : file->reader.tables()) {
             Stream *const stream = streamOf(*file, table);
             if (stream && stream->kind == Kind::Alarms && !stream->endsCompared) {
@@ -445,8 +451,10 @@ Status Shipper::report()
     }
     if (!m_archive)
         return {};
-    if (const Status done = m_archive->report(read, trouble()); !done)
+    const QString now = trouble();
+    if (const Status done = m_archive->report(read, now); !done)
         return failed(done.error());
+    m_reportedTrouble = now;
     return {};
 }
 

@@ -27,7 +27,8 @@ public:
     Status report();
     /// A file could not be read because the device wrote into it.
     bool wasDisturbed() const;
-    bool hasMoved() const { return m_moved; } ///< There is something to report.
+    /// There is something to report.
+    bool hasMoved() const { return m_moved || trouble() != m_reportedTrouble; }
     /// These were written a moment ago. From the first call on, a file at which nobody writes is not looked at again
     /// once it was looked at for long enough after that: commits may come a little later than what announces them.
     void wereWritten(const QStringList &paths);
@@ -53,6 +54,7 @@ private:
         QString statementTrouble;
         int rows = 2000;              ///< What a read may take: less while reads are disturbed.
         bool again = false;           ///< The last read was disturbed.
+        Clock::time_point still;      ///< When one last was not, or the first one was.
         Clock::time_point written;    ///< As far as anybody said.
         bool isQuiet = false;         ///< Read after that, and nothing is to come.
         bool named = false;           ///< The names of its series are in the archive.
@@ -104,6 +106,7 @@ private:
     bool m_rowRefused = false;
     Refused m_refused;
     int m_timesBehind = 0; ///< One after the other, another shipper was quicker.
+    QString m_reportedTrouble;
     bool m_moved = false;  ///< Since the last report.
     bool m_isTold = false; ///< Which files are written.
 };

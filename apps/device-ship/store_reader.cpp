@@ -4,7 +4,6 @@
 #include "row_encoder.h"
 #include "storefile/unlocked_read.h"
 
-#include <chrono>
 #include <thread>
 
 #include <sqlite3.h>
@@ -27,7 +26,7 @@ Result<bool> StoreReader::tryRead(const std::function<Status(const Database &)> 
 Status StoreReader::read(const std::function<Status(const Database &)> &read)
 {
     using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    const auto deadline = Clock::now() + patience;
     for (;;) {
         const auto done = tryRead(read);
         if (!done)
@@ -35,10 +34,15 @@ Status StoreReader::read(const std::function<Status(const Database &)> &read)
         if (*done)
             return {};
         if (Clock::now() > deadline)
-            return device_db::failure(m_file.path, QStringLiteral("it is written without a pause; it is read again "
-                                                                  "later"));
+            return neverStill();
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+}
+
+device::Error StoreReader::neverStill() const
+{
+    return device_db::failure(m_file.path, QStringLiteral("it is written without a pause, or held locked; it is read "
+                                                          "again later"));
 }
 
 Result<bool> StoreReader::tablesChanged(const Database &database)

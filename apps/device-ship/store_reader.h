@@ -7,6 +7,7 @@
 
 #include <QMap>
 
+#include <chrono>
 #include <functional>
 #include <optional>
 
@@ -35,6 +36,9 @@ public:
     device::Status read(const std::function<device::Status(const device_db::Database &)> &read);
     /// The same, once; false if the device has written in the meantime.
     device::Result<bool> tryRead(const std::function<device::Status(const device_db::Database &)> &read);
+    /// What to say of a file at which that was tried in vain for `patience`.
+    device::Error neverStill() const;
+    static constexpr std::chrono::seconds patience{10};
 
     /// The tables with records, as they were read last.
     const QList<device_db::Table> &tables() const { return m_tables; }

@@ -557,6 +557,39 @@ class Short(Fleet):
         self.until(lambda: through("quiet", 2), "the new one")
         self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (4, []))
 
+    def test_a_file_that_is_never_still_is_told(self):
+        for held in ("locking_mode=exclusive", "begin immediate"):
+            with self.subTest(held):
+                device = self.archive.sql("select count(*) + 1 from fleet.device")[0][0]
+                stores = {name: self.store(f"{name}{device}") for name in ("held", "other")}
+                if held.startswith("locking"):
+                    stores["held"].run(f"pragma {held}")
+                for store in stores.values():
+                    store.table("T1", "sample")
+                    store.samples("T1", 10)
+                if held.startswith("begin"):
+                    stores["held"].run("pragma cache_size=1")
+                    stores["held"].run(held)
+                    stores["held"].run("insert into T1 values(NULL,'2024-05-06 07:08:09',hex(zeroblob(5000)))")
+                configuration = self.archive.device(device, stores)
+                done = self.archive.ship("run", "--once", configuration, check=False)
+                self.assertEqual(done.returncode, 3)
+                self.assertIn(f"held{device}.db: it is written without a pause, or held locked", done.stderr)
+                self.check_file(device, stores["other"], "other", "T1", "sample")
+                trouble = f"select trouble like '%held locked%' from fleet.device where device = {device}"
+                self.assertEqual(self.archive.sql(trouble), [["t"]])
+                self.archive.sql(f"update fleet.device set trouble = '' where device = {device}")
+                service = self.start(configuration)
+                self.until(lambda: self.archive.sql(trouble) == [["t"]], "the service says so")
+                if held.startswith("begin"):
+                    stores["held"].run("commit")
+                stores["held"].close()
+                # The other file waits for nobody.
+                self.until(lambda: self.archive.sql(f"select count(*) from fleet.mark where device = {device} "
+                                                    "and wm > 0") == [["2"]], "it is shipped")
+                self.until(lambda: self.archive.sql(trouble) == [["f"]], "all is well again")
+                service.kill()
+
     def test_cells_that_postgresql_cannot_hold(self):
         store = self.store("h")
         store.table("T1", "sample")
