@@ -2,6 +2,7 @@
 #include "shipper.h"
 
 #include "shipped_statement.h"
+#include "storefile/texts.h"
 
 #include <QFileInfo>
 
@@ -39,7 +40,7 @@ QString Shipper::trouble() const
 {
     QStringList all;
     for (const auto &file : m_files) {
-        for (const QString &trouble : {file->trouble, file->statementTrouble}) {
+        for (const QString &trouble : {file->trouble, file->tablesTrouble, file->statementTrouble}) {
             if (!trouble.isEmpty())
                 all << trouble;
         }
@@ -100,6 +101,14 @@ Stream *Shipper::streamOf(const File &file, const device_db::Table &table)
         return stream->file == file.reader.name() && stream->table == table.name && stream->kind == table.kind;
     });
     return found == m_streams.end() ? nullptr : found->get();
+}
+
+QString Shipper::troubleOfTables(const File &file) const
+{
+    if (file.reader.keyless().isEmpty())
+        return {};
+    return QStringLiteral("%1: not shipped, because ID is no INTEGER PRIMARY KEY there: %2")
+        .arg(file.reader.path(), device_db::someOf(file.reader.keyless()));
 }
 
 Status Shipper::enrolNew(File &file)
@@ -196,6 +205,8 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
     if (left.rows == 0)
         file.rows = std::min(mostRowsOfFile, file.rows * 2);
     file.named &= !changed;
+    if (changed)
+        file.tablesTrouble = troubleOfTables(file);
     if (const Status enrolled = enrolNew(file); !enrolled)
         return enrolled.error();
     if (!file.named) {

@@ -52,6 +52,7 @@ private:
         StoreReader reader;
         QString trouble;
         QString statementTrouble;
+        QString tablesTrouble;
         int rows = 2000;              ///< What a read may take: less while reads are disturbed.
         bool again = false;           ///< The last read was disturbed.
         Clock::time_point still;      ///< When one last was not, or the first one was.
@@ -79,6 +80,7 @@ private:
     Result<std::optional<Round>> lookAtAll();
     Result<bool> shipRound();
     Result<QList<Piece>> look(File &file, Budget &budget);
+    QString troubleOfTables(const File &file) const;
     Status enrolNew(File &file);
     Status describe(File &file);
     Result<bool> continues(File &file, const Piece &piece);

@@ -42,6 +42,8 @@ public:
 
     /// The tables with records, as they were read last.
     const QList<device_db::Table> &tables() const { return m_tables; }
+    /// Those that look like ones, but their IDs are no keys: rows could not be told apart.
+    const QStringList &keyless() const { return m_keyless; }
     /// Reads them anew if they may have changed; for use within a read.
     device::Result<bool> tablesChanged(const device_db::Database &database);
     /// The tables may be others: they are read anew the next time.
@@ -52,6 +54,7 @@ public:
 private:
     const ConfiguredFile m_file;
     QList<device_db::Table> m_tables;
+    QStringList m_keyless;
     QByteArray m_version; ///< Of the schema and of the list of the series.
 };
 

@@ -682,6 +682,32 @@ class Short(Fleet):
         self.check_file(1, store, "h", "T2", "sample")
         self.assertEqual(self.archive.sql("select trouble <> '' from fleet.device"), [["t"]])
 
+    def test_a_table_whose_id_is_no_key_is_told_and_not_shipped(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 100)
+        for name, ddl in (("Copy", "as select * from T1"),
+                          ("Descending", "(ID integer primary key desc,DATETIME dateTime,Value text)"),
+                          ("Rowless", "(ID integer primary key,DATETIME dateTime,Value text) without rowid"),
+                          ("Two", "(ID integer,DATETIME dateTime,Value text, primary key(ID, Value))")):
+            store.run(f"create table {name} {ddl}")
+        store.run("insert into Copy select * from T1")  # by hand, once more
+        store.run("create table Plain(ID integer primary key,DATETIME dateTime,Value text)")
+        store.run("insert into Plain select * from T1")
+        configuration = self.archive.device(1, {"h": store})
+        for _ in range(2):
+            done = self.archive.ship("run", "--once", configuration, check=False)
+            self.assertEqual(done.returncode, 3, done.stderr)
+            self.assertIn("h.db: not shipped, because ID is no INTEGER PRIMARY KEY there: Copy, Descending, Rowless, "
+                          "Two", done.stderr)
+            self.assertEqual(self.archive.sql("select name, wm from fleet.source join fleet.mark using (tbl) "
+                                              "order by tbl"), [["Plain", "100"], ["T1", "100"]])
+        self.assertIn("Copy", self.archive.sql("select trouble from fleet.device")[0][0])
+        for table in ("Copy", "Descending", "Rowless", "Two"):
+            store.run(f"drop table {table}")
+        self.archive.ship("run", "--once", configuration)
+        self.check_file(1, store, "h", "T1", "sample")
+
     def test_a_device_can_do_nothing_else(self):
         stores = {1: self.store("h1"), 2: self.store("h2")}
         for number, store in stores.items():
