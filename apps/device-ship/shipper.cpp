@@ -28,6 +28,14 @@ constexpr std::chrono::minutes asideFor(1);
 constexpr std::chrono::milliseconds announced(300); // before its commit can be seen, at most
 constexpr double highestInJson = 9007199254740992.0;
 
+QStringList namesOf(const QList<device_db::Table> &tables)
+{
+    QStringList names;
+    for (const device_db::Table &table : tables)
+        names << table.name;
+    return names;
+}
+
 } // namespace
 
 Shipper::Shipper(Configuration configuration) : m_configuration(std::move(configuration)), m_mostRows(mostRows)
@@ -105,10 +113,21 @@ Stream *Shipper::streamOf(const File &file, const device_db::Table &table)
 
 QString Shipper::troubleOfTables(const File &file) const
 {
-    if (file.reader.keyless().isEmpty())
-        return {};
-    return QStringLiteral("%1: not shipped, because ID is no INTEGER PRIMARY KEY there: %2")
-        .arg(file.reader.path(), device_db::someOf(file.reader.keyless()));
+    QStringList all;
+    if (!file.reader.keyless().isEmpty())
+        all << QStringLiteral("%1: not shipped, because ID is no INTEGER PRIMARY KEY there: %2")
+                   .arg(file.reader.path(), device_db::someOf(file.reader.keyless()));
+    const QStringList there = file.reader.keyless() + namesOf(file.reader.tables());
+    const QSet<QString> known(there.begin(), there.end());
+    QStringList gone;
+    for (const auto &stream : m_streams) {
+        if (stream->file == file.reader.name() && !known.contains(stream->table))
+            gone << stream->table;
+    }
+    if (!gone.isEmpty())
+        all << QStringLiteral("%1: shipped until now, and gone or with other columns: %2")
+                   .arg(file.reader.path(), device_db::someOf(gone));
+    return all.join(QLatin1String("; "));
 }
 
 Status Shipper::enrolNew(File &file)
@@ -205,10 +224,12 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
     if (left.rows == 0)
         file.rows = std::min(mostRowsOfFile, file.rows * 2);
     file.named &= !changed;
-    if (changed)
-        file.tablesTrouble = troubleOfTables(file);
     if (const Status enrolled = enrolNew(file); !enrolled)
         return enrolled.error();
+    if (changed || file.judged != m_timesRead) {
+        file.tablesTrouble = troubleOfTables(file);
+        file.judged = m_timesRead;
+    }
     if (!file.named) {
         if (const Status named = describe(file); !named)
             return named.error();

@@ -53,6 +53,7 @@ private:
         QString trouble;
         QString statementTrouble;
         QString tablesTrouble;
+        quint64 judged = 0;           ///< By the streams as they were read then.
         int rows = 2000;              ///< What a read may take: less while reads are disturbed.
         bool again = false;           ///< The last read was disturbed.
         Clock::time_point still;      ///< When one last was not, or the first one was.

@@ -5,6 +5,7 @@
 #include "store_reader.h"
 #include "storefile/texts.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace device_ship
@@ -141,12 +142,17 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
         if (!looked)
             return looked.error();
         for (const Stream &stream : *streams) {
-            const bool isThere =
-                std::any_of(file.tables().begin(), file.tables().end(), [&](const device_db::Table &table) {
-                    return table.name == stream.table && table.kind == stream.kind;
-                });
-            if (stream.file != configured.name || !isThere)
+            if (stream.file != configured.name)
                 continue;
+            const auto named = std::find_if(file.tables().begin(), file.tables().end(),
+                                            [&](const device_db::Table &table) { return table.name == stream.table; });
+            if (named == file.tables().end()) {
+                std::printf("%s %s: gone from the file, or with other columns there\n",
+                            configured.name.toUtf8().constData(), stream.table.toUtf8().constData());
+                equal = false;
+            }
+            if (named == file.tables().end() || named->kind != stream.kind)
+                continue; // another kind of table has its name: another stream
             const auto found = compare(*archive, file, stream, configuration.device, owner);
             if (!found)
                 return found.error();

@@ -708,6 +708,44 @@ class Short(Fleet):
         self.archive.ship("run", "--once", configuration)
         self.check_file(1, store, "h", "T1", "sample")
 
+    def test_a_table_that_is_gone_is_told(self):
+        stores = {"a": self.store("a"), "b": self.store("b"), "c": self.store("c")}
+        for name, store in stores.items():
+            for table in ("T1", "T2", "T3"):
+                store.table(table, "sample")
+                store.samples(table, 10)
+        configuration = self.archive.device(1, stores)
+        self.archive.ship("run", "--once", configuration)
+        stores["a"].run("alter table T1 add column more text")
+        stores["a"].run("alter table T2 rename column Value to Number")
+        stores["a"].run("drop table T3")
+        stores["b"].close()
+        os.truncate(stores["b"].path, 0)
+        stores["c"].samples("T1", 5)
+        for _ in range(2):
+            done = self.archive.ship("run", "--once", configuration, check=False)
+            self.assertEqual(done.returncode, 3, done.stderr)
+            for name in ("a", "b"):
+                self.assertIn(f"{name}.db: shipped until now, and gone or with other columns: T1, T2, T3", done.stderr)
+            self.assertIn("gone", self.archive.sql("select trouble from fleet.device")[0][0])
+            done = self.archive.ship("verify", configuration, check=False)
+            self.assertEqual(done.returncode, 3, done.stderr)
+            self.assertEqual(done.stdout.splitlines(),
+                             [f"{name} T{i}: gone from the file, or with other columns there" for name in "ab"
+                              for i in (1, 2, 3)] +
+                             [f"c T{i}: {n} rows compared, all equal" for i, n in ((1, 15), (2, 10), (3, 10))])
+        # For good; one of them comes back.
+        self.archive.sql("update fleet.source set retired = true where file = 'b' or name > 'T1'")
+        stores["a"].run("alter table T1 drop column more")
+        self.archive.ship("run", "--once", configuration)
+        self.archive.ship("verify", configuration)
+        stores["a"].table("T3", "sample")
+        stores["a"].samples("T3", 20)
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql("select gen, wm from fleet.source join fleet.mark using (device, tbl) "
+                                          "where (file, name) in (('a', 'T3'), ('c', 'T3')) order by file"),
+                         [["2", "20"], ["1", "10"]])
+
     def test_a_device_can_do_nothing_else(self):
         stores = {1: self.store("h1"), 2: self.store("h2")}
         for number, store in stores.items():

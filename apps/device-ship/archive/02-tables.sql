@@ -33,6 +33,7 @@ create table fleet.source (
     title text not null default '',
     unit text not null default '',
     description text not null default '',
+    retired boolean not null default false, -- the file has it no more, as people said: nobody asks for it
     primary key (device, tbl),
     unique (device, file, name, kind)
 );

@@ -32,7 +32,7 @@ returns table (tbl smallint, file text, name text, kind text, gen smallint, wm b
 language sql stable security definer set search_path = fleet, pg_temp as $$
     select s.tbl, s.file, s.name, s.kind, m.gen, m.wm, g.after
     from source s join mark m using (device, tbl) join generation g using (device, tbl, gen)
-    where s.device = me() order by s.tbl
+    where s.device = me() and not s.retired order by s.tbl
 $$;
 
 -- A new stream; its number.
@@ -45,6 +45,7 @@ begin
     select tbl into number from source where device = me() and file = its_file and name = its_name
         and kind = its_kind;
     if found then
+        update source set retired = false where device = me() and tbl = number; -- it is back
         return number;
     end if;
     select coalesce(max(tbl), 0) + 1 into number from source where device = me();
