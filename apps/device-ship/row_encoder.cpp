@@ -296,10 +296,16 @@ qint64 RowEncoder::digest() const
 
 RowEncoder::End RowEncoder::readEnd(const Statement &row, int dateColumn, int timeColumn)
 {
+    const auto cell = [&row](int column) { return Cell{row.type(column), row.cell(column), -1, {}}; };
+    return readEnd(cell(dateColumn), cell(timeColumn));
+}
+
+RowEncoder::End RowEncoder::readEnd(const Cell &date, const Cell &time)
+{
     RowEncoder encoder(Kind::Alarms);
     encoder.begin(0);
-    encoder.take(device_db::AlarmEndDate, row.type(dateColumn), row.bytes(dateColumn));
-    encoder.take(device_db::AlarmEndTime, row.type(timeColumn), row.bytes(timeColumn));
+    encoder.take(device_db::AlarmEndDate, date);
+    encoder.take(device_db::AlarmEndTime, time);
     encoder.finish();
     const auto copy = [](std::string_view text) {
         return text.data() ? QByteArray(text.data(), int(text.size())) : QByteArray();

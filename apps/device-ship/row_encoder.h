@@ -60,6 +60,7 @@ public:
     };
     /// EndDate and EndTime of an alarm, at two columns of a row.
     static End readEnd(const device_db::Statement &row, int dateColumn, int timeColumn);
+    static End readEnd(const Cell &date, const Cell &time);
 
     static const char *tableOf(device_db::Kind kind);   ///< "sample", "alarm" or "log".
     static const char *columnsOf(device_db::Kind kind); ///< In the order of appendTo().

@@ -54,33 +54,41 @@ Result<qint64> nextId(const Database &database, const Stream &stream, qint64 aft
                            QByteArray::number(after));
 }
 
+// A cell that is too large, or refused, is given by its size.
+Result<RowEncoder::Cell> readCell(const Database &database, const Stream &stream, const char *column, qint64 id,
+                                  const QByteArray &refusal)
+{
+    auto row = database.prepare(QByteArray("select ") + column + " from " + identifier(stream.table) +
+                                " where ID=" + QByteArray::number(id));
+    if (!row)
+        return row.error();
+    if (row->step()) {
+        const QByteArray cell = row->cell(0);
+        return RowEncoder::Cell{row->type(0), cell, refusal.isEmpty() ? -1 : qint64(cell.size()), refusal};
+    }
+    if (const auto status = row->status(); !status && !row->wasTooBig())
+        return status.error();
+    sqlite3_blob *blob = nullptr;
+    const int code =
+        sqlite3_blob_open(database.handle(), "main", stream.table.toUtf8().constData(), column, id, 0, &blob);
+    const qint64 size = code == SQLITE_OK ? sqlite3_blob_bytes(blob) : 0;
+    sqlite3_blob_close(blob);
+    return RowEncoder::Cell{0, {}, size, "larger than " + QByteArray::number(largestCell) + " bytes"};
+}
+
 // The next row, of which not all cells are read: those that are too large, or with a refusal none.
 Result<qint64> readByCells(const Database &database, const Stream &stream, qint64 after, const QByteArray &refusal,
                            RowEncoder &encoder)
 {
-    const QByteArray table = identifier(stream.table);
     const auto id = nextId(database, stream, after);
     if (!id)
         return id;
     QList<RowEncoder::Cell> cells;
     for (const device_db::KnownColumn &column : device_db::columnsOf(stream.kind)) {
-        auto row = database.prepare(QByteArray("select ") + column.name + " from " + table +
-                                    " where ID=" + QByteArray::number(*id));
-        if (!row)
-            return row.error();
-        if (row->step()) {
-            const QByteArray cell = row->cell(0);
-            cells.append({row->type(0), cell, refusal.isEmpty() ? -1 : qint64(cell.size()), refusal});
-            continue;
-        }
-        if (const auto status = row->status(); !status && !row->wasTooBig())
-            return status.error();
-        sqlite3_blob *blob = nullptr;
-        const int code =
-            sqlite3_blob_open(database.handle(), "main", stream.table.toUtf8().constData(), column.name, *id, 0, &blob);
-        const qint64 size = code == SQLITE_OK ? sqlite3_blob_bytes(blob) : 0;
-        sqlite3_blob_close(blob);
-        cells.append({0, {}, size, "larger than " + QByteArray::number(largestCell) + " bytes"});
+        const auto cell = readCell(database, stream, column.name, *id, refusal);
+        if (!cell)
+            return cell.error();
+        cells << *cell;
     }
     encoder.read(*id, std::move(cells));
     return id;
@@ -153,6 +161,17 @@ device::Status readNew(const Database &database, Piece &piece, Budget &budget)
     return {};
 }
 
+Result<RowEncoder::End> readEndByCells(const Database &database, const Stream &stream, qint64 id)
+{
+    const auto date = readCell(database, stream, "EndDate", id, {});
+    if (!date)
+        return date.error();
+    const auto time = readCell(database, stream, "EndTime", id, {});
+    if (!time)
+        return time.error();
+    return RowEncoder::readEnd(*date, *time);
+}
+
 device::Status readActive(const Database &database, Piece &piece)
 {
     const Stream &stream = *piece.stream;
@@ -162,13 +181,20 @@ device::Status readActive(const Database &database, Piece &piece)
     for (const qint64 id : stream.active) {
         row->reset();
         row->bind(1, id);
-        if (!row->step()) {
-            if (const auto status = row->status(); !status)
-                return status;
+        RowEncoder::End end;
+        if (row->step()) {
+            end = RowEncoder::readEnd(*row, 0, 1);
+        } else if (row->wasTooBig()) {
+            const auto read = readEndByCells(database, stream, id);
+            if (!read)
+                return read.error();
+            end = *read;
+        } else if (const auto status = row->status(); !status) {
+            return status;
+        } else {
             piece.gone << id;
             continue;
         }
-        const RowEncoder::End end = RowEncoder::readEnd(*row, 0, 1);
         if (!(end == RowEncoder::End{"", "", {}}))
             piece.ends.append({id, end});
     }
@@ -256,15 +282,29 @@ Result<QList<AlarmEnd>> readEnds(const Database &database, const Stream &stream,
                                  " where ID>?1 and ID<=?2 order by ID limit ?3");
     if (!rows)
         return rows.error();
-    rows->bind(1, after);
-    rows->bind(2, stream.watermark);
-    rows->bind(3, qint64(mostEnds));
     QList<AlarmEnd> ends;
-    while (rows->step())
-        ends.append({rows->number(0), RowEncoder::readEnd(*rows, 1, 2)});
-    if (const auto status = rows->status(); !status)
-        return status.error();
-    return ends;
+    for (;;) {
+        rows->reset();
+        rows->bind(1, after);
+        rows->bind(2, stream.watermark);
+        rows->bind(3, qint64(mostEnds));
+        while (rows->step())
+            ends.append({rows->number(0), RowEncoder::readEnd(*rows, 1, 2)});
+        if (!rows->wasTooBig()) {
+            const auto status = rows->status();
+            return status ? Result<QList<AlarmEnd>>(ends) : status.error();
+        }
+        const auto id = nextId(database, stream, ends.isEmpty() ? after : ends.last().id);
+        if (!id)
+            return id.error();
+        const auto end = readEndByCells(database, stream, *id);
+        if (!end)
+            return end.error();
+        ends.append({*id, *end});
+        after = *id;
+        if (ends.size() >= mostEnds)
+            return ends;
+    }
 }
 
 } // namespace device_ship

@@ -632,6 +632,33 @@ class Short(Fleet):
                          [["before", None], [None, "100000000"], ["between", None], [None, "6000000"], ["after", None]])
         self.assertIn("5 rows compared, all equal", self.archive.ship("verify", configuration).stdout)
 
+    def test_an_end_that_is_too_large_is_recorded_as_refused(self):
+        store = self.store("a")
+        store.table("AlarmData", "alarm")
+        store.table("T1", "sample")
+        configuration = self.archive.device(1, {"a": store})
+        store.add("AlarmData", [alarm(i) for i in range(4)])
+        self.archive.ship("run", "--once", configuration)
+        end = "update AlarmData set EndDate = ?, EndTime = ? where ID = ?"
+        large = "x" * 5000000
+        store.run(end, (large, "08:00:00", 2))
+        store.run(end, ("2024/05/06", "08:00:00", 3))
+        store.samples("T1", 10)
+        found = "select id, end_date, end_time, end_odd->'EndDate'->>'size' from fleet.alarm order by id"
+        for _ in range(2):  # the second compares all ends
+            self.archive.ship("run", "--once", configuration)
+            self.assertEqual(self.archive.sql(found),
+                             [["1", "", "", None], ["2", None, "08:00:00", "5000000"],
+                              ["3", "2024/05/06", "08:00:00", None], ["4", "", "", None]])
+        self.check_file(1, store, "a", "T1", "sample")
+        store.run(end, (large, large, 1))
+        store.run(end, ("2024/05/07", large, 3))
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql(found),
+                         [["1", None, None, "5000000"], ["2", None, "08:00:00", "5000000"],
+                          ["3", "2024/05/07", None, None], ["4", "", "", None]])
+        self.assertIn("4 rows compared, all equal", self.archive.ship("verify", configuration).stdout)
+
     def test_a_row_that_the_archive_refuses_does_not_stop_the_others(self):
         store = self.store("h")
         store.table("T1", "sample")
