@@ -30,6 +30,7 @@ struct Found {
     QList<qint64> missing;
     qint64 repaired = 0;
     qint64 dropped = 0; ///< The archive no longer keeps their month.
+    qint64 waiting = 0; ///< To be shipped.
 };
 
 Result<Range> readRange(StoreReader &file, const Stream &stream, qint64 after)
@@ -65,6 +66,20 @@ Result<qint64> repair(ArchiveConnection &owner, int device, const Stream &stream
     return qint64(lines.count('\n'));
 }
 
+Result<qint64> waitingRows(StoreReader &file, const QString &table, qint64 watermark)
+{
+    qint64 rows = 0;
+    const Status read = file.read([&](const Database &database) -> Status {
+        const auto found = database.number("select count(*) from " + device_db::identifier(table) + " where ID>" +
+                                           QByteArray::number(watermark));
+        if (!found)
+            return found.error();
+        rows = *found;
+        return {};
+    });
+    return read ? Result<qint64>(rows) : read.error();
+}
+
 Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &stream, int device,
                       ArchiveConnection *owner)
 {
@@ -78,7 +93,7 @@ Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &s
         if (!range)
             return range.error();
         if (range->rows.isEmpty())
-            return found;
+            break;
         found.rows += range->rows.size();
         after = range->rows.last().id;
         const auto archived = archive.rangeDigest(stream, range->rows.first().id, after);
@@ -107,11 +122,16 @@ Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &s
             return repaired.error();
         found.repaired += *repaired;
     }
+    const auto waiting = waitingRows(file, stream.table, stream.watermark);
+    if (!waiting)
+        return waiting.error();
+    found.waiting = *waiting;
+    return found;
 }
 
-QByteArray counted(const QList<qint64> &ids, const char *one, const char *more)
+QByteArray counted(qint64 rows, const char *one, const char *more)
 {
-    return device_db::rowsText(ids.size()).toUtf8() + ' ' + (ids.size() == 1 ? one : more);
+    return device_db::rowsText(rows).toUtf8() + ' ' + (rows == 1 ? one : more);
 }
 
 QByteArray listed(const QList<qint64> &ids)
@@ -161,10 +181,10 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
             std::printf("%s %s: %s compared", configured.name.toUtf8().constData(), stream.table.toUtf8().constData(),
                         device_db::rowsText(found->rows - found->dropped).toUtf8().constData());
             if (!found->different.isEmpty())
-                std::printf(", %s (ID %s)", counted(found->different, "differs", "differ").constData(),
+                std::printf(", %s (ID %s)", counted(found->different.size(), "differs", "differ").constData(),
                             listed(found->different).constData());
             if (!found->missing.isEmpty())
-                std::printf(", %s (ID %s)", counted(found->missing, "missing", "missing").constData(),
+                std::printf(", %s (ID %s)", counted(found->missing.size(), "missing", "missing").constData(),
                             listed(found->missing).constData());
             if (found->repaired)
                 std::printf(", %lld put right", static_cast<long long>(found->repaired));
@@ -173,7 +193,21 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
             if (found->dropped)
                 std::printf("; %s the archive no longer keeps",
                             device_db::rowsText(found->dropped).toUtf8().constData());
+            if (found->waiting)
+                std::printf(", %s to be shipped", counted(found->waiting, "waits", "wait").constData());
             std::printf("\n");
+        }
+        for (const device_db::Table &table : file.tables()) {
+            const bool isKnown = std::any_of(streams->begin(), streams->end(), [&](const Stream &stream) {
+                return stream.file == configured.name && stream.table == table.name && stream.kind == table.kind;
+            });
+            if (isKnown)
+                continue;
+            const auto waiting = waitingRows(file, table.name, 0);
+            if (!waiting)
+                return waiting.error();
+            std::printf("%s %s: not known to the archive, %s to be shipped\n", configured.name.toUtf8().constData(),
+                        table.name.toUtf8().constData(), counted(*waiting, "waits", "wait").constData());
         }
     }
     return equal;

@@ -833,6 +833,17 @@ class Short(Fleet):
         self.assertEqual(len(self.archive.sql("select * from fleet.damaged_batches(1)")), 2)
         self.archive.ship("verify", configuration, "--repair-as", self.cluster.conninfo(self.archive.name))
         self.check_file(1, store, "h", "T1", "sample")
+        store.samples("T1", 10)
+        store.table("T2", "sample")
+        self.archive.ship("run", "--once", configuration)
+        store.samples("T1", 20)
+        store.samples("T2", 1)
+        store.table("T3", "sample")
+        store.samples("T3", 30)
+        self.assertEqual(self.archive.ship("verify", configuration).stdout,
+                         "h T1: 9,010 rows compared, all equal, 20 rows wait to be shipped\n"
+                         "h T2: 0 rows compared, all equal, 1 row waits to be shipped\n"
+                         "h T3: not known to the archive, 30 rows wait to be shipped\n")
         self.assertEqual(self.archive.sql("select * from fleet.damaged_batches(1)"), [])
         self.assertIn("all equal", self.archive.ship("verify", configuration).stdout)
 
