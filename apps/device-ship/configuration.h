@@ -8,6 +8,8 @@
 #include <QMap>
 #include <QString>
 
+#include <optional>
+
 namespace device_ship
 {
 
@@ -26,6 +28,9 @@ struct Configuration {
 
 /// Reads a configuration file; the Error names the key.
 device::Result<Configuration> readConfiguration(const QString &path);
+
+/// A device's number as its role has it, in decimal digits without a zero before them.
+std::optional<int> deviceNumber(const QString &text);
 
 /// The first line of a file with a password.
 device::Result<QByteArray> passwordFrom(const QString &path);

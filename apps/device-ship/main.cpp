@@ -31,7 +31,7 @@ struct Options {
     std::string archive;
     std::string configuration;
     bool once = false;
-    int device = 0;
+    std::string device;
     std::string name;
     std::string passwordFile;
     std::string repairAs;
@@ -64,10 +64,11 @@ Result<int> runAddDevice(const Options &options)
     auto archive = archiveOf(options.archive);
     if (!archive)
         return archive.error();
-    const auto done = addDevice(*archive, options.device, QString::fromStdString(options.name), password);
+    const int number = *deviceNumber(QString::fromStdString(options.device));
+    const auto done = addDevice(*archive, number, QString::fromStdString(options.name), password);
     if (!done)
         return done.error();
-    std::printf("device %d connects as dev_%d\n", options.device, options.device);
+    std::printf("device %d connects as dev_%d\n", number, number);
     return 0;
 }
 
@@ -142,8 +143,10 @@ int main(int argc, char **argv)
 
     addArchive(add("init", "Make the archive in a database, or bring it up to date", runInit));
     CLI::App *const device = add("add-device", "Make a device and its role", runAddDevice);
-    device->add_option("NUMBER", options.device, "The device's number")->required()->check(CLI::NonNegativeNumber);
-    device->add_option("--name", options.name, "What people call it");
+    device->add_option("NUMBER", options.device, "The device's number")->required()->check([](const std::string &text) {
+        return deviceNumber(QString::fromStdString(text)) ? std::string() : text + " is no number of a device";
+    });
+    device->add_option("--name", options.name, "What people call it; kept where it is left out");
     device->add_option("--password-file", options.passwordFile, "A file whose first line is the role's password");
     addArchive(device);
     CLI::App *const run = add("run", "Ship the rows of a device, for ever or once", runRun);

@@ -75,10 +75,9 @@ Status addDevice(ArchiveConnection &archive, int number, const QString &name, co
         (void)archive.query("rollback");
         return made.error();
     }
-    const QByteArray utf8 = name.toUtf8();
     const auto listed = archive.query("insert into fleet.device (device, name) values ($1, $2) "
-                                      "on conflict (device) do update set name = excluded.name",
-                                      {QByteArray::number(number), utf8.isNull() ? QByteArray("") : utf8});
+                                      "on conflict (device) do update set name = coalesce(nullif($2, ''), device.name)",
+                                      {QByteArray::number(number), name.toUtf8().append("")});
     const auto done = archive.query(listed ? "commit" : "rollback");
     if (!listed)
         return listed.error();

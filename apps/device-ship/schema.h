@@ -17,8 +17,8 @@ int schemaVersion();
 /// Makes the archive in a database, or brings it up to date: in one transaction. The former version, 0 for none.
 Result<int> initialise(ArchiveConnection &archive);
 
-/// Makes a device and its role, or gives both another name and password. An empty password: the server knows the role
-/// by other means.
+/// Makes a device and its role, or gives both another name and password. An empty name: the former one. An empty
+/// password: that, or the server knows the role by other means.
 Status addDevice(ArchiveConnection &archive, int number, const QString &name, const QByteArray &password);
 
 } // namespace device_ship

@@ -13,6 +13,7 @@ import socket
 import sqlite3
 import subprocess
 import tempfile
+from urllib.parse import quote
 
 PASSWORD = "a password with 'quotes' and \\"
 
@@ -142,7 +143,7 @@ class File:
 
 def rows_of(path, table, kind):
     """The rows of a file by their IDs; cells as the archive's cells() gives them."""
-    connection = sqlite3.connect(f"file:{path}?mode=ro", uri=True)
+    connection = sqlite3.connect(f"file:{quote(path)}?mode=ro", uri=True)
     connection.text_factory = bytes
     names = COLUMNS[kind][1:]
     found = {}

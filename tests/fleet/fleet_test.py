@@ -989,6 +989,70 @@ class Short(Fleet):
                 self.assertNotIn("secret", done.stderr)
 
 
+    def test_a_configuration_is_taken_as_it_is_written(self):
+        odd = os.path.join(self.archive.folder, 'a ; b " c \\ d, e = #f')
+        os.mkdir(odd)
+        stores = {name: self.store(os.path.join(odd, name.replace("/", "-")))
+                  for name in ("line1/history", "h 2 \u00b5")}
+        for store in stores.values():
+            store.table("T1", "sample")
+            store.samples("T1", 10)
+        self.archive.ship("run", "--once", self.archive.device(1, stores))
+        for name, store in stores.items():
+            self.check_file(1, store, name, "T1", "sample")
+
+    def test_what_a_configuration_must_not_have(self):
+        path = os.path.join(self.archive.folder, "wrong.conf")
+        good = ("[archive]\nconninfo=host=/nowhere dbname=x\n# and\n\n[device]\nnumber=1\nzone=UTC\n"
+                "[files]\nh=/h.db\n")
+        for more, message in (
+                ("h=/other.db", "line 10: files/h is there twice"),
+                ("[device]\nnumber=2", "device/number is there twice"),
+                ("[archive]\npasswordfile=/x", "line 11: there is no passwordfile in [archive]"),
+                ("[file]\nx=/x.db", "line 10: there is no section [file]"),
+                ("just words", "line 10: it is not in the INI"),
+                ("g=", "files/g names no file"), ("g=\udcff", "not a text in UTF-8")):
+            with self.subTest(more):
+                with open(path, "w", encoding="utf-8", errors="surrogateescape") as file:
+                    file.write(good + more + "\n")
+                done = self.archive.ship("run", "--once", path, check=False)
+                self.assertEqual(done.returncode, 1)
+                self.assertIn(message, done.stderr)
+        for number in ("4294967313", "99999999999", "017", "0x11", "-1", "+1", "1.0", ""):
+            with self.subTest(number):
+                with open(path, "w", encoding="utf-8") as file:
+                    file.write(good.replace("number=1", f"number={number}"))
+                self.assertIn("device/number is missing or not", self.archive.ship("run", "--once", path,
+                                                                                  check=False).stderr)
+                done = self.archive.ship("add-device", f"{number}", "--archive",
+                                         self.cluster.conninfo(self.archive.name), check=False)
+                self.assertEqual(done.returncode, 2, done.stderr)
+        self.assertEqual(self.archive.sql("select * from fleet.device"), [])
+
+    def test_zones_are_names(self):
+        store = self.store("h")
+        configuration = self.archive.device(1, {"h": store})
+        with open(configuration, encoding="utf-8") as file:
+            good = file.read()
+        for zone, taken in (("UTC+3", False), ("FOO-99", False), ("localtime", False), ("CET-1CEST", False),
+                            ("Etc/GMT+3", True), ("UTC", True), ("Europe/Berlin", True), ("UTC+3", False)):
+            with self.subTest(zone):
+                with open(configuration, "w", encoding="utf-8") as file:
+                    file.write(good.replace("zone=Europe/Berlin", f"zone={zone}"))
+                done = self.archive.ship("run", "--once", configuration, check=False)
+                self.assertEqual(done.returncode, 0 if taken else 1)
+                self.assertIn("" if taken else f'time zone "{zone}" not recognized', done.stderr)
+
+    def test_a_device_keeps_its_name(self):
+        self.archive.device(1, {})  # with a name
+        to = ("--archive", self.cluster.conninfo(self.archive.name))
+        name = "select name from fleet.device"
+        self.archive.ship("add-device", "1", *to)
+        self.assertEqual(self.archive.sql(name), [["Press 1"]])
+        self.archive.ship("add-device", "1", "--name", "Oven", *to)
+        self.assertEqual(self.archive.sql(name), [["Oven"]])
+
+
 if __name__ == "__main__":
     PROGRAM = sys.argv.pop(1)
     if not server_programs():
