@@ -13,15 +13,16 @@ int schemaVersion()
     return int(archiveSql().size());
 }
 
-Result<int> initialise(ArchiveConnection &archive)
+namespace
 {
-    const auto encoding = archive.query("show server_encoding");
-    if (!encoding)
-        return encoding.error();
-    if (encoding->first().first() != "UTF8")
-        return failure(QStringLiteral("archive"),
-                       QStringLiteral("its encoding is %1; make a database with the encoding UTF8")
-                           .arg(QString::fromLatin1(encoding->first().first())));
+
+// Two at once would meet in the catalogs. A device could hold the lock, too, but only until somebody looks.
+const QByteArray alone("begin; set local lock_timeout = '1min'; "
+                       "select pg_advisory_xact_lock(hashtextextended('fleet.version', 0)); "
+                       "set local lock_timeout = default");
+
+Result<int> bringUpToDate(ArchiveConnection &archive)
+{
     const auto exists = archive.query("select to_regclass('fleet.version') is not null");
     if (!exists)
         return exists.error();
@@ -37,16 +38,33 @@ Result<int> initialise(ArchiveConnection &archive)
                                                                  "this one knows %2")
                                                       .arg(version)
                                                       .arg(schemaVersion()));
-    QByteArray sql("begin;");
+    QByteArray sql;
     for (int next = version; next < schemaVersion(); ++next)
         sql += archiveSql().at(next);
     sql += "insert into fleet.version (version) select generate_series(" + QByteArray::number(version + 1) + ", " +
            QByteArray::number(schemaVersion()) + "); select fleet.make_months(); commit";
     const auto done = archive.query(sql);
-    if (!done) {
+    return done ? Result<int>(version) : done.error();
+}
+
+} // namespace
+
+Result<int> initialise(ArchiveConnection &archive)
+{
+    const auto encoding = archive.query("show server_encoding");
+    if (!encoding)
+        return encoding.error();
+    if (encoding->first().first() != "UTF8")
+        return failure(QStringLiteral("archive"),
+                       QStringLiteral("its encoding is %1; make a database with the encoding UTF8")
+                           .arg(QString::fromLatin1(encoding->first().first())));
+    if (const auto begun = archive.query(alone); !begun) {
         (void)archive.query("rollback");
-        return done.error();
+        return begun.error();
     }
+    const auto version = bringUpToDate(archive);
+    if (!version)
+        (void)archive.query("rollback");
     return version;
 }
 
@@ -60,10 +78,16 @@ Status addDevice(ArchiveConnection &archive, int number, const QString &name, co
             return encrypted.error();
         secret = *encrypted;
     }
+    if (const auto begun = archive.query(alone); !begun) {
+        (void)archive.query("rollback");
+        return begun.error();
+    }
     const auto known = archive.query("select from pg_roles where rolname = $1", {role});
-    if (!known)
+    if (!known) {
+        (void)archive.query("rollback");
         return known.error();
-    QByteArray sql = "begin;";
+    }
+    QByteArray sql;
     if (known->isEmpty())
         sql += "create role " + role + ";";
     // A statement that waits, or a transaction that is left open, must not last.

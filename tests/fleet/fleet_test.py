@@ -1053,6 +1053,16 @@ class Short(Fleet):
         self.assertEqual(self.archive.sql(name), [["Oven"]])
 
 
+    def test_an_archive_is_made_once_by_many(self):
+        to = ("--archive", self.cluster.conninfo("made_by_many"))
+        self.cluster.sql("postgres", "create database made_by_many")
+        for arguments in (("init", *to), ("add-device", "1", "--name", "Press", *to)):
+            at_once = [subprocess.Popen([PROGRAM, *arguments], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+                       for _ in range(6)]
+            self.assertEqual([each.communicate()[1] for each in at_once], [b""] * 6)
+        self.assertEqual(self.cluster.sql("made_by_many", "select name from fleet.device"), [["Press"]])
+
+
 if __name__ == "__main__":
     PROGRAM = sys.argv.pop(1)
     if not server_programs():
