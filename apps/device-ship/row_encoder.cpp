@@ -155,18 +155,25 @@ void RowEncoder::begin(qint64 id)
     m_endOdd.clear();
 }
 
-void RowEncoder::read(const Statement &row)
+bool RowEncoder::read(const Statement &row)
 {
     begin(row.number(0));
     const int columns = int(device_db::columnsOf(m_kind).size());
+    std::size_t size = 0;
     for (int column = 1; column <= columns; ++column) {
         const int type = row.type(column);
-        if (type == SQLITE_FLOAT) // SQLite's own text has 15 digits
+        if (type == SQLITE_FLOAT) { // SQLite's own text has 15 digits
             take(column, type, device::numberText(row.real(column)).toStdString());
-        else
-            take(column, type, row.bytes(column));
+            continue;
+        }
+        const std::string_view bytes = row.bytes(column);
+        size += bytes.size();
+        if (size > std::size_t(largestCell))
+            return false;
+        take(column, type, bytes);
     }
     finish();
+    return true;
 }
 
 void RowEncoder::read(qint64 id, QList<Cell> cells)

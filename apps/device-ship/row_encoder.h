@@ -13,7 +13,8 @@
 namespace device_ship
 {
 
-/// A cell that is larger is recorded as refused: rows pass through memory.
+/// A cell that is larger, or makes its row larger with the cells before it, is recorded as refused: rows pass through
+/// memory.
 constexpr qint64 largestCell = 4 * 1024 * 1024;
 
 /// Whether PostgreSQL takes these bytes for a text: UTF-8 without surrogates and without NUL.
@@ -29,8 +30,8 @@ class RowEncoder
 public:
     explicit RowEncoder(device_db::Kind kind) : m_kind(kind) {}
 
-    /// Reads a row of device_db::columnList().
-    void read(const device_db::Statement &row);
+    /// Reads a row of device_db::columnList(). False: it is too large, and to be given cell by cell.
+    bool read(const device_db::Statement &row);
     /// A row of which a cell is too large to be read: each cell is given as it is, or by its size.
     struct Cell {
         int type = 0;        ///< SQLITE_TEXT and the like.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "stream.h"
 
+#include "device/number.h"
+
 #include <algorithm>
 #include <limits>
 
@@ -54,6 +56,11 @@ Result<qint64> nextId(const Database &database, const Stream &stream, qint64 aft
                            QByteArray::number(after));
 }
 
+QByteArray tooLarge()
+{
+    return "larger than " + QByteArray::number(largestCell) + " bytes";
+}
+
 // A cell that is too large, or refused, is given by its size.
 Result<RowEncoder::Cell> readCell(const Database &database, const Stream &stream, const char *column, qint64 id,
                                   const QByteArray &refusal)
@@ -63,8 +70,9 @@ Result<RowEncoder::Cell> readCell(const Database &database, const Stream &stream
     if (!row)
         return row.error();
     if (row->step()) {
-        const QByteArray cell = row->cell(0);
-        return RowEncoder::Cell{row->type(0), cell, refusal.isEmpty() ? -1 : qint64(cell.size()), refusal};
+        const int type = row->type(0);
+        const QByteArray cell = type == SQLITE_FLOAT ? device::numberText(row->real(0)).toUtf8() : row->cell(0);
+        return RowEncoder::Cell{type, cell, refusal.isEmpty() ? -1 : qint64(cell.size()), refusal};
     }
     if (const auto status = row->status(); !status && !row->wasTooBig())
         return status.error();
@@ -73,7 +81,7 @@ Result<RowEncoder::Cell> readCell(const Database &database, const Stream &stream
         sqlite3_blob_open(database.handle(), "main", stream.table.toUtf8().constData(), column, id, 0, &blob);
     const qint64 size = code == SQLITE_OK ? sqlite3_blob_bytes(blob) : 0;
     sqlite3_blob_close(blob);
-    return RowEncoder::Cell{0, {}, size, "larger than " + QByteArray::number(largestCell) + " bytes"};
+    return RowEncoder::Cell{0, {}, size, tooLarge()};
 }
 
 // The next row, of which not all cells are read: those that are too large, or with a refusal none.
@@ -84,10 +92,15 @@ Result<qint64> readByCells(const Database &database, const Stream &stream, qint6
     if (!id)
         return id;
     QList<RowEncoder::Cell> cells;
+    qint64 room = largestCell;
     for (const device_db::KnownColumn &column : device_db::columnsOf(stream.kind)) {
-        const auto cell = readCell(database, stream, column.name, *id, refusal);
+        auto cell = readCell(database, stream, column.name, *id, refusal);
         if (!cell)
             return cell.error();
+        if (cell->refused < 0 && cell->bytes.size() > room)
+            *cell = {0, {}, qint64(cell->bytes.size()), tooLarge() + " with the cells before it"};
+        else if (cell->refused < 0)
+            room -= cell->bytes.size();
         cells << *cell;
     }
     encoder.read(*id, std::move(cells));
@@ -101,18 +114,17 @@ Result<std::optional<RowMark>> newestUpTo(const Database &database, const Stream
     if (!rows)
         return rows.error();
     rows->bind(1, id);
-    if (rows->step()) {
-        encoder.read(*rows);
-    } else if (rows->wasTooBig()) {
+    const bool isThere = rows->step();
+    if (isThere ? !encoder.read(*rows) : rows->wasTooBig()) {
         const auto newest =
             database.number("select max(ID) from " + identifier(stream.table) + " where ID<=" + QByteArray::number(id));
         if (!newest)
             return newest.error();
         if (const auto read = readByCells(database, stream, *newest - 1, {}, encoder); !read)
             return read.error();
-    } else if (const auto status = rows->status(); !status) {
+    } else if (const auto status = rows->status(); !isThere && !status) {
         return status.error();
-    } else {
+    } else if (!isThere) {
         return std::optional<RowMark>();
     }
     return std::optional<RowMark>(RowMark{encoder.id(), encoder.digest()});
@@ -178,6 +190,7 @@ device::Status readActive(const Database &database, Piece &piece)
     auto row = database.prepare("select EndDate,EndTime from " + identifier(stream.table) + " where ID=?1");
     if (!row)
         return row.error();
+    qint64 size = 0;
     for (const qint64 id : stream.active) {
         row->reset();
         row->bind(1, id);
@@ -195,8 +208,12 @@ device::Status readActive(const Database &database, Piece &piece)
             piece.gone << id;
             continue;
         }
-        if (!(end == RowEncoder::End{"", "", {}}))
-            piece.ends.append({id, end});
+        if (end == RowEncoder::End{"", "", {}})
+            continue;
+        piece.ends.append({id, end});
+        size += end.date.size() + end.time.size() + end.odd.size();
+        if (size > largestCell)
+            break; // the others at another look
     }
     return {};
 }
@@ -214,13 +231,16 @@ Result<bool> readRows(const Database &database, const Stream &stream, qint64 aft
         rows->reset();
         rows->bind(1, after);
         rows->bind(2, upTo);
+        bool isWhole = true;
         while (rows->step()) {
-            encoder.read(*rows);
+            isWhole = encoder.read(*rows);
+            if (!isWhole)
+                break;
             after = encoder.id();
             if (!take(encoder))
                 return true;
         }
-        if (!rows->wasTooBig()) {
+        if (isWhole && !rows->wasTooBig()) {
             const auto status = rows->status();
             return status ? Result<bool>(false) : status.error();
         }
@@ -283,13 +303,20 @@ Result<QList<AlarmEnd>> readEnds(const Database &database, const Stream &stream,
     if (!rows)
         return rows.error();
     QList<AlarmEnd> ends;
+    qint64 size = 0;
+    const auto take = [&](qint64 id, const RowEncoder::End &end) {
+        ends.append({id, end});
+        size += end.date.size() + end.time.size() + end.odd.size();
+    };
     for (;;) {
         rows->reset();
         rows->bind(1, after);
         rows->bind(2, stream.watermark);
         rows->bind(3, qint64(mostEnds));
-        while (rows->step())
-            ends.append({rows->number(0), RowEncoder::readEnd(*rows, 1, 2)});
+        while (size <= largestCell && rows->step())
+            take(rows->number(0), RowEncoder::readEnd(*rows, 1, 2));
+        if (size > largestCell)
+            return ends;
         if (!rows->wasTooBig()) {
             const auto status = rows->status();
             return status ? Result<QList<AlarmEnd>>(ends) : status.error();
@@ -300,7 +327,7 @@ Result<QList<AlarmEnd>> readEnds(const Database &database, const Stream &stream,
         const auto end = readEndByCells(database, stream, *id);
         if (!end)
             return end.error();
-        ends.append({*id, *end});
+        take(*id, *end);
         after = *id;
         if (ends.size() >= mostEnds)
             return ends;

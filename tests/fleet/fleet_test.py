@@ -632,6 +632,29 @@ class Short(Fleet):
                          [["before", None], [None, "100000000"], ["between", None], [None, "6000000"], ["after", None]])
         self.assertIn("5 rows compared, all equal", self.archive.ship("verify", configuration).stdout)
 
+    def test_a_row_that_is_too_large_is_kept_in_part(self):
+        store = self.store("a")
+        store.table("AlarmData", "alarm")
+        store.add("AlarmData", [alarm(1)])
+        store.run("insert into AlarmData select NULL, 1.23456789012345678, '2024-05-06 07:08:09', 'P', "
+                  "cast(zeroblob(4190000) || x'ff' as text), 'small', cast(zeroblob(4190000) || x'ff' as text), "
+                  "cast(zeroblob(4190000) || x'ff' as text), '', ''")
+        store.add("AlarmData", [alarm(2)])
+        configuration = self.archive.device(1, {"a": store})
+        found = ("select id, object, value, length(odd->'AlarmType'->>'bytes'), odd->'LimitValue'->>'size', "
+                 "odd->'AlarmDescription'->>'size', end_odd->'EndDate'->>'size' from fleet.alarm order by id")
+        small = ["Pump 1", "87.5", None, None, None, None]
+        large = ["2", "P", "small", "8380002", "4190001", "4190001"]
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql(found), [["1", *small], [*large, None], ["3", *small]])
+        # An end that is too large changes how the row is read, and not which one it is.
+        store.run("delete from AlarmData where ID = 3")
+        store.run("update AlarmData set EndDate = hex(zeroblob(3000000)) where ID = 2")
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql(found), [["1", *small], [*large, "6000000"], ["3", *small]])
+        self.assertIn("2 rows compared, all equal", self.archive.ship("verify", configuration).stdout)
+        self.assertEqual(self.archive.generations(1), 1)
+
     def test_an_end_that_is_too_large_is_recorded_as_refused(self):
         store = self.store("a")
         store.table("AlarmData", "alarm")
