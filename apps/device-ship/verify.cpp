@@ -30,6 +30,7 @@ struct Found {
     QList<qint64> missing;
     qint64 repaired = 0;
     qint64 dropped = 0; ///< The archive no longer keeps their month.
+    qint64 refused = 0; ///< By the archive, which has them without their cells.
     qint64 waiting = 0; ///< To be shipped.
 };
 
@@ -112,6 +113,15 @@ Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &s
                 ++found.dropped;
                 continue;
             }
+            if (!same->contains(row.id)) {
+                const auto there = archive.rangeDigest(stream, row.id, row.id);
+                if (!there)
+                    return there.error();
+                if (there->first > 0) {
+                    ++found.refused;
+                    continue;
+                }
+            }
             (same->contains(row.id) ? found.different : found.missing) << row.id;
             wrong += range->lines.value(row.id);
         }
@@ -188,13 +198,15 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
                             listed(found->missing).constData());
             if (found->repaired)
                 std::printf(", %lld put right", static_cast<long long>(found->repaired));
+            if (found->refused)
+                std::printf(", %s recorded as refused", counted(found->refused, "is", "are").constData());
             if (!wrong)
-                std::printf(", all equal");
+                std::printf(found->refused ? ", all others equal" : ", all equal");
+            if (found->waiting)
+                std::printf(", %s to be shipped", counted(found->waiting, "waits", "wait").constData());
             if (found->dropped)
                 std::printf("; %s the archive no longer keeps",
                             device_db::rowsText(found->dropped).toUtf8().constData());
-            if (found->waiting)
-                std::printf(", %s to be shipped", counted(found->waiting, "waits", "wait").constData());
             std::printf("\n");
         }
         for (const device_db::Table &table : file.tables()) {

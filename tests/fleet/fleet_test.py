@@ -693,6 +693,11 @@ class Short(Fleet):
         self.archive.ship("run", "--once", configuration)
         self.assertEqual(self.archive.sql("select count(*), count(val) from fleet.sample"), [["201", "200"]])
         self.assertIn("check constraint", self.archive.sql("select odd from fleet.sample where id = 101")[0][0])
+        self.assertEqual(self.archive.ship("verify", configuration).stdout,
+                         "h T1: 201 rows compared, 1 row is recorded as refused, all others equal\n")
+        store.run("delete from T1 where ID > 101")  # it is the newest now, and still the same
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.generations(1), 1)
 
     def test_a_row_that_the_archive_takes_in_no_form_stops_its_table_alone(self):
         stores = {"a": self.store("a"), "b": self.store("b")}

@@ -87,14 +87,20 @@ language sql stable security definer set search_path = fleet, pg_temp as $$
     select gen, after, upto from line where after < upto
 $$;
 
--- Whether rows of the file are those of the archive: true, false, or NULL where the archive has none.
+-- Whether the archive has refused the cells of a row: which row it is nobody can tell.
+create function fleet.was_refused(odd json) returns boolean language sql immutable as $$
+    select exists (select from json_each(odd) cell where cell.value ->> 'refused' not like 'larger than %')
+$$;
+
+-- Whether rows of the file are those of the archive: true, false, or NULL where the archive has none, or its cells not.
 create function fleet.judge(its_tbl smallint, its_gen smallint, ids bigint[], digests bigint[])
 returns table (id bigint, same boolean)
 language plpgsql stable security definer set search_path = fleet, pg_temp set datestyle = 'ISO'
 set enable_hashjoin = off set enable_mergejoin = off as $$
 begin
     return query execute format(
-        'select asked.id, (select digest(r) = asked.digest from lineage($1, $2, $3) l join %I r
+        'select asked.id, (select digest(r) = asked.digest or was_refused(r.odd) and null
+                           from lineage($1, $2, $3) l join %I r
                            on r.device = $1 and r.tbl = $2 and r.gen = l.gen and r.id = asked.id
                            where asked.id > l.after and asked.id <= l.upto)
          from unnest($4, $5) asked (id, digest)',
