@@ -171,6 +171,25 @@ Result<qint64> DeviceArchive::droppedTo(const Stream &stream)
     return answer->first().first().toLongLong();
 }
 
+Result<QList<qint64>> DeviceArchive::judgeRest(const Stream &stream, const QList<RowMark> &rows)
+{
+    QList<qint64> ids;
+    QList<qint64> digests;
+    for (const RowMark &row : rows) {
+        ids << row.id;
+        digests << row.digest;
+    }
+    const auto answer =
+        m_connection.query("select id from fleet.judge_rest($1, $2, $3, $4) order by id",
+                           {text(stream.number), text(stream.generation), arrayText(ids), arrayText(digests)});
+    if (!answer)
+        return answer.error();
+    QList<qint64> other;
+    for (const QList<QByteArray> &row : *answer)
+        other << row.first().toLongLong();
+    return other;
+}
+
 Status DeviceArchive::beginGeneration(const Stream &stream, int parent, qint64 after, const QByteArray &reason)
 {
     return call("new_generation", {text(stream.number), text(stream.generation), text(stream.watermark), text(parent),

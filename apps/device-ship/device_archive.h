@@ -48,6 +48,8 @@ public:
     Result<std::optional<DroppedBatch>> droppedBatch(const Stream &stream, qint64 id);
     /// Rows that it no longer keeps are those up to this ID.
     Result<qint64> droppedTo(const Stream &stream);
+    /// The rows that the archive has with other cells than fleet.digest() is about.
+    Result<QList<qint64>> judgeRest(const Stream &stream, const QList<RowMark> &rows);
     Status beginGeneration(const Stream &stream, int parent, qint64 after, const QByteArray &reason);
     /// Their number, and the digest of all of them.
     Result<QPair<qint64, qint64>> rangeDigest(const Stream &stream, qint64 first, qint64 last);

@@ -153,8 +153,7 @@ int main(int argc, char **argv)
     addConfiguration(run);
     run->add_flag("--once", options.once, "Ship what there is, and end");
     addArchive(add("status", "Show how far each table of each device is", runStatus));
-    CLI::App *const check =
-        add("verify", "Compare the cells that no device changes in the archive and in the files", runVerify);
+    CLI::App *const check = add("verify", "Compare the archive with a device's files", runVerify);
     addConfiguration(check);
     check->add_option("--repair-as", options.repairAs,
                       "libpq's connection string of the archive's owner: put rows right that differ");

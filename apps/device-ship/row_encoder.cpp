@@ -8,6 +8,7 @@
 #include "storefile/times.h"
 
 #include <cctype>
+#include <cstring>
 
 #include <sqlite3.h>
 
@@ -297,6 +298,27 @@ qint64 RowEncoder::digest() const
             appendField(record, m_cells[size_t(column)].text);
     }
     appendField(record, m_odd.empty() ? std::string_view() : m_odd);
+    record += ')';
+    return textHash(record);
+}
+
+qint64 RowEncoder::rest() const
+{
+    if (m_kind == Kind::Samples) {
+        QByteArray number;
+        if (!m_number.empty()) {
+            const double value = QByteArray::fromStdString(m_number).toDouble();
+            quint64 bits = 0;
+            std::memcpy(&bits, &value, sizeof bits);
+            number = QByteArray::number(bits, 16).rightJustified(16, '0');
+        }
+        return textHash(QByteArray::fromStdString(m_idText) + ' ' + number);
+    }
+    QByteArray record;
+    appendField(record, m_idText);
+    appendField(record, m_cells[device_db::AlarmEndDate].text);
+    appendField(record, m_cells[device_db::AlarmEndTime].text);
+    appendField(record, m_endOdd.empty() ? std::string_view() : m_endOdd);
     record += ')';
     return textHash(record);
 }

@@ -49,6 +49,9 @@ public:
     /// fleet.digest() of the row.
     qint64 digest() const;
 
+    /// fleet.rest() of the row.
+    qint64 rest() const;
+
     /// What fleet.end_alarms() takes.
     struct End {
         QByteArray date;

@@ -12,6 +12,7 @@ namespace device_ship
 {
 
 using device_db::Database;
+using device_db::Kind;
 
 namespace
 {
@@ -20,6 +21,7 @@ constexpr int rowsPerRange = 2000;
 
 struct Range {
     QList<RowMark> rows;
+    QList<RowMark> rests;
     QMap<qint64, QByteArray> lines; ///< For COPY, by the IDs.
     qint64 digest = 0;
 };
@@ -42,6 +44,8 @@ Result<Range> readRange(StoreReader &file, const Stream &stream, qint64 after)
         const auto done = readRows(database, stream, after, stream.watermark, [&](const RowEncoder &row) {
             range.rows.append({row.id(), row.digest()});
             range.digest ^= range.rows.last().digest;
+            if (stream.kind != Kind::Log)
+                range.rests.append({row.id(), row.rest()});
             row.appendTo(range.lines[row.id()], stream.number, stream.generation);
             return range.rows.size() < rowsPerRange;
         });
@@ -100,14 +104,19 @@ Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &s
         const auto archived = archive.rangeDigest(stream, range->rows.first().id, after);
         if (!archived)
             return archived.error();
-        if (*archived == QPair<qint64, qint64>(range->rows.size(), range->digest))
+        const auto rest =
+            range->rests.isEmpty() ? Result<QList<qint64>>(QList<qint64>()) : archive.judgeRest(stream, range->rests);
+        if (!rest)
+            return rest.error();
+        const bool isEqual = *archived == QPair<qint64, qint64>(range->rows.size(), range->digest);
+        if (isEqual && rest->isEmpty())
             continue;
         const auto same = archive.judge(stream, stream.generation, range->rows);
         if (!same)
             return same.error();
         QByteArray wrong;
         for (const RowMark &row : range->rows) {
-            if (same->value(row.id, false))
+            if (same->value(row.id, false) && !rest->contains(row.id))
                 continue;
             if (row.id <= *droppedTo && !same->contains(row.id)) {
                 ++found.dropped;

@@ -927,6 +927,31 @@ class Short(Fleet):
                          {(2, key): row for key, row in rows_of(store.path, "T1", "sample").items()})
         self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (2, []))
 
+    def test_verify_compares_numbers_and_ends(self):
+        store = self.store("h")
+        store.table("AlarmData", "alarm")
+        store.add("AlarmData", [alarm(i, end_date="2024/05/06", end_time="08:00:00") for i in range(4)] + [alarm(5)])
+        store.table("T1", "sample")
+        store.samples("T1", 2500)
+        for value in ("0", "-0", "1e300", "x", "", "4.9e-324", "12,5"):
+            store.run("insert into T1(DATETIME, Value) values('2024-05-06 07:08:09', ?)", (value,))
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        store.run("update AlarmData set EndDate = '2024/05/06', EndTime = '09:00:00' where ID = 5")  # not shipped yet
+        equal = "h AlarmData: 5 rows compared, all equal\nh T1: 2,507 rows compared, all equal\n"
+        self.assertEqual(self.archive.ship("verify", configuration).stdout, equal)
+        self.archive.sql("update fleet.alarm set end_time = '08:00:01' where id = 2;"
+                         "update fleet.alarm set end_odd = '{}' where id = 3;"
+                         "update fleet.sample set num = num + 1 where id in (7, 2400); "
+                         "update fleet.sample set num = null where id = 8;"
+                         "update fleet.sample set num = 0 where id = 2504")
+        done = self.archive.ship("verify", configuration, check=False)
+        self.assertEqual((done.returncode, done.stdout),
+                         (3, "h AlarmData: 5 rows compared, 2 rows differ (ID 2, 3)\n"
+                             "h T1: 2,507 rows compared, 4 rows differ (ID 7, 8, 2400, 2504)\n"))
+        self.archive.ship("verify", configuration, "--repair-as", self.cluster.conninfo(self.archive.name))
+        self.assertEqual(self.archive.ship("verify", configuration).stdout, equal)
+
     def test_what_is_shipped_is_stated_beside_the_file(self):
         store = self.store("h")
         store.table("T1", "sample")

@@ -152,6 +152,33 @@ language sql stable set search_path = fleet, pg_temp as $$
     where m.device = a.device and m.tbl = a.tbl
 $$;
 
+-- A digest of the cells that fleet.digest() leaves out: those that change, and what follows from others.
+create function fleet.rest(r fleet.sample) returns bigint language sql stable parallel safe as $$
+    select fleet.digest(r.id || ' ' || coalesce(encode(float8send(r.num), 'hex'), ''))
+$$;
+create function fleet.rest(r fleet.alarm) returns bigint language sql stable parallel safe as $$
+    select fleet.digest((r.id, r.end_date, r.end_time, r.end_odd)::text)
+$$;
+
+-- Which rows of the archive have another rest than the file has. An end that is only in the file is still to come.
+create function fleet.judge_rest(its_tbl smallint, its_gen smallint, ids bigint[], digests bigint[])
+returns table (id bigint)
+language plpgsql stable security definer set search_path = fleet, pg_temp set datestyle = 'ISO'
+set enable_hashjoin = off set enable_mergejoin = off as $$
+declare
+    its_kind constant text := (select kind from source where device = me() and tbl = its_tbl);
+begin
+    return query execute format(
+        'select asked.id from unnest($4, $5) asked (id, digest)
+         join lineage($1, $2, $3) l on asked.id > l.after and asked.id <= l.upto
+         join %I r on r.device = $1 and r.tbl = $2 and r.gen = l.gen and r.id = asked.id
+         where rest(r) is distinct from asked.digest and was_refused(r.odd) is not true and %s',
+        its_kind,
+        case its_kind when 'alarm' then '(r.end_date, r.end_time) is distinct from ('''', '''')' else 'true' end)
+    using me(), its_tbl, its_gen, ids, digests;
+end
+$$;
+
 -- Begins a generation that shares the rows up to "its_after" with "its_parent". Only where the archive still is at the
 -- generation and the watermark by which that was decided: two shippers decide it once.
 create function fleet.new_generation(its_tbl smallint, from_gen smallint, from_wm bigint, its_parent smallint,
