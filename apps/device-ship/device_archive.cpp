@@ -175,10 +175,21 @@ Result<QList<qint64>> DeviceArchive::judgeRest(const Stream &stream, const QList
 {
     QList<qint64> ids;
     QList<qint64> digests;
+    qint64 digest = 0;
     for (const RowMark &row : rows) {
         ids << row.id;
         digests << row.digest;
+        digest ^= row.digest;
     }
+    if (rows.isEmpty())
+        return ids;
+    const auto range =
+        m_connection.query("select fleet.range_rest($1, $2, $3, $4)",
+                           {text(stream.number), text(stream.generation), text(ids.first()), text(ids.last())});
+    if (!range)
+        return range.error();
+    if (range->first().first().toLongLong() == digest)
+        return QList<qint64>();
     const auto answer =
         m_connection.query("select id from fleet.judge_rest($1, $2, $3, $4) order by id",
                            {text(stream.number), text(stream.generation), arrayText(ids), arrayText(digests)});

@@ -104,8 +104,7 @@ Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &s
         const auto archived = archive.rangeDigest(stream, range->rows.first().id, after);
         if (!archived)
             return archived.error();
-        const auto rest =
-            range->rests.isEmpty() ? Result<QList<qint64>>(QList<qint64>()) : archive.judgeRest(stream, range->rests);
+        const auto rest = archive.judgeRest(stream, range->rests);
         if (!rest)
             return rest.error();
         const bool isEqual = *archived == QPair<qint64, qint64>(range->rows.size(), range->digest);

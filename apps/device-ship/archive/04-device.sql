@@ -160,6 +160,18 @@ create function fleet.rest(r fleet.alarm) returns bigint language sql stable par
     select fleet.digest((r.id, r.end_date, r.end_time, r.end_odd)::text)
 $$;
 
+-- The digest of the rests of a range of rows.
+create function fleet.range_rest(its_tbl smallint, its_gen smallint, first bigint, last bigint, out digest bigint)
+language plpgsql stable security definer set search_path = fleet, pg_temp set datestyle = 'ISO' as $$
+begin
+    execute format('select coalesce(bit_xor(rest(r)), 0) from lineage($1, $2, $3) l join %I r
+                    on r.device = $1 and r.tbl = $2 and r.gen = l.gen and r.id > l.after and r.id <= l.upto
+                    where r.id between $4 and $5',
+                   (select kind from source where device = me() and tbl = its_tbl))
+    into digest using me(), its_tbl, its_gen, first, last;
+end
+$$;
+
 -- Which rows of the archive have another rest than the file has. An end that is only in the file is still to come.
 create function fleet.judge_rest(its_tbl smallint, its_gen smallint, ids bigint[], digests bigint[])
 returns table (id bigint)
@@ -170,11 +182,11 @@ declare
 begin
     return query execute format(
         'select asked.id from unnest($4, $5) asked (id, digest)
-         join lineage($1, $2, $3) l on asked.id > l.after and asked.id <= l.upto
-         join %I r on r.device = $1 and r.tbl = $2 and r.gen = l.gen and r.id = asked.id
-         where rest(r) is distinct from asked.digest and was_refused(r.odd) is not true and %s',
-        its_kind,
-        case its_kind when 'alarm' then '(r.end_date, r.end_time) is distinct from ('''', '''')' else 'true' end)
+         where not (select rest(r) = asked.digest or was_refused(r.odd) or %s
+                    from lineage($1, $2, $3) l join %I r
+                    on r.device = $1 and r.tbl = $2 and r.gen = l.gen and r.id = asked.id
+                    where asked.id > l.after and asked.id <= l.upto)',
+        case its_kind when 'alarm' then 'r.end_date = '''' and r.end_time = ''''' else 'false' end, its_kind)
     using me(), its_tbl, its_gen, ids, digests;
 end
 $$;
