@@ -12,9 +12,11 @@ import shutil
 import socket
 import sqlite3
 import subprocess
+import sys
 import tempfile
 from urllib.parse import quote
 
+SKIPPED = 77
 PASSWORD = "a password with 'quotes' and \\"
 
 
@@ -25,6 +27,12 @@ def server_programs():
         found = [os.path.realpath(shutil.which("initdb"))]
     return os.path.dirname(max(found, key=lambda path: [int(part) for part in path.split("/") if part.isdigit()],
                                default="")) or None
+
+
+def skip_without_server():
+    if not server_programs():
+        print("skipped: no PostgreSQL server is installed (Debian: postgresql)")
+        sys.exit(SKIPPED)
 
 
 class Cluster:

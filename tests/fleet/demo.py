@@ -16,15 +16,12 @@ import sys
 import tempfile
 import time
 
-from cluster import Archive, Cluster, archived, rows_of, server_programs
+from cluster import Archive, Cluster, archived, rows_of, skip_without_server
 
 KINDS = {"history": ("Temperature", "samples", "sample", ("time", "value")),
          "alarms": ("AlarmData", "alarms", "alarm",
                     ("level", "start", "object", "type", "value", "limit", "description", "end_date", "end_time")),
          "log": ("OperatorLog", "log", "log", ("time", "user", "log", "message"))}
-
-
-SKIPPED = 77
 
 
 class Device:
@@ -152,9 +149,7 @@ def main():
     options.add_argument("--devices", type=int, default=20)
     options.add_argument("--rounds", type=int, default=3)
     given = options.parse_args()
-    if not server_programs():
-        print("skipped: no PostgreSQL server is installed (Debian: postgresql)")
-        sys.exit(SKIPPED)
+    skip_without_server()
     started = time.monotonic()
     folder = tempfile.mkdtemp(prefix="fleet-", dir="/tmp")
     try:

@@ -19,14 +19,13 @@ import time
 import unittest
 
 import attacks
-from cluster import Archive, Cluster, File, rows_of, server_programs
+from cluster import Archive, Cluster, File, rows_of, skip_without_server
 from proxy import Proxy
 
 KILLS = int(os.environ.get("DEVICE_FLEET_KILLS", "20"))
 STOPS = int(os.environ.get("DEVICE_FLEET_STOPS", "3"))
 CUTS = int(os.environ.get("DEVICE_FLEET_CUTS", "1"))
 COMMITS = int(os.environ.get("DEVICE_FLEET_COMMITS", "1000"))
-SKIPPED = 77
 PROGRAM = ""
 DEADLINE = 120
 DEVICE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "device.py")
@@ -1041,7 +1040,6 @@ class Short(Fleet):
                 self.assertIn(message, done.stderr)
                 self.assertNotIn("secret", done.stderr)
 
-
     def test_a_configuration_is_taken_as_it_is_written(self):
         odd = os.path.join(self.archive.folder, 'a ; b " c \\ d, e = #f')
         os.mkdir(odd)
@@ -1105,7 +1103,6 @@ class Short(Fleet):
         self.archive.ship("add-device", "1", "--name", "Oven", *to)
         self.assertEqual(self.archive.sql(name), [["Oven"]])
 
-
     def test_an_archive_is_made_once_by_many(self):
         to = ("--archive", self.cluster.conninfo("made_by_many"))
         self.cluster.sql("postgres", "create database made_by_many")
@@ -1118,7 +1115,5 @@ class Short(Fleet):
 
 if __name__ == "__main__":
     PROGRAM = sys.argv.pop(1)
-    if not server_programs():
-        print("skipped: no PostgreSQL server is installed (Debian: postgresql)")
-        sys.exit(SKIPPED)
+    skip_without_server()
     unittest.main(warnings="ignore")

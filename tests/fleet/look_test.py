@@ -14,9 +14,8 @@ import sys
 import tempfile
 import unittest
 
-from cluster import PASSWORD, Archive, Cluster, File, server_programs
+from cluster import PASSWORD, Archive, Cluster, File, skip_without_server
 
-SKIPPED = 77
 SHIP = DB = ""
 NAMES = {1: "Press 1", 2: "Press 2", 3: "Oven"}
 
@@ -210,7 +209,5 @@ class Look(unittest.TestCase):
 
 if __name__ == "__main__":
     SHIP, DB = sys.argv.pop(1), sys.argv.pop(1)
-    if not server_programs():
-        print("skipped: no PostgreSQL server is installed (Debian: postgresql)")
-        sys.exit(SKIPPED)
+    skip_without_server()
     unittest.main(warnings="ignore")

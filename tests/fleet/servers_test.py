@@ -11,9 +11,8 @@ import sys
 import tempfile
 import unittest
 
-from cluster import PASSWORD, Archive, Cluster, File, server_programs
+from cluster import PASSWORD, Archive, Cluster, File, skip_without_server
 
-SKIPPED = 77
 SHIP = ""
 LOOKING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "apps", "device-ship", "archive",
                        "looking.sql")
@@ -126,7 +125,5 @@ class Servers(unittest.TestCase):
 
 if __name__ == "__main__":
     SHIP = sys.argv.pop(1)
-    if not server_programs():
-        print("skipped: no PostgreSQL server is installed (Debian: postgresql)")
-        sys.exit(SKIPPED)
+    skip_without_server()
     unittest.main(warnings="ignore")
