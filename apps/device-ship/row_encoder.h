@@ -57,6 +57,7 @@ public:
         QByteArray date;
         QByteArray time;
         QByteArray odd;
+        qint64 size() const { return date.size() + time.size() + odd.size(); } ///< Bytes.
         friend bool operator==(const End &a, const End &b)
         {
             return a.date == b.date && a.time == b.time && a.odd == b.odd;

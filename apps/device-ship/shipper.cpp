@@ -103,6 +103,14 @@ Status Shipper::connect()
     return {};
 }
 
+// Null where none is configured by that name any more.
+Shipper::File *Shipper::fileOf(const QString &name)
+{
+    const auto found =
+        std::find_if(m_files.begin(), m_files.end(), [&](const auto &file) { return file->reader.name() == name; });
+    return found == m_files.end() ? nullptr : found->get();
+}
+
 Stream *Shipper::streamOf(const File &file, const device_db::Table &table)
 {
     const auto found = std::find_if(m_streams.begin(), m_streams.end(), [&](const auto &stream) {
@@ -317,9 +325,7 @@ void Shipper::narrow(const device::Error &error)
     } else if (m_refused.why.isEmpty() && !m_archive->wasBehind()) {
         m_refused.why = error.cause().toUtf8();
     } else {
-        for (const auto &file : m_files) {
-            if (file->reader.name() != m_refused.file)
-                continue;
+        if (File *const file = fileOf(m_refused.file)) {
             const QString trouble = QStringLiteral("%1: the archive does not take row %2 of the table %3: %4")
                                         .arg(file->reader.path())
                                         .arg(m_refused.id)
@@ -363,10 +369,8 @@ Status Shipper::carryOut(const QList<Piece> &pieces)
     }
     for (const Piece &piece : pieces) {
         Stream &stream = *piece.stream;
-        for (const auto &file : m_files) {
-            if (file->reader.name() == stream.file && (piece.rows > 0 || !piece.more))
-                file->aside.remove(stream.table);
-        }
+        if (piece.rows > 0 || !piece.more)
+            fileOf(stream.file)->aside.remove(stream.table);
         stream.lastId = piece.lastId;
         m_moved |= piece.rows > 0 || piece.lastId > stream.watermark;
         if (piece.rows > 0) {

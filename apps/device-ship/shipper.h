@@ -95,6 +95,7 @@ private:
     void narrow(const device::Error &error);
     Status carryOut(const QList<Piece> &pieces);
     Status compareEnds(File &file, Stream &stream);
+    File *fileOf(const QString &name);
     Stream *streamOf(const File &file, const device_db::Table &table);
     Status failed(const device::Error &error);
 

@@ -211,7 +211,7 @@ device::Status readActive(const Database &database, Piece &piece)
         if (end == RowEncoder::End{"", "", {}})
             continue;
         piece.ends.append({id, end});
-        size += end.date.size() + end.time.size() + end.odd.size();
+        size += end.size();
         if (size > largestCell)
             break; // the others at another look
     }
@@ -306,7 +306,7 @@ Result<QList<AlarmEnd>> readEnds(const Database &database, const Stream &stream,
     qint64 size = 0;
     const auto take = [&](qint64 id, const RowEncoder::End &end) {
         ends.append({id, end});
-        size += end.date.size() + end.time.size() + end.odd.size();
+        size += end.size();
     };
     for (;;) {
         rows->reset();
