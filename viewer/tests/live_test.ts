@@ -121,6 +121,52 @@ test('a list shows new rows at its edge, and stays where somebody reads', chrome
     assert.deepEqual(await shown(session, '#view-log .missed'), []);
 });
 
+test('what is pressed while new rows come is chosen', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    const {mouse} = session.page;
+    const press = async (selector: string, index: number): Promise<void> => {
+        const [x, y] = await session.page.$$eval(
+            selector,
+            (all, at) => {
+                const {left, top, width, height} = all[at]!.getBoundingClientRect();
+                return [left + width / 2, top + height / 2] as const;
+            },
+            index,
+        );
+        await mouse.move(x, y);
+        await mouse.down();
+    };
+    const rows = '#view-log .rows .row';
+    await session.tab('log');
+    await session.settled();
+    await session.page.$eval('#view-log .scroller', (each) => (each.scrollTop = 4000));
+    const text = await soon(() =>
+        session.page.$$eval(rows, (all) => {
+            const row = all[5]!;
+            const isThere = Number(row.getAttribute('aria-rowindex')) > 100; // drawn after it was scrolled
+            return isThere && !row.textContent.includes('…') && row.firstElementChild!.textContent;
+        }),
+    );
+    await press(rows, 5);
+    await served.change(entries(1));
+    assert.ok(await soon(async () => (await shown(session, '#view-log .missed'))[0] === '1 new row ↑'));
+    await mouse.up();
+    await session.page.waitForSelector('dialog[open]', {timeout: 5000});
+    assert.ok((await texts(session, 'dialog[open] dd')).includes(text));
+    await session.page.keyboard.press('Escape');
+
+    await session.tab('findings');
+    await press('#view-findings .card button', 0);
+    await served.change(entries(2));
+    const count = async (): Promise<string> => (await texts(session, '#view-findings tbody')).join();
+    const before = await count();
+    await served.change(entries(3));
+    assert.ok(await soon(async () => (await count()) !== before));
+    await mouse.up();
+    await session.page.waitForSelector('#view-findings[hidden]', {timeout: 5000});
+});
+
 test('an alarm that ends is no longer active, and a table that comes is there', chrome, async () => {
     await using served = await Served.start(plant);
     await using session = await opened(served);

@@ -24,6 +24,15 @@ export function h<Tag extends keyof HTMLElementTagNameMap>(
     return element;
 }
 
+/** These and no other children. Those that stay are not moved: to a browser a click that began on them goes on. */
+export function setChildren(parent: Element, children: readonly Element[]): void {
+    const kept = new Set(children);
+    for (const child of [...parent.children]) if (!kept.has(child)) child.remove();
+    children.forEach((child, i) => {
+        if (parent.children[i] !== child) parent.insertBefore(child, parent.children[i] ?? null);
+    });
+}
+
 export function button(text: string, onclick: () => void, properties: Properties = {}): HTMLButtonElement {
     return h('button', {type: 'button', onclick, ...properties}, text);
 }

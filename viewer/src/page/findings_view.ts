@@ -2,7 +2,7 @@
 import {beginningOf, bytesText, rowsText, visible} from '../reading/cells.js';
 import type {Cause, Finding} from '../reading/findings.js';
 import type {TableInfo} from '../reading/source.js';
-import {button, h} from './dom.js';
+import {button, h, setChildren} from './dom.js';
 import {count, share} from './format.js';
 import type {Workspace} from './workspace.js';
 
@@ -87,8 +87,14 @@ export class FindingsView {
     }
 
     show(): void {
+        const before = [...this.content.children];
         const focused = (document.activeElement as HTMLElement | null)?.dataset['focus'];
-        this.content.replaceChildren(this.files(), this.tables(), ...this.findings());
+        setChildren(
+            this.content,
+            [this.files(), this.tables(), ...this.findings()].map(
+                (each) => before.find((other) => other.isEqualNode(each)) ?? each,
+            ),
+        );
         if (focused) this.content.querySelector<HTMLElement>(`[data-focus="${CSS.escape(focused)}"]`)?.focus();
     }
 
@@ -259,7 +265,7 @@ export class FindingsView {
                     workspace.wanted.set(tab, {table: table.key, id: finding.firstId});
                     workspace.setTab(tab);
                 },
-                {'data-focus': `${table.key} ${finding.cause}`},
+                {'data-focus': `${table.key} ${finding.cause}`, 'data-row': finding.firstId},
             );
         const text = visible(finding.what) + (finding.detail === '' ? '' : `; ${visible(finding.detail)}`);
         return h(

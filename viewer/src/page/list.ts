@@ -4,7 +4,7 @@
 import type {Cell} from '../reading/cells.js';
 import type {RowQuery, RowsAnswer, Source} from '../reading/source.js';
 import {isCancelled} from '../worker/client.js';
-import {announce, h} from './dom.js';
+import {announce, h, setChildren} from './dom.js';
 import {count, share} from './format.js';
 
 const rowHeight = 30;
@@ -21,6 +21,17 @@ export interface Column {
     decorate?(cell: HTMLElement, row: readonly Cell[]): void;
 }
 
+// A row in view. Whatever else is drawn anew, its element stays while its cells do: a click that began on it ends there.
+interface Line {
+    readonly element: HTMLElement;
+    readonly cells: readonly Cell[] | undefined; // what is not read yet has none
+    place: number;
+}
+
+function areEqual(some: readonly Cell[] | undefined, others: readonly Cell[] | undefined): boolean {
+    return some === others || (!!some && !!others && some.every((cell, i) => cell === others[i]));
+}
+
 export class List {
     readonly element: HTMLElement;
     readonly status = h('span', {class: 'status', role: 'status'});
@@ -32,6 +43,7 @@ export class List {
     private readonly pages = new Map<number, readonly (readonly Cell[])[]>();
     private readonly asked = new Set<number>();
     private asking = new AbortController();
+    private lines: readonly Line[] = [];
     private active = 0;
     private isRenewing = false;
     private isStale = false;
@@ -144,7 +156,8 @@ export class List {
     }
 
     private async renewOnce(): Promise<void> {
-        const {total, firstShown, isAtEdge} = this;
+        const {firstShown, isAtEdge} = this;
+        const before = this.isExact ? this.total : Infinity;
         const {signal} = this.asking;
         const first = Math.floor(firstShown);
         const id = isAtEdge ? undefined : this.rowOf(first)?.[0];
@@ -162,13 +175,7 @@ export class List {
         if (!isAtEdge) this.scrollToFirst(firstShown + shift);
         else if (!this.isNewestFirst) this.scrollToFirst(this.total);
         if (!isAtEdge && typeof this.query.order === 'string')
-            this.showNews(Math.max(0, this.missed + this.total - total));
-        this.draw();
-    }
-
-    /** The same question again, for what is in view: more is known of the table now. */
-    refresh(): void {
-        this.pages.clear();
+            this.showNews(Math.max(0, this.missed + this.total - before));
         this.draw();
     }
 
@@ -266,13 +273,16 @@ export class List {
         const first = Math.max(0, Math.floor(this.firstShown));
         const last = Math.min(this.total, first + Math.ceil(this.scroller.clientHeight / rowHeight) + 1);
         this.scroller.setAttribute('aria-rowcount', String(this.isExact ? this.total + 1 : -1));
-        const rows: HTMLElement[] = [];
-        for (let i = first; i < last; ++i) rows.push(this.rowAt(i));
+        const before = new Set(this.lines);
+        this.lines = Array.from({length: Math.max(0, last - first)}, (_, i) => this.lineAt(first + i, before));
         const shift = this.height < tallest ? first * rowHeight : this.scroller.scrollTop;
         this.body.style.transform = `translateY(${shift}px)`;
-        this.body.replaceChildren(...rows);
-        const active = rows.find((row) => row.id !== '');
-        if (active) this.scroller.setAttribute('aria-activedescendant', active.id);
+        setChildren(
+            this.body,
+            this.lines.map(({element}) => element),
+        );
+        const active = this.lines.find(({place}) => place === this.active);
+        if (active) this.scroller.setAttribute('aria-activedescendant', active.element.id);
         else this.scroller.removeAttribute('aria-activedescendant');
     }
 
@@ -280,35 +290,44 @@ export class List {
         return this.pages.get(Math.floor(i / pageRows))?.[i % pageRows];
     }
 
-    private rowAt(i: number): HTMLElement {
-        const row = this.rowOf(i);
-        if (!row) void this.load(Math.floor(i / pageRows));
-        const isActive = i === this.active;
-        const open = (): void => {
-            this.active = i;
-            this.draw();
-            if (row) this.open(row);
-        };
-        return h(
+    private lineAt(place: number, before: Set<Line>): Line {
+        const cells = this.rowOf(place);
+        if (!cells) void this.load(Math.floor(place / pageRows));
+        const kept = [...before].find((line) => areEqual(line.cells, cells));
+        if (kept) before.delete(kept);
+        const line = kept ?? this.newLine(cells, place);
+        line.place = place;
+        const {element} = line;
+        const isActive = place === this.active;
+        element.classList.toggle('active', isActive);
+        element.setAttribute('aria-rowindex', String(place + 2));
+        element.setAttribute('aria-selected', String(isActive));
+        if (isActive) element.id = `row-${this.query.table}-${place}`.replaceAll(/\s/g, '_');
+        else element.removeAttribute('id');
+        return line;
+    }
+
+    private newLine(cells: readonly Cell[] | undefined, place: number): Line {
+        const element = h(
             'div',
-            {
-                role: 'row',
-                class: `row${isActive ? ' active' : ''}`,
-                'aria-rowindex': i + 2,
-                'aria-selected': String(isActive),
-                id: isActive ? `row-${this.query.table}-${i}`.replaceAll(/\s/g, '_') : undefined,
-                onclick: open,
-            },
+            {role: 'row', class: 'row'},
             ...this.columns.map((column, at) => {
                 const cell = h(
                     'div',
                     {role: 'gridcell', 'aria-colindex': at + 1, class: column.isNumber && 'right'},
-                    row ? column.text(row) : '…',
+                    cells ? column.text(cells) : '…',
                 );
-                if (row) column.decorate?.(cell, row);
+                if (cells) column.decorate?.(cell, cells);
                 return cell;
             }),
         );
+        const line = {element, cells, place};
+        element.onclick = () => {
+            this.active = line.place;
+            this.draw();
+            if (cells) this.open(cells);
+        };
+        return line;
     }
 
     private async load(page: number): Promise<void> {

@@ -146,7 +146,7 @@ export class RowsView {
             } else if (change === 'overview') {
                 this.fillChoices();
                 if (this.list && !this.list.isExact && this.table && workspace.overviews.get(this.table.key)?.exact)
-                    this.list.refresh();
+                    void this.list.renew();
             }
         });
     }
