@@ -117,7 +117,7 @@ Result<Statement> filtered(const Database &database, const Table &table, const R
         conditions.parts << "EndDate!='' and EndTime!=''";
     if (!filter.levels.empty()) {
         QByteArray list;
-        for (const int level : filter.levels)
+        for (const qint64 level : filter.levels)
             list += (list.isEmpty() ? "" : ",") + QByteArray::number(level);
         conditions.parts << "LevelID in (" + list + ')';
     }

@@ -16,7 +16,7 @@ struct RowFilter {
     QString to;
     bool active = false;
     bool ended = false;
-    std::vector<int> levels;
+    std::vector<qint64> levels;
     QStringList objects; ///< Of alarms.
     QStringList types;   ///< Of alarms.
     QStringList values;  ///< Of samples: comparisons such as ">80" or "=ON", all of which hold.

@@ -3,6 +3,8 @@
 
 #include "storefile/texts.h"
 
+#include <QSet>
+
 #include <algorithm>
 
 namespace device_db
@@ -183,6 +185,14 @@ Result<QStringList> triggersOf(const Database &database)
     return triggers;
 }
 
+QByteArray foldedName(const QByteArray &name)
+{
+    QByteArray folded = name; // not toLower(), which takes the bytes of other letters for Latin-1 in Qt 5
+    for (char &c : folded)
+        c = c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c;
+    return folded;
+}
+
 Result<QList<Registration>> registrationsOf(const Database &database, const QList<Table> &tables)
 {
     QList<Registration> registrations;
@@ -195,13 +205,14 @@ Result<QList<Registration>> registrationsOf(const Database &database, const QLis
     auto rows = database.prepare("select COLLECTOR,NAME from tb_config order by ID");
     if (!rows)
         return rows.error();
+    QSet<QByteArray> series;
+    for (const Table &table : tables) {
+        if (table.kind == Kind::Samples)
+            series << foldedName(table.name.toUtf8());
+    }
     while (rows->step()) {
         const QByteArray collector = decodedTwice(rows->cell(0));
-        const bool hasTable = std::any_of(tables.begin(), tables.end(), [&](const Table &other) {
-            return other.kind == Kind::Samples &&
-                   other.name.compare(QString::fromUtf8(collector), Qt::CaseInsensitive) == 0;
-        });
-        registrations.append({collector, decodedTwice(rows->cell(1)), hasTable});
+        registrations.append({collector, decodedTwice(rows->cell(1)), series.contains(foldedName(collector))});
     }
     if (const Status status = rows->status(); !status)
         return status.error();

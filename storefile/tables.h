@@ -69,6 +69,9 @@ Result<Table> chooseTable(const Database &database, const QString &wanted, const
 /// The triggers of a file, as "NAME on TABLE": what runs by itself when somebody writes.
 Result<QStringList> triggersOf(const Database &database);
 
+/// A table's name in the form in which SQLite compares it: only the letters of ASCII have two cases.
+QByteArray foldedName(const QByteArray &name);
+
 /// A pair of the configuration table: the series' table and its name for people.
 struct Registration {
     QByteArray collector; ///< Decoded.
