@@ -3,14 +3,19 @@
 // What the server reads by, without a server.
 #include "plain_connection.h"
 #include "serve/answers.h"
+#include "serve/connection.h"
 #include "serve/curve_work.h"
 #include "serve/turns.h"
 #include "text_literal.h"
 #include "trend_files.h"
 
+#include <QCoreApplication>
+#include <QTcpServer>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+
+#include <thread>
 
 using namespace device_db;
 
@@ -249,6 +254,99 @@ TEST_F(ServePieces, APictureBySumsIsReadInSlices)
         return answer.mid(answer.indexOf("\"points\"")).split(']').first();
     };
     EXPECT_EQ(points(sums), points(rows));
+}
+
+// A client whose answers are large, and its server in the same thread.
+class Conversation
+{
+public:
+    Conversation()
+    {
+        EXPECT_TRUE(m_listener.listen(QHostAddress::LocalHost));
+        m_client.connectToHost(QHostAddress::LocalHost, m_listener.serverPort());
+        EXPECT_TRUE(m_client.waitForConnected(30000));
+        EXPECT_TRUE(m_listener.waitForNewConnection(30000));
+        std::unique_ptr<QTcpSocket> socket(m_listener.nextPendingConnection());
+        socket->setParent(nullptr);
+        m_client.setReadBufferSize(1000); // the systems between hold the rest, as far as they do
+        connection = std::make_unique<Connection>(std::move(socket));
+        connection->onRequest([this](const HttpRequest &) {
+            ++requests;
+            connection->answer({200, "text/plain", QByteArray(10000000, 'a'), {}});
+        });
+    }
+
+    void send(const QByteArray &bytes)
+    {
+        m_client.write(bytes);
+        wait();
+    }
+    void wait()
+    {
+        for (int i = 0; i < 20; ++i)
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    /// Takes what is there until nothing comes any more; how many bytes.
+    qint64 take()
+    {
+        qint64 bytes = 0;
+        m_client.setReadBufferSize(0);
+        for (qint64 before = -1; bytes != before;) {
+            before = bytes;
+            for (int i = 0; i < 10; ++i) {
+                wait();
+                bytes += m_client.readAll().size();
+            }
+        }
+        return bytes;
+    }
+
+    std::unique_ptr<Connection> connection;
+    int requests = 0;
+
+private:
+    QTcpServer m_listener;
+    QTcpSocket m_client;
+};
+
+const QByteArray anyRequest("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n");
+
+TEST(Connection, ReadsTheNextRequestWhenTheAnswerWasTaken)
+{
+    Conversation conversation;
+    for (int i = 0; i < 10; ++i) {
+        conversation.send(anyRequest);
+        EXPECT_LE(conversation.requests, 2);
+        EXPECT_LE(conversation.connection->waiting(), 11000000);
+    }
+    EXPECT_GT(conversation.take(), 100000000);
+    EXPECT_EQ(conversation.requests, 10) << "each of them";
+}
+
+TEST(Connection, EndsWithAClientThatSendsAndTakesNothing)
+{
+    using namespace std::chrono_literals;
+    Conversation conversation;
+    for (int i = 0; i < 5; ++i)
+        conversation.send(anyRequest);
+    EXPECT_GT(conversation.connection->waiting(), 0);
+    const auto began = Connection::Clock::now();
+    std::this_thread::sleep_for(20ms);
+    conversation.send(anyRequest.left(5));
+    conversation.connection->lookAtClock(began + 29s);
+    EXPECT_FALSE(conversation.connection->isClosed());
+    conversation.connection->lookAtClock(began + 30s + 1ms);
+    EXPECT_TRUE(conversation.connection->isClosed());
+}
+
+TEST(Connection, AnswersNothingAfterTheLastRequest)
+{
+    Conversation conversation;
+    conversation.send("GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n" + anyRequest);
+    EXPECT_LT(conversation.take(), 11000000);
+    EXPECT_EQ(conversation.requests, 1);
+    EXPECT_TRUE(conversation.connection->isClosed());
 }
 
 TEST(Turns, WhoComesAnewIsNextButOneAndNobodyWaitsForEver)

@@ -52,12 +52,14 @@ const char *reasonOf(int status)
 
 Connection::Connection(std::unique_ptr<QTcpSocket> socket) : m_socket(std::move(socket))
 {
-    m_socket->setReadBufferSize(2 * HttpParser::longestHead);
+    m_socket->setReadBufferSize(HttpParser::longestHead);
     m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     QObject::connect(m_socket.get(), &QTcpSocket::readyRead, m_socket.get(), [this] { read(); });
     QObject::connect(m_socket.get(), &QTcpSocket::bytesWritten, m_socket.get(), [this] {
         m_quietSince = Clock::now();
+        m_requestBegan = m_quietSince; // of the next one, if its first bytes are here: it was not read until now
         pump();
+        readLater();
     });
     QObject::connect(m_socket.get(), &QTcpSocket::disconnected, m_socket.get(), [this] { m_isClosed = true; });
 }
@@ -93,32 +95,35 @@ qint64 Connection::waiting() const
 
 void Connection::read()
 {
-    if (m_isClosed || m_closesAfter)
-        return;
-    // While an answer is under way the next request waits in the socket's buffer, which is bounded.
-    while (!m_isBusy && !m_isClosed) {
+    // Otherwise the next request waits in the socket's buffer and then in the system, both of which are bounded. So is
+    // the parser, which gets more bytes only when it has no whole request.
+    while (!m_isBusy && !m_isClosed && !m_closesAfter && waiting() == 0) {
         const bool wasWithin = m_parser.isWithinRequest();
-        if (m_socket->bytesAvailable() > 0) {
-            m_parser.add(m_socket->readAll());
-            m_quietSince = Clock::now();
-        }
         const auto request = m_parser.next();
         if (request) {
             m_isBusy = true;
-            m_requestBegan = Clock::now(); // of the next one, if its first bytes are here
             m_closesAfter = !request->keepAlive;
             m_onRequest(*request);
-            continue;
-        }
-        if (const int status = m_parser.refusal(); status != 0) {
+        } else if (const int status = m_parser.refusal(); status != 0) {
             m_isBusy = true;
             m_closesAfter = true;
             answer({status, "text/plain; charset=utf-8", QByteArray(reasonOf(status)) + '\n', {}});
-        } else if (!wasWithin && m_parser.isWithinRequest()) {
-            m_requestBegan = Clock::now();
+        } else if (m_socket->bytesAvailable() > 0) {
+            m_parser.add(m_socket->readAll());
+            m_quietSince = Clock::now();
+            if (!wasWithin)
+                m_requestBegan = m_quietSince;
+        } else {
+            return;
         }
-        return;
     }
+}
+
+// Not from within the handler of a request: that one reads on itself.
+void Connection::readLater()
+{
+    QMetaObject::invokeMethod(
+        m_socket.get(), [this] { read(); }, Qt::QueuedConnection);
 }
 
 QByteArray Connection::headOf(const HttpAnswer &answer, const QByteArray &framing)
@@ -166,9 +171,7 @@ void Connection::end()
     write("0\r\n\r\n");
     m_isBusy = false;
     pump();
-    // Not from within the handler of a request: that one reads on itself.
-    QMetaObject::invokeMethod(
-        m_socket.get(), [this] { read(); }, Qt::QueuedConnection);
+    readLater();
 }
 
 void Connection::write(const QByteArray &bytes)

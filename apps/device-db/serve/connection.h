@@ -22,7 +22,8 @@ struct HttpAnswer {
     QList<QByteArray> headers; ///< "Name: value"
 };
 
-/// A client: one request after the other, each answered before the next is read.
+/// A client: one request after the other. The next one is read when the system has taken all of the answer, so a client
+/// that sends and does not read costs one answer, whatever it sends.
 class Connection
 {
 public:
@@ -49,7 +50,7 @@ public:
     /// Bytes that the client has not taken yet.
     qint64 waiting() const;
     QHostAddress localAddress() const { return m_socket->localAddress(); }
-    /// Since when the client has neither sent nor taken anything.
+    /// Since when the client has taken nothing and, where nothing waits for it, sent nothing.
     Clock::time_point quietSince() const { return m_quietSince; }
     /// Ends it if it has been slow for too long.
     void lookAtClock(Clock::time_point now);
@@ -57,6 +58,7 @@ public:
 
 private:
     void read();
+    void readLater();
     void write(const QByteArray &bytes);
     void pump();
     QByteArray headOf(const HttpAnswer &answer, const QByteArray &framing);
