@@ -94,6 +94,7 @@ TEST(HttpParser, IsBounded)
     for (int i = 0; i < 64; ++i)
         many += "A: b\r\n";
     EXPECT_EQ(refusalOf(many + "\r\n"), 431);
+    EXPECT_GE(HttpParser::longestHead, 32000) << "cookies of every server of that name are in it";
     // The largest that is taken.
     QByteArray head("GET / HTTP/1.1\r\nHost: localhost\r\nA: ");
     HttpParser parser;
@@ -144,10 +145,11 @@ protected:
         return m_access.judge(requestOf(target, headers), QHostAddress("192.168.1.20"_q));
     }
 
-    const QByteArray m_cookie = "\r\nCookie: other=1; device_db_8080=0123456789abcdef";
+    const QByteArray m_cookie = "\r\nCookie: other=1; device_db_8080=0123456789abcdef; device_db_80=0123456789abcdef; "
+                                "device_db_9999=0123456789abcdef; device_db_1=0123456789abcdef";
 
 private:
-    Access m_access{"0123456789abcdef", 8080};
+    Access m_access{"0123456789abcdef"};
 };
 
 TEST_F(AccessTest, TheTokenBecomesACookie)
@@ -155,8 +157,17 @@ TEST_F(AccessTest, TheTokenBecomesACookie)
     EXPECT_EQ(judge("/?token=0123456789abcdef", "Host: localhost:8080"), Verdict::GiveCookie);
     EXPECT_EQ(judge("/", "Host: localhost:8080" + m_cookie), Verdict::Allowed);
     EXPECT_EQ(judge("/api/open", "Host: localhost:8080" + m_cookie), Verdict::Allowed);
-    const QByteArray cookie = Access("ab", 9).cookie();
-    EXPECT_EQ(cookie, "device_db_9=ab; Path=/; HttpOnly; SameSite=Strict");
+}
+
+TEST_F(AccessTest, TheCookieIsThatOfThePortThatTheBrowserSees)
+{
+    for (const auto &[host, name] : {std::pair{"localhost:9", "device_db_9"}, std::pair{"[::1]:8081", "device_db_8081"},
+                                     std::pair{"localhost", "device_db_80"}, std::pair{"[::1]", "device_db_80"}})
+        EXPECT_EQ(Access("ab").cookie(requestOf("/", "Host: " + QByteArray(host))),
+                  QByteArray(name) + "=ab; Path=/; HttpOnly; SameSite=Strict");
+    EXPECT_EQ(judge("/", "Host: localhost:8081\r\nCookie: device_db_8081=0123456789abcdef"), Verdict::Allowed);
+    EXPECT_EQ(judge("/", "Host: localhost:8081\r\nCookie: device_db_8080=0123456789abcdef"), Verdict::NoToken)
+        << "that of another device";
 }
 
 TEST_F(AccessTest, NothingIsAnsweredWithoutIt)
@@ -193,7 +204,7 @@ TEST_F(AccessTest, OnlyGetIsAnswered)
     for (const char *method : {"POST", "HEAD", "OPTIONS", "PUT", "get"}) {
         HttpRequest request = requestOf("/", "Host: localhost" + m_cookie);
         request.method = method;
-        EXPECT_EQ(Access("0123456789abcdef", 8080).judge(request, QHostAddress::LocalHost), Verdict::WrongMethod);
+        EXPECT_EQ(Access("0123456789abcdef").judge(request, QHostAddress::LocalHost), Verdict::WrongMethod);
     }
 }
 

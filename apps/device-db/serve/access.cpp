@@ -22,21 +22,35 @@ bool isSame(const QByteArray &given, const QByteArray &token)
     return difference == 0;
 }
 
-// The Host without its port, which is another one at the near end of "ssh -L".
-QByteArray nameIn(const QByteArray &host)
+struct Host {
+    QByteArray name;
+    quint16 port;
+};
+
+// What the browser has for an address: at the near end of "ssh -L" the port is not the server's. Without a name if it
+// makes no sense.
+Host hostIn(const QByteArray &text)
 {
-    const auto end = host.startsWith('[') ? host.indexOf(']') + 1 : std::max<int>(0, int(host.indexOf(':')));
-    const QByteArray port = end > 0 ? host.mid(end) : QByteArray();
+    constexpr quint16 usualPort = 80;
+    const auto end = text.startsWith('[') ? text.indexOf(']') + 1 : std::max<int>(0, int(text.indexOf(':')));
+    const QByteArray port = end > 0 ? text.mid(end) : QByteArray();
+    if (port.isEmpty())
+        return {end > 0 ? text.left(end) : text, usualPort};
     bool isNumber = false;
-    if (!port.isEmpty() && (!port.startsWith(':') || port.mid(1).toUShort(&isNumber) == 0 || !isNumber))
-        return QByteArray();
-    return end > 0 ? host.left(end) : host;
+    const quint16 number = port.mid(1).toUShort(&isNumber);
+    const bool isPort = port.startsWith(':') && isNumber && number > 0;
+    return {isPort ? text.left(end) : QByteArray(), number};
+}
+
+QByteArray cookieNameFor(const HttpRequest &request)
+{
+    return "device_db_" + QByteArray::number(hostIn(request.host).port);
 }
 
 // A name of the domain system could be anybody's.
 bool isOurs(const QByteArray &host, const QHostAddress &local)
 {
-    const QByteArray name = nameIn(host).toLower();
+    const QByteArray name = hostIn(host).name.toLower();
     if (name == "localhost" || name == "127.0.0.1" || name == "[::1]")
         return true;
     const QString given = QString::fromLatin1(name.startsWith('[') ? name.mid(1, name.size() - 2) : name);
@@ -45,11 +59,6 @@ bool isOurs(const QByteArray &host, const QHostAddress &local)
 }
 
 } // namespace
-
-Access::Access(QByteArray token, quint16 port)
-    : m_token(std::move(token)), m_cookieName("device_db_" + QByteArray::number(port))
-{
-}
 
 Access::Verdict Access::judge(const HttpRequest &request, const QHostAddress &local) const
 {
@@ -61,12 +70,12 @@ Access::Verdict Access::judge(const HttpRequest &request, const QHostAddress &lo
         return Verdict::WrongMethod;
     if (request.path == "/" && request.query.startsWith("token=") && isSame(request.query.mid(6), m_token))
         return Verdict::GiveCookie;
-    return isSame(request.cookieNamed(m_cookieName), m_token) ? Verdict::Allowed : Verdict::NoToken;
+    return isSame(request.cookieNamed(cookieNameFor(request)), m_token) ? Verdict::Allowed : Verdict::NoToken;
 }
 
-QByteArray Access::cookie() const
+QByteArray Access::cookie(const HttpRequest &request) const
 {
-    return m_cookieName + '=' + m_token + "; Path=/; HttpOnly; SameSite=Strict";
+    return cookieNameFor(request) + '=' + m_token + "; Path=/; HttpOnly; SameSite=Strict";
 }
 
 QByteArray randomToken()

@@ -15,8 +15,7 @@ namespace device_db
 class Access
 {
 public:
-    /// `port`: of the server, so that two of them on one machine have cookies of their own.
-    Access(QByteArray token, quint16 port);
+    explicit Access(QByteArray token) : m_token(std::move(token)) {}
 
     enum class Verdict {
         Allowed,
@@ -29,11 +28,12 @@ public:
     /// `local`: where the client has connected to.
     Verdict judge(const HttpRequest &request, const QHostAddress &local) const;
 
-    QByteArray cookie() const; ///< The value of Set-Cookie.
+    /// The value of Set-Cookie. Its name has the port of the address that the browser shows: a browser keeps one set of
+    /// cookies for all ports of a name, and two devices behind "ssh -L" may serve at the same port.
+    QByteArray cookie(const HttpRequest &request) const;
 
 private:
     QByteArray m_token;
-    QByteArray m_cookieName;
 };
 
 /// 128 random bits in hexadecimal digits.

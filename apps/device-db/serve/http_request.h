@@ -32,7 +32,9 @@ std::optional<QList<QPair<QByteArray, QByteArray>>> pairsOf(const QByteArray &qu
 class HttpParser
 {
 public:
-    static constexpr int longestHead = 8192; ///< Bytes of the request line and the headers.
+    /// Bytes of the request line and the headers. A browser sends the cookies of all servers of one name, whatever
+    /// their ports, so those of others on "localhost" are among them.
+    static constexpr int longestHead = 32768;
 
     void add(const QByteArray &bytes) { m_bytes += bytes; }
     /// The next request; nothing as long as more bytes are needed, and from a refusal on.

@@ -66,7 +66,7 @@ Server::Server(std::unique_ptr<ServedFiles> files, std::unique_ptr<QTcpServer> l
     : m_files(std::move(files)),
       m_listener(std::move(listener)),
       m_token(randomToken()),
-      m_access(m_token, m_listener->serverPort()),
+      m_access(m_token),
       m_page(servedPage())
 {
     QObject::connect(m_listener.get(), &QTcpServer::newConnection, m_listener.get(), [this] { accept(); });
@@ -125,7 +125,7 @@ void Server::handle(Client &client, const HttpRequest &request)
     case Access::Verdict::GiveCookie:
         return connection.answer(
             {303, plainText, "/\n",
-             nothingAllowed + QList<QByteArray>{"Location: /", "Set-Cookie: " + m_access.cookie()}});
+             nothingAllowed + QList<QByteArray>{"Location: /", "Set-Cookie: " + m_access.cookie(request)}});
     case Access::Verdict::WrongMethod:
         return connection.answer(
             {405, plainText, "Only GET is answered here.\n", nothingAllowed + QList<QByteArray>{"Allow: GET"}});
