@@ -225,9 +225,17 @@ public:
             const QByteArray event = m_client.part();
             if (event.isNull())
                 return QJsonArray();
-            if (const auto at = event.indexOf("data: "); at >= 0)
-                return QJsonDocument::fromJson(event.mid(at + 6).trimmed()).object()["files"_q].toArray();
+            const QJsonArray files = filesIn(event);
+            if (!files.isEmpty())
+                return files;
         }
+    }
+    /// The next event, heartbeat or not.
+    QByteArray nextEvent() { return m_client.part(); }
+
+    static QJsonArray filesIn(const QByteArray &event)
+    {
+        return QJsonDocument::fromJson(event.mid(event.indexOf("data: ") + 6).trimmed()).object()["files"_q].toArray();
     }
 
 private:

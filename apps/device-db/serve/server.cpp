@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 
 constexpr auto slice = 4ms;
 constexpr auto lookEvery = 250ms;
-constexpr auto heartbeatEvery = 15s;    // so that both ends notice when the other has gone
+constexpr auto heartbeatEvery = 15s;    // a page that hears nothing for much longer connects anew
 constexpr qint64 mostWaiting = 1 << 20; // bytes that a client has not taken: it gets nothing more that can be left out
 
 const QByteArray plainText("text/plain; charset=utf-8");
@@ -219,7 +219,8 @@ void Server::lookAtFiles()
         m_nextHeartbeat = now + heartbeatEvery;
     if (change.isEmpty() && !isHeartbeat)
         return;
-    const QByteArray event = change.isEmpty() ? QByteArray(":\n\n") : "data: " + change + "\n\n";
+    // A page does not get to see a comment.
+    const QByteArray event = "data: " + (change.isEmpty() ? QByteArray("{\"files\":[]}") : change) + "\n\n";
     for (Client &client : m_clients) {
         if (!client.isWatching || client.connection.isClosed())
             continue;
