@@ -12,10 +12,11 @@ namespace device_db
 namespace
 {
 
-class OverviewWork : public Work
+/// What the pass of a table says.
+class PassWork : public Work
 {
 public:
-    explicit OverviewWork(std::shared_ptr<ServedTable> table) : m_table(std::move(table)) {}
+    explicit PassWork(std::shared_ptr<ServedTable> table) : m_table(std::move(table)) {}
 
     Result<QByteArray> run(SliceEnd until, const Seen &seen) override
     {
@@ -23,16 +24,6 @@ public:
         if (!database)
             return database.error();
         TablePass &pass = *m_table->pass;
-        if (!pass.isDone() && !m_isShown) {
-            m_isShown = true;
-            if (!pass.extent().from && m_table->table.kind == Kind::Samples && !m_table->hasDots) {
-                if (const Status read = readDots(**database, *m_table); !read)
-                    return read.error();
-            }
-            if (pass.extent().from)
-                seen(answer());
-            return QByteArray();
-        }
         if (!pass.isDone()) {
             if (const Status read = pass.read(**database, until); !read)
                 return read.error();
@@ -44,8 +35,40 @@ public:
         return QByteArray();
     }
 
+protected:
+    virtual QByteArray answer() const = 0;
+
+    std::shared_ptr<ServedTable> m_table;
+
 private:
-    QByteArray answer() const
+    Pace m_pace;
+};
+
+class OverviewWork : public PassWork
+{
+public:
+    using PassWork::PassWork;
+
+    Result<QByteArray> run(SliceEnd until, const Seen &seen) override
+    {
+        const auto database = databaseOf(*m_table);
+        if (!database)
+            return database.error();
+        const TablePass &pass = *m_table->pass;
+        if (m_isShown || pass.isDone())
+            return PassWork::run(until, seen);
+        m_isShown = true;
+        if (!pass.extent().from && m_table->table.kind == Kind::Samples && !m_table->hasDots) {
+            if (const Status read = readDots(**database, *m_table); !read)
+                return read.error();
+        }
+        if (pass.extent().from)
+            seen(answer());
+        return QByteArray();
+    }
+
+private:
+    QByteArray answer() const override
     {
         const TablePass &pass = *m_table->pass;
         const TimeExtent extent = pass.extent();
@@ -75,39 +98,20 @@ private:
         return json.endArray().endObject().written();
     }
 
-    std::shared_ptr<ServedTable> m_table;
     bool m_isShown = false;
-    Pace m_pace;
 };
 
 /// Alarms and logs.
-class EventsWork : public Work
+class EventsWork : public PassWork
 {
 public:
     EventsWork(std::shared_ptr<ServedTable> table, const PictureRange &range)
-        : m_table(std::move(table)), m_range(range)
+        : PassWork(std::move(table)), m_range(range)
     {
-    }
-
-    Result<QByteArray> run(SliceEnd until, const Seen &seen) override
-    {
-        const auto database = databaseOf(*m_table);
-        if (!database)
-            return database.error();
-        TablePass &pass = *m_table->pass;
-        if (!pass.isDone()) {
-            if (const Status read = pass.read(**database, until); !read)
-                return read.error();
-        }
-        if (pass.isDone())
-            return answer();
-        if (m_pace.isTime())
-            seen(answer());
-        return QByteArray();
     }
 
 private:
-    QByteArray answer() const
+    QByteArray answer() const override
     {
         TablePass &pass = *m_table->pass;
         const bool isAlarms = m_table->table.kind == Kind::Alarms;
@@ -130,9 +134,7 @@ private:
         return json.endArray().endObject().written();
     }
 
-    std::shared_ptr<ServedTable> m_table;
     PictureRange m_range;
-    Pace m_pace;
 };
 
 struct RowsQuestion {
@@ -280,15 +282,24 @@ public:
         m_isFine = m_isFine && given && *given >= least && *given <= most;
         return given.value_or(0);
     }
-    void refuse() { m_isFine = false; }
+    void refuse(const QString &why = QString())
+    {
+        m_isFine = false;
+        if (!why.isEmpty())
+            m_why = why;
+    }
     /// Everything made sense, and nothing is left.
     bool isFine() const { return m_isFine && m_left.isEmpty(); }
+    /// What was wrong.
+    QString why() const { return m_why; }
 
 private:
     Parameters m_left;
     bool m_isFine = true;
+    QString m_why = QStringLiteral("the parameters make no sense");
 };
 
+constexpr qint64 mostColumns = 100000;         // of a picture, as in the page
 constexpr qint64 latestTime = 253402300799999; // of the year 9999
 
 std::optional<PictureRange> rangeIn(Reader &reader)
@@ -296,7 +307,7 @@ std::optional<PictureRange> rangeIn(Reader &reader)
     PictureRange range;
     range.from = reader.number("from", -62135596800000, latestTime);
     range.to = reader.number("to", range.from, latestTime);
-    range.columns = int(reader.number("columns", 1, 20000));
+    range.columns = int(reader.number("columns", 1, mostColumns));
     return reader.isFine() ? std::optional(range) : std::nullopt;
 }
 
@@ -324,11 +335,15 @@ std::optional<RowsQuestion> rowsIn(Reader &reader, Kind kind)
             reader.refuse();
         keep("state", *state);
     }
-    while (const auto level = reader.number("level")) {
-        filter.levels.push_back(int(*level));
+    while (const auto level = reader.text("level")) {
+        bool isNumber = false;
+        filter.levels.push_back(level->toLongLong(&isNumber));
+        if (!isNumber)
+            reader.refuse(
+                QStringLiteral("a level is a whole number, which \"%1\" is not").arg(QString::fromUtf8(*level)));
         if (kind != Kind::Alarms)
             reader.refuse();
-        keep("level", QByteArray::number(*level));
+        keep("level", *level);
     }
     while (const auto user = reader.text("user")) {
         filter.users << QString::fromUtf8(*user);
@@ -363,7 +378,6 @@ Result<std::unique_ptr<Work>> workFor(ServedFiles &files, const QByteArray &ques
     const auto table = files.table(key);
     if (!table)
         return failure(QString::fromUtf8(key), QStringLiteral("there is no such table; it may have been removed"));
-    const auto senseless = failure(QString::fromLatin1(question), QStringLiteral("the parameters make no sense"));
     std::unique_ptr<Work> work;
     if (question == "overview" && reader.isFine()) {
         work = std::make_unique<OverviewWork>(table);
@@ -378,7 +392,7 @@ Result<std::unique_ptr<Work>> workFor(ServedFiles &files, const QByteArray &ques
             work = std::make_unique<RowsWork>(files, table, std::move(*rows));
     }
     if (!work)
-        return senseless;
+        return failure(QString::fromLatin1(question), reader.why());
     return work;
 }
 

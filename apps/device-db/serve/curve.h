@@ -57,7 +57,6 @@ public:
     void addRoughly(const Block &block);
     void add(const SummedColumn &column);
 
-    const PictureRange &range() const { return m_range; }
     const SampleTotal &total() const { return m_total; }
     std::vector<Point> points() const;
     /// In the order of recording: where the clock went back, a line of its own begins.
