@@ -10,6 +10,9 @@
 #include "trend_files.h"
 
 #include <QCoreApplication>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTcpServer>
 #include <QTemporaryDir>
 
@@ -25,7 +28,7 @@ namespace
 class ServePieces : public ::testing::Test
 {
 protected:
-    QString path() const { return m_folder.filePath("a.db"_q); }
+    QString path(const QString &name = "a.db"_q) const { return m_folder.filePath(name); }
 
     static const Table &table()
     {
@@ -254,6 +257,305 @@ TEST_F(ServePieces, APictureBySumsIsReadInSlices)
         return answer.mid(answer.indexOf("\"points\"")).split(']').first();
     };
     EXPECT_EQ(points(sums), points(rows));
+}
+
+QJsonArray arrayOf(const QByteArray &json)
+{
+    return QJsonDocument::fromJson(json).array();
+}
+
+QStringList keysOf(const ServedFiles &files)
+{
+    QStringList keys;
+    for (const auto &table : arrayOf(files.tables()))
+        keys << table.toObject()["key"_q].toString();
+    return keys;
+}
+
+QString titleOf(const ServedFiles &files, const QString &key)
+{
+    for (const auto &table : arrayOf(files.tables())) {
+        if (table.toObject()["key"_q] == key)
+            return table.toObject()["title"_q].toString();
+    }
+    return QString();
+}
+
+QStringList findingsOf(const ServedFiles &files, int file)
+{
+    QStringList texts;
+    for (const auto &finding : arrayOf(files.open()).at(file).toObject()["findings"_q].toArray())
+        texts << "%1 %2: %3"_q.arg(finding.toObject()["cause"_q].toString(), finding.toObject()["table"_q].toString(),
+                                   finding.toObject()["what"_q].toString());
+    return texts;
+}
+
+// The next change of the only file; none if there is nothing for so long. A file that this process has open as well is
+// read from copies, which take a moment.
+QJsonObject changeIn(ServedFiles &files, int milliseconds = 10000)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    while (std::chrono::steady_clock::now() < end) {
+        const QJsonArray changed = QJsonDocument::fromJson(files.look()).object()["files"_q].toArray();
+        if (!changed.isEmpty())
+            return changed.at(0).toObject();
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return QJsonObject();
+}
+
+constexpr int aWhile = 500; // milliseconds in which a change would be seen
+
+const QString malformed = "it cannot be read: database disk image is malformed; \"device-db check\" says more, "
+                          "\"device-db salvage\" gets rows out"_q;
+
+// Writes nonsense over the first page of a table.
+void damage(const QString &path, const QString &table)
+{
+    qint64 page = 0;
+    qint64 size = 0;
+    {
+        PlainConnection connection(path);
+        connection.run("pragma wal_checkpoint(truncate)"_q);
+        page = connection.value("select rootpage from sqlite_master where name='%1'"_q.arg(table)).toLongLong();
+        size = connection.value("pragma page_size"_q).toLongLong();
+    }
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(file.seek((page - 1) * size));
+    file.write(QByteArray(int(size), '\xff'));
+}
+
+TEST_F(ServePieces, ADamagedTableLeavesTheOthers)
+{
+    const QString log = "create table T2(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text);"
+                        "insert into T2 select * from T1;"_q;
+    PlainConnection(path()).run(definition() + rows(10) + log);
+    PlainConnection(path("b.db"_q)).run(definition() + rows(10) + log);
+    damage(path("b.db"_q), "T2"_q);
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    EXPECT_EQ(keysOf(**files), (QStringList{"0/T1"_q, "0/T2"_q}));
+    const auto before = (*files)->table("0/T2");
+    ASSERT_EQ(std::rename(qPrintable(path("b.db"_q)), qPrintable(path())), 0);
+    QJsonObject change;
+    do
+        change = changeIn(**files);
+    while (!change.isEmpty() && !change["error"_q].toString().isEmpty());
+    EXPECT_EQ(keysOf(**files), QStringList{"0/T1"_q});
+    EXPECT_EQ(change["error"_q].toString(), QString());
+    EXPECT_TRUE(findingsOf(**files, 0).contains("damaged T2: "_q + malformed))
+        << qPrintable(findingsOf(**files, 0).join("\n"_q));
+    EXPECT_FALSE(workFor(**files, "overview", {{"table", "0/T2"}}));
+    QByteArray overview;
+    EXPECT_GT(slicesOf(**files, "overview", {{"table", "0/T1"}}, overview), 0);
+    EXPECT_TRUE(overview.contains("\"rows\":10,")) << overview.constData();
+    EXPECT_EQ(changeIn(**files, aWhile), QJsonObject()) << "nothing has changed";
+    // And at the beginning; a row of another table does not make it a change either.
+    const auto anew = ServedFiles::of({path()});
+    ASSERT_TRUE(anew);
+    EXPECT_EQ(keysOf(**anew), QStringList{"0/T1"_q});
+    const QJsonValue version = arrayOf((*anew)->open()).at(0).toObject()["version"_q];
+    PlainConnection(path()).run(rows(1));
+    change = changeIn(**anew);
+    EXPECT_EQ(change["version"_q], version);
+    EXPECT_EQ(change["tables"_q].toArray().size(), 1);
+}
+
+TEST_F(ServePieces, AnAnswerUnderWayEndsWhenItsTableIsDamaged)
+{
+    PlainConnection(path()).run(definition() + rows(10));
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    auto work = workFor(**files, "overview", {{"table", "0/T1"}});
+    ASSERT_TRUE(work);
+    (*files)->table("0/T1")->pass.reset();
+    EXPECT_FALSE((*work)->run(std::chrono::steady_clock::now(), [](const QByteArray &) {}));
+}
+
+TEST_F(ServePieces, ADamagedConfigurationLeavesTheTables)
+{
+    PlainConnection(path()).run(definition() + rows(10) +
+                                "create table tb_config(ID INTEGER PRIMARY KEY AUTOINCREMENT,COLLECTOR TEXT,NAME TEXT);"
+                                "create table \"device series\"(COLLECTOR text,UNIT text,DESCRIPTION text);"_q);
+    damage(path(), "tb_config"_q);
+    damage(path(), "device series"_q);
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    EXPECT_EQ(keysOf(**files), QStringList{"0/T1"_q});
+    EXPECT_TRUE(findingsOf(**files, 0).contains("damaged device series: "_q + malformed));
+    EXPECT_TRUE(findingsOf(**files, 0).contains("damaged tb_config: "_q + malformed))
+        << qPrintable(findingsOf(**files, 0).join("\n"_q));
+}
+
+TEST_F(ServePieces, AFileThatCannotBeReadLeavesTheOthers)
+{
+    PlainConnection(path()).run(definition() + rows(10));
+    QFile file(path("bad.db"_q));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("this is something else, and long enough to have a header of a hundred bytes, whatever it says: "
+               "nothing of a database is in it");
+    file.close();
+    const auto files = ServedFiles::of({path("bad.db"_q), path()});
+    ASSERT_TRUE(files) << qPrintable(files.error().cause());
+    EXPECT_EQ(keysOf(**files), QStringList{"1/T1"_q});
+    const QJsonArray open = arrayOf((*files)->open());
+    EXPECT_FALSE(open.at(0).toObject()["error"_q].toString().isEmpty());
+    EXPECT_EQ(open.at(1).toObject()["error"_q].toString(), QString());
+    // TROUBLES
+    const auto none = ServedFiles::of({path("bad.db"_q), path("missing.db"_q)});
+    ASSERT_FALSE(none);
+    EXPECT_TRUE(oneLine(none.error()).contains("bad.db"_q)) << qPrintable(oneLine(none.error()));
+}
+
+TEST_F(ServePieces, WhatIsRegisteredLaterIsSeen)
+{
+    PlainConnection device(path());
+    device.run(definition() + rows(10) +
+               "create table tb_config(ID INTEGER PRIMARY KEY AUTOINCREMENT,COLLECTOR TEXT,NAME TEXT);"
+               "create table \"device series\"(COLLECTOR text,UNIT text,DESCRIPTION text);"_q);
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    EXPECT_EQ(titleOf(**files, "0/T1"_q), "T1"_q);
+    EXPECT_TRUE(findingsOf(**files, 0).contains("notListed T1: tb_config does not list it"_q));
+    const QJsonValue version = arrayOf((*files)->open()).at(0).toObject()["version"_q];
+    device.run("insert into tb_config(COLLECTOR,NAME) values('T1','Boiler')"_q);
+    EXPECT_GT(changeIn(**files)["version"_q].toInt(), version.toInt());
+    EXPECT_EQ(titleOf(**files, "0/T1"_q), "Boiler"_q);
+    EXPECT_FALSE(findingsOf(**files, 0).contains("notListed T1: tb_config does not list it"_q));
+    device.run("update tb_config set NAME='Kettle'"_q);
+    EXPECT_NE(changeIn(**files), QJsonObject());
+    EXPECT_EQ(titleOf(**files, "0/T1"_q), "Kettle"_q);
+    device.run("insert into \"device series\" values('T1','V','voltage')"_q);
+    EXPECT_NE(changeIn(**files), QJsonObject());
+    EXPECT_EQ(arrayOf((*files)->tables()).at(0).toObject()["unit"_q].toString(), "V"_q);
+    const int last = arrayOf((*files)->open()).at(0).toObject()["version"_q].toInt();
+    device.run(rows(1));
+    EXPECT_EQ(changeIn(**files)["version"_q].toInt(), last) << "new rows and nothing else";
+}
+
+TEST_F(ServePieces, TheLastNameThatIsNotEmptyCounts)
+{
+    PlainConnection(path()).run(
+        definition() +
+        QString::fromUtf8("create table \"\xc3\x84"
+                          "1\"(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME "
+                          "dateTime,Value text);create table tb_config(ID INTEGER PRIMARY KEY "
+                          "AUTOINCREMENT,COLLECTOR TEXT,NAME TEXT);insert into tb_config(COLLECTOR,NAME) "
+                          "values('T1','First'),('t1','Second'),('T1',''),('\xc3\xa4"
+                          "1','Umlaut')"));
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    EXPECT_EQ(titleOf(**files, "0/T1"_q), "Second"_q);
+    EXPECT_EQ(titleOf(**files, QString::fromUtf8("0/\xc3\x84"
+                                                 "1")),
+              QString::fromUtf8("\xc3\x84"
+                                "1"))
+        << "only the letters of ASCII have two cases, as in SQLite";
+}
+
+TEST_F(ServePieces, RowsRemovedAtTheBeginningDoNotStopAPass)
+{
+    PlainConnection device(path());
+    device.run(definition() + rows(20000));
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    const auto table = (*files)->table("0/T1");
+    ASSERT_TRUE(table);
+    const auto work = workFor(**files, "overview", {{"table", "0/T1"}});
+    ASSERT_TRUE(work);
+    QByteArray answer;
+    for (int slice = 0; slice < 1000 && answer.isEmpty(); ++slice) {
+        answer = *(*work)->run(std::chrono::steady_clock::now(), [](const QByteArray &) {});
+        if (slice % 10 == 5) {
+            device.run(rows(1) + "delete from T1 where ID=(select min(ID) from T1)"_q);
+            EXPECT_NE(changeIn(**files), QJsonObject());
+        }
+    }
+    EXPECT_TRUE(answer.contains("\"exact\":true")) << "each removal began the pass anew";
+    // Once it was read, what has gone is known.
+    EXPECT_GT(changeIn(**files)["version"_q].toInt(), 1);
+    QByteArray exact;
+    slicesOf(**files, "overview", {{"table", "0/T1"}}, exact);
+    EXPECT_TRUE(exact.contains("\"rows\":20000,")) << exact.constData();
+    EXPECT_TRUE(exact.contains("\"first\":\"" + device.value("select min(DATETIME) from T1"_q).toUtf8()))
+        << exact.constData();
+    EXPECT_EQ(changeIn(**files, aWhile), QJsonObject());
+    // Before it begins there is nothing to read anew.
+    const auto anew = ServedFiles::of({path()});
+    ASSERT_TRUE(anew);
+    device.run("delete from T1 where ID=(select min(ID) from T1)"_q);
+    EXPECT_EQ(changeIn(**anew, aWhile), QJsonObject());
+    slicesOf(**anew, "overview", {{"table", "0/T1"}}, exact);
+    EXPECT_TRUE(exact.contains("\"rows\":19999,")) << exact.constData();
+    EXPECT_EQ(changeIn(**anew, aWhile), QJsonObject());
+}
+
+QString alarms()
+{
+    return "create table AlarmData(ID INTEGER PRIMARY KEY AUTOINCREMENT,LevelID INTEGER,DATETIME dateTime,"
+           "AlarmObject text,AlarmType text,CurrentValue text,LimitValue text,AlarmDescription text,EndDate text,"
+           "EndTime text);insert into AlarmData values(1,1,'2024-05-06 07:08:09','','','','','','',''),"
+           "(2,4294967297,'2024-05-06 07:08:10','','','','','','','');"_q;
+}
+
+TEST_F(ServePieces, ANewAlarmIsANewRowAndNothingElse)
+{
+    PlainConnection device(path());
+    device.run("pragma journal_mode=wal;"_q + alarms());
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    QByteArray overview;
+    slicesOf(**files, "overview", {{"table", "0/AlarmData"}}, overview);
+    const QJsonValue version = arrayOf((*files)->open()).at(0).toObject()["version"_q];
+    EXPECT_TRUE(version.isDouble());
+    device.run("insert into AlarmData select NULL,LevelID,DATETIME,'','','','','',EndDate,EndTime from AlarmData"_q);
+    QJsonObject change = changeIn(**files);
+    EXPECT_EQ(change["version"_q], version);
+    EXPECT_EQ(change["tables"_q].toArray().at(0).toObject()["lastId"_q].toInt(), 4);
+    slicesOf(**files, "overview", {{"table", "0/AlarmData"}}, overview);
+    EXPECT_TRUE(overview.contains("\"rows\":4,")) << overview.constData();
+    device.run("update AlarmData set EndDate='2024-05-06',EndTime='08:00:00' where ID=3;"
+               "insert into AlarmData select NULL,LevelID,DATETIME,'','','','','','','' from AlarmData"_q);
+    change = changeIn(**files);
+    EXPECT_GT(change["version"_q].toInt(), version.toInt()) << "an alarm that ended, among new ones";
+}
+
+TEST_F(ServePieces, LevelsAreComparedInFull)
+{
+    PlainConnection(path()).run(alarms());
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    const auto found = [&](const QByteArray &level) {
+        QByteArray answer;
+        slicesOf(**files, "rows",
+                 {{"table", "0/AlarmData"}, {"order", "recorded"}, {"offset", "0"}, {"limit", "9"}, {"level", level}},
+                 answer);
+        return answer.mid(answer.indexOf("\"total\":") + 8, 1) + answer.mid(answer.indexOf("\"rows\":") + 8, 3);
+    };
+    EXPECT_EQ(found("1"), "1[\"1");
+    EXPECT_EQ(found("4294967297"), "1[\"2");
+    EXPECT_EQ(found("8589934593"), "0]}");
+    for (const char *level : {"1.5", "high", "", "99999999999999999999"}) {
+        const auto work = workFor(
+            **files, "rows",
+            {{"table", "0/AlarmData"}, {"order", "recorded"}, {"offset", "0"}, {"limit", "9"}, {"level", level}});
+        ASSERT_FALSE(work) << level;
+        EXPECT_TRUE(work.error().cause().contains("whole number"_q)) << qPrintable(work.error().cause());
+    }
+}
+
+TEST_F(ServePieces, APictureMayBeAsWideAsThatOfThePage)
+{
+    PlainConnection(path()).run(definition() + rows(10));
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    for (const auto &[columns, isTaken] : {std::pair{"100000", true}, std::pair{"100001", false}})
+        EXPECT_EQ(bool(workFor(
+                      **files, "trend",
+                      {{"table", "0/T1"}, {"from", "1714953600000"}, {"to", "1715213600000"}, {"columns", columns}})),
+                  isTaken)
+            << columns;
 }
 
 // A client whose answers are large, and its server in the same thread.

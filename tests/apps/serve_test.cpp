@@ -269,6 +269,31 @@ TEST_F(Serve, SaysWhenAFileCannotBeReadAnyMore)
     EXPECT_TRUE(get("/api/overview?table=0/T1").body.contains("\"error\""));
 }
 
+TEST_F(Serve, AWatcherHearsThatTheServerIsThere)
+{
+    make("a.db"_q, samples + rowsOf(10));
+    serve({"a.db"_q});
+    Watcher watcher(port(), request("/api/changes"));
+    EXPECT_EQ(lastIdIn(Watcher::filesIn(watcher.nextEvent()).at(0).toObject()), 10);
+    EXPECT_EQ(watcher.nextEvent(), "data: {\"files\":[]}\n\n") << "a comment is nothing that a page sees";
+}
+
+TEST_F(Serve, AFileThatCannotBeReadLeavesTheOthers)
+{
+    make("a.db"_q, samples + rowsOf(10));
+    QFile bad(path("bad.db"_q));
+    ASSERT_TRUE(bad.open(QIODevice::WriteOnly));
+    bad.write(QByteArray(5000, 'a'));
+    bad.close();
+    const QByteArray said = serve({"bad.db"_q, "a.db"_q});
+    EXPECT_TRUE(said.contains("device-db: bad.db: ")) << said.constData();
+    EXPECT_TRUE(get("/api/tables").body.contains("\"key\":\"1/T1\""));
+    const QJsonObject open = QJsonDocument::fromJson(get("/api/open").body).array().at(0).toObject();
+    EXPECT_FALSE(open["error"_q].toString().isEmpty());
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(run({"serve"_q, "bad.db"_q, "missing.db"_q}).exitCode, 1);
+}
+
 TEST_P(ServeLive, TellsWhatHappensToAFile)
 {
     PlainConnection device(path("a.db"_q));

@@ -102,17 +102,19 @@ protected:
     }
     ~ServedTool() override { stop(); }
 
-    void serve(const QStringList &files)
+    /// What it said until its address was there.
+    QByteArray serve(const QStringList &files)
     {
         start(m_process, QStringList{"serve"_q} + files);
         QByteArray said;
-        while (!said.contains('\n') && m_process.waitForReadyRead(60000))
+        while (!said.contains("Ctrl-C") && m_process.waitForReadyRead(60000))
             said += m_process.readAllStandardError() + m_process.readAllStandardOutput();
         const auto url = QRegularExpression("http://127\\.0\\.0\\.1:(\\d+)/\\?token=([0-9a-f]{32})"_q)
                              .match(QString::fromUtf8(said));
-        ASSERT_TRUE(url.hasMatch()) << said.constData();
+        EXPECT_TRUE(url.hasMatch()) << said.constData();
         m_port = url.captured(1).toUShort();
         m_token = url.captured(2).toLatin1();
+        return said;
     }
     /// As by Ctrl-C; the exit code.
     int stop()

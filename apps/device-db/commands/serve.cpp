@@ -55,6 +55,8 @@ Outcome run(const ServeCommand &command)
     auto files = ServedFiles::of(command.paths);
     if (!files)
         return files.error();
+    for (const Error &error : (*files)->errors())
+        complain(oneLine(error)); // it is shown as soon as it can be read
     const auto server = Server::listen(std::move(files).value(), address, command.port);
     if (!server)
         return server.error();

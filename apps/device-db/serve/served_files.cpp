@@ -15,35 +15,70 @@ namespace
 
 constexpr size_t selectionsKept = 16;
 
-bool isSameTable(const QByteArray &name, const Table &table)
+// Whatever columns another table of that name has, it is not the host layer's own.
+Result<std::map<QByteArray, SeriesInfo>> seriesInfosOf(const Database &database)
 {
-    return QString::fromUtf8(name).compare(table.name, Qt::CaseInsensitive) == 0;
-}
-
-// What the host layer adds about a series, by the name of its table. A table of other columns is not its own.
-std::map<QString, std::pair<QByteArray, QByteArray>> seriesInfosOf(const Database &database)
-{
-    std::map<QString, std::pair<QByteArray, QByteArray>> infos;
+    std::map<QByteArray, SeriesInfo> infos;
     const auto columns = database.text("select group_concat(name) from pragma_table_info((select name from "
                                        "sqlite_master where type='table' and rootpage>0 and name='device series'))");
     if (!columns || *columns != "COLLECTOR,UNIT,DESCRIPTION")
         return infos;
     auto rows = database.prepare("select COLLECTOR,UNIT,DESCRIPTION from \"device series\"");
-    while (rows && rows->step())
-        infos[QString::fromUtf8(rows->cell(0)).toLower()] = {rows->cell(1), rows->cell(2)};
+    if (!rows)
+        return rows.error();
+    while (rows->step())
+        infos[foldedName(rows->cell(0))] = {rows->cell(1), rows->cell(2)};
+    if (const Status status = rows->status(); !status)
+        return status.error();
     return infos;
 }
 
-// Rows of alarms change when an alarm ends. Those of the other tables do not: their IDs say all.
-QByteArray fingerprintOf(const Database &database, const Table &table)
+bool isSame(const QList<Registration> &some, const QList<Registration> &others)
+{
+    return std::equal(some.begin(), some.end(), others.begin(), others.end(),
+                      [](const Registration &a, const Registration &b) {
+                          return a.collector == b.collector && a.name == b.name && a.hasTable == b.hasTable;
+                      });
+}
+
+// Rows of alarms change when an alarm ends. Those of the other tables do not: their IDs say all. Up to an ID, so that a
+// new alarm is a new row and nothing else.
+QByteArray fingerprintOf(const Database &database, const Table &table, qint64 lastId)
 {
     if (table.kind != Kind::Alarms)
         return QByteArray();
     return database
         .text(
             "select count(*)||' '||total(EndDate='' and EndTime='')||' '||total(length(EndDate)+length(EndTime)) from " +
-            identifier(table.name))
+            identifier(table.name) + " where ID<=" + QByteArray::number(lastId))
         .valueOr(QByteArray());
+}
+
+// What the pass of a table has read says too little, or too much. That rows were removed at the beginning does not
+// count before its end: where a device removes one for each that it stores, it would never come there.
+bool needsAnother(const TablePass &pass, const TableEnds &ends)
+{
+    const TableEnds &known = pass.ends();
+    const bool wasEmpty = known.highestId == 0;
+    return pass.isOutdated() || (!wasEmpty && ends.firstId < known.firstId) ||
+           (!wasEmpty && ends.firstId > known.firstId && pass.isDone()) || ends.highestId < known.highestId ||
+           ends.lastId < known.lastId;
+}
+
+QString errorOf(const ServedFile &file)
+{
+    return file.followed.database() ? file.error : file.followed.error();
+}
+
+// Looked at again although the file has not changed.
+bool isUnsettled(const ServedTable &table)
+{
+    return !table.pass || table.pass->isOutdated();
+}
+
+Finding unreadable(const QString &table, const QString &error)
+{
+    return {Severity::Damage, table, QStringLiteral("it cannot be read: ") + error, 0, 0, QString(), "damaged"};
 }
 
 const char *nameOf(Severity severity)
@@ -72,11 +107,13 @@ void writeChange(Json &json, const ServedFile &file, const QList<QByteArray> &ta
         .key("version")
         .number(file.version)
         .key("error")
-        .text(file.followed.error())
+        .text(errorOf(file))
         .key("tables")
         .beginArray();
-    for (const QByteArray &key : tables)
-        writeRows(json, *file.tables.at(key));
+    for (const QByteArray &key : tables) {
+        if (file.tables.at(key)->pass)
+            writeRows(json, *file.tables.at(key));
+    }
     json.endArray().endObject();
 }
 
@@ -106,108 +143,161 @@ Result<std::unique_ptr<ServedFiles>> ServedFiles::of(const QStringList &paths)
 {
     std::unique_ptr<ServedFiles> files(new ServedFiles);
     for (const QString &path : paths) {
-        auto file = std::make_unique<ServedFile>(path);
-        file->place = int(files->m_files.size());
-        if (!file->followed.database())
-            return failure(path, file->followed.error());
+        files->m_files.push_back(std::make_unique<ServedFile>(path));
+        ServedFile &file = *files->m_files.back();
+        file.place = int(files->m_files.size()) - 1;
         QList<QByteArray> grown;
-        if (const Status read = files->read(*file, true, grown); !read)
-            return read.error();
-        files->m_files.push_back(std::move(file));
+        if (file.followed.database())
+            files->read(file, FollowedFile::News::Replaced, grown);
     }
+    const std::vector<Error> errors = files->errors();
+    if (!errors.empty() && errors.size() == files->m_files.size())
+        return errors.front();
     return files;
 }
 
-// What of a file has changed, by the IDs of its tables: reading all rows again would take long.
-Status ServedFiles::read(ServedFile &file, bool isOther, QList<QByteArray> &grown)
+std::vector<Error> ServedFiles::errors() const
+{
+    std::vector<Error> errors;
+    for (const auto &file : m_files) {
+        if (const QString error = errorOf(*file); !error.isEmpty())
+            errors.push_back(failure(file->followed.path(), error));
+    }
+    return errors;
+}
+
+// What of a file has changed, by the IDs of its tables: reading all rows again would take long. What cannot be read is
+// left out, which is a change once; each look tries it again.
+void ServedFiles::read(ServedFile &file, FollowedFile::News news, QList<QByteArray> &grown)
+{
+    const bool hasNews = news != FollowedFile::News::None;
+    bool isOther = news == FollowedFile::News::Replaced;
+    if (isOther)
+        forgetAll(file);
+    if (hasNews || !file.error.isEmpty()) {
+        const auto listed = readTables(file);
+        if (!listed)
+            forgetAll(file);
+        const QString error = listed ? QString() : listed.error().cause();
+        isOther = isOther || listed.valueOr(false) || error != file.error;
+        file.error = error;
+    }
+    for (const QByteArray &key : file.order) {
+        ServedTable &table = *file.tables.at(key);
+        if (!hasNews && !isUnsettled(table))
+            continue;
+        const auto renewed = readTable(table, grown);
+        if (!renewed) {
+            table.pass.reset();
+            forget(key);
+        }
+        const QString error = renewed ? QString() : renewed.error().cause();
+        isOther = isOther || renewed.valueOr(false) || error != table.error;
+        table.error = error;
+    }
+    if (isOther)
+        ++file.version;
+}
+
+// Whether the tables, or what is said about them, are others.
+Result<bool> ServedFiles::readTables(ServedFile &file)
 {
     const Database &database = *file.followed.database();
     const auto schema = database.number("pragma schema_version");
     if (!schema)
         return schema.error();
-    if (isOther) {
-        for (const QByteArray &key : file.order)
-            forget(key);
-        file.tables.clear();
-        file.order.clear();
-    }
-    if (isOther || *schema != file.schema) {
-        if (const Status listed = readTables(file); !listed)
-            return listed;
-        file.schema = *schema;
-        ++file.version;
-    }
-    const qint64 before = file.version;
-    for (const QByteArray &key : file.order) {
-        ServedTable &table = *file.tables.at(key);
-        const auto ends = endsOf(database, table.table.name);
-        if (!ends)
-            return ends.error();
-        const TableEnds known = table.pass ? table.pass->ends() : TableEnds();
-        const QByteArray fingerprint = fingerprintOf(database, table.table);
-        const bool wasEmpty = known.highestId == 0;
-        const bool isChanged = (!wasEmpty && known.firstId != ends->firstId) || ends->highestId < known.highestId ||
-                               ends->lastId < known.lastId;
-        if (!table.pass || isChanged || fingerprint != table.fingerprint) {
-            if (table.pass)
-                file.version = before + 1;
-            table.pass = std::make_shared<TablePass>(table.table, *ends);
-            if (const auto looked = table.pass->lookAround(database); !looked)
-                return looked.error();
-            forget(key);
-        } else if (ends->lastId > known.lastId) {
-            table.pass->grow(*ends);
-        } else {
-            continue;
-        }
-        table.fingerprint = fingerprint;
-        table.hasDots = false;
-        if (ends->lastId > known.lastId)
-            grown << key;
-        for (auto kept = m_selections.begin(); kept != m_selections.end();)
-            kept = kept->table == key && !kept->selection->grow() ? m_selections.erase(kept) : kept + 1;
-    }
-    return {};
-}
-
-Status ServedFiles::readTables(ServedFile &file)
-{
-    const Database &database = *file.followed.database();
-    const auto tables = tablesOf(database);
+    const auto tables = *schema == file.schema ? Result<QList<Table>>(file.all) : tablesOf(database);
     if (!tables)
         return tables.error();
-    file.all = *tables;
+    // At each change: the library commits a table before what tb_config says about it.
     const auto registrations = registrationsOf(database, *tables);
-    if (!registrations)
-        return registrations.error();
-    file.registrations = *registrations;
+    const QString configurationError = registrations ? QString() : registrations.error().cause();
     const auto infos = seriesInfosOf(database);
+    const QString infosError = infos ? QString() : infos.error().cause();
+    if (*schema == file.schema && isSame(registrations.valueOr({}), file.registrations) &&
+        configurationError == file.configurationError && infos.valueOr({}) == file.infos &&
+        infosError == file.infosError)
+        return false;
+    file.schema = *schema;
+    file.all = *tables;
+    file.registrations = registrations.valueOr({});
+    file.configurationError = configurationError;
+    file.infos = infos.valueOr({});
+    file.infosError = infosError;
+
+    std::map<QByteArray, QByteArray> titles;
+    for (const Registration &each : file.registrations) {
+        if (!each.name.isEmpty())
+            titles[foldedName(each.collector)] = each.name; // the last one counts
+    }
     std::map<QByteArray, std::shared_ptr<ServedTable>> before;
     before.swap(file.tables);
     file.order.clear();
-    for (const Table &table : *tables) {
+    for (const Table &table : file.all) {
         if (!holdsRecords(table.kind))
             continue;
-        const QByteArray key = QByteArray::number(file.place) + '/' + table.name.toUtf8();
+        const QByteArray name = table.name.toUtf8();
+        const QByteArray key = QByteArray::number(file.place) + '/' + name;
         auto served = before.count(key) > 0 ? before.at(key) : std::make_shared<ServedTable>();
         if (served->table.kind != table.kind)
             served->pass.reset();
         served->key = key;
         served->file = &file;
         served->table = table;
-        served->title = table.name.toUtf8();
-        for (const Registration &each : file.registrations) { // the last one counts
-            if (table.kind == Kind::Samples && isSameTable(each.collector, table) && !each.name.isEmpty())
-                served->title = each.name;
-        }
-        const auto info = infos.find(table.name.toLower());
-        served->unit = info == infos.end() ? QByteArray() : info->second.first;
-        served->description = info == infos.end() ? QByteArray() : info->second.second;
+        const auto title = titles.find(foldedName(name));
+        served->title = table.kind == Kind::Samples && title != titles.end() ? title->second : name;
+        const auto info = file.infos.find(foldedName(name));
+        served->unit = info == file.infos.end() ? QByteArray() : info->second.unit;
+        served->description = info == file.infos.end() ? QByteArray() : info->second.description;
         served->hasTrend = table.kind == Kind::Samples && TrendPoints::of(database, table.name).has_value();
         file.tables[key] = served;
         file.order << key;
     }
-    return {};
+    return true;
+}
+
+// Whether it has other rows than were known, and not only new ones.
+Result<bool> ServedFiles::readTable(ServedTable &table, QList<QByteArray> &grown)
+{
+    const Database &database = *table.file->followed.database();
+    const auto ends = endsOf(database, table.table.name);
+    if (!ends)
+        return ends.error();
+    const TableEnds known = table.pass ? table.pass->ends() : TableEnds();
+    // First that of all rows: an alarm that ends between the two is seen now or at the next look.
+    const QByteArray fingerprint = fingerprintOf(database, table.table, ends->lastId);
+    const QByteArray before =
+        ends->lastId == known.lastId ? fingerprint : fingerprintOf(database, table.table, known.lastId);
+    const bool hadPass = bool(table.pass);
+    const bool isPurged = hadPass && ends->firstId > known.firstId;
+    const bool isRenewed = !hadPass || needsAnother(*table.pass, *ends) || (!isPurged && before != table.fingerprint);
+    if (isRenewed) {
+        table.pass = std::make_shared<TablePass>(table.table, *ends);
+        if (const auto looked = table.pass->lookAround(database); !looked)
+            return looked.error();
+    } else if (isPurged || ends->lastId > known.lastId) {
+        table.pass->grow(*ends);
+    } else {
+        return false;
+    }
+    table.fingerprint = fingerprint;
+    table.hasDots = false;
+    if (ends->lastId > known.lastId)
+        grown << table.key;
+    if (isRenewed || isPurged)
+        forget(table.key);
+    for (auto kept = m_selections.begin(); kept != m_selections.end();)
+        kept = kept->table == table.key && !kept->selection->grow() ? m_selections.erase(kept) : kept + 1;
+    return isRenewed && hadPass;
+}
+
+void ServedFiles::forgetAll(ServedFile &file)
+{
+    for (const QByteArray &key : file.order)
+        forget(key);
+    file.tables.clear();
+    file.order.clear();
+    file.schema = -1;
 }
 
 QByteArray ServedFiles::look()
@@ -217,21 +307,18 @@ QByteArray ServedFiles::look()
     bool isAny = false;
     for (const auto &file : m_files) {
         const FollowedFile::News news = file->followed.look();
-        const bool isIncomplete = file->followed.database() && file->schema < 0;
-        if (news == FollowedFile::News::None && !isIncomplete)
+        const bool isUnsettledFile =
+            file->followed.database() &&
+            (!file->error.isEmpty() || std::any_of(file->tables.begin(), file->tables.end(),
+                                                   [](const auto &each) { return isUnsettled(*each.second); }));
+        if (news == FollowedFile::News::None && !isUnsettledFile)
             continue;
         const qint64 version = file->version;
         QList<QByteArray> grown;
-        if (!file->followed.database()) {
+        if (file->followed.database())
+            this->read(*file, news, grown);
+        else
             ++file->version;
-        } else if (!this->read(*file, news == FollowedFile::News::Replaced || isIncomplete, grown)) {
-            // Such as a table that has gone between two questions: all of it again at the next look.
-            file->tables.clear();
-            file->order.clear();
-            file->schema = -1;
-            ++file->version;
-            grown.clear();
-        }
         if (file->version == version && grown.isEmpty())
             continue;
         isAny = true;
@@ -263,14 +350,24 @@ std::shared_ptr<ServedTable> ServedFiles::table(const QByteArray &key) const
 
 QList<Finding> ServedFiles::findingsOf(const ServedFile &file) const
 {
-    QList<Finding> findings = file.followed.integrity();
+    QList<Finding> findings;
+    if (!file.configurationError.isEmpty())
+        findings << unreadable(QStringLiteral("tb_config"), file.configurationError);
+    if (!file.infosError.isEmpty())
+        findings << unreadable(QStringLiteral("device series"), file.infosError);
+    for (const QByteArray &key : file.order) {
+        if (const ServedTable &table = *file.tables.at(key); !table.pass)
+            findings << unreadable(table.table.name, table.error);
+    }
+    findings << file.followed.integrity();
     if (file.followed.database()->text("pragma journal_mode").valueOr(QByteArray()) != "wal")
         findings.append(
             {Severity::Note, QString(),
              QStringLiteral("rollback journal: it is copied whenever it has changed, so a large file is not "
                             "live; \"device-db tune\", once and while the device is stopped, changes that"),
              0, 0, QString(), "rollback"});
-    findings << configurationFindings(file.all, file.registrations);
+    if (file.configurationError.isEmpty())
+        findings << configurationFindings(file.all, file.registrations);
     for (const Table &table : file.all) {
         if (table.kind == Kind::Foreign && table.name != QLatin1String("device-db import"))
             findings.append({Severity::Note, table.name, QStringLiteral("no table of a store; it is left alone"), 0, 0,
@@ -285,12 +382,13 @@ QByteArray ServedFiles::open() const
     json.beginArray();
     for (const auto &file : m_files) {
         const QString path = file->followed.path();
-        const Database *const database = file->followed.database();
+        const Database *const database = file->error.isEmpty() ? file->followed.database() : nullptr;
         const auto number = [&](const char *sql) { return database ? database->number(sql).valueOr(0) : 0; };
         const auto text = [&](const char *sql) {
             return database ? database->text(sql).valueOr(QByteArray()) : QByteArray("");
         };
         json.beginObject().key("name").text(QFileInfo(path).fileName());
+        json.key("version").number(file->version);
         json.key("bytes").number(QFileInfo(path).size());
         json.key("pages").number(number("pragma page_count"));
         json.key("pageSize").number(number("pragma page_size"));
@@ -314,7 +412,7 @@ QByteArray ServedFiles::open() const
         json.endArray().key("findings").beginArray();
         for (const Finding &each : database ? findingsOf(*file) : QList<Finding>())
             writeFinding(json, each);
-        json.endArray().key("error").text(file->followed.error()).endObject();
+        json.endArray().key("error").text(errorOf(*file)).endObject();
     }
     return json.endArray().written();
 }
@@ -326,6 +424,8 @@ QByteArray ServedFiles::tables() const
     for (const auto &file : m_files) {
         for (const QByteArray &key : file->order) {
             const ServedTable &table = *file->tables.at(key);
+            if (!table.pass)
+                continue;
             json.beginObject().key("key").text(table.key);
             json.key("file").number(qint64(file->place));
             json.key("name").text(table.table.name);

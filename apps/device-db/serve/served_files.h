@@ -22,10 +22,19 @@ struct ServedTable {
     QByteArray unit;
     QByteArray description;
     bool hasTrend = false;
-    std::shared_ptr<TablePass> pass; ///< Another one when more than new rows has come.
+    QString error;                   ///< Why it cannot be read; it is left out then.
+    std::shared_ptr<TablePass> pass; ///< Another one when more than new rows has come; null if it cannot be read.
     std::vector<Point> dots;         ///< Single rows from everywhere in it, for a first look.
     bool hasDots = false;
     QByteArray fingerprint; ///< Of what changes in place.
+};
+
+/// What the host layer adds about a series.
+struct SeriesInfo {
+    QByteArray unit;
+    QByteArray description;
+
+    bool operator==(const SeriesInfo &other) const { return unit == other.unit && description == other.description; }
 };
 
 struct ServedFile {
@@ -35,8 +44,12 @@ struct ServedFile {
     int place = 0;
     QList<Table> all;
     QList<Registration> registrations;
-    qint64 schema = -1; ///< Negative: the tables are not known.
-    qint64 version = 0; ///< Grows with each change that is more than new rows.
+    std::map<QByteArray, SeriesInfo> infos; ///< By the names of the tables, folded.
+    QString error;                          ///< Why nothing of it can be read although it was opened.
+    QString configurationError;             ///< Why tb_config cannot be read.
+    QString infosError;                     ///< Why "device series" cannot be read.
+    qint64 schema = -1;                     ///< Negative: the tables are not known.
+    qint64 version = 0;                     ///< Grows with each change that is more than new rows.
     std::map<QByteArray, std::shared_ptr<ServedTable>> tables;
     QList<QByteArray> order; ///< The keys, as people count.
 };
@@ -45,9 +58,11 @@ struct ServedFile {
 class ServedFiles
 {
 public:
-    /// The Error of the first file that cannot be read.
+    /// The Error of the first file, if none of them can be read.
     static Result<std::unique_ptr<ServedFiles>> of(const QStringList &paths);
 
+    /// Of the files that cannot be read at the moment.
+    std::vector<Error> errors() const;
     QByteArray open() const;
     QByteArray tables() const;
     /// Null if there is none.
@@ -71,10 +86,12 @@ private:
         std::shared_ptr<Selection> selection;
     };
 
-    Status read(ServedFile &file, bool isOther, QList<QByteArray> &grown);
-    Status readTables(ServedFile &file);
+    void read(ServedFile &file, FollowedFile::News news, QList<QByteArray> &grown);
+    Result<bool> readTables(ServedFile &file);
+    Result<bool> readTable(ServedTable &table, QList<QByteArray> &grown);
     QList<Finding> findingsOf(const ServedFile &file) const;
     void forget(const QByteArray &table);
+    void forgetAll(ServedFile &file);
 
     std::vector<std::unique_ptr<ServedFile>> m_files;
     std::vector<Kept> m_selections; ///< The least recently used first.

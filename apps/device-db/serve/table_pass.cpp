@@ -91,6 +91,7 @@ void TablePass::grow(const TableEnds &ends)
 {
     if (m_rows == 0)
         m_idSoFar = ends.beforeFirst();
+    m_hasRemovedRows = m_hasRemovedRows || (m_rows > 0 && ends.firstId > m_ends.firstId);
     m_ends = ends;
     m_isDone = m_isDone && m_idSoFar >= ends.highestId;
 }

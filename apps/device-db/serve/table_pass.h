@@ -48,7 +48,7 @@ public:
     Result<bool> lookAround(const Database &database);
     /// Reads on for a slice.
     Status read(const Database &database, SliceEnd until);
-    /// Rows have come.
+    /// Rows have come; or the first ones have gone, which it does not forget: see isOutdated().
     void grow(const TableEnds &ends);
     /// The time of a row, in turn or out of it.
     void addTime(qint64 time);
@@ -56,6 +56,8 @@ public:
     const Table &table() const { return m_table; }
     const TableEnds &ends() const { return m_ends; }
     bool isDone() const { return m_isDone; }
+    /// It was read to its end, and some of its rows are no longer there.
+    bool isOutdated() const { return m_isDone && m_hasRemovedRows; }
     bool isIndexed() const { return m_isIndexed; }
     /// How much of the table was read, by the IDs.
     double share() const;
@@ -87,6 +89,7 @@ private:
     TableEnds m_ends;
     bool m_isIndexed = false;
     bool m_isDone = false;
+    bool m_hasRemovedRows = false;
     qint64 m_idSoFar;
     qint64 m_rows = 0;
     RowJudge m_judge;

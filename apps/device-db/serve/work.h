@@ -40,12 +40,15 @@ private:
     std::chrono::steady_clock::time_point m_next = std::chrono::steady_clock::now() + every;
 };
 
-/// What to read a table from; the Error says why its file cannot be read at the moment.
+/// What to read a table from, which has a pass then; the Error says why it or its file cannot be read at the moment.
 inline Result<const Database *> databaseOf(const ServedTable &table)
 {
-    if (const Database *const database = table.file->followed.database())
-        return database;
-    return failure(table.file->followed.path(), table.file->followed.error());
+    const Database *const database = table.file->followed.database();
+    if (!database)
+        return failure(table.file->followed.path(), table.file->followed.error());
+    if (!table.pass)
+        return failure(table.table.name, table.error);
+    return database;
 }
 
 } // namespace device_db
