@@ -20,6 +20,9 @@ export class Served {
     private readonly listeners = new Set<ServerResponse>();
     private isDown = false;
     private isStrange = false;
+    private isFrozen = false;
+    /** What a question waits for before it is answered. */
+    slowly: (question: URL) => Promise<unknown> | void = () => undefined;
 
     private constructor(
         private readonly server: Server,
@@ -29,7 +32,7 @@ export class Served {
         this.address = new URL(`http://127.0.0.1:${port}/`);
         server.on('request', (request: IncomingMessage, response: ServerResponse) => {
             if (this.isDown) request.socket.destroy();
-            else void this.answer(new URL(request.url!, this.address), response);
+            else if (!this.isFrozen) void this.answer(new URL(request.url!, this.address), response);
         });
     }
 
@@ -57,6 +60,11 @@ export class Served {
     setDown(isDown: boolean): void {
         this.isDown = isDown;
         if (isDown) this.server.closeAllConnections();
+    }
+
+    /** Connections stay, but nothing comes any more; or everything again. */
+    setFrozen(isFrozen: boolean): void {
+        this.isFrozen = isFrozen;
     }
 
     /** As after a new start, which knows no page of before; or as if its new address was opened. */
@@ -87,15 +95,25 @@ export class Served {
             return;
         }
         this.questions.push(address);
+        await this.slowly(address);
         if (pathname === '/api/changes') {
             response.writeHead(200, {'content-type': 'text/event-stream'});
             response.write(`retry: 200\n\n${await this.event()}`);
             this.listeners.add(response);
-            response.on('close', () => this.listeners.delete(response));
+            const heartbeat = setInterval(() => {
+                if (!this.isFrozen) response.write('data: {"files":[]}\n\n');
+            }, 300);
+            response.on('close', () => {
+                clearInterval(heartbeat);
+                this.listeners.delete(response);
+            });
             return;
         }
         if (pathname === '/api/open' || pathname === '/api/tables') {
-            const answer = await this.source[pathname === '/api/open' ? 'open' : 'tables']();
+            const answer =
+                pathname === '/api/open'
+                    ? (await this.source.open()).map((file) => ({...file, version: this.version}))
+                    : await this.source.tables();
             response.setHeader('content-type', 'application/json');
             response.end(JSON.stringify(answer));
             return;

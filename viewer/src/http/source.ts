@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The source over HTTP: the page was served by "device-db serve", which answers what the worker answers elsewhere.
-import {distinctNames} from '../reading/cells.js';
+import {bytesOf, distinctNames, isUtf8} from '../reading/cells.js';
 import type {
     Change,
     FileChange,
@@ -29,7 +29,14 @@ interface ServedChange {
     readonly tables: readonly {readonly key: string; readonly lastId: number}[];
 }
 
+/** The version is the one of its changes. */
+type ServedFile = FileInfo & {readonly version: number};
+
 const retryAfter = 3000; // milliseconds
+const patience = 40000; // two of the server's heartbeats and some more
+// A browser opens six connections to a server, and one of them watches: so many long answers leave one to the lists.
+const overviewsAtOnce = 2;
+const trendsAtOnce = 2;
 
 const noAnswer =
     'The connection is lost; trying again. If device-db was started anew, open the address that it printed.';
@@ -39,7 +46,7 @@ const refused = 'device-db was started anew: open the new address that it printe
 async function troubleOf(): Promise<string> {
     try {
         const {status} = await fetch('/api/open', {redirect: 'error'});
-        return status === 401 || status === 403 ? refused : noAnswer;
+        return status === 403 ? refused : noAnswer;
     } catch {
         return noAnswer;
     }
@@ -52,8 +59,15 @@ async function refusalOf(response: Response): Promise<Error> {
     return new Error(isJson ? (JSON.parse(text) as {error: string}).error : text.trim() || response.statusText);
 }
 
+/** Bytes that are not UTF-8 stay what they are: the server compares bytes. */
+function percentEncoded(value: string | number): string {
+    const text = String(value);
+    if (isUtf8(text)) return encodeURIComponent(text);
+    return [...bytesOf(text)].map((byte) => `%${byte.toString(16).padStart(2, '0')}`).join('');
+}
+
 async function fetched(question: string, parameters: Parameters = [], signal?: AbortSignal): Promise<Response> {
-    const query = parameters.map(([name, value]) => `${name}=${encodeURIComponent(value)}`).join('&');
+    const query = parameters.map(([name, value]) => `${name}=${percentEncoded(value)}`).join('&');
     let response: Response;
     try {
         response = await fetch(`/api/${question}${query === '' ? '' : `?${query}`}`, {
@@ -77,12 +91,34 @@ async function* linesOf(response: Response): AsyncGenerator<Line> {
         for (;;) {
             const {done, value} = await reader.read();
             if (done) return;
-            const lines = (rest + decoder.decode(value, {stream: true})).split('\n');
+            // Only what is new is looked through: a line of many chunks would be with each of them.
+            const [end, ...begun] = decoder.decode(value, {stream: true}).split('\n');
+            const lines = [rest + end, ...begun];
             rest = lines.pop()!;
             for (const line of lines) yield JSON.parse(line) as Line;
         }
     } finally {
         reader.cancel().catch(() => undefined);
+    }
+}
+
+/** Lets some through at once, the others wait in turn. */
+class Gate {
+    private readonly waiting: (() => void)[] = [];
+
+    constructor(private free: number) {}
+
+    async pass<Answer>(ask: () => Promise<Answer>, signal: AbortSignal | undefined): Promise<Answer> {
+        if (this.free > 0) --this.free;
+        else await new Promise<void>((go) => this.waiting.push(go));
+        try {
+            signal?.throwIfAborted();
+            return await ask();
+        } finally {
+            const next = this.waiting.shift();
+            if (next) next();
+            else ++this.free;
+        }
     }
 }
 
@@ -140,6 +176,8 @@ export class HttpSource implements Source {
     private readonly known = new Map<string, number>(); // the last IDs of tables
     private readonly versions = new Map<number, number>(); // of files
     private readonly stops = new Set<() => void>();
+    private readonly overviews = new Gate(overviewsAtOnce);
+    private readonly trends = new Gate(trendsAtOnce);
 
     /** Ends all watching. */
     close(): void {
@@ -147,7 +185,8 @@ export class HttpSource implements Source {
     }
 
     async open(): Promise<readonly FileInfo[]> {
-        const files = (await (await fetched('open')).json()) as FileInfo[];
+        const files = (await (await fetched('open')).json()) as ServedFile[];
+        files.forEach(({version}, file) => this.versions.set(file, version));
         const names = distinctNames(files.map(({name}) => name));
         return files.map((file, i) => ({...file, name: names[i]!}));
     }
@@ -159,7 +198,9 @@ export class HttpSource implements Source {
     }
 
     async overview(table: string, seen: Seen<Overview>, signal?: AbortSignal): Promise<Overview> {
-        return withNaN(await asked('overview', [['table', table]], (part: Overview) => seen(withNaN(part)), signal));
+        const ask = (): Promise<Overview> =>
+            asked('overview', [['table', table]], (part: Overview) => seen(withNaN(part)), signal);
+        return withNaN(await this.overviews.pass(ask, signal));
     }
 
     async trend(query: TrendQuery, seen: Seen<TrendAnswer>, signal?: AbortSignal): Promise<TrendAnswer> {
@@ -170,7 +211,7 @@ export class HttpSource implements Source {
             ['to', Math.floor(to)],
             ['columns', columns],
         ];
-        return asked('trend', parameters, seen, signal);
+        return this.trends.pass(() => asked('trend', parameters, seen, signal), signal);
     }
 
     async rows(query: RowQuery, seen: Seen<RowsAnswer>, signal?: AbortSignal): Promise<RowsAnswer> {
@@ -187,18 +228,34 @@ export class HttpSource implements Source {
             if (trouble !== before || files.length > 0) listener({trouble, files});
             before = trouble;
         };
+        // The server is heard every 15 seconds, whatever happens. One that hangs does not end its connections, nor does
+        // a network that is gone.
+        const wait = (): void => {
+            clearTimeout(timer);
+            timer = setTimeout(() => {
+                events?.close();
+                say(noAnswer, []);
+                connect();
+            }, patience);
+        };
         const connect = (): void => {
             const source = (events = new EventSource('/api/changes'));
-            source.onmessage = ({data}: MessageEvent<string>) =>
+            wait();
+            source.onmessage = ({data}: MessageEvent<string>) => {
+                wait();
                 say(
                     '',
                     (JSON.parse(data) as {files: ServedChange[]}).files.flatMap((file) => this.changeOf(file)),
                 );
+            };
             source.onerror = async () => {
                 // A browser gives up where it gets another answer, such as that of a server that was started anew.
                 // Who opens the new address beside this page lets both in.
                 const hasGivenUp = source.readyState === EventSource.CLOSED;
-                if (hasGivenUp) timer = setTimeout(connect, retryAfter);
+                if (hasGivenUp) {
+                    clearTimeout(timer);
+                    timer = setTimeout(connect, retryAfter);
+                }
                 const trouble = hasGivenUp ? await troubleOf() : noAnswer;
                 if (source === events) say(trouble, []);
             };

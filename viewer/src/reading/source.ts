@@ -150,7 +150,7 @@ export interface FileChange {
     readonly tables: readonly NewRows[];
 }
 
-/** What happened to the files, or to the connection: nothing is missed when it is lost and heals. */
+/** What happened to the files since open() and tables(), or to the connection. */
 export interface Change {
     readonly trouble: string; // why nothing is known of the files at the moment; empty otherwise
     readonly files: readonly FileChange[]; // those that changed
