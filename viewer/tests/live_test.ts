@@ -286,3 +286,122 @@ test('an address that says nothing sensible shows what there is', chrome, async 
     assert.deepEqual(await shown(session, '.failure'), []);
     assert.deepEqual(session.faults, []);
 });
+
+const resting = (milliseconds: number): Promise<void> => new Promise((resume) => setTimeout(resume, milliseconds));
+const asked = (served: Served, question: string): string[] =>
+    served.questions
+        .filter(({pathname}) => pathname === `/api/${question}`)
+        .map(({searchParams}) => searchParams.get('table')!);
+
+test('rows that come faster than pictures are seen, and only what changed is asked for', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    served.slowly = ({pathname}) => (pathname === '/api/trend' ? resting(1000) : undefined);
+    const seen = new Set<string>();
+    for (const begin = Date.now(); Date.now() - begin < 6000;) {
+        await served.change(later(3 + Math.floor((Date.now() - begin) / 100)));
+        seen.add(await numbers(session));
+    }
+    assert.ok(seen.size > 2, [...seen].join());
+    served.slowly = () => undefined;
+    await served.change(later(70));
+    assert.ok(await soon(async () => (await numbers(session)) === '58,272'));
+    await session.settled();
+
+    await session.page.focus('.chart');
+    await session.page.keyboard.press('ArrowLeft'); // nothing moves along
+    await session.settled();
+    served.questions.length = 0;
+    await served.change([...later(70), ...entries(1).slice(plant.length)]);
+    assert.ok(await soon(async () => asked(served, 'trend').length > 0));
+    await resting(500);
+    assert.deepEqual(asked(served, 'trend'), ['0/OperatorLog']);
+});
+
+test('a table that takes long to read holds up no other', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    served.slowly = ({pathname, searchParams}) =>
+        pathname === '/api/overview' && searchParams.get('table') === '0/T1' ? resting(20000) : undefined;
+    await session.tab('log');
+    await session.settled();
+    await served.change([...later(1), ...entries(1).slice(plant.length)]);
+    const begin = Date.now();
+    assert.ok(await soon(async () => (await texts(session, '#view-log .status'))[0] === '302 rows'));
+    assert.ok(Date.now() - begin < 10000);
+});
+
+test('lists do not wait for pictures', chrome, async () => {
+    const series = [5, 6, 7, 8].flatMap((i) => [
+        `CREATE TABLE T${i}(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)`,
+        `insert into T${i}(DATETIME,Value) values('2024-05-06 00:00:00','1'),('2024-05-12 00:00:00','2')`,
+    ]);
+    await using served = await Served.start([...plant, ...series]);
+    served.slowly = ({pathname}) => (pathname === '/api/trend' ? resting(15000) : undefined);
+    const all = [1, 2, 3, 5, 6, 7, 8].map((i) => `series=0/T${i}`).join('&');
+    await using session = await Session.start('chrome', {served: new URL(`#tab=trend&${all}`, served.address)});
+    assert.ok(await soon(async () => asked(served, 'trend').length >= 2));
+    await resting(500);
+    const begin = Date.now();
+    await session.tab('log');
+    assert.ok(await soon(async () => (await texts(session, '#view-log .status'))[0] === '301 rows'));
+    assert.ok(Date.now() - begin < 7000);
+});
+
+test('a server that hangs is a lost connection', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    await session.page.evaluateOnNewDocument(() => {
+        const real = window.setTimeout.bind(window) as (handler: () => void, after?: number) => number;
+        (window as any).setTimeout = (handler: () => void, after = 0) => real(handler, after > 30000 ? 2000 : after);
+    });
+    await session.page.reload();
+    await session.page.waitForSelector('[role=tablist]');
+    await session.settled();
+    await resting(3000); // hears heartbeats
+    assert.deepEqual(await shown(session, '.live'), ['● Live']);
+    served.setFrozen(true);
+    assert.match(await soon(async () => (await shown(session, '.lost'))[0]), /^The connection is lost/);
+    assert.deepEqual(await shown(session, '.live'), []);
+    await served.change(later(3));
+    served.setFrozen(false);
+    assert.ok(await soon(async () => (await shown(session, '.lost')).length === 0));
+    assert.ok(await soon(async () => (await numbers(session)) === '58,205'));
+});
+
+test('what changes before the page listens is seen', chrome, async () => {
+    await using served = await Served.start(plant);
+    let isFirst = true;
+    served.slowly = async ({pathname}) => {
+        if (pathname !== '/api/changes' || !isFirst) return;
+        isFirst = false;
+        await served.change(
+            [...plant, 'CREATE TABLE T4(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)'],
+            true,
+        );
+    };
+    await using session = await opened(served);
+    assert.ok(await soon(async () => (await texts(session, '.series .name')).includes('T4')));
+});
+
+test('lanes and marks go with their tables, and a series that comes back is chosen again', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    const height = (): Promise<string> =>
+        session.page.$eval('canvas.events', (canvas) => (canvas as HTMLElement).style.height);
+    const chosen = (): Promise<string> =>
+        session.page.$$eval('.series input:checked', (all) =>
+            all.map((each) => (each as HTMLInputElement).value).join(),
+        );
+    assert.ok(await soon(async () => (await height()) === '80px'));
+    await served.change([...plant, 'drop table AlarmData'], true);
+    assert.ok(await soon(async () => (await height()) === '26px'));
+    await served.change([...plant, 'drop table AlarmData', 'drop table OperatorLog', 'drop table T1'], true);
+    assert.ok(await soon(async () => (await height()) === '0px'));
+    assert.ok(await soon(async () => (await chosen()) === '0/T2'));
+    await served.change(plant, true);
+    assert.ok(await soon(async () => (await height()) === '80px'));
+    assert.ok(await soon(async () => (await chosen()) === '0/T1,0/T2'));
+    await session.settled();
+    assert.equal(await numbers(session), '58,202');
+});

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The panes above each other in step, the events below them, both cursors, and everything that a hand can do to them.
-import type {CurveAnswer, TrendAnswer} from '../reading/source.js';
+import type {CurveAnswer, LanesAnswer, MarksAnswer, TrendAnswer} from '../reading/source.js';
 import {colour, h} from './dom.js';
 import {drawEvents, heightOf, laneAt} from './events_strip.js';
 import type {Events} from './events_strip.js';
@@ -13,6 +13,8 @@ import type {Workspace} from './workspace.js';
 const paneHeight = 150;
 const axisHeight = 40;
 const askAfter = 80; // milliseconds without another change of the view
+const renewAfter = 20; // so that tables that grew together are asked for together
+const mostColumns = 100000; // no source takes more
 
 export function coloursOf(theme?: Element): Colours {
     return {text: colour('text', theme), faint: colour('muted', theme), grid: colour('grid', theme)};
@@ -32,6 +34,7 @@ export class Chart {
     /** Those that could not be read for this view. */
     readonly failed = new Set<string>();
     events: Events = {alarms: null, log: null};
+    private readonly ofEvents = new Map<string, LanesAnswer | MarksAnswer>(); // by the tables of alarms and logs
     private panes: Pane[] = [];
     private readonly stack = h('div', {class: 'panes'});
     private readonly strip = h('canvas', {class: 'events', 'aria-hidden': 'true'});
@@ -41,6 +44,8 @@ export class Chart {
     private readonly pointers = new Map<number, {x: number; y: number}>();
     private pressed: {x: number; view: View; selects: boolean; hasMoved: boolean} | null = null;
     private asked = new AbortController();
+    private readonly wanted = new Set<string>(); // tables to ask for as soon as no question for them is under way
+    private underWay = new Set<string>();
     private timer = 0;
     private asksWhenSeen = false;
     hasAsked = false; // nothing can be asked before some times are known
@@ -163,56 +168,93 @@ export class Chart {
 
     /** The view has changed: what is there is drawn at once, the rest asked for when the hand rests. */
     viewChanged(): void {
-        this.asked.abort();
-        this.workspace.chosen.forEach((key) => this.pending.add(key));
+        if (this.workspace.isFollowing) this.renew(this.keys());
+        else {
+            this.abort();
+            this.workspace.chosen.forEach((key) => this.pending.add(key));
+            this.askIn(askAfter);
+        }
         this.draw();
-        clearTimeout(this.timer);
-        this.timer = window.setTimeout(() => this.ask(), askAfter);
     }
 
-    /** `isQuiet`: an exact picture stays until there is another one. */
-    ask(isQuiet = false): void {
-        clearTimeout(this.timer);
+    /** Asks for everything in the view; what is under way is of no use any more. */
+    ask(): void {
+        this.abort();
+        this.failed.clear();
+        this.workspace.chosen.forEach((key) => this.pending.add(key));
+        this.askNow();
+    }
+
+    /**
+     * These tables have other rows. Exact pictures stay until there are others. A question that is under way is not
+     * aborted but asked again after its answer: where rows come faster than answers, none would ever come.
+     */
+    renew(tables: Iterable<string>): void {
+        const keys = this.keys();
+        for (const key of tables) if (keys.includes(key)) this.wanted.add(key);
+        if (this.wanted.size > 0) this.askIn(renewAfter);
+    }
+
+    // What is in view: the chosen series, all alarms and logs.
+    private keys(): string[] {
+        const {workspace} = this;
+        const events = [...workspace.tablesOf('alarms'), ...workspace.tablesOf('log')];
+        return [...workspace.chosen, ...events.map(({key}) => key)];
+    }
+
+    // Everything is to be asked for again.
+    private abort(): void {
         this.asked.abort();
         this.asked = new AbortController();
-        const {signal} = this.asked;
-        const {source, view, chosen, full} = this.workspace;
-        this.pending.clear();
-        this.failed.clear();
+        this.underWay = new Set();
+        this.keys().forEach((key) => this.wanted.add(key));
+    }
+
+    private askIn(milliseconds: number): void {
+        clearTimeout(this.timer);
+        this.timer = window.setTimeout(() => this.askNow(), milliseconds);
+    }
+
+    private askNow(): void {
+        clearTimeout(this.timer);
+        const {chosen, full, overviews, unread} = this.workspace;
         if (this.element.isConnected && this.element.clientWidth === 0) {
             // Nobody sees it, and how many columns it has is not known.
+            this.pending.clear();
             this.asksWhenSeen = true;
             return;
         }
-        chosen.forEach((key) => this.pending.add(key));
         if (!full) {
             // Nobody knows yet which times there are, or there are none.
-            const {overviews, unread} = this.workspace;
             if (chosen.every((key) => overviews.get(key)?.exact || unread.has(key))) this.pending.clear();
             return;
         }
         this.hasAsked = true;
-        const columns = Math.round(this.inner);
-        for (const key of chosen) void this.askFor(key, columns, signal, isQuiet);
-        const range = {from: view.from, to: view.to, columns};
-        for (const kind of ['alarms', 'log'] as const) {
-            const tables = this.workspace.tablesOf(kind);
-            const answers = new Map<string, TrendAnswer>();
-            const take =
-                (key: string) =>
-                (answer: TrendAnswer): void => {
-                    answers.set(key, answer);
-                    this.takeEvents(kind, [...answers.values()]);
-                };
-            for (const {key} of tables)
-                source
-                    .trend({table: key, ...range}, take(key), signal)
-                    .then(take(key), (error) => this.workspace.fail(error));
+        const keys = this.keys();
+        for (const key of this.wanted) {
+            if (this.underWay.has(key)) continue;
+            this.wanted.delete(key);
+            if (keys.includes(key)) void this.askFor(key);
         }
     }
 
-    private async askFor(key: string, columns: number, signal: AbortSignal, isQuiet: boolean): Promise<void> {
+    private async askFor(key: string): Promise<void> {
+        const {asked, underWay, workspace} = this;
+        underWay.add(key);
+        try {
+            if (workspace.table(key).kind === 'samples') await this.askForCurve(key, asked.signal);
+            else await this.askForEvents(key, asked.signal);
+        } catch (error) {
+            workspace.fail(error);
+        }
+        underWay.delete(key);
+        if (!asked.signal.aborted && this.wanted.has(key)) this.askNow();
+    }
+
+    private async askForCurve(key: string, signal: AbortSignal): Promise<void> {
         const {source, view} = this.workspace;
+        const columns = Math.round(this.inner);
+        const isQuiet = !this.pending.has(key); // what is shown is exact, or was when more came
         const take = (answer: TrendAnswer): void => {
             if (answer.kind !== 'samples' || signal.aborted) return;
             if (isQuiet && !answer.exact && this.answers.get(key)?.exact) return;
@@ -220,6 +262,8 @@ export class Chart {
             this.draw();
             this.onAnswer();
         };
+        this.failed.delete(key);
+        this.pending.add(key);
         try {
             const exact = await source.trend({table: key, from: view.from, to: view.to, columns}, take, signal);
             if (signal.aborted) return; // it came just then
@@ -229,43 +273,43 @@ export class Chart {
             if (exact.kind === 'samples' && exact.points.length < columns) {
                 const length = view.to - view.from;
                 const range = {from: Math.max(earliest, view.from - length), to: Math.min(latest, view.to + length)};
-                const wide = await source.trend({table: key, ...range, columns: 3 * columns}, () => undefined, signal);
+                const wide = await source.trend(
+                    {table: key, ...range, columns: Math.min(mostColumns, 3 * columns)},
+                    () => undefined,
+                    signal,
+                );
                 if (wide.kind === 'samples')
                     take({...exact, lines: wide.lines, points: wide.points, others: wide.others});
             }
         } catch (error) {
-            this.workspace.fail(error);
             if (signal.aborted) return;
             this.pending.delete(key);
             this.failed.add(key);
             this.onAnswer();
+            throw error;
         }
     }
 
-    // Several files may have alarms: levels are joined lane by lane.
-    private takeEvents(kind: 'alarms' | 'log', answers: readonly TrendAnswer[]): void {
+    private async askForEvents(key: string, signal: AbortSignal): Promise<void> {
+        const {source, view} = this.workspace;
+        const take = (answer: TrendAnswer): void => {
+            if (answer.kind === 'samples' || signal.aborted) return;
+            this.ofEvents.set(key, answer);
+            this.showEvents();
+        };
+        const columns = Math.round(this.inner);
+        take(await source.trend({table: key, from: view.from, to: view.to, columns}, take, signal));
+    }
+
+    /** What is known of the alarms and logs that there are. */
+    showEvents(): void {
         const before = heightOf(this.events);
-        if (kind === 'alarms') {
-            const lanes = answers.flatMap((answer) => (answer.kind === 'alarms' ? answer.lanes : []));
-            const levels = [...new Set(lanes.map(({level}) => level))].sort((a, b) => b - a);
-            const alarms = {
-                kind,
-                exact: answers.every(({exact}) => exact),
-                share: 1,
-                lanes: levels.map((level) => {
-                    const same = lanes.filter((lane) => lane.level === level);
-                    return {
-                        level,
-                        alarms: same.reduce((sum, lane) => sum + lane.alarms, 0),
-                        spans: same.flatMap(({spans}) => spans),
-                    };
-                }),
-            };
-            this.events = {...this.events, alarms};
-        } else {
-            const marks = answers.flatMap((answer) => (answer.kind === 'log' ? answer.marks : []));
-            this.events = {...this.events, log: {kind, exact: true, share: 1, marks}};
-        }
+        for (const key of this.ofEvents.keys()) if (!this.keys().includes(key)) this.ofEvents.delete(key);
+        const answers = [...this.ofEvents.values()];
+        this.events = {
+            alarms: joinedAlarms(answers.filter((answer) => answer.kind === 'alarms')),
+            log: joinedMarks(answers.filter((answer) => answer.kind === 'log')),
+        };
         if (heightOf(this.events) !== before) this.layOut();
         else this.draw();
     }
@@ -358,7 +402,12 @@ export class Chart {
     private release(event: PointerEvent): void {
         const {pressed} = this;
         this.pointers.delete(event.pointerId);
-        if (this.pointers.size > 0) return;
+        const [left] = this.pointers.values();
+        if (left) {
+            // The finger that stays moves on from here, not from where both were put down.
+            this.pressed = {x: left.x, view: this.workspace.view, selects: false, hasMoved: true};
+            return;
+        }
         this.pressed = null;
         this.selection.hidden = true;
         if (!pressed) return;
@@ -418,6 +467,31 @@ export class Chart {
             event.preventDefault();
         }
     }
+}
+
+// Several files may have alarms: levels are joined lane by lane.
+function joinedAlarms(answers: readonly LanesAnswer[]): LanesAnswer | null {
+    if (answers.length === 0) return null;
+    const lanes = answers.flatMap((answer) => answer.lanes);
+    const levels = [...new Set(lanes.map(({level}) => level))].sort((a, b) => b - a);
+    return {
+        kind: 'alarms',
+        exact: answers.every(({exact}) => exact),
+        share: 1,
+        lanes: levels.map((level) => {
+            const same = lanes.filter((lane) => lane.level === level);
+            return {
+                level,
+                alarms: same.reduce((sum, lane) => sum + lane.alarms, 0),
+                spans: same.flatMap(({spans}) => spans),
+            };
+        }),
+    };
+}
+
+function joinedMarks(answers: readonly MarksAnswer[]): MarksAnswer | null {
+    if (answers.length === 0) return null;
+    return {kind: 'log', exact: true, share: 1, marks: answers.flatMap(({marks}) => marks)};
 }
 
 /** The point that is nearest to a time; null without one within this distance. */

@@ -122,7 +122,7 @@ export class TrendView {
         this.together.checked = workspace.isTogether;
         this.fillList();
         this.chart.rebuild();
-        workspace.onChange((change) => {
+        workspace.onChange((change, tables) => {
             if (change === 'chosen') {
                 this.fillList();
                 this.chart.rebuild();
@@ -142,8 +142,9 @@ export class TrendView {
                 this.showFigures();
             } else if (change === 'tables') {
                 this.fillList();
+                this.chart.showEvents();
             } else if (change === 'renewed') {
-                this.chart.ask(true);
+                this.chart.renew(tables);
             } else if (change === 'live') {
                 const rows = workspace.missedRows;
                 this.missed.hidden = rows === 0;

@@ -32,8 +32,10 @@ export function refusalOf({from, to}: View): string {
 export class Workspace {
     readonly overviews = new Map<string, Overview>();
     chosen: string[] = []; // keys of series, in the order in which they were chosen
+    private preferred: readonly string[] = []; // the same with those that are not there at the moment
     view: View = {from: 0, to: 1};
     edge: Edge = 'all';
+    isFollowing = false; // the view changes because rows came, not by a hand
     isTogether = false;
     cursor: number | null = null;
     mark: number | null = null; // the second cursor
@@ -51,8 +53,9 @@ export class Workspace {
     private readonly listeners = new Set<(change: Change, tables: ReadonlySet<string>) => void>();
     private readonly colours = new Map<string, number>();
     private readonly stale = new Set<string>(); // tables with rows that were not looked at yet
+    private readonly looking = new Set<string>(); // those that are looked at again just now
     private isOther = false; // files and tables are to be asked for again
-    private isRenewing = false;
+    private isOpening = false;
 
     constructor(
         readonly source: Source,
@@ -60,8 +63,7 @@ export class Workspace {
         public tables: readonly TableInfo[],
     ) {
         const series = this.seriesTables;
-        this.chosen = series.slice(0, Math.min(series.length, 2)).map(({key}) => key);
-        this.chosen.forEach((key) => this.colourOf(key));
+        this.setChosen(series.slice(0, 2).map(({key}) => key));
         this.tab = series.length > 0 || tables.length === 0 ? 'trend' : tables[0]!.kind === 'alarms' ? 'alarms' : 'log';
     }
 
@@ -107,9 +109,8 @@ export class Workspace {
     }
 
     choose(key: string, isChosen: boolean): void {
-        this.chosen = this.chosen.filter((other) => other !== key);
-        if (isChosen) this.chosen.push(key);
-        else this.colours.delete(key);
+        this.preferred = [...this.preferred.filter((other) => other !== key), ...(isChosen ? [key] : [])];
+        this.choosePreferred();
         if (isChosen) void this.look(key);
         this.tell('chosen');
         if (this.edge === 'all') this.showAll();
@@ -117,8 +118,15 @@ export class Workspace {
 
     /** Before anything is shown. */
     setChosen(keys: readonly string[]): void {
-        this.colours.clear();
-        this.chosen = [...keys];
+        this.preferred = keys;
+        this.choosePreferred();
+    }
+
+    // A series that goes and comes back, such as while its file is replaced, is chosen as before.
+    private choosePreferred(): void {
+        const series = this.seriesTables.map(({key}) => key);
+        this.chosen = this.preferred.filter((key) => series.includes(key));
+        for (const key of this.colours.keys()) if (!this.chosen.includes(key)) this.colours.delete(key);
         this.chosen.forEach((key) => this.colourOf(key));
     }
 
@@ -255,24 +263,22 @@ export class Workspace {
         void this.renew();
     }
 
-    // Changes that come while one is looked at are looked at together after it.
+    // Each table is looked at on its own, so that none waits for one that takes long. What changes while it is looked at
+    // is looked at together after that.
     private async renew(): Promise<void> {
-        if (this.isRenewing) return;
-        this.isRenewing = true;
+        if (this.isOpening || this.trouble !== '') return;
+        this.isOpening = true;
         try {
-            while (this.trouble === '' && (this.isOther || this.stale.size > 0)) {
-                if (this.isOther) await this.openAgain();
-                const keys = new Set(this.tables.map(({key}) => key).filter((key) => this.stale.has(key)));
-                this.stale.clear();
-                for (const key of keys) await this.lookAgain(key);
-                this.followEdge();
-                this.tell('renewed', keys);
-                this.tell('live');
-            }
+            while (this.isOther) await this.openAgain();
         } catch (error) {
             this.fail(error);
         } finally {
-            this.isRenewing = false;
+            this.isOpening = false;
+        }
+        for (const key of this.stale) {
+            if (this.looking.has(key)) continue;
+            this.stale.delete(key);
+            if (this.table(key)) void this.lookAgain(key);
         }
     }
 
@@ -280,26 +286,38 @@ export class Workspace {
         this.isOther = false;
         this.files = await this.source.open();
         this.tables = await this.source.tables();
-        const isThere = (key: string): boolean => this.tables.some((table) => table.key === key);
-        for (const key of this.overviews.keys()) {
-            if (!isThere(key)) this.overviews.delete(key);
-        }
-        const kept = this.chosen.filter(isThere);
-        const hasLess = kept.length < this.chosen.length;
-        this.chosen = kept;
+        for (const key of this.overviews.keys()) if (!this.table(key)) this.overviews.delete(key);
+        const before = this.chosen;
+        this.choosePreferred();
         this.tables.forEach(({key}) => this.stale.add(key));
         this.tell('tables');
-        if (hasLess) this.tell('chosen');
+        if (before.join() !== this.chosen.join()) this.tell('chosen');
     }
 
     private async lookAgain(key: string): Promise<void> {
+        this.looking.add(key);
+        try {
+            const overview = await this.source.overview(key, () => undefined);
+            if (this.table(key)) this.takeRenewed(key, overview);
+        } catch (error) {
+            if (this.table(key)) this.fail(error);
+        }
+        this.looking.delete(key);
+        if (this.stale.has(key)) void this.renew();
+    }
+
+    private takeRenewed(key: string, overview: Overview): void {
         const before = this.overviews.get(key);
-        const overview = await this.source.overview(key, () => undefined);
         this.overviews.set(key, overview);
         this.unread.delete(key);
         const more = overview.rows - (before?.exact ? before.rows : overview.rows);
         if (this.edge === null && more > 0) this.missed.set(key, (this.missed.get(key) ?? 0) + more);
         this.tell('overview');
+        this.isFollowing = true;
+        this.followEdge();
+        this.isFollowing = false;
+        this.tell('renewed', new Set([key]));
+        this.tell('live');
     }
 
     /** Rows that came since the view stays as it is, of what the trend shows. */
