@@ -9,7 +9,7 @@ import {HttpSource} from '../src/http/source.js';
 import {beginningOf, decodedTwice} from '../src/reading/cells.js';
 import {Curve, CurveOfBlocks} from '../src/reading/curve.js';
 import {LocalSource} from '../src/reading/local.js';
-import {numberOf} from '../src/reading/number.js';
+import {numberIn, numberOf} from '../src/reading/number.js';
 import {TablePass} from '../src/reading/pass.js';
 import {Reduction} from '../src/reading/reduction.js';
 import type {CurveAnswer, Overview, RowsAnswer, TrendAnswer} from '../src/reading/source.js';
@@ -456,4 +456,115 @@ test('alarms and entries of a log are where they are in time', async () => {
     ]);
     const log = await source.trend({table: '0/OperatorLog', ...range}, nothing);
     assert.deepEqual(log.kind === 'log' && log.marks, [second(5), 1, 3, second(10.5), 2, 1]);
+});
+
+test('one damaged table does not hide the others, nor those of other files', async () => {
+    const two = [samples, samples.replace('T1', 'T2'), rows(10, 'i', 'i'), rows(10, 'i', 'i').replace('T1', 'T2')];
+    const [whole, bad] = [await made(two), await made(two)];
+    const {pageSize} = (await (await sourceOver(filesOf(whole))).open())[0]!;
+    bad.main.fill(0xff, pageSize, 2 * pageSize); // the root of T1
+    const source = await sourceOver([...filesOf(whole, 'ok.db'), ...filesOf(bad, 'bad.db')]);
+    assert.deepEqual(
+        (await source.tables()).map(({key}) => key),
+        ['0/T1', '0/T2', '1/T2'],
+    );
+    const [, info] = await source.open();
+    assert.equal(info!.error, '');
+    assert.ok(
+        info!.findings.some(({cause, table, what}) => cause === 'damaged' && table === 'T1' && /malformed/.test(what)),
+    );
+    const found = await source.rows({table: '1/T2', order: 'recorded', offset: 0, limit: 20}, nothing);
+    assert.equal(found.rows.length, 10);
+});
+
+test('a search that its first asker gives up is made for the next', async () => {
+    const source = await sourceOver(filesOf(await made([samples, rows(60000, 'i', 'i')])), 1);
+    const query = {table: '0/T1', containing: '7', order: 'newest', offset: 0, limit: 10} as const;
+    const first = new AbortController();
+    const given = source.rows(query, nothing, first.signal);
+    const next = source.rows(query, nothing);
+    first.abort();
+    await assert.rejects(given, {name: 'AbortError'});
+    assert.deepEqual([(await next).exact, (await next).rows.length], [true, 10]);
+});
+
+test('marks of a log near the ends of a range are in it', async () => {
+    const log =
+        'CREATE TABLE L(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime NOT NULL,userName text,logName text,message text)';
+    const entries = ['10.400', '10.600', '11.500', '12.400', '12.600'].map(
+        (at) => `insert into L(DATETIME,userName,logName,message) values('2024-05-06 00:00:${at}','','','')`,
+    );
+    const source = await sourceOver(filesOf(await made([log, ...entries])));
+    const from = Date.UTC(2024, 4, 6, 0, 0, 10, 500);
+    const answer = await source.trend({table: '0/L', from, to: from + 2000, columns: 2000}, nothing);
+    assert.deepEqual(
+        answer.kind === 'log' && answer.marks.filter((_, i) => i % 3 === 0).map((time) => time - from),
+        [100, 1000, 1900],
+    );
+});
+
+test('a title is the last name that is listed, if it is not empty', async () => {
+    const source = await sourceOver(
+        filesOf(
+            await made([
+                samples,
+                samples.replace('T1', '"Ä1"'),
+                'CREATE TABLE tb_config(ID INTEGER PRIMARY KEY AUTOINCREMENT,COLLECTOR text,NAME text)',
+                "insert into tb_config(COLLECTOR,NAME) values('t1','Boiler'),('T1',''),('ä1','Other')",
+                'CREATE TABLE "device series"(COLLECTOR text PRIMARY KEY COLLATE NOCASE,UNIT text,DESCRIPTION text)',
+                `insert into "device series" values('t1','bar',''),('ä1','m','')`,
+            ]),
+        ),
+    );
+    assert.deepEqual(
+        (await source.tables()).map(({title, unit}) => [title, unit]),
+        [
+            ['Boiler', 'bar'],
+            ['Ä1', ''],
+        ],
+    );
+});
+
+test('decimals of many digits are the nearest double', () => {
+    for (const text of [
+        '900719925474099.5',
+        '900719925474099.3',
+        '90071992547409.99',
+        '9007199254740.993',
+        '-900719925474099.7',
+    ])
+        assert.equal(numberIn(new TextEncoder().encode(text), 0, text.length), Number(text), text);
+});
+
+test('a line that comes in many pieces is looked through once', async (context) => {
+    const piece = new TextEncoder().encode('x'.repeat(1000));
+    let pieces = 0;
+    const body = new ReadableStream<Uint8Array>({
+        pull: (controller) => {
+            const text = pieces === 0 ? '{"part":1}\n{"done":"' : pieces === 20000 ? '"}\n' : null;
+            if (pieces++ > 20000) controller.close();
+            else controller.enqueue(text === null ? piece : new TextEncoder().encode(text));
+        },
+    });
+    context.mock.method(globalThis, 'fetch', async () => new Response(body));
+    const begin = process.cpuUsage();
+    const parts: unknown[] = [];
+    const rows = await new HttpSource().rows(
+        {table: 'x', order: 'recorded', offset: 0, limit: 1},
+        (part) => void parts.push(part),
+    );
+    assert.deepEqual([parts, String(rows).length], [[1], 19999000]);
+    const {user} = process.cpuUsage(begin);
+    assert.ok(user < 3e6, `${user} µs`);
+});
+
+test('a text of the file that is not UTF-8 is asked for as its bytes', async (context) => {
+    const asked: string[] = [];
+    context.mock.method(globalThis, 'fetch', async (address: string) => {
+        asked.push(address);
+        return new Response('{"done":{}}\n');
+    });
+    const users = ['M\udcfcller', 'Jürgen'];
+    await new HttpSource().rows({table: 'x', users, order: 'recorded', offset: 0, limit: 1}, nothing);
+    assert.match(asked[0]!, /&user=%4d%fc%6c%6c%65%72&user=J%C3%BCrgen&/);
 });

@@ -153,10 +153,14 @@ export function comesBefore(name: string, other: string): boolean {
     return rest === 0 ? name < other : rest < 0;
 }
 
-/** Whether two names are one, as SQL and the stores find tables: without regard to the case of ASCII letters. */
+/** A name as SQL and the stores compare it: without regard to the case of ASCII letters. */
+export function plainName(name: string): string {
+    return name.replace(/[A-Z]/g, (letter) => letter.toLowerCase());
+}
+
+/** Whether two names are one. */
 export function isSameName(a: string, b: string): boolean {
-    const plain = (text: string): string => text.replace(/[A-Z]/g, (letter) => letter.toLowerCase());
-    return plain(a) === plain(b);
+    return plainName(a) === plainName(b);
 }
 
 /** The names of files, those that had one already with a number. */

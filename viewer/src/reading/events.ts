@@ -63,10 +63,6 @@ export class Marks {
         this.ids.push(id);
     }
 
-    get last(): number {
-        return this.times.reduce((last, time) => (last >= time ? last : time), NaN);
-    }
-
     /** Time, number of entries and ID of the first, for each column that has some. */
     between({from, to, columns}: Range): number[] {
         if (!this.isSorted) {

@@ -4,7 +4,7 @@
 import {Database, ReadError} from '../sqlite/database.js';
 import type {Engine} from '../sqlite/engine.js';
 import type {Bytes} from '../sqlite/storage.js';
-import {bytesText, distinctNames, identifier, isSameName} from './cells.js';
+import {bytesText, distinctNames, identifier, isSameName, plainName} from './cells.js';
 import {Curve, curveOfIndex, CurveOfBlocks, curveOfRollups, roughCurve} from './curve.js';
 import type {Range} from './curve.js';
 import {aboutFile, configurationFindings, integrityFindings} from './findings.js';
@@ -26,7 +26,8 @@ import type {
     TrendQuery,
 } from './source.js';
 import {holdsRecords, registrationsOf, seriesInfosOf, tablesOf} from './tables.js';
-import {timeIn} from './times.js';
+import type {SeriesInfo, Table} from './tables.js';
+import {timeIn, timeText} from './times.js';
 import type {Work} from './work.js';
 
 /** A file as it was dropped. */
@@ -47,7 +48,8 @@ const largestChecked = 20e6; // bytes: SQLite's check of a file cannot be interr
 
 interface OpenFile {
     readonly info: FileInfo;
-    readonly database: Database | null;
+    readonly passes: readonly TablePass[]; // of the tables that can be read
+    readonly seriesInfos: ReadonlyMap<string, SeriesInfo>;
     readonly unchanged: () => boolean;
 }
 
@@ -123,19 +125,39 @@ export class LocalSource implements Source {
             const [before, logBefore] = [fingerprint(bytes), fingerprint(wal)];
             const unchanged = (): boolean => fingerprint(bytes) === before && fingerprint(wal) === logBefore;
             const database = Database.open(this.engine, path, name);
-            const findings = this.findingsOf(database, path, isWal, wal, journal);
+            const tables = tablesOf(database);
+            const damages: Finding[] = [];
+            // One damaged table does not hide the others.
+            const unlessDamaged = <Read>(table: string, read: () => Read): Read | null => {
+                try {
+                    return read();
+                } catch (error) {
+                    damages.push(aboutFile('damage', 'damaged', table, `it cannot be read: ${causeOf(error)}`));
+                    return null;
+                }
+            };
+            const configuration = unlessDamaged('tb_config', () => registrationsOf(database, tables));
+            const seriesInfos = unlessDamaged('device series', () => seriesInfosOf(database)) ?? new Map();
+            const passes = tables
+                .filter(({kind}) => holdsRecords(kind))
+                .flatMap((table) => unlessDamaged(table.name, () => new TablePass(database, table)) ?? []);
             const info: FileInfo = {
                 ...sizes,
-                findings,
+                findings: [
+                    ...damages,
+                    ...this.findingsOf(database, path, isWal, wal, journal),
+                    ...(configuration ? configurationFindings(tables, configuration) : []),
+                    ...foreignFindings(tables),
+                ],
                 error: '',
                 journal: isWal ? 'wal' : 'rollback',
                 pages: database.number('pragma page_count'),
                 pageSize: database.number('pragma page_size'),
                 freePages: database.number('pragma freelist_count'),
                 encoding: 'UTF-8',
-                configuration: registrationsOf(database, tablesOf(database)),
+                configuration: configuration ?? [],
             };
-            return {info, database, unchanged};
+            return {info, passes, seriesInfos, unchanged};
         } catch (error) {
             const info: FileInfo = {
                 ...sizes,
@@ -146,9 +168,9 @@ export class LocalSource implements Source {
                 freePages: 0,
                 encoding: '',
                 configuration: [],
-                error: error instanceof ReadError ? error.cause_ : String(error),
+                error: causeOf(error),
             };
-            return {info, database: null, unchanged: () => true};
+            return {info, passes: [], seriesInfos: new Map(), unchanged: () => true};
         }
     }
 
@@ -159,7 +181,6 @@ export class LocalSource implements Source {
         wal: Bytes | undefined,
         journal: Bytes | undefined,
     ): Finding[] {
-        const tables = tablesOf(database);
         const findings = (this.engine.file(path)?.size ?? 0) <= largestChecked ? integrityFindings(database) : [];
         if (isWal && !wal)
             findings.push(
@@ -184,28 +205,19 @@ export class LocalSource implements Source {
                     `a transaction that was cut off, ${bytesText(journal.size)}, is rolled back here, in memory`,
                 ),
             );
-        findings.push(...configurationFindings(tables, registrationsOf(database, tables)));
-        for (const table of tables) {
-            if (table.kind === 'foreign' && table.name !== 'device-db import')
-                findings.push(aboutFile('note', 'foreign', table.name, 'no table of a store; it is left alone'));
-        }
         return findings;
     }
 
     async tables(): Promise<readonly TableInfo[]> {
         this.files.forEach((file, place) => {
-            const {
-                database,
-                info: {configuration},
-            } = file;
-            if (!database) return;
-            const infos = seriesInfosOf(database);
-            for (const table of tablesOf(database).filter(({kind}) => holdsRecords(kind))) {
+            for (const pass of file.passes) {
+                const {table} = pass;
                 const key = `${place}/${table.name}`;
                 if (this.opened.has(key)) continue;
-                const pass = new TablePass(database, table);
-                const listed = configuration.filter(({collector}) => isSameName(collector, table.name));
-                const {unit, description} = infos.get(table.name.toLowerCase()) ?? {unit: '', description: ''};
+                const named = file.info.configuration.filter(
+                    ({collector, name}) => isSameName(collector, table.name) && name !== '',
+                );
+                const {unit, description} = file.seriesInfos.get(plainName(table.name)) ?? {unit: '', description: ''};
                 const info: TableInfo = {
                     key,
                     file: place,
@@ -213,7 +225,7 @@ export class LocalSource implements Source {
                     kind: table.kind,
                     unit,
                     description,
-                    title: (table.kind === 'samples' && listed[listed.length - 1]?.name) || table.name,
+                    title: (table.kind === 'samples' && named[named.length - 1]?.name) || table.name,
                     indexed: pass.indexed,
                     hasTrend: pass.rollups !== null,
                     firstId: pass.firstId,
@@ -338,13 +350,14 @@ export class LocalSource implements Source {
 
     async trend(query: TrendQuery, seen: Seen<TrendAnswer>, signal?: AbortSignal): Promise<TrendAnswer> {
         const table = await this.tableOf(query.table);
-        const from = Math.max(0, Math.ceil(query.from / 1000) * 1000);
+        const {pass} = table;
+        const unit = pass.table.kind === 'samples' ? 1000 : 1; // a log has milliseconds
+        const from = Math.max(0, Math.ceil(query.from / unit) * unit);
         const range: Range = {
             from,
-            to: Math.max(from, Math.floor(query.to / 1000) * 1000),
+            to: Math.max(from, Math.floor(query.to / unit) * unit),
             columns: Math.max(1, Math.min(100000, Math.trunc(query.columns))),
         };
-        const {pass} = table;
         if (pass.table.kind !== 'samples') {
             const answer = (): TrendAnswer =>
                 pass.table.kind === 'alarms'
@@ -437,9 +450,27 @@ export class LocalSource implements Source {
                 rows: selection.page(offset, query.limit),
             };
         };
-        await this.waitFor(found, signal, () => seen(answer()));
+        try {
+            await this.waitFor(found, signal, () => seen(answer()));
+        } catch (error) {
+            // Who asked first and has gone away took the search along.
+            const isOfOther = error instanceof Error && error.name === 'AbortError' && !signal?.aborted;
+            if (isOfOther) return this.rows(query, seen, signal);
+            throw error;
+        }
         return answer();
     }
+}
+
+function foreignFindings(tables: readonly Table[]): Finding[] {
+    return tables
+        .filter(({kind, name}) => kind === 'foreign' && name !== 'device-db import')
+        .map(({name}) => aboutFile('note', 'foreign', name, 'no table of a store; it is left alone'));
+}
+
+/** What went wrong, without the file that it is about. */
+function causeOf(error: unknown): string {
+    return error instanceof ReadError ? error.cause_ : String(error);
 }
 
 function doForASlice(work: Work<void>): void {
@@ -447,8 +478,7 @@ function doForASlice(work: Work<void>): void {
 }
 
 function textsOf({from, to}: Range): [string, string] {
-    const text = (time: number): string => new Date(time).toISOString().slice(0, 19).replace('T', ' ');
-    return [text(from), text(to)];
+    return [timeText(from, false), timeText(to, false)];
 }
 
 function* probesOf(pass: TablePass, dots: Sample[]): Work<void> {

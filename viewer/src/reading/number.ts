@@ -16,7 +16,7 @@ export function numberOf(text: string): number | null {
 }
 
 const powers = Array.from({length: 23}, (_, exponent) => Number(`1e${exponent}`));
-const largestExact = 900719925474099; // one more digit still fits into 53 bits
+const largestExact = 900719925474098; // any digit after it still fits into 53 bits
 
 /**
  * The same for UTF-8 in memory; NaN for what is not a number. Plain decimals, nearly all that devices write, are read

@@ -147,7 +147,7 @@ export class TablePass {
         return {
             exact: this.isDone,
             share: this.share,
-            rows: this.isDone ? this.rows : this.expectedRows,
+            rows: this.expectedRows,
             first: this.ends.first,
             last: this.ends.last,
             from: span.isEmpty ? NaN : Math.max(0, span.from),

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 import type {Database} from '../sqlite/database.js';
-import {comesBefore, decodedTwice, identifier, isSameName} from './cells.js';
+import {comesBefore, decodedTwice, identifier, isSameName, plainName} from './cells.js';
 
 /** What a table holds, recognised by its columns. */
 export type Kind = 'samples' | 'alarms' | 'log' | 'configuration' | 'foreign';
@@ -78,8 +78,7 @@ export function holdsRecords(kind: Kind): boolean {
 export interface Table {
     readonly name: string;
     readonly kind: Kind;
-    readonly columns: readonly string[];
-    readonly isVirtual: boolean; // rows come from a module and not from the file; never touched, not even to count them
+    readonly columns: readonly string[]; // none of a virtual table, whose rows come from a module: it is never touched
 }
 
 function kindOf(columns: readonly string[]): Kind {
@@ -106,7 +105,7 @@ export function tablesOf(database: Database): Table[] {
         },
     );
     return [...found]
-        .map(([name, table]) => ({name, kind: kindOf(table.columns), ...table}))
+        .map(([name, {columns}]) => ({name, kind: kindOf(columns), columns}))
         .sort((a, b) => (comesBefore(a.name, b.name) ? -1 : comesBefore(b.name, a.name) ? 1 : 0));
 }
 
@@ -136,7 +135,7 @@ export interface SeriesInfo {
     readonly description: string;
 }
 
-/** By the name of the table in lower case. A table of other columns is not the host layer's. */
+/** By plainName() of the table. A table of other columns is not the host layer's. */
 export function seriesInfosOf(database: Database): Map<string, SeriesInfo> {
     const infos = new Map<string, SeriesInfo>();
     const columns = database.text(
@@ -145,7 +144,7 @@ export function seriesInfosOf(database: Database): Map<string, SeriesInfo> {
     );
     if (columns !== 'COLLECTOR,UNIT,DESCRIPTION') return infos;
     database.rows('select COLLECTOR,UNIT,DESCRIPTION from "device series"', [], (row) => {
-        infos.set(row.text(0).toLowerCase(), {unit: row.text(1), description: row.text(2)});
+        infos.set(plainName(row.text(0)), {unit: row.text(1), description: row.text(2)});
     });
     return infos;
 }

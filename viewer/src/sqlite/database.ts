@@ -34,10 +34,6 @@ export class Statement {
         return false;
     }
 
-    isNull(column: number): boolean {
-        return this.database.engine.raw.sqlite3_column_type(this.pointer, column) === typeNull;
-    }
-
     /** The bytes in SQLite's memory, until the next step. Null for NULL. */
     bytes(column: number): Uint8Array | null {
         const {raw} = this.database.engine;
@@ -203,10 +199,6 @@ export class Database {
             0,
             0,
         );
-    }
-
-    close(): void {
-        this.engine.capi.sqlite3_close_v2(this.pointer as any);
     }
 
     error(code: number): ReadError {

@@ -2,7 +2,6 @@
 //
 // Where files are read: a source over what was dropped, asked by messages.
 import {LocalSource} from '../reading/local.js';
-import {ReadError} from '../sqlite/database.js';
 import {Engine} from '../sqlite/engine.js';
 import type {Bytes} from '../sqlite/storage.js';
 import type {Question, Reply} from './messages.js';
@@ -87,7 +86,7 @@ port.onmessage = ({data}) => {
             (error: unknown) =>
                 port.postMessage({
                     id: data.id,
-                    error: error instanceof ReadError || error instanceof Error ? error.message : String(error),
+                    error: error instanceof Error ? error.message : String(error),
                 }),
         )
         .finally(() => running.delete(data.id));
