@@ -137,7 +137,8 @@ export class Session {
     async open(...files: readonly string[]): Promise<void> {
         const input = await this.page.waitForSelector('input[type=file]');
         await (input as any).uploadFile(...files);
-        await this.page.waitForSelector('[role=tablist]');
+        await input!.dispose(); // it would keep all of the page that it is in
+        await (await this.page.waitForSelector('[role=tablist]'))!.dispose();
     }
 
     /** Every table was read and every series drawn. */

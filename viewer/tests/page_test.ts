@@ -7,6 +7,7 @@ import {join} from 'node:path';
 import {test} from 'node:test';
 
 import {pathOf, Session} from './browser.js';
+import {valueLabels} from '../src/page/format.js';
 import {axeFindings, press, soon, texts} from './page.js';
 import {plant} from './plant.js';
 import {Folder} from './reference.js';
@@ -583,4 +584,140 @@ test('the print shows the trend and its figures on one page', chrome, async () =
     const paper = Buffer.from(await session.page.pdf({preferCSSPageSize: true})).toString('latin1');
     assert.equal([...paper.matchAll(/\/Type ?\/Page\b/g)].length, 1);
     assert.match((await texts(session, '#paper'))[0]!, /plant\.db.*device time.*58,202/s);
+});
+
+test('whole numbers are exact, however many digits they have', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const {main} = await made([
+        'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)',
+        `insert into T1(DATETIME,Value) with recursive n(i) as (select 0 union all select i+1 from n where i<8)
+         select datetime(1714978800+i,'unixepoch'),123456781+i from n`,
+    ]);
+    await session.open(folder.write('counter.db', main));
+    await session.settled();
+    const figures = await texts(session, '.figures tbody td');
+    assert.deepEqual(figures.slice(0, 4), ['123,456,781', '123,456,789', '123,456,785', '9']);
+});
+
+test('labels of an axis are whole, short and different', () => {
+    assert.deepEqual(valueLabels([0, 0.1 + 0.2, 1234.5]), ['0', '0.3', '1,234.5']);
+    assert.deepEqual(valueLabels([1e9, 1.5e9]), ['1E9', '1.5E9']);
+    assert.deepEqual(valueLabels([123456782, 123456784]), ['…456,782', '…456,784']);
+});
+
+test('the finger that stays after a pinch moves on from there', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    const finger = (type: string, pointerId: number, x: number): Promise<void> =>
+        session.page.$eval(
+            '.chart',
+            (chart, ...[kind, id, at]) => {
+                chart.setPointerCapture = () => undefined; // there is no such finger
+                const {left, top, width} = chart.getBoundingClientRect();
+                const place = {clientX: left + width / 2 + at, clientY: top + 60};
+                const init = {pointerId: id, pointerType: 'touch', button: kind === 'pointermove' ? -1 : 0, ...place};
+                chart.dispatchEvent(new PointerEvent(kind, {...init, bubbles: true}));
+            },
+            type,
+            pointerId,
+            x,
+        );
+    const length = async (): Promise<number> => {
+        const [from, to] = await session.page.$$eval('.trend input.time', (inputs) =>
+            inputs.map((input) => Date.parse(`${(input as HTMLInputElement).value}Z`)),
+        );
+        return to! - from!;
+    };
+    const all = await length();
+    await finger('pointerdown', 1, -50);
+    await finger('pointerdown', 2, 50);
+    for (let d = 60; d <= 200; d += 20) {
+        await finger('pointermove', 1, -d);
+        await finger('pointermove', 2, d);
+    }
+    const pinched = await length();
+    assert.ok(pinched < all / 3, `${pinched} of ${all}`);
+    await finger('pointerup', 2, 200);
+    await finger('pointermove', 1, -190);
+    assert.equal(await length(), pinched);
+    await finger('pointerup', 1, -190);
+    assert.equal(await length(), pinched);
+});
+
+test('keys do not act behind a dialog, and what went wrong can be closed', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const file = folder.write('plant.db', files.main);
+    await session.open(file, file);
+    assert.ok(await soon(async () => (await texts(session, '.banner.failure'))[0] !== ''));
+    assert.deepEqual(await axeFindings(session), []);
+    await session.page.click('.banner.failure button');
+    await session.page.waitForSelector('.banner.failure', {hidden: true});
+    await session.tab('log');
+    await session.settled();
+    await session.page.click('#view-log .rows .row');
+    await session.page.waitForSelector('dialog[open]');
+    await session.page.keyboard.press('1');
+    assert.equal(await session.page.$eval('#tab-log', (tab) => tab.getAttribute('aria-selected')), 'true');
+});
+
+test('files that are opened one after the other leave nothing of those before', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const file = folder.write('plant.db', files.main);
+    const devtools = await session.page.createCDPSession();
+    const opened = async (): Promise<number[]> => {
+        await session.open(file);
+        await session.settled();
+        await devtools.send('HeapProfiler.collectGarbage');
+        const {Nodes, JSEventListeners} = await session.page.metrics();
+        return [Nodes!, JSEventListeners!];
+    };
+    await opened();
+    const before = await opened();
+    for (let i = 0; i < 4; ++i) await opened();
+    const after = await opened();
+    assert.ok(
+        after.every((count, i) => count < before[i]! * 1.3),
+        `${before} nodes and listeners, then ${after}`,
+    );
+});
+
+test('files that are dropped while others are opened are the ones that are shown', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const given = ['one.db', 'two.db', 'three.db'].map((name) => folder.write(name, files.main));
+    const input = (await session.page.$('input[type=file]'))!;
+    await session.page.evaluate(() => {
+        const seen: string[] = ((window as any).seen = []);
+        new MutationObserver(() => {
+            const text = document.querySelector('h1.file, .lead')?.textContent;
+            if (text && text !== seen.at(-1)) seen.push(text);
+        }).observe(document.getElementById('app')!, {childList: true});
+        // Once all are given each goes in on its own, before the one before is open.
+        document.querySelector('input[type=file]')!.addEventListener(
+            'change',
+            (event) => {
+                event.stopImmediatePropagation();
+                for (const file of (event.target as HTMLInputElement).files!) {
+                    const drop = new DataTransfer();
+                    drop.items.add(file);
+                    document.dispatchEvent(new DragEvent('drop', {dataTransfer: drop, bubbles: true}));
+                }
+            },
+            {capture: true},
+        );
+    });
+    await (input as any).uploadFile(...given);
+    await session.page.waitForSelector('[role=tablist]');
+    await session.settled();
+    const seen = await session.page.evaluate(() => (window as any).seen as string[]);
+    assert.ok(
+        seen.slice(0, -1).every((text) => text.startsWith('Opening ')),
+        seen.join(),
+    );
+    assert.match(seen.at(-1)!, /^three\.db/);
 });

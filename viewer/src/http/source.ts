@@ -29,8 +29,8 @@ interface ServedChange {
     readonly tables: readonly {readonly key: string; readonly lastId: number}[];
 }
 
-/** The version is the one of its changes. */
-type ServedFile = FileInfo & {readonly version: number};
+/** The version is the one of its changes: what happened before they are heard is not missed. */
+type ServedFile = FileInfo & {readonly version?: number};
 
 const retryAfter = 3000; // milliseconds
 const patience = 40000; // two of the server's heartbeats and some more
@@ -186,7 +186,9 @@ export class HttpSource implements Source {
 
     async open(): Promise<readonly FileInfo[]> {
         const files = (await (await fetched('open')).json()) as ServedFile[];
-        files.forEach(({version}, file) => this.versions.set(file, version));
+        files.forEach(({version}, file) => {
+            if (version !== undefined) this.versions.set(file, version);
+        });
         const names = distinctNames(files.map(({name}) => name));
         return files.map((file, i) => ({...file, name: names[i]!}));
     }

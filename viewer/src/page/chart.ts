@@ -17,7 +17,7 @@ const renewAfter = 20; // so that tables that grew together are asked for togeth
 const mostColumns = 100000; // no source takes more
 
 export function coloursOf(theme?: Element): Colours {
-    return {text: colour('text', theme), faint: colour('muted', theme), grid: colour('grid', theme)};
+    return {faint: colour('muted', theme), grid: colour('grid', theme)};
 }
 
 /** The series of each pane: all in one, or one for each. */
@@ -80,6 +80,13 @@ export class Chart {
         );
         this.listen();
         new ResizeObserver(() => this.layOut()).observe(this.element);
+    }
+
+    /** Asks and draws no more. */
+    close(): void {
+        clearTimeout(this.timer);
+        this.asked.abort();
+        this.panes.forEach((pane) => pane.destroy());
     }
 
     /** Panes for what is chosen now. */

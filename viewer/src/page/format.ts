@@ -3,14 +3,31 @@
 // What people read: numbers in the form of their language, times exactly as the device has them.
 import {duration, timeText} from '../reading/times.js';
 
-const value = new Intl.NumberFormat(undefined, {maximumSignificantDigits: 8});
+const value = new Intl.NumberFormat(undefined, {maximumSignificantDigits: 15});
 const huge = new Intl.NumberFormat(undefined, {maximumSignificantDigits: 6, notation: 'scientific'});
 const whole = new Intl.NumberFormat();
 const percent = new Intl.NumberFormat(undefined, {style: 'percent'});
 
+/** A number of the file, with all its digits: a double holds fifteen of them. */
 export function number(of: number): string {
     const size = Math.abs(of);
     return size !== 0 && (size >= 1e12 || size < 1e-6) ? huge.format(of) : value.format(of);
+}
+
+/** A number that was reckoned, such as a mean: eight digits, and all of its whole part. */
+export function reckoned(of: number): string {
+    return number(Math.abs(of) >= 1e8 ? Math.round(of) : Number(of.toPrecision(8)));
+}
+
+const longestLabel = 9; // characters beside a pane
+
+/** The labels of an axis of values: those that are too long with powers of ten, or the ends where they differ. */
+export function valueLabels(ticks: readonly number[]): string[] {
+    const labels = ticks.map((tick) => number(Number(tick.toPrecision(12))));
+    if (labels.every(({length}) => length <= longestLabel)) return labels;
+    const powers = ticks.map((tick) => huge.format(tick));
+    if (new Set(powers).size === ticks.length) return powers;
+    return labels.map((label) => `…${label.slice(1 - longestLabel).replace(/^\D/, '')}`);
 }
 
 export function count(of: number | bigint): string {

@@ -17,8 +17,15 @@ const tabTitles: readonly (readonly [Tab, string])[] = [
     ['findings', 'Findings'],
 ];
 
-/** Everything but the start. `opener`: what opens other files, where there is something. */
-export function frameOf(workspace: Workspace, opener: HTMLElement | null): readonly Node[] {
+/** Everything but the start. */
+export interface Frame {
+    readonly content: readonly Node[];
+    /** Lets go of what is outside of it: it is not shown any more. */
+    close(): void;
+}
+
+/** `opener`: what opens other files, where there is something. */
+export function frameOf(workspace: Workspace, opener: HTMLElement | null): Frame {
     const trend = new TrendView(workspace);
     const lists = {
         alarms: new RowsView(workspace, 'alarms'),
@@ -51,10 +58,20 @@ export function frameOf(workspace: Workspace, opener: HTMLElement | null): reado
     const views = tabTitles.map(([tab]) =>
         h('div', {role: 'tabpanel', id: `view-${tab}`, 'aria-labelledby': `tab-${tab}`, class: 'view'}, elements[tab]),
     );
-    const failure = h('p', {class: 'failure banner', role: 'alert', hidden: true});
+    const failureText = h('span');
+    const forget = (): void => {
+        workspace.failure = '';
+        workspace.tell('failure');
+    };
+    const failure = h(
+        'p',
+        {class: 'failure banner', role: 'alert', hidden: true},
+        button('', forget, {class: 'icon close', title: 'Close', 'aria-label': 'Close'}),
+        failureText,
+    );
     const name = h('h1', {class: 'file'});
     const lost = h('p', {class: 'banner lost', role: 'status', hidden: true});
-    const live = h('span', {class: 'live', hidden: true});
+    const live = h('span', {class: 'live', hidden: true}, '● Live');
     const strip = h(
         'div',
         {
@@ -99,7 +116,6 @@ export function frameOf(workspace: Workspace, opener: HTMLElement | null): reado
         lost.textContent = trouble === '' ? reasons.join(' · ') : `${trouble} What is shown is what was there before.`;
         lost.hidden = lost.textContent === '';
         live.hidden = !source.watch || !lost.hidden;
-        live.textContent = '● Live';
     };
     const content = [
         h(
@@ -136,7 +152,7 @@ export function frameOf(workspace: Workspace, opener: HTMLElement | null): reado
         if (change === 'tables') showFiles();
         if (change === 'live') showLive();
         if (change === 'failure') {
-            failure.textContent = workspace.failure;
+            failureText.textContent = workspace.failure;
             failure.hidden = workspace.failure === '';
         }
         if (change === 'overview') {
@@ -148,10 +164,18 @@ export function frameOf(workspace: Workspace, opener: HTMLElement | null): reado
     document.onkeydown = (event) => {
         const tab = tabTitles[Number(event.key) - 1];
         const isTyping = event.target instanceof HTMLInputElement || event.target instanceof HTMLSelectElement;
-        if (tab && !isTyping && !event.ctrlKey && !event.altKey && !event.metaKey) workspace.setTab(tab[0]);
+        const isBehind = document.querySelector('dialog[open]') !== null;
+        if (tab && !isTyping && !isBehind && !event.ctrlKey && !event.altKey && !event.metaKey)
+            workspace.setTab(tab[0]);
     };
     showFiles();
     showLive();
     show();
-    return content;
+    return {
+        content,
+        close: () => {
+            dark.onchange = null;
+            trend.chart.close();
+        },
+    };
 }

@@ -5,6 +5,7 @@ import {WorkerSource} from '../worker/client.js';
 import {keepAddress, takeAddress} from './address.js';
 import {button, h, unpacked} from './dom.js';
 import {frameOf} from './frame.js';
+import type {Frame} from './frame.js';
 import {Workspace} from './workspace.js';
 
 const app = document.getElementById('app')!;
@@ -15,6 +16,8 @@ async function startedWorker(): Promise<WorkerSource> {
 }
 
 let opened: WorkerSource | null = null;
+let frame: Frame | null = null;
+let turn = 0; // of what is opened: the files that were given last are shown
 let ready: Promise<WorkerSource> | null = null; // for the next files: SQLite takes a moment to start
 
 function chooser(text: string, properties: Readonly<Record<string, unknown>> = {}): HTMLElement {
@@ -97,8 +100,11 @@ async function isSameFile(one: File, other: File): Promise<boolean> {
 }
 
 async function openFiles(given: readonly File[]): Promise<void> {
+    const mine = ++turn;
     opened?.close();
     opened = null;
+    frame?.close();
+    frame = null;
     showOpening(given.map(({name}) => name).join(', '));
     try {
         const files: File[] = [];
@@ -108,16 +114,21 @@ async function openFiles(given: readonly File[]): Promise<void> {
             if (same.includes(true)) twice.add(file.name);
             else files.push(file);
         }
+        if (mine !== turn) return;
         const starting = ready ?? startedWorker();
         ready = null;
         const source = await starting;
+        if (mine !== turn) return source.close();
         opened = source;
         await source.give(files);
         const workspace = await workspaceOver(source);
-        app.replaceChildren(...frameOf(workspace, chooser('Open …')));
+        if (mine !== turn) return;
+        frame = frameOf(workspace, chooser('Open …'));
+        app.replaceChildren(...frame.content);
         if (twice.size > 0) workspace.fail(new Error(`Given twice, shown once: ${[...twice].join(', ')}`));
         void workspace.lookAtAll();
     } catch (error) {
+        if (mine !== turn) return;
         opened?.close();
         opened = null;
         showStart(error instanceof Error ? error.message : String(error));
@@ -130,7 +141,7 @@ async function openServed(): Promise<void> {
     try {
         const workspace = await workspaceOver(new HttpSource());
         takeAddress(workspace, location.hash.slice(1));
-        app.replaceChildren(...frameOf(workspace, null));
+        app.replaceChildren(...frameOf(workspace, null).content);
         keepAddress(workspace);
         workspace.watch();
         void workspace.lookAtAll();

@@ -5,7 +5,7 @@
 import uPlot from 'uplot';
 
 import type {CurveAnswer} from '../reading/source.js';
-import {number, timeLabels, timeTicks} from './format.js';
+import {timeLabels, timeTicks, valueLabels} from './format.js';
 
 /** What is drawn of one series. */
 export interface Drawn {
@@ -16,7 +16,6 @@ export interface Drawn {
 }
 
 export interface Colours {
-    readonly text: string;
     readonly faint: string;
     readonly grid: string;
 }
@@ -88,7 +87,7 @@ export class Pane {
                         grid: {stroke: () => this.colours.grid, width: 1},
                         ticks: {show: false},
                         space: 36,
-                        values: (_self, ticks) => ticks.map((tick) => number(Number(tick.toPrecision(12)))),
+                        values: (_self, ticks) => valueLabels(ticks),
                     },
                 ],
                 series: [{}, {show: true, paths: () => null, points: {show: false}}],

@@ -8,7 +8,7 @@ import {coloursOf, groupsOf} from './chart.js';
 import type {Chart} from './chart.js';
 import {colour, download, h} from './dom.js';
 import {drawEvents, heightOf} from './events_strip.js';
-import {count, number} from './format.js';
+import {count, number, reckoned} from './format.js';
 import type {Column} from './list.js';
 import {Pane} from './pane.js';
 import type {Workspace} from './workspace.js';
@@ -36,7 +36,7 @@ function figuresOf(workspace: Workspace, chart: Chart): string[][] {
             workspace.titleOf(workspace.table(key)),
             value(answer?.lowest),
             value(answer?.highest),
-            answer?.exact && answer.numbers > 0 ? number(answer.mean) : '',
+            answer?.exact && answer.numbers > 0 ? reckoned(answer.mean) : '',
             answer?.exact ? count(answer.numbers) : '',
         ];
     });

@@ -3,7 +3,7 @@ import {timeText, writtenTime} from '../reading/times.js';
 import type {Sample} from '../reading/source.js';
 import {Chart} from './chart.js';
 import {button, h} from './dom.js';
-import {count, number, share, span, time} from './format.js';
+import {count, number, reckoned, share, span, time} from './format.js';
 import {exportPicture, printTrend} from './picture.js';
 import {earliest, latest, refusalOf} from './workspace.js';
 import type {Workspace} from './workspace.js';
@@ -297,11 +297,11 @@ export class TrendView {
         const cells = [
             about(answer.lowest),
             about(answer.highest),
-            answer.exact && answer.numbers > 0 ? number(answer.mean) : '',
+            answer.exact && answer.numbers > 0 ? reckoned(answer.mean) : '',
             answer.exact ? count(answer.numbers) : '',
             text(here),
         ];
-        if (mark !== null) cells.push(text(there), here !== null && there !== null ? number(here - there) : '');
+        if (mark !== null) cells.push(text(there), here !== null && there !== null ? reckoned(here - there) : '');
         const moments = [answer.lowest, answer.highest].map((sample) => sample && time(sample.time));
         return h('tr', {}, head, ...cells.map((cell, i) => h('td', {class: 'right', title: moments[i]}, cell)));
     }
