@@ -167,6 +167,142 @@ test('what is pressed while new rows come is chosen', chrome, async () => {
     await session.page.waitForSelector('#view-findings[hidden]', {timeout: 5000});
 });
 
+/** A promise, and what fulfils it. */
+function gate(): {readonly opened: Promise<void>; readonly open: () => void} {
+    let open = (): void => undefined;
+    const opened = new Promise<void>((resolve) => (open = resolve));
+    return {opened, open};
+}
+const isPage = ({pathname, searchParams}: URL, limit: number): boolean =>
+    pathname === '/api/rows' && Number(searchParams.get('limit')) >= limit;
+const logOf = (count: number, ...more: readonly string[]): string[] => [
+    'CREATE TABLE OperatorLog(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime NOT NULL,userName text,logName text,message text)',
+    `insert into OperatorLog(DATETIME,userName,logName,message) with recursive n(i) as (select 0 union all select i+1 from n where i<${count - 1})
+     select strftime('%Y-%m-%d %H:%M:%f',1714978800+i,'unixepoch'),'u'||(i%2),'Login','m'||i from n`,
+    ...more,
+];
+const newEntry = (text: string): string =>
+    `insert into OperatorLog(DATETIME,userName,logName,message) values('2024-06-01 00:00:00.000','u1','Login','${text}')`;
+
+// What the page gives to be saved as a CSV: the last cell of each row.
+async function savedCells(session: Session, tab: string): Promise<string[]> {
+    await session.page.evaluate(() => {
+        const make = URL.createObjectURL;
+        URL.createObjectURL = (blob: Blob) => {
+            if (blob.type === 'text/csv') (window as any).csv = blob;
+            return make.call(URL, blob);
+        };
+    });
+    await session.page.waitForSelector(`#view-${tab} .rows .row`);
+    await press(session, 'CSV');
+    await session.page.waitForSelector('dialog[open]');
+    await press(session, 'Save');
+    await session.page.waitForFunction(() => 'csv' in window, {timeout: 60000});
+    const text = await session.page.evaluate(() => ((window as any).csv as Blob).text());
+    return text
+        .trim()
+        .split('\n')
+        .slice(1)
+        .map((line) => line.split(',').at(-1)!);
+}
+
+for (const [filter, isWanted] of [
+    ['', () => true],
+    ['&log.search=m', () => true],
+    ['&log.order=oldest', () => true],
+    ['&log.order=log', () => true],
+    ['&log.choice==u1', (i: number) => i % 2 === 1],
+] as const) {
+    test(`a CSV has each row once while rows come and go${filter}`, chrome, async () => {
+        await using served = await Served.start(logOf(24000));
+        await using session = await opened(served, new URL(`#tab=log${filter}`, served.address));
+        let pages = 0;
+        served.turn = async (question, answer) => {
+            const found = await answer();
+            if (isPage(question, 5000) && ++pages === 1)
+                await served.change(
+                    logOf(24000, newEntry('xm1'), newEntry('xm2'), 'delete from OperatorLog where ID<=300'),
+                    true,
+                );
+            return found;
+        };
+        const all = await savedCells(session, 'log');
+        const cells = all.filter((cell) => !cell.startsWith('x'));
+        assert.equal(new Set(cells).size, cells.length, 'none twice');
+        const wanted = Array.from({length: 23700}, (_, i) => i + 300).filter(isWanted);
+        const there = new Set(cells);
+        assert.deepEqual(
+            wanted.filter((i) => !there.has(`m${i}`)),
+            [],
+            'none is missing',
+        );
+        assert.deepEqual(await shown(session, '.failure'), []);
+    });
+}
+
+test('a CSV has each row once while the table is read, and its rows go from the beginning', chrome, async () => {
+    const series = (...more: readonly string[]): string[] => [
+        'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)',
+        `insert into T1 with recursive n(i) as (select 0 union all select i+1 from n where i<29999)
+         select 2*i+2*(i>9000)*i,datetime(1714978800+i,'unixepoch'),i from n`,
+        ...more,
+    ];
+    await using served = await Served.start(series());
+    const reading = gate();
+    const read = gate();
+    let pages = 0;
+    served.turn = async (question, answer) => {
+        if (question.pathname === '/api/overview') await reading.opened;
+        const found = await answer();
+        if (question.pathname === '/api/overview') read.open();
+        if (isPage(question, 5000)) ++pages;
+        if (isPage(question, 5000) && pages === 2) {
+            reading.open();
+            await read.opened;
+        }
+        // The one that was taken last is among them.
+        if (isPage(question, 5000) && pages === 4)
+            await served.change(series('delete from T1 where Value<21000'), true);
+        return found;
+    };
+    await using session = await Session.start('chrome', {served: new URL('#tab=rows', served.address)});
+    await session.page.waitForSelector('#view-rows .rows .row');
+    await press(session, 'CSV');
+    assert.deepEqual(await texts(session, 'dialog[open] p:first-of-type'), ['All rows, exactly as the cells are.']);
+    await session.page.keyboard.press('Escape');
+    const cells = await savedCells(session, 'rows');
+    assert.equal(new Set(cells).size, cells.length, 'none twice');
+    const there = new Set(cells);
+    const missing = Array.from({length: 30000}, (_, i) => i).filter((i) => !there.has(String(i)));
+    assert.ok(missing.length < 12000 && missing.every((i) => i < 21000), `${missing.length} are missing`);
+});
+
+test('a CSV that is cancelled is not written', chrome, async () => {
+    await using served = await Served.start(logOf(12000));
+    await using session = await opened(served, new URL('#tab=log', served.address));
+    const [second, held] = [gate(), gate()];
+    let pages = 0;
+    served.turn = async (question, answer) => {
+        if (isPage(question, 5000) && ++pages === 2) {
+            second.open();
+            await held.opened;
+        }
+        return answer();
+    };
+    await session.page.evaluate(() => {
+        URL.createObjectURL = () => ((window as any).isWritten = 'blob:nothing');
+    });
+    await press(session, 'CSV');
+    await press(session, 'Save');
+    await second.opened;
+    await press(session, 'Cancel');
+    held.open();
+    await new Promise((resume) => setTimeout(resume, 1000));
+    assert.equal(await session.page.evaluate(() => 'isWritten' in window), false);
+    assert.ok(pages < 3, 'nothing more is asked');
+    assert.deepEqual(await shown(session, '.failure'), []);
+});
+
 test('an alarm that ends is no longer active, and a table that comes is there', chrome, async () => {
     await using served = await Served.start(plant);
     await using session = await opened(served);

@@ -505,6 +505,17 @@ test('files of one name can be told apart, and one that is given twice is shown 
     assert.deepEqual(await texts(session, '.series .name'), ['T1, history.db', 'T1, history.db (2)']);
 });
 
+test('a list without a table prints nothing and does not fail', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const table = 'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)';
+    await session.open(folder.write('series.db', (await made([table])).main));
+    await session.tab('alarms');
+    await press(session, 'Print');
+    await new Promise((resume) => setTimeout(resume, 300));
+    assert.deepEqual(await texts(session, '.banner.failure'), ['']);
+});
+
 test('files without rows and without tables are shown as they are', chrome, async () => {
     using folder = new Folder();
     const table = 'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)';

@@ -15,6 +15,8 @@ export class Served {
     readonly address: URL;
     /** Every question that came. */
     readonly questions: URL[] = [];
+    /** Gives each answer that takes long, in its own time. */
+    turn: (question: URL, answer: () => Promise<object>) => Promise<object> = (_, answer) => answer();
     private version = 0;
     private error = '';
     private readonly listeners = new Set<ServerResponse>();
@@ -121,7 +123,8 @@ export class Served {
         const write = (line: object): void => void response.write(`${JSON.stringify(line)}\n`);
         response.setHeader('content-type', 'application/x-ndjson');
         try {
-            write({done: await longAnswer(this.source, pathname, parts, (part) => write({part}))});
+            const answer = (): Promise<object> => longAnswer(this.source, pathname, parts, (part) => write({part}));
+            write({done: await this.turn(address, answer)});
         } catch (error) {
             write({error: (error as Error).message});
         }

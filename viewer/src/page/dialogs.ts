@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-import {beginningOf, decodedTwice, grouped, shown} from '../reading/cells.js';
+import {beginningOf, decodedTwice, grouped, rowsText, shown} from '../reading/cells.js';
 import type {Cell} from '../reading/cells.js';
 import type {CsvOptions} from '../reading/csv.js';
 import type {TableInfo} from '../reading/source.js';
@@ -65,8 +65,16 @@ export function showRow(workspace: Workspace, table: TableInfo, row: readonly Ce
     );
 }
 
-/** How a CSV is to be written; `write` is called with the answer. */
-export function askHowCsv(name: string, rows: number, write: (options: CsvOptions) => Promise<void>): void {
+/**
+ * How a CSV is to be written; `write` is called with the answer, and with a signal that ends it when the dialog is
+ * closed. `rows`: null while nobody knows how many.
+ */
+export function askHowCsv(
+    name: string,
+    rows: number | null,
+    write: (options: CsvOptions, signal: AbortSignal) => Promise<void>,
+): void {
+    const writing = new AbortController();
     const separator = h(
         'select',
         {id: 'csv-separator'},
@@ -86,20 +94,21 @@ export function askHowCsv(name: string, rows: number, write: (options: CsvOption
                 decimalComma: decimal.checked,
                 bom: bom.checked,
             };
-            void write(options).then(() => dialog.close());
+            void write(options, writing.signal).then(() => dialog.close());
         },
         {class: 'first'},
     );
     const dialog = open(
         `Save ${name}`,
         [
-            h('p', {}, `${grouped(rows)} ${rows === 1 ? 'row' : 'rows'}, exactly as the cells are.`),
+            h('p', {}, `${rows === null ? 'All rows' : rowsText(rows)}, exactly as the cells are.`),
             h('p', {class: 'field'}, h('label', {for: 'csv-separator'}, 'Separator'), separator),
             h('label', {class: 'check'}, decimal, 'Numbers with a decimal comma'),
             h('label', {class: 'check'}, bom, 'Mark as UTF-8, for older spreadsheets'),
         ],
         [save, button('Cancel', () => dialog.close())],
     );
+    dialog.addEventListener('close', () => writing.abort());
 }
 
 export function showHelp(): void {

@@ -161,7 +161,7 @@ export function printRows(
     table: TableInfo,
     columns: readonly Column[],
     rows: readonly (readonly Cell[])[],
-    total: number,
+    total: number | null, // null: not known yet
 ): void {
     const title = table.kind === 'alarms' ? 'Alarms' : table.kind === 'log' ? 'Operator log' : workspace.titleOf(table);
     const body = rows.map((row) =>
@@ -175,7 +175,9 @@ export function printRows(
         h(
             'p',
             {},
-            rows.length < total ? `The first ${count(rows.length)} of ${count(total)} rows` : `${count(total)} rows`,
+            rows.length === total
+                ? `${count(total)} rows`
+                : `The first ${count(rows.length)}${total === null ? '' : ` of ${count(total)}`} rows`,
         ),
         h(
             'table',

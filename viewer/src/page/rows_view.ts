@@ -4,8 +4,7 @@
 import {beginningOf, decodedTwice, visible} from '../reading/cells.js';
 import type {Cell} from '../reading/cells.js';
 import {csvOf} from '../reading/csv.js';
-import type {CsvOptions} from '../reading/csv.js';
-import type {Order, RowQuery, TableInfo} from '../reading/source.js';
+import type {Order, RowQuery, RowsAnswer, TableInfo} from '../reading/source.js';
 import {hasMilliseconds, timeColumnOf} from '../reading/tables.js';
 import {duration, endOfAlarm, timeIn, writtenTime} from '../reading/times.js';
 import {askHowCsv, showRow} from './dialogs.js';
@@ -16,6 +15,7 @@ import {printRows} from './picture.js';
 import type {Tab, Workspace} from './workspace.js';
 
 const rowsAtOnce = 5000;
+const mostPrinted = 1000;
 const longestLine = 500; // characters of a cell, more than the widest screen shows
 const longestChoice = 100;
 
@@ -360,25 +360,34 @@ export class RowsView {
         void this.list?.ask(this.query(wanted));
     }
 
-    private async *allRows(most = Infinity): AsyncGenerator<readonly (readonly Cell[])[]> {
+    // Each row that is there, once, in pieces. While a table is read, and while rows come and go, none keeps its number:
+    // a piece begins with the row that was taken last, and is asked for around it where the list has moved.
+    private async *allRows(atOnce: number, signal?: AbortSignal): AsyncGenerator<readonly (readonly Cell[])[]> {
         const query = this.query();
-        for (let offset = 0; offset < most; offset += rowsAtOnce) {
-            const {rows} = await this.workspace.source.rows(
-                {...query, offset, limit: Math.min(rowsAtOnce, most - offset)},
-                () => undefined,
-            );
-            if (rows.length === 0) return;
+        const ask = (part: Partial<RowQuery>): Promise<RowsAnswer> =>
+            this.workspace.source.rows({...query, ...part}, () => undefined, signal);
+        let answer = await ask({offset: 0, limit: atOnce});
+        for (let {rows} = answer; rows.length > 0;) {
             yield rows;
+            const last = rows[rows.length - 1]![0]!;
+            answer = await ask({offset: answer.offset + answer.rows.length - 1, limit: atOnce + 1});
+            if (answer.rows[0]?.[0] !== last) answer = await ask({id: Number(last), offset: 0, limit: 2 * atOnce});
+            let begin = 1 + answer.rows.findIndex(([id]) => id === last);
+            // It has gone. In the order of recording, those after it are known nevertheless.
+            if (begin === 0)
+                begin = query.order === 'recorded' ? answer.rows.findIndex(([id]) => BigInt(id!) > BigInt(last)) : -1;
+            if (begin < 0) throw new Error('Rows were removed while they were taken out; try again.');
+            rows = answer.rows.slice(begin);
         }
     }
 
     private exportCsv(): void {
-        const table = this.table;
+        const {table, list} = this;
         if (!table) return;
-        askHowCsv(`${table.name}.csv`, this.list?.total ?? 0, async (options: CsvOptions) => {
+        askHowCsv(`${table.name}.csv`, list?.isExact ? list.total : null, async (options, signal) => {
             try {
                 const parts: BlobPart[] = [];
-                for await (const rows of this.allRows())
+                for await (const rows of this.allRows(rowsAtOnce, signal))
                     parts.push(csvOf(table.kind, rows, options, parts.length === 0) as BlobPart);
                 if (parts.length === 0) parts.push(csvOf(table.kind, [], options) as BlobPart);
                 download(
@@ -392,10 +401,12 @@ export class RowsView {
     }
 
     private async print(): Promise<void> {
-        const most = 1000;
-        const rows: (readonly Cell[])[] = [];
-        for await (const some of this.allRows(most)) rows.push(...some);
-        printRows(this.workspace, this.table!, listColumns(this.table!.kind), rows, this.list?.total ?? rows.length);
+        const {table, list} = this;
+        if (!table) return;
+        const {value} = await this.allRows(mostPrinted + 1).next();
+        const rows: readonly (readonly Cell[])[] = value ?? [];
+        const total = rows.length <= mostPrinted ? rows.length : list?.isExact ? list.total : null;
+        printRows(this.workspace, table, listColumns(table.kind), rows.slice(0, mostPrinted), total);
     }
 }
 
