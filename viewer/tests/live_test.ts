@@ -183,6 +183,8 @@ const logOf = (count: number, ...more: readonly string[]): string[] => [
 ];
 const newEntry = (text: string): string =>
     `insert into OperatorLog(DATETIME,userName,logName,message) values('2024-06-01 00:00:00.000','u1','Login','${text}')`;
+const entryAt = (session: Session, selector: string): Promise<string> =>
+    session.page.$eval(selector, (row) => row.lastElementChild!.textContent ?? '').catch(() => '');
 
 // What the page gives to be saved as a CSV: the last cell of each row.
 async function savedCells(session: Session, tab: string): Promise<string[]> {
@@ -301,6 +303,140 @@ test('a CSV that is cancelled is not written', chrome, async () => {
     assert.equal(await session.page.evaluate(() => 'isWritten' in window), false);
     assert.ok(pages < 3, 'nothing more is asked');
     assert.deepEqual(await shown(session, '.failure'), []);
+});
+
+test('a renewal moves nobody who has scrolled since it was asked', chrome, async () => {
+    await using served = await Served.start(logOf(12000));
+    await using session = await opened(served, new URL('#tab=log', served.address));
+    const scroll = async (top: number): Promise<void> => {
+        await session.page.$eval('#view-log .scroller', (each, to) => (each.scrollTop = to), top);
+        await soon(async () => (await entryAt(session, '#view-log .rows .row')) === `m${11999 - top / 30}`);
+    };
+    await scroll(3000);
+    let [asked, held] = [gate(), gate()];
+    served.turn = async (question, answer) => {
+        const found = await answer();
+        if (isPage(question, 400)) {
+            asked.open();
+            await held.opened;
+        }
+        return found;
+    };
+    await served.change(logOf(12000, newEntry('x1')));
+    await asked.opened;
+    await scroll(9000);
+    held.open();
+    assert.ok(await soon(async () => (await shown(session, '#view-log .missed'))[0] === '1 new row ↑'));
+    assert.equal(await session.page.$eval('#view-log .scroller', (each) => each.scrollTop), 9030);
+    // Who was at the edge and has left it stays where it is.
+    await session.page.click('#view-log .missed');
+    assert.ok(await soon(async () => (await entryAt(session, '#view-log .rows .row')) === 'x1'));
+    [asked, held] = [gate(), gate()];
+    await served.change(logOf(12000, newEntry('x1'), newEntry('x2')));
+    await asked.opened;
+    await session.page.$eval('#view-log .scroller', (each) => (each.scrollTop = 6000));
+    held.open();
+    assert.ok(await soon(async () => (await shown(session, '#view-log .missed'))[0] === '1 new row ↑'));
+    assert.equal(await session.page.$eval('#view-log .scroller', (each) => each.scrollTop), 6030);
+});
+
+test('an answer from before a renewal is not taken after it', chrome, async () => {
+    await using served = await Served.start(logOf(12000));
+    await using session = await opened(served, new URL('#tab=log', served.address));
+    const [asked, held] = [gate(), gate()];
+    let pages = 0;
+    served.turn = async (question, answer) => {
+        const found = await answer();
+        if (isPage(question, 100) && !isPage(question, 400) && ++pages === 1) {
+            asked.open();
+            await held.opened;
+        }
+        return found;
+    };
+    await session.page.$eval('#view-log .scroller', (each) => (each.scrollTop = 9000));
+    await asked.opened;
+    const more = Array.from({length: 7}, (_, i) => newEntry(`x${i}`));
+    await served.change(logOf(12000, ...more));
+    const status = async (): Promise<string> => (await texts(session, '#view-log .status'))[0]!;
+    const row = async (): Promise<string> => {
+        const place = await session.page.$eval('#view-log .rows .row', (each) => each.getAttribute('aria-rowindex'));
+        return `${place} ${await entryAt(session, '#view-log .rows .row')}`;
+    };
+    assert.ok(await soon(async () => (await status()) === '12,007 rows' && !(await row()).includes('…')));
+    const before = await row();
+    held.open();
+    await new Promise((resume) => setTimeout(resume, 500));
+    assert.equal(await status(), '12,007 rows');
+    assert.equal(await row(), before);
+    assert.equal(before, '302 m11706');
+});
+
+test('rows that come while another question is asked are no news of the former', chrome, async () => {
+    await using served = await Served.start(logOf(12000));
+    await using session = await opened(served, new URL('#tab=log&log.search=m11', served.address));
+    const status = (text: string): Promise<boolean> =>
+        soon(async () => (await texts(session, '#view-log .status'))[0] === text);
+    assert.ok(await status('1,111 rows'));
+    await session.page.$eval('#view-log .scroller', (each) => (each.scrollTop = 6000));
+    const [asked, held, renewed] = [gate(), gate(), gate()];
+    served.turn = async (question, answer) => {
+        if (isPage(question, 400)) await renewed.opened;
+        else if (isPage(question, 100) && !question.searchParams.has('containing')) {
+            asked.open();
+            await held.opened;
+        }
+        return answer();
+    };
+    await session.page.$eval('#view-log input[type=search]', (input) => {
+        (input as HTMLInputElement).value = '';
+        input.dispatchEvent(new Event('input'));
+    });
+    await asked.opened;
+    await served.change(logOf(12000, newEntry('x')));
+    await new Promise((resume) => setTimeout(resume, 500));
+    held.open();
+    assert.ok(await status('12,001 rows'));
+    renewed.open();
+    await new Promise((resume) => setTimeout(resume, 500));
+    assert.deepEqual(await shown(session, '#view-log .missed'), []);
+    assert.ok(await soon(async () => (await entryAt(session, '#view-log .rows .row')) === 'x'));
+});
+
+test('the chosen row stays the chosen one when rows come', chrome, async () => {
+    await using served = await Served.start(logOf(300));
+    await using session = await opened(served, new URL('#tab=log', served.address));
+    await session.settled();
+    await session.page.focus('#view-log .scroller');
+    for (let i = 0; i < 3; ++i) await session.page.keyboard.press('ArrowDown');
+    const chosen = (): Promise<string> => entryAt(session, '#view-log .rows .row.active');
+    assert.equal(await chosen(), 'm296');
+    await served.change(logOf(300, newEntry('x1')));
+    assert.ok(await soon(async () => (await entryAt(session, '#view-log .rows .row')) === 'x1'));
+    assert.equal(await chosen(), 'm296');
+    await session.page.keyboard.press('Enter');
+    await session.page.waitForSelector('dialog[open]');
+    assert.equal((await texts(session, 'dialog[open] dd'))[3], 'm296');
+});
+
+test('a list that is replaced asks nothing more', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served, new URL('#tab=rows', served.address));
+    await session.settled();
+    const [asked, held] = [gate(), gate()];
+    const left: string[] = [];
+    session.page.on('requestfailed', (request) => left.push(request.url()));
+    served.turn = async (question, answer) => {
+        if (question.searchParams.has('containing')) {
+            asked.open();
+            await held.opened;
+        }
+        return answer();
+    };
+    await session.page.type('#view-rows input[type=search]', '118.4');
+    await asked.opened;
+    await session.page.select('#view-rows select[aria-label=Table]', '0/T3');
+    assert.ok(await soon(async () => left.some((url) => url.includes('T1') && url.includes('containing'))));
+    held.open();
 });
 
 test('an alarm that ends is no longer active, and a table that comes is there', chrome, async () => {

@@ -516,6 +516,28 @@ test('a list without a table prints nothing and does not fail', chrome, async ()
     assert.deepEqual(await texts(session, '.banner.failure'), ['']);
 });
 
+test('the last row of a list that is taller than a browser shows is seen whole', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const {main} = await made([
+        'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)',
+        `insert into T1(DATETIME,Value) with recursive n(i) as (select 0 union all select i+1 from n where i<299999)
+         select datetime(1714978800+i,'unixepoch'),i from n`,
+    ]);
+    await session.open(folder.write('long.db', main));
+    await session.tab('rows');
+    assert.ok(await soon(async () => (await texts(session, '#view-rows .status'))[0] === '300,000 rows'));
+    await session.page.$eval('#view-rows .scroller', (each) => (each.scrollTop = 1e9));
+    await soon(async () => (await texts(session, '#view-rows .rows .row'))[0]?.includes('2'));
+    const [text, cut] = await session.page.$eval('#view-rows .scroller', (scroller) => {
+        const row = scroller.querySelector('.rows .row:last-child')!;
+        const end = scroller.getBoundingClientRect().top + scroller.clientTop + scroller.clientHeight;
+        return [row.textContent, row.getBoundingClientRect().bottom - end] as const;
+    });
+    assert.match(text!, /299999/);
+    assert.ok(Math.abs(cut) < 2, String(cut));
+});
+
 test('files without rows and without tables are shown as they are', chrome, async () => {
     using folder = new Folder();
     const table = 'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)';

@@ -40,18 +40,19 @@ export class List {
     total = 0;
     isExact = false;
     private query: RowQuery;
-    private readonly pages = new Map<number, readonly (readonly Cell[])[]>();
-    private readonly asked = new Set<number>();
+    // Null: asked for. A question and a renewal begin another map, so that no older answer gets into it.
+    private pages = new Map<number, readonly (readonly Cell[])[] | null>();
     private asking = new AbortController();
+    private isBusy = false; // with a question or a renewal: one at a time
+    private isStale = false; // a renewal is wanted
     private lines: readonly Line[] = [];
     private active = 0;
-    private isRenewing = false;
-    private isStale = false;
     private missed = 0; // rows that came at an edge which is not in view
     private readonly head = h('div', {class: 'row head', role: 'row'});
     private readonly body = h('div', {class: 'rows', role: 'rowgroup'});
     private readonly space = h('div', {class: 'space', 'aria-hidden': 'true'});
     private readonly scroller: HTMLElement;
+    private readonly observer = new ResizeObserver(() => this.draw());
 
     /** `open`: a row was chosen. `sort`: a head was. */
     constructor(
@@ -83,11 +84,13 @@ export class List {
         this.element = h('div', {class: 'list'}, this.scroller, this.news);
         this.element.style.setProperty('--columns', template);
         this.drawHead();
-        new ResizeObserver(() => this.draw()).observe(this.scroller);
+        this.observer.observe(this.scroller);
     }
 
-    get shownQuery(): RowQuery {
-        return this.query;
+    /** It is shown no more. */
+    close(): void {
+        this.asking.abort();
+        this.observer.disconnect();
     }
 
     /** Another question: what it finds is shown from its beginning, or around the row that it names. */
@@ -95,30 +98,63 @@ export class List {
         this.asking.abort();
         this.asking = new AbortController();
         this.query = query;
+        this.isExact = false;
+        this.isStale = false;
         this.drawHead();
         this.showNews(0);
         this.status.textContent = 'Looking …';
-        const take = (answer: RowsAnswer): void => {
-            this.total = answer.total;
-            this.isExact = answer.exact;
-            if (answer.exact) this.keepPage(answer);
-            this.say(answer.share);
-            this.draw();
-        };
-        this.pages.clear();
-        this.asked.clear();
-        try {
-            const answer = await this.source.rows({...query, offset: 0, limit: pageRows}, take, this.asking.signal);
-            this.pages.clear();
-            take(answer);
+        this.pages = new Map();
+        await this.work(async (signal) => {
+            const answer = await this.source.rows(
+                {...query, offset: 0, limit: pageRows},
+                (part) => {
+                    this.take(part);
+                    this.draw();
+                },
+                signal,
+            );
+            this.take(answer);
             this.active = Math.max(0, answer.found);
             this.scrollTo(this.active);
             this.draw();
             announce(this.status.textContent ?? '');
+        });
+    }
+
+    /** The table has other rows: who looks at the edge where they come sees them, anything else stays where it is. */
+    async renew(): Promise<void> {
+        this.isStale = true;
+        if (!this.isBusy) await this.work();
+    }
+
+    // What is wanted while it is under way comes after it; another question ends it.
+    private async work(first?: (signal: AbortSignal) => Promise<void>): Promise<void> {
+        const {signal} = this.asking;
+        this.isBusy = true;
+        try {
+            await first?.(signal);
+            first = undefined;
+            while (this.isStale) {
+                this.isStale = false;
+                await this.renewOnce(signal);
+            }
         } catch (error) {
-            if (!isCancelled(error)) this.status.textContent = 'Could not be read';
+            if (signal.aborted) return;
+            if (first) this.status.textContent = 'Could not be read';
             this.fail(error);
+        } finally {
+            if (!signal.aborted) this.isBusy = false;
         }
+    }
+
+    private take(answer: RowsAnswer): void {
+        this.pages = new Map();
+        this.total = answer.total;
+        this.isExact = answer.exact;
+        this.keepPage(answer);
+        this.status.textContent =
+            `${this.isExact ? '' : 'about '}${count(this.total)} ${this.total === 1 ? 'row' : 'rows'}` +
+            (this.isExact ? '' : `, ${share(answer.share)} read`);
     }
 
     private get isNewestFirst(): boolean {
@@ -138,40 +174,20 @@ export class List {
         this.scroller.focus();
     }
 
-    /** The table has other rows: who looks at the edge where they come sees them, anything else stays where it is. */
-    async renew(): Promise<void> {
-        this.isStale = true;
-        if (this.isRenewing) return;
-        this.isRenewing = true;
-        try {
-            while (this.isStale) {
-                this.isStale = false;
-                await this.renewOnce();
-            }
-        } catch (error) {
-            this.fail(error);
-        } finally {
-            this.isRenewing = false;
-        }
-    }
-
-    private async renewOnce(): Promise<void> {
-        const {firstShown, isAtEdge} = this;
-        const before = this.isExact ? this.total : Infinity;
-        const {signal} = this.asking;
-        const first = Math.floor(firstShown);
-        const id = isAtEdge ? undefined : this.rowOf(first)?.[0];
-        const offset = Math.max(0, (Math.floor(first / pageRows) - 1) * pageRows);
+    private async renewOnce(signal: AbortSignal): Promise<void> {
+        const asked = Math.floor(this.firstShown);
+        const id = this.rowOf(asked)?.[0];
+        const offset = Math.max(0, (Math.floor(asked / pageRows) - 1) * pageRows);
         const query = {...this.query, id: id ? Number(id) : undefined, at: undefined, offset, limit: 4 * pageRows};
         const answer = await this.source.rows(query, () => undefined, signal);
-        if (signal.aborted) return;
-        this.pages.clear();
-        this.total = answer.total;
-        this.isExact = answer.exact;
-        this.keepPage(answer);
-        this.say(answer.share);
-        const shift = id && answer.found >= 0 ? answer.found - first : 0;
-        this.active += shift;
+        signal.throwIfAborted();
+        const {firstShown, isAtEdge} = this; // now: somebody may have scrolled since it was asked
+        const before = this.isExact ? this.total : Infinity;
+        const shift = id && answer.found >= 0 ? answer.found - asked : 0;
+        const active = this.rowOf(this.active)?.[0];
+        const place = active ? answer.rows.findIndex(([each]) => each === active) : -1;
+        this.active = place >= 0 ? answer.offset + place : this.active + shift;
+        this.take(answer);
         if (!isAtEdge) this.scrollToFirst(firstShown + shift);
         else if (!this.isNewestFirst) this.scrollToFirst(this.total);
         if (!isAtEdge && typeof this.query.order === 'string')
@@ -186,12 +202,6 @@ export class List {
             if (begin + pageRows <= end || end === this.total)
                 this.pages.set(begin / pageRows, rows.slice(begin - offset, begin - offset + pageRows));
         }
-    }
-
-    private say(part: number): void {
-        this.status.textContent =
-            `${this.isExact ? '' : 'about '}${count(this.total)} ${this.total === 1 ? 'row' : 'rows'}` +
-            (this.isExact ? '' : `, ${share(part)} read`);
     }
 
     private drawHead(): void {
@@ -275,7 +285,8 @@ export class List {
         this.scroller.setAttribute('aria-rowcount', String(this.isExact ? this.total + 1 : -1));
         const before = new Set(this.lines);
         this.lines = Array.from({length: Math.max(0, last - first)}, (_, i) => this.lineAt(first + i, before));
-        const shift = this.height < tallest ? first * rowHeight : this.scroller.scrollTop;
+        const shift =
+            this.height < tallest ? first * rowHeight : this.scroller.scrollTop - (this.firstShown % 1) * rowHeight;
         this.body.style.transform = `translateY(${shift}px)`;
         setChildren(
             this.body,
@@ -331,26 +342,22 @@ export class List {
     }
 
     private async load(page: number): Promise<void> {
-        if (this.asked.has(page) || page < 0) return;
-        this.asked.add(page);
-        const {signal} = this.asking;
+        const {pages} = this;
+        if (pages.has(page)) return;
+        pages.set(page, null);
         try {
-            const answer = await this.source.rows(
+            const {rows} = await this.source.rows(
                 {...this.query, id: undefined, at: undefined, offset: page * pageRows, limit: pageRows},
                 () => undefined,
-                signal,
+                this.asking.signal,
             );
-            if (signal.aborted) return;
-            this.pages.set(page, answer.rows);
-            if (this.pages.size > 50) this.forget(page);
-            this.total = answer.total;
-            this.isExact = answer.exact;
-            this.say(answer.share);
+            if (pages !== this.pages) return;
+            pages.set(page, rows);
+            if (pages.size > 50) this.forget(page);
             this.draw();
         } catch (error) {
+            pages.delete(page);
             if (!isCancelled(error)) this.fail(error);
-        } finally {
-            this.asked.delete(page);
         }
     }
 

@@ -170,6 +170,7 @@ export class RowsView {
         this.fillTables();
         if (this.tables.some(({key}) => key === this.table?.key)) return;
         this.table = null;
+        this.list?.close();
         this.list = null;
         this.isFresh = true;
         if (this.workspace.tab === this.tab) this.show();
@@ -272,6 +273,7 @@ export class RowsView {
         if (wanted.levels) this.setChoice(String(wanted.levels[0]));
         const sort = this.tab === 'rows' ? null : (column: string): void => this.sortBy(column);
         const query: RowQuery = {table: key, order: this.order, offset: 0, limit: 100};
+        this.list?.close();
         this.list = new List(
             this.workspace.source,
             listColumns(table.kind),
