@@ -439,6 +439,36 @@ test('a list that is replaced asks nothing more', chrome, async () => {
     held.open();
 });
 
+test('what somebody has open or scrolled stays when rows come', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served, new URL('#tab=log', served.address));
+    await session.settled();
+    const marked = (): Promise<boolean[]> =>
+        session.page.$$eval('#view-log select[aria-label=User] option', (all) =>
+            all.map((option) => 'isMarked' in option),
+        );
+    await session.page.$$eval('#view-log select[aria-label=User] option', (all) =>
+        all.forEach((option) => Object.assign(option, {isMarked: true})),
+    );
+    const known = (await marked()).length;
+    await served.change(later(3));
+    await session.tab('findings');
+    const counts = async (): Promise<string> => (await texts(session, '#view-findings tbody')).join();
+    assert.ok(await soon(async () => (await counts()).includes('58,205')));
+    assert.deepEqual(await marked(), Array(known).fill(true));
+
+    await session.page.setViewport({width: 420, height: 800});
+    const scroller = '#view-findings .scroll[aria-label=Tables]';
+    await session.page.focus(scroller);
+    await session.page.$eval(scroller, (each) => (each.scrollLeft = 200));
+    await served.change(later(9));
+    assert.ok(await soon(async () => (await counts()).includes('58,211')));
+    assert.deepEqual(await session.page.$eval(scroller, (each) => [each.scrollLeft, each === document.activeElement]), [
+        200,
+        true,
+    ]);
+});
+
 test('an alarm that ends is no longer active, and a table that comes is there', chrome, async () => {
     await using served = await Served.start(plant);
     await using session = await opened(served);

@@ -299,7 +299,7 @@ test('a click on an alarm opens its list there, and a row goes back to its momen
             '#view-alarms select[aria-label=Level]',
             (select) => (select as HTMLSelectElement).value,
         ),
-        '3',
+        '=3',
     );
     const active = await soon(async () => (await texts(session, '#view-alarms .row.active'))[0]);
     assert.match(active, /^32024-05-0[89]/);
@@ -503,6 +503,40 @@ test('files of one name can be told apart, and one that is given twice is shown 
     assert.ok(await soon(async () => (await texts(session, '.banner.failure'))[0] !== ''));
     assert.deepEqual(await texts(session, '.banner.failure'), ['Given twice, shown once: history.db']);
     assert.deepEqual(await texts(session, '.series .name'), ['T1, history.db', 'T1, history.db (2)']);
+});
+
+test('only levels that are whole numbers can be chosen, and each finds its own', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const {main} = await made([
+        `CREATE TABLE AlarmData(ID INTEGER PRIMARY KEY AUTOINCREMENT,LevelID INTEGER,DATETIME dateTime,AlarmObject text,AlarmType text,
+         CurrentValue text,LimitValue text,AlarmDescription text,EndDate text,EndTime text)`,
+        `insert into AlarmData(LevelID,DATETIME,EndDate,EndTime) select column1,'2024-05-06 00:00:10','2024-05-06','00:01:00'
+         from (values(1),(1),(1.5),('high'),(''),(null),(-2),(5000000000))`,
+    ]);
+    await session.open(folder.write('levels.db', main));
+    await session.tab('alarms');
+    await session.settled();
+    const options = (): Promise<string[]> => texts(session, '#view-alarms select[aria-label=Level] option');
+    assert.deepEqual(await soon(async () => (await options()).length > 1 && (await options())), [
+        'All levels',
+        'Level 1 (2)',
+        'Level -2 (1)',
+    ]);
+    const status = (text: string): Promise<boolean> =>
+        soon(async () => (await texts(session, '#view-alarms .status'))[0] === text);
+    for (const [level, rows] of [
+        ['=1', '2 rows'],
+        ['=-2', '1 row'],
+        ['', '8 rows'],
+    ] as const) {
+        await session.page.select('#view-alarms select[aria-label=Level]', level);
+        assert.ok(await status(rows), level);
+    }
+    // How long one lasted is in no column that could be sorted by.
+    assert.ok(!(await texts(session, '#view-alarms .head button')).includes('Lasted'));
+    assert.ok((await texts(session, '#view-alarms .head > *')).includes('Lasted'));
+    assert.deepEqual(await axeFindings(session), []);
 });
 
 test('a list without a table prints nothing and does not fail', chrome, async () => {

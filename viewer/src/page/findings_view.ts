@@ -89,10 +89,17 @@ export class FindingsView {
     show(): void {
         const before = [...this.content.children];
         const focused = (document.activeElement as HTMLElement | null)?.dataset['focus'];
+        // A table keeps the element that scrolls and has the focus.
+        const withRowsOf = (each: HTMLElement): Element | undefined => {
+            const [title, rows] = [each.getAttribute('aria-label'), each.querySelector('tbody')];
+            const same = rows ? before.find((other) => other.getAttribute('aria-label') === title) : undefined;
+            if (rows) same?.querySelector('tbody')?.replaceWith(rows);
+            return same;
+        };
         setChildren(
             this.content,
             [this.files(), this.tables(), ...this.findings()].map(
-                (each) => before.find((other) => other.isEqualNode(each)) ?? each,
+                (each) => before.find((other) => other.isEqualNode(each)) ?? withRowsOf(each) ?? each,
             ),
         );
         if (focused) this.content.querySelector<HTMLElement>(`[data-focus="${CSS.escape(focused)}"]`)?.focus();

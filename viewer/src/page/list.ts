@@ -12,7 +12,7 @@ const pageRows = 100;
 const tallest = 8e6; // browsers know no taller element: longer tables scroll in proportion
 
 export interface Column {
-    readonly key: string;
+    readonly key: string | null; // null: rows cannot be sorted by it
     readonly title: string;
     readonly width: string; // of a grid
     readonly isNumber?: boolean;
@@ -206,37 +206,33 @@ export class List {
 
     private drawHead(): void {
         const {order} = this.query;
+        const {sort} = this;
         this.head.replaceChildren(
-            ...this.columns.map((column, i) => {
+            ...this.columns.map(({key, title, isNumber}, i) => {
                 const isSorted =
                     typeof order === 'object'
-                        ? order.column === column.key
-                        : column.key === 'time' || column.key === 'start'
+                        ? order.column === key
+                        : key === 'time' || key === 'start'
                           ? order === 'newest' || order === 'oldest'
                           : false;
                 const descending = typeof order === 'object' ? order.descending : order === 'newest';
+                const sorting = isSorted ? (descending ? 'descending' : 'ascending') : sort && key ? 'none' : undefined;
                 return h(
                     'div',
                     {
                         role: 'columnheader',
-                        class: column.isNumber && 'right',
+                        class: isNumber && 'right',
                         'aria-colindex': i + 1,
-                        'aria-sort': isSorted
-                            ? descending
-                                ? 'descending'
-                                : 'ascending'
-                            : this.sort
-                              ? 'none'
-                              : undefined,
+                        'aria-sort': sorting,
                     },
-                    this.sort
+                    sort && key
                         ? h(
                               'button',
-                              {type: 'button', onclick: () => this.sort!(column.key)},
-                              column.title,
+                              {type: 'button', onclick: () => sort(key)},
+                              title,
                               isSorted && h('span', {'aria-hidden': 'true'}, descending ? ' ↓' : ' ↑'),
                           )
-                        : column.title,
+                        : title,
                 );
             }),
         );

@@ -6,9 +6,9 @@ import type {Cell} from '../reading/cells.js';
 import {csvOf} from '../reading/csv.js';
 import type {Order, RowQuery, RowsAnswer, TableInfo} from '../reading/source.js';
 import {hasMilliseconds, timeColumnOf} from '../reading/tables.js';
-import {duration, endOfAlarm, timeIn, writtenTime} from '../reading/times.js';
+import {duration, endOfAlarm, timeIn, timeText, writtenTime} from '../reading/times.js';
 import {askHowCsv, showRow} from './dialogs.js';
-import {announce, button, download, h} from './dom.js';
+import {announce, button, download, h, setChildren} from './dom.js';
 import {List} from './list.js';
 import type {Column} from './list.js';
 import {printRows} from './picture.js';
@@ -38,6 +38,11 @@ export function lastedText(row: readonly Cell[]): string {
     return begin !== null && end !== null && end >= begin ? duration(end - begin) : '';
 }
 
+// A file can have anything in the place of a level. Questions know whole numbers, which a server keeps in 32 bits.
+function isLevel(text: string): boolean {
+    return String(Number(text) | 0) === text;
+}
+
 function markLevel(cell: HTMLElement, row: readonly Cell[]): void {
     const level = Number(row[1]);
     cell.className = `level level${level >= 3 ? 3 : level === 2 || level === 1 ? level : 0}`;
@@ -61,7 +66,7 @@ export function listColumns(kind: TableInfo['kind']): Column[] {
         {key: 'level', title: 'Level', width: '74px', text: cellAt(1), decorate: markLevel},
         {key: 'start', title: 'Start', width: '190px', text: cellAt(2)},
         {
-            key: 'end_date',
+            key: null,
             title: 'Lasted',
             width: '110px',
             text: lastedText,
@@ -193,7 +198,7 @@ export class RowsView {
             this.stateSelect.value = '';
             this.from.value = this.to.value = '';
             if (this.order !== 'recorded') this.order = 'newest';
-            this.setChoice(wanted.levels ? String(wanted.levels[0]) : '');
+            this.setLevel(wanted);
         }
         if (wanted?.table || this.isFresh) {
             if (this.isFresh && !wanted) this.takeFilter();
@@ -214,7 +219,7 @@ export class RowsView {
         this.to.value = filter['to'] ?? '';
         this.tableSelect.value = filter['table'] ?? '';
         const choice = filter['choice'] ?? '';
-        if (this.tab === 'log' ? choice.startsWith('=') : /^-?\d+$/.test(choice)) this.setChoice(choice);
+        if (choice.startsWith('=') && (this.tab === 'log' || isLevel(choice.slice(1)))) this.setChoice(choice);
         const order = filter['order'] ?? '';
         const column = order.replace(/^-/, '');
         if (order === 'newest' || order === 'oldest') this.order = order;
@@ -259,9 +264,8 @@ export class RowsView {
     }
 
     private takeView(): void {
-        const text = (at: number): string => new Date(at).toISOString().slice(0, 19).replace('T', ' ');
-        this.from.value = text(this.workspace.view.from);
-        this.to.value = text(this.workspace.view.to);
+        this.from.value = timeText(this.workspace.view.from, false);
+        this.to.value = timeText(this.workspace.view.to, false);
         this.ask();
     }
 
@@ -270,7 +274,7 @@ export class RowsView {
         this.table = table;
         this.tableSelect.value = key;
         this.fillChoices();
-        if (wanted.levels) this.setChoice(String(wanted.levels[0]));
+        if (wanted.levels) this.setLevel(wanted);
         const sort = this.tab === 'rows' ? null : (column: string): void => this.sortBy(column);
         const query: RowQuery = {table: key, order: this.order, offset: 0, limit: 100};
         this.list?.close();
@@ -292,32 +296,39 @@ export class RowsView {
         if (!this.table || this.tab === 'rows') return;
         const choices = this.workspace.overviews.get(this.table.key)?.choices ?? [];
         const before = this.choiceSelect.value;
-        const sorted = this.tab === 'alarms' ? [...choices].sort(([a], [b]) => Number(b) - Number(a)) : choices;
-        this.choiceSelect.replaceChildren(
+        const sorted =
+            this.tab === 'alarms'
+                ? choices.filter(([level]) => isLevel(level)).sort(([a], [b]) => Number(b) - Number(a))
+                : choices;
+        const options = [
             h('option', {value: ''}, this.tab === 'alarms' ? 'All levels' : 'All users'),
-            ...sorted.map(([text, rows]) =>
-                h(
-                    'option',
-                    {value: this.tab === 'alarms' ? text : `=${text}`},
-                    `${this.tab === 'alarms' ? 'Level ' : ''}${lineOf(text, longestChoice) || '(none)'} (${rows})`,
-                ),
-            ),
+            ...sorted.map(([text, rows]) => h('option', {value: `=${text}`}, `${this.choiceText(text)} (${rows})`)),
+        ];
+        // Somebody may have the list open: those that are the same stay.
+        const known = [...this.choiceSelect.options];
+        setChildren(
+            this.choiceSelect,
+            options.map((each) => known.find((other) => other.isEqualNode(each)) ?? each),
         );
         this.setChoice(before);
     }
 
+    private choiceText(choice: string): string {
+        return `${this.tab === 'alarms' ? 'Level ' : ''}${lineOf(choice, longestChoice) || '(none)'}`;
+    }
+
     // One that no row has stays chosen.
     private setChoice(choice: string): void {
+        if (this.choiceSelect.value === choice) return;
         this.choiceSelect.value = choice;
-        if (this.choiceSelect.selectedIndex >= 0 || choice === '') return;
-        this.choiceSelect.append(
-            h(
-                'option',
-                {value: choice},
-                this.tab === 'alarms' ? `Level ${choice}` : lineOf(choice.slice(1), longestChoice),
-            ),
-        );
+        if (this.choiceSelect.selectedIndex >= 0) return;
+        this.choiceSelect.append(h('option', {value: choice}, this.choiceText(choice.slice(1))));
         this.choiceSelect.value = choice;
+    }
+
+    private setLevel({levels}: Partial<RowQuery>): void {
+        const level = String(levels?.[0]);
+        this.setChoice(isLevel(level) ? `=${level}` : '');
     }
 
     private sortBy(column: string): void {
@@ -347,7 +358,7 @@ export class RowsView {
             from: writtenTime(this.from.value, 'first') ?? undefined,
             to: writtenTime(this.to.value, 'last') ?? undefined,
             state: this.tab === 'alarms' && state !== '' ? state : undefined,
-            levels: this.tab === 'alarms' && choice !== '' ? [Number(choice)] : undefined,
+            levels: this.tab === 'alarms' && choice !== '' ? [Number(choice.slice(1))] : undefined,
             users: this.tab === 'log' && choice !== '' ? [choice.slice(1)] : undefined,
             id: wanted.id,
             at: wanted.at,
