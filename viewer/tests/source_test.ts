@@ -368,6 +368,40 @@ test('pages of any list follow each other, and a row is found in it', async () =
     }
 });
 
+test('rows with IDs that no number can tell apart are each in a list', async () => {
+    const log =
+        'CREATE TABLE L(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime NOT NULL,userName text,logName text,message text)';
+    const source = await sourceOver(
+        filesOf(
+            await made([
+                log,
+                `insert into L with recursive n(i) as (select 0 union all select i+1 from n where i<5)
+                 select 9007199254740992+i,'2024-05-06 00:00:0'||i||'.000','u','l','m'||i from n`,
+            ]),
+        ),
+    );
+    for (const query of [{order: 'newest'}, {order: 'recorded', containing: 'm'}] as const) {
+        const {rows} = await source.rows({table: '0/L', ...query, offset: 0, limit: 9}, nothing);
+        const messages = rows.map((row) => row[4]).sort();
+        assert.deepEqual(messages, ['m0', 'm1', 'm2', 'm3', 'm4', 'm5']);
+    }
+});
+
+test('a search ends however far apart the IDs are', {timeout: 20000}, async () => {
+    const source = await sourceOver(
+        filesOf(
+            await made([
+                samples,
+                `insert into T1 values(-7,'2024-05-06 07:00:00','a'),(1,'2024-05-06 07:08:09','b'),
+                 (1700000000000,'2024-05-06 08:00:00','b'),(9223372036854775807,'2024-05-06 09:00:00','b')`,
+            ]),
+        ),
+    );
+    const leaving = AbortSignal.timeout(5000);
+    const query = {table: '0/T1', containing: 'b', order: 'recorded', offset: 0, limit: 9} as const;
+    assert.equal((await source.rows(query, nothing, leaving)).total, 3);
+});
+
 test('two searches at a time find what each looks for', async () => {
     const files = await made([samples, rows(100000, 'i', 'i%1000')]);
     const source = await sourceOver(filesOf(files));

@@ -10,7 +10,7 @@ import {columnList, columnsOf, hasMilliseconds, timeColumnOf} from './tables.js'
 import {timeIn, timeText} from './times.js';
 import type {Work} from './work.js';
 
-const idsAtOnce = 20000;
+const rowsAtOnce = 20000;
 let searches = 0;
 
 /** Whether a text holds another, by Unicode's simple case folding. Also as it was meant, if it is encoded twice. */
@@ -57,7 +57,7 @@ function orderOf(query: RowQuery, table: TablePass['table']): string {
 
 /** The rows that one question finds, as a list of IDs. A question for all rows as recorded needs none. */
 export class Selection {
-    ids = new Float64Array(1024);
+    ids = new BigInt64Array(1024);
     count = 0;
     isDone = false;
     private readonly isAll: boolean;
@@ -99,7 +99,7 @@ export class Selection {
             this.isDone = true;
             return;
         }
-        const {database, table, firstId, lastId} = this.pass;
+        const {database, table} = this.pass;
         const [parts, texts] = conditionsOf(this.query, table, this.search);
         if (this.query.containing) {
             const isWanted = containing(this.query.containing);
@@ -111,8 +111,13 @@ export class Selection {
         if (this.query.order !== 'recorded') {
             yield* this.take(database, `${sql} order by ${orderOf(this.query, table)}`, texts);
         } else {
-            for (let id = firstId; id <= lastId; id += idsAtOnce) {
-                yield* this.take(database, `${sql} and ID>=${id} and ID<${id + idsAtOnce} order by ID`, texts);
+            // By rows and not by IDs, of which there may be many without a row.
+            const some = `select ID from ${identifier(table.name)} where ID>?1 order by ID limit ${rowsAtOnce}`;
+            for (let before = String(-(2n ** 63n)); ;) {
+                const end = database.text(`select max(ID) from (${some})`, BigInt(before));
+                if (end === '') break;
+                yield* this.take(database, `${sql} and ID>${before} and ID<=${end} order by ID`, texts);
+                before = end;
                 yield;
             }
         }
@@ -125,11 +130,11 @@ export class Selection {
             texts.forEach((text, i) => statement.bind(i + 1, text));
             while (statement.step()) {
                 if (this.count === this.ids.length) {
-                    const larger = new Float64Array(2 * this.count);
+                    const larger = new BigInt64Array(2 * this.count);
                     larger.set(this.ids);
                     this.ids = larger;
                 }
-                this.ids[this.count++] = statement.number(0);
+                this.ids[this.count++] = statement.whole(0);
                 if (this.count % 1000 === 0) yield;
             }
         } finally {
@@ -163,7 +168,7 @@ export class Selection {
 
     /** The number of the row with this ID; -1 if it is not among them. */
     placeOfId(id: number): number {
-        if (!this.isAll) return this.ids.subarray(0, this.count).indexOf(id);
+        if (!this.isAll) return this.ids.subarray(0, this.count).indexOf(BigInt(id));
         if (!this.pass.isDone) return id - this.pass.firstId;
         let [low, high] = [0, this.total];
         while (low < high) {

@@ -60,6 +60,11 @@ export class Statement {
         return this.database.engine.raw.sqlite3_column_double(this.pointer, column);
     }
 
+    /** Where every digit counts. */
+    whole(column: number): bigint {
+        return this.database.engine.raw.sqlite3_column_int64(this.pointer, column);
+    }
+
     bind(place: number, value: string | number | bigint): void {
         const {capi} = this.database.engine;
         if (typeof value === 'string') this.bindText(place, bytesOf(value));

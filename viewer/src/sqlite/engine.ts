@@ -20,6 +20,7 @@ export interface RawFunctions {
     sqlite3_column_blob(statement: number, column: number): number;
     sqlite3_column_bytes(statement: number, column: number): number;
     sqlite3_column_double(statement: number, column: number): number;
+    sqlite3_column_int64(statement: number, column: number): bigint;
 }
 
 const fileSystem = 'dropped';
