@@ -7,7 +7,7 @@ import {join} from 'node:path';
 import {test} from 'node:test';
 
 import {pathOf, Session} from './browser.js';
-import {valueLabels} from '../src/page/format.js';
+import {number, valueTicks} from '../src/page/format.js';
 import {axeFindings, press, soon, texts} from './page.js';
 import {plant} from './plant.js';
 import {Folder} from './reference.js';
@@ -667,10 +667,24 @@ test('whole numbers are exact, however many digits they have', chrome, async () 
     assert.deepEqual(figures.slice(0, 4), ['123,456,781', '123,456,789', '123,456,785', '9']);
 });
 
-test('labels of an axis are whole, short and different', () => {
-    assert.deepEqual(valueLabels([0, 0.1 + 0.2, 1234.5]), ['0', '0.3', '1,234.5']);
-    assert.deepEqual(valueLabels([1e9, 1.5e9]), ['1E9', '1.5E9']);
-    assert.deepEqual(valueLabels([123456782, 123456784]), ['…456,782', '…456,784']);
+test('labels of an axis are few, whole and different', () => {
+    const labels = (low: number, high: number): string[] => valueTicks(low, high, 4).map(number);
+    assert.deepEqual(labels(0, 1), ['0', '0.5', '1']);
+    assert.deepEqual(labels(-1.4e6, 0), ['-1,000,000', '-500,000', '0']);
+    assert.deepEqual(labels(0.05, 0.35), ['0.1', '0.2', '0.3']);
+    assert.deepEqual(labels(4006381333930.9, 4006381333933.1), [
+        '4,006,381,333,931',
+        '4,006,381,333,932',
+        '4,006,381,333,933',
+    ]);
+    assert.deepEqual(labels(1e15, 1.4e15), [
+        '1,000,000,000,000,000',
+        '1,100,000,000,000,000',
+        '1,200,000,000,000,000',
+        '1,300,000,000,000,000',
+        '1,400,000,000,000,000',
+    ]);
+    assert.deepEqual(labels(0, 1e-9), ['0', '5E-10', '1E-9']);
 });
 
 test('the finger that stays after a pinch moves on from there', chrome, async () => {

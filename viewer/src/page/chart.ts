@@ -5,7 +5,7 @@ import type {CurveAnswer, LanesAnswer, MarksAnswer, TrendAnswer} from '../readin
 import {colour, h} from './dom.js';
 import {drawEvents, heightOf, laneAt} from './events_strip.js';
 import type {Events} from './events_strip.js';
-import {leftSide, Pane, rightSide} from './pane.js';
+import {Pane, rightSide, showPanes} from './pane.js';
 import type {Colours, Drawn, View} from './pane.js';
 import {earliest, latest} from './workspace.js';
 import type {Workspace} from './workspace.js';
@@ -36,6 +36,7 @@ export class Chart {
     events: Events = {alarms: null, log: null};
     private readonly ofEvents = new Map<string, LanesAnswer | MarksAnswer>(); // by the tables of alarms and logs
     private panes: Pane[] = [];
+    private left = 0; // of the panes, for the labels of their values
     private readonly stack = h('div', {class: 'panes'});
     private readonly strip = h('canvas', {class: 'events', 'aria-hidden': 'true'});
     private readonly cursorLine = h('div', {class: 'cursor', hidden: true});
@@ -103,7 +104,7 @@ export class Chart {
     }
 
     get inner(): number {
-        return Math.max(50, this.element.clientWidth - leftSide - rightSide);
+        return Math.max(50, this.element.clientWidth - this.left - rightSide);
     }
 
     /** The value at a moment; null without one that is nearer than a gap. */
@@ -116,12 +117,12 @@ export class Chart {
 
     timeAt(x: number): number {
         const {from, to} = this.workspace.view;
-        return from + ((x - leftSide) / this.inner) * (to - from);
+        return from + ((x - this.left) / this.inner) * (to - from);
     }
 
     private placeOf(time: number): number {
         const {from, to} = this.workspace.view;
-        return leftSide + ((time - from) / (to - from)) * this.inner;
+        return this.left + ((time - from) / (to - from)) * this.inner;
     }
 
     private layOut(): void {
@@ -148,9 +149,8 @@ export class Chart {
 
     draw(): void {
         const colours = coloursOf();
-        groupsOf(this.workspace).forEach((keys, i) =>
-            this.panes[i]?.show(this.workspace.view, this.drawnOf(keys), colours),
-        );
+        const drawn = groupsOf(this.workspace).map((keys) => this.drawnOf(keys));
+        this.left = showPanes(this.panes, this.workspace.view, drawn, colours);
         const [width, height] = [this.element.clientWidth, heightOf(this.events)];
         this.strip.width = width * devicePixelRatio;
         this.strip.height = height * devicePixelRatio;
@@ -158,7 +158,7 @@ export class Chart {
         this.strip.style.height = `${height}px`;
         const ctx = this.strip.getContext('2d')!;
         ctx.scale(devicePixelRatio, devicePixelRatio);
-        drawEvents(ctx, this.events, this.workspace.view, width);
+        drawEvents(ctx, this.events, this.workspace.view, this.left, width);
         this.drawCursors();
     }
 
@@ -168,7 +168,7 @@ export class Chart {
             [this.markLine, this.workspace.mark],
         ] as const) {
             const place = time === null ? -1 : this.placeOf(time);
-            line.hidden = !(place >= leftSide && place <= leftSide + this.inner);
+            line.hidden = !(place >= this.left && place <= this.left + this.inner);
             line.style.transform = `translateX(${place}px)`;
         }
     }
@@ -351,9 +351,9 @@ export class Chart {
         return event.clientX - this.element.getBoundingClientRect().left;
     }
 
-    private zoom(factor: number, x = leftSide + this.inner / 2): void {
+    private zoom(factor: number, x = this.left + this.inner / 2): void {
         const {from, to} = this.workspace.view;
-        const at = this.timeAt(Math.max(leftSide, Math.min(leftSide + this.inner, x)));
+        const at = this.timeAt(Math.max(this.left, Math.min(this.left + this.inner, x)));
         this.workspace.setView({from: at - (at - from) * factor, to: at + (to - at) * factor});
     }
 
@@ -381,7 +381,7 @@ export class Chart {
         if (before && this.pointers.size === 2) this.pinch(event.pointerId, x);
         if (before) this.pointers.set(event.pointerId, {x, y: event.clientY});
         if (!this.pressed || this.pointers.size !== 1) {
-            if (this.pointers.size === 0 && x >= leftSide) this.workspace.setCursor(this.timeAt(x));
+            if (this.pointers.size === 0 && x >= this.left) this.workspace.setCursor(this.timeAt(x));
             return;
         }
         if (Math.abs(x - this.pressed.x) > 4) this.pressed.hasMoved = true;

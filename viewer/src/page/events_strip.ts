@@ -3,7 +3,7 @@
 // Below the panes: a lane for each level of alarms, and a line of marks for the operator log.
 import type {LanesAnswer, MarksAnswer} from '../reading/source.js';
 import {colour} from './dom.js';
-import {leftSide, rightSide} from './pane.js';
+import {rightSide} from './pane.js';
 import type {View} from './pane.js';
 
 const laneHeight = 18;
@@ -40,20 +40,21 @@ export function drawEvents(
     ctx: CanvasRenderingContext2D,
     events: Events,
     view: View,
+    left: number,
     width: number,
     theme?: Element,
 ): void {
-    const inner = width - leftSide - rightSide;
-    const x = (time: number): number => leftSide + ((time - view.from) / (view.to - view.from)) * inner;
+    const inner = width - left - rightSide;
+    const x = (time: number): number => left + ((time - view.from) / (view.to - view.from)) * inner;
     ctx.font = '12px system-ui, sans-serif';
     ctx.textAlign = 'right';
     ctx.textBaseline = 'middle';
     const line = (row: number, title: string): number => {
         const middle = 4 + row * laneHeight + laneHeight / 2;
         ctx.fillStyle = colour('muted', theme);
-        ctx.fillText(title, leftSide - 8, middle);
+        ctx.fillText(title, left - 8, middle);
         ctx.fillStyle = colour('lane', theme);
-        ctx.fillRect(leftSide, middle - barHeight / 2, inner, barHeight);
+        ctx.fillRect(left, middle - barHeight / 2, inner, barHeight);
         return middle;
     };
     ctx.save();
@@ -61,8 +62,8 @@ export function drawEvents(
         const middle = line(row, `Level ${level}`);
         ctx.fillStyle = levelColour(level, theme);
         for (let i = 0; i < spans.length; i += 2) {
-            const [begin, end] = [Math.max(leftSide, x(spans[i]!)), Math.min(leftSide + inner, x(spans[i + 1]!))];
-            if (end >= leftSide && begin <= leftSide + inner)
+            const [begin, end] = [Math.max(left, x(spans[i]!)), Math.min(left + inner, x(spans[i + 1]!))];
+            if (end >= left && begin <= left + inner)
                 ctx.fillRect(begin, middle - barHeight / 2, Math.max(2, end - begin), barHeight);
         }
     });
@@ -72,7 +73,7 @@ export function drawEvents(
         const {marks} = events.log;
         for (let i = 0; i < marks.length; i += 3) {
             const at = x(marks[i]!);
-            if (at >= leftSide && at <= leftSide + inner) ctx.fillRect(at - 1, middle - barHeight / 2, 2, barHeight);
+            if (at >= left && at <= left + inner) ctx.fillRect(at - 1, middle - barHeight / 2, 2, barHeight);
         }
     }
     ctx.restore();

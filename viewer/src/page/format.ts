@@ -4,30 +4,20 @@
 import {duration, timeText} from '../reading/times.js';
 
 const value = new Intl.NumberFormat(undefined, {maximumSignificantDigits: 15});
-const huge = new Intl.NumberFormat(undefined, {maximumSignificantDigits: 6, notation: 'scientific'});
+const huge = new Intl.NumberFormat(undefined, {maximumSignificantDigits: 15, notation: 'scientific'});
 const whole = new Intl.NumberFormat();
 const percent = new Intl.NumberFormat(undefined, {style: 'percent'});
 
-/** A number of the file, with all its digits: a double holds fifteen of them. */
+/** A number of the file, with all its digits: a double holds fifteen of them, or a whole number. */
 export function number(of: number): string {
+    if (Number.isSafeInteger(of)) return whole.format(of || 0); // of the two zeros there is one
     const size = Math.abs(of);
-    return size !== 0 && (size >= 1e12 || size < 1e-6) ? huge.format(of) : value.format(of);
+    return size >= 1e15 || size < 1e-6 ? huge.format(of) : value.format(of);
 }
 
 /** A number that was reckoned, such as a mean: eight digits, and all of its whole part. */
 export function reckoned(of: number): string {
     return number(Math.abs(of) >= 1e8 ? Math.round(of) : Number(of.toPrecision(8)));
-}
-
-const longestLabel = 9; // characters beside a pane
-
-/** The labels of an axis of values: those that are too long with powers of ten, or the ends where they differ. */
-export function valueLabels(ticks: readonly number[]): string[] {
-    const labels = ticks.map((tick) => number(Number(tick.toPrecision(12))));
-    if (labels.every(({length}) => length <= longestLabel)) return labels;
-    const powers = ticks.map((tick) => huge.format(tick));
-    if (new Set(powers).size === ticks.length) return powers;
-    return labels.map((label) => `…${label.slice(1 - longestLabel).replace(/^\D/, '')}`);
 }
 
 export function count(of: number | bigint): string {
@@ -84,6 +74,17 @@ const steps = [
     7 * day,
     14 * day,
 ];
+/** The places of the labels of an axis of values: multiples of 1, 2 or 5 times a power of ten, at most so many. */
+export function valueTicks(low: number, high: number, most: number): number[] {
+    const least = (high - low) / Math.max(1, most);
+    const power = 10 ** Math.floor(Math.log10(least));
+    const step = [1, 2, 5, 10].map((each) => each * power).find((each) => each >= least * 0.999)!;
+    const ticks: number[] = [];
+    for (let i = Math.ceil(low / step); i * step <= high && ticks.length <= most; ++i)
+        ticks.push(Number((i * step).toPrecision(15)));
+    return ticks;
+}
+
 const months = [1, 2, 3, 6, 12, 24, 60, 120, 240, 600, 1200];
 
 /** The places of the labels of an axis of time, at most so many. */

@@ -5,7 +5,7 @@
 import uPlot from 'uplot';
 
 import type {CurveAnswer} from '../reading/source.js';
-import {timeLabels, timeTicks, valueLabels} from './format.js';
+import {number, timeLabels, timeTicks, valueTicks} from './format.js';
 
 /** What is drawn of one series. */
 export interface Drawn {
@@ -25,20 +25,23 @@ export interface View {
     readonly to: number;
 }
 
-/** All panes leave the same room at their sides, so that times are above each other. */
-export const leftSide = 64;
 export const rightSide = 16;
 
 const font = '12px system-ui, sans-serif';
 const axisHeight = 40;
+const titleHeight = 20;
 const labelWidth = 80;
 const labelRoom = 22;
+const valueDistance = 36;
+const leastLeft = 64;
+const labelMargin = 14; // between the edge, a label and the pane
 
 export class Pane {
     readonly element = document.createElement('div');
     private readonly plot: uPlot;
     private drawn: readonly Drawn[] = [];
     private view: View = {from: 0, to: 1};
+    private left = leastLeft;
 
     constructor(
         private readonly hasTimes: boolean,
@@ -51,7 +54,7 @@ export class Pane {
             {
                 width,
                 height,
-                padding: [10, rightSide, hasTimes ? 0 : 6, 0],
+                padding: [titleHeight, rightSide, hasTimes ? 0 : 6, 0],
                 legend: {show: false},
                 cursor: {show: false},
                 scales: {
@@ -81,13 +84,13 @@ export class Pane {
                             ),
                     },
                     {
-                        size: leftSide,
+                        size: () => this.left,
                         font,
                         stroke: () => this.colours.faint,
                         grid: {stroke: () => this.colours.grid, width: 1},
                         ticks: {show: false},
-                        space: 36,
-                        values: (_self, ticks) => valueLabels(ticks),
+                        splits: () => this.valueTicks(),
+                        values: (_self, ticks) => ticks.map(number),
                     },
                 ],
                 series: [{}, {show: true, paths: () => null, points: {show: false}}],
@@ -107,9 +110,22 @@ export class Pane {
         this.plot.setSize({width, height});
     }
 
-    show(view: View, drawn: readonly Drawn[], colours: Colours): void {
+    /** What is drawn with the next show(). The result is the room that its labels need at the left, in CSS pixels. */
+    take(view: View, drawn: readonly Drawn[]): number {
         this.view = view;
         this.drawn = drawn;
+        const {ctx} = this.plot;
+        ctx.save();
+        ctx.font = font;
+        const widths = this.valueTicks().map((tick) => ctx.measureText(number(tick)).width);
+        ctx.restore();
+        return Math.max(leastLeft, Math.ceil(Math.max(...widths)) + labelMargin);
+    }
+
+    /** `left`: the same of all panes, so that times are above each other. */
+    show(left: number, colours: Colours): void {
+        const {view} = this;
+        this.left = left;
         this.colours = colours;
         this.plot.setData([
             [view.from, view.to],
@@ -142,6 +158,11 @@ export class Pane {
     destroy(): void {
         this.plot.destroy();
         this.element.remove();
+    }
+
+    private valueTicks(): number[] {
+        const [low, high] = this.range();
+        return valueTicks(low, high, this.plot.bbox.height / devicePixelRatio / valueDistance);
     }
 
     // Of what is in view: lines may reach out of it at both sides.
@@ -201,6 +222,29 @@ export class Pane {
             ctx.stroke();
         }
         ctx.restore();
+        this.drawTitles(plot);
+    }
+
+    // Above the pane, so that nobody has to know a series by its colour.
+    private drawTitles({ctx, bbox}: uPlot): void {
+        const ratio = devicePixelRatio;
+        ctx.save();
+        ctx.scale(ratio, ratio);
+        ctx.font = font;
+        ctx.textAlign = 'left';
+        ctx.textBaseline = 'middle';
+        const middle = bbox.top / ratio - titleHeight / 2 + 1;
+        const right = (bbox.left + bbox.width) / ratio;
+        let x = bbox.left / ratio;
+        for (const {title, colour} of this.drawn) {
+            ctx.fillStyle = colour;
+            ctx.fillRect(x, middle - 2, 12, 4);
+            ctx.fillStyle = this.colours.faint;
+            if (right - x > labelWidth) ctx.fillText(title, x + 18, middle, right - x - 18);
+            x += 18 + ctx.measureText(title).width + 18;
+            if (x > right) break;
+        }
+        ctx.restore();
     }
 
     private drawDots(
@@ -213,6 +257,18 @@ export class Pane {
         for (let i = 0; i < points.length; i += 2)
             ctx.fillRect(x(points[i]!) - size / 2, y(points[i + 1]!) - size / 2, size, size);
     }
+}
+
+/** All of these, one above the other, with the same room for their labels, which is the result, in CSS pixels. */
+export function showPanes(
+    panes: readonly Pane[],
+    view: View,
+    drawn: readonly (readonly Drawn[])[],
+    colours: Colours,
+): number {
+    const left = Math.max(leastLeft, ...panes.map((pane, i) => pane.take(view, drawn[i]!)));
+    panes.forEach((pane) => pane.show(left, colours));
+    return left;
 }
 
 function drawLine(

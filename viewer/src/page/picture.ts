@@ -10,7 +10,7 @@ import {colour, download, h} from './dom.js';
 import {drawEvents, heightOf} from './events_strip.js';
 import {count, number, reckoned} from './format.js';
 import type {Column} from './list.js';
-import {Pane} from './pane.js';
+import {Pane, showPanes} from './pane.js';
 import type {Workspace} from './workspace.js';
 
 const width = 1200;
@@ -58,13 +58,14 @@ async function drawTrend(workspace: Workspace, chart: Chart): Promise<HTMLCanvas
     const ctx = canvas.getContext('2d')!;
     ctx.fillStyle = '#ffffff';
     ctx.fillRect(0, 0, canvas.width, canvas.height);
-    const panes = groups.map((keys, i) => {
+    const panes = groups.map((_, i) => {
         const isLast = i === groups.length - 1;
         const pane = new Pane(isLast, coloursOf(theme), width, each + (isLast ? axisHeight : 0));
         theme.append(pane.element);
-        pane.show(workspace.view, chart.drawnOf(keys, theme), coloursOf(theme));
         return pane;
     });
+    const drawn = groups.map((keys) => chart.drawnOf(keys, theme));
+    const left = showPanes(panes, workspace.view, drawn, coloursOf(theme));
     await new Promise((resume) => setTimeout(resume)); // uPlot draws when the script rests
     panes.forEach((pane, i) => {
         ctx.drawImage(pane.canvas, 0, i * each * ratio);
@@ -73,7 +74,7 @@ async function drawTrend(workspace: Workspace, chart: Chart): Promise<HTMLCanvas
     ctx.save();
     ctx.scale(ratio, ratio);
     ctx.translate(0, groups.length * each + axisHeight + 4);
-    drawEvents(ctx, chart.events, workspace.view, width, theme);
+    drawEvents(ctx, chart.events, workspace.view, left, width, theme);
     ctx.restore();
     theme.remove();
     return canvas;
