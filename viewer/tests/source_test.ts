@@ -227,6 +227,22 @@ test('a file that fits into memory is read once', () => {
     assert.ok(lengths.reduce((sum, length) => sum + length) <= (30 << 20) + 32 * 16384);
 });
 
+test('a block that is read again and is other than before is refused', () => {
+    let content = 1;
+    const source = {size: 1 << 30, read: (_: number, length: number) => new Uint8Array(length).fill(content)};
+    const cached = new CachedBytes(source, false);
+    const page = new Uint8Array(4096);
+    const readElsewhere = (): void => {
+        for (let at = 1 << 20; at < 1 << 30; at += 400 * 1024) cached.read(at, page);
+    };
+    cached.read(0, page);
+    readElsewhere();
+    cached.read(4096, page);
+    readElsewhere();
+    content = 2;
+    assert.throws(() => cached.read(0, page));
+});
+
 test('hostile files are refused or read, and run nothing', async () => {
     const view = await made([
         samples,

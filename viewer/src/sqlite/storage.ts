@@ -34,7 +34,17 @@ function isAfter(begin: number, end: number): boolean {
     return begin >= end && begin < end + nearby;
 }
 
-/** Keeps what was read last, and reads ahead when the reads follow each other: the further, the longer they do. */
+function sumOf(bytes: Uint8Array): number {
+    const words = new Uint32Array(bytes.buffer, bytes.byteOffset, Math.floor(bytes.length / 4));
+    let sum = 0x811c9dc5;
+    for (let i = 0; i < words.length; ++i) sum = Math.imul(sum ^ words[i]!, 0x01000193);
+    return sum | 1; // 0: never read
+}
+
+/**
+ * Keeps what was read last, and reads ahead when the reads follow each other: the further, the longer they do. Not
+ * every browser refuses to read a file that was written meanwhile: what is read again and is other than before throws.
+ */
 export class CachedBytes {
     private readonly blocks = new Map<number, Part>();
     private window = nowhere;
@@ -42,12 +52,15 @@ export class CachedBytes {
     private expected = 0;
     private inSequence = 0;
     private misses = 0;
+    private readonly sums: Int32Array; // of each block that was read
 
     /** `mayBeWhole`: there is room in memory for all of it. */
     constructor(
         private readonly source: Bytes,
         private readonly mayBeWhole: boolean,
-    ) {}
+    ) {
+        this.sums = new Int32Array(Math.ceil(source.size / blockSize));
+    }
 
     read(offset: number, target: Uint8Array): void {
         for (let done = 0; done < target.length;) {
@@ -92,7 +105,17 @@ export class CachedBytes {
 
     private part(begin: number, wanted: number): Part {
         const bytes = this.source.read(begin, Math.min(wanted, this.source.size - begin));
+        this.compare(begin, bytes);
         return {begin, end: begin + bytes.length, bytes};
+    }
+
+    private compare(begin: number, bytes: Uint8Array): void {
+        for (let at = 0; at < bytes.length; at += blockSize) {
+            const block = (begin + at) / blockSize;
+            const sum = sumOf(bytes.subarray(at, at + blockSize));
+            if (this.sums[block] !== 0 && this.sums[block] !== sum) throw new Error('other bytes than before');
+            this.sums[block] = sum;
+        }
     }
 }
 
