@@ -364,10 +364,16 @@ test('the range is what its fields say, and what cannot be shown says why', chro
         ['0001-01-02', 'true'],
     ]);
     await type(to, '9999-12-31');
-    assert.equal(await why(), 'The trend cannot show more than 400 years.');
+    assert.equal(await why(), 'The trend cannot show times before 1970. The trend cannot show more than 400 years.');
     await type(from, 'soon');
-    assert.equal(await why(), 'Not a time: soon');
+    assert.equal(await why(), 'Not a time: soon The trend cannot show more than 400 years.');
     await type(from, '2024-05-08 10:00:00');
+    assert.deepEqual(await fields(), [
+        ['2024-05-08 10:00:00', null],
+        ['9999-12-31', 'true'],
+    ]);
+    assert.equal(await why(), 'The trend cannot show more than 400 years.');
+    await type(to, all[1]![0]!);
     assert.deepEqual(await fields(), [['2024-05-08 10:00:00', null], all[1]]);
     assert.equal(await why(), '');
     await type(to, '2024-05-08 10:00:00');
@@ -801,4 +807,25 @@ test('files that are dropped while others are opened are the ones that are shown
         seen.join(),
     );
     assert.match(seen.at(-1)!, /^three\.db/);
+});
+
+test('a browser prints the view that is shown, and what was printed before is gone', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    const isSeen = (selector: string): Promise<boolean> =>
+        session.page.$eval(selector, (each) => (each as HTMLElement).offsetParent !== null);
+    await session.page.evaluate(() => (window.print = () => undefined));
+    await session.tab('alarms');
+    await session.settled();
+    await press(session, 'Print');
+    await session.page.waitForSelector('#paper td', {hidden: true});
+    await session.page.emulateMediaType('print');
+    assert.deepEqual([await isSeen('#paper table'), await isSeen('#view-alarms')], [true, false]);
+    await session.page.evaluate(() => dispatchEvent(new Event('afterprint')));
+    await session.page.emulateMediaType('screen');
+    await session.tab('findings');
+    await session.page.emulateMediaType('print');
+    assert.deepEqual([await isSeen('#paper'), await isSeen('#view-findings .card')], [false, true]);
 });

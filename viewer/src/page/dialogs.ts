@@ -26,6 +26,7 @@ function open(title: string, content: readonly Node[], actions: readonly Node[])
     );
     document.body.append(dialog);
     dialog.showModal();
+    dialog.scrollTop = 0; // its buttons have the focus, and are at its end
     return dialog;
 }
 

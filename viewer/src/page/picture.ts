@@ -126,6 +126,8 @@ export async function exportPicture(workspace: Workspace, chart: Chart): Promise
 function print(workspace: Workspace, title: string, content: readonly Node[]): void {
     const paper = document.getElementById('paper')!;
     paper.replaceChildren(h('header', {}, h('h1', {}, title), h('p', {}, filesText(workspace))), ...content);
+    document.body.classList.add('printing');
+    window.addEventListener('afterprint', () => document.body.classList.remove('printing'), {once: true});
     window.print();
 }
 

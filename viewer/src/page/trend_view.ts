@@ -32,6 +32,7 @@ export class TrendView {
         oninput: () => this.fillList(),
     });
     private readonly refusal = h('p', {class: 'failure', role: 'alert', id: 'range-refusal'});
+    private readonly refusals = new Map<HTMLInputElement, string>();
     private readonly from = this.timeInput('From', 'first');
     private readonly to = this.timeInput('To', 'last');
     private readonly together = h('input', {
@@ -179,11 +180,29 @@ export class TrendView {
                 : bound === 'first'
                   ? {from: given, to: to > given ? to : Math.min(latest, given + hour)}
                   : {from: from < given ? from : Math.max(earliest, given - hour), to: given};
-        this.refusal.textContent = view ? refusalOf(view) : `Not a time: ${input.value}`;
-        if (view && this.refusal.textContent === '') {
-            this.workspace.setView(view);
-            this.showRange(true);
-        } else input.setAttribute('aria-invalid', 'true');
+        const refusal = view ? refusalOf(view) : `Not a time: ${input.value}`;
+        if (!view || refusal !== '') {
+            this.refuse(input, input.value, refusal);
+            return;
+        }
+        const other = input === this.from ? this.to : this.from;
+        const stays = bound === 'first' ? view.to === to : view.from === from;
+        const [text, before] = [other.value, this.refusals.get(other)];
+        this.workspace.setView(view);
+        this.showRange(true);
+        if (stays && before !== undefined) this.refuse(other, text, before); // it still waits to be mended
+    }
+
+    private refuse(input: HTMLInputElement, text: string, refusal: string): void {
+        input.value = text;
+        this.refusals.set(input, refusal);
+        this.showRefusals();
+    }
+
+    private showRefusals(): void {
+        for (const input of [this.from, this.to]) input.removeAttribute('aria-invalid');
+        for (const input of this.refusals.keys()) input.setAttribute('aria-invalid', 'true');
+        this.refusal.textContent = [...new Set(this.refusals.values())].join(' ');
     }
 
     // Nobody's typing is disturbed before it is `taken`.
@@ -194,9 +213,9 @@ export class TrendView {
         ] as const) {
             if (!taken && document.activeElement === input && input.value !== input.defaultValue) continue;
             input.value = input.defaultValue = timeText(at, false);
-            input.removeAttribute('aria-invalid');
+            this.refusals.delete(input);
         }
-        if (![this.from, this.to].some((input) => input.hasAttribute('aria-invalid'))) this.refusal.textContent = '';
+        this.showRefusals();
     }
 
     private fillList(): void {
