@@ -18,14 +18,13 @@ int schemaVersion()
 namespace
 {
 
-// In a transaction: two at once would meet in the catalogs. A device could hold the lock, too, but only until somebody
-// looks.
+// In a transaction: two at once would meet in the catalogs. No lock is waited for long: a device can hold this one and
+// those of its own rows for as long as it likes.
 Status alone(ArchiveConnection &archive, const std::function<Status()> &change)
 {
     const auto changed = [&]() -> Status {
-        const auto begun = archive.query("begin; set local lock_timeout = '1min'; "
-                                         "select pg_advisory_xact_lock(hashtextextended('fleet.version', 0)); "
-                                         "set local lock_timeout = default");
+        const auto begun = archive.query("begin; set local lock_timeout = '10s'; "
+                                         "select pg_advisory_xact_lock(hashtextextended('fleet.version', 0))");
         if (!begun)
             return begun.error();
         if (const Status done = change(); !done)
@@ -58,8 +57,10 @@ Result<int> bringUpToDate(ArchiveConnection &archive)
     QByteArray sql;
     for (int next = version; next < schemaVersion(); ++next)
         sql += archiveSql().at(next);
-    sql += "insert into fleet.version (version) select generate_series(" + QByteArray::number(version + 1) + ", " +
-           QByteArray::number(schemaVersion()) + "); select fleet.make_months()";
+    if (version < schemaVersion()) // else the lock is not needed, which a device can hold
+        sql += "insert into fleet.version (version) select generate_series(" + QByteArray::number(version + 1) + ", " +
+               QByteArray::number(schemaVersion()) + ");";
+    sql += "select fleet.make_months()";
     const auto done = archive.query(sql);
     return done ? Result<int>(version) : done.error();
 }
@@ -110,11 +111,16 @@ Status addDevice(ArchiveConnection &archive, int number, const QString &name, co
                " set idle_in_transaction_session_timeout = '1min';";
         if (const auto made = archive.query(sql); !made)
             return made.error();
-        const auto listed =
-            archive.query("insert into fleet.device (device, name) values ($1, $2) "
-                          "on conflict (device) do update set name = coalesce(nullif($2, ''), device.name)",
-                          {QByteArray::number(number), name.toUtf8().append("")});
-        return listed ? Status() : listed.error();
+        // A row that stays as it is is not touched: the device can hold it, and gets another password even so.
+        const QList<QByteArray> row{QByteArray::number(number), name.toUtf8().append("")};
+        const auto listed = archive.query("insert into fleet.device (device, name) select $1, $2 "
+                                          "where not exists (select from fleet.device where device = $1)",
+                                          row);
+        if (!listed)
+            return listed.error();
+        const auto named =
+            archive.query("update fleet.device set name = $2 where device = $1 and $2 not in ('', name)", row);
+        return named ? Status() : named.error();
     });
 }
 

@@ -98,6 +98,24 @@ class Cluster:
         return [[None if cell == "\x1d" else cell for cell in row] for row in rows]
 
 
+class Session:
+    """A connection that stays open, and with it a transaction."""
+
+    def __init__(self, cluster, database, role):
+        self.psql = subprocess.Popen(
+            [os.path.join(cluster.programs, "psql"), "-X", "-q", "-A", "-t", "-h", cluster.folder, "-p",
+             str(cluster.port), "-U", role, "-d", database], env={**os.environ, "PGPASSWORD": PASSWORD},
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+
+    def run(self, statements):
+        """What they print."""
+        print(statements + "\n\\echo that was it", file=self.psql.stdin, flush=True)
+        return "".join(iter(self.psql.stdout.readline, "that was it\n"))
+
+    def close(self):
+        self.psql.communicate()
+
+
 TABLES = {
     "sample": "ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text",
     "alarm": "ID INTEGER PRIMARY KEY AUTOINCREMENT,LevelID INTEGER,DATETIME dateTime,AlarmObject text,AlarmType text,"
@@ -209,8 +227,8 @@ class Archive:
     def sql(self, statement, role="owner"):
         return self.cluster.sql(self.name, statement, role)
 
-    def ship(self, *arguments, check=True):
-        done = subprocess.run([self.program, *arguments], capture_output=True, text=True, check=False, timeout=300)
+    def ship(self, *arguments, check=True, timeout=300):
+        done = subprocess.run([self.program, *arguments], capture_output=True, text=True, check=False, timeout=timeout)
         if check and done.returncode:
             raise RuntimeError(f"{arguments}: {done.returncode}: {done.stderr}{done.stdout}")
         return done

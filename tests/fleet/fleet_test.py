@@ -19,7 +19,7 @@ import time
 import unittest
 
 import attacks
-from cluster import Archive, Cluster, File, rows_of, skip_without_server
+from cluster import Archive, Cluster, File, Session, rows_of, skip_without_server
 from proxy import Proxy
 
 KILLS = int(os.environ.get("DEVICE_FLEET_KILLS", "20"))
@@ -70,6 +70,11 @@ class Fleet(unittest.TestCase):
     def start(self, configuration):
         self.services.append(subprocess.Popen([PROGRAM, "run", configuration], stderr=subprocess.DEVNULL))
         return self.services[-1]
+
+    def session(self, role):
+        session = Session(self.cluster, self.archive.name, role)
+        self.addCleanup(session.close)
+        return session
 
     def until(self, condition, what):
         deadline = time.monotonic() + DEADLINE
@@ -827,6 +832,52 @@ class Short(Fleet):
             with self.subTest(statement):
                 self.assertEqual(self.archive.sql(statement, "dev_1"), rows)
         self.assertEqual({table: self.archive.sql(dump.format(table)) for table in tables}, before)
+
+    def two_devices(self):
+        """The stores of devices 1 and 2, and their configurations, all shipped."""
+        stores = [self.store(name) for name in ("h1", "h2")]
+        configurations = [self.archive.device(i + 1, {"h": store}) for i, store in enumerate(stores)]
+        for store, configuration in zip(stores, configurations):
+            store.table("T1", "sample")
+            store.samples("T1", 10)
+            self.archive.ship("run", "--once", configuration)
+        return stores, configurations
+
+    def test_a_device_that_keeps_a_transaction_open_stops_no_other(self):
+        stores, configurations = self.two_devices()
+        to = ("--archive", self.cluster.conninfo(self.archive.name))
+        # As at the beginning of a month.
+        later = self.archive.sql("select to_char((now() at time zone 'UTC') + interval '2 months', '_YYYY_MM')")[0][0]
+        for kind in ("sample", "alarm", "log"):
+            self.archive.sql(f"drop table fleet.{kind}{later}")
+        hostile = self.session("dev_1")
+        hostile.run("set idle_in_transaction_session_timeout = 0; begin; select fleet.part();")
+        stores[1].samples("T1", 5)
+        for arguments in (("run", "--once", configurations[1]), ("status", *to), ("init", *to)):
+            self.archive.ship(*arguments, timeout=20)
+        self.check_file(2, stores[1], "h", "T1", "sample")
+        hostile.run("rollback;")
+        self.archive.ship("run", "--once", configurations[1])
+        self.assertEqual(self.archive.sql(f"select count(to_regclass('fleet.sample{later}'))"), [["1"]])
+
+    def test_a_device_that_holds_its_own_row_gets_another_password(self):
+        self.archive.device(1, {})
+        self.archive.device(2, {})
+        hostile = self.session("dev_1")
+        hostile.run("set idle_in_transaction_session_timeout = 0; begin; select fleet.hello('UTC');")
+        to = ("--archive", self.cluster.conninfo(self.archive.name))
+        secret = os.path.join(self.archive.folder, "password")
+        self.archive.ship("add-device", "1", "--name", "Press 1", "--password-file", secret, *to, timeout=30)
+        done = self.archive.ship("add-device", "1", "--name", "Oven", *to, check=False, timeout=30)
+        self.assertIn("lock timeout", done.stderr)
+        self.archive.ship("add-device", "2", "--name", "Oven", *to, timeout=20)
+
+    def test_what_a_device_writes_breaks_no_view(self):
+        self.two_devices()
+        to = ("--archive", self.cluster.conninfo(self.archive.name))
+        self.archive.sql("select fleet.report('{1}', '{-9223372036854775808}', '')", "dev_1")
+        self.assertEqual(self.archive.sql("select behind from fleet.status"), [["0"], ["0"]])
+        self.assertEqual(len(self.archive.ship("status", *to).stdout.splitlines()), 3)
 
     def test_a_month_that_has_ended_takes_no_rows(self):
         store = self.store("h")

@@ -177,8 +177,16 @@ begin
         foreach kind in array array['sample', 'alarm', 'log'] loop
             part := format('%s_%s', kind, to_char(first, 'YYYY_MM'));
             continue when to_regclass('fleet.' || part) is not null;
-            -- One at a time; and only the first of many looks in vain.
-            lock table version in share row exclusive mode;
+            -- One at a time. Only this month is worth waiting for, because a device can keep the lock.
+            if first <= now() at time zone 'UTC' then
+                lock table version in share row exclusive mode;
+            else
+                begin
+                    lock table version in share row exclusive mode nowait;
+                exception when lock_not_available then
+                    return;
+                end;
+            end if;
             continue when to_regclass('fleet.' || part) is not null;
             -- Attached, because "create table ... partition of" would wait for every batch that is under way.
             execute format('create table %I (like %I including defaults including constraints)', part, kind);

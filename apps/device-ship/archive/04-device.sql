@@ -302,7 +302,8 @@ $$;
 -- How far the files are that were read, for the lag, and what is wrong with the device or the shipper.
 create function fleet.report(tbls smallint[], last_ids bigint[], its_trouble text) returns void
 language sql security definer set search_path = fleet, pg_temp as $$
-    update mark m set last_id = t.last_id, reported = now()
+    -- Not negative: the view of the state subtracts from it.
+    update mark m set last_id = greatest(t.last_id, 0), reported = now()
     from unnest(tbls, last_ids) t (tbl, last_id) where m.device = me() and m.tbl = t.tbl;
     update device set seen = now(), troubled = case when its_trouble = '' then troubled else now() end,
         trouble = left(its_trouble, 1000)
