@@ -57,6 +57,11 @@ REFUSED = [
     ("select fleet.new_generation(2::smallint, 1::smallint, 10, 9::smallint, 5, '')", "FL003"),
     ("select fleet.make_months()", "42501"),
     ("select fleet.repair(2, 'sample')", "42501"),
+    # To write what nobody can read
+    ("insert into fleet.sample (id, tbl, gen, dt) values (11, 2, 1, '294276-12-31 23:59:59')", "23514"),
+    ("insert into fleet.sample{part} (id, tbl, gen, dt) values (11, 2, 1, '4713-01-01 BC')", "23514"),
+    ("insert into fleet.alarm{part} (id, tbl, gen, dt) values (11, 1, 1, '10000-01-01')", "23514"),
+    ("insert into fleet.log (id, tbl, gen, dt) values (11, 2, 1, 'infinity')", "23514"),
     # To read
     ("select * from fleet.sample", "42501"),
     ("select count(*) from fleet.sample", "42501"),

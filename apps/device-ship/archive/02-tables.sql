@@ -92,10 +92,11 @@ create table fleet.gap (
 
 -- The records. Partitions by the day on which the archive received a row, because only its own clock can be trusted.
 -- A time that is not exactly in the store's form is NULL in "dt" and as it was in "odd", as is any cell that
--- PostgreSQL cannot hold: {"COLUMN": {"text" | "integer" | "real" | "bytes" | "blob" | "refused": ...}}.
+-- PostgreSQL cannot hold: {"COLUMN": {"text" | "integer" | "real" | "bytes" | "blob" | "refused": ...}}. A time beyond
+-- the years of four digits has no UTC near PostgreSQL's limits, and a question about any device would fail.
 create table fleet.sample (
     id bigint not null,
-    dt timestamp,
+    dt timestamp check (dt between '0001-01-01' and '9999-12-31 23:59:59.999'),
     num double precision,          -- the value, where it is a number
     device integer not null default substr(session_user::text, 5)::integer,
     day date not null default (now() at time zone 'UTC')::date,
@@ -107,7 +108,7 @@ create table fleet.sample (
 
 create table fleet.alarm (
     id bigint not null,
-    dt timestamp,
+    dt timestamp check (dt between '0001-01-01' and '9999-12-31 23:59:59.999'),
     level bigint,
     device integer not null default substr(session_user::text, 5)::integer,
     day date not null default (now() at time zone 'UTC')::date,
@@ -129,7 +130,7 @@ create table fleet.alarm (
 
 create table fleet.log (
     id bigint not null,
-    dt timestamp,
+    dt timestamp check (dt between '0001-01-01' and '9999-12-31 23:59:59.999'),
     device integer not null default substr(session_user::text, 5)::integer,
     day date not null default (now() at time zone 'UTC')::date,
     tbl smallint not null,
