@@ -925,6 +925,43 @@ class Short(Fleet):
         self.assertEqual(self.archive.sql("select * from fleet.damaged_batches(1)"), [])
         self.assertIn("all equal", self.archive.ship("verify", configuration).stdout)
 
+    def test_a_repaired_alarm_keeps_what_the_archive_knows_of_it(self):
+        store = self.store("a")
+        store.table("AlarmData", "alarm")
+        store.add("AlarmData", [alarm(i) for i in range(4)])
+        configuration = self.archive.device(1, {"a": store})
+        self.archive.ship("run", "--once", configuration)
+        store.run("update AlarmData set EndDate = '2024/05/06', EndTime = '08:00:00' where ID < 4")
+        self.archive.ship("run", "--once", configuration)
+        query = "select id, end_time, ended, object from fleet.alarm order by id"
+        before = self.archive.sql(query)
+        store.run("update AlarmData set EndDate = '', EndTime = '' where ID = 2")
+        self.archive.sql("update fleet.alarm set object = 'damaged' where id = 1; delete from fleet.alarm where id = 3")
+        done = self.archive.ship("verify", configuration, "--repair-as", self.cluster.conninfo(self.archive.name))
+        self.assertIn("1 row missing (ID 3), 3 put right", done.stdout)
+        before[1] = ["2", "", None, "Pump 1"]
+        before[2][2] = None
+        self.assertEqual(self.archive.sql(query), before)
+        self.assertEqual(self.archive.sql("select * from fleet.damaged_batches(1)"), [])
+
+    def test_a_repair_beside_a_batch_counts_its_rows(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 20)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.archive.sql("update fleet.sample set val = 'damaged' where id = 7")
+        device = self.session("dev_1")
+        device.run("begin; insert into fleet.sample (id, tbl, gen) select id, 1, 1 from generate_series(21, 30) id;")
+        repair = subprocess.Popen([PROGRAM, "verify", configuration, "--repair-as",
+                                   self.cluster.conninfo(self.archive.name)], stdout=subprocess.PIPE)
+        self.until(lambda: self.archive.sql("select count(*) from pg_stat_activity where wait_event_type = 'Lock' and "
+                                            "datname = current_database()") == [["1"]], "the repair waits")
+        device.run("commit;")
+        self.assertIn(b"1 put right", repair.communicate()[0])
+        self.assertEqual(self.archive.sql("select id_from, id_to, n from fleet.batch"), [["1", "30", "30"]])
+        self.assertEqual(self.archive.sql("select * from fleet.damaged_batches(1)"), [])
+
     def drop_month(self):
         """The rows that are there, as if they had come in a month that the archive keeps no longer."""
         self.archive.sql("create table fleet.sample_2024_05 partition of fleet.sample for values from ('2024-05-01') "
