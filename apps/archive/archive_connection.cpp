@@ -35,12 +35,6 @@ QList<QByteArray> cellsOf(const pg_result *answer, int row)
     return cells;
 }
 
-bool isLocal(const QMap<QByteArray, QByteArray> &settings)
-{
-    const QByteArray host = settings.value("host", qgetenv("PGHOST"));
-    return settings.value("hostaddr").isEmpty() && (host.isEmpty() || host.startsWith('/') || host.startsWith('@'));
-}
-
 } // namespace
 
 void ArchiveConnection::Close::operator()(pg_conn *connection) const
@@ -82,8 +76,10 @@ Result<ArchiveConnection> ArchiveConnection::open(QMap<QByteArray, QByteArray> s
     byDefault("keepalives_interval", "5");
     byDefault("keepalives_count", "4");
     byDefault("tcp_user_timeout", "30000");
-    if (!isLocal(settings) && qEnvironmentVariableIsEmpty("PGSSLMODE"))
-        byDefault("sslmode", "verify-full");
+    // In the environment, which counts after the settings and after a service file that they name. libpq asks for no
+    // TLS on a Unix socket, and only libpq knows whether there will be one.
+    if (qEnvironmentVariableIsEmpty("PGSSLMODE"))
+        qputenv("PGSSLMODE", "verify-full");
     settings.insert("client_encoding", "UTF8");
     std::vector<const char *> keywords;
     std::vector<const char *> values;
@@ -191,8 +187,11 @@ Status ArchiveConnection::copy(const QByteArray &sql, const QList<QByteArray> &d
         case PGRES_COPY_IN: {
             const QByteArray &rows = data.at(next++);
             if (PQputCopyData(connection, rows.constData(), int(rows.size())) != 1 ||
-                PQputCopyEnd(connection, nullptr) != 1)
-                return error(nullptr);
+                PQputCopyEnd(connection, nullptr) != 1) {
+                const Error failed = error(nullptr);
+                m_connection.reset(); // else the COPY would still be under way
+                return failed;
+            }
             break;
         }
         case PGRES_COMMAND_OK:
@@ -205,8 +204,10 @@ Status ArchiveConnection::copy(const QByteArray &sql, const QList<QByteArray> &d
     }
     if (!result && isOpen() && PQtransactionStatus(connection) != PQTRANS_IDLE) {
         const QByteArray state = m_sqlState;
+        const QByteArray constraint = m_constraint;
         (void)query("rollback");
         m_sqlState = state;
+        m_constraint = constraint;
     }
     if (result && !isOpen())
         return error(nullptr);

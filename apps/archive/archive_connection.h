@@ -25,8 +25,8 @@ using Rows = QList<QList<QByteArray>>;
 class ArchiveConnection
 {
 public:
-    /// `settings`: libpq's keywords. Verifies the server's certificate unless the settings say otherwise or the server
-    /// is on this machine. `name`: of the archive, in an Error.
+    /// `settings`: libpq's keywords. Verifies the server's certificate unless the settings, their service file or
+    /// PGSSLMODE say otherwise or the server is on a Unix socket. `name`: of the archive, in an Error.
     static Result<ArchiveConnection> open(QMap<QByteArray, QByteArray> settings,
                                           const QString &name = QStringLiteral("archive"));
     /// The same for a connection string or a URI that a person typed: a password in it is refused.

@@ -11,6 +11,7 @@ import os
 import random
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -1107,6 +1108,53 @@ class Short(Fleet):
             self.assertEqual(archive.sql("select count(*) from fleet.sample"), [["10"]])
         finally:
             server.stop()
+
+    def test_a_server_without_tls_is_refused_however_it_is_named(self):
+        configuration = self.archive.device(1, {"h": self.store("h")})
+        with open(configuration, encoding="utf-8") as file:
+            text = file.read().replace(f"host={self.cluster.folder}", "{}")
+        services = os.path.join(self.archive.folder, "services")
+        listener = socket.create_server(("127.0.0.1", 0))
+        port = listener.getsockname()[1]
+        asked = []
+
+        def serve():
+            while True:
+                try:
+                    connection, _ = listener.accept()
+                except OSError:
+                    return
+                with connection:
+                    connection.recv(100)  # libpq asks for TLS
+                    connection.sendall(b"N")
+                    asked.append(connection.recv(100))
+
+        server = threading.Thread(target=serve)
+        server.start()
+        self.addCleanup(server.join)
+        self.addCleanup(listener.shutdown, socket.SHUT_RDWR)
+        for conninfo, environment, service, is_refused in (
+                ("host=127.0.0.1", {}, "", True),
+                ("host=/nowhere,127.0.0.1", {}, "", True),
+                ("host=''", {"PGHOST": "127.0.0.1"}, "", True),
+                ("", {"PGHOSTADDR": "127.0.0.1"}, "", True),
+                ("service=there", {}, "host=127.0.0.1", True),
+                ("", {"PGSERVICE": "there"}, "host=127.0.0.1", True),
+                ("service=there", {}, "host=127.0.0.1\nsslmode=prefer", False),
+                ("host=127.0.0.1", {"PGSSLMODE": "prefer"}, "", False),
+                ("host=127.0.0.1 sslmode=prefer", {}, "", False)):
+            with self.subTest(conninfo=conninfo, environment=environment, service=service):
+                with open(configuration, "w", encoding="utf-8") as file:
+                    file.write(text.format(f"{conninfo} port={port} gssencmode=disable"))
+                with open(services, "w", encoding="utf-8") as file:
+                    file.write(f"[there]\n{service}\n")
+                asked.clear()
+                done = subprocess.run([PROGRAM, "run", "--once", configuration], capture_output=True, text=True,
+                                      check=False, env={**os.environ, "PGSERVICEFILE": services, **environment})
+                self.assertEqual(done.returncode, 1)
+                self.assertEqual("SSL was required" in done.stderr, is_refused, done.stderr)
+                self.until(lambda: asked, "the end of the connection")
+                self.assertEqual(asked[0] == b"", is_refused)
 
     def test_wrong_configurations_are_named(self):
         path = os.path.join(self.archive.folder, "wrong.conf")
