@@ -28,8 +28,9 @@ void Waker::watch()
         const QFileInfo file(info.exists() ? info.canonicalFilePath() : info.absoluteFilePath());
         for (const char *ending : {"", "-wal", "-journal"})
             names.insert(QFile::encodeName(file.fileName()) + ending, path);
-        m_watches &= inotify_add_watch(m_inotify.number(), QFile::encodeName(file.absolutePath()).constData(),
-                                       IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_ONLYDIR) >= 0;
+        m_watches &=
+            inotify_add_watch(m_inotify.number(), QFile::encodeName(file.absolutePath()).constData(),
+                              IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVE_SELF | IN_ONLYDIR) >= 0;
     }
     m_names = names;
 }
@@ -45,7 +46,9 @@ bool Waker::wasWritten()
         for (ssize_t at = 0; at < size;) {
             const auto *const event = reinterpret_cast<const inotify_event *>(events + at);
             at += ssize_t(sizeof(inotify_event) + event->len);
-            // Without a name, events were lost.
+            if (event->mask & (IN_IGNORED | IN_MOVE_SELF)) // the folder is gone, and may be made again
+                m_watches = false;
+            // Without a name, events were lost, or a folder.
             const QStringList paths(event->len == 0 ? m_paths : QStringList(m_names.values(QByteArray(event->name))));
             for (const QString &path : paths)
                 m_written.insert(path);

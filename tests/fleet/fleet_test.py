@@ -562,6 +562,30 @@ class Short(Fleet):
         self.until(lambda: through("quiet", 2), "the new one")
         self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (4, []))
 
+    def test_a_folder_that_is_made_again_is_watched(self):
+        folder = os.path.join(self.archive.folder, "data")
+        rows = "select wm from fleet.mark"
+        configuration = None
+        for leave in (None, shutil.rmtree, lambda path: os.rename(path, path + ".old")):
+            if leave:
+                self.stores[-1].close()
+                leave(folder)
+                time.sleep(2)
+            os.mkdir(folder)
+            store = self.store("data/h", "wal")
+            store.table("T1", "sample")
+            if not configuration:
+                configuration = self.archive.device(1, {"h": store})
+                self.start(configuration)
+            store.samples("T1", 1)
+            self.until(lambda: self.archive.sql(rows) == [["1"]], "the first row")
+            for last in (2, 3):
+                time.sleep(1)  # until nobody looks at it any more
+                store.samples("T1", 1)
+                began = time.monotonic()
+                self.until(lambda last=last: self.archive.sql(rows) == [[str(last)]], f"row {last}")
+                self.assertLess(time.monotonic() - began, 5)
+
     def test_a_file_that_is_never_still_is_told(self):
         for held in ("locking_mode=exclusive", "begin immediate"):
             with self.subTest(held):
