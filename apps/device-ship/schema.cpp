@@ -104,11 +104,14 @@ Status addDevice(ArchiveConnection &archive, int number, const QString &name, co
         QByteArray sql;
         if (known->isEmpty())
             sql += "create role " + role + ";";
-        // A statement that waits, or a transaction that is left open, must not last.
         sql += "alter role " + role + " login connection limit 4" +
                (secret.isEmpty() ? QByteArray() : " password '" + secret + "'") + ";grant fleet_device to " + role +
-               ";alter role " + role + " set statement_timeout = '5min';alter role " + role +
-               " set idle_in_transaction_session_timeout = '1min';";
+               ';';
+        // A statement that waits, a transaction that is left open, and a session whose device is gone must not last: a
+        // few would lock the device out. A service reports each minute.
+        for (const char *limit : {"statement_timeout = '5min'", "idle_session_timeout = '5min'",
+                                  "idle_in_transaction_session_timeout = '1min'"})
+            sql += "alter role " + role + " set " + limit + ';';
         if (const auto made = archive.query(sql); !made)
             return made.error();
         // A row that stays as it is is not touched: the device can hold it, and gets another password even so.

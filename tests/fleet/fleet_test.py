@@ -897,6 +897,12 @@ class Short(Fleet):
         self.assertIn("lock timeout", done.stderr)
         self.archive.ship("add-device", "2", "--name", "Oven", *to, timeout=20)
 
+    def test_a_connection_that_is_half_open_does_not_last(self):
+        self.archive.device(1, {})
+        for setting, value in (("statement_timeout", "5min"), ("idle_session_timeout", "5min"),
+                               ("idle_in_transaction_session_timeout", "1min")):
+            self.assertEqual(self.archive.sql(f"show {setting}", "dev_1"), [[value]])
+
     def test_what_a_device_writes_breaks_no_view(self):
         self.two_devices()
         to = ("--archive", self.cluster.conninfo(self.archive.name))
