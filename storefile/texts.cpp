@@ -17,6 +17,15 @@ bool isAscii(const QByteArray &cell)
     return std::all_of(cell.begin(), cell.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
+// The control characters above ASCII, which some terminals obey, and those that change the direction of what follows
+// or end a line.
+bool steers(QChar c)
+{
+    const ushort code = c.unicode();
+    return (code >= 0x80 && code < 0xa0) || (code >= 0x202a && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069) ||
+           code == 0x2028 || code == 0x2029;
+}
+
 } // namespace
 
 QString grouped(qint64 number)
@@ -63,6 +72,26 @@ QByteArray decodedTwice(const QByteArray &cell)
         return cell;
     const QByteArray once = text.toLatin1();
     return QString::fromUtf8(once).toUtf8() == once ? once : cell;
+}
+
+QString visible(const QString &text)
+{
+    QString result;
+    result.reserve(text.size());
+    for (int i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        if (c == QLatin1Char('\r') && i + 1 < text.size() && text.at(i + 1) == QLatin1Char('\n'))
+            continue;
+        if (c.unicode() < 0x20)
+            result += QChar(0x2400 + c.unicode());
+        else if (c.unicode() == 0x7f)
+            result += QChar(0x2421);
+        else if (steers(c))
+            result += QChar(0xfffd);
+        else
+            result += c;
+    }
+    return result;
 }
 
 bool isJsonNumber(const QByteArray &text)

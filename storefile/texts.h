@@ -23,6 +23,9 @@ QString fromUtf8(const QByteArray &cell);
 /// A cell that the store library encoded twice as it was meant; any other as it is.
 QByteArray decodedTwice(const QByteArray &cell);
 
+/// Characters that would move the cursor, as visible ones: nothing in a file can steer a terminal.
+QString visible(const QString &text);
+
 /// Whether a text is a number as JSON has it: not 03, +1, 1. or Inf.
 bool isJsonNumber(const QByteArray &text);
 

@@ -2,6 +2,7 @@
 #include "service.h"
 
 #include "shipper.h"
+#include "storefile/texts.h"
 #include "waker.h"
 
 #include <QRandomGenerator>
@@ -49,7 +50,7 @@ private:
 
 void complain(const QString &line)
 {
-    std::fprintf(stderr, "device-ship: %s\n", line.toUtf8().constData());
+    std::fprintf(stderr, "device-ship: %s\n", device_db::visible(line).toUtf8().constData());
 }
 
 Result<bool> shipOnce(const Configuration &configuration)

@@ -908,7 +908,10 @@ class Short(Fleet):
         to = ("--archive", self.cluster.conninfo(self.archive.name))
         self.archive.sql("select fleet.report('{1}', '{-9223372036854775808}', '')", "dev_1")
         self.assertEqual(self.archive.sql("select behind from fleet.status"), [["0"], ["0"]])
-        self.assertEqual(len(self.archive.ship("status", *to).stdout.splitlines()), 3)
+        self.archive.sql("select fleet.report('{1}', '{10}', E'\\x1b]0;title\\x07\\n3  Press 3\\u0085\\u202e')", "dev_1")
+        lines = self.archive.ship("status", *to).stdout.splitlines()
+        self.assertEqual(len(lines), 3)
+        self.assertTrue(lines[1].endswith("  \u241b]0;title\u2407\u240a3  Press 3\ufffd\ufffd"), lines[1])
 
     def test_a_month_that_has_ended_takes_no_rows(self):
         store = self.store("h")
@@ -1194,7 +1197,7 @@ class Short(Fleet):
                 ("archive/conninfo", "host=/nowhere password=secret", "has a password"),
                 ("archive/conninfo", "host=/nowhere user=other", "the role of device 1 is dev_1"),
                 ("archive/conninfo", "nonsense", "cannot be read"), ("device/number", "seven", "device/number"),
-                ("device/zone", "", "device/zone"), ("archive/password-file", "/nowhere", "/nowhere"),
+                ("device/zone", "", "device/zone"), ("archive/password-file", "/no\x1bwhere", "/no\u241bwhere"),
                 ("device/zone", "UTC", "No such file or directory")):
             with self.subTest(message):
                 with open(path, "w", encoding="utf-8") as file:

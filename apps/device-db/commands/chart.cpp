@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "commands/chart.h"
 
-#include "terminal/text.h"
+#include "storefile/texts.h"
 
 #include <QProcess>
 

@@ -12,7 +12,6 @@
 #include "storefile/trends.h"
 #include "terminal/output.h"
 #include "terminal/progress.h"
-#include "terminal/text.h"
 
 #include "device/table_name.h"
 

@@ -11,7 +11,6 @@
 #include "storefile/trends.h"
 #include "terminal/progress.h"
 #include "terminal/table_writer.h"
-#include "terminal/text.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

@@ -10,7 +10,6 @@
 #include "storefile/times.h"
 #include "storefile/trends.h"
 #include "terminal/table_writer.h"
-#include "terminal/text.h"
 
 #include "device/table_name.h"
 

@@ -6,7 +6,6 @@
 #include "storefile/sql_query.h"
 #include "storefile/texts.h"
 #include "terminal/table_writer.h"
-#include "terminal/text.h"
 
 #include <sqlite3.h>
 

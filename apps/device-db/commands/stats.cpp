@@ -8,7 +8,6 @@
 #include "storefile/texts.h"
 #include "storefile/times.h"
 #include "terminal/table_writer.h"
-#include "terminal/text.h"
 
 #include <QDateTime>
 

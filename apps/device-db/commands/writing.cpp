@@ -5,7 +5,6 @@
 #include "storefile/open_processes.h"
 #include "storefile/tables.h"
 #include "storefile/texts.h"
-#include "terminal/text.h"
 
 #include <QFileInfo>
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "terminal/output.h"
 
+#include "storefile/texts.h"
 #include "terminal/text.h"
 
 #include <QFile>

@@ -1,26 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "terminal/text.h"
 
+#include "storefile/texts.h"
+
 #include <algorithm>
 
 #include <wchar.h>
 
 namespace device_db
 {
-
-namespace
-{
-
-// The control characters above ASCII, which some terminals obey, and those that change the direction of what follows
-// or end a line.
-bool steers(QChar c)
-{
-    const ushort code = c.unicode();
-    return (code >= 0x80 && code < 0xa0) || (code >= 0x202a && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069) ||
-           code == 0x2028 || code == 0x2029;
-}
-
-} // namespace
 
 std::string wrapped(const std::string &text, std::size_t lineWidth, const std::string &indent)
 {
@@ -76,26 +64,6 @@ QString cutTo(const QString &text, int columns)
         cut += each;
     }
     return cut + QChar(0x2026);
-}
-
-QString visible(const QString &text)
-{
-    QString result;
-    result.reserve(text.size());
-    for (int i = 0; i < text.size(); ++i) {
-        const QChar c = text.at(i);
-        if (c == QLatin1Char('\r') && i + 1 < text.size() && text.at(i + 1) == QLatin1Char('\n'))
-            continue;
-        if (c.unicode() < 0x20)
-            result += QChar(0x2400 + c.unicode());
-        else if (c.unicode() == 0x7f)
-            result += QChar(0x2421);
-        else if (steers(c))
-            result += QChar(0xfffd);
-        else
-            result += c;
-    }
-    return result;
 }
 
 QByteArray visibleLines(const QByteArray &text)

@@ -9,10 +9,7 @@
 namespace device_db
 {
 
-/// Characters that would move the cursor, as visible ones: nothing in a file can steer a terminal.
-QString visible(const QString &text);
-
-/// The same of a text of several lines in UTF-8; line ends and tabs stay.
+/// visible() of a text of several lines in UTF-8; line ends and tabs stay.
 QByteArray visibleLines(const QByteArray &text);
 
 /// The columns that a text takes on a terminal.
