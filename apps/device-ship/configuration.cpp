@@ -149,11 +149,18 @@ Result<Configuration> readConfiguration(const QString &path)
     }
 
     const QString files = QStringLiteral("files/");
+    QMap<QString, QString> keys;
     for (const Setting &each : *settings) {
         if (!each.key.startsWith(files))
             continue;
         if (each.value.isEmpty())
             return failure(path, QStringLiteral("%1 names no file").arg(each.key));
+        const QFileInfo info(each.value);
+        QString &key = keys[info.exists() ? info.canonicalFilePath() : info.absoluteFilePath()];
+        if (!key.isEmpty())
+            return failure(
+                path, QStringLiteral("%1 and %2 are one file, whose rows would be stored twice").arg(key, each.key));
+        key = each.key;
         result.files.append({each.key.mid(files.size()), each.value});
     }
     if (result.files.isEmpty())

@@ -1225,13 +1225,15 @@ class Short(Fleet):
         path = os.path.join(self.archive.folder, "wrong.conf")
         good = ("[archive]\nconninfo=host=/nowhere dbname=x\n# and\n\n[device]\nnumber=1\nzone=UTC\n"
                 "[files]\nh=/h.db\n")
+        os.symlink(path, path + ".link")
         for more, message in (
                 ("h=/other.db", "line 10: files/h is there twice"),
                 ("[device]\nnumber=2", "device/number is there twice"),
                 ("[archive]\npasswordfile=/x", "line 11: there is no passwordfile in [archive]"),
                 ("[file]\nx=/x.db", "line 10: there is no section [file]"),
                 ("just words", "line 10: it is not in the INI"),
-                ("g=", "files/g names no file"), ("g=\udcff", "not a text in UTF-8")):
+                ("g=", "files/g names no file"), ("g=/h.db", "files/h and files/g are one file"),
+                (f"g={path}\nf={path}.link", "files/g and files/f are one file"), ("g=\udcff", "not a text in UTF-8")):
             with self.subTest(more):
                 with open(path, "w", encoding="utf-8", errors="surrogateescape") as file:
                     file.write(good + more + "\n")
