@@ -16,7 +16,7 @@ from cluster import PASSWORD, Archive, Cluster, File, skip_without_server
 SHIP = ""
 LOOKING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "apps", "device-ship", "archive",
                        "looking.sql")
-RANGES = {"north": (1, 999), "middle": (1000, 1999), "south": (2000, 2999), "east": (3000, 3999)}
+RANGES = {"north": (1, 999), "middle": (1000, 1999), "south": (2000, 2999), "east": (3000, 2147483647)}
 
 
 class Servers(unittest.TestCase):

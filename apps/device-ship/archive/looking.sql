@@ -40,7 +40,8 @@ create server :"name" foreign data wrapper postgres_fdw
     options (:options, async_capable 'true', fetch_size '10000', use_remote_estimate 'true', connect_timeout '5');
 select format('create foreign table fleet.%I partition of fleet.%I for values from (%s) to (%s) server %I
                options (schema_name ''fleet'', table_name %L)',
-              kind || '_' || :'name', kind, :first, :last + 1, :'name', kind)
+              kind || '_' || :'name', kind, :first, coalesce((nullif(:last::bigint, 2147483647) + 1)::text, 'maxvalue'),
+              :'name', kind)
 from unnest(array['device', 'source', 'mark', 'sample', 'alarm', 'log']) kind \gexec
 
 do $$
