@@ -1283,6 +1283,16 @@ class Short(Fleet):
             self.assertEqual([each.communicate()[1] for each in at_once], [b""] * 6)
         self.assertEqual(self.cluster.sql("made_by_many", "select name from fleet.device"), [["Press"]])
 
+    def test_archives_of_one_server_are_made_at_once(self):
+        server = Cluster(tempfile.mkdtemp(prefix="many-", dir=self.folder))
+        self.addCleanup(server.stop)
+        names = [f"many{i}" for i in range(4)]
+        for name in names:
+            server.sql("postgres", f"create database {name}")
+        at_once = [subprocess.Popen([PROGRAM, "init", "--archive", server.conninfo(name)], stdout=subprocess.DEVNULL,
+                                    stderr=subprocess.PIPE) for name in names]
+        self.assertEqual([each.communicate()[1] for each in at_once], [b""] * len(names))
+
 
 if __name__ == "__main__":
     PROGRAM = sys.argv.pop(1)

@@ -3,16 +3,18 @@
 -- Three roles without a login. What a device may call runs with the rights of fleet_owner, who is not a superuser
 -- even where one sets up the archive.
 do $$
+declare
+    role text;
 begin
-    if not exists (select from pg_roles where rolname = 'fleet_owner') then
-        create role fleet_owner nologin;
-    end if;
-    if not exists (select from pg_roles where rolname = 'fleet_device') then
-        create role fleet_device nologin;
-    end if;
-    if not exists (select from pg_roles where rolname = 'fleet_reader') then
-        create role fleet_reader nologin;
-    end if;
+    foreach role in array array['fleet_owner', 'fleet_device', 'fleet_reader'] loop
+        if not exists (select from pg_roles where rolname = role) then
+            begin
+                execute format('create role %I nologin', role);
+            exception when duplicate_object or unique_violation then
+                null; -- made at this moment for another database of the cluster
+            end;
+        end if;
+    end loop;
     if not pg_has_role('fleet_owner', 'member') then
         execute format('grant fleet_owner to %I', current_user);
     end if;
