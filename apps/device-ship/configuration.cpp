@@ -3,7 +3,6 @@
 
 #include "archive/archive_connection.h"
 #include "row_encoder.h"
-#include "storefile/system_error.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -92,7 +91,7 @@ Result<QByteArray> passwordFrom(const QString &path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
-        return failure(path, QStringLiteral("it cannot be read: %1").arg(device_db::systemError()));
+        return failure(path, QStringLiteral("it cannot be read: %1").arg(file.errorString()));
     QByteArray line = file.readLine(4096);
     while (line.endsWith('\n') || line.endsWith('\r'))
         line.chop(1);

@@ -1198,6 +1198,7 @@ class Short(Fleet):
                 ("archive/conninfo", "host=/nowhere user=other", "the role of device 1 is dev_1"),
                 ("archive/conninfo", "nonsense", "cannot be read"), ("device/number", "seven", "device/number"),
                 ("device/zone", "", "device/zone"), ("archive/password-file", "/no\x1bwhere", "/no\u241bwhere"),
+                ("archive/password-file", "/tmp", "s a directory"),
                 ("device/zone", "UTC", "No such file or directory")):
             with self.subTest(message):
                 with open(path, "w", encoding="utf-8") as file:
