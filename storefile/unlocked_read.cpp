@@ -53,8 +53,11 @@ Result<bool> readCopy(const QString &path, const std::function<Status(const Data
 
 Result<bool> readUnlocked(const QString &path, const std::function<Status(const Database &)> &read)
 {
-    if (!QFileInfo(path).isFile()) // to open a pipe would wait for who writes into it
+    const QFileInfo info(path);
+    if (!info.exists())
         return failure(path, QStringLiteral("there is no such file; check the name"));
+    if (!info.isFile()) // to open a pipe would wait for who writes into it
+        return failure(path, QStringLiteral("this is not a file; name a database file"));
     bool shared = false;
     {
         WatchedFile file(path);
