@@ -51,7 +51,8 @@ Result<bool> Shipper::continues(File &file, const Piece &piece)
 }
 
 // Whether a row of the file is the archive's: nothing where neither the row says so nor, if the archive no longer keeps
-// its month, the digest of its batch, of which the file must still have all. False if the file cannot be read now.
+// its month, the digest of its batch, of which the file must still have all. False if the file cannot be read now, or
+// has changed.
 Result<bool> Shipper::judge(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same)
 {
     const auto judged = m_archive->judge(stream, stream.generation, {row});
@@ -68,11 +69,14 @@ Result<bool> Shipper::judge(File &file, const Stream &stream, const RowMark &row
         return true;
     qint64 rows = 0;
     qint64 digest = 0;
+    bool isThere = false; // or the file is another one by now
     const Status read = file.reader.read([&](const Database &database) -> Status {
         rows = digest = 0;
+        isThere = false;
         const auto done = readRows(database, stream, (*batch)->first - 1, (*batch)->last, [&](const RowEncoder &each) {
             ++rows;
             digest ^= each.digest();
+            isThere |= RowMark{each.id(), each.digest()} == row;
             return true;
         });
         return done ? Status() : done.error();
@@ -81,6 +85,8 @@ Result<bool> Shipper::judge(File &file, const Stream &stream, const RowMark &row
         file.trouble = device_db::oneLine(read.error());
         return false;
     }
+    if (!isThere)
+        return false;
     if (rows == (*batch)->rows)
         same = digest == (*batch)->digest;
     return true;

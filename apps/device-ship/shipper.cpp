@@ -383,7 +383,6 @@ Status Shipper::carryOut(const QList<Piece> &pieces)
             if (const Status done = m_archive->skip(stream, piece.lastId); !done)
                 return done;
             stream.watermark = piece.lastId;
-            stream.known.reset();
         }
         if (!piece.ends.isEmpty()) {
             if (const Status done = m_archive->endAlarms(stream, piece.ends); !done)
@@ -412,7 +411,7 @@ Status Shipper::compareEnds(File &file, Stream &stream)
 {
     qint64 after = 0;
     for (;;) {
-        QList<AlarmEnd> ends;
+        std::optional<QList<AlarmEnd>> ends;
         const Status read = file.reader.read([&](const Database &database) -> Status {
             auto found = readEnds(database, stream, after);
             if (!found)
@@ -424,11 +423,13 @@ Status Shipper::compareEnds(File &file, Stream &stream)
             file.trouble = device_db::oneLine(read.error());
             return {};
         }
-        if (ends.isEmpty())
+        if (!ends)
+            return {}; // once the file was looked at again
+        if (ends->isEmpty())
             break;
-        if (const Status done = m_archive->endAlarms(stream, ends); !done)
+        if (const Status done = m_archive->endAlarms(stream, *ends); !done)
             return done;
-        after = ends.last().id;
+        after = ends->last().id;
     }
     const auto active = m_archive->activeAlarms(stream);
     if (!active)

@@ -253,18 +253,24 @@ Result<bool> readRows(const Database &database, const Stream &stream, qint64 aft
     }
 }
 
-Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget)
+Result<Head> readHead(const Database &database, const Stream &stream)
 {
-    Piece piece;
-    piece.stream = &stream;
     const auto lastId = lastIdOf(database, stream);
     if (!lastId)
         return lastId.error();
-    piece.lastId = *lastId;
     const auto newest = newestUpTo(database, stream, stream.watermark);
     if (!newest)
         return newest.error();
-    piece.newest = *newest;
+    return Head{*lastId, *newest};
+}
+
+Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget)
+{
+    const auto head = readHead(database, stream);
+    if (!head)
+        return head.error();
+    Piece piece{*head};
+    piece.stream = &stream;
     if (piece.lastId < stream.watermark)
         return piece; // another generation, to be judged first
     if (stream.kind == Kind::Alarms) {
@@ -296,8 +302,13 @@ Result<QList<RowMark>> sampleRows(const Database &database, const Stream &stream
     return marks;
 }
 
-Result<QList<AlarmEnd>> readEnds(const Database &database, const Stream &stream, qint64 after)
+Result<std::optional<QList<AlarmEnd>>> readEnds(const Database &database, const Stream &stream, qint64 after)
 {
+    const auto head = readHead(database, stream);
+    if (!head)
+        return head.error();
+    if (head->lastId < stream.watermark || (head->newest && head->newest != stream.known))
+        return std::optional<QList<AlarmEnd>>();
     auto rows = database.prepare("select ID,EndDate,EndTime from " + identifier(stream.table) +
                                  " where ID>?1 and ID<=?2 order by ID limit ?3");
     if (!rows)
@@ -316,10 +327,11 @@ Result<QList<AlarmEnd>> readEnds(const Database &database, const Stream &stream,
         while (size <= largestCell && rows->step())
             take(rows->number(0), RowEncoder::readEnd(*rows, 1, 2));
         if (size > largestCell)
-            return ends;
+            return std::optional(ends);
         if (!rows->wasTooBig()) {
-            const auto status = rows->status();
-            return status ? Result<QList<AlarmEnd>>(ends) : status.error();
+            if (const auto status = rows->status(); !status)
+                return status.error();
+            return std::optional(ends);
         }
         const auto id = nextId(database, stream, ends.isEmpty() ? after : ends.last().id);
         if (!id)
@@ -330,7 +342,7 @@ Result<QList<AlarmEnd>> readEnds(const Database &database, const Stream &stream,
         take(*id, *end);
         after = *id;
         if (ends.size() >= mostEnds)
-            return ends;
+            return std::optional(ends);
     }
 }
 

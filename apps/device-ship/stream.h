@@ -49,11 +49,15 @@ struct AlarmEnd {
     RowEncoder::End end;
 };
 
-/// What one look at a stream's table has found.
-struct Piece {
-    Stream *stream = nullptr;
+/// What says whether a table still is in the archive's generation: its life is judged by this.
+struct Head {
     qint64 lastId = 0;             ///< The next row gets a higher ID.
     std::optional<RowMark> newest; ///< The newest row up to the watermark.
+};
+
+/// What one look at a stream's table has found.
+struct Piece : Head {
+    Stream *stream = nullptr;
 
     QByteArray lines; ///< New rows, for COPY.
     int rows = 0;
@@ -78,6 +82,8 @@ struct Budget {
 device::Result<bool> readRows(const device_db::Database &database, const Stream &stream, qint64 after, qint64 upTo,
                               const std::function<bool(const RowEncoder &)> &take);
 
+device::Result<Head> readHead(const device_db::Database &database, const Stream &stream);
+
 /// Reads what is new in a stream's table. The budget becomes smaller.
 device::Result<Piece> readPiece(const device_db::Database &database, Stream &stream, Budget &budget);
 
@@ -86,8 +92,10 @@ device::Result<Piece> readPiece(const device_db::Database &database, Stream &str
 device::Result<QList<RowMark>> sampleRows(const device_db::Database &database, const Stream &stream, qint64 after,
                                           qint64 upTo, bool &all);
 
-/// The ends of the next alarms after `after`, up to the watermark.
-device::Result<QList<AlarmEnd>> readEnds(const device_db::Database &database, const Stream &stream, qint64 after);
+/// The ends of the next alarms after `after`, up to the watermark. Nothing if the table may be in another life than
+/// when it was judged: the ends are not those of the archive's rows then.
+device::Result<std::optional<QList<AlarmEnd>>> readEnds(const device_db::Database &database, const Stream &stream,
+                                                        qint64 after);
 
 } // namespace device_ship
 

@@ -7,6 +7,7 @@
 Long forms: DEVICE_FLEET_KILLS (20), DEVICE_FLEET_STOPS (3), DEVICE_FLEET_CUTS (1, of each kind of message),
 DEVICE_FLEET_COMMITS (1000, of the faster of two devices).
 """
+import contextlib
 import os
 import random
 import shutil
@@ -76,6 +77,21 @@ class Fleet(unittest.TestCase):
         session = Session(self.cluster, self.archive.name, role)
         self.addCleanup(session.close)
         return session
+
+    @contextlib.contextmanager
+    def owner(self):
+        """A session of the archive's owner, to which statements are given; it does not wait for them."""
+        session = subprocess.Popen(
+            [os.path.join(self.cluster.programs, "psql"), "-X", "-q", "-h", self.cluster.folder, "-U", "owner", "-d",
+             self.archive.name], stdin=subprocess.PIPE, text=True)
+        try:
+            def give(statements):
+                session.stdin.write(statements + "\n")
+                session.stdin.flush()
+            yield give
+        finally:
+            session.stdin.close()
+            session.wait()
 
     def until(self, condition, what):
         deadline = time.monotonic() + DEADLINE
@@ -502,6 +518,53 @@ class Short(Fleet):
         self.assertEqual(self.archive.sql(query)[0], ["active", "t", "t", "t"])
         self.assertEqual(self.archive.sql("select id, end_time from fleet.alarm_was"), [["1", "08:00:00"]])
         self.check(1, "a", "AlarmData", "alarm", {1: rows_of(store.path, "AlarmData", "alarm")})
+
+    def begin_anew(self, store, table):
+        store.run(f"delete from {table}")
+        store.run(f"delete from sqlite_sequence where name = '{table}'")
+
+    def test_ends_of_another_life_are_not_those_of_the_former_one(self):
+        full = [self.store(f"a{i}") for i in range(6)]
+        for other in full:
+            other.table("T1", "sample")
+        store = self.store("b")
+        store.table("AlarmData", "alarm")
+        store.add("AlarmData", [alarm(i, end_date="2024/05/06", end_time="08:00:00") for i in range(50)])
+        service = self.start(self.archive.device(1, {**{f"a{i}": other for i, other in enumerate(full)}, "b": store}))
+        there = "select (select count(*) from fleet.mark), (select count(*) from fleet.alarm)"
+        self.until(lambda: self.archive.sql(there) == [["7", "50"]], "all files were looked at")
+        former = rows_of(store.path, "AlarmData", "alarm")
+        service.send_signal(signal.SIGSTOP)
+        for other in full:  # each has more than a transaction takes: that leaves no room for the alarms
+            other.add("T1", [("2024-05-06 07:08:09", "x" * 1100)] * 2500)
+        self.begin_anew(store, "AlarmData")
+        store.add("AlarmData", [alarm(i, object="Pump 2", end_date="2025/01/01", end_time="09:09:09")
+                                for i in range(60)])
+        self.archive.sql("select pg_terminate_backend(pid) from pg_stat_activity where usename = 'dev_1'")
+        service.send_signal(signal.SIGCONT)
+        self.until(lambda: len(self.archive.rows(1, "b", "AlarmData", "alarm")) == 110, "the alarms are shipped")
+        self.check(1, "b", "AlarmData", "alarm", {1: former, 2: rows_of(store.path, "AlarmData", "alarm")})
+        self.assertEqual(self.archive.sql("select * from fleet.alarm_was"), [])
+
+    def test_a_life_that_ends_while_its_ends_are_compared(self):
+        store = self.store("a", "wal")
+        store.table("AlarmData", "alarm")
+        store.add("AlarmData", [alarm(i, end_date="2024/05/06", end_time="08:00:00") for i in range(5000)])
+        configuration = self.archive.device(1, {"a": store})
+        self.archive.ship("run", "--once", configuration)
+        former = rows_of(store.path, "AlarmData", "alarm")
+        with self.owner() as owner:  # which ends wait for
+            owner("begin; lock table fleet.alarm_was in exclusive mode;")
+            shipper = subprocess.Popen([PROGRAM, "run", "--once", configuration])
+            waits = "select count(*) from pg_stat_activity where wait_event_type = 'Lock' and query ~ 'end_alarms'"
+            self.until(lambda: self.archive.sql(waits) == [["1"]], "the first ends are on their way")
+            self.begin_anew(store, "AlarmData")
+            store.add("AlarmData", [alarm(i, object="Pump 2", end_date="2025/01/01", end_time="09:09:09")
+                                    for i in range(6000)])
+            owner("commit;")
+            self.assertEqual(shipper.wait(DEADLINE), 0)
+        self.archive.ship("run", "--once", configuration)
+        self.check(1, "a", "AlarmData", "alarm", {1: former, 2: rows_of(store.path, "AlarmData", "alarm")})
 
     def test_when_an_alarm_was_seen_last_is_known_from_the_run_before(self):
         store = self.store("a")
