@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 namespace device_ship
 {
@@ -18,12 +19,15 @@ namespace
 {
 
 constexpr int rowsPerRange = 2000;
+constexpr qint64 bytesPerRange = 2 * 1024 * 1024;
 
 struct Range {
+    qint64 lastId = 0; ///< As Head::lastId.
     QList<RowMark> rows;
     QList<RowMark> rests;
-    QMap<qint64, QByteArray> lines; ///< For COPY, by the IDs.
     qint64 digest = 0;
+    QMap<qint64, QByteArray> lines; ///< Of the wanted rows, for COPY, by the IDs.
+    QList<RowMark> later;           ///< Some rows after it, the newest among them, if any are wanted.
 };
 
 struct Found {
@@ -31,44 +35,60 @@ struct Found {
     QList<qint64> different;
     QList<qint64> missing;
     qint64 repaired = 0;
-    qint64 dropped = 0; ///< The archive no longer keeps their month.
-    qint64 refused = 0; ///< By the archive, which has them without their cells.
-    qint64 waiting = 0; ///< To be shipped.
+    qint64 dropped = 0;       ///< The archive no longer keeps their month.
+    qint64 refused = 0;       ///< By the archive, which has them without their cells.
+    qint64 waiting = 0;       ///< To be shipped.
+    bool anotherLife = false; ///< The file is not, or no longer, in the archive's generation.
 };
 
-Result<Range> readRange(StoreReader &file, const Stream &stream, qint64 after)
+// The next rows after an ID, all as they are at one moment.
+Result<Range> readRange(StoreReader &file, const Stream &stream, qint64 after, const QSet<qint64> &wanted)
 {
     Range range;
     const Status read = file.read([&](const Database &database) -> Status {
         range = Range();
+        const auto head = readHead(database, stream);
+        if (!head)
+            return head.error();
+        range.lastId = head->lastId;
+        qint64 bytes = 0;
+        QByteArray line;
         const auto done = readRows(database, stream, after, stream.watermark, [&](const RowEncoder &row) {
             range.rows.append({row.id(), row.digest()});
             range.digest ^= range.rows.last().digest;
             if (stream.kind != Kind::Log)
                 range.rests.append({row.id(), row.rest()});
-            row.appendTo(range.lines[row.id()], stream.number, stream.generation);
-            return range.rows.size() < rowsPerRange;
+            line.resize(0);
+            row.appendTo(line, stream.number, stream.generation);
+            bytes += line.size();
+            if (wanted.contains(row.id()))
+                range.lines.insert(row.id(), line);
+            return range.rows.size() < rowsPerRange && bytes < bytesPerRange;
         });
-        return done ? Status() : done.error();
+        if (!done)
+            return done.error();
+        if (wanted.isEmpty() || range.rows.isEmpty())
+            return {};
+        bool all = false;
+        const auto later = sampleRows(database, stream, range.rows.last().id, stream.watermark, all);
+        if (!later)
+            return later.error();
+        range.later = *later;
+        return {};
     });
     if (!read)
         return read.error();
     return range;
 }
 
-Result<qint64> repair(ArchiveConnection &owner, int device, const Stream &stream, const QByteArray &lines)
+Status repair(ArchiveConnection &owner, int device, const Stream &stream, const QByteArray &lines)
 {
     const QByteArray kind = RowEncoder::tableOf(stream.kind);
     const QByteArray columns = RowEncoder::columnsOf(stream.kind);
-    const Status put =
-        owner.copy("begin; create temporary table repair on commit drop as select " + columns + " from fleet." + kind +
-                       " with no data; copy repair from stdin; select "
-                       "fleet.repair(" +
-                       QByteArray::number(device) + ", '" + kind + "'); commit",
-                   {lines});
-    if (!put)
-        return put.error();
-    return qint64(lines.count('\n'));
+    return owner.copy("begin; create temporary table repair on commit drop as select " + columns + " from fleet." +
+                          kind + " with no data; copy repair from stdin; select fleet.repair(" +
+                          QByteArray::number(device) + ", '" + kind + "'); commit",
+                      {lines});
 }
 
 Result<qint64> waitingRows(StoreReader &file, const QString &table, qint64 watermark)
@@ -85,6 +105,93 @@ Result<qint64> waitingRows(StoreReader &file, const QString &table, qint64 water
     return read ? Result<qint64>(rows) : read.error();
 }
 
+struct Doubts {
+    QList<qint64> different;
+    QList<qint64> missing;
+    qint64 dropped = 0;
+    qint64 refused = 0;
+};
+
+// Whether IDs start again, or the newest row up to the watermark that both have is another one: as the shipper judges,
+// which is to begin a generation first. Rows of another life must not take the place of the archive's. File and archive
+// part once, so where the newest row is the same, an older one that differs was changed in the archive.
+Result<bool> isAnotherLife(DeviceArchive &archive, const Stream &stream, const Range &range)
+{
+    if (range.lastId < stream.watermark)
+        return true;
+    const auto same = archive.judge(stream, stream.generation, range.rows + range.later);
+    return same ? Result<bool>(!same->isEmpty() && !same->last()) : same.error();
+}
+
+Result<Doubts> judgeRange(DeviceArchive &archive, const Stream &stream, const Range &range, qint64 droppedTo)
+{
+    Doubts doubts;
+    if (range.rows.isEmpty())
+        return doubts;
+    const auto archived = archive.rangeDigest(stream, range.rows.first().id, range.rows.last().id);
+    if (!archived)
+        return archived.error();
+    const auto rest = archive.judgeRest(stream, range.rests);
+    if (!rest)
+        return rest.error();
+    if (*archived == QPair<qint64, qint64>(range.rows.size(), range.digest) && rest->isEmpty())
+        return doubts;
+    const auto same = archive.judge(stream, stream.generation, range.rows);
+    if (!same)
+        return same.error();
+    for (const RowMark &row : range.rows) {
+        if (same->value(row.id, false) && !rest->contains(row.id))
+            continue;
+        if (same->contains(row.id)) {
+            doubts.different << row.id;
+            continue;
+        }
+        if (row.id <= droppedTo) {
+            ++doubts.dropped;
+            continue;
+        }
+        const auto there = archive.rangeDigest(stream, row.id, row.id);
+        if (!there)
+            return there.error();
+        if (there->first > 0)
+            ++doubts.refused;
+        else
+            doubts.missing << row.id;
+    }
+    return doubts;
+}
+
+// Until the rows in the file are those that were put: where an end came in between, a shipper has brought it, and it
+// was overwritten.
+Status repairRows(DeviceArchive &archive, ArchiveConnection &owner, int device, StoreReader &file, const Stream &stream,
+                  qint64 after, Range range)
+{
+    while (!range.lines.isEmpty()) {
+        QByteArray lines;
+        for (const QByteArray &line : std::as_const(range.lines))
+            lines += line;
+        if (const Status put = repair(owner, device, stream, lines); !put)
+            return put;
+        auto now = readRange(file, stream, after, {range.lines.keyBegin(), range.lines.keyEnd()});
+        if (!now)
+            return now.error();
+        const auto another = isAnotherLife(archive, stream, *now);
+        if (!another)
+            return another.error();
+        if (*another)
+            return {};
+        QMap<qint64, QByteArray> changed;
+        for (const RowMark &row : std::as_const(now->rows)) {
+            const QByteArray line = now->lines.value(row.id);
+            if (!line.isEmpty() && line != range.lines.value(row.id) && range.rows.contains(row))
+                changed.insert(row.id, line);
+        }
+        range = std::move(*now);
+        range.lines = changed;
+    }
+    return {};
+}
+
 Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &stream, int device,
                       ArchiveConnection *owner)
 {
@@ -92,53 +199,50 @@ Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &s
     const auto droppedTo = archive.droppedTo(stream);
     if (!droppedTo)
         return droppedTo.error();
-    qint64 after = 0;
-    for (;;) {
-        const auto range = readRange(file, stream, after);
+    for (qint64 after = 0;;) {
+        auto range = readRange(file, stream, after, {});
         if (!range)
             return range.error();
+        auto doubts = judgeRange(archive, stream, *range, *droppedTo);
+        if (!doubts)
+            return doubts.error();
+        found.anotherLife = range->lastId < stream.watermark;
+        const QList<qint64> suspected = doubts->different + doubts->missing;
+        if (!suspected.isEmpty()) {
+            // An end may have come between the two looks at the same row: what is wrong stays so.
+            const QSet<qint64> wanted(suspected.begin(), suspected.end());
+            range = readRange(file, stream, after, wanted);
+            if (!range)
+                return range.error();
+            doubts = judgeRange(archive, stream, *range, *droppedTo);
+            if (!doubts)
+                return doubts.error();
+            const auto another = isAnotherLife(archive, stream, *range);
+            if (!another)
+                return another.error();
+            found.anotherLife = *another;
+            const auto isNew = [&](qint64 id) { return !wanted.contains(id); };
+            for (QList<qint64> *const ids : {&doubts->different, &doubts->missing})
+                ids->erase(std::remove_if(ids->begin(), ids->end(), isNew), ids->end());
+        }
+        if (found.anotherLife)
+            return found;
         if (range->rows.isEmpty())
             break;
         found.rows += range->rows.size();
-        after = range->rows.last().id;
-        const auto archived = archive.rangeDigest(stream, range->rows.first().id, after);
-        if (!archived)
-            return archived.error();
-        const auto rest = archive.judgeRest(stream, range->rests);
-        if (!rest)
-            return rest.error();
-        const bool isEqual = *archived == QPair<qint64, qint64>(range->rows.size(), range->digest);
-        if (isEqual && rest->isEmpty())
-            continue;
-        const auto same = archive.judge(stream, stream.generation, range->rows);
-        if (!same)
-            return same.error();
-        QByteArray wrong;
-        for (const RowMark &row : range->rows) {
-            if (same->value(row.id, false) && !rest->contains(row.id))
-                continue;
-            if (row.id <= *droppedTo && !same->contains(row.id)) {
-                ++found.dropped;
-                continue;
-            }
-            if (!same->contains(row.id)) {
-                const auto there = archive.rangeDigest(stream, row.id, row.id);
-                if (!there)
-                    return there.error();
-                if (there->first > 0) {
-                    ++found.refused;
-                    continue;
-                }
-            }
-            (same->contains(row.id) ? found.different : found.missing) << row.id;
-            wrong += range->lines.value(row.id);
+        found.different += doubts->different;
+        found.missing += doubts->missing;
+        found.dropped += doubts->dropped;
+        found.refused += doubts->refused;
+        if (owner) {
+            const QMap<qint64, QByteArray> lines = std::exchange(range->lines, {});
+            for (const qint64 id : doubts->different + doubts->missing)
+                range->lines.insert(id, lines.value(id));
+            found.repaired += range->lines.size();
+            if (const Status done = repairRows(archive, *owner, device, file, stream, after, *range); !done)
+                return done.error();
         }
-        if (!owner || wrong.isEmpty())
-            continue;
-        const auto repaired = repair(*owner, device, stream, wrong);
-        if (!repaired)
-            return repaired.error();
-        found.repaired += *repaired;
+        after = range->rows.last().id;
     }
     const auto waiting = waitingRows(file, stream.table, stream.watermark);
     if (!waiting)
@@ -188,12 +292,20 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
                 std::printf("%s %s: gone from the file, or with other columns there\n",
                             configured.name.toUtf8().constData(), stream.table.toUtf8().constData());
                 equal = false;
+                continue;
             }
-            if (named == file.tables().end() || named->kind != stream.kind)
+            if (named->kind != stream.kind)
                 continue; // another kind of table has its name: another stream
             const auto found = compare(*archive, file, stream, configuration.device, owner);
             if (!found)
                 return found.error();
+            if (found->anotherLife) {
+                std::printf("%s %s: the file is in another life of the table than the archive; let the shipper run "
+                            "first\n",
+                            configured.name.toUtf8().constData(), stream.table.toUtf8().constData());
+                equal = false;
+                continue;
+            }
             const qint64 wrong = found->different.size() + found->missing.size();
             equal &= wrong == found->repaired;
             std::printf("%s %s: %s compared", configured.name.toUtf8().constData(), stream.table.toUtf8().constData(),

@@ -83,7 +83,7 @@ class Fleet(unittest.TestCase):
         """A session of the archive's owner, to which statements are given; it does not wait for them."""
         session = subprocess.Popen(
             [os.path.join(self.cluster.programs, "psql"), "-X", "-q", "-h", self.cluster.folder, "-U", "owner", "-d",
-             self.archive.name], stdin=subprocess.PIPE, text=True)
+             self.archive.name], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, text=True)
         try:
             def give(statements):
                 session.stdin.write(statements + "\n")
@@ -1058,6 +1058,73 @@ class Short(Fleet):
         self.assertIn(b"1 put right", repair.communicate()[0])
         self.assertEqual(self.archive.sql("select id_from, id_to, n from fleet.batch"), [["1", "30", "30"]])
         self.assertEqual(self.archive.sql("select * from fleet.damaged_batches(1)"), [])
+
+    def test_verify_repairs_nothing_by_rows_of_another_life(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 3000)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        former = rows_of(store.path, "T1", "sample")
+        repair = ("verify", configuration, "--repair-as", self.cluster.conninfo(self.archive.name))
+        self.begin_anew(store, "T1")
+        for rows in (2500, 500, 100):  # below, at and above the watermark
+            store.samples("T1", rows, 5000)
+            done = self.archive.ship(*repair, check=False)
+            self.assertEqual((done.returncode, done.stdout),
+                             (3, "h T1: the file is in another life of the table than the archive; let the shipper run "
+                                 "first\n"))
+            self.assertEqual(self.archive.rows(1, "h", "T1", "sample"),
+                             {(1, key): row for key, row in former.items()})
+        self.archive.ship("run", "--once", configuration)
+        self.check(1, "h", "T1", "sample", {1: former, 2: rows_of(store.path, "T1", "sample")})
+        # A copy of the file shares rows with the archive: what differs in those may be put right once it is judged.
+        shutil.copy(store.path, store.path + ".copy")
+        store.samples("T1", 500, 9000)
+        self.archive.ship("run", "--once", configuration)
+        second = rows_of(store.path, "T1", "sample")
+        store = self.put_back("h", store, store.path + ".copy")
+        store.samples("T1", 600, 20000)
+        self.archive.sql("update fleet.sample set val = '1' where gen = 2 and id = 50")
+        self.assertEqual(self.archive.ship(*repair, check=False).returncode, 3)
+        self.assertEqual(self.archive.sql("select val from fleet.sample where gen = 2 and id = 50"), [["1"]])
+        self.archive.ship("run", "--once", configuration)
+        self.assertIn("1 row differs (ID 50), 1 put right", self.archive.ship(*repair).stdout)
+        self.check(1, "h", "T1", "sample", {1: former, 2: second, 3: {
+            key: row for key, row in rows_of(store.path, "T1", "sample").items() if key > 3100}})
+
+    def test_verify_leaves_an_end_that_a_shipper_brings_beside_it(self):
+        store = self.store("a", "wal")
+        store.table("AlarmData", "alarm")
+        store.add("AlarmData", [alarm(1), alarm(2), alarm(3)])
+        configuration = self.archive.device(1, {"a": store})
+        self.archive.ship("run", "--once", configuration)
+        with self.owner() as owner:  # for whom verify waits after its look at the file
+            owner("begin; lock table only fleet.alarm in access exclusive mode;")
+            verify = subprocess.Popen([PROGRAM, "verify", configuration, "--repair-as",
+                                       self.cluster.conninfo(self.archive.name)], stdout=subprocess.PIPE, text=True)
+            waits = "select count(*) from pg_stat_activity where wait_event_type = 'Lock' and query ~ 'range_digest'"
+            self.until(lambda: self.archive.sql(waits) == [["1"]], "verify has looked at the file")
+            store.run("update AlarmData set EndDate = '2024/05/06', EndTime = '08:00:00' where ID = 1")
+            # As a shipper does that was there first.
+            owner("update fleet.alarm set end_date = '2024/05/06', end_time = '08:00:00', ended = now() where id = 1;")
+            owner("commit;")
+            self.assertEqual(verify.communicate(timeout=DEADLINE)[0], "a AlarmData: 3 rows compared, all equal\n")
+        self.assertEqual(self.archive.sql("select id, end_time from fleet.alarm order by id"),
+                         [["1", "08:00:00"], ["2", ""], ["3", ""]])
+
+        self.archive.sql("update fleet.alarm set object = 'damaged' where id = 2")
+        with self.owner() as owner:  # for whom the repair waits
+            owner("begin; select from fleet.alarm where id = 2 for update;")
+            verify = subprocess.Popen([PROGRAM, "verify", configuration, "--repair-as",
+                                       self.cluster.conninfo(self.archive.name)], stdout=subprocess.PIPE, text=True)
+            waits = "select count(*) from pg_stat_activity where wait_event_type = 'Lock' and query ~ 'repair'"
+            self.until(lambda: self.archive.sql(waits) == [["1"]], "verify repairs what it has read")
+            store.run("update AlarmData set EndDate = '2024/05/06', EndTime = '09:00:00' where ID = 2")
+            owner("update fleet.alarm set end_date = '2024/05/06', end_time = '09:00:00', ended = now() where id = 2;"
+                  "commit;")
+            self.assertIn("1 row differs (ID 2), 1 put right", verify.communicate(timeout=DEADLINE)[0])
+        self.check_file(1, store, "a", "AlarmData", "alarm")
 
     def drop_month(self):
         """The rows that are there, as if they had come in a month that the archive keeps no longer."""
