@@ -3,6 +3,9 @@
 
 #include "schema.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace device_ship
 {
 
@@ -45,11 +48,13 @@ Result<DeviceArchive> DeviceArchive::open(const QMap<QByteArray, QByteArray> &se
     return archive;
 }
 
-// The key speaks before the fence, where a row is of the same month. A month that has ended takes no rows.
+// The key speaks before the fence, where a row is of the same month. A month that has ended takes no rows. Of two that
+// wait for each other, one was quicker.
 bool DeviceArchive::wasBehind() const
 {
     const QByteArray state = m_connection.sqlState();
-    return state == "FL001" || state == "23505" || (state == "23514" && m_connection.constraint().isEmpty());
+    return state == "FL001" || state == "23505" || state == "40P01" ||
+           (state == "23514" && m_connection.constraint().isEmpty());
 }
 
 // A cell that is too large for an index of the owner's is of the limits of the program.
@@ -109,13 +114,19 @@ Status DeviceArchive::describe(const Stream &stream, const QByteArray &title, co
 
 Status DeviceArchive::ship(const QList<Piece> &pieces)
 {
+    // In the order of their numbers, so that two shippers do not wait for each other's keys.
+    QList<const Piece *> sorted;
+    for (const Piece &piece : pieces)
+        sorted << &piece;
+    std::sort(sorted.begin(), sorted.end(),
+              [](const Piece *a, const Piece *b) { return a->stream->number < b->stream->number; });
     QByteArray sql("begin;");
     QList<QByteArray> data;
     for (const Kind kind : {Kind::Samples, Kind::Alarms, Kind::Log}) {
         QByteArray lines;
-        for (const Piece &piece : pieces) {
-            if (piece.stream->kind == kind)
-                lines += piece.lines;
+        for (const Piece *piece : std::as_const(sorted)) {
+            if (piece->stream->kind == kind)
+                lines += piece->lines;
         }
         if (lines.isEmpty())
             continue;

@@ -276,6 +276,19 @@ class Short(Fleet):
         self.check(1, "h", "T1", "sample", lives)
         self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (5, []))
 
+    def test_a_run_beside_a_service(self):
+        stores = {f"f{i}": self.store(f"f{i}", "wal") for i in range(6)}
+        for store in stores.values():
+            store.table("T1", "sample")
+        configuration = self.archive.device(1, stores)
+        self.start(configuration)
+        for start in range(0, 15 * 3000, 3000):
+            for store in stores.values():
+                store.samples("T1", 3000, start)
+            self.archive.ship("run", "--once", configuration)
+        for name, store in stores.items():
+            self.check_file(1, store, name, "T1", "sample")
+
     def test_a_reset_that_was_refilled_beyond_the_watermark(self):
         store = self.store("h")
         store.table("T1", "sample")
