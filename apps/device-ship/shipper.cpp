@@ -25,8 +25,10 @@ constexpr qint64 mostBytes = 2 * 1024 * 1024;
 constexpr int leastRead = 50;
 constexpr int mostTimesBehind = 100; // without a batch in between
 constexpr std::chrono::minutes asideFor(1);
-constexpr std::chrono::milliseconds announced(300); // before its commit can be seen, at most
-constexpr double highestInJson = 9007199254740992.0;
+// After what announces it a commit is nearly always seen within this time. Where the device's disk takes longer for a
+// write-ahead log that is synchronised with each commit, the row waits for the next look at all files.
+constexpr std::chrono::milliseconds announced(300);
+constexpr qint64 highestInJson = qint64(1) << 53;
 
 QStringList namesOf(const QList<device_db::Table> &tables)
 {
@@ -215,7 +217,6 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
     file.again = !done || !*done;
     if (!done) {
         file.trouble = device_db::oneLine(done.error());
-        file.reader.forgetTables();
         file.again = false;
         return QList<Piece>();
     }
@@ -223,7 +224,6 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
         file.rows = std::max(leastRead, file.rows / 2);
         if (Clock::now() - file.still >= StoreReader::patience)
             file.trouble = device_db::oneLine(file.reader.neverStill());
-        file.reader.forgetTables();
         return QList<Piece>();
     }
     file.trouble.clear();
@@ -474,8 +474,14 @@ Status Shipper::report()
         for (const auto &stream : m_streams) {
             if (stream->file != file->reader.name())
                 continue;
-            if (double(stream->watermark) <= highestInJson)
-                shipped.insert(stream->table, stream->watermark);
+            // A table that had been of another kind has a stream of each.
+            const auto tables = file->reader.tables();
+            const bool isFormer = std::any_of(tables.begin(), tables.end(), [&](const device_db::Table &table) {
+                return table.name == stream->table && table.kind != stream->kind;
+            });
+            const qint64 upTo = std::min(stream->watermark, highestInJson);
+            if (!isFormer)
+                shipped.insert(stream->table, std::min(upTo, shipped.value(stream->table, upTo)));
             if (file->trouble.isEmpty() && stream->seen != Clock::time_point())
                 read << stream.get();
         }

@@ -4,6 +4,8 @@
 #include "row_encoder.h"
 #include "storefile/unlocked_read.h"
 
+#include <QCryptographicHash>
+
 #include <thread>
 
 #include <sqlite3.h>
@@ -17,10 +19,14 @@ using device_db::Database;
 
 Result<bool> StoreReader::tryRead(const std::function<Status(const Database &)> &read)
 {
-    return device_db::readUnlocked(m_file.path, [&](const Database &database) {
+    const Known before = m_known;
+    auto done = device_db::readUnlocked(m_file.path, [&](const Database &database) {
         sqlite3_limit(database.handle(), SQLITE_LIMIT_LENGTH, int(largestCell));
         return read(database);
     });
+    if (!done || !*done)
+        m_known = before;
+    return done;
 }
 
 Status StoreReader::read(const std::function<Status(const Database &)> &read)
@@ -47,12 +53,19 @@ device::Error StoreReader::neverStill() const
 
 Result<bool> StoreReader::tablesChanged(const Database &database)
 {
-    auto version = database.text("pragma schema_version");
-    if (!version)
-        return version.error();
+    // Not by the number that SQLite gives the schema: another file that takes this one's place may have the same.
+    QCryptographicHash statements(QCryptographicHash::Sha1);
+    auto schema = database.prepare("select sql from sqlite_master where type='table'");
+    if (!schema)
+        return schema.error();
+    while (schema->step())
+        statements.addData(schema->cell(0));
+    if (const Status status = schema->status(); !status)
+        return status.error();
+    QByteArray version = statements.result();
     if (const auto series = database.text("select ifnull((select seq from sqlite_sequence where name='tb_config'),0)"))
-        *version += ' ' + *series; // no sqlite_sequence, no list
-    if (*version == m_version)
+        version += *series; // no sqlite_sequence, no list
+    if (version == m_known.version)
         return false;
     const auto all = device_db::tablesOf(database);
     if (!all)
@@ -62,21 +75,21 @@ Result<bool> StoreReader::tablesChanged(const Database &database)
                                 "='id' and not exists(select 1 from pragma_index_list(?1) where origin='pk')");
     if (!key)
         return key.error();
-    m_tables.clear();
-    m_keyless.clear();
+    Known known;
+    known.version = version;
     for (const device_db::Table &table : *all) {
         if (!device_db::holdsRecords(table.kind))
             continue;
         key->reset();
         key->bind(1, table.name.toUtf8());
         if (key->step())
-            m_tables << table;
+            known.tables << table;
         else if (const Status status = key->status(); !status)
             return status.error();
         else
-            m_keyless << table.name;
+            known.keyless << table.name;
     }
-    m_version = *version;
+    m_known = known;
     return true;
 }
 

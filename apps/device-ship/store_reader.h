@@ -41,21 +41,22 @@ public:
     static constexpr std::chrono::seconds patience{10};
 
     /// The tables with records, as they were read last.
-    const QList<device_db::Table> &tables() const { return m_tables; }
+    const QList<device_db::Table> &tables() const { return m_known.tables; }
     /// Those that look like ones, but their IDs are no keys: rows could not be told apart.
-    const QStringList &keyless() const { return m_keyless; }
+    const QStringList &keyless() const { return m_known.keyless; }
     /// Reads them anew if they may have changed; for use within a read.
     device::Result<bool> tablesChanged(const device_db::Database &database);
-    /// The tables may be others: they are read anew the next time.
-    void forgetTables() { m_version.clear(); }
     /// The names of the series that have some, by their tables; for use within a read.
     device::Result<QMap<QString, Title>> titles(const device_db::Database &database) const;
 
 private:
     const ConfiguredFile m_file;
-    QList<device_db::Table> m_tables;
-    QStringList m_keyless;
-    QByteArray m_version; ///< Of the schema and of the list of the series.
+    struct Known {
+        QList<device_db::Table> tables;
+        QStringList keyless;
+        QByteArray version; ///< Of the schema and of the list of the series.
+    };
+    Known m_known; ///< By the last read that was not thrown away.
 };
 
 } // namespace device_ship

@@ -31,9 +31,10 @@ QByteArray selectRows(const Stream &stream)
 // IDs never come again below the counter, and the counter never falls below a row: a reset of a table with rows
 // changes nothing. The counter alone is 0 then; the highest ID alone, after all rows were removed. A counter that
 // somebody made a text is the integer from which SQLite goes on. A file in which no table has one has no list of them.
+// Rows below 1, which no device gives, are not shipped.
 Result<qint64> lastIdOf(const Database &database, const Stream &stream)
 {
-    const QByteArray highest = "ifnull((select max(ID) from " + identifier(stream.table) + "),0)";
+    const QByteArray highest = "max(0,ifnull((select max(ID) from " + identifier(stream.table) + "),0))";
     auto counter = database.prepare("select max(ifnull((select max(cast(seq as integer)) from sqlite_sequence "
                                     "where name=?1),0)," +
                                     highest + ')');
@@ -269,7 +270,9 @@ Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget
     const auto head = readHead(database, stream);
     if (!head)
         return head.error();
-    Piece piece{*head};
+    Piece piece;
+    piece.lastId = head->lastId;
+    piece.newest = head->newest;
     piece.stream = &stream;
     if (piece.lastId < stream.watermark)
         return piece; // another generation, to be judged first
@@ -285,17 +288,18 @@ Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget
 Result<QList<RowMark>> sampleRows(const Database &database, const Stream &stream, qint64 after, qint64 upTo, bool &all)
 {
     QList<RowMark> marks;
-    const double step = double(upTo - after) / mostSamples;
+    const qint64 step = (upTo - after) / mostSamples + 1;
     qint64 below = upTo;
+    qint64 spaced = upTo;
     all = true;
-    for (int i = 1; below > after; ++i) {
+    while (below > after) {
         const auto mark = newestUpTo(database, stream, below);
         if (!mark)
             return mark.error();
         if (!*mark || (*mark)->id <= after)
             break;
         marks.prepend(**mark);
-        const qint64 spaced = upTo - qint64(double(i) * step);
+        spaced = std::max(after, spaced - step);
         below = std::min((*mark)->id - 1, spaced);
         all &= below == (*mark)->id - 1;
     }

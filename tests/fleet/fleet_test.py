@@ -8,6 +8,7 @@ Long forms: DEVICE_FLEET_KILLS (20), DEVICE_FLEET_STOPS (3), DEVICE_FLEET_CUTS (
 DEVICE_FLEET_COMMITS (1000, of the faster of two devices).
 """
 import contextlib
+import json
 import os
 import random
 import shutil
@@ -370,6 +371,37 @@ class Short(Fleet):
         self.assertEqual({key[1]: row for key, row in found.items() if key[0] == 2},
                          {key: row for key, row in rows_of(store.path, "T1", "sample").items() if key not in first})
         self.assertEqual((len(found), self.archive.generations(1)), (300, 2))
+
+    def test_an_id_below_one_is_no_other_life(self):
+        for name, options in (("h", ""), ("c", " autoincrement")):
+            store = self.store(name)
+            store.run(f"create table T1(ID integer primary key{options},DATETIME dateTime,Value text)")
+            store.run("insert into T1 values(-5, '2024-05-06 07:08:09', '1')")
+        configuration = self.archive.device(1, {"h": self.stores[0], "c": self.stores[1]})
+        self.archive.ship("run", "--once", configuration)
+        for name, store in zip("hc", self.stores):
+            store.run("insert into T1 values(7, '2024-05-06 07:08:10', '2')")
+            store.run("update T1 set Value = '3' where ID < 0")
+        self.archive.ship("run", "--once", configuration)
+        for name, store in zip("hc", self.stores):
+            self.check(1, name, "T1", "sample", {1: {7: rows_of(store.path, "T1", "sample")[7]}})
+        self.assertEqual(self.archive.generations(1), 2)
+
+    def test_the_highest_id_that_there_can_be(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 100)
+        highest = 2 ** 63 - 1
+        store.run("insert into T1 values(?, '2024-05-06 07:08:09', '1')", (highest,))
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        with open(store.path + ".shipped", encoding="utf-8") as file:  # as far as any reader of JSON understands
+            self.assertEqual(json.load(file)["shipped"], {"T1": 2 ** 53})
+        former = rows_of(store.path, "T1", "sample")
+        store.run("update T1 set Value = '2' where ID = ?", (highest,))
+        self.archive.ship("run", "--once", configuration)
+        self.check(1, "h", "T1", "sample",
+                   {1: former, 2: {highest: rows_of(store.path, "T1", "sample")[highest]}})
 
     def test_rows_that_go_before_they_are_shipped_leave_a_gap(self):
         store = self.store("h")
@@ -868,6 +900,21 @@ class Short(Fleet):
         self.archive.ship("run", "--once", configuration)
         self.check_file(1, store, "h", "T1", "sample")
 
+    def test_a_file_takes_the_place_of_another_with_as_many_changes_of_its_tables(self):
+        store, other = self.store("h"), self.store("other")
+        store.table("T1", "sample")
+        store.table("T2", "sample")
+        store.run("drop table T2")
+        for table in ("T1", "T2", "T3"):
+            other.table(table, "sample")
+        other.samples("T2", 7)
+        self.start(self.archive.device(1, {"h": store}))
+        tables = "select name, wm from fleet.source join fleet.mark using (device, tbl) order by name"
+        self.until(lambda: self.archive.sql(tables) == [["T1", "0"]], "the first file was looked at")
+        time.sleep(2)  # and once more, because it has just been written
+        os.rename(other.path, store.path)
+        self.until(lambda: ["T2", "7"] in self.archive.sql(tables), "the other one was")
+
     def test_a_table_that_is_gone_is_told(self):
         stores = {"a": self.store("a"), "b": self.store("b"), "c": self.store("c")}
         for name, store in stores.items():
@@ -1223,6 +1270,21 @@ class Short(Fleet):
         self.archive.ship("run", "--once", self.archive.device(1, {"h": store}))
         with open(store.path + ".shipped", encoding="utf-8") as file:
             self.assertEqual(file.read(), '{"owner":"device-ship","shipped":{"T1":10},"version":1}')
+
+    def test_what_is_stated_is_of_the_kind_that_the_table_is_now(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 10)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        for kind, rows, stated in (("alarm", [alarm(i) for i in range(500)], 500),
+                                   ("sample", [("2024-05-06 07:08:09", "1")] * 20, 20)):
+            store.run("drop table T1")
+            store.table("T1", kind)
+            store.add("T1", rows)
+            self.archive.ship("run", "--once", configuration)
+            with open(store.path + ".shipped", encoding="utf-8") as file:
+                self.assertEqual(json.load(file)["shipped"], {"T1": stated})
 
     def test_nothing_is_stated_of_a_file_that_is_not_there(self):
         store = self.store("h")
