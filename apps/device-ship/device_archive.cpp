@@ -57,11 +57,12 @@ bool DeviceArchive::wasBehind() const
            (state == "23514" && m_connection.constraint().isEmpty());
 }
 
-// A cell that is too large for an index of the owner's is of the limits of the program.
+// A cell that is too large for an index of the owner's is of the limits of the program, as is a table's name. A device
+// may have so many tables.
 bool DeviceArchive::refusedRow() const
 {
     const QByteArray state = m_connection.sqlState();
-    return !wasBehind() && (state.startsWith("22") || state.startsWith("23") || state == "54000");
+    return !wasBehind() && (state.startsWith("22") || state.startsWith("23") || state == "54000" || state == "FL003");
 }
 
 Status DeviceArchive::call(const QByteArray &function, const QList<QByteArray> &parameters)

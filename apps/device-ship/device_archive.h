@@ -23,7 +23,7 @@ public:
     bool isOpen() const { return m_connection.isOpen(); }
     /// The archive has moved on since the streams were read, by another shipper or by an answer that was lost.
     bool wasBehind() const;
-    /// A row itself was refused.
+    /// A row, an end or a table itself was refused.
     bool refusedRow() const;
 
     /// Number, file, table, kind, generation, where it began, and watermark of each; the rest is empty.

@@ -58,8 +58,10 @@ Result<bool> shipOnce(const Configuration &configuration)
     Shipper shipper(configuration);
     for (bool more = true; more;) {
         const auto shipped = shipper.ship();
-        if (!shipped)
+        if (!shipped) {
+            (void)shipper.report(device_db::oneLine(shipped.error())); // where the archive can be reached, it says why
             return shipped.error();
+        }
         more = *shipped;
         if (more && shipper.wasDisturbed())
             std::this_thread::sleep_for(disturbed);
@@ -94,6 +96,7 @@ void shipAlways(const Configuration &configuration)
         }
         speaker.say(shipped ? shipper.trouble() : device_db::oneLine(shipped.error()));
         if (!shipped) {
+            (void)shipper.report(device_db::oneLine(shipped.error())); // where the archive can be reached
             // With some chance in it, so that a thousand devices do not come back in the same second.
             pause = std::min(longestPause, std::max(milliseconds(500), pause * 2));
             std::this_thread::sleep_for(pause / 2 +

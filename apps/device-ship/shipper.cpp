@@ -56,6 +56,7 @@ QString Shipper::trouble() const
         }
         for (const Aside &each : file->aside)
             all << each.trouble;
+        all << file->endTroubles.values();
     }
     return all.join(QLatin1String("; "));
 }
@@ -127,6 +128,9 @@ QString Shipper::troubleOfTables(const File &file) const
     if (!file.reader.keyless().isEmpty())
         all << QStringLiteral("%1: not shipped, because ID is no INTEGER PRIMARY KEY there: %2")
                    .arg(file.reader.path(), device_db::someOf(file.reader.keyless()));
+    if (!file.refused.isEmpty())
+        all << QStringLiteral("%1: not shipped, because the archive refuses them (%2): %3")
+                   .arg(file.reader.path(), file.refused.first(), device_db::someOf(file.refused.keys()));
     const QStringList there = file.reader.keyless() + namesOf(file.reader.tables());
     const QSet<QString> known(there.begin(), there.end());
     QStringList gone;
@@ -144,15 +148,19 @@ Status Shipper::enrolNew(File &file)
 {
     bool any = false;
     for (const device_db::Table &table : file.reader.tables()) {
-        if (streamOf(file, table))
+        if (streamOf(file, table) || file.refused.contains(table.name))
             continue;
         Stream stream;
         stream.file = file.reader.name();
         stream.table = table.name;
         stream.kind = table.kind;
-        if (const Status done = m_archive->enrol(stream); !done)
+        const Status done = m_archive->enrol(stream);
+        if (!done && m_archive->isOpen() && m_archive->refusedRow())
+            file.refused.insert(table.name, done.error().cause());
+        else if (!done)
             return done;
-        any = true;
+        else
+            any = true;
     }
     if (!any)
         return {};
@@ -232,10 +240,20 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
     if (left.rows == 0)
         file.rows = std::min(mostRowsOfFile, file.rows * 2);
     file.named &= !changed;
+    const bool judgeTables = changed || file.judged != m_timesRead;
+    if (judgeTables)
+        file.refused.clear();
     if (const Status enrolled = enrolNew(file); !enrolled)
         return enrolled.error();
-    if (changed || file.judged != m_timesRead) {
+    if (judgeTables) {
         file.tablesTrouble = troubleOfTables(file);
+        const QStringList there = namesOf(file.reader.tables());
+        for (const QString &table : file.aside.keys() + file.endTroubles.keys()) {
+            if (there.contains(table))
+                continue;
+            file.aside.remove(table);
+            file.endTroubles.remove(table);
+        }
         file.judged = m_timesRead;
     }
     if (!file.named) {
@@ -385,7 +403,7 @@ Status Shipper::carryOut(const QList<Piece> &pieces)
             stream.watermark = piece.lastId;
         }
         if (!piece.ends.isEmpty()) {
-            if (const Status done = m_archive->endAlarms(stream, piece.ends); !done)
+            if (const Status done = endAlarms(*fileOf(stream.file), stream, piece.ends); !done)
                 return done;
             for (const AlarmEnd &each : piece.ends)
                 stream.active.remove(each.id);
@@ -406,9 +424,31 @@ Status Shipper::carryOut(const QList<Piece> &pieces)
     return {};
 }
 
+// One end must not hold up the others: it is found by halving, and tried again when all are compared.
+Status Shipper::endAlarms(File &file, Stream &stream, const QList<AlarmEnd> &ends)
+{
+    const Status done = m_archive->endAlarms(stream, ends);
+    if (done || !m_archive->isOpen() || !m_archive->refusedRow())
+        return done;
+    if (ends.size() > 1) {
+        const auto half = ends.size() / 2;
+        const Status first = endAlarms(file, stream, ends.mid(0, half));
+        return first ? endAlarms(file, stream, ends.mid(half)) : first;
+    }
+    stream.refusedEnds << ends.first().id;
+    file.endTroubles.insert(stream.table,
+                            QStringLiteral("%1: the archive does not take the end of the alarm %2 of the table %3: %4")
+                                .arg(file.reader.path())
+                                .arg(ends.first().id)
+                                .arg(stream.table, done.error().cause()));
+    return {};
+}
+
 // An end that was corrected, or that came while nobody looked.
 Status Shipper::compareEnds(File &file, Stream &stream)
 {
+    stream.refusedEnds.clear();
+    file.endTroubles.remove(stream.table);
     qint64 after = 0;
     for (;;) {
         std::optional<QList<AlarmEnd>> ends;
@@ -427,14 +467,14 @@ Status Shipper::compareEnds(File &file, Stream &stream)
             return {}; // once the file was looked at again
         if (ends->isEmpty())
             break;
-        if (const Status done = m_archive->endAlarms(stream, *ends); !done)
+        if (const Status done = endAlarms(file, stream, *ends); !done)
             return done;
         after = ends->last().id;
     }
     const auto active = m_archive->activeAlarms(stream);
     if (!active)
         return active.error();
-    stream.active = *active;
+    stream.active = *active - stream.refusedEnds;
     stream.endsCompared = true;
     return {};
 }
@@ -465,7 +505,7 @@ void Shipper::refresh()
         stream->endsCompared = false;
 }
 
-Status Shipper::report()
+Status Shipper::report(const QString &failure)
 {
     m_moved = false;
     QList<Stream *> read;
@@ -494,7 +534,8 @@ Status Shipper::report()
     }
     if (!m_archive)
         return {};
-    const QString now = trouble();
+    const QString all = trouble();
+    const QString now = failure.isEmpty() || all.isEmpty() ? failure + all : failure + QStringLiteral("; ") + all;
     if (const Status done = m_archive->report(read, now); !done)
         return failed(done.error());
     m_reportedTrouble = now;

@@ -23,8 +23,9 @@ public:
 
     /// One batch, if there is something: of each file what fits. True if there is more.
     Result<bool> ship();
-    /// Tells the archive how far the files are, and the files how far the archive is.
-    Status report();
+    /// Tells the archive how far the files are, and the files how far the archive is. `failure`: what stops the
+    /// shipper.
+    Status report(const QString &failure = {});
     /// A file could not be read because the device wrote into it.
     bool wasDisturbed() const;
     /// There is something to report.
@@ -53,15 +54,17 @@ private:
         QString trouble;
         QString statementTrouble;
         QString tablesTrouble;
-        quint64 judged = 0;           ///< By the streams as they were read then.
-        int rows = 2000;              ///< What a read may take: less while reads are disturbed.
-        bool again = false;           ///< The last read was disturbed.
-        Clock::time_point still;      ///< When one last was not, or the first one was.
-        Clock::time_point written;    ///< As far as anybody said.
-        bool isQuiet = false;         ///< Read after that, and nothing is to come.
-        bool named = false;           ///< The names of its series are in the archive.
-        QMap<QString, qint64> stated; ///< In the file beside it.
-        QMap<QString, Aside> aside;   ///< By their names.
+        quint64 judged = 0;                 ///< By the streams as they were read then.
+        int rows = 2000;                    ///< What a read may take: less while reads are disturbed.
+        bool again = false;                 ///< The last read was disturbed.
+        Clock::time_point still;            ///< When one last was not, or the first one was.
+        Clock::time_point written;          ///< As far as anybody said.
+        bool isQuiet = false;               ///< Read after that, and nothing is to come.
+        bool named = false;                 ///< The names of its series are in the archive.
+        QMap<QString, qint64> stated;       ///< In the file beside it.
+        QMap<QString, Aside> aside;         ///< By their names.
+        QMap<QString, QString> refused;     ///< Tables that the archive does not take, and why.
+        QMap<QString, QString> endTroubles; ///< Of tables with an end that the archive does not take.
     };
 
     /// The row that a batch of one was refused for.
@@ -94,6 +97,7 @@ private:
     Result<std::optional<qint64>> lastShared(File &file, const Stream &stream, int generation, qint64 upTo);
     void narrow(const device::Error &error);
     Status carryOut(const QList<Piece> &pieces);
+    Status endAlarms(File &file, Stream &stream, const QList<AlarmEnd> &ends);
     Status compareEnds(File &file, Stream &stream);
     File *fileOf(const QString &name);
     Stream *streamOf(const File &file, const device_db::Table &table);

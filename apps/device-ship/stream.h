@@ -39,6 +39,7 @@ struct Stream {
     qint64 lastId = 0;            ///< The highest that the device has given.
 
     QSet<qint64> active;       ///< Alarms that have not ended as far as the archive knows.
+    QSet<qint64> refusedEnds;  ///< Alarms whose ends the archive does not take.
     bool endsCompared = false; ///< All ends were, in this run of the program or this hour.
     Clock::time_point seen{};  ///< When the active alarms were looked at last.
 };

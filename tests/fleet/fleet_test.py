@@ -915,6 +915,73 @@ class Short(Fleet):
         os.rename(other.path, store.path)
         self.until(lambda: ["T2", "7"] in self.archive.sql(tables), "the other one was")
 
+    def test_a_table_that_the_archive_refuses_does_not_stop_the_others(self):
+        store = self.store("h")
+        name = "".join(random.choice("abcdefghijklmnopqrstuvwxyz0123456789") for _ in range(6000))  # beyond an index
+        for table in (name, "T1"):
+            store.table(table, "sample")
+            store.samples(table, 10)
+        configuration = self.archive.device(1, {"h": store})
+        for _ in range(2):
+            done = self.archive.ship("run", "--once", configuration, check=False)
+            self.assertEqual(done.returncode, 3, done.stderr)
+            self.assertIn("h.db: not shipped, because the archive refuses them (index row", done.stderr)
+            self.assertIn("refuses", self.archive.sql("select trouble from fleet.device")[0][0])
+            self.check_file(1, store, "h", "T1", "sample")
+        store.run(f"drop table {name}")
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql("select * from fleet.device where trouble <> ''"), [])
+
+    def test_trouble_of_a_table_ends_with_it(self):
+        store = self.store("h")
+        for table in ("T1", "T2"):
+            store.table(table, "sample")
+            store.samples(table, 10)
+        self.archive.sql("alter table fleet.sample add constraint mine check (id <> 3 or tbl <> 1)")
+        self.start(self.archive.device(1, {"h": store}))
+        trouble = "select trouble from fleet.device"
+        self.until(lambda: "row 3 of the table T1" in str(self.archive.sql(trouble)), "the table is put aside")
+        store.run("drop table T1")
+        gone = [[f"{store.path}: shipped until now, and gone or with other columns: T1"]]
+        self.until(lambda: self.archive.sql(trouble) == gone, "it is gone, and nothing else")
+
+    def test_an_end_that_the_archive_refuses_does_not_stop_the_others(self):
+        store, other = self.store("a"), self.store("h")
+        store.table("AlarmData", "alarm")
+        store.add("AlarmData", [alarm(i) for i in range(10)])
+        other.table("T1", "sample")
+        configuration = self.archive.device(1, {"a": store, "h": other})
+        self.archive.ship("run", "--once", configuration)
+        self.archive.sql("alter table fleet.alarm add constraint mine check (length(end_time) <= 10)")
+        store.run("update AlarmData set EndDate = '2024/05/06', EndTime = '08:00:00' || ID where ID % 2 = 0")
+        store.run("update AlarmData set EndTime = EndTime || ' too long' where ID = 4")
+        other.samples("T1", 9000)
+        for _ in range(2):
+            done = self.archive.ship("run", "--once", configuration, check=False)
+            self.assertEqual(done.returncode, 3, done.stderr)
+            self.assertIn("a.db: the archive does not take the end of the alarm 4 of the table AlarmData: new row",
+                          done.stderr)
+            self.assertIn("mine", self.archive.sql("select trouble from fleet.device")[0][0])
+            self.assertEqual(self.archive.sql("select id from fleet.alarm where end_time <> '' order by id"),
+                             [["2"], ["6"], ["8"], ["10"]])
+            self.check_file(1, other, "h", "T1", "sample")
+        self.archive.sql("alter table fleet.alarm drop constraint mine")
+        self.archive.ship("run", "--once", configuration)
+        self.check_file(1, store, "a", "AlarmData", "alarm")
+
+    def test_what_stops_a_run_is_in_the_archive(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 10)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.sql("revoke execute on function fleet.enrol from fleet_device")
+        done = self.archive.ship("run", "--once", configuration, check=False)
+        self.assertEqual(done.returncode, 1, done.stderr)
+        self.assertIn("permission denied", self.archive.sql("select trouble from fleet.device")[0][0])
+        self.archive.sql("grant execute on function fleet.enrol to fleet_device")
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql("select * from fleet.device where trouble <> ''"), [])
+
     def test_a_table_that_is_gone_is_told(self):
         stores = {"a": self.store("a"), "b": self.store("b"), "c": self.store("c")}
         for name, store in stores.items():
