@@ -98,7 +98,7 @@ Result<std::optional<Shipper::Shared>> Shipper::lastShared(File &file, const Pie
     const Stream &stream = *piece.stream;
     Shared last{stream.generation, 0};
     for (int generation = stream.generation; generation > 0; --generation) {
-        const auto shared = lastShared(file, stream, generation, piece.lastId);
+        const auto shared = lastSharedWith(file, stream, generation, piece.lastId);
         if (!shared)
             return shared.error();
         if (!*shared)
@@ -111,7 +111,7 @@ Result<std::optional<Shipper::Shared>> Shipper::lastShared(File &file, const Pie
 
 // The highest ID up to which the rows of the file are those of a generation, 0 for none: the two have parted once, so
 // some rows say between which of them to look on.
-Result<std::optional<qint64>> Shipper::lastShared(File &file, const Stream &stream, int generation, qint64 upTo)
+Result<std::optional<qint64>> Shipper::lastSharedWith(File &file, const Stream &stream, int generation, qint64 upTo)
 {
     qint64 shared = 0;
     for (;;) {

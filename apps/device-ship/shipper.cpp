@@ -76,7 +76,8 @@ Status Shipper::failed(const device::Error &error)
     return behind ? Status() : error;
 }
 
-Status Shipper::connect()
+// Connects if need be, and asks where the archive is if that is not known.
+Status Shipper::haveStreams()
 {
     if (!m_archive) {
         auto archive = DeviceArchive::open(m_configuration.archive, m_configuration.zone);
@@ -166,7 +167,7 @@ Status Shipper::enrolNew(File &file)
         return {};
     file.named = false;
     m_haveStreams = false;
-    return connect();
+    return haveStreams();
 }
 
 Status Shipper::describe(File &file)
@@ -199,7 +200,6 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
 {
     QList<Piece> pieces;
     Budget left = budget;
-    const QByteArray refusal = m_refused.file == file.reader.name() ? m_refused.why : QByteArray();
     bool changed = false;
     const auto done = file.reader.tryRead([&](const Database &database) -> Status {
         const auto tables = file.reader.tablesChanged(database);
@@ -211,9 +211,7 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
             Stream *const stream = streamOf(file, table);
             if (!stream || Clock::now() < file.aside.value(table.name).until)
                 continue;
-            left.refusal = m_refused.table == table.name ? refusal : QByteArray();
-            left.refused = m_refused.id;
-            auto piece = readPiece(database, *stream, left);
+            auto piece = readPiece(database, *stream, left, m_refused);
             if (!piece)
                 return piece.error();
             pieces << std::move(piece).value();
@@ -267,7 +265,7 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
 Result<std::optional<Shipper::Round>> Shipper::lookAtAll()
 {
     Round round;
-    Budget budget{m_mostRows, mostBytes, {}, 0};
+    Budget budget{m_mostRows, mostBytes};
     for (std::size_t i = 0; i < m_files.size(); ++i) {
         if (budget.rows <= 0 || budget.bytes <= 0) {
             round.more = true; // the next transaction begins with another file
@@ -303,8 +301,8 @@ Result<std::optional<Shipper::Round>> Shipper::lookAtAll()
 
 Result<bool> Shipper::shipRound()
 {
-    if (const Status connected = connect(); !connected)
-        return connected.error();
+    if (const Status have = haveStreams(); !have)
+        return have.error();
     const auto round = lookAtAll();
     if (!round)
         return round.error();

@@ -67,20 +67,12 @@ private:
         QMap<QString, QString> endTroubles; ///< Of tables with an end that the archive does not take.
     };
 
-    /// The row that a batch of one was refused for.
-    struct Refused {
-        QString file;
-        QString table;
-        qint64 id = 0;
-        QByteArray why; ///< Not empty: it is sent without its cells.
-    };
-
     struct Round {
         QList<Piece> pieces;
         bool more = false; ///< There is more than was taken, or could be read.
     };
 
-    Status connect();
+    Status haveStreams();
     Result<std::optional<Round>> lookAtAll();
     Result<bool> shipRound();
     Result<QList<Piece>> look(File &file, Budget &budget);
@@ -94,7 +86,7 @@ private:
         qint64 after = 0;
     };
     Result<std::optional<Shared>> lastShared(File &file, const Piece &piece);
-    Result<std::optional<qint64>> lastShared(File &file, const Stream &stream, int generation, qint64 upTo);
+    Result<std::optional<qint64>> lastSharedWith(File &file, const Stream &stream, int generation, qint64 upTo);
     void narrow(const device::Error &error);
     Status carryOut(const QList<Piece> &pieces);
     Status endAlarms(File &file, Stream &stream, const QList<AlarmEnd> &ends);

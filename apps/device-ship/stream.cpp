@@ -131,7 +131,7 @@ Result<std::optional<RowMark>> newestUpTo(const Database &database, const Stream
     return std::optional<RowMark>(RowMark{encoder.id(), encoder.digest()});
 }
 
-device::Status readNew(const Database &database, Piece &piece, Budget &budget)
+device::Status readNew(const Database &database, Piece &piece, Budget &budget, const Refused &refused)
 {
     const Stream &stream = *piece.stream;
     qint64 last = stream.watermark;
@@ -149,12 +149,13 @@ device::Status readNew(const Database &database, Piece &piece, Budget &budget)
         piece.more = piece.lastId > last;
         return {};
     }
-    const auto next = budget.refusal.isEmpty() ? Result<qint64>(0) : nextId(database, stream, last);
+    const bool anyRefused = !refused.why.isEmpty() && refused.file == stream.file && refused.table == stream.table;
+    const auto next = anyRefused ? nextId(database, stream, last) : Result<qint64>(0);
     if (!next)
         return next.error();
-    if (!budget.refusal.isEmpty() && *next == budget.refused) {
+    if (anyRefused && *next == refused.id) {
         RowEncoder encoder(stream.kind);
-        if (const auto id = readByCells(database, stream, last, budget.refusal, encoder); !id)
+        if (const auto id = readByCells(database, stream, last, refused.why, encoder); !id)
             return id.error();
         take(encoder);
         piece.more = true;
@@ -265,7 +266,7 @@ Result<Head> readHead(const Database &database, const Stream &stream)
     return Head{*lastId, *newest};
 }
 
-Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget)
+Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget, const Refused &refused)
 {
     const auto head = readHead(database, stream);
     if (!head)
@@ -280,7 +281,7 @@ Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget
         if (const auto status = readActive(database, piece); !status)
             return status.error();
     }
-    if (const auto status = readNew(database, piece, budget); !status)
+    if (const auto status = readNew(database, piece, budget, refused); !status)
         return status.error();
     return piece;
 }

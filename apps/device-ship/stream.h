@@ -74,8 +74,14 @@ struct Piece : Head {
 struct Budget {
     int rows = 0;
     qint64 bytes = 0;
-    QByteArray refusal; ///< Not empty: why the archive takes nothing of the row `refused`.
-    qint64 refused = 0;
+};
+
+/// The row that a batch of one was refused for.
+struct Refused {
+    QString file;
+    QString table;
+    qint64 id = 0;
+    QByteArray why; ///< Not empty: it is sent without its cells.
 };
 
 /// Gives the rows with IDs above `after` and up to `upTo` to `take`, until that returns false; whether it did. Of a
@@ -86,7 +92,8 @@ device::Result<bool> readRows(const device_db::Database &database, const Stream 
 device::Result<Head> readHead(const device_db::Database &database, const Stream &stream);
 
 /// Reads what is new in a stream's table. The budget becomes smaller.
-device::Result<Piece> readPiece(const device_db::Database &database, Stream &stream, Budget &budget);
+device::Result<Piece> readPiece(const device_db::Database &database, Stream &stream, Budget &budget,
+                                const Refused &refused);
 
 /// The rows of a stream with IDs above `after` and up to `upTo`: some of them, spread evenly, the newest among them.
 /// `all`: those are all.
