@@ -91,9 +91,17 @@ Status Shipper::haveStreams()
     const auto streams = m_archive->streams();
     if (!streams)
         return streams.error();
-    m_streams.clear();
+    const auto former = std::exchange(m_streams, {});
     for (const Stream &each : *streams) {
         m_streams.push_back(std::make_unique<Stream>(each));
+        // A row that was found to be the generation's stays so. A table that is put aside is not judged anew.
+        const auto same = std::find_if(former.begin(), former.end(), [&](const auto &stream) {
+            return stream->number == each.number && stream->generation == each.generation;
+        });
+        if (same != former.end()) {
+            m_streams.back()->known = (*same)->known;
+            m_streams.back()->isOwn = (*same)->isOwn;
+        }
         if (each.kind != Kind::Alarms)
             continue;
         const auto active = m_archive->activeAlarms(each);

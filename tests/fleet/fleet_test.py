@@ -858,6 +858,19 @@ class Short(Fleet):
                 self.check_file(1, store, name, table, "sample")
         self.assertEqual(self.archive.sql("select count(*) from fleet.sample where odd is not null"), [["0"]])
 
+    def test_ends_of_a_table_that_is_put_aside_arrive(self):
+        store = self.store("a")
+        store.table("AlarmData", "alarm")
+        store.add("AlarmData", [alarm(1, end_date="2024/05/06", end_time="08:00:00"), alarm(2)])
+        configuration = self.archive.device(1, {"a": store})
+        self.archive.ship("run", "--once", configuration)
+        self.archive.sql("alter table fleet.alarm add check (id <> 3)")
+        store.add("AlarmData", [alarm(3)])
+        store.run("update AlarmData set EndDate = '2024/05/06', EndTime = '09:00:00' where ID < 3")
+        self.assertEqual(self.archive.ship("run", "--once", configuration, check=False).returncode, 3)
+        self.assertEqual(self.archive.sql("select id, end_time from fleet.alarm order by id"),
+                         [["1", "09:00:00"], ["2", "09:00:00"]])
+
     def test_rows_that_the_archive_has_above_a_watermark_stop_their_table_alone(self):
         store = self.store("h")
         for table in ("T1", "T2"):
