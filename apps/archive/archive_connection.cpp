@@ -118,6 +118,13 @@ QByteArray ArchiveConnection::database() const
     return PQdb(m_connection.get());
 }
 
+Result<QByteArray> ArchiveConnection::identity()
+{
+    const auto answer = query("select system_identifier || ' ' || oid from pg_control_system(), pg_database"
+                              " where datname = current_database()");
+    return answer ? Result<QByteArray>(answer->first().first()) : answer.error();
+}
+
 Error ArchiveConnection::error(const pg_result *answer)
 {
     const char *const state = answer ? PQresultErrorField(answer, PG_DIAG_SQLSTATE) : nullptr;

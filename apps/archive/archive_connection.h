@@ -51,6 +51,8 @@ public:
     QByteArray constraint() const { return m_constraint; }
     bool isOpen() const;
     QByteArray database() const;
+    /// Which server's which database this is, however it is named: two connections to one have the same.
+    Result<QByteArray> identity();
 
 private:
     struct Close {

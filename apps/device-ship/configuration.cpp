@@ -97,6 +97,8 @@ Result<QByteArray> passwordFrom(const QString &path)
         line.chop(1);
     if (line.isEmpty())
         return failure(path, QStringLiteral("its first line is empty; write the password there"));
+    if (line.contains('\0'))
+        return failure(path, QStringLiteral("a zero byte is in the password; write it as text"));
     return line;
 }
 

@@ -21,6 +21,7 @@ public:
     static Result<DeviceArchive> open(const QMap<QByteArray, QByteArray> &settings, const QString &zone);
 
     bool isOpen() const { return m_connection.isOpen(); }
+    Result<QByteArray> identity() { return m_connection.identity(); }
     /// The archive has moved on since the streams were read, by another shipper or by an answer that was lost.
     bool wasBehind() const;
     /// A row, an end or a table itself was refused.

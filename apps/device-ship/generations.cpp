@@ -9,8 +9,9 @@ namespace device_ship
 using device_db::Database;
 
 // Whether the archive's generation is still that of the file. That a row is gone proves nothing; that its cells differ
-// which no device changes, or that the counter of the IDs fell, does. Only a row of its own proves that it is: before
-// the first one arrives, or after the last one went, the rows that follow may be those of a former life.
+// which no device changes, that it is one which the archive passed over, or that the counter of the IDs fell, does.
+// Only a row of its own proves that it is: before the first one arrives, or after the last one went, the rows that
+// follow may be those of a former life.
 Result<bool> Shipper::continues(File &file, const Piece &piece)
 {
     Stream &stream = *piece.stream;
@@ -23,11 +24,11 @@ Result<bool> Shipper::continues(File &file, const Piece &piece)
         const auto judged = judge(file, stream, *piece.newest, same);
         if (!judged || !*judged)
             return judged;
-        if (same.value_or(true)) {
+        if (same == false) {
+            reason = "row " + QByteArray::number(piece.newest->id) + " is not the archive's";
+        } else {
             stream.known = piece.newest;
             stream.isOwn = same.has_value() && piece.newest->id > stream.after;
-        } else {
-            reason = "row " + QByteArray::number(piece.newest->id) + " is another one";
         }
     }
     const bool isProven = piece.newest && stream.isOwn;
@@ -51,8 +52,9 @@ Result<bool> Shipper::continues(File &file, const Piece &piece)
 }
 
 // Whether a row of the file is the archive's: nothing where neither the row says so nor, if the archive no longer keeps
-// its month, the digest of its batch, of which the file must still have all. False if the file cannot be read now, or
-// has changed.
+// its month, the digest of its batch, of which the file must still have all. A row that the archive has passed over, in
+// a gap, is not. Where it refused the row's cells, the rows before it say. False if the file cannot be read now, or has
+// changed.
 Result<bool> Shipper::judge(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same)
 {
     const auto judged = m_archive->judge(stream, stream.generation, {row});
@@ -66,7 +68,7 @@ Result<bool> Shipper::judge(File &file, const Stream &stream, const RowMark &row
     if (!batch)
         return batch.error();
     if (!*batch)
-        return true;
+        return judgeByOthers(file, stream, row, same);
     qint64 rows = 0;
     qint64 digest = 0;
     bool isThere = false; // or the file is another one by now
@@ -89,6 +91,40 @@ Result<bool> Shipper::judge(File &file, const Stream &stream, const RowMark &row
         return false;
     if (rows == (*batch)->rows)
         same = digest == (*batch)->digest;
+    return true;
+}
+
+Result<bool> Shipper::judgeByOthers(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same)
+{
+    const auto archived = m_archive->rangeDigest(stream, row.id, row.id);
+    if (!archived)
+        return archived.error();
+    if (archived->first == 0) {
+        const auto droppedTo = m_archive->droppedTo(stream);
+        if (!droppedTo)
+            return droppedTo.error();
+        if (row.id > *droppedTo)
+            same = false;
+        return true;
+    }
+    QList<RowMark> rows;
+    const Status read = file.reader.read([&](const Database &database) -> Status {
+        bool all = false;
+        auto found = sampleRows(database, stream, 0, row.id - 1, all);
+        if (!found)
+            return found.error();
+        rows = *found;
+        return {};
+    });
+    if (!read) {
+        file.trouble = device_db::oneLine(read.error());
+        return false;
+    }
+    const auto judged = m_archive->judge(stream, stream.generation, rows);
+    if (!judged)
+        return judged.error();
+    if (judged->values().contains(false))
+        same = false;
     return true;
 }
 

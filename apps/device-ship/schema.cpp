@@ -98,9 +98,20 @@ Status addDevice(ArchiveConnection &archive, int number, const QString &name, co
         secret = *encrypted;
     }
     return alone(archive, [&]() -> Status {
-        const auto known = archive.query("select from pg_roles where rolname = $1", {role});
+        // A role that somebody made for something else keeps what it may do.
+        const auto known = archive.query(
+            "select rolsuper or rolcreaterole or rolcreatedb or rolreplication or rolbypassrls or exists ("
+            "    select from pg_auth_members where member = r.oid and roleid <> 'fleet_device'::regrole)"
+            " from pg_roles r where rolname = $1",
+            {role});
         if (!known)
             return known.error();
+        if (!known->isEmpty() && known->first().first() == "t")
+            return device_db::failure(
+                QStringLiteral("archive"),
+                QStringLiteral("the role %1 exists and may do more than a device; drop it, or take "
+                               "away what it may do and its memberships")
+                    .arg(QString::fromLatin1(role)));
         QByteArray sql;
         if (known->isEmpty())
             sql += "create role " + role + ";";

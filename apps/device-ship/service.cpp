@@ -56,6 +56,7 @@ void complain(const QString &line)
 Result<bool> shipOnce(const Configuration &configuration)
 {
     Shipper shipper(configuration);
+    auto reported = Clock::now();
     for (bool more = true; more;) {
         const auto shipped = shipper.ship();
         if (!shipped) {
@@ -63,11 +64,16 @@ Result<bool> shipOnce(const Configuration &configuration)
             return shipped.error();
         }
         more = *shipped;
+        if (more && Clock::now() - reported >= betweenReports) {
+            reported = Clock::now();
+            if (const Status status = shipper.report(); !status)
+                return status.error();
+        }
         if (more && shipper.wasDisturbed())
             std::this_thread::sleep_for(disturbed);
     }
-    if (const Status reported = shipper.report(); !reported)
-        return reported.error();
+    if (const Status done = shipper.report(); !done)
+        return done.error();
     if (!shipper.trouble().isEmpty())
         complain(shipper.trouble());
     return shipper.trouble().isEmpty();

@@ -81,6 +81,7 @@ private:
     Status describe(File &file);
     Result<bool> continues(File &file, const Piece &piece);
     Result<bool> judge(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same);
+    Result<bool> judgeByOthers(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same);
     struct Shared {
         int generation = 0;
         qint64 after = 0;

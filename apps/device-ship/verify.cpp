@@ -271,6 +271,19 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
     auto archive = DeviceArchive::open(configuration.archive, configuration.zone);
     if (!archive)
         return archive.error();
+    if (owner) {
+        const auto verified = archive->identity();
+        if (!verified)
+            return verified.error();
+        const auto repaired = owner->identity();
+        if (!repaired)
+            return repaired.error();
+        if (*verified != *repaired)
+            return device_db::failure(
+                QStringLiteral("archive"),
+                QStringLiteral("--repair-as names another archive than the configuration; nothing "
+                               "was verified"));
+    }
     const auto streams = archive->streams();
     if (!streams)
         return streams.error();

@@ -11,6 +11,7 @@ import contextlib
 import json
 import os
 import random
+import resource
 import shutil
 import signal
 import socket
@@ -420,6 +421,81 @@ class Short(Fleet):
         self.archive.ship("run", "--once", configuration)
         self.assertEqual(len(self.archive.gaps(1)), 5)
         self.assertEqual(self.archive.generations(1), 2)
+
+    def test_a_table_that_begins_anew_after_a_gap(self):
+        for copied in (False, True):  # the rows of the gap come back, or others
+            with self.subTest(copied=copied):
+                device = self.archive.sql("select count(*) + 1 from fleet.device")[0][0]
+                store = self.store(f"h{device}")
+                store.table("T1", "sample")
+                store.samples("T1", 10)
+                configuration = self.archive.device(device, {"h": store})
+                self.archive.ship("run", "--once", configuration)
+                first = rows_of(store.path, "T1", "sample")
+                store.samples("T1", 3)
+                shutil.copy(store.path, store.path + ".old")
+                store.run("delete from T1 where ID > 10")
+                self.archive.ship("run", "--once", configuration)
+                if copied:
+                    store.close()
+                    os.replace(store.path + ".old", store.path)
+                    store = self.store(f"h{device}")
+                    store.samples("T1", 4)
+                    after = 10
+                else:
+                    self.begin_anew(store, "T1")
+                    store.samples("T1", 20, 5000)
+                    after = 0
+                self.archive.ship("run", "--once", configuration)
+                second = {key: row for key, row in rows_of(store.path, "T1", "sample").items() if key > after}
+                self.check(device, "h", "T1", "sample", {1: first, 2: second})
+                self.assertEqual(self.archive.generations(device), 2)
+                self.archive.ship("verify", configuration)
+
+    def test_a_refused_row_is_no_proof(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 10)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        first = rows_of(store.path, "T1", "sample")
+        self.archive.sql("alter table fleet.sample add constraint strict check (val is distinct from 'poison')")
+        store.run("insert into T1(DATETIME,Value) values('2024-05-06 07:00:00','poison')")
+        self.archive.ship("run", "--once", configuration)
+        store.samples("T1", 5)
+        store.run("delete from T1 where ID > 11")  # the refused row is the newest again
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.generations(1), 1)
+        self.begin_anew(store, "T1")
+        store.samples("T1", 20, 5000)
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.generations(1), 2)
+        found = self.archive.rows(1, "h", "T1", "sample")
+        second = rows_of(store.path, "T1", "sample")
+        self.assertEqual({key[1]: row for key, row in found.items() if key[0] == 2}, second)
+        self.assertEqual({key: found[(1, key)] for key in first}, first)
+
+    def test_a_statement_that_the_disk_does_not_hold(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 100)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        with open(store.path + ".shipped", encoding="utf-8") as statement:
+            before = statement.read()
+        store.samples("T1", 10)
+
+        def fill():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (10, 10))
+
+        done = subprocess.run([PROGRAM, "run", "--once", configuration], stderr=subprocess.PIPE, text=True,
+                              preexec_fn=fill, timeout=DEADLINE)
+        self.assertIn("h.db.shipped: it cannot be written", done.stderr)
+        self.assertEqual(done.returncode, 3)
+        with open(store.path + ".shipped", encoding="utf-8") as statement:
+            self.assertEqual(statement.read(), before)
+        self.check_file(1, store, "h", "T1", "sample")
 
     def test_an_old_file_that_is_put_back(self):
         for journal in ("delete", "wal"):
@@ -1233,6 +1309,32 @@ class Short(Fleet):
         self.check(1, "h", "T1", "sample", {1: former, 2: second, 3: {
             key: row for key, row in rows_of(store.path, "T1", "sample").items() if key > 3100}})
 
+    def test_verify_repairs_no_other_archive(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 20)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.archive.sql("update fleet.sample set val = 'wrong' where id = 7")
+        other = Archive(self.cluster, PROGRAM, self.archive.name + "_other")
+        done = self.archive.ship("verify", configuration, "--repair-as", self.cluster.conninfo(other.name), check=False)
+        self.assertEqual((done.returncode, done.stdout), (1, ""))
+        self.assertIn("--repair-as names another archive", done.stderr)
+        self.archive.ship("verify", configuration, "--repair-as", self.cluster.conninfo(self.archive.name))
+        self.check_file(1, store, "h", "T1", "sample")
+
+    def test_a_role_that_may_do_more_becomes_no_device(self):
+        add = ("add-device", "--archive", self.cluster.conninfo(self.archive.name))
+        for number, role in enumerate(("superuser", "createrole", "bypassrls", "in role fleet_owner",
+                                       "in role pg_read_all_data"), 900):
+            self.archive.sql(f"create role dev_{number} login {role}")
+            done = self.archive.ship(*add, str(number), check=False)
+            self.archive.sql(f"drop role dev_{number}")
+            self.assertEqual(done.returncode, 1, role)
+            self.assertIn(f"dev_{number} exists and may do more than a device", done.stderr)
+        self.archive.sql("create role dev_900 nologin")
+        self.archive.ship(*add, "900")
+
     def test_verify_leaves_an_end_that_a_shipper_brings_beside_it(self):
         store = self.store("a", "wal")
         store.table("AlarmData", "alarm")
@@ -1476,6 +1578,9 @@ class Short(Fleet):
 
     def test_wrong_configurations_are_named(self):
         path = os.path.join(self.archive.folder, "wrong.conf")
+        zero = os.path.join(self.archive.folder, "zero")
+        with open(zero, "wb") as file:
+            file.write(b"a\0b\n")
         good = {"archive/conninfo": "host=/nowhere dbname=x", "device/number": "1", "device/zone": "UTC",
                 "files/h": "/nowhere.db"}
         for key, value, message in (
@@ -1483,7 +1588,7 @@ class Short(Fleet):
                 ("archive/conninfo", "host=/nowhere user=other", "the role of device 1 is dev_1"),
                 ("archive/conninfo", "nonsense", "cannot be read"), ("device/number", "seven", "device/number"),
                 ("device/zone", "", "device/zone"), ("archive/password-file", "/no\x1bwhere", "/no\u241bwhere"),
-                ("archive/password-file", "/tmp", "s a directory"),
+                ("archive/password-file", "/tmp", "s a directory"), ("archive/password-file", zero, "a zero byte"),
                 ("device/zone", "UTC", "No such file or directory")):
             with self.subTest(message):
                 with open(path, "w", encoding="utf-8") as file:
