@@ -820,7 +820,7 @@ test('a browser prints the view that is shown, and what was printed before is go
     await session.tab('alarms');
     await session.settled();
     await press(session, 'Print');
-    await session.page.waitForSelector('#paper td', {hidden: true});
+    assert.ok(await soon(() => session.page.$('#paper td')));
     await session.page.emulateMediaType('print');
     assert.deepEqual([await isSeen('#paper table'), await isSeen('#view-alarms')], [true, false]);
     await session.page.evaluate(() => dispatchEvent(new Event('afterprint')));
