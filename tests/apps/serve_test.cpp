@@ -5,6 +5,7 @@
 #include "served_tool.h"
 #include "writing_device.h"
 
+#include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -42,8 +43,17 @@ TEST_F(Serve, GivesThePageToWhoHasTheAddress)
     make("a.db"_q, samples);
     serve({"a.db"_q});
     const HttpReply first = exchange("GET /?token=" + token() + " HTTP/1.1\r\n" + host() + "\r\n");
-    EXPECT_EQ(first.status, 303);
-    EXPECT_EQ(first.header("Location"), "/");
+    // Not a redirect: a browser sends no strict cookie with one that a link of another site began.
+    EXPECT_EQ(first.status, 200);
+    EXPECT_EQ(first.header("Content-Type"), "text/html; charset=utf-8");
+    EXPECT_EQ(first.header("Referrer-Policy"), "no-referrer");
+    EXPECT_EQ(first.header("Cache-Control"), "no-store");
+    EXPECT_FALSE(first.body.contains(token()));
+    const auto script = QRegularExpression("<script>(.*)</script>"_q).match(QString::fromUtf8(first.body)).captured(1);
+    const QByteArray hash = QCryptographicHash::hash(script.toUtf8(), QCryptographicHash::Sha256).toBase64();
+    EXPECT_TRUE(script.contains("location.replace('/' + location.hash)"_q)) << first.body.constData();
+    EXPECT_TRUE(first.header("Content-Security-Policy").contains("default-src 'none'"));
+    EXPECT_TRUE(first.header("Content-Security-Policy").contains("script-src 'sha256-" + hash + "'"));
     EXPECT_EQ(first.header("Set-Cookie") + "\r\n",
               cookie().mid(8).chopped(2) + "; Path=/; HttpOnly; SameSite=Strict\r\n");
     const HttpReply page = get("/");

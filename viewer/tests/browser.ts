@@ -130,6 +130,7 @@ export class Session {
             });
         }
         await page.goto((options.served ?? pathToFileURL(viewer)).href);
+        await page.waitForFunction(() => location.search === ''); // the address with a token leads there
         return session;
     }
 

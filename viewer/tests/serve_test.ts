@@ -101,6 +101,20 @@ for (const mode of ['wal', 'delete']) {
     });
 }
 
+test('a link of another site leads to the page, with its view', {skip: reason}, async () => {
+    using folder = new Folder();
+    const file = join(folder.path, 'plant.db');
+    spawnSync('sqlite3', [file], {input: `pragma journal_mode=wal;begin;${plant.join(';')};commit;`});
+    await using server = await Server.start(file);
+    await using session = await Session.start('chrome', {served: server.address});
+    await session.page.goto('about:blank');
+    await session.page.setContent(`<a href="${server.address.href}#tab=log">the device</a>`);
+    await session.page.click('a');
+    await session.page.waitForSelector('#view-log:not([hidden]) .rows .row');
+    assert.equal(new URL(session.page.url()).search, '');
+    assert.deepEqual(session.faults, []);
+});
+
 test('a new row reaches the screen beside fifty other listeners', {skip: reason}, async () => {
     using folder = new Folder();
     const file = join(folder.path, 'plant.db');

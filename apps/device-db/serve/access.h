@@ -19,7 +19,7 @@ public:
 
     enum class Verdict {
         Allowed,
-        GiveCookie, ///< The token was in the address: answer with cookie() and lead to "/".
+        GiveCookie, ///< The token was in the address: answer with cookie() and a page that leads to "/".
         WrongMethod,
         WrongHost,
         WrongOrigin,

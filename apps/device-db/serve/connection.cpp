@@ -19,8 +19,6 @@ const char *reasonOf(int status)
     switch (status) {
     case 200:
         return "OK";
-    case 303:
-        return "See Other";
     case 400:
         return "Bad Request";
     case 403:

@@ -3,6 +3,8 @@
 
 #include "serve/page.h"
 
+#include <QCryptographicHash>
+
 #include <algorithm>
 
 namespace device_db
@@ -19,6 +21,7 @@ constexpr auto heartbeatEvery = 15s;    // a page that hears nothing for much lo
 constexpr qint64 mostWaiting = 1 << 20; // bytes that a client has not taken: it gets nothing more that can be left out
 
 const QByteArray plainText("text/plain; charset=utf-8");
+const QByteArray htmlText("text/html; charset=utf-8");
 const QByteArray jsonText("application/json");
 
 // Nothing but the page has scripts; the page has a policy of its own, by which each of its scripts is known.
@@ -26,6 +29,9 @@ const QList<QByteArray> nothingAllowed{
     "Content-Security-Policy: default-src 'none'; frame-ancestors 'none'; base-uri 'none'; form-action 'none'"};
 const QList<QByteArray> pageAllowed{"Content-Security-Policy: connect-src 'self'; object-src 'none'; frame-ancestors "
                                     "'none'; base-uri 'none'; form-action 'none'"};
+
+// Leads to the page, with the view that the address has after its '#'.
+const QByteArray leadToPage("location.replace('/' + location.hash)");
 
 HttpAnswer refusal(int status, const QByteArray &words)
 {
@@ -40,6 +46,17 @@ HttpAnswer json(int status, const QByteArray &body)
 QByteArray errorLine(const Error &error)
 {
     return Json().beginObject().key("error").text(oneLine(error)).endObject().written();
+}
+
+// Gives the cookie and leads to the page from one of ours. A redirect would not do: when a link of another site began
+// it, a browser sends no strict cookie with it.
+HttpAnswer welcome(const QByteArray &cookie)
+{
+    const QByteArray hash = QCryptographicHash::hash(leadToPage, QCryptographicHash::Sha256).toBase64();
+    return {200,
+            htmlText,
+            "<!doctype html><title>Device records</title><script>" + leadToPage + "</script>\n",
+            {nothingAllowed.first() + "; script-src 'sha256-" + hash + "'", "Set-Cookie: " + cookie}};
 }
 
 // The page in the file asks nobody; the one that is served asks its server.
@@ -123,9 +140,7 @@ void Server::handle(Client &client, const HttpRequest &request)
     case Access::Verdict::Allowed:
         return route(client, request);
     case Access::Verdict::GiveCookie:
-        return connection.answer(
-            {303, plainText, "/\n",
-             nothingAllowed + QList<QByteArray>{"Location: /", "Set-Cookie: " + m_access.cookie(request)}});
+        return connection.answer(welcome(m_access.cookie(request)));
     case Access::Verdict::WrongMethod:
         return connection.answer(
             {405, plainText, "Only GET is answered here.\n", nothingAllowed + QList<QByteArray>{"Allow: GET"}});
@@ -146,7 +161,7 @@ void Server::route(Client &client, const HttpRequest &request)
     const bool isBare = request.query.isEmpty();
     if (request.path == "/" && isBare)
         return connection.answer(m_page.isEmpty() ? refusal(503, noPage)
-                                                  : HttpAnswer{200, "text/html; charset=utf-8", m_page, pageAllowed});
+                                                  : HttpAnswer{200, htmlText, m_page, pageAllowed});
     if (request.path == "/api/open" && isBare)
         return connection.answer(json(200, m_files->open()));
     if (request.path == "/api/tables" && isBare)
