@@ -83,7 +83,6 @@ TEST_F(Serve, RefusesEverybodyElse)
     }
     EXPECT_EQ(statusOf("GET /?token=0 HTTP/1.1", host()), 403);
     EXPECT_EQ(statusOf("POST /api/open HTTP/1.1", known), 405);
-    EXPECT_EQ(statusOf("HEAD / HTTP/1.1", known), 405);
     EXPECT_EQ(statusOf("POST /api/open HTTP/1.1", known + "Content-Length: 5\r\n"), 413);
     EXPECT_EQ(statusOf("GET /api/open HTTP/1.0", known), 505);
     EXPECT_EQ(statusOf("GET /" + QByteArray(33000, 'a') + " HTTP/1.1", known), 414);
@@ -92,6 +91,20 @@ TEST_F(Serve, RefusesEverybodyElse)
                                "/api/open?a=b", "/?a=b", "/%2e%2e/a.db", "/index.html"})
         EXPECT_EQ(get(target).status, 404) << target;
     EXPECT_EQ(get("/api/open").status, 200) << "it goes on serving";
+}
+
+TEST_F(Serve, AnswersHeadWithoutABody)
+{
+    make("a.db"_q, samples);
+    serve({"a.db"_q});
+    for (const auto &[headers, status] : {std::pair{host() + cookie(), 405}, std::pair{host(), 405},
+                                          std::pair{QByteArray("Host: evil.example\r\n"), 421}}) {
+        HttpClient client(port());
+        client.send("HEAD / HTTP/1.1\r\n" + headers + "\r\n");
+        EXPECT_EQ(client.head().status, status);
+        client.send(request("/api/tables"));
+        EXPECT_EQ(client.reply().status, 200) << "the next answer begins where the head ends";
+    }
 }
 
 TEST_F(Serve, RefusesQuestionsThatMakeNoSense)

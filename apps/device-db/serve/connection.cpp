@@ -98,6 +98,7 @@ void Connection::read()
     while (!m_isBusy && !m_isClosed && !m_closesAfter && waiting() == 0) {
         const bool wasWithin = m_parser.isWithinRequest();
         const auto request = m_parser.next();
+        m_wantsBody = !request || request->method != "HEAD";
         if (request) {
             m_isBusy = true;
             m_closesAfter = !request->keepAlive;
@@ -143,7 +144,8 @@ QByteArray Connection::headOf(const HttpAnswer &answer, const QByteArray &framin
 void Connection::answer(const HttpAnswer &answer)
 {
     write(headOf(answer, "Content-Length: " + QByteArray::number(answer.body.size())));
-    write(answer.body);
+    if (m_wantsBody)
+        write(answer.body);
     m_isBusy = false;
     pump();
 }

@@ -37,7 +37,7 @@ public:
 
     /// Who answers, at once or later; call it once.
     void onRequest(Handler handler);
-    /// The whole answer.
+    /// The whole answer; without its body if HEAD was asked.
     void answer(const HttpAnswer &answer);
     /// An answer in parts: begin(), any number of send(), end().
     void begin(const HttpAnswer &head);
@@ -71,6 +71,7 @@ private:
     bool m_isBusy = false;
     bool m_isClosed = false;
     bool m_closesAfter = false; ///< What is under way.
+    bool m_wantsBody = true;    ///< What is asked is not HEAD.
     Clock::time_point m_quietSince = Clock::now();
     Clock::time_point m_requestBegan; ///< The one that is not there in full.
 };
