@@ -491,6 +491,37 @@ TEST_F(ServePieces, RowsRemovedAtTheBeginningDoNotStopAPass)
     EXPECT_EQ(changeIn(**anew, aWhile), QJsonObject());
 }
 
+TEST_F(ServePieces, OtherRowsWithTheSameIdsAreSeen)
+{
+    PlainConnection device(path());
+    device.run(definition() + rows(30));
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    QByteArray overview;
+    slicesOf(**files, "overview", {{"table", "0/T1"}}, overview);
+    int version = arrayOf((*files)->open()).at(0).toObject()["version"_q].toInt();
+    const auto refilled = [](int count, int more) {
+        return "begin;delete from T1;update sqlite_sequence set seq=0 where name='T1';"_q + rows(count) +
+               "update T1 set DATETIME=datetime(DATETIME,'+1 day'),Value=Value+%1;commit;"_q.arg(more);
+    };
+    for (const auto &[how, sql] :
+         {std::pair{"as many", refilled(30, 1000)}, std::pair{"more", refilled(40, 2000)},
+          std::pair{"the same times", refilled(40, 3000)},
+          std::pair{"another last one", "begin;delete from T1 where ID=40;"_q + rows(2) + "commit;"_q}}) {
+        device.run(sql);
+        const int seen = changeIn(**files)["version"_q].toInt();
+        EXPECT_GT(seen, version) << how;
+        version = seen;
+        slicesOf(**files, "overview", {{"table", "0/T1"}}, overview);
+        EXPECT_TRUE(overview.contains("\"first\":\"" + device.value("select min(DATETIME) from T1"_q).toUtf8()))
+            << how << overview.constData();
+        EXPECT_TRUE(overview.contains("\"highest\":" + device.value("select max(Value+0) from T1"_q).toUtf8() + ','))
+            << how << overview.constData();
+    }
+    device.run(rows(1));
+    EXPECT_EQ(changeIn(**files)["version"_q].toInt(), version) << "new rows and nothing else";
+}
+
 QString alarms()
 {
     return "create table AlarmData(ID INTEGER PRIMARY KEY AUTOINCREMENT,LevelID INTEGER,DATETIME dateTime,"
@@ -519,6 +550,9 @@ TEST_F(ServePieces, ANewAlarmIsANewRowAndNothingElse)
                "insert into AlarmData select NULL,LevelID,DATETIME,'','','','','','','' from AlarmData"_q);
     change = changeIn(**files);
     EXPECT_GT(change["version"_q].toInt(), version.toInt()) << "an alarm that ended, among new ones";
+    const int ended = change["version"_q].toInt();
+    device.run("update AlarmData set EndTime='08:00:01' where ID=3"_q);
+    EXPECT_GT(changeIn(**files)["version"_q].toInt(), ended) << "an end that was corrected";
 }
 
 TEST_F(ServePieces, LevelsAreComparedInFull)

@@ -3,6 +3,7 @@
 
 #include "storefile/texts.h"
 
+#include <QCryptographicHash>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -41,17 +42,25 @@ bool isSame(const QList<Registration> &some, const QList<Registration> &others)
                       });
 }
 
-// Rows of alarms change when an alarm ends. Those of the other tables do not: their IDs say all. Up to an ID, so that a
-// new alarm is a new row and nothing else.
-QByteArray fingerprintOf(const Database &database, const Table &table, qint64 lastId)
+// Of what its IDs do not say: the cells of the rows at its ends, so that a table that was cleared and filled again is
+// noticed, and the ends of alarms, which come later. Up to the highest ID, so that a new alarm is a new row and nothing
+// else.
+QByteArray fingerprintOf(const Database &database, const Table &table, const TableEnds &ends)
 {
-    if (table.kind != Kind::Alarms)
-        return QByteArray();
-    return database
-        .text(
-            "select count(*)||' '||total(EndDate='' and EndTime='')||' '||total(length(EndDate)+length(EndTime)) from " +
-            identifier(table.name) + " where ID<=" + QByteArray::number(lastId))
-        .valueOr(QByteArray());
+    const auto textOf = [&](const QByteArray &what, const QByteArray &ids) {
+        return database.text("select " + what + " from " + identifier(table.name) + " where ID" + ids)
+            .valueOr(QByteArray());
+    };
+    QByteArray cells;
+    for (const KnownColumn &column : columnsOf(table.kind))
+        cells += QByteArray(cells.isEmpty() ? "" : "||") + "quote(" + column.name + ')';
+    const QByteArray first = QByteArray::number(ends.firstId);
+    const QByteArray highest = QByteArray::number(ends.highestId);
+    QByteArray text = textOf("group_concat(" + cells + ')', " in (" + first + ',' + highest + ')');
+    if (table.kind == Kind::Alarms) // column by column: a third less time than row by row
+        text += textOf("count(*)||' '||ifnull(group_concat(EndDate),'')||' '||ifnull(group_concat(EndTime),'')",
+                       "<=" + highest);
+    return QCryptographicHash::hash(text, QCryptographicHash::Sha1);
 }
 
 // What the pass of a table has read says too little, or too much. That rows were removed at the beginning does not
@@ -265,9 +274,9 @@ Result<bool> ServedFiles::readTable(ServedTable &table, QList<QByteArray> &grown
         return ends.error();
     const TableEnds known = table.pass ? table.pass->ends() : TableEnds();
     // First that of all rows: an alarm that ends between the two is seen now or at the next look.
-    const QByteArray fingerprint = fingerprintOf(database, table.table, ends->lastId);
+    const QByteArray fingerprint = fingerprintOf(database, table.table, *ends);
     const QByteArray before =
-        ends->lastId == known.lastId ? fingerprint : fingerprintOf(database, table.table, known.lastId);
+        ends->highestId == known.highestId ? fingerprint : fingerprintOf(database, table.table, known);
     const bool hadPass = bool(table.pass);
     const bool isPurged = hadPass && ends->firstId > known.firstId;
     const bool isRenewed = !hadPass || needsAnother(*table.pass, *ends) || (!isPurged && before != table.fingerprint);

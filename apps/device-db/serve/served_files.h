@@ -26,7 +26,7 @@ struct ServedTable {
     std::shared_ptr<TablePass> pass; ///< Another one when more than new rows has come; null if it cannot be read.
     std::vector<Point> dots;         ///< Single rows from everywhere in it, for a first look.
     bool hasDots = false;
-    QByteArray fingerprint; ///< Of what changes in place.
+    QByteArray fingerprint; ///< Of rows that may be others with the same IDs.
 };
 
 /// What the host layer adds about a series.
