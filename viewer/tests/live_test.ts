@@ -687,6 +687,28 @@ test('what changes before the page listens is seen', chrome, async () => {
     assert.ok(await soon(async () => (await texts(session, '.series .name')).includes('T4')));
 });
 
+test('a page that is opened before its device has made the tables shows them when they come', chrome, async () => {
+    const table = (name: string): string =>
+        `CREATE TABLE ${name}(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)`;
+    const row = (name: string): string => `insert into ${name}(DATETIME,Value) values('2024-05-06 07:08:09','5')`;
+    const fresh = ['create table t(a)', 'drop table t'];
+    await using served = await Served.start(fresh);
+    await using session = await opened(served);
+    const figures = async (): Promise<string> => (await texts(session, '.figures tbody tr > *')).join();
+    assert.match((await texts(session, '.series'))[0]!, /No series/);
+    await served.change([...fresh, table('T1')], true);
+    assert.ok(await soon(async () => (await figures()) === 'T1,,,,0,'), await figures());
+    await served.change([...fresh, table('T1'), row('T1')]);
+    assert.ok(await soon(async () => (await figures()) === 'T1,5,5,5,1,'), await figures());
+    assert.match((await range(session))[0]!, /^2024-05-06 07/);
+    // Another file in its place, which is empty at first, too.
+    await served.change(fresh, true);
+    assert.ok(await soon(async () => (await figures()) === ''));
+    await served.change([...fresh, table('T2'), row('T2'), row('T2')], true);
+    assert.ok(await soon(async () => (await figures()) === 'T2,5,5,5,2,'), await figures());
+    assert.deepEqual(session.faults, []);
+});
+
 test('lanes and marks go with their tables, and a series that comes back is chosen again', chrome, async () => {
     await using served = await Served.start(plant);
     await using session = await opened(served);

@@ -585,6 +585,18 @@ test('files without rows and without tables are shown as they are', chrome, asyn
     await session.open(folder.write('empty.db', (await made([table])).main));
     await session.settled();
     assert.deepEqual(await texts(session, '.series .name'), ['T1']);
+    assert.ok(await soon(async () => (await texts(session, '.figures td')).join() === ',,,0,'));
+    assert.deepEqual(await texts(session, '.note'), ['T1: no rows yet']);
+    const range = (): Promise<string[]> =>
+        session.page.$$eval('.trend input.time', (all) => all.map((each) => (each as HTMLInputElement).value));
+    assert.ok(
+        (await range()).every((text) => text > '2020'),
+        String(await range()),
+    );
+    await press(session, 'Week');
+    const week = await range();
+    await press(session, 'All');
+    assert.notDeepEqual(await range(), week);
     await session.open(folder.write('other.db', (await made(['CREATE TABLE letters(a,b)'])).main));
     await session.settled();
     assert.match((await texts(session, '.series'))[0]!, /No series in this file/);

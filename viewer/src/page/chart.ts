@@ -232,7 +232,7 @@ export class Chart {
             return;
         }
         if (!full) {
-            // Nobody knows yet which times there are, or there are none.
+            // Nobody knows yet which times there are.
             if (chosen.every((key) => overviews.get(key)?.exact || unread.has(key))) this.pending.clear();
             return;
         }

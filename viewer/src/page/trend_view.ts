@@ -331,12 +331,14 @@ export class TrendView {
         const answer = chart.answers.get(key);
         const title = workspace.titleOf(workspace.table(key));
         const {from, to} = workspace.view;
+        const overview = workspace.overviews.get(key);
         const notes: string[] = [];
+        if (overview?.exact && overview.rows === 0) notes.push(`${title}: no rows yet`);
         if (answer && !answer.exact && answer.isSample)
             notes.push(`${title}: dots are ${count(answer.seen)} of about ${count(answer.of)} rows`);
         if (answer?.exact && answer.rows > answer.numbers)
             notes.push(`${title}: ${othersText(answer.rows - answer.numbers)}, marked ×`);
-        const steps = (workspace.overviews.get(key)?.steps ?? []).filter(({after}) => after >= from && after <= to);
+        const steps = (overview?.steps ?? []).filter(({after}) => after >= from && after <= to);
         if (steps.length > 0) {
             const often =
                 steps.length === 1 ? `by ${span(steps[0]!.before - steps[0]!.after)}` : `${steps.length} times`;

@@ -2,6 +2,7 @@
 //
 // What the views share: the source, what it said so far, what is chosen and which time is looked at.
 import type {Change as SourceChange, FileInfo, Overview, RowQuery, Source, TableInfo} from '../reading/source.js';
+import {localNow} from '../reading/times.js';
 import {isCancelled} from '../worker/client.js';
 import type {View} from './pane.js';
 
@@ -20,6 +21,7 @@ export const earliest = 0;
 export const latest = Date.UTC(9999, 11, 31, 23, 59, 59, 999);
 const shortest = 2000;
 const longest = 400 * 366 * 86400000;
+const lastDay = 86400000;
 
 /** Why this cannot be in view; empty: it can. */
 export function refusalOf({from, to}: View): string {
@@ -62,9 +64,13 @@ export class Workspace {
         public files: readonly FileInfo[],
         public tables: readonly TableInfo[],
     ) {
-        const series = this.seriesTables;
-        this.setChosen(series.slice(0, 2).map(({key}) => key));
-        this.tab = series.length > 0 || tables.length === 0 ? 'trend' : tables[0]!.kind === 'alarms' ? 'alarms' : 'log';
+        this.chooseFirst();
+        this.tab =
+            this.seriesTables.length > 0 || tables.length === 0
+                ? 'trend'
+                : tables[0]!.kind === 'alarms'
+                  ? 'alarms'
+                  : 'log';
     }
 
     /** `tables`: the keys of those that were renewed. */
@@ -122,6 +128,10 @@ export class Workspace {
         this.choosePreferred();
     }
 
+    private chooseFirst(): void {
+        this.setChosen(this.seriesTables.slice(0, 2).map(({key}) => key));
+    }
+
     // A series that goes and comes back, such as while its file is replaced, is chosen as before.
     private choosePreferred(): void {
         const series = this.seriesTables.map(({key}) => key);
@@ -130,7 +140,7 @@ export class Workspace {
         this.chosen.forEach((key) => this.colourOf(key));
     }
 
-    /** Of what is chosen; of everything if that has no times. */
+    /** Of what is chosen; of everything if that has no times; the last day if nothing has. Null: nobody knows yet. */
     get full(): View | null {
         const of = (keys: readonly string[]): View | null => {
             const known = keys.map((key) => this.overviews.get(key)).filter((each) => each && !Number.isNaN(each.from));
@@ -141,7 +151,9 @@ export class Workspace {
                       to: Math.max(...known.map((each) => each!.to)),
                   };
         };
-        return of(this.chosen) ?? of(this.tables.map(({key}) => key));
+        const keys = this.tables.map(({key}) => key);
+        const isRead = keys.every((key) => this.overviews.get(key)?.exact || this.unread.has(key));
+        return of(this.chosen) ?? of(keys) ?? (isRead ? {from: localNow() - lastDay, to: localNow()} : null);
     }
 
     showAll(): void {
@@ -214,6 +226,7 @@ export class Workspace {
         const first = [...this.chosen, ...this.tables.filter(({kind}) => kind !== 'samples').map(({key}) => key)];
         const rest = this.tables.map(({key}) => key).filter((key) => !first.includes(key));
         for (const key of [...first, ...rest]) await this.look(key);
+        this.followEdge(); // without a table nothing else did
     }
 
     private async look(key: string): Promise<void> {
@@ -284,11 +297,14 @@ export class Workspace {
 
     private async openAgain(): Promise<void> {
         this.isOther = false;
+        const hadSeries = this.seriesTables.length > 0;
         this.files = await this.source.open();
         this.tables = await this.source.tables();
         for (const key of this.overviews.keys()) if (!this.table(key)) this.overviews.delete(key);
         const before = this.chosen;
         this.choosePreferred();
+        // Where there was no series, nobody could choose: a page that is opened now would show the first.
+        if (!hadSeries && this.chosen.length === 0) this.chooseFirst();
         this.tables.forEach(({key}) => this.stale.add(key));
         this.tell('tables');
         if (before.join() !== this.chosen.join()) this.tell('chosen');
