@@ -841,3 +841,87 @@ test('a browser prints the view that is shown, and what was printed before is go
     await session.page.emulateMediaType('print');
     assert.deepEqual([await isSeen('#paper'), await isSeen('#view-findings .card')], [false, true]);
 });
+
+test('a list on paper says what it was filtered by', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    await session.page.evaluate(() => (window.print = () => undefined));
+    const said = async (tab: string, rows: string): Promise<string> => {
+        assert.ok(await soon(async () => (await texts(session, `#view-${tab} .status`))[0] === rows));
+        await session.page.evaluate(() => document.querySelector('#paper')!.replaceChildren());
+        await press(session, 'Print');
+        return soon(async () => (await texts(session, '#paper > p'))[0]);
+    };
+    await session.tab('alarms');
+    assert.equal(await said('alarms', '400 rows'), '400 rows');
+    await session.page.type('#view-alarms input[type=search]', 'level');
+    await session.page.select('#view-alarms select[aria-label=State]', 'ended');
+    await session.page.select('#view-alarms select[aria-label=Level]', '=2');
+    await session.page.type('#view-alarms input[aria-label=From]', '2024-05-12\n');
+    await session.page.type('#view-alarms input[aria-label=To]', '12.5.2024\n');
+    assert.equal(
+        await said('alarms', '3 rows'),
+        '3 rows · Texts with “level” · Ended · Level 2 · from 2024-05-12 00:00:00 · to 2024-05-12 23:59:59',
+    );
+    await session.tab('log');
+    await session.page.select('#view-log select[aria-label=User]', '=admin');
+    await session.page.type('#view-log input[aria-label=From]', 'no time\n');
+    assert.equal(await said('log', '60 rows'), '60 rows · User admin');
+});
+
+test('an end that says no length is shown as it is written, and a long length whole', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const ends = [
+        ['2026-05-06', '07:08:10'],
+        ['2024-05-06', '7:20'],
+        ['06.05.2024', '24:00:00'],
+        ['2024-05-06', '07:00:00'],
+        ['2024-05-06', ''],
+        ['', ''],
+    ];
+    const alarms = [
+        `CREATE TABLE A(ID INTEGER PRIMARY KEY AUTOINCREMENT,LevelID INTEGER,DATETIME dateTime,AlarmObject text,AlarmType text,
+         CurrentValue text,LimitValue text,AlarmDescription text,EndDate text,EndTime text)`,
+        ...ends.map(
+            ([date, time]) =>
+                `insert into A(LevelID,DATETIME,AlarmObject,EndDate,EndTime) values(1,'2024-05-06 07:08:09','x','${date}','${time}')`,
+        ),
+    ];
+    await session.open(folder.write('alarms.db', (await made(alarms)).main));
+    await session.tab('alarms');
+    await session.settled();
+    const lasted = '#view-alarms .rows .row > :nth-child(3)';
+    assert.deepEqual((await texts(session, lasted)).reverse(), [
+        '730 d 0:00:01',
+        'until 2024-05-06 7:20',
+        'until 06.05.2024 24:00:00',
+        'until 2024-05-06 07:00:00',
+        '',
+        'active',
+    ]);
+    const cut = await session.page.$$eval(lasted, (all) =>
+        all.map((each) => each.scrollWidth - each.clientWidth).filter((more) => more > 0),
+    );
+    assert.deepEqual(cut, []);
+    await session.page.click('#view-alarms .rows .row:nth-child(4)');
+    await session.page.waitForSelector('dialog[open]');
+    assert.ok((await texts(session, 'dd')).includes('until 06.05.2024 24:00:00'));
+});
+
+test('a name at the beginning of a finding stays as it is', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const unlisted = [...plant, "delete from tb_config where COLLECTOR='T3'"];
+    await session.open(folder.write('unlisted.db', (await made(unlisted)).main));
+    await session.settled();
+    await session.tab('findings');
+    const said = await texts(session, '.card p:not(.advice)');
+    assert.ok(said.includes('tb_config does not list it.'), said.join());
+    assert.ok(
+        said.some((text) => /^Clock went back/.test(text)),
+        said.join(),
+    );
+});

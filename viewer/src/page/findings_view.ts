@@ -50,6 +50,9 @@ const advice: Readonly<Record<Cause, string>> = {
     foreign: 'Of another program; it is neither shown nor changed.',
 };
 
+// A name of a table stays as it is.
+const plainWord = /^\p{L}+(?=[\s,;:.]|$)/u;
+
 const ranks = {damage: 0, attention: 1, note: 2};
 const titles = {damage: 'Damage', attention: 'Needs attention', note: 'Worth knowing'};
 
@@ -279,7 +282,7 @@ export class FindingsView {
             'li',
             {class: `card card-${finding.severity}`},
             h('h3', {}, where, finding.rows > 0 && h('span', {class: 'faint'}, ` ${rowsText(finding.rows)}`)),
-            h('p', {}, `${text.charAt(0).toUpperCase()}${text.slice(1)}.`),
+            h('p', {}, `${text.replace(plainWord, (word) => word.charAt(0).toUpperCase() + word.slice(1))}.`),
             h('p', {class: 'advice'}, advice[finding.cause]),
             action,
         );

@@ -165,6 +165,7 @@ export function printRows(
     columns: readonly Column[],
     rows: readonly (readonly Cell[])[],
     total: number | null, // null: not known yet
+    filter: readonly string[], // what they have in common
 ): void {
     const title = table.kind === 'alarms' ? 'Alarms' : table.kind === 'log' ? 'Operator log' : workspace.titleOf(table);
     const body = rows.map((row) =>
@@ -178,9 +179,12 @@ export function printRows(
         h(
             'p',
             {},
-            rows.length === total
-                ? `${count(total)} rows`
-                : `The first ${count(rows.length)}${total === null ? '' : ` of ${count(total)}`} rows`,
+            [
+                rows.length === total
+                    ? `${count(total)} ${total === 1 ? 'row' : 'rows'}`
+                    : `The first ${count(rows.length)}${total === null ? '' : ` of ${count(total)}`} rows`,
+                ...filter,
+            ].join(' · '),
         ),
         h(
             'table',

@@ -30,12 +30,15 @@ const cellAt =
     (row: readonly Cell[], most = longestLine): string =>
         lineOf(row[place]!, most, isTwice);
 
-/** How long an alarm lasted, or that it still does. */
-export function lastedText(row: readonly Cell[]): string {
+/** How long an alarm lasted, or that it still does; an end that does not say it, as it is written. */
+export function lastedText(row: readonly Cell[], most = longestLine): string {
     const [date, clock] = [row[8]!, row[9]!];
     if (date === '' && clock === '') return 'active';
+    if (!date || !clock) return '';
     const [begin, end] = [timeIn(row[2] ?? '', false), timeIn(endOfAlarm(date, clock), false)];
-    return begin !== null && end !== null && end >= begin ? duration(end - begin) : '';
+    return begin !== null && end !== null && end >= begin
+        ? duration(end - begin)
+        : `until ${lineOf(`${date} ${clock}`, most)}`;
 }
 
 // A file can have anything in the place of a level. Questions know whole numbers, which a server keeps in 32 bits.
@@ -68,7 +71,7 @@ export function listColumns(kind: TableInfo['kind']): Column[] {
         {
             key: null,
             title: 'Lasted',
-            width: '110px',
+            width: '216px',
             text: lastedText,
             decorate: (cell, row) => cell.classList.toggle('strong', row[8] === '' && row[9] === ''),
         },
@@ -413,13 +416,27 @@ export class RowsView {
         });
     }
 
+    // In the words of the page, as it is asked.
+    private filterTexts(): string[] {
+        const {containing, from, to, state, levels, users} = this.query();
+        const choice = levels?.join() ?? users?.join();
+        return [
+            containing !== undefined && `Texts with “${visible(containing)}”`,
+            state !== undefined && (state === 'active' ? 'Active' : 'Ended'),
+            choice !== undefined && `${this.tab === 'log' ? 'User ' : ''}${this.choiceText(choice)}`,
+            from !== undefined && `from ${timeText(from, false)}`,
+            to !== undefined && `to ${timeText(to, false)}`,
+        ].filter((text) => text !== false);
+    }
+
     private async print(): Promise<void> {
         const {table, list} = this;
         if (!table) return;
+        const filter = this.filterTexts();
         const {value} = await this.allRows(mostPrinted + 1).next();
         const rows: readonly (readonly Cell[])[] = value ?? [];
         const total = rows.length <= mostPrinted ? rows.length : list?.isExact ? list.total : null;
-        printRows(this.workspace, table, listColumns(table.kind), rows.slice(0, mostPrinted), total);
+        printRows(this.workspace, table, listColumns(table.kind), rows.slice(0, mostPrinted), total, filter);
     }
 }
 
