@@ -703,6 +703,11 @@ test('labels of an axis are few, whole and different', () => {
         '1,400,000,000,000,000',
     ]);
     assert.deepEqual(labels(0, 1e-9), ['0', '5E-10', '1E-9']);
+    // One label says nothing of a scale, however low it is.
+    assert.deepEqual(valueTicks(40, 190, 2.3), [50, 100, 150]);
+    for (let low = 0; low < 1; low += 0.01) {
+        for (let size = 1; size < 10; size *= 1.01) assert.ok(valueTicks(low, low + size, 2).length >= 2);
+    }
 });
 
 test('the finger that stays after a pinch moves on from there', chrome, async () => {
@@ -924,4 +929,65 @@ test('a name at the beginning of a finding stays as it is', chrome, async () => 
         said.some((text) => /^Clock went back/.test(text)),
         said.join(),
     );
+});
+
+test('texts have no scale, and a picture says what the page says of them', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.page.evaluate(() => {
+        const drawn: string[] = ((window as any).drawn = []);
+        const {fillText} = CanvasRenderingContext2D.prototype;
+        CanvasRenderingContext2D.prototype.fillText = function (text: string, ...place: any) {
+            drawn.push(text);
+            fillText.call(this, text, ...(place as [number, number]));
+        };
+    });
+    const drawn = (): Promise<string[]> => session.page.evaluate(() => (window as any).drawn as string[]);
+    const {main} = await made([
+        'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)',
+        `insert into T1(DATETIME,Value) with recursive n(i) as (select 0 union all select i+1 from n where i<99)
+         select datetime(1714978800+i*60,'unixepoch'),case i%2 when 0 then 'open' else 'closed' end from n`,
+    ]);
+    await session.open(folder.write('texts.db', main));
+    const note = 'T1: 100 values are not numbers, marked ×';
+    assert.ok(await soon(async () => (await texts(session, '.note'))[0] === note));
+    await press(session, 'Picture');
+    assert.ok(await soon(async () => (await drawn()).includes('Series')));
+    const all = await drawn();
+    assert.ok(all.includes(note), all.join());
+    assert.ok(all.includes('T1'));
+    assert.deepEqual(
+        all.filter((text) => /^(0\.\d|1)$/.test(text)),
+        [],
+    );
+    await session.page.evaluate(() => (window.print = () => undefined));
+    await press(session, 'Print');
+    assert.ok(await soon(async () => (await texts(session, '#paper'))[0]?.includes(note)));
+    assert.deepEqual(session.faults, []);
+});
+
+test('times of panes are above each other, whatever the width of their labels', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome', {width: 400});
+    await session.page.evaluate(() => {
+        const lefts: Record<string, number> = ((window as any).lefts = {});
+        const {fillText} = CanvasRenderingContext2D.prototype;
+        CanvasRenderingContext2D.prototype.fillText = function (text: string, x: number, ...place: any) {
+            lefts[text] = x;
+            fillText.call(this, text, x, ...(place as [number]));
+        };
+    });
+    const table = (name: string, value: string): string[] => [
+        `CREATE TABLE ${name}(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)`,
+        `insert into ${name}(DATETIME,Value) with recursive n(i) as (select 0 union all select i+1 from n where i<99)
+         select datetime(1714978800+i*60,'unixepoch'),${value} from n`,
+    ];
+    const {main} = await made([...table('T1', 'i'), ...table('T2', '1000000000000000+i')]);
+    await session.open(folder.write('wide.db', main));
+    await session.settled();
+    const places = (): Promise<[number, number]> =>
+        session.page.evaluate(() => [(window as any).lefts['T1'], (window as any).lefts['T2']] as [number, number]);
+    assert.ok(await soon(async () => (await places())[1] > 120));
+    const [one, other] = await places();
+    assert.equal(one, other);
 });

@@ -74,15 +74,23 @@ const steps = [
     7 * day,
     14 * day,
 ];
-/** The places of the labels of an axis of values: multiples of 1, 2 or 5 times a power of ten, at most so many. */
+/**
+ * The places of the labels of an axis of values: multiples of 1, 2 or 5 times a power of ten, at most so many; more where
+ * that would leave less than two, which say nothing of a scale.
+ */
 export function valueTicks(low: number, high: number, most: number): number[] {
     const least = (high - low) / Math.max(1, most);
     const power = 10 ** Math.floor(Math.log10(least));
-    const step = [1, 2, 5, 10].map((each) => each * power).find((each) => each >= least * 0.999)!;
-    const ticks: number[] = [];
-    for (let i = Math.ceil(low / step); i * step <= high && ticks.length <= most; ++i)
-        ticks.push(Number((i * step).toPrecision(15)));
-    return ticks;
+    const sizes = [0.5, 1, 2, 5, 10].map((each) => each * power);
+    const place = sizes.findIndex((each) => each >= least * 0.999);
+    const ticksOf = (step: number): number[] => {
+        const ticks: number[] = [];
+        for (let i = Math.ceil(low / step); i * step <= high && ticks.length <= Math.max(most, 5); ++i)
+            ticks.push(Number((i * step).toPrecision(15)));
+        return ticks;
+    };
+    const ticks = ticksOf(sizes[place]!);
+    return ticks.length < 2 ? ticksOf(sizes[place - 1]!) : ticks;
 }
 
 const months = [1, 2, 3, 6, 12, 24, 60, 120, 240, 600, 1200];

@@ -125,12 +125,14 @@ export class Pane {
     /** `left`: the same of all panes, so that times are above each other. */
     show(left: number, colours: Colours): void {
         const {view} = this;
+        const isOther = this.left !== left;
         this.left = left;
         this.colours = colours;
         this.plot.setData([
             [view.from, view.to],
             [0, 1],
         ]);
+        if (isOther) this.plot.redraw(false, true); // uPlot asks for it again only with another scale
     }
 
     get canvas(): HTMLCanvasElement {
@@ -161,6 +163,7 @@ export class Pane {
     }
 
     private valueTicks(): number[] {
+        if (this.drawn.every(({answer}) => (answer?.points ?? []).length === 0)) return []; // texts have no scale
         const [low, high] = this.range();
         return valueTicks(low, high, this.plot.bbox.height / devicePixelRatio / valueDistance);
     }

@@ -80,8 +80,8 @@ async function drawTrend(workspace: Workspace, chart: Chart): Promise<HTMLCanvas
     return canvas;
 }
 
-/** A PNG with the names of what is shown and the figures below. */
-export async function exportPicture(workspace: Workspace, chart: Chart): Promise<void> {
+/** A PNG with the names of what is shown, the figures and what is said about them below. */
+export async function exportPicture(workspace: Workspace, chart: Chart, notes: readonly string[]): Promise<void> {
     const trend = await drawTrend(workspace, chart);
     const ratio = devicePixelRatio;
     const theme = h('div', {class: 'light offstage'});
@@ -90,7 +90,7 @@ export async function exportPicture(workspace: Workspace, chart: Chart): Promise
     const head = 64;
     const canvas = h('canvas', {
         width: trend.width,
-        height: trend.height + (head + (figures.length + 2) * lineHeight) * ratio,
+        height: trend.height + (head + (figures.length + notes.length + 2) * lineHeight) * ratio,
     });
     const ctx = canvas.getContext('2d')!;
     ctx.fillStyle = '#ffffff';
@@ -117,6 +117,9 @@ export async function exportPicture(workspace: Workspace, chart: Chart): Promise
             ctx.fillText(cell, i === 0 ? 34 : 460 + i * 160, y, i === 0 ? 420 : 150);
         });
     });
+    ctx.textAlign = 'left';
+    ctx.fillStyle = colour('muted', theme);
+    notes.forEach((note, i) => ctx.fillText(note, 16, top + (figures.length + 1 + i) * lineHeight, width - 32));
     theme.remove();
     const blob = await new Promise<Blob | null>((resolve) => canvas.toBlob(resolve, 'image/png'));
     if (!blob) throw new Error('the browser could not make the picture');
@@ -131,7 +134,7 @@ function print(workspace: Workspace, title: string, content: readonly Node[]): v
     window.print();
 }
 
-export async function printTrend(workspace: Workspace, chart: Chart): Promise<void> {
+export async function printTrend(workspace: Workspace, chart: Chart, notes: readonly string[]): Promise<void> {
     const image = h('img', {src: (await drawTrend(workspace, chart)).toDataURL('image/png'), alt: ''});
     const rows = figuresOf(workspace, chart).map((cells, row) =>
         h(
@@ -156,7 +159,7 @@ export async function printTrend(workspace: Workspace, chart: Chart): Promise<vo
         h('tbody', {}, ...rows),
     );
     await image.decode();
-    print(workspace, 'Trend', [h('p', {}, rangeText(workspace)), image, table]);
+    print(workspace, 'Trend', [h('p', {}, rangeText(workspace)), image, table, h('p', {}, notes.join(' · '))]);
 }
 
 export function printRows(

@@ -95,9 +95,13 @@ export class TrendView {
                 {class: 'group end', role: 'group', 'aria-label': 'Take out'},
                 button(
                     'Picture',
-                    () => void exportPicture(workspace, this.chart).catch((error) => workspace.fail(error)),
+                    () =>
+                        void exportPicture(workspace, this.chart, this.notes()).catch((error) => workspace.fail(error)),
                 ),
-                button('Print', () => void printTrend(workspace, this.chart).catch((error) => workspace.fail(error))),
+                button(
+                    'Print',
+                    () => void printTrend(workspace, this.chart, this.notes()).catch((error) => workspace.fail(error)),
+                ),
             ),
         );
         const table = h(
@@ -276,7 +280,7 @@ export class TrendView {
         this.progress.hidden = !isReading;
         this.progress.setAttribute('aria-valuenow', String(Math.round(least * 100)));
         (this.progress.firstElementChild as HTMLElement).style.width = `${least < 1 ? least * 100 : 4}%`;
-        const notes = workspace.chosen.flatMap((key) => this.notesOf(key));
+        const notes = this.notes();
         if (isReading && least < 1) notes.unshift(`Reading every row: ${share(least)}`);
         if (workspace.chosen.length === 0) notes.push('Choose a series to see it.');
         this.note.textContent = notes.join(' · ');
@@ -323,6 +327,10 @@ export class TrendView {
         if (mark !== null) cells.push(text(there), here !== null && there !== null ? reckoned(here - there) : '');
         const moments = [answer.lowest, answer.highest].map((sample) => sample && time(sample.time));
         return h('tr', {}, head, ...cells.map((cell, i) => h('td', {class: 'right', title: moments[i]}, cell)));
+    }
+
+    private notes(): string[] {
+        return this.workspace.chosen.flatMap((key) => this.notesOf(key));
     }
 
     // What is said about a series below the chart.
