@@ -306,8 +306,8 @@ export class Workspace {
         // Where there was no series, nobody could choose: a page that is opened now would show the first.
         if (!hadSeries && this.chosen.length === 0) this.chooseFirst();
         this.tables.forEach(({key}) => this.stale.add(key));
+        if (before.join() !== this.chosen.join()) this.tell('chosen'); // first, so that there is a pane for each
         this.tell('tables');
-        if (before.join() !== this.chosen.join()) this.tell('chosen');
     }
 
     private async lookAgain(key: string): Promise<void> {
