@@ -74,7 +74,8 @@ class Cluster:
     def start(self):
         settings = ("listen_addresses=''", f"unix_socket_directories={self.folder}", *self.settings)
         options = " ".join(f"-c {setting}" for setting in settings)
-        self.run("pg_ctl", "-D", self.data, "-l", os.path.join(self.folder, "server.log"), "-w", "-o", options, "start")
+        self.run("pg_ctl", "-D", self.data, "-l", os.path.join(self.folder, "server.log"), "-w", "-t", "300", "-o",
+                 options, "start")
 
     def stop(self, mode="immediate"):
         self.run("pg_ctl", "-D", self.data, "-w", "-m", mode, "stop")
