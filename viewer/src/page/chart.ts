@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The panes above each other in step, the events below them, both cursors, and everything that a hand can do to them.
+import {mostColumns} from '../reading/source.js';
 import type {CurveAnswer, LanesAnswer, MarksAnswer, TrendAnswer} from '../reading/source.js';
 import {colour, h} from './dom.js';
 import {drawEvents, heightOf, laneAt} from './events_strip.js';
@@ -14,7 +15,6 @@ const paneHeight = 150;
 const axisHeight = 40;
 const askAfter = 80; // milliseconds without another change of the view
 const renewAfter = 20; // so that tables that grew together are asked for together
-const mostColumns = 100000; // no source takes more
 
 export function coloursOf(theme?: Element): Colours {
     return {faint: colour('muted', theme), grid: colour('grid', theme)};

@@ -74,9 +74,11 @@ const steps = [
     7 * day,
     14 * day,
 ];
+const months = [1, 2, 3, 6, 12, 24, 60, 120, 240, 600, 1200];
+
 /**
- * The places of the labels of an axis of values: multiples of 1, 2 or 5 times a power of ten, at most so many; more where
- * that would leave less than two, which say nothing of a scale.
+ * The places of the labels of an axis of values: multiples of 1, 2 or 5 times a power of ten, at most so many; more
+ * where that would leave less than two, which say nothing of a scale.
  */
 export function valueTicks(low: number, high: number, most: number): number[] {
     const least = (high - low) / Math.max(1, most);
@@ -92,8 +94,6 @@ export function valueTicks(low: number, high: number, most: number): number[] {
     const ticks = ticksOf(sizes[place]!);
     return ticks.length < 2 ? ticksOf(sizes[place - 1]!) : ticks;
 }
-
-const months = [1, 2, 3, 6, 12, 24, 60, 120, 240, 600, 1200];
 
 /** The places of the labels of an axis of time, at most so many. */
 export function timeTicks(from: number, to: number, most: number): number[] {

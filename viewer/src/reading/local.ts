@@ -12,6 +12,7 @@ import type {Finding} from './findings.js';
 import {numberOf} from './number.js';
 import {TablePass} from './pass.js';
 import {Selection} from './selection.js';
+import {mostColumns} from './source.js';
 import type {
     CurveAnswer,
     FileInfo,
@@ -356,7 +357,7 @@ export class LocalSource implements Source {
         const range: Range = {
             from,
             to: Math.max(from, Math.floor(query.to / unit) * unit),
-            columns: Math.max(1, Math.min(100000, Math.trunc(query.columns))),
+            columns: Math.max(1, Math.min(mostColumns, Math.trunc(query.columns))),
         };
         if (pass.table.kind !== 'samples') {
             const answer = (): TrendAnswer =>

@@ -60,6 +60,9 @@ export interface Overview extends Share {
     readonly choices: readonly (readonly [string, number])[]; // levels of alarms, users of a log, with their rows
 }
 
+/** No source makes a picture of more. */
+export const mostColumns = 100000;
+
 export interface TrendQuery {
     readonly table: string;
     readonly from: number; // milliseconds; both ends belong to the range, to the second
