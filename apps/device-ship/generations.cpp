@@ -94,6 +94,23 @@ Result<bool> Shipper::judge(File &file, const Stream &stream, const RowMark &row
     return true;
 }
 
+// As sampleRows(); nothing if the file cannot be read now.
+std::optional<QList<RowMark>> Shipper::someRows(File &file, const Stream &stream, qint64 after, qint64 upTo, bool &all)
+{
+    QList<RowMark> rows;
+    const Status read = file.reader.read([&](const Database &database) -> Status {
+        auto found = sampleRows(database, stream, after, upTo, all);
+        if (!found)
+            return found.error();
+        rows = *found;
+        return {};
+    });
+    if (read)
+        return rows;
+    file.trouble = device_db::oneLine(read.error());
+    return std::nullopt;
+}
+
 Result<bool> Shipper::judgeByOthers(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same)
 {
     const auto archived = m_archive->rangeDigest(stream, row.id, row.id);
@@ -107,20 +124,11 @@ Result<bool> Shipper::judgeByOthers(File &file, const Stream &stream, const RowM
             same = false;
         return true;
     }
-    QList<RowMark> rows;
-    const Status read = file.reader.read([&](const Database &database) -> Status {
-        bool all = false;
-        auto found = sampleRows(database, stream, 0, row.id - 1, all);
-        if (!found)
-            return found.error();
-        rows = *found;
-        return {};
-    });
-    if (!read) {
-        file.trouble = device_db::oneLine(read.error());
+    bool all = false;
+    const auto rows = someRows(file, stream, 0, row.id - 1, all);
+    if (!rows)
         return false;
-    }
-    const auto judged = m_archive->judge(stream, stream.generation, rows);
+    const auto judged = m_archive->judge(stream, stream.generation, *rows);
     if (!judged)
         return judged.error();
     if (judged->values().contains(false))
@@ -151,19 +159,11 @@ Result<std::optional<qint64>> Shipper::lastSharedWith(File &file, const Stream &
 {
     qint64 shared = 0;
     for (;;) {
-        QList<RowMark> rows;
         bool all = false;
-        const Status read = file.reader.read([&](const Database &database) -> Status {
-            auto found = sampleRows(database, stream, shared, upTo, all);
-            if (!found)
-                return found.error();
-            rows = *found;
-            return {};
-        });
-        if (!read) {
-            file.trouble = device_db::oneLine(read.error());
+        const auto some = someRows(file, stream, shared, upTo, all);
+        if (!some)
             return std::optional<qint64>();
-        }
+        const QList<RowMark> &rows = *some;
         if (rows.isEmpty())
             return std::optional<qint64>(shared);
         const auto same = m_archive->judge(stream, generation, rows);

@@ -107,10 +107,10 @@ Status addDevice(ArchiveConnection &archive, int number, const QString &name, co
         if (!known)
             return known.error();
         if (!known->isEmpty() && known->first().first() == "t")
-            return device_db::failure(
+            return failure(
                 QStringLiteral("archive"),
-                QStringLiteral("the role %1 exists and may do more than a device; drop it, or take "
-                               "away what it may do and its memberships")
+                QStringLiteral("the role %1 exists and may do more than a device; drop it, or take away what "
+                               "it may do and its memberships")
                     .arg(QString::fromLatin1(role)));
         QByteArray sql;
         if (known->isEmpty())

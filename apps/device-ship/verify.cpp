@@ -279,10 +279,9 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
         if (!repaired)
             return repaired.error();
         if (*verified != *repaired)
-            return device_db::failure(
-                QStringLiteral("archive"),
-                QStringLiteral("--repair-as names another archive than the configuration; nothing "
-                               "was verified"));
+            return device_db::failure(QStringLiteral("archive"),
+                                      QStringLiteral("--repair-as names another archive than the configuration; "
+                                                     "nothing was verified"));
     }
     const auto streams = archive->streams();
     if (!streams)
