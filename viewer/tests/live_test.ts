@@ -651,9 +651,9 @@ test('lists do not wait for pictures', chrome, async () => {
     assert.ok(Date.now() - begin < 7000);
 });
 
-test('a server that hangs is a lost connection', chrome, async () => {
-    await using served = await Served.start(plant);
-    await using session = await opened(served);
+/** A page that waits two seconds for its server. */
+async function openedInHaste(served: Served): Promise<Session> {
+    const session = await opened(served);
     await session.page.evaluateOnNewDocument(() => {
         const real = window.setTimeout.bind(window) as (handler: () => void, after?: number) => number;
         (window as any).setTimeout = (handler: () => void, after = 0) => real(handler, after > 30000 ? 2000 : after);
@@ -661,6 +661,12 @@ test('a server that hangs is a lost connection', chrome, async () => {
     await session.page.reload();
     await session.page.waitForSelector('[role=tablist]');
     await session.settled();
+    return session;
+}
+
+test('a server that hangs is a lost connection', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await openedInHaste(served);
     await resting(3000); // hears heartbeats
     assert.deepEqual(await shown(session, '.live'), ['● Live']);
     served.setFrozen(true);
@@ -670,6 +676,29 @@ test('a server that hangs is a lost connection', chrome, async () => {
     served.setFrozen(false);
     assert.ok(await soon(async () => (await shown(session, '.lost')).length === 0));
     assert.ok(await soon(async () => (await numbers(session)) === '58,205'));
+});
+
+test('what was asked over a path that fell silent is asked again', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await openedInHaste(served);
+    served.setFrozen(true); // what comes now is never answered, not even later
+    await served.change(later(3));
+    await session.page.focus('.chart');
+    await session.page.keyboard.press('+');
+    await session.tab('log');
+    await session.page.type('#view-log input[type=search]', 'acknowledged');
+    assert.match(await soon(async () => (await shown(session, '.lost'))[0]), /^The connection is lost/);
+    served.setFrozen(false);
+    assert.ok(await soon(async () => (await shown(session, '.live')).length === 1));
+    assert.ok(await soon(async () => (await texts(session, '#view-log .status'))[0] === '100 rows'));
+    await session.tab('trend');
+    await session.settled();
+    await press(session, 'All');
+    await session.settled();
+    assert.equal(await numbers(session), '58,205');
+    await served.change(later(5));
+    assert.ok(await soon(async () => (await numbers(session)) === '58,207'));
+    assert.deepEqual(await shown(session, '.failure'), []);
 });
 
 test('what changes before the page listens is seen', chrome, async () => {

@@ -38,6 +38,7 @@ const patience = 40000; // two of the server's heartbeats and some more
 const overviewsAtOnce = 2;
 const trendsAtOnce = 2;
 
+const notAnswered = 'device-db does not answer; is it still running?';
 const noAnswer =
     'The connection is lost; trying again. If device-db was started anew, open the address that it printed.';
 const refused = 'device-db was started anew: open the new address that it printed.';
@@ -66,17 +67,14 @@ function percentEncoded(value: string | number): string {
     return [...bytesOf(text)].map((byte) => `%${byte.toString(16).padStart(2, '0')}`).join('');
 }
 
-async function fetched(question: string, parameters: Parameters = [], signal?: AbortSignal): Promise<Response> {
+async function fetched(question: string, parameters: Parameters, signal: AbortSignal): Promise<Response> {
     const query = parameters.map(([name, value]) => `${name}=${percentEncoded(value)}`).join('&');
     let response: Response;
     try {
-        response = await fetch(`/api/${question}${query === '' ? '' : `?${query}`}`, {
-            ...(signal ? {signal} : {}),
-            redirect: 'error',
-        });
-    } catch (error) {
-        if (signal?.aborted) throw error;
-        throw new Error('device-db does not answer; is it still running?');
+        response = await fetch(`/api/${question}${query === '' ? '' : `?${query}`}`, {signal, redirect: 'error'});
+    } catch {
+        signal.throwIfAborted();
+        throw new Error(notAnswered);
     }
     if (!response.ok) throw await refusalOf(response);
     return response;
@@ -108,11 +106,11 @@ class Gate {
 
     constructor(private free: number) {}
 
-    async pass<Answer>(ask: () => Promise<Answer>, signal: AbortSignal | undefined): Promise<Answer> {
+    async pass<Answer>(ask: () => Promise<Answer>, signal: AbortSignal): Promise<Answer> {
         if (this.free > 0) --this.free;
         else await new Promise<void>((go) => this.waiting.push(go));
         try {
-            signal?.throwIfAborted();
+            signal.throwIfAborted();
             return await ask();
         } finally {
             const next = this.waiting.shift();
@@ -127,7 +125,7 @@ async function asked<Answer>(
     question: string,
     parameters: Parameters,
     seen: Seen<Answer>,
-    signal: AbortSignal | undefined,
+    signal: AbortSignal,
 ): Promise<Answer> {
     try {
         for await (const line of linesOf(await fetched(question, parameters, signal))) {
@@ -136,7 +134,7 @@ async function asked<Answer>(
             seen(line.part as Answer);
         }
     } catch (error) {
-        signal?.throwIfAborted();
+        signal.throwIfAborted();
         throw error instanceof TypeError ? new Error('the connection was lost in the middle of an answer') : error;
     }
     throw new Error('the connection was lost in the middle of an answer');
@@ -176,6 +174,7 @@ export class HttpSource implements Source {
     private readonly known = new Map<string, number>(); // the last IDs of tables
     private readonly versions = new Map<number, number>(); // of files
     private readonly stops = new Set<() => void>();
+    private readonly underWay = new Set<AbortController>(); // the questions that have no answer yet
     private readonly overviews = new Gate(overviewsAtOnce);
     private readonly trends = new Gate(trendsAtOnce);
 
@@ -185,7 +184,7 @@ export class HttpSource implements Source {
     }
 
     async open(): Promise<readonly FileInfo[]> {
-        const files = (await (await fetched('open')).json()) as ServedFile[];
+        const files = await this.answerOf<ServedFile[]>('open');
         files.forEach(({version}, file) => {
             if (version !== undefined) this.versions.set(file, version);
         });
@@ -194,15 +193,17 @@ export class HttpSource implements Source {
     }
 
     async tables(): Promise<readonly TableInfo[]> {
-        const tables = (await (await fetched('tables')).json()) as TableInfo[];
+        const tables = await this.answerOf<TableInfo[]>('tables');
         for (const {key, lastId} of tables) this.known.set(key, lastId);
         return tables;
     }
 
     async overview(table: string, seen: Seen<Overview>, signal?: AbortSignal): Promise<Overview> {
-        const ask = (): Promise<Overview> =>
-            asked('overview', [['table', table]], (part: Overview) => seen(withNaN(part)), signal);
-        return withNaN(await this.overviews.pass(ask, signal));
+        const parameters: Parameters = [['table', table]];
+        const take = (part: Overview): void => seen(withNaN(part));
+        return this.asking(signal, async (signal) =>
+            withNaN(await this.overviews.pass(() => asked('overview', parameters, take, signal), signal)),
+        );
     }
 
     async trend(query: TrendQuery, seen: Seen<TrendAnswer>, signal?: AbortSignal): Promise<TrendAnswer> {
@@ -213,13 +214,45 @@ export class HttpSource implements Source {
             ['to', Math.floor(to)],
             ['columns', columns],
         ];
-        return this.trends.pass(() => asked('trend', parameters, seen, signal), signal);
+        return this.asking(signal, (signal) =>
+            this.trends.pass(() => asked('trend', parameters, seen, signal), signal),
+        );
     }
 
     async rows(query: RowQuery, seen: Seen<RowsAnswer>, signal?: AbortSignal): Promise<RowsAnswer> {
         if (query.levels?.length === 0 || query.users?.length === 0)
             return {exact: true, share: 1, total: 0, offset: 0, found: -1, rows: []}; // one of none
-        return asked('rows', parametersOf(query), seen, signal);
+        return this.asking(signal, (signal) => asked('rows', parametersOf(query), seen, signal));
+    }
+
+    private answerOf<Answer>(question: string): Promise<Answer> {
+        return this.asking(undefined, async (signal) => {
+            const response = await fetched(question, [], signal);
+            try {
+                return (await response.json()) as Answer;
+            } catch (error) {
+                signal.throwIfAborted();
+                throw error;
+            }
+        });
+    }
+
+    // A question ends when nobody waits for its answer any more, or when nothing is heard of the server.
+    private async asking<Answer>(
+        given: AbortSignal | undefined,
+        ask: (signal: AbortSignal) => Promise<Answer>,
+    ): Promise<Answer> {
+        given?.throwIfAborted();
+        const question = new AbortController();
+        const leave = (): void => question.abort(given!.reason);
+        given?.addEventListener('abort', leave);
+        this.underWay.add(question);
+        try {
+            return await ask(question.signal);
+        } finally {
+            given?.removeEventListener('abort', leave);
+            this.underWay.delete(question);
+        }
     }
 
     watch(listener: (change: Change) => void): () => void {
@@ -231,11 +264,12 @@ export class HttpSource implements Source {
             before = trouble;
         };
         // The server is heard every 15 seconds, whatever happens. One that hangs does not end its connections, nor does
-        // a network that is gone.
+        // a network that is gone: what was asked over them would wait for ever, and hold up what is asked after it.
         const wait = (): void => {
             clearTimeout(timer);
             timer = setTimeout(() => {
                 events?.close();
+                this.underWay.forEach((question) => question.abort(new Error(notAnswered)));
                 say(noAnswer, []);
                 connect();
             }, patience);
