@@ -701,6 +701,22 @@ test('what was asked over a path that fell silent is asked again', chrome, async
     assert.deepEqual(await shown(session, '.failure'), []);
 });
 
+test('files whose tables could not be asked for are opened again with the next change', chrome, async () => {
+    const table = 'CREATE TABLE T4(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)';
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    let refused = 0;
+    await session.page.setRequestInterception(true);
+    session.page.on('request', (request) => {
+        if (refused === 0 && request.url().endsWith('/api/tables')) void request.abort().then(() => ++refused);
+        else void request.continue();
+    });
+    await served.change([...plant, table], true);
+    assert.ok(await soon(async () => refused === 1 && (await shown(session, '.failure')).length === 1));
+    await served.change([...later(3), table]);
+    assert.ok(await soon(async () => (await texts(session, '.series .name')).includes('T4')));
+});
+
 test('what changes before the page listens is seen', chrome, async () => {
     await using served = await Served.start(plant);
     let isFirst = true;

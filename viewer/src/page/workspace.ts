@@ -284,6 +284,7 @@ export class Workspace {
         try {
             while (this.isOther) await this.openAgain();
         } catch (error) {
+            this.isOther = true; // the next change asks again
             this.fail(error);
         } finally {
             this.isOpening = false;
