@@ -634,6 +634,63 @@ test('a table that takes long to read holds up no other', chrome, async () => {
     assert.ok(Date.now() - begin < 10000);
 });
 
+/** What a page gives to be printed: the range and the figures of the first series. */
+async function printed(session: Session): Promise<readonly string[] | null> {
+    return session.page.evaluate(() => (window as any).printed ?? null);
+}
+async function takePrints(session: Session): Promise<void> {
+    await session.page.evaluate(() => {
+        window.print = () => {
+            const cells = document.querySelectorAll('#paper > p:first-of-type, #paper tbody tr:first-child > *');
+            (window as any).printed = [...cells].map((each) => each.textContent);
+        };
+    });
+}
+const figures = (session: Session): Promise<string[]> => texts(session, '.figures tbody tr:first-child > *');
+
+test('the figures on screen and on paper are those of the range that is shown', chrome, async () => {
+    await using served = await Served.start(plant);
+    await using session = await opened(served);
+    await takePrints(session);
+    const all = await figures(session);
+    const held = gate();
+    served.slowly = ({pathname}) => (pathname === '/api/trend' ? held.opened : undefined);
+    await session.page.$eval('.trend input[aria-label=To]', (input) => {
+        (input as HTMLInputElement).value = '2024-05-06 12:00:00';
+        input.dispatchEvent(new Event('change'));
+    });
+    await press(session, 'Print');
+    await resting(500);
+    assert.deepEqual((await figures(session)).slice(1, 5), ['…', '…', '…', '…']);
+    assert.equal(await printed(session), null);
+    held.open();
+    const [said, ...cells] = (await soon(() => printed(session)))!;
+    await session.settled();
+    assert.equal(said, `${(await range(session)).join(' to ')}, device time`);
+    assert.deepEqual(cells, (await figures(session)).slice(0, 5));
+    assert.notDeepEqual(cells, all.slice(0, 5));
+});
+
+test('figures that are not exact yet say so on paper, too', chrome, async () => {
+    await using served = await Served.start(plant);
+    const held = gate();
+    served.turn = async (_, answer, part) => {
+        const found = await answer();
+        part({...found, exact: false, share: 0.5});
+        await held.opened;
+        return found;
+    };
+    await using session = await Session.start('chrome', {served: served.address});
+    await session.page.waitForSelector('[role=tablist]');
+    await takePrints(session);
+    assert.ok(await soon(async () => (await figures(session))[1]?.startsWith('≈ ')));
+    await press(session, 'Print');
+    const cells = (await soon(() => printed(session)))!.slice(1);
+    assert.match(cells[1]!, /^≈ \d/);
+    assert.deepEqual(cells, (await figures(session)).slice(0, 5));
+    held.open();
+});
+
 test('lists do not wait for pictures', chrome, async () => {
     const series = [5, 6, 7, 8].flatMap((i) => [
         `CREATE TABLE T${i}(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)`,

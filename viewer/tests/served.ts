@@ -15,8 +15,11 @@ export class Served {
     readonly address: URL;
     /** Every question that came. */
     readonly questions: URL[] = [];
-    /** Gives each answer that takes long, in its own time. */
-    turn: (question: URL, answer: () => Promise<object>) => Promise<object> = (_, answer) => answer();
+    /** Gives each answer that takes long, in its own time, and parts of it before. */
+    turn: (question: URL, answer: () => Promise<object>, part: (part: object) => void) => Promise<object> = (
+        _,
+        answer,
+    ) => answer();
     private version = 0;
     private error = '';
     private readonly listeners = new Set<ServerResponse>();
@@ -123,8 +126,9 @@ export class Served {
         const write = (line: object): void => void response.write(`${JSON.stringify(line)}\n`);
         response.setHeader('content-type', 'application/x-ndjson');
         try {
-            const answer = (): Promise<object> => longAnswer(this.source, pathname, parts, (part) => write({part}));
-            write({done: await this.turn(address, answer)});
+            const seen = (part: object): void => write({part});
+            const answer = (): Promise<object> => longAnswer(this.source, pathname, parts, seen);
+            write({done: await this.turn(address, answer, seen)});
         } catch (error) {
             write({error: (error as Error).message});
         }

@@ -2,10 +2,11 @@
 //
 // The panes above each other in step, the events below them, both cursors, and everything that a hand can do to them.
 import {mostColumns} from '../reading/source.js';
-import type {CurveAnswer, LanesAnswer, MarksAnswer, TrendAnswer} from '../reading/source.js';
+import type {CurveAnswer, LanesAnswer, MarksAnswer, Sample, TrendAnswer} from '../reading/source.js';
 import {colour, h} from './dom.js';
 import {drawEvents, heightOf, laneAt} from './events_strip.js';
 import type {Events} from './events_strip.js';
+import {count, number, reckoned} from './format.js';
 import {Pane, rightSide, showPanes} from './pane.js';
 import type {Colours, Drawn, View} from './pane.js';
 import {earliest, latest} from './workspace.js';
@@ -33,6 +34,10 @@ export class Chart {
     readonly pending = new Set<string>();
     /** Those that could not be read for this view. */
     readonly failed = new Set<string>();
+    // The view that the answer of each table is of. When somebody leaves a view its answers count no more; when it moves
+    // along with new rows they do until there are others, so that the figures do not flicker.
+    private readonly answered = new Map<string, View>();
+    private readonly waiting: (() => void)[] = []; // for the next answer
     events: Events = {alarms: null, log: null};
     private readonly ofEvents = new Map<string, LanesAnswer | MarksAnswer>(); // by the tables of alarms and logs
     private panes: Pane[] = [];
@@ -97,7 +102,9 @@ export class Chart {
         this.panes = groups.map((_, i) => new Pane(i === groups.length - 1, coloursOf(), 600, paneHeight));
         this.stack.replaceChildren(...this.panes.map((pane) => pane.element));
         for (const key of this.answers.keys()) {
-            if (!this.workspace.chosen.includes(key)) this.answers.delete(key);
+            if (this.workspace.chosen.includes(key)) continue;
+            this.answers.delete(key);
+            this.answered.delete(key);
         }
         this.layOut();
         this.ask();
@@ -113,6 +120,34 @@ export class Chart {
         const distance = (to - from) / Math.max(1, answer.numbers - 1);
         const near = Math.max(10 * distance, (3 * (to - from)) / this.inner);
         return moment === null ? null : (nearestPoint(answer, moment, near)?.value ?? null);
+    }
+
+    /** Undefined while there is none, or one of a view that somebody has left. */
+    answerInView(key: string): CurveAnswer | undefined {
+        return this.answered.has(key) ? this.answers.get(key) : undefined;
+    }
+
+    /** The texts of a series for the range in view: the lowest, the highest, the mean and the number of its values. */
+    figuresOf(key: string): string[] {
+        const isUnread = !this.answers.has(key) && this.workspace.unread.has(key);
+        if (this.failed.has(key) || isUnread) return ['could not be read', '', '', ''];
+        const answer = this.answerInView(key);
+        if (!answer) return ['…', '…', '…', '…'];
+        const {exact, lowest, highest, mean, numbers} = answer;
+        const about = (sample: Sample | null): string => (sample ? `${exact ? '' : '≈ '}${number(sample.value)}` : '');
+        return [about(lowest), about(highest), exact && numbers > 0 ? reckoned(mean) : '', exact ? count(numbers) : ''];
+    }
+
+    /** Waits for answers of what is in view: exact ones of tables that were read, the first of series that were not. */
+    async complete(): Promise<void> {
+        const {workspace, answered, answers, failed} = this;
+        const isMissing = (key: string): boolean => {
+            const isThere = answered.get(key) === workspace.view;
+            if (workspace.overviews.get(key)?.exact) return !isThere || answers.get(key)?.exact === false;
+            return !isThere && workspace.chosen.includes(key);
+        };
+        while (this.hasAsked && this.keys().some((key) => !failed.has(key) && isMissing(key)))
+            await new Promise<void>((resume) => this.waiting.push(resume));
     }
 
     timeAt(x: number): number {
@@ -178,6 +213,7 @@ export class Chart {
         if (this.workspace.isFollowing) this.renew(this.keys());
         else {
             this.abort();
+            this.answered.clear();
             this.workspace.chosen.forEach((key) => this.pending.add(key));
             this.askIn(askAfter);
         }
@@ -187,7 +223,6 @@ export class Chart {
     /** Asks for everything in the view; what is under way is of no use any more. */
     ask(): void {
         this.abort();
-        this.failed.clear();
         this.workspace.chosen.forEach((key) => this.pending.add(key));
         this.askNow();
     }
@@ -214,6 +249,7 @@ export class Chart {
         this.asked.abort();
         this.asked = new AbortController();
         this.underWay = new Set();
+        this.failed.clear();
         this.keys().forEach((key) => this.wanted.add(key));
     }
 
@@ -247,15 +283,22 @@ export class Chart {
 
     private async askFor(key: string): Promise<void> {
         const {asked, underWay, workspace} = this;
+        const {view} = workspace;
         underWay.add(key);
         try {
             if (workspace.table(key).kind === 'samples') await this.askForCurve(key, asked.signal);
             else await this.askForEvents(key, asked.signal);
         } catch (error) {
             workspace.fail(error);
+            if (!asked.signal.aborted) this.noteAnswer(key, view); // there will be none
         }
         underWay.delete(key);
         if (!asked.signal.aborted && this.wanted.has(key)) this.askNow();
+    }
+
+    private noteAnswer(key: string, view: View): void {
+        this.answered.set(key, view);
+        this.waiting.splice(0).forEach((resume) => resume());
     }
 
     private async askForCurve(key: string, signal: AbortSignal): Promise<void> {
@@ -266,6 +309,7 @@ export class Chart {
             if (answer.kind !== 'samples' || signal.aborted) return;
             if (isQuiet && !answer.exact && this.answers.get(key)?.exact) return;
             this.answers.set(key, answer);
+            this.noteAnswer(key, view);
             this.draw();
             this.onAnswer();
         };
@@ -302,6 +346,7 @@ export class Chart {
         const take = (answer: TrendAnswer): void => {
             if (answer.kind === 'samples' || signal.aborted) return;
             this.ofEvents.set(key, answer);
+            this.noteAnswer(key, view);
             this.showEvents();
         };
         const columns = Math.round(this.inner);

@@ -8,9 +8,10 @@ import {coloursOf, groupsOf} from './chart.js';
 import type {Chart} from './chart.js';
 import {colour, download, h} from './dom.js';
 import {drawEvents, heightOf} from './events_strip.js';
-import {count, number, reckoned} from './format.js';
+import {count} from './format.js';
 import type {Column} from './list.js';
 import {Pane, showPanes} from './pane.js';
+import type {View} from './pane.js';
 import type {Workspace} from './workspace.js';
 
 const width = 1200;
@@ -20,8 +21,8 @@ const axisHeight = 40;
 const lineHeight = 22;
 const longestPrinted = 5000; // characters of a cell
 
-function rangeText({view}: Workspace): string {
-    return `${timeText(view.from, false)} to ${timeText(view.to, false)}, device time`;
+function rangeText({from, to}: View): string {
+    return `${timeText(from, false)} to ${timeText(to, false)}, device time`;
 }
 
 function filesText({files}: Workspace): string {
@@ -29,23 +30,15 @@ function filesText({files}: Workspace): string {
 }
 
 function figuresOf(workspace: Workspace, chart: Chart): string[][] {
-    return workspace.chosen.map((key) => {
-        const answer = chart.answers.get(key);
-        const value = (of: {value: number} | null | undefined): string => (of ? number(of.value) : '');
-        return [
-            workspace.titleOf(workspace.table(key)),
-            value(answer?.lowest),
-            value(answer?.highest),
-            answer?.exact && answer.numbers > 0 ? reckoned(answer.mean) : '',
-            answer?.exact ? count(answer.numbers) : '',
-        ];
-    });
+    return workspace.chosen.map((key) => [workspace.titleOf(workspace.table(key)), ...chart.figuresOf(key)]);
 }
 
 const figureHeads = ['Series', 'Lowest', 'Highest', 'Mean', 'Numbers'];
 
 /** The panes and events alone, drawn in light colours. */
 async function drawTrend(workspace: Workspace, chart: Chart): Promise<HTMLCanvasElement> {
+    const {view} = workspace;
+    const {events} = chart;
     const theme = h('div', {class: 'light offstage'});
     document.body.append(theme);
     const groups = groupsOf(workspace);
@@ -53,7 +46,7 @@ async function drawTrend(workspace: Workspace, chart: Chart): Promise<HTMLCanvas
     const ratio = devicePixelRatio;
     const canvas = h('canvas', {
         width: width * ratio,
-        height: (groups.length * each + axisHeight + heightOf(chart.events) + 8) * ratio,
+        height: (groups.length * each + axisHeight + heightOf(events) + 8) * ratio,
     });
     const ctx = canvas.getContext('2d')!;
     ctx.fillStyle = '#ffffff';
@@ -65,7 +58,7 @@ async function drawTrend(workspace: Workspace, chart: Chart): Promise<HTMLCanvas
         return pane;
     });
     const drawn = groups.map((keys) => chart.drawnOf(keys, theme));
-    const left = showPanes(panes, workspace.view, drawn, coloursOf(theme));
+    const left = showPanes(panes, view, drawn, coloursOf(theme));
     await new Promise((resume) => setTimeout(resume)); // uPlot draws when the script rests
     panes.forEach((pane, i) => {
         ctx.drawImage(pane.canvas, 0, i * each * ratio);
@@ -74,7 +67,7 @@ async function drawTrend(workspace: Workspace, chart: Chart): Promise<HTMLCanvas
     ctx.save();
     ctx.scale(ratio, ratio);
     ctx.translate(0, groups.length * each + axisHeight + 4);
-    drawEvents(ctx, chart.events, workspace.view, left, width, theme);
+    drawEvents(ctx, events, view, left, width, theme);
     ctx.restore();
     theme.remove();
     return canvas;
@@ -82,11 +75,12 @@ async function drawTrend(workspace: Workspace, chart: Chart): Promise<HTMLCanvas
 
 /** A PNG with the names of what is shown, the figures and what is said about them below. */
 export async function exportPicture(workspace: Workspace, chart: Chart, notes: readonly string[]): Promise<void> {
+    const {view} = workspace;
+    const figures = figuresOf(workspace, chart);
     const trend = await drawTrend(workspace, chart);
     const ratio = devicePixelRatio;
     const theme = h('div', {class: 'light offstage'});
     document.body.append(theme);
-    const figures = figuresOf(workspace, chart);
     const head = 64;
     const canvas = h('canvas', {
         width: trend.width,
@@ -103,7 +97,7 @@ export async function exportPicture(workspace: Workspace, chart: Chart, notes: r
     ctx.fillText(filesText(workspace), 16, 24, width - 32);
     ctx.font = '13px system-ui, sans-serif';
     ctx.fillStyle = colour('muted', theme);
-    ctx.fillText(rangeText(workspace), 16, 46);
+    ctx.fillText(rangeText(view), 16, 46);
     const top = head + trend.height / ratio + lineHeight / 2 + 4;
     [figureHeads, ...figures].forEach((cells, row) => {
         const y = top + row * lineHeight;
@@ -123,7 +117,7 @@ export async function exportPicture(workspace: Workspace, chart: Chart, notes: r
     theme.remove();
     const blob = await new Promise<Blob | null>((resolve) => canvas.toBlob(resolve, 'image/png'));
     if (!blob) throw new Error('the browser could not make the picture');
-    download(`trend ${timeText(workspace.view.from, false).slice(0, 10)}.png`, blob);
+    download(`trend ${timeText(view.from, false).slice(0, 10)}.png`, blob);
 }
 
 function print(workspace: Workspace, title: string, content: readonly Node[]): void {
@@ -135,8 +129,10 @@ function print(workspace: Workspace, title: string, content: readonly Node[]): v
 }
 
 export async function printTrend(workspace: Workspace, chart: Chart, notes: readonly string[]): Promise<void> {
+    const {view} = workspace;
+    const figures = figuresOf(workspace, chart);
     const image = h('img', {src: (await drawTrend(workspace, chart)).toDataURL('image/png'), alt: ''});
-    const rows = figuresOf(workspace, chart).map((cells, row) =>
+    const rows = figures.map((cells, row) =>
         h(
             'tr',
             {},
@@ -159,7 +155,7 @@ export async function printTrend(workspace: Workspace, chart: Chart, notes: read
         h('tbody', {}, ...rows),
     );
     await image.decode();
-    print(workspace, 'Trend', [h('p', {}, rangeText(workspace)), image, table, h('p', {}, notes.join(' · '))]);
+    print(workspace, 'Trend', [h('p', {}, rangeText(view)), image, table, h('p', {}, notes.join(' · '))]);
 }
 
 export function printRows(

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 import {timeText, writtenTime} from '../reading/times.js';
-import type {Sample} from '../reading/source.js';
 import {Chart} from './chart.js';
 import {button, h} from './dom.js';
 import {count, number, reckoned, share, span, time} from './format.js';
@@ -93,15 +92,8 @@ export class TrendView {
             h(
                 'div',
                 {class: 'group end', role: 'group', 'aria-label': 'Take out'},
-                button(
-                    'Picture',
-                    () =>
-                        void exportPicture(workspace, this.chart, this.notes()).catch((error) => workspace.fail(error)),
-                ),
-                button(
-                    'Print',
-                    () => void printTrend(workspace, this.chart, this.notes()).catch((error) => workspace.fail(error)),
-                ),
+                button('Picture', () => void this.takeOut(exportPicture)),
+                button('Print', () => void this.takeOut(printTrend)),
             ),
         );
         const table = h(
@@ -158,6 +150,20 @@ export class TrendView {
         });
         this.showRange();
         this.showFigures();
+    }
+
+    // Who changes the range and takes it out at once gets what is in it, and not what was in the former one.
+    private async takeOut(make: typeof exportPicture): Promise<void> {
+        const {workspace, chart} = this;
+        workspace.hold(true);
+        try {
+            await chart.complete();
+            await make(workspace, chart, this.notes());
+        } catch (error) {
+            workspace.fail(error);
+        } finally {
+            workspace.hold(false);
+        }
     }
 
     private timeInput(title: string, bound: 'first' | 'last'): HTMLInputElement {
@@ -273,7 +279,7 @@ export class TrendView {
         const {workspace, chart} = this;
         const heads = this.headTexts();
         this.heads.replaceChildren(...heads.map((head, i) => h('th', {scope: 'col', class: i > 0 && 'right'}, head)));
-        this.figures.replaceChildren(...workspace.chosen.map((key) => this.figureRow(key, heads.length - 1)));
+        this.figures.replaceChildren(...workspace.chosen.map((key) => this.figureRow(key)));
         const shares = workspace.chosen.map((key) => chart.answers.get(key)?.share ?? 1);
         const least = Math.min(1, ...shares);
         const isReading = chart.pending.size > 0;
@@ -297,35 +303,19 @@ export class TrendView {
         return heads;
     }
 
-    private figureRow(key: string, cellCount: number): HTMLElement {
+    private figureRow(key: string): HTMLElement {
         const {workspace, chart} = this;
         const {cursor, mark} = workspace;
         const swatch = h('span', {class: `swatch swatch${workspace.colourOf(key)}`});
         const head = h('th', {scope: 'row'}, swatch, workspace.titleOf(workspace.table(key)));
-        const answer = chart.answers.get(key);
-        if (chart.failed.has(key) || (!answer && workspace.unread.has(key))) {
-            const cells = Array.from({length: cellCount}, (_, i) =>
-                h('td', {class: 'right faint'}, i === 0 ? 'could not be read' : ''),
-            );
-            return h('tr', {}, head, ...cells);
-        }
-        if (!answer) {
-            const cells = Array.from({length: cellCount}, () => h('td', {class: 'right faint'}, '…'));
-            return h('tr', {}, head, ...cells);
-        }
-        const [here, there] = [chart.valueAt(answer, cursor), chart.valueAt(answer, mark)];
+        const answer = chart.failed.has(key) ? undefined : chart.answers.get(key);
+        const at = (moment: number | null): number | null => (answer ? chart.valueAt(answer, moment) : null);
+        const [here, there] = [at(cursor), at(mark)];
         const text = (value: number | null): string => (value === null ? '' : number(value));
-        const about = (sample: Sample | null): string =>
-            sample ? `${answer.exact ? '' : '≈ '}${number(sample.value)}` : '';
-        const cells = [
-            about(answer.lowest),
-            about(answer.highest),
-            answer.exact && answer.numbers > 0 ? reckoned(answer.mean) : '',
-            answer.exact ? count(answer.numbers) : '',
-            text(here),
-        ];
+        const cells = [...chart.figuresOf(key), text(here)];
         if (mark !== null) cells.push(text(there), here !== null && there !== null ? reckoned(here - there) : '');
-        const moments = [answer.lowest, answer.highest].map((sample) => sample && time(sample.time));
+        const {lowest, highest} = chart.answerInView(key) ?? {};
+        const moments = [lowest, highest].map((sample) => sample && time(sample.time));
         return h('tr', {}, head, ...cells.map((cell, i) => h('td', {class: 'right', title: moments[i]}, cell)));
     }
 

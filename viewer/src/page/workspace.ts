@@ -56,6 +56,7 @@ export class Workspace {
     private readonly colours = new Map<string, number>();
     private readonly stale = new Set<string>(); // tables with rows that were not looked at yet
     private readonly looking = new Set<string>(); // those that are looked at again just now
+    private isHeld = false; // what is taken out is of this view
     private isOther = false; // files and tables are to be asked for again
     private isOpening = false;
 
@@ -248,8 +249,21 @@ export class Workspace {
     }
 
     private followEdge(): void {
+        if (this.isHeld) return;
         if (this.edge === 'all') this.showAll();
         else if (this.edge === 'end') this.showEnd();
+    }
+
+    private followRows(): void {
+        this.isFollowing = true;
+        this.followEdge();
+        this.isFollowing = false;
+    }
+
+    /** While it is held the view follows nothing. */
+    hold(isHeld: boolean): void {
+        this.isHeld = isHeld;
+        this.followRows();
     }
 
     /** From now on what happens to the files is shown. Without effect on files that cannot change. */
@@ -330,9 +344,7 @@ export class Workspace {
         const more = overview.rows - (before?.exact ? before.rows : overview.rows);
         if (this.edge === null && more > 0) this.missed.set(key, (this.missed.get(key) ?? 0) + more);
         this.tell('overview');
-        this.isFollowing = true;
-        this.followEdge();
-        this.isFollowing = false;
+        this.followRows();
         this.tell('renewed', new Set([key]));
         this.tell('live');
     }
