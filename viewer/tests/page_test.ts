@@ -879,6 +879,34 @@ test('a list on paper says what it was filtered by', chrome, async () => {
     assert.equal(await said('log', '60 rows'), '60 rows · User admin');
 });
 
+test('what is taken out of a list is what it shows, whatever its fields say', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const devtools = await session.browser.target().createCDPSession();
+    await devtools.send('Browser.setDownloadBehavior', {behavior: 'allow', downloadPath: folder.path});
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    await session.page.evaluate(() => (window.print = () => undefined));
+    await session.tab('log');
+    const from = '#view-log input[aria-label=From]';
+    await session.page.type(from, '2024-05-12\n');
+    const status = async (): Promise<string> => (await texts(session, '#view-log .status'))[0]!;
+    assert.ok(await soon(async () => (await status()) === '40 rows'), await status());
+    await session.page.type(from, 'x\n'); // the list stays
+    const isInvalid = (): Promise<string | null> =>
+        session.page.$eval(from, (field) => field.getAttribute('aria-invalid'));
+    assert.equal(await isInvalid(), 'true');
+    await press(session, 'Print');
+    assert.equal(await soon(async () => (await texts(session, '#paper > p'))[0]), '40 rows · from 2024-05-12 00:00:00');
+    await press(session, 'CSV');
+    await session.page.waitForSelector('dialog[open]');
+    await press(session, 'Save');
+    const csv = await soon(async () => readdirSync(folder.path).find((name) => name.endsWith('.csv')));
+    assert.equal(readFileSync(join(folder.path, csv), 'utf8').split(/\n(?=2024)/).length - 1, 40);
+    await press(session, 'As in trend');
+    assert.equal(await isInvalid(), 'false');
+});
+
 test('an end that says no length is shown as it is written, and a long length whole', chrome, async () => {
     using folder = new Folder();
     await using session = await Session.start('chrome');

@@ -46,6 +46,13 @@ function isLevel(text: string): boolean {
     return String(Number(text) | 0) === text;
 }
 
+/** Whether it is a time, or nothing; the field says it. */
+function checkTime(field: HTMLInputElement, bound: 'first' | 'last'): boolean {
+    const isTime = field.value.trim() === '' || writtenTime(field.value, bound) !== null;
+    field.setAttribute('aria-invalid', String(!isTime));
+    return isTime;
+}
+
 function markLevel(cell: HTMLElement, row: readonly Cell[]): void {
     const level = Number(row[1]);
     cell.className = `level level${level >= 3 ? 3 : level === 2 || level === 1 ? level : 0}`;
@@ -87,6 +94,7 @@ export class RowsView {
     readonly element: HTMLElement;
     private list: List | null = null;
     private table: TableInfo | null = null;
+    private shown: RowQuery | null = null; // what the list shows: what is taken out is the same
     private readonly place = h('div', {class: 'list-place'});
     private readonly status = h('div', {class: 'status-place'});
     private readonly search = h('input', {
@@ -199,7 +207,7 @@ export class RowsView {
         if (wanted) {
             this.search.value = '';
             this.stateSelect.value = '';
-            this.from.value = this.to.value = '';
+            this.setRange('', '');
             if (this.order !== 'recorded') this.order = 'newest';
             this.setLevel(wanted);
         }
@@ -218,8 +226,7 @@ export class RowsView {
         const filter = this.workspace.filters.get(this.tab) ?? {};
         this.search.value = filter['search'] ?? '';
         this.stateSelect.value = filter['state'] ?? '';
-        this.from.value = filter['from'] ?? '';
-        this.to.value = filter['to'] ?? '';
+        this.setRange(filter['from'] ?? '', filter['to'] ?? '');
         this.tableSelect.value = filter['table'] ?? '';
         const choice = filter['choice'] ?? '';
         if (choice.startsWith('=') && (this.tab === 'log' || isLevel(choice.slice(1)))) this.setChoice(choice);
@@ -257,9 +264,7 @@ export class RowsView {
             autocomplete: 'off',
             title: 'A day, or a day and a time',
             onchange: () => {
-                const isTime = input.value.trim() === '' || writtenTime(input.value, bound) !== null;
-                input.setAttribute('aria-invalid', String(!isTime));
-                if (isTime) this.ask();
+                if (checkTime(input, bound)) this.ask();
                 else announce(`Not a time: ${input.value}`);
             },
         });
@@ -267,9 +272,16 @@ export class RowsView {
     }
 
     private takeView(): void {
-        this.from.value = timeText(this.workspace.view.from, false);
-        this.to.value = timeText(this.workspace.view.to, false);
+        const {from, to} = this.workspace.view;
+        this.setRange(timeText(from, false), timeText(to, false));
         this.ask();
+    }
+
+    private setRange(from: string, to: string): void {
+        this.from.value = from;
+        this.to.value = to;
+        checkTime(this.from, 'first');
+        checkTime(this.to, 'last');
     }
 
     private choose(key: string, wanted: Partial<RowQuery> = {}): void {
@@ -349,7 +361,7 @@ export class RowsView {
         this.timer = window.setTimeout(() => this.ask(), 200);
     }
 
-    private query(wanted: Partial<RowQuery> = {}): RowQuery {
+    private query(): RowQuery {
         const choice = this.choiceSelect.value;
         const state = this.stateSelect.value as 'active' | 'ended' | '';
         return {
@@ -363,8 +375,6 @@ export class RowsView {
             state: this.tab === 'alarms' && state !== '' ? state : undefined,
             levels: this.tab === 'alarms' && choice !== '' ? [Number(choice.slice(1))] : undefined,
             users: this.tab === 'log' && choice !== '' ? [choice.slice(1)] : undefined,
-            id: wanted.id,
-            at: wanted.at,
         };
     }
 
@@ -373,13 +383,17 @@ export class RowsView {
         clearTimeout(this.timer);
         this.isStale = false;
         this.keepFilter();
-        void this.list?.ask(this.query(wanted));
+        this.shown = this.query();
+        void this.list?.ask({...this.shown, id: wanted?.id, at: wanted?.at});
     }
 
     // Each row that is there, once, in pieces. While a table is read, and while rows come and go, none keeps its number:
     // a piece begins with the row that was taken last, and is asked for around it where the list has moved.
-    private async *allRows(atOnce: number, signal?: AbortSignal): AsyncGenerator<readonly (readonly Cell[])[]> {
-        const query = this.query();
+    private async *allRows(
+        query: RowQuery,
+        atOnce: number,
+        signal?: AbortSignal,
+    ): AsyncGenerator<readonly (readonly Cell[])[]> {
         const ask = (part: Partial<RowQuery>): Promise<RowsAnswer> =>
             this.workspace.source.rows({...query, ...part}, () => undefined, signal);
         let answer = await ask({offset: 0, limit: atOnce});
@@ -398,12 +412,12 @@ export class RowsView {
     }
 
     private exportCsv(): void {
-        const {table, list} = this;
-        if (!table) return;
+        const {table, list, shown} = this;
+        if (!table || !shown) return;
         askHowCsv(`${table.name}.csv`, list?.isExact ? list.total : null, async (options, signal) => {
             try {
                 const parts: BlobPart[] = [];
-                for await (const rows of this.allRows(rowsAtOnce, signal))
+                for await (const rows of this.allRows(shown, rowsAtOnce, signal))
                     parts.push(csvOf(table.kind, rows, options, parts.length === 0) as BlobPart);
                 if (parts.length === 0) parts.push(csvOf(table.kind, [], options) as BlobPart);
                 download(
@@ -417,8 +431,7 @@ export class RowsView {
     }
 
     // In the words of the page, as it is asked.
-    private filterTexts(): string[] {
-        const {containing, from, to, state, levels, users} = this.query();
+    private filterTexts({containing, from, to, state, levels, users}: RowQuery): string[] {
         const choice = levels?.join() ?? users?.join();
         return [
             containing !== undefined && `Texts with “${visible(containing)}”`,
@@ -430,10 +443,10 @@ export class RowsView {
     }
 
     private async print(): Promise<void> {
-        const {table, list} = this;
-        if (!table) return;
-        const filter = this.filterTexts();
-        const {value} = await this.allRows(mostPrinted + 1).next();
+        const {table, list, shown} = this;
+        if (!table || !shown) return;
+        const filter = this.filterTexts(shown);
+        const {value} = await this.allRows(shown, mostPrinted + 1).next();
         const rows: readonly (readonly Cell[])[] = value ?? [];
         const total = rows.length <= mostPrinted ? rows.length : list?.isExact ? list.total : null;
         printRows(this.workspace, table, listColumns(table.kind), rows.slice(0, mostPrinted), total, filter);
