@@ -313,6 +313,36 @@ test('a click on an alarm opens its list there, and a row goes back to its momen
     assert.match(from!, /^2024-05-0[89]/);
 });
 
+test('a click on an alarm or an entry opens the list of the file that has it', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    const line = async (name: string, hour: number): Promise<string> => {
+        const {main} = await made([
+            'CREATE TABLE L(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime NOT NULL,userName text,logName text,message text)',
+            `insert into L(DATETIME,message) with recursive n(i) as (select 0 union all select i+1 from n where i<29)
+             select strftime('%Y-%m-%d %H:%M:%f',1714953600+${hour}*3600+i*60,'unixepoch'),'${name} '||i from n`,
+            `CREATE TABLE A(ID INTEGER PRIMARY KEY AUTOINCREMENT,LevelID INTEGER,DATETIME dateTime,AlarmObject text,AlarmType text,
+             CurrentValue text,LimitValue text,AlarmDescription text,EndDate text,EndTime text)`,
+            `insert into A(LevelID,DATETIME,AlarmObject,EndDate,EndTime) values
+             (2,'2024-05-06 ${hour}:00:00','${name}','2024-05-06','${hour}:20:00')`,
+        ]);
+        return folder.write(`${name}.db`, main);
+    };
+    await session.open(await line('line1', 10), await line('line2', 20));
+    await session.settled();
+    await session.tab('trend');
+    const strip = (await soon(async () => (await session.page.$('.events[style*="44px"]'))?.boundingBox()))!;
+    for (const [lane, tab, text] of [
+        [13, 'alarms', 'line2'],
+        [31, 'log', 'line2 29'],
+    ] as const) {
+        await session.page.mouse.click(strip.x + strip.width - 26, strip.y + lane); // near the end
+        const row = await soon(async () => (await texts(session, `#view-${tab} .row.active`))[0]);
+        assert.ok(row.includes(text), row);
+        await session.tab('trend');
+    }
+});
+
 test('a row leads to its moment, with its series', chrome, async () => {
     using folder = new Folder();
     await using session = await Session.start('chrome');

@@ -2,10 +2,10 @@
 //
 // The panes above each other in step, the events below them, both cursors, and everything that a hand can do to them.
 import {mostColumns} from '../reading/source.js';
-import type {CurveAnswer, LanesAnswer, MarksAnswer, Sample, TrendAnswer} from '../reading/source.js';
+import type {CurveAnswer, LanesAnswer, MarksAnswer, RowQuery, Sample, TrendAnswer} from '../reading/source.js';
 import {colour, h} from './dom.js';
-import {drawEvents, heightOf, laneAt} from './events_strip.js';
-import type {Events} from './events_strip.js';
+import {drawEvents, heightOf, laneAt, lanesOf} from './events_strip.js';
+import type {Lane} from './events_strip.js';
 import {count, number, reckoned} from './format.js';
 import {Pane, rightSide, showPanes} from './pane.js';
 import type {Colours, Drawn, View} from './pane.js';
@@ -38,7 +38,7 @@ export class Chart {
     // along with new rows they do until there are others, so that the figures do not flicker.
     private readonly answered = new Map<string, View>();
     private readonly waiting: (() => void)[] = []; // for the next answer
-    events: Events = {alarms: null, log: null};
+    lanes: readonly Lane[] = [];
     private readonly ofEvents = new Map<string, LanesAnswer | MarksAnswer>(); // by the tables of alarms and logs
     private panes: Pane[] = [];
     private left = 0; // of the panes, for the labels of their values
@@ -60,12 +60,7 @@ export class Chart {
     constructor(
         private readonly workspace: Workspace,
         private readonly onAnswer: () => void,
-        private readonly onEvent: (
-            kind: 'alarms' | 'log',
-            time: number,
-            id: number | null,
-            level: number | null,
-        ) => void,
+        private readonly onEvent: (kind: Lane['kind'], row: Partial<RowQuery>) => void,
     ) {
         this.element = h(
             'div',
@@ -163,7 +158,7 @@ export class Chart {
     private layOut(): void {
         const width = this.element.clientWidth;
         if (width === 0) return;
-        const room = this.element.clientHeight - heightOf(this.events) - axisHeight;
+        const room = this.element.clientHeight - heightOf(this.lanes) - axisHeight;
         const each = Math.max(110, Math.floor(room / Math.max(1, this.panes.length)));
         this.panes.forEach((pane) => pane.resize(width, each + (pane.showsTimes ? axisHeight : 0)));
         this.draw();
@@ -186,14 +181,14 @@ export class Chart {
         const colours = coloursOf();
         const drawn = groupsOf(this.workspace).map((keys) => this.drawnOf(keys));
         this.left = showPanes(this.panes, this.workspace.view, drawn, colours);
-        const [width, height] = [this.element.clientWidth, heightOf(this.events)];
+        const [width, height] = [this.element.clientWidth, heightOf(this.lanes)];
         this.strip.width = width * devicePixelRatio;
         this.strip.height = height * devicePixelRatio;
         this.strip.style.width = `${width}px`;
         this.strip.style.height = `${height}px`;
         const ctx = this.strip.getContext('2d')!;
         ctx.scale(devicePixelRatio, devicePixelRatio);
-        drawEvents(ctx, this.events, this.workspace.view, this.left, width);
+        drawEvents(ctx, this.lanes, this.workspace.view, this.left, width);
         this.drawCursors();
     }
 
@@ -355,14 +350,10 @@ export class Chart {
 
     /** What is known of the alarms and logs that there are. */
     showEvents(): void {
-        const before = heightOf(this.events);
+        const before = heightOf(this.lanes);
         for (const key of this.ofEvents.keys()) if (!this.keys().includes(key)) this.ofEvents.delete(key);
-        const answers = [...this.ofEvents.values()];
-        this.events = {
-            alarms: joinedAlarms(answers.filter((answer) => answer.kind === 'alarms')),
-            log: joinedMarks(answers.filter((answer) => answer.kind === 'log')),
-        };
-        if (heightOf(this.events) !== before) this.layOut();
+        this.lanes = lanesOf(this.ofEvents);
+        if (heightOf(this.lanes) !== before) this.layOut();
         else this.draw();
     }
 
@@ -475,16 +466,10 @@ export class Chart {
     private click(event: PointerEvent, x: number): void {
         const time = this.timeAt(x);
         const y = event.clientY - this.strip.getBoundingClientRect().top;
-        const lane = y >= 0 ? laneAt(this.events, y) : null;
-        if (lane?.kind === 'log') {
-            const {marks} = this.events.log!;
-            let nearest = -1;
-            for (let i = 0; i < marks.length; i += 3) {
-                if (nearest < 0 || Math.abs(marks[i]! - time) < Math.abs(marks[nearest]! - time)) nearest = i;
-            }
-            if (nearest >= 0) this.onEvent('log', marks[nearest]!, marks[nearest + 2]!, null);
-        } else if (lane) {
-            this.onEvent('alarms', time, null, lane.level);
+        const lane = y >= 0 ? laneAt(this.lanes, y) : null;
+        if (lane) {
+            const row = rowAt(lane, time);
+            if (row) this.onEvent(lane.kind, row);
         } else {
             this.workspace.setCursor(time);
             this.workspace.setMark(time);
@@ -521,29 +506,26 @@ export class Chart {
     }
 }
 
-// Several files may have alarms: levels are joined lane by lane.
-function joinedAlarms(answers: readonly LanesAnswer[]): LanesAnswer | null {
-    if (answers.length === 0) return null;
-    const lanes = answers.flatMap((answer) => answer.lanes);
-    const levels = [...new Set(lanes.map(({level}) => level))].sort((a, b) => b - a);
-    return {
-        kind: 'alarms',
-        exact: answers.every(({exact}) => exact),
-        share: 1,
-        lanes: levels.map((level) => {
-            const same = lanes.filter((lane) => lane.level === level);
-            return {
-                level,
-                alarms: same.reduce((sum, lane) => sum + lane.alarms, 0),
-                spans: same.flatMap(({spans}) => spans),
-            };
-        }),
+// What a click on a lane leads to: the nearest entry, or this time in the table with the nearest alarm.
+function rowAt(lane: Lane, time: number): Partial<RowQuery> | null {
+    let found: Partial<RowQuery> | null = null;
+    let least = Infinity;
+    const take = (distance: number, row: Partial<RowQuery>): void => {
+        if (distance < least) [least, found] = [distance, row];
     };
-}
-
-function joinedMarks(answers: readonly MarksAnswer[]): MarksAnswer | null {
-    if (answers.length === 0) return null;
-    return {kind: 'log', exact: true, share: 1, marks: answers.flatMap(({marks}) => marks)};
+    if (lane.kind === 'log') {
+        for (const [table, marks] of lane.marks) {
+            for (let i = 0; i < marks.length; i += 3) take(Math.abs(marks[i]! - time), {table, id: marks[i + 2]!});
+        }
+    } else {
+        for (const [table, spans] of lane.spans) {
+            let distance = Number.MAX_VALUE; // a level without alarms in view has a list, too
+            for (let i = 0; i < spans.length; i += 2)
+                distance = Math.min(distance, Math.max(0, spans[i]! - time, time - spans[i + 1]!));
+            take(distance, {table, at: time, levels: [lane.level]});
+        }
+    }
+    return found;
 }
 
 /** The point that is nearest to a time; null without one within this distance. */

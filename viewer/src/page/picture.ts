@@ -38,7 +38,7 @@ const figureHeads = ['Series', 'Lowest', 'Highest', 'Mean', 'Numbers'];
 /** The panes and events alone, drawn in light colours. */
 async function drawTrend(workspace: Workspace, chart: Chart): Promise<HTMLCanvasElement> {
     const {view} = workspace;
-    const {events} = chart;
+    const {lanes} = chart;
     const theme = h('div', {class: 'light offstage'});
     document.body.append(theme);
     const groups = groupsOf(workspace);
@@ -46,7 +46,7 @@ async function drawTrend(workspace: Workspace, chart: Chart): Promise<HTMLCanvas
     const ratio = devicePixelRatio;
     const canvas = h('canvas', {
         width: width * ratio,
-        height: (groups.length * each + axisHeight + heightOf(events) + 8) * ratio,
+        height: (groups.length * each + axisHeight + heightOf(lanes) + 8) * ratio,
     });
     const ctx = canvas.getContext('2d')!;
     ctx.fillStyle = '#ffffff';
@@ -67,7 +67,7 @@ async function drawTrend(workspace: Workspace, chart: Chart): Promise<HTMLCanvas
     ctx.save();
     ctx.scale(ratio, ratio);
     ctx.translate(0, groups.length * each + axisHeight + 4);
-    drawEvents(ctx, events, view, left, width, theme);
+    drawEvents(ctx, lanes, view, left, width, theme);
     ctx.restore();
     theme.remove();
     return canvas;

@@ -64,8 +64,8 @@ export class TrendView {
         this.chart = new Chart(
             workspace,
             () => this.showFigures(),
-            (kind, at, id, level) => {
-                workspace.wanted.set(kind, id !== null ? {id} : {at, levels: level === null ? undefined : [level]});
+            (kind, row) => {
+                workspace.wanted.set(kind, row);
                 workspace.setTab(kind);
             },
         );
