@@ -774,6 +774,23 @@ test('files whose tables could not be asked for are opened again with the next c
     assert.ok(await soon(async () => (await texts(session, '.series .name')).includes('T4')));
 });
 
+test('the facts of files and tables keep up with the rows that come', chrome, async () => {
+    await using served = await Served.start(logOf(100));
+    await using session = await opened(served, new URL('#tab=findings', served.address));
+    const facts = async (): Promise<string> =>
+        (await texts(session, '#view-findings tbody td:nth-child(4), #view-findings tbody td:nth-child(7)')).join();
+    const size = async (): Promise<string> => (await texts(session, 'h1.file'))[0]!;
+    assert.ok(await soon(async () => (await facts()).endsWith('100,100')), await facts());
+    const [before, small] = [await facts(), await size()];
+    await served.change(logOf(20000));
+    assert.ok(await soon(async () => (await facts()).endsWith('20,000,20,000')), await facts());
+    const pages = (text: string): string => text.split(' of ')[0]!;
+    assert.ok(await soon(async () => pages(await facts()) !== pages(before)), await facts());
+    assert.notEqual(await size(), small);
+    await served.change(['create table t(a)'], true);
+    assert.ok(await soon(async () => !(await texts(session, '#view-findings tbody')).join().includes('OperatorLog')));
+});
+
 test('what changes before the page listens is seen', chrome, async () => {
     await using served = await Served.start(plant);
     let isFirst = true;

@@ -185,8 +185,9 @@ export class HttpSource implements Source {
 
     async open(): Promise<readonly FileInfo[]> {
         const files = await this.answerOf<ServedFile[]>('open');
+        // Later ones come with the changes: one that was not heard yet is not to be passed over.
         files.forEach(({version}, file) => {
-            if (version !== undefined) this.versions.set(file, version);
+            if (version !== undefined && !this.versions.has(file)) this.versions.set(file, version);
         });
         const names = distinctNames(files.map(({name}) => name));
         return files.map((file, i) => ({...file, name: names[i]!}));

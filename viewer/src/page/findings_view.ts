@@ -85,7 +85,7 @@ export class FindingsView {
     constructor(private readonly workspace: Workspace) {
         this.element = h('section', {class: 'findings-view', 'aria-label': 'Findings'}, this.content);
         workspace.onChange((change) => {
-            if (change === 'overview' && workspace.tab === 'findings') this.show();
+            if (['overview', 'tables', 'live'].includes(change) && workspace.tab === 'findings') this.show();
         });
     }
 

@@ -149,13 +149,13 @@ export function frameOf(workspace: Workspace, opener: HTMLElement | null): Frame
     };
     workspace.onChange((change) => {
         if (change === 'tab') show();
-        if (change === 'tables') showFiles();
+        if (change === 'tables' || change === 'live') showFiles();
         if (change === 'live') showLive();
         if (change === 'failure') {
             failureText.textContent = workspace.failure;
             failure.hidden = workspace.failure === '';
         }
-        if (change === 'overview') {
+        if (change === 'overview' || change === 'tables') {
             badge.textContent = String(findings.count);
             badge.hidden = findings.count === 0;
             badge.setAttribute('aria-label', `${findings.count} need attention`);

@@ -56,6 +56,7 @@ export class Workspace {
     private readonly colours = new Map<string, number>();
     private readonly stale = new Set<string>(); // tables with rows that were not looked at yet
     private readonly looking = new Set<string>(); // those that are looked at again just now
+    private hasGrown = false; // files are longer, and what is said of them is to be asked for again
     private isHeld = false; // what is taken out is of this view
     private isOther = false; // files and tables are to be asked for again
     private isOpening = false;
@@ -278,7 +279,7 @@ export class Workspace {
             if (error !== '') this.unreadable.set(file, error);
             else isBack = this.unreadable.delete(file) || isBack;
             this.isOther ||= isOther && error === '';
-            for (const {key} of tables) this.stale.add(key);
+            for (const {key, lastId} of tables) this.takeLastId(key, lastId);
         }
         if (isBack) {
             // What was asked in between had no answer.
@@ -290,19 +291,37 @@ export class Workspace {
         void this.renew();
     }
 
+    private takeLastId(key: string, lastId: number): void {
+        this.stale.add(key);
+        this.hasGrown = true;
+        this.tables = this.tables.map((table) => {
+            if (table.key !== key) return table;
+            const {lastIdText: _, ...others} = table; // of the former one
+            return {...others, lastId};
+        });
+    }
+
     // Each table is looked at on its own, so that none waits for one that takes long. What changes while it is looked at
     // is looked at together after that.
     private async renew(): Promise<void> {
         if (this.isOpening || this.trouble !== '') return;
         this.isOpening = true;
         try {
-            while (this.isOther) await this.openAgain();
+            do {
+                if (this.isOther) await this.openAgain();
+                this.lookAtStale();
+                if (this.hasGrown) await this.measure();
+            } while (this.isOther || this.hasGrown);
         } catch (error) {
             this.isOther = true; // the next change asks again
             this.fail(error);
         } finally {
             this.isOpening = false;
         }
+        this.lookAtStale();
+    }
+
+    private lookAtStale(): void {
         for (const key of this.stale) {
             if (this.looking.has(key)) continue;
             this.stale.delete(key);
@@ -310,8 +329,14 @@ export class Workspace {
         }
     }
 
+    private async measure(): Promise<void> {
+        this.hasGrown = false;
+        this.files = await this.source.open();
+        this.tell('live');
+    }
+
     private async openAgain(): Promise<void> {
-        this.isOther = false;
+        this.isOther = this.hasGrown = false;
         const hadSeries = this.seriesTables.length > 0;
         this.files = await this.source.open();
         this.tables = await this.source.tables();
