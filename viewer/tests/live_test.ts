@@ -121,6 +121,40 @@ test('a list shows new rows at its edge, and stays where somebody reads', chrome
     assert.deepEqual(await shown(session, '#view-log .missed'), []);
 });
 
+test('new rows are counted where as many are removed at the other side', chrome, async () => {
+    const ring = (rows: number): string[] => [
+        'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)',
+        `insert into T1(DATETIME,Value) with recursive n(i) as (select 0 union all select i+1 from n where i<${rows - 1})
+         select datetime(1714978800+i,'unixepoch'),i from n`,
+        ...logOf(rows),
+        `delete from T1 where ID<=${rows - 1000}`,
+        `delete from OperatorLog where ID<=${rows - 1000}`,
+    ];
+    await using served = await Served.start(ring(1000));
+    await using session = await opened(served);
+    const news = (selector: string, text: string): Promise<boolean> =>
+        soon(async () => (await shown(session, `${selector} .missed`))[0] === text);
+    const first = (tab: string): Promise<string> => entryAt(session, `#view-${tab} .rows .row`);
+    await session.page.focus('.chart');
+    await session.page.keyboard.press('+');
+    await session.settled();
+    await session.tab('log');
+    await session.settled();
+    await session.page.$eval('#view-log .scroller', (each) => (each.scrollTop = 3000));
+    assert.ok(await soon(async () => (await first('log')) === 'm899'));
+    await served.change(ring(1010));
+    assert.ok(await news('#view-log', '10 new rows ↑'));
+    assert.equal(await first('log'), 'm899');
+    await session.tab('trend');
+    assert.ok(await news('.below', '20 new rows →'));
+    // The first row that is shown is always one that is removed.
+    await session.tab('rows');
+    await session.settled();
+    await served.change(ring(1013));
+    assert.ok(await news('#view-rows', '3 new rows ↓'));
+    assert.equal(await first('rows'), '14');
+});
+
 test('what is pressed while new rows come is chosen', chrome, async () => {
     await using served = await Served.start(plant);
     await using session = await opened(served);

@@ -182,17 +182,30 @@ export class List {
         const answer = await this.source.rows(query, () => undefined, signal);
         signal.throwIfAborted();
         const {firstShown, isAtEdge} = this; // now: somebody may have scrolled since it was asked
-        const before = this.isExact ? this.total : Infinity;
-        const shift = id && answer.found >= 0 ? answer.found - asked : 0;
+        const {isExact: wasExact, total: before} = this;
+        const known = this.shiftTo(answer, asked);
+        const shift = known ?? 0;
         const active = this.rowOf(this.active)?.[0];
         const place = active ? answer.rows.findIndex(([each]) => each === active) : -1;
         this.active = place >= 0 ? answer.offset + place : this.active + shift;
         this.take(answer);
         if (!isAtEdge) this.scrollToFirst(firstShown + shift);
         else if (!this.isNewestFirst) this.scrollToFirst(this.total);
-        if (!isAtEdge && typeof this.query.order === 'string')
-            this.showNews(Math.max(0, this.missed + this.total - before));
+        // Rows that are removed at the other side are no news less.
+        const news = this.isNewestFirst && known !== null ? known : this.total - before - shift;
+        if (wasExact && !isAtEdge && typeof this.query.order === 'string')
+            this.showNews(Math.max(0, this.missed + news));
         this.draw();
+    }
+
+    // By how many places the rows that are looked at have moved; null if none of them is known. The first may be gone.
+    private shiftTo({offset, rows}: RowsAnswer, from: number): number | null {
+        const places = new Map(rows.map(([id], i) => [id, offset + i]));
+        for (let i = from, row; (row = this.rowOf(i)); ++i) {
+            const place = places.get(row[0]!);
+            if (place !== undefined) return place - i;
+        }
+        return null;
     }
 
     // An answer around a row does not begin where a page does: only whole pages are kept, and the end of the table.

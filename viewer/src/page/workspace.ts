@@ -56,6 +56,7 @@ export class Workspace {
     private readonly colours = new Map<string, number>();
     private readonly stale = new Set<string>(); // tables with rows that were not looked at yet
     private readonly looking = new Set<string>(); // those that are looked at again just now
+    private counted = new Map<string, number>(); // the last ID of each table when it was looked at last
     private hasGrown = false; // files are longer, and what is said of them is to be asked for again
     private isHeld = false; // what is taken out is of this view
     private isOther = false; // files and tables are to be asked for again
@@ -67,6 +68,7 @@ export class Workspace {
         public tables: readonly TableInfo[],
     ) {
         this.chooseFirst();
+        this.countTables();
         this.tab =
             this.seriesTables.length > 0 || tables.length === 0
                 ? 'trend'
@@ -340,6 +342,7 @@ export class Workspace {
         const hadSeries = this.seriesTables.length > 0;
         this.files = await this.source.open();
         this.tables = await this.source.tables();
+        this.countTables();
         for (const key of this.overviews.keys()) if (!this.table(key)) this.overviews.delete(key);
         const before = this.chosen;
         this.choosePreferred();
@@ -348,6 +351,10 @@ export class Workspace {
         this.tables.forEach(({key}) => this.stale.add(key));
         if (before.join() !== this.chosen.join()) this.tell('chosen'); // first, so that there is a pane for each
         this.tell('tables');
+    }
+
+    private countTables(): void {
+        this.counted = new Map(this.tables.map(({key, lastId}) => [key, this.counted.get(key) ?? lastId]));
     }
 
     private async lookAgain(key: string): Promise<void> {
@@ -363,10 +370,12 @@ export class Workspace {
     }
 
     private takeRenewed(key: string, overview: Overview): void {
-        const before = this.overviews.get(key);
         this.overviews.set(key, overview);
         this.unread.delete(key);
-        const more = overview.rows - (before?.exact ? before.rows : overview.rows);
+        // By IDs: a device may remove a row for each that it stores.
+        const {lastId} = this.table(key);
+        const more = lastId - this.counted.get(key)!;
+        this.counted.set(key, lastId);
         if (this.edge === null && more > 0) this.missed.set(key, (this.missed.get(key) ?? 0) + more);
         this.tell('overview');
         this.followRows();
