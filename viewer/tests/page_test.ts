@@ -1027,6 +1027,23 @@ test('texts have no scale, and a picture says what the page says of them', chrom
     assert.deepEqual(session.faults, []);
 });
 
+test('a list with long names is no wider than a small window', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome', {width: 360, height: 640});
+    const {main} = await made([
+        ...plant,
+        "update tb_config set NAME='Boiler 2, feed water pressure, primary side, behind the second valve' where COLLECTOR='T1'",
+        "update OperatorLog set userName='Maximiliane von und zu Hohenstein-Waldenburg (night shift)' where userName='admin'",
+    ]);
+    await session.open(folder.write('long.db', main));
+    await session.settled();
+    for (const tab of ['rows', 'log']) {
+        await session.tab(tab);
+        await session.settled();
+        assert.equal(await session.page.evaluate(() => document.documentElement.scrollWidth), 360, tab);
+    }
+});
+
 test('times of panes are above each other, whatever the width of their labels', chrome, async () => {
     using folder = new Folder();
     await using session = await Session.start('chrome', {width: 400});
