@@ -436,6 +436,42 @@ test('rows that come while another question is asked are no news of the former',
     assert.ok(await soon(async () => (await entryAt(session, '#view-log .rows .row')) === 'x'));
 });
 
+test('rows that are looked at stay while a search goes on', chrome, async () => {
+    await using served = await Served.start(logOf(12000));
+    await using session = await opened(served, new URL('#tab=log', served.address));
+    const [more, all] = [gate(), gate()];
+    served.turn = async (question, answer, part) => {
+        const found = await answer();
+        const {searchParams} = question;
+        if (searchParams.get('offset') === '0' && searchParams.has('containing')) {
+            part({...found, exact: false, share: 0.5, total: 6000});
+            await more.opened;
+            part({...found, exact: false, share: 0.7, total: 8000});
+            await all.opened;
+        }
+        return found;
+    };
+    const status = (text: string): Promise<boolean> =>
+        soon(async () => (await texts(session, '#view-log .status'))[0]!.startsWith(text));
+    const seen = async (): Promise<string> =>
+        `${await session.page.$eval('#view-log .scroller', (each) => each.scrollTop)} ` +
+        (await entryAt(session, '#view-log .rows .row'));
+    await session.page.$eval('#view-log .scroller', (each) => (each.scrollTop = 9000));
+    await session.page.type('#view-log input[type=search]', 'm');
+    assert.ok(await status('about 6,000 rows'));
+    assert.equal(await seen(), '0 m11999');
+    await session.page.$eval('#view-log .scroller', (each) => (each.scrollTop = 30000));
+    assert.ok(await soon(async () => (await seen()) === '30000 m10999'));
+    const never = new Promise(() => undefined);
+    served.slowly = ({pathname}) => (pathname === '/api/rows' ? never : undefined);
+    more.open();
+    assert.ok(await status('about 8,000 rows'));
+    assert.equal(await seen(), '30000 m10999');
+    all.open();
+    assert.ok(await status('12,000 rows'));
+    assert.equal(await seen(), '30000 m10999');
+});
+
 test('the chosen row stays the chosen one when rows come', chrome, async () => {
     await using served = await Served.start(logOf(300));
     await using session = await opened(served, new URL('#tab=log', served.address));

@@ -105,17 +105,19 @@ export class List {
         this.status.textContent = 'Looking …';
         this.pages = new Map();
         await this.work(async (signal) => {
+            let isFirst = true;
             const answer = await this.source.rows(
                 {...query, offset: 0, limit: pageRows},
                 (part) => {
                     this.take(part);
+                    if (isFirst) this.goTo(0);
+                    isFirst = false;
                     this.draw();
                 },
                 signal,
             );
             this.take(answer);
-            this.active = Math.max(0, answer.found);
-            this.scrollTo(this.active);
+            if (isFirst || answer.found >= 0) this.goTo(Math.max(0, answer.found));
             this.draw();
             announce(this.status.textContent ?? '');
         });
@@ -148,9 +150,10 @@ export class List {
     }
 
     private take(answer: RowsAnswer): void {
-        this.pages = new Map();
         this.total = answer.total;
         this.isExact = answer.exact;
+        // A selection grows at its end: whole pages stay what they are while it is made.
+        for (const [page, rows] of this.pages) if (rows && rows.length < pageRows) this.pages.delete(page);
         this.keepPage(answer);
         this.status.textContent =
             `${this.isExact ? '' : 'about '}${count(this.total)} ${this.total === 1 ? 'row' : 'rows'}` +
@@ -188,6 +191,7 @@ export class List {
         const active = this.rowOf(this.active)?.[0];
         const place = active ? answer.rows.findIndex(([each]) => each === active) : -1;
         this.active = place >= 0 ? answer.offset + place : this.active + shift;
+        this.pages = new Map();
         this.take(answer);
         if (!isAtEdge) this.scrollToFirst(firstShown + shift);
         else if (!this.isNewestFirst) this.scrollToFirst(this.total);
@@ -261,6 +265,11 @@ export class List {
         const most = Math.max(1, this.height - room);
         const rows = Math.max(0, this.total - room / rowHeight);
         return this.height < tallest ? scrollTop / rowHeight : (scrollTop / most) * rows;
+    }
+
+    private goTo(row: number): void {
+        this.active = row;
+        this.scrollTo(row);
     }
 
     private scrollTo(row: number): void {
@@ -351,7 +360,7 @@ export class List {
     }
 
     private async load(page: number): Promise<void> {
-        const {pages} = this;
+        const {pages, total} = this;
         if (pages.has(page)) return;
         pages.set(page, null);
         try {
@@ -361,7 +370,9 @@ export class List {
                 this.asking.signal,
             );
             if (pages !== this.pages) return;
-            pages.set(page, rows);
+            // A page that was not whole may be by now.
+            if (rows.length < pageRows && total !== this.total) pages.delete(page);
+            else pages.set(page, rows);
             if (pages.size > 50) this.forget(page);
             this.draw();
         } catch (error) {
