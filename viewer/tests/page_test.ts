@@ -246,6 +246,33 @@ test('keys move, zoom and set cursors', chrome, async () => {
     assert.equal(await session.page.$eval('#tab-log', (tab) => tab.getAttribute('aria-selected')), 'true');
 });
 
+test('the cursor stays in the view, and a range that is not marked to its end goes', chrome, async () => {
+    using folder = new Folder();
+    await using session = await Session.start('chrome');
+    await session.open(folder.write('plant.db', files.main));
+    await session.settled();
+    await session.page.focus('.chart');
+    await session.page.keyboard.down('Shift');
+    for (let i = 0; i < 50; ++i) await session.page.keyboard.press('>');
+    await session.page.keyboard.up('Shift');
+    const [, to] = await session.page.$$eval('.trend input.time', (inputs) =>
+        inputs.map((input) => (input as HTMLInputElement).value),
+    );
+    assert.equal((await texts(session, '.figures thead th'))[5], to);
+    assert.equal(await session.page.$eval('.cursor', (line) => (line as HTMLElement).hidden), false);
+    const isMarked = await session.page.$eval('.chart', (chart) => {
+        chart.setPointerCapture = () => undefined; // there is no such pointer
+        const {left, top} = chart.getBoundingClientRect();
+        const mark = chart.querySelector('.selection') as HTMLElement;
+        return (['pointerdown', 'pointermove', 'pointercancel'] as const).map((kind, i) => {
+            const place = {clientX: left + 100 + 100 * i, clientY: top + 60};
+            chart.dispatchEvent(new PointerEvent(kind, {...place, pointerId: 1, shiftKey: true, bubbles: true}));
+            return !mark.hidden;
+        });
+    });
+    assert.deepEqual(isMarked, [false, true, false]);
+});
+
 test('wheel, drag and two fingers zoom and move, and a spike of a second stays', chrome, async () => {
     using folder = new Folder();
     await using session = await Session.start('chrome');

@@ -375,6 +375,7 @@ export class Chart {
         element.addEventListener('pointercancel', (event) => {
             this.pointers.delete(event.pointerId);
             this.pressed = null;
+            this.selection.hidden = true;
         });
         element.addEventListener('pointerleave', (event) => {
             if (event.pointerType === 'mouse' && !this.pressed) this.workspace.setCursor(null);
@@ -480,6 +481,10 @@ export class Chart {
         const {workspace} = this;
         const middle = (workspace.view.from + workspace.view.to) / 2;
         const step = ((workspace.view.to - workspace.view.from) / this.inner) * (event.shiftKey ? 20 : 2);
+        const moveCursor = (by: number): void => {
+            const {from, to} = workspace.view;
+            workspace.setCursor(Math.max(from, Math.min((workspace.cursor ?? middle) + by, to)));
+        };
         const actions: Record<string, () => void> = {
             ArrowLeft: () => this.pan(-0.1),
             ArrowRight: () => this.pan(0.1),
@@ -491,10 +496,10 @@ export class Chart {
             '=': () => this.zoom(0.7),
             '-': () => this.zoom(1 / 0.7),
             Home: () => workspace.showAll(),
-            ',': () => workspace.setCursor((workspace.cursor ?? middle) - step),
-            '.': () => workspace.setCursor((workspace.cursor ?? middle) + step),
-            '<': () => workspace.setCursor((workspace.cursor ?? middle) - step),
-            '>': () => workspace.setCursor((workspace.cursor ?? middle) + step),
+            ',': () => moveCursor(-step),
+            '.': () => moveCursor(step),
+            '<': () => moveCursor(-step),
+            '>': () => moveCursor(step),
             Enter: () => workspace.setMark(workspace.cursor ?? middle),
             Escape: () => workspace.setMark(null),
         };
