@@ -472,6 +472,42 @@ test('rows that are looked at stay while a search goes on', chrome, async () => 
     assert.equal(await seen(), '30000 m10999');
 });
 
+test('a very long list that is scrolled stays where it is when rows come', chrome, async () => {
+    const series = (rows: number): string[] => [
+        'CREATE TABLE T1(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime,Value text)',
+        `insert into T1(DATETIME,Value) with recursive n(i) as (select 0 union all select i+1 from n where i<${rows - 1})
+         select datetime(1714978800+i,'unixepoch'),i from n`,
+    ];
+    await using served = await Served.start(series(10));
+    let total = 3000000;
+    served.turn = async ({pathname, searchParams}, answer) => {
+        if (pathname !== '/api/rows') return answer();
+        const [id, limit] = [Number(searchParams.get('id') ?? 0), Number(searchParams.get('limit'))];
+        const offset = id > 0 ? id - 1 - limit / 2 : Number(searchParams.get('offset'));
+        const count = Math.min(limit, total - offset);
+        const rows = Array.from({length: count}, (_, i) => [String(offset + i + 1), '2024-05-06 00:00:00', 'v']);
+        return {exact: true, share: 1, total, offset, found: id - 1, rows};
+    };
+    await using session = await opened(served, new URL('#tab=rows', served.address));
+    const first = (): Promise<string> =>
+        session.page.$eval('#view-rows .scroller', (scroller) => {
+            const row = scroller.querySelector('.rows .row')!;
+            return `${row.lastElementChild!.textContent} ${row.getBoundingClientRect().top}`;
+        });
+    await session.page.$eval('#view-rows .scroller', (each) => (each.scrollTop = 3333333));
+    const before = await soon(async () => {
+        const row = await first();
+        return /^1,?\d{3},?\d{3} /.test(row) && row;
+    });
+    for (let i = 1; i <= 8; ++i) {
+        ++total;
+        await served.change(series(10 + i));
+        const text = `${i} new ${i === 1 ? 'row' : 'rows'} ↓`;
+        assert.ok(await soon(async () => (await shown(session, '#view-rows .missed'))[0] === text));
+    }
+    assert.equal(await first(), before);
+});
+
 test('the chosen row stays the chosen one when rows come', chrome, async () => {
     await using served = await Served.start(logOf(300));
     await using session = await opened(served, new URL('#tab=log', served.address));

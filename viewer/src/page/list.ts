@@ -47,6 +47,9 @@ export class List {
     private isStale = false; // a renewal is wanted
     private lines: readonly Line[] = [];
     private active = 0;
+    // A browser rounds where it scrolls to, and of a list that scrolls in proportion that is some rows: what was scrolled
+    // to is the first row until somebody scrolls.
+    private placed = {top: 0, row: 0};
     private missed = 0; // rows that came at an edge which is not in view
     private readonly head = h('div', {class: 'row head', role: 'row'});
     private readonly body = h('div', {class: 'rows', role: 'rowgroup'});
@@ -172,7 +175,7 @@ export class List {
 
     private goToNews(): void {
         this.showNews(0);
-        this.scroller.scrollTop = this.isNewestFirst ? 0 : this.height;
+        this.scrollToFirst(this.isNewestFirst ? 0 : this.total);
         this.draw();
         this.scroller.focus();
     }
@@ -261,6 +264,7 @@ export class List {
 
     private get firstShown(): number {
         const {scrollTop, clientHeight} = this.scroller;
+        if (scrollTop === this.placed.top) return this.placed.row;
         const room = clientHeight - rowHeight;
         const most = Math.max(1, this.height - room);
         const rows = Math.max(0, this.total - room / rowHeight);
@@ -280,9 +284,10 @@ export class List {
     private scrollToFirst(row: number): void {
         const room = this.scroller.clientHeight - rowHeight;
         const rows = Math.max(1, this.total - room / rowHeight);
-        const first = Math.max(0, row);
+        const first = Math.max(0, Math.min(row, this.total - room / rowHeight));
         this.space.style.height = `${this.height}px`;
         this.scroller.scrollTop = this.height < tallest ? first * rowHeight : (first / rows) * (this.height - room);
+        if (room > 0) this.placed = {top: this.scroller.scrollTop, row: first}; // one that is hidden does not scroll
     }
 
     /** Where new rows come. */
