@@ -1095,4 +1095,10 @@ test('times of panes are above each other, whatever the width of their labels', 
     assert.ok(await soon(async () => (await places())[1] > 120));
     const [one, other] = await places();
     assert.equal(one, other);
+    // Values that no computer counts to have a scale as well.
+    await session.open(folder.write('huge.db', (await made([...table('T1', 'i'), ...table('T2', "'1e300'")])).main));
+    await session.settled();
+    assert.ok(await soon(async () => (await session.page.evaluate(() => (window as any).lefts['1E300'])) > 0));
+    const [low, huge] = await places();
+    assert.equal(low, huge);
 });

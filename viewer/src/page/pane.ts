@@ -41,6 +41,8 @@ export class Pane {
     private readonly plot: uPlot;
     private drawn: readonly Drawn[] = [];
     private view: View = {from: 0, to: 1};
+    private low = 0; // the ends of the scale
+    private high = 1;
     private left = leastLeft;
 
     constructor(
@@ -59,7 +61,7 @@ export class Pane {
                 cursor: {show: false},
                 scales: {
                     x: {time: false, range: () => [this.view.from, this.view.to]},
-                    y: {range: () => this.range()},
+                    y: {range: () => [0, 1]}, // uPlot has no scale for whole parts of more than 17 digits
                 },
                 axes: [
                     {
@@ -89,8 +91,8 @@ export class Pane {
                         stroke: () => this.colours.faint,
                         grid: {stroke: () => this.colours.grid, width: 1},
                         ticks: {show: false},
-                        splits: () => this.valueTicks(),
-                        values: (_self, ticks) => ticks.map(number),
+                        splits: () => this.valueTicks().map((tick) => this.shareOf(tick)),
+                        values: () => this.valueTicks().map(number),
                     },
                 ],
                 series: [{}, {show: true, paths: () => null, points: {show: false}}],
@@ -114,6 +116,7 @@ export class Pane {
     take(view: View, drawn: readonly Drawn[]): number {
         this.view = view;
         this.drawn = drawn;
+        [this.low, this.high] = this.range();
         const {ctx} = this.plot;
         ctx.save();
         ctx.font = font;
@@ -139,22 +142,8 @@ export class Pane {
         return this.plot.ctx.canvas;
     }
 
-    /** From the upper edge of the element to both ends of the scale, in CSS pixels. */
-    get top(): number {
-        return this.plot.bbox.top / devicePixelRatio;
-    }
-
-    get bottom(): number {
-        return this.top + this.plot.bbox.height / devicePixelRatio;
-    }
-
     get showsTimes(): boolean {
         return this.hasTimes;
-    }
-
-    /** In CSS pixels from the upper edge of the element. */
-    placeOf(value: number): number {
-        return this.plot.valToPos(value, 'y') + this.top;
     }
 
     destroy(): void {
@@ -164,8 +153,11 @@ export class Pane {
 
     private valueTicks(): number[] {
         if (this.drawn.every(({answer}) => (answer?.points ?? []).length === 0)) return []; // texts have no scale
-        const [low, high] = this.range();
-        return valueTicks(low, high, this.plot.bbox.height / devicePixelRatio / valueDistance);
+        return valueTicks(this.low, this.high, this.plot.bbox.height / devicePixelRatio / valueDistance);
+    }
+
+    private shareOf(value: number): number {
+        return (value - this.low) / (this.high - this.low);
     }
 
     // Of what is in view: lines may reach out of it at both sides.
@@ -194,7 +186,7 @@ export class Pane {
         ctx.rect(bbox.left, bbox.top, bbox.width, bbox.height);
         ctx.clip();
         const x = (time: number): number => plot.valToPos(time, 'x', true);
-        const y = (value: number): number => plot.valToPos(value, 'y', true);
+        const y = (value: number): number => plot.valToPos(this.shareOf(value), 'y', true);
         ctx.lineJoin = 'round';
         for (const {answer, colour, steps} of this.drawn) {
             ctx.strokeStyle = ctx.fillStyle = colour;
