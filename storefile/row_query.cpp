@@ -123,7 +123,7 @@ Result<Statement> filtered(const Database &database, const Table &table, const R
     }
     conditions.addOneOf("AlarmObject", filter.objects);
     conditions.addOneOf("AlarmType", filter.types);
-    conditions.addOneOf("userName", filter.users);
+    conditions.addOneOf("ifnull(userName,'')", filter.users);
     for (const QString &value : filter.values) {
         if (const Status added = addComparison(database, value, conditions); !added)
             return added.error();

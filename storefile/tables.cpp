@@ -172,6 +172,20 @@ Result<Table> chooseTable(const Database &database, const QString &wanted, const
     return chosen;
 }
 
+Result<bool> isKeyedById(const Database &database, const Table &table)
+{
+    // A primary key without an index of its own is the rowid.
+    auto key = database.prepare("select 1 where (select group_concat(lower(name)) from pragma_table_info(?1) where pk)"
+                                "='id' and not exists(select 1 from pragma_index_list(?1) where origin='pk')");
+    if (!key)
+        return key.error();
+    key->bind(1, table.name.toUtf8());
+    const bool isKeyed = key->step();
+    if (const Status status = key->status(); !status)
+        return status.error();
+    return isKeyed;
+}
+
 Result<QStringList> triggersOf(const Database &database)
 {
     auto rows = database.prepare("select name,tbl_name from sqlite_master where type='trigger' order by tbl_name,name");

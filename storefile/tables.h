@@ -66,6 +66,10 @@ Result<QList<Table>> tablesOf(const Database &database);
 /// empty for each. The Error names the tables that there are.
 Result<Table> chooseTable(const Database &database, const QString &wanted, const QVector<Kind> &kinds = {});
 
+/// Whether a table's ID is the key that SQLite finds its rows by. In one that somebody made by "create table as select"
+/// it is a column like any other: it need be neither a number nor one of a kind.
+Result<bool> isKeyedById(const Database &database, const Table &table);
+
 /// The triggers of a file, as "NAME on TABLE": what runs by itself when somebody writes.
 Result<QStringList> triggersOf(const Database &database);
 

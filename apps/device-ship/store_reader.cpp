@@ -70,22 +70,16 @@ Result<bool> StoreReader::tablesChanged(const Database &database)
     const auto all = device_db::tablesOf(database);
     if (!all)
         return all.error();
-    // A primary key without an index of its own is the rowid.
-    auto key = database.prepare("select 1 where (select group_concat(lower(name)) from pragma_table_info(?1) where pk)"
-                                "='id' and not exists(select 1 from pragma_index_list(?1) where origin='pk')");
-    if (!key)
-        return key.error();
     Known known;
     known.version = version;
     for (const device_db::Table &table : *all) {
         if (!device_db::holdsRecords(table.kind))
             continue;
-        key->reset();
-        key->bind(1, table.name.toUtf8());
-        if (key->step())
+        const auto isKeyed = device_db::isKeyedById(database, table);
+        if (!isKeyed)
+            return isKeyed.error();
+        if (*isKeyed)
             known.tables << table;
-        else if (const Status status = key->status(); !status)
-            return status.error();
         else
             known.keyless << table.name;
     }

@@ -579,6 +579,96 @@ TEST_F(ServePieces, LevelsAreComparedInFull)
     }
 }
 
+TEST_F(ServePieces, TablesWithoutAKeyAreLeftOut)
+{
+    PlainConnection(path()).run(
+        definition() + rows(10) +
+        "create table Copied as select * from T1;"
+        "create table Texts(ID text primary key,DATETIME dateTime,Value text);"
+        "insert into Texts values('0 or 1','2024-05-06 07:08:09','1');"
+        "create table Backwards(ID integer primary key desc,DATETIME dateTime,Value text);"
+        "create table Without(ID integer primary key,DATETIME dateTime,Value text) without rowid;"
+        "create table Plain(ID integer primary key,DATETIME dateTime,Value text)"_q);
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    EXPECT_EQ(keysOf(**files), (QStringList{"0/Plain"_q, "0/T1"_q}));
+    const QStringList findings = findingsOf(**files, 0);
+    for (const char *table : {"Backwards", "Copied", "Texts", "Without"})
+        EXPECT_TRUE(
+            findings.contains("definition %1: ID is no INTEGER PRIMARY KEY there: its rows cannot be told apart, "
+                              "and are not shown"_q.arg(QString::fromLatin1(table))))
+            << table << ": " << findings.join('\n').toStdString();
+}
+
+TEST_F(ServePieces, ASearchEndsAlthoughOtherRowsCome)
+{
+    PlainConnection device(path());
+    device.run("pragma journal_mode=wal;"_q + alarms() +
+               "insert into AlarmData with recursive n(i) as (select 3 union all select i+1 from n where i<20000) "
+               "select i,1,datetime(1714978800+i,'unixepoch'),'','','','','','','' from n"_q);
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    QByteArray answer;
+    slicesOf(**files, "overview", {{"table", "0/AlarmData"}}, answer);
+    const auto work =
+        workFor(**files, "rows", {{"table", "0/AlarmData"}, {"order", "newest"}, {"offset", "0"}, {"limit", "9"}});
+    ASSERT_TRUE(work);
+    answer.clear();
+    for (int slice = 0; slice < 200 && answer.isEmpty(); ++slice) {
+        answer = *(*work)->run(std::chrono::steady_clock::now(), [](const QByteArray &) {});
+        if (slice % 10 == 5) {
+            device.run("update AlarmData set EndDate='2024-05-06',EndTime='08:00:00' where ID=%1"_q.arg(slice));
+            EXPECT_NE(changeIn(**files), QJsonObject());
+        }
+    }
+    EXPECT_TRUE(answer.startsWith("{\"exact\":true,\"share\":1,\"total\":20000,")) << answer.left(200).constData();
+    QByteArray ended;
+    slicesOf(**files, "rows",
+             {{"table", "0/AlarmData"}, {"order", "recorded"}, {"state", "ended"}, {"offset", "0"}, {"limit", "9"}},
+             ended);
+    EXPECT_TRUE(ended.contains("[\"5\",")) << "who asks again sees the ends: " << ended.constData();
+}
+
+TEST_F(ServePieces, ARingIsReadAnewAFifthOfTheTime)
+{
+    PlainConnection device(path());
+    device.run(definition() + rows(300000));
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    QByteArray overview;
+    const auto began = std::chrono::steady_clock::now();
+    slicesOf(**files, "overview", {{"table", "0/T1"}}, overview);
+    const auto read = std::chrono::steady_clock::now();
+    const int version = arrayOf((*files)->open()).at(0).toObject()["version"_q].toInt();
+    device.run(rows(1) + "delete from T1 where ID=1"_q);
+    QJsonObject change = changeIn(**files);
+    EXPECT_EQ(change["version"_q].toInt(), version) << "new rows";
+    slicesOf(**files, "overview", {{"table", "0/T1"}}, overview);
+    change = changeIn(**files, 60000);
+    EXPECT_GT(change["version"_q].toInt(), version) << "and then that one has gone";
+    // Four times as long as the slices took, which is somewhat less than all of it.
+    EXPECT_GT(std::chrono::steady_clock::now() - read, 2 * (read - began));
+}
+
+TEST_F(ServePieces, ChoicesFindWhatTheyCount)
+{
+    PlainConnection(path()).run(
+        "create table L(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime NOT NULL,userName text,logName text,"
+        "message text);insert into L(DATETIME,userName) values('2024-05-06 07:08:09.000',NULL),"
+        "('2024-05-06 07:08:10.000',''),('2024-05-06 07:08:11.000','anna'),"
+        "('2024-05-06 07:08:12.000',printf('%.*c',201,'x')),('2024-05-06 07:08:13.000',printf('%.*c',200,'y'))"_q);
+    const auto files = ServedFiles::of({path()});
+    ASSERT_TRUE(files);
+    QByteArray overview;
+    slicesOf(**files, "overview", {{"table", "0/L"}}, overview);
+    EXPECT_TRUE(overview.contains("\"choices\":[[\"\",2],[\"anna\",1],[\"" + QByteArray(200, 'y') + "\",1]]"))
+        << overview.constData();
+    QByteArray found;
+    slicesOf(**files, "rows", {{"table", "0/L"}, {"order", "recorded"}, {"user", ""}, {"offset", "0"}, {"limit", "9"}},
+             found);
+    EXPECT_TRUE(found.contains("\"total\":2,")) << found.constData();
+}
+
 TEST_F(ServePieces, APictureMayBeAsWideAsThatOfThePage)
 {
     PlainConnection(path()).run(definition() + rows(10));

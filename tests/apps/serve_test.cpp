@@ -391,6 +391,36 @@ TEST_P(ServeLive, AFileInThePlaceOfAnotherIsChecked)
     EXPECT_TRUE(get("/api/open").body.contains("\"freePages\",\"table\""));
 }
 
+TEST_P(ServeLive, SeesAFileThatIsWrittenOverIt)
+{
+    const QString mode = "pragma journal_mode=%1;"_q.arg(QString::fromLatin1(GetParam()));
+    QString others = samples + rowsOf(7);
+    others.replace("T1"_q, "P1"_q);
+    make("a.db"_q, mode + samples + rowsOf(10));
+    make("b.db"_q, mode + others); // as many changes of its tables
+    serve({"a.db"_q});
+    Watcher watcher(port(), request("/api/changes"));
+    EXPECT_EQ(lastIdIn(watcher.next().at(0).toObject()), 10);
+    // As a copy of a backup does it: the device has ended, and its log is that of the former file.
+    QFile from(path("b.db"_q));
+    QFile to(path("a.db"_q));
+    ASSERT_TRUE(from.open(QIODevice::ReadOnly) && to.open(QIODevice::WriteOnly));
+    to.write(from.readAll());
+    to.close();
+    for (const char *beside : {"a.db-wal", "a.db-shm"})
+        QFile::remove(path(QString::fromLatin1(beside)));
+    QJsonObject change;
+    do
+        change = watcher.next().at(0).toObject();
+    while (!change["error"_q].toString().isEmpty() || lastIdIn(change, "0/P1"_q) != 7);
+    const QByteArray tables = get("/api/tables").body;
+    EXPECT_TRUE(tables.contains("\"0/P1\"") && !tables.contains("\"0/T1\"")) << tables.constData();
+    EXPECT_TRUE(get("/api/overview?table=0/P1").body.contains("\"rows\":7,"));
+    EXPECT_FALSE(get("/api/open").body.contains("\"damaged\""));
+    PlainConnection(path("a.db"_q)).run("insert into P1(DATETIME,Value) values('2024-05-07 00:00:00','1')"_q);
+    EXPECT_EQ(lastIdIn(watcher.next().at(0).toObject(), "0/P1"_q), 8);
+}
+
 TEST_P(ServeLive, NoCommitOfADeviceFails)
 {
     WritingDevice device(path("a.db"_q), QString::fromLatin1(GetParam()), 5);

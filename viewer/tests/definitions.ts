@@ -143,7 +143,7 @@ export const definitions: readonly Definition[] = [
             samples('T1'),
             samples('t10'),
             samples('T2'),
-            'CREATE TABLE "T 3"(id,datetime,VALUE)',
+            'CREATE TABLE "T 3"(id INTEGER PRIMARY KEY,datetime,VALUE)',
             alarms('AlarmData'),
             log('OperatorLog'),
             configuration,

@@ -538,6 +538,68 @@ test('a search that its first asker gives up is made for the next', async () => 
     assert.deepEqual([(await next).exact, (await next).rows.length], [true, 10]);
 });
 
+test('tables whose ID is not their key are left out, and nothing of them is SQL', async () => {
+    const columns = 'DATETIME dateTime,Value text';
+    const endless = '0 or (with recursive n(i) as (select 1 union all select i from n) select count(*) from n)';
+    const source = await sourceOver(
+        filesOf(
+            await made([
+                samples,
+                rows(10, 'i', 'i'),
+                'create table Copied as select * from T1',
+                `create table Texts(ID text primary key,${columns})`,
+                `insert into Texts values('${endless}','2024-05-06 07:08:09','1')`,
+                `create table Backwards(ID integer primary key desc,${columns})`,
+                `create table Without(ID integer primary key,${columns}) without rowid`,
+                `create table Plain(ID integer primary key,${columns})`,
+            ]),
+        ),
+    );
+    assert.deepEqual(
+        (await source.tables()).map(({key}) => key),
+        ['0/Plain', '0/T1'],
+    );
+    const what = 'ID is no INTEGER PRIMARY KEY there: its rows cannot be told apart, and are not shown';
+    assert.deepEqual(
+        (await source.open())[0]!.findings
+            .filter(({cause}) => cause === 'definition')
+            .map((found) => [found.table, found.what]),
+        ['Backwards', 'Copied', 'Texts', 'Without'].map((table) => [table, what]),
+    );
+});
+
+test('users find what they count, and none that nobody could choose', async () => {
+    const log =
+        'CREATE TABLE L(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime NOT NULL,userName text,logName text,message text)';
+    const users = ['NULL', "''", "'anna'", "printf('%.*c',201,'x')", "printf('%.*c',200,'y')"];
+    const entries = users.map(
+        (user, i) => `insert into L(DATETIME,userName) values('2024-05-06 00:00:1${i}.000',${user})`,
+    );
+    const source = await sourceOver(filesOf(await made([log, ...entries])));
+    const {choices} = await source.overview('0/L', nothing);
+    assert.deepEqual(choices, [
+        ['', 2],
+        ['anna', 1],
+        ['y'.repeat(200), 1],
+    ]);
+    const found = await source.rows({table: '0/L', order: 'recorded', users: [''], offset: 0, limit: 9}, nothing);
+    assert.deepEqual(
+        found.rows.map(([id]) => id),
+        ['1', '2'],
+    );
+});
+
+test('how far a search has come is not how far the table was read', async () => {
+    const source = await sourceOver(filesOf(await made([samples, rows(400000, 'i', 'i')])), 1);
+    await source.overview('0/T1', nothing);
+    const shares: number[] = [];
+    const query = {table: '0/T1', containing: '77', order: 'recorded', offset: 0, limit: 10} as const;
+    const found = await source.rows(query, ({share}) => shares.push(share));
+    assert.ok(shares.length > 0 && shares.every((share) => share < 1), `${shares}`);
+    assert.deepEqual(shares, [...shares].sort());
+    assert.equal(found.share, 1);
+});
+
 test('marks of a log near the ends of a range are in it', async () => {
     const log =
         'CREATE TABLE L(ID INTEGER PRIMARY KEY AUTOINCREMENT,DATETIME dateTime NOT NULL,userName text,logName text,message text)';

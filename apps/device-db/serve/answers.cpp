@@ -159,11 +159,10 @@ public:
         const auto database = databaseOf(*m_table);
         if (!database)
             return database.error();
-        if (!m_selection || m_pass != m_table->pass) {
-            m_pass = m_table->pass;
+        // To its end, also if other rows come meanwhile: where an alarm ends each second it would begin for ever. Who
+        // asked is told of them, and asks again.
+        if (!m_selection)
             m_selection = m_files.selection(*m_table, m_question.key, m_question.query);
-            m_page.reset();
-        }
         if (!m_page && m_selection->needsMore()) {
             if (const Status found = m_selection->find(**database, until); !found)
                 return found.error();
@@ -213,11 +212,10 @@ private:
         if (!found)
             return found.error();
         const qint64 offset = *found < 0 ? m_question.offset : std::max<qint64>(0, *found - m_question.limit / 2);
-        const bool isExact = m_selection->isExact();
         Page page;
         page.next = offset;
         page.end = std::min(offset + m_question.limit, m_selection->total());
-        page.json.beginObject().key("exact").boolean(isExact).key("share").number(isExact ? 1.0 : m_pass->share());
+        page.json.beginObject().key("exact").boolean(m_selection->isExact()).key("share").number(m_selection->share());
         page.json.key("total").number(m_selection->total()).key("offset").number(offset).key("found").number(*found);
         page.json.key("rows").beginArray();
         return page;
@@ -246,7 +244,6 @@ private:
     ServedFiles &m_files;
     std::shared_ptr<ServedTable> m_table;
     RowsQuestion m_question;
-    std::shared_ptr<TablePass> m_pass;
     std::shared_ptr<Selection> m_selection;
     std::optional<Page> m_page;
     Pace m_pace;

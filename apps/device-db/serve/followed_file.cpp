@@ -24,6 +24,14 @@ qint64 versionOf(const Database &database)
     return database.number("pragma data_version").valueOr(-1);
 }
 
+// Of a log that SQLite has open; 0 without one.
+quint64 logOf(const QString &path)
+{
+    struct stat status {
+    };
+    return stat((QFile::encodeName(path) + "-wal").constData(), &status) == 0 ? status.st_ino : 0;
+}
+
 } // namespace
 
 // Closing the file would drop the locks of this process on it, so it is opened only as long as a copy is read.
@@ -112,6 +120,7 @@ FollowedFile::News FollowedFile::take(Opened opened)
     const bool hadFile = m_mark.exists;
     m_mark = m_markOfOpening;
     m_version = versionOf(m_open->database);
+    m_log = logOf(m_path);
     m_current = now;
     return wasGone || (isOther && hadFile) ? News::Replaced : News::Changed;
 }
@@ -126,7 +135,8 @@ FollowedFile::News FollowedFile::look()
     if (!m_open || isCopy())
         return lookAtCopy();
     const Mark mark = markOf(m_path, false);
-    if (!mark.exists || isOtherThan(mark)) {
+    // Its log stays while it is read, unless somebody puts another file into its place by writing over it.
+    if (!mark.exists || isOtherThan(mark) || logOf(m_path) != m_log) {
         m_open.reset();
         m_error = QStringLiteral("it was taken away or replaced");
         m_nextOpening = Clock::now();

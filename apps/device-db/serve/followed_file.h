@@ -70,6 +70,7 @@ private:
     Mark m_mark;
     Mark m_markOfOpening;
     qint64 m_version = 0; ///< SQLite's, of the file that is read itself.
+    quint64 m_log = 0;    ///< Of that file, as the file system numbers it.
     std::future<Opened> m_opening;
     Clock::time_point m_nextOpening;
     Clock::time_point m_current; ///< When what is read was last known to be all that there is.

@@ -37,6 +37,11 @@ bool Selection::grow()
     return true;
 }
 
+double Selection::share() const
+{
+    return m_isAll ? m_pass->share() : m_isDone ? 1 : m_pass->ends().shareThrough(m_idSoFar);
+}
+
 Status Selection::beginToSort()
 {
     auto sorter = Database::temporary();

@@ -29,6 +29,8 @@ public:
     Status find(const Database &database, SliceEnd until);
     /// All rows are known, those that came in the meantime among them if there is a way.
     bool isExact() const { return m_isAll ? m_pass->isDone() : m_isDone; }
+    /// How much of the table was looked through, by the IDs.
+    double share() const;
     bool needsMore() const { return !m_isAll && !m_isDone; }
     /// Rows have come; false if the rows are to be looked for anew.
     bool grow();

@@ -34,6 +34,22 @@ Result<std::map<QByteArray, SeriesInfo>> seriesInfosOf(const Database &database)
     return infos;
 }
 
+// Not the number that SQLite gives the schema: a file that is written over this one may have the same.
+Result<QByteArray> schemaOf(const Database &database)
+{
+    QCryptographicHash statements(QCryptographicHash::Sha1);
+    auto schema = database.prepare("select name,sql from sqlite_master");
+    if (!schema)
+        return schema.error();
+    while (schema->step()) {
+        statements.addData(schema->cell(0));
+        statements.addData(schema->cell(1));
+    }
+    if (const Status status = schema->status(); !status)
+        return status.error();
+    return statements.result();
+}
+
 bool isSame(const QList<Registration> &some, const QList<Registration> &others)
 {
     return std::equal(some.begin(), some.end(), others.begin(), others.end(),
@@ -63,14 +79,13 @@ QByteArray fingerprintOf(const Database &database, const Table &table, const Tab
     return QCryptographicHash::hash(text, QCryptographicHash::Sha1);
 }
 
-// What the pass of a table has read says too little, or too much. That rows were removed at the beginning does not
-// count before its end: where a device removes one for each that it stores, it would never come there.
+// What the pass of a table has read says too little, or too much. That rows were removed at the beginning counts when
+// it says so: where a device removes one for each that it stores, it would never come to its end.
 bool needsAnother(const TablePass &pass, const TableEnds &ends)
 {
     const TableEnds &known = pass.ends();
     const bool wasEmpty = known.highestId == 0;
-    return pass.isOutdated() || (!wasEmpty && ends.firstId < known.firstId) ||
-           (!wasEmpty && ends.firstId > known.firstId && pass.isDone()) || ends.highestId < known.highestId ||
+    return pass.isOutdated() || (!wasEmpty && ends.firstId < known.firstId) || ends.highestId < known.highestId ||
            ends.lastId < known.lastId;
 }
 
@@ -212,7 +227,7 @@ void ServedFiles::read(ServedFile &file, FollowedFile::News news, QList<QByteArr
 Result<bool> ServedFiles::readTables(ServedFile &file)
 {
     const Database &database = *file.followed.database();
-    const auto schema = database.number("pragma schema_version");
+    const auto schema = schemaOf(database);
     if (!schema)
         return schema.error();
     const auto tables = *schema == file.schema ? Result<QList<Table>>(file.all) : tablesOf(database);
@@ -242,9 +257,17 @@ Result<bool> ServedFiles::readTables(ServedFile &file)
     std::map<QByteArray, std::shared_ptr<ServedTable>> before;
     before.swap(file.tables);
     file.order.clear();
+    file.keyless.clear();
     for (const Table &table : file.all) {
         if (!holdsRecords(table.kind))
             continue;
+        const auto isKeyed = isKeyedById(database, table);
+        if (!isKeyed)
+            return isKeyed.error();
+        if (!*isKeyed) {
+            file.keyless << table.name;
+            continue;
+        }
         const QByteArray name = table.name.toUtf8();
         const QByteArray key = QByteArray::number(file.place) + '/' + name;
         auto served = before.count(key) > 0 ? before.at(key) : std::make_shared<ServedTable>();
@@ -306,7 +329,7 @@ void ServedFiles::forgetAll(ServedFile &file)
         forget(key);
     file.tables.clear();
     file.order.clear();
-    file.schema = -1;
+    file.schema.clear();
 }
 
 QByteArray ServedFiles::look()
@@ -368,6 +391,11 @@ QList<Finding> ServedFiles::findingsOf(const ServedFile &file) const
         if (const ServedTable &table = *file.tables.at(key); !table.pass)
             findings << unreadable(table.table.name, table.error);
     }
+    for (const QString &table : file.keyless)
+        findings.append({Severity::Attention, table,
+                         QStringLiteral("ID is no INTEGER PRIMARY KEY there: its rows cannot be told apart, and are "
+                                        "not shown"),
+                         0, 0, QString(), "definition"});
     findings << file.followed.integrity();
     if (file.followed.database()->text("pragma journal_mode").valueOr(QByteArray()) != "wal")
         findings.append(

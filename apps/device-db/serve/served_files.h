@@ -43,12 +43,13 @@ struct ServedFile {
     FollowedFile followed;
     int place = 0;
     QList<Table> all;
+    QStringList keyless; ///< Tables of records that cannot be read by their ID.
     QList<Registration> registrations;
     std::map<QByteArray, SeriesInfo> infos; ///< By the names of the tables, folded.
     QString error;                          ///< Why nothing of it can be read although it was opened.
     QString configurationError;             ///< Why tb_config cannot be read.
     QString infosError;                     ///< Why "device series" cannot be read.
-    qint64 schema = -1;                     ///< Negative: the tables are not known.
+    QByteArray schema;                      ///< The statements that made it, as a hash; null: not known.
     qint64 version = 0;                     ///< Grows with each change that is more than new rows.
     std::map<QByteArray, std::shared_ptr<ServedTable>> tables;
     QList<QByteArray> order; ///< The keys, as people count.

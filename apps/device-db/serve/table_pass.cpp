@@ -52,6 +52,12 @@ Result<TableEnds> endsOf(const Database &database, const QString &table)
     return TableEnds{row->number(0), row->number(1), std::max(row->number(1), row->number(2))};
 }
 
+double TableEnds::shareThrough(qint64 id) const
+{
+    const double first = double(firstId); // the difference of two IDs may be too large for one
+    return std::min(0.999, (double(id) - first + 1) / std::max(1.0, double(highestId) - first + 1));
+}
+
 TablePass::TablePass(Table table, const TableEnds &ends)
     : m_table(std::move(table)), m_ends(ends), m_idSoFar(ends.beforeFirst()), m_judge(m_table)
 {
@@ -103,6 +109,17 @@ void TablePass::addTime(qint64 time)
 }
 
 Status TablePass::read(const Database &database, SliceEnd until)
+{
+    const auto began = Clock::now();
+    const Status status = readOn(database, until);
+    const auto now = Clock::now();
+    m_took += now - began;
+    if (m_isDone && !m_keptUntil)
+        m_keptUntil = now + 4 * m_took;
+    return status;
+}
+
+Status TablePass::readOn(const Database &database, SliceEnd until)
 {
     m_judge.readClock(); // a device is watched for longer than the day that a clock may be ahead
     auto rows = database.prepare("select " + columnsRead(m_table.kind) + " from " + identifier(m_table.name) +
@@ -179,6 +196,9 @@ void TablePass::note(qint64 time)
 void TablePass::choose(const QByteArray &text)
 {
     constexpr size_t mostChoices = 200;
+    constexpr int longestChoice = 200; // nobody chooses by more
+    if (text.size() > longestChoice && QString::fromUtf8(text).size() > longestChoice)
+        return;
     const auto place = m_choicePlaces.constFind(text);
     if (place != m_choicePlaces.constEnd()) {
         ++m_choices[size_t(*place)].second;
@@ -197,9 +217,7 @@ std::vector<std::pair<QByteArray, qint64>> TablePass::choices() const
 
 double TablePass::share() const
 {
-    const double first = double(m_ends.firstId); // the difference of two IDs may be too large for one
-    const double ids = std::max(1.0, double(m_ends.highestId) - first + 1);
-    return m_isDone ? 1 : std::min(0.999, (double(m_idSoFar) - first + 1) / ids);
+    return m_isDone ? 1 : m_ends.shareThrough(m_idSoFar);
 }
 
 qint64 TablePass::expectedRows() const

@@ -32,6 +32,8 @@ struct TableEnds {
 
     /// The rows are above it; but for one with the lowest ID that SQLite has, which no table gives.
     qint64 beforeFirst() const { return firstId == std::numeric_limits<qint64>::min() ? firstId : firstId - 1; }
+    /// How much of the IDs is read with this one; less than 1, because a row may come.
+    double shareThrough(qint64 id) const;
 };
 Result<TableEnds> endsOf(const Database &database, const QString &table);
 
@@ -56,8 +58,9 @@ public:
     const Table &table() const { return m_table; }
     const TableEnds &ends() const { return m_ends; }
     bool isDone() const { return m_isDone; }
-    /// It was read to its end, and some of its rows are no longer there.
-    bool isOutdated() const { return m_isDone && m_hasRemovedRows; }
+    /// It was read to its end, some of its rows are no longer there, and it may be read anew: for a device that removes
+    /// a row for each that it stores, a fifth of the time.
+    bool isOutdated() const { return m_isDone && m_hasRemovedRows && Clock::now() >= *m_keptUntil; }
     bool isIndexed() const { return m_isIndexed; }
     /// How much of the table was read, by the IDs.
     double share() const;
@@ -80,6 +83,9 @@ public:
     std::vector<std::pair<QByteArray, qint64>> choices() const;
 
 private:
+    using Clock = std::chrono::steady_clock;
+
+    Status readOn(const Database &database, SliceEnd until);
     void addRow(const Statement &row);
     Status addRemoved(const Database &database);
     void note(qint64 time);
@@ -90,6 +96,8 @@ private:
     bool m_isIndexed = false;
     bool m_isDone = false;
     bool m_hasRemovedRows = false;
+    Clock::duration m_took{}; ///< To read it for the first time.
+    std::optional<Clock::time_point> m_keptUntil;
     qint64 m_idSoFar;
     qint64 m_rows = 0;
     RowJudge m_judge;

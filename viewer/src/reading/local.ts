@@ -26,7 +26,7 @@ import type {
     TrendAnswer,
     TrendQuery,
 } from './source.js';
-import {holdsRecords, registrationsOf, seriesInfosOf, tablesOf} from './tables.js';
+import {holdsRecords, isKeyedById, registrationsOf, seriesInfosOf, tablesOf} from './tables.js';
 import type {SeriesInfo, Table} from './tables.js';
 import {timeIn, timeText} from './times.js';
 import type {Work} from './work.js';
@@ -139,13 +139,16 @@ export class LocalSource implements Source {
             };
             const configuration = unlessDamaged('tb_config', () => registrationsOf(database, tables));
             const seriesInfos = unlessDamaged('device series', () => seriesInfosOf(database)) ?? new Map();
-            const passes = tables
-                .filter(({kind}) => holdsRecords(kind))
+            const records = tables.filter(({kind}) => holdsRecords(kind));
+            const keyless = records.filter((table) => !isKeyedById(database, table));
+            const passes = records
+                .filter((table) => !keyless.includes(table))
                 .flatMap((table) => unlessDamaged(table.name, () => new TablePass(database, table)) ?? []);
             const info: FileInfo = {
                 ...sizes,
                 findings: [
                     ...damages,
+                    ...keylessFindings(keyless),
                     ...this.findingsOf(database, path, isWal, wal, journal),
                     ...(configuration ? configurationFindings(tables, configuration) : []),
                     ...foreignFindings(tables),
@@ -444,7 +447,7 @@ export class LocalSource implements Source {
             const offset = wanted < 0 ? query.offset : Math.max(0, wanted - Math.floor(query.limit / 2));
             return {
                 exact: selection.isExact,
-                share: selection.isExact ? 1 : table.pass.share,
+                share: selection.share,
                 total: selection.total,
                 offset,
                 found: wanted,
@@ -461,6 +464,11 @@ export class LocalSource implements Source {
         }
         return answer();
     }
+}
+
+function keylessFindings(tables: readonly Table[]): Finding[] {
+    const what = 'ID is no INTEGER PRIMARY KEY there: its rows cannot be told apart, and are not shown';
+    return tables.map(({name}) => aboutFile('attention', 'definition', name, what));
 }
 
 function foreignFindings(tables: readonly Table[]): Finding[] {

@@ -20,6 +20,7 @@ import type {Work} from './work.js';
 
 const rowsBetweenPauses = 2000;
 const mostChoices = 200;
+const longestChoice = 200; // nobody chooses by more
 
 /** The least and the greatest of the times as texts, whatever their form. */
 class Ends {
@@ -86,8 +87,13 @@ export class TablePass {
 
     /** How much of the table was read, by the IDs. */
     get share(): number {
+        return this.isDone ? 1 : this.shareThrough(this.idSoFar);
+    }
+
+    /** How much of the IDs is read with this one; less than 1, because it may not be the end. */
+    shareThrough(id: number): number {
         const ids = this.highestId - this.firstId + 1;
-        return this.isDone ? 1 : Math.min(0.999, (this.idSoFar - this.firstId + 1) / Math.max(1, ids));
+        return Math.max(0, Math.min(0.999, (id - this.firstId + 1) / Math.max(1, ids)));
     }
 
     /** How many rows the table has; by the IDs, as long as not all of it was read. */
@@ -212,6 +218,7 @@ export class TablePass {
     }
 
     private choose(text: string): void {
+        if (text.length > longestChoice) return;
         if (this.choices.size < mostChoices || this.choices.has(text))
             this.choices.set(text, (this.choices.get(text) ?? 0) + 1);
     }

@@ -40,7 +40,7 @@ function conditionsOf(query: RowQuery, table: TablePass['table'], search: string
     if (query.state === 'active') parts.push("EndDate='' and EndTime=''");
     if (query.state === 'ended') parts.push("EndDate!='' and EndTime!=''");
     if (query.levels) parts.push(`LevelID in (${query.levels.map(Math.trunc).join(',')})`);
-    if (query.users) oneOf('userName', query.users);
+    if (query.users) oneOf("ifnull(userName,'')", query.users);
     if (query.containing) parts.push(`${search}(${table.columns.slice(1).map(identifier).join(',')})`);
     return [parts, texts];
 }
@@ -60,6 +60,7 @@ export class Selection {
     ids = new BigInt64Array(1024);
     count = 0;
     isDone = false;
+    private idSoFar: bigint | null = null;
     private readonly isAll: boolean;
     // A name of its own: SQLite does not change a function that another search is using.
     private readonly search = `contains_text_${++searches}`;
@@ -94,6 +95,12 @@ export class Selection {
         return this.isAll ? this.pass.isDone : this.isDone;
     }
 
+    /** How much of the table was looked through, by the IDs; nothing, as long as SQLite sorts. */
+    get share(): number {
+        if (this.isAll) return this.pass.share;
+        return this.isDone ? 1 : this.idSoFar === null ? 0 : this.pass.shareThrough(Number(this.idSoFar));
+    }
+
     *find(): Work<void> {
         if (this.isAll) {
             this.isDone = true;
@@ -113,21 +120,22 @@ export class Selection {
         } else {
             // By rows and not by IDs, of which there may be many without a row.
             const some = `select ID from ${identifier(table.name)} where ID>?1 order by ID limit ${rowsAtOnce}`;
-            for (let before = String(-(2n ** 63n)); ;) {
-                const end = database.text(`select max(ID) from (${some})`, BigInt(before));
+            for (this.idSoFar = -(2n ** 63n); ;) {
+                const end = database.text(`select max(ID) from (${some})`, this.idSoFar);
                 if (end === '') break;
-                yield* this.take(database, `${sql} and ID>${before} and ID<=${end} order by ID`, texts);
-                before = end;
+                const bounds = [this.idSoFar, BigInt(end)];
+                yield* this.take(database, `${sql} and ID>? and ID<=? order by ID`, [...texts, ...bounds]);
+                this.idSoFar = BigInt(end);
                 yield;
             }
         }
         this.isDone = true;
     }
 
-    private *take(database: Database, sql: string, texts: readonly string[]): Work<void> {
+    private *take(database: Database, sql: string, values: readonly (string | bigint)[]): Work<void> {
         const statement = database.prepare(sql);
         try {
-            texts.forEach((text, i) => statement.bind(i + 1, text));
+            values.forEach((value, i) => statement.bind(i + 1, value));
             while (statement.step()) {
                 if (this.count === this.ids.length) {
                     const larger = new BigInt64Array(2 * this.count);

@@ -109,6 +109,21 @@ export function tablesOf(database: Database): Table[] {
         .sort((a, b) => (comesBefore(a.name, b.name) ? -1 : comesBefore(b.name, a.name) ? 1 : 0));
 }
 
+/**
+ * Whether the table's ID is the key that SQLite finds its rows by. In one that somebody made by "create table as
+ * select" it is a column like any other: it need be neither a number nor one of a kind.
+ */
+export function isKeyedById(database: Database, {name}: Table): boolean {
+    // A primary key without an index of its own is the rowid.
+    return (
+        database.number(
+            'select (select group_concat(lower(name)) from pragma_table_info(?1) where pk) is ' +
+                "'id' and not exists(select 1 from pragma_index_list(?1) where origin='pk')",
+            name,
+        ) === 1
+    );
+}
+
 /** A pair of the configuration table: the series' table and its name for people. */
 export interface Registration {
     readonly collector: string; // decoded
