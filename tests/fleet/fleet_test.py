@@ -689,6 +689,25 @@ class Short(Fleet):
         self.archive.ship("run", "--once", configuration)
         self.check(1, "a", "AlarmData", "alarm", {1: former, 2: rows_of(store.path, "AlarmData", "alarm")})
 
+    def test_an_end_that_another_shipper_brings_at_the_same_time_is_kept_when_it_is_corrected(self):
+        store = self.store("a")
+        store.table("AlarmData", "alarm")
+        store.add("AlarmData", [alarm(1), alarm(2)])
+        configuration = self.archive.device(1, {"a": store})
+        self.archive.ship("run", "--once", configuration)
+        other = self.session("dev_1")
+        other.run("begin; select fleet.end_alarms(1::smallint, 1::smallint, '{1}', '{2024/05/06}', '{08:00:00}', "
+                  "'{NULL}');")
+        store.run("update AlarmData set EndDate = '2024/05/06', EndTime = '09:00:00'")
+        shipper = subprocess.Popen([PROGRAM, "run", "--once", configuration])
+        waits = "select count(*) from pg_stat_activity where wait_event_type = 'Lock' and query ~ 'end_alarms'"
+        self.until(lambda: self.archive.sql(waits) == [["1"]], "the ends are on their way")
+        other.run("commit;")
+        self.assertEqual(shipper.wait(DEADLINE), 0)
+        self.assertEqual(self.archive.sql("select id, end_time from fleet.alarm order by id"),
+                         [["1", "09:00:00"], ["2", "09:00:00"]])
+        self.assertEqual(self.archive.sql("select id, end_time from fleet.alarm_was"), [["1", "08:00:00"]])
+
     def test_when_an_alarm_was_seen_last_is_known_from_the_run_before(self):
         store = self.store("a")
         store.table("AlarmData", "alarm")
@@ -1239,6 +1258,47 @@ class Short(Fleet):
                          "h T3: not known to the archive, 30 rows wait to be shipped\n")
         self.assertEqual(self.archive.sql("select * from fleet.damaged_batches(1)"), [])
         self.assertIn("all equal", self.archive.ship("verify", configuration).stdout)
+
+    def plans(self, log):
+        """The statements in what auto_explain wrote, and how each reads this month's rows."""
+        month = self.archive.sql("select fleet.part()")[0][0]
+
+        def reads(node):
+            if node.get("Relation Name", "").endswith(month) and node["Node Type"] != "ModifyTable":
+                yield node.get("TID Cond") or node.get("Index Cond", node["Node Type"])
+            for child in node.get("Plans", []):
+                yield from reads(child)
+
+        for part in log.split("plan:\n")[1:]:
+            plan, _ = json.JSONDecoder().raw_decode(part.strip())
+            yield plan["Query Text"], list(reads(plan["Plan"]))
+
+    def test_rows_of_a_device_that_no_statistics_know_are_found_by_their_keys(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.table("AlarmData", "alarm")
+        store.samples("T1", 1000)
+        store.add("AlarmData", [alarm(i) for i in range(1000)])
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        for setting in ("session_preload_libraries = auto_explain", "auto_explain.log_min_duration = 0",
+                        "auto_explain.log_nested_statements = on", "auto_explain.log_format = json"):
+            self.archive.sql(f"alter role dev_1 set {setting}")
+        with open(os.path.join(self.folder, "server.log"), encoding="utf-8", errors="replace") as log:
+            log.seek(0, os.SEEK_END)
+            store.run("update AlarmData set EndDate = '2024-05-06', EndTime = '08:00:00' where ID <= 500")
+            store.run("delete from AlarmData where ID > 700")
+            self.archive.ship("run", "--once", configuration)
+            self.archive.sql("update fleet.sample set val = 'wrong' where id = 7; "
+                             "update fleet.alarm set end_time = '09:00:00' where id = 8")
+            self.archive.ship("verify", configuration, check=False)
+            plans = list(self.plans(log.read()))
+        for text in ("insert into alarm_was", "set gone = now()", "select digest(r) = asked", "select rest(r) = asked"):
+            with self.subTest(text):
+                found = [read for statement, each in plans if text in statement for read in each]
+                self.assertTrue(found)
+                for read in found:
+                    self.assertRegex(read, r"ctid = |device = .*tbl = .*gen = .*id = ")
 
     def test_a_repaired_alarm_keeps_what_the_archive_knows_of_it(self):
         store = self.store("a")

@@ -93,15 +93,19 @@ create function fleet.was_refused(odd json) returns boolean language sql immutab
 $$;
 
 -- Whether rows of the file are those of the archive: true, false, or NULL where the archive has none, or its cells not.
+--
+-- "offset 0", here and below, has each row looked up by its key. A join is planned by the statistics, which do not know a
+-- new device: PostgreSQL expects one row of it, and reads all of them for each ID. It also overestimates the lineage,
+-- and would compile the statement, which takes longer than to look up 2,000 rows.
 create function fleet.judge(its_tbl smallint, its_gen smallint, ids bigint[], digests bigint[])
 returns table (id bigint, same boolean)
-language plpgsql stable security definer set search_path = fleet, pg_temp set datestyle = 'ISO'
-set enable_hashjoin = off set enable_mergejoin = off as $$
+language plpgsql stable security definer set search_path = fleet, pg_temp set datestyle = 'ISO' set jit = off as $$
 begin
     return query execute format(
-        'select asked.id, (select digest(r) = asked.digest or was_refused(r.odd) and null
-                           from lineage($1, $2, $3) l join %I r
-                           on r.device = $1 and r.tbl = $2 and r.gen = l.gen and r.id = asked.id
+        'select asked.id, (select digest(r) = asked.digest or was_refused((r).odd) and null
+                           from lineage($1, $2, $3) l cross join lateral (
+                               select r from %I r
+                               where r.device = $1 and r.tbl = $2 and r.gen = l.gen and r.id = asked.id offset 0) found
                            where asked.id > l.after and asked.id <= l.upto)
          from unnest($4, $5) asked (id, digest)',
         (select kind from source where device = me() and tbl = its_tbl))
@@ -175,18 +179,18 @@ $$;
 -- Which rows of the archive have another rest than the file has. An end that is only in the file is still to come.
 create function fleet.judge_rest(its_tbl smallint, its_gen smallint, ids bigint[], digests bigint[])
 returns table (id bigint)
-language plpgsql stable security definer set search_path = fleet, pg_temp set datestyle = 'ISO'
-set enable_hashjoin = off set enable_mergejoin = off as $$
+language plpgsql stable security definer set search_path = fleet, pg_temp set datestyle = 'ISO' set jit = off as $$
 declare
     its_kind constant text := (select kind from source where device = me() and tbl = its_tbl);
 begin
     return query execute format(
         'select asked.id from unnest($4, $5) asked (id, digest)
-         where not (select rest(r) = asked.digest or was_refused(r.odd) or %s
-                    from lineage($1, $2, $3) l join %I r
-                    on r.device = $1 and r.tbl = $2 and r.gen = l.gen and r.id = asked.id
+         where not (select rest(r) = asked.digest or was_refused((r).odd) or %s
+                    from lineage($1, $2, $3) l cross join lateral (
+                        select r from %I r
+                        where r.device = $1 and r.tbl = $2 and r.gen = l.gen and r.id = asked.id offset 0) found
                     where asked.id > l.after and asked.id <= l.upto)',
-        case its_kind when 'alarm' then 'r.end_date = '''' and r.end_time = ''''' else 'false' end, its_kind)
+        case its_kind when 'alarm' then '(r).end_date = '''' and (r).end_time = ''''' else 'false' end, its_kind)
     using me(), its_tbl, its_gen, ids, digests;
 end
 $$;
@@ -242,21 +246,24 @@ language sql stable security definer set search_path = fleet, pg_temp as $$
 $$;
 
 -- The ends of alarms as the file has them now; the number of those that the archive did not have so. What is in the
--- file again is not gone.
+-- file again is not gone. The lock on the mark keeps others from changing these alarms between the look and the update,
+-- so that a row is still at its place.
 create function fleet.end_alarms(its_tbl smallint, its_gen smallint, ids bigint[], dates text[], times text[],
                                  odds text[]) returns bigint
 language plpgsql security definer set search_path = fleet, pg_temp
-set enable_hashjoin = off set enable_mergejoin = off as $$
+set enable_hashjoin = off set enable_mergejoin = off set jit = off as $$
 declare
     changed bigint;
 begin
+    perform from mark where device = me() and tbl = its_tbl for update;
     with told as materialized (
         select l.gen, t.* from unnest(ids, dates, times, odds) t (id, end_date, end_time, end_odd)
         join lineage(me(), its_tbl, its_gen) l on t.id > l.after and t.id <= l.upto
     ), other as materialized (
-        select a.day, a.gen, a.id, a.end_date, a.end_time, a.end_odd, told.end_date as to_date,
-            told.end_time as to_time, told.end_odd as to_odd
-        from told join alarm a on a.device = me() and a.tbl = its_tbl and a.gen = told.gen and a.id = told.id
+        select a.*, told.end_date as to_date, told.end_time as to_time, told.end_odd as to_odd
+        from told cross join lateral (
+            select a.tableoid as part, a.ctid as place, a.gen, a.id, a.end_date, a.end_time, a.end_odd, a.gone
+            from alarm a where a.device = me() and a.tbl = its_tbl and a.gen = told.gen and a.id = told.id offset 0) a
         where (a.end_date, a.end_time, a.end_odd::text) is distinct from (told.end_date, told.end_time, told.end_odd)
             or a.gone is not null
     ), kept as (
@@ -266,8 +273,7 @@ begin
     ), done as (
         update alarm a set end_date = to_date, end_time = to_time, end_odd = to_odd::json, gone = null,
             last_seen = null, ended = case when (to_date, to_time) = ('', '') then null else now() end
-        from other
-        where a.device = me() and a.tbl = its_tbl and a.gen = other.gen and a.id = other.id and a.day = other.day
+        from other where a.tableoid = other.part and a.ctid = other.place
         returning 1
     )
     select count(*) into changed from done;
@@ -280,18 +286,22 @@ $$;
 create function fleet.gone_alarms(its_tbl smallint, its_gen smallint, ids bigint[], seconds double precision)
 returns bigint
 language plpgsql security definer set search_path = fleet, pg_temp
-set enable_hashjoin = off set enable_mergejoin = off as $$
+set enable_hashjoin = off set enable_mergejoin = off set jit = off as $$
 declare
     changed bigint;
 begin
+    perform from mark where device = me() and tbl = its_tbl for update;
     with told as materialized (
         select l.gen, t.id from unnest(ids) t (id)
         join lineage(me(), its_tbl, its_gen) l on t.id > l.after and t.id <= l.upto
+    ), lost as materialized (
+        select a.* from told cross join lateral (
+            select a.tableoid as part, a.ctid as place, a.end_date, a.end_time, a.gone
+            from alarm a where a.device = me() and a.tbl = its_tbl and a.gen = told.gen and a.id = told.id offset 0) a
+        where a.end_date = '' and a.end_time = '' and a.gone is null
     ), done as (
         update alarm a set gone = now(), last_seen = coalesce(now() - make_interval(secs => seconds), last_look(a))
-        from told
-        where a.device = me() and a.tbl = its_tbl and a.gen = told.gen and a.id = told.id
-            and a.end_date = '' and a.end_time = '' and a.gone is null
+        from lost where a.tableoid = lost.part and a.ctid = lost.place
         returning 1
     )
     select count(*) into changed from done;
