@@ -20,10 +20,10 @@ namespace
 
 // Of all files: fewer have the archive wait for its disk more often, and two such transactions must fit into memory.
 constexpr int mostRows = 20000;
-constexpr int mostRowsOfFile = 5000; // a read must be short
 constexpr qint64 mostBytes = 2 * 1024 * 1024;
 constexpr int leastRead = 50;
 constexpr int mostTimesBehind = 100; // without a batch in between
+constexpr int mostTimesRefused = 3;  // at one watermark, which a quicker shipper moves, and a month ends once
 constexpr std::chrono::minutes asideFor(1);
 // After what announces it a commit is nearly always seen within this time. Where the device's disk takes longer for a
 // write-ahead log that is synchronised with each commit, the row waits for the next look at all files.
@@ -40,7 +40,7 @@ QStringList namesOf(const QList<device_db::Table> &tables)
 
 } // namespace
 
-Shipper::Shipper(Configuration configuration) : m_configuration(std::move(configuration)), m_mostRows(mostRows)
+Shipper::Shipper(Configuration configuration) : m_configuration(std::move(configuration))
 {
     for (const ConfiguredFile &file : m_configuration.files)
         m_files.push_back(std::make_unique<File>(file));
@@ -101,6 +101,8 @@ Status Shipper::haveStreams()
         if (same != former.end()) {
             m_streams.back()->known = (*same)->known;
             m_streams.back()->isOwn = (*same)->isOwn;
+            if ((*same)->watermark == each.watermark)
+                m_streams.back()->refusal = (*same)->refusal;
         }
         if (each.kind != Kind::Alarms)
             continue;
@@ -219,7 +221,7 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
             Stream *const stream = streamOf(file, table);
             if (!stream || Clock::now() < file.aside.value(table.name).until)
                 continue;
-            auto piece = readPiece(database, *stream, left, m_refused);
+            auto piece = readPiece(database, *stream, left);
             if (!piece)
                 return piece.error();
             pieces << std::move(piece).value();
@@ -273,7 +275,7 @@ Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
 Result<std::optional<Shipper::Round>> Shipper::lookAtAll()
 {
     Round round;
-    Budget budget{m_mostRows, mostBytes};
+    Budget budget{mostRows, mostBytes};
     for (std::size_t i = 0; i < m_files.size(); ++i) {
         if (budget.rows <= 0 || budget.bytes <= 0) {
             round.more = true; // the next transaction begins with another file
@@ -311,57 +313,85 @@ Result<bool> Shipper::shipRound()
 {
     if (const Status have = haveStreams(); !have)
         return have.error();
-    const auto round = lookAtAll();
+    auto round = lookAtAll();
     if (!round)
         return round.error();
     if (!*round)
         return true;
-    if (const Status done = carryOut((*round)->pieces); !done)
+    QList<Piece> &pieces = (*round)->pieces;
+    if (const Status done = carryOut(pieces); !done)
         return done.error();
-    return (*round)->more;
+    return (*round)->more || std::any_of(pieces.begin(), pieces.end(), [](const Piece &piece) { return piece.more; });
 }
 
 Result<bool> Shipper::ship()
 {
     const auto more = shipRound();
     if (more) {
-        m_refused = Refused();
         m_timesBehind = 0;
-        if (m_mostRows == mostRows)
-            ++m_first;
-        m_mostRows = std::min(mostRows, m_mostRows * 2);
+        ++m_first;
         return more;
-    }
-    if (std::exchange(m_rowRefused, false)) {
-        narrow(more.error());
-        return true;
     }
     const Status status = failed(more.error());
     return status ? Result<bool>(true) : status.error();
 }
 
 // One row must not hold up the others: it is found by halving, and recorded without its cells. Where the archive does
-// not take that either, or says for ever that it has the row, it is not the row: its table is put aside.
-void Shipper::narrow(const device::Error &error)
+// not take that either, or has rows above the watermark, the table is put aside.
+void Shipper::refuse(Piece &piece, const device::Error &error)
 {
-    if (m_mostRows > 1) {
-        m_mostRows /= 2;
-    } else if (m_refused.why.isEmpty() && !m_archive->wasBehind()) {
-        m_refused.why = error.cause().toUtf8();
+    Stream &stream = *piece.stream;
+    Refusal &refusal = stream.refusal;
+    File &file = *fileOf(stream.file);
+    bool isAside = false;
+    if (m_archive->wasBehind()) {
+        isAside = ++refusal.timesBehind >= mostTimesRefused;
+        m_haveStreams = false;
+    } else if (piece.rows > 1) {
+        refusal.mostRows = piece.rows / 2;
     } else {
-        if (File *const file = fileOf(m_refused.file)) {
-            const QString trouble = QStringLiteral("%1: the archive does not take row %2 of the table %3: %4")
-                                        .arg(file->reader.path())
-                                        .arg(m_refused.id)
-                                        .arg(m_refused.table, error.cause());
-            file->aside.insert(m_refused.table, {trouble, Clock::now() + asideFor});
-        }
-        m_refused = Refused();
+        isAside = refusal.id == piece.last->id;
+        refusal = {1, isAside ? 0 : piece.last->id, error.cause().toUtf8(), 0};
     }
-    m_haveStreams = false;
+    if (isAside) {
+        const QString trouble =
+            QStringLiteral("%1: the archive does not take the rows of the table %2 after ID %3: %4")
+                .arg(file.reader.path(), stream.table, QString::number(stream.watermark), error.cause());
+        file.aside.insert(stream.table, {trouble, Clock::now() + asideFor});
+    }
+    file.isQuiet = false;
+    piece.rows = 0;
+    piece.more = true;
 }
 
-Status Shipper::carryOut(const QList<Piece> &pieces)
+// All in one transaction. If the archive refuses that, the rows of each table in one of their own, and from then on
+// those of the table of which it refuses some: no table holds up another.
+Status Shipper::shipRows(QList<Piece> &pieces)
+{
+    QList<Piece> together;
+    for (const Piece &piece : std::as_const(pieces)) {
+        if (piece.rows > 0 && !piece.stream->refusal.isAny())
+            together << piece;
+    }
+    const auto isRefused = [&] { return m_archive->isOpen() && (m_archive->refusedRow() || m_archive->wasBehind()); };
+    const Status all = together.isEmpty() ? Status() : m_archive->ship(together);
+    if (!all && !isRefused())
+        return all;
+    for (Piece &piece : pieces) {
+        Refusal &refusal = piece.stream->refusal;
+        if (piece.rows == 0 || (all && !refusal.isAny()))
+            continue;
+        if (const Status done = m_archive->ship({piece}); done)
+            refusal = {std::min(mostRowsOfFile, refusal.mostRows * 2), 0, {}, 0};
+        else if (isRefused())
+            refuse(piece, done.error());
+        else
+            return done;
+    }
+    return {};
+}
+
+Status Shipper::carryOut(QList<Piece> &pieces)
 {
     // First, because the archive takes it that they were there when the last rows came.
     for (const Piece &piece : pieces) {
@@ -376,21 +406,8 @@ Status Shipper::carryOut(const QList<Piece> &pieces)
         for (const qint64 id : piece.gone)
             stream.active.remove(id);
     }
-    const bool anyRows = std::any_of(pieces.begin(), pieces.end(), [](const Piece &piece) { return piece.rows > 0; });
-    if (anyRows) {
-        if (const Status done = m_archive->ship(pieces); !done) {
-            m_rowRefused = m_archive->isOpen() && (m_archive->refusedRow() ||
-                                                   (m_archive->wasBehind() && m_timesBehind + 1 >= mostTimesBehind));
-            for (const Piece &piece : pieces) {
-                const Stream &stream = *piece.stream;
-                if (m_mostRows > 1 || piece.rows == 0)
-                    continue;
-                if (m_refused.file != stream.file || m_refused.table != stream.table || m_refused.id != piece.last->id)
-                    m_refused = {stream.file, stream.table, piece.last->id, {}};
-            }
-            return done;
-        }
-    }
+    if (const Status done = shipRows(pieces); !done)
+        return done;
     for (const Piece &piece : pieces) {
         Stream &stream = *piece.stream;
         if (piece.rows > 0 || !piece.more)

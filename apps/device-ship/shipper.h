@@ -89,8 +89,9 @@ private:
     };
     Result<std::optional<Shared>> lastShared(File &file, const Piece &piece);
     Result<std::optional<qint64>> lastSharedWith(File &file, const Stream &stream, int generation, qint64 upTo);
-    void narrow(const device::Error &error);
-    Status carryOut(const QList<Piece> &pieces);
+    Status carryOut(QList<Piece> &pieces);
+    Status shipRows(QList<Piece> &pieces);
+    void refuse(Piece &piece, const device::Error &error);
     Status endAlarms(File &file, Stream &stream, const QList<AlarmEnd> &ends);
     Status compareEnds(File &file, Stream &stream);
     File *fileOf(const QString &name);
@@ -104,10 +105,7 @@ private:
     bool m_haveStreams = false;
     quint64 m_timesRead = 0; ///< Each time, they are others.
     std::size_t m_first = 0; ///< The file that is looked at first, so that none starves.
-    int m_mostRows;          ///< Of a batch: fewer while the archive refuses one of the rows.
-    bool m_rowRefused = false;
-    Refused m_refused;
-    int m_timesBehind = 0; ///< One after the other, another shipper was quicker.
+    int m_timesBehind = 0;   ///< One after the other, another shipper was quicker.
     QString m_reportedTrouble;
     bool m_moved = false;  ///< Since the last report.
     bool m_isTold = false; ///< Which files are written.

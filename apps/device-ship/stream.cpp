@@ -131,9 +131,10 @@ Result<std::optional<RowMark>> newestUpTo(const Database &database, const Stream
     return std::optional<RowMark>(RowMark{encoder.id(), encoder.digest()});
 }
 
-device::Status readNew(const Database &database, Piece &piece, Budget &budget, const Refused &refused)
+device::Status readNew(const Database &database, Piece &piece, Budget &budget)
 {
     const Stream &stream = *piece.stream;
+    const Refusal &refusal = stream.refusal;
     qint64 last = stream.watermark;
     const qint64 room = budget.bytes;
     const auto take = [&](const RowEncoder &row) {
@@ -143,19 +144,18 @@ device::Status readNew(const Database &database, Piece &piece, Budget &budget, c
             piece.active << last;
         ++piece.rows;
         --budget.rows;
-        return budget.rows > 0 && piece.lines.size() < room;
+        return budget.rows > 0 && piece.rows < refusal.mostRows && piece.lines.size() < room;
     };
     if (budget.rows <= 0 || room <= 0) {
         piece.more = piece.lastId > last;
         return {};
     }
-    const bool anyRefused = !refused.why.isEmpty() && refused.file == stream.file && refused.table == stream.table;
-    const auto next = anyRefused ? nextId(database, stream, last) : Result<qint64>(0);
+    const auto next = refusal.id > 0 ? nextId(database, stream, last) : Result<qint64>(0);
     if (!next)
         return next.error();
-    if (anyRefused && *next == refused.id) {
+    if (refusal.id > 0 && *next == refusal.id) {
         RowEncoder encoder(stream.kind);
-        if (const auto id = readByCells(database, stream, last, refused.why, encoder); !id)
+        if (const auto id = readByCells(database, stream, last, refusal.why, encoder); !id)
             return id.error();
         take(encoder);
         piece.more = true;
@@ -266,7 +266,7 @@ Result<Head> readHead(const Database &database, const Stream &stream)
     return Head{*lastId, *newest};
 }
 
-Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget, const Refused &refused)
+Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget)
 {
     const auto head = readHead(database, stream);
     if (!head)
@@ -281,7 +281,7 @@ Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget
         if (const auto status = readActive(database, piece); !status)
             return status.error();
     }
-    if (const auto status = readNew(database, piece, budget, refused); !status)
+    if (const auto status = readNew(database, piece, budget); !status)
         return status.error();
     return piece;
 }

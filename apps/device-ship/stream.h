@@ -16,12 +16,23 @@ namespace device_ship
 
 using Clock = std::chrono::steady_clock;
 
+constexpr int mostRowsOfFile = 5000; // a read must be short
+
 /// Which row this is: that of a file is that of the archive when both are equal.
 struct RowMark {
     qint64 id = 0;
     qint64 digest = 0;
     friend bool operator==(const RowMark &a, const RowMark &b) { return a.id == b.id && a.digest == b.digest; }
     friend bool operator!=(const RowMark &a, const RowMark &b) { return !(a == b); }
+};
+
+/// What the archive refuses of a stream, which then has a transaction of its own.
+struct Refusal {
+    int mostRows = mostRowsOfFile; ///< Fewer while one of the rows is refused, and not known.
+    qint64 id = 0;                 ///< The row, once it is known: it is sent without its cells.
+    QByteArray why;
+    int timesBehind = 0; ///< Refused one after the other at this watermark, as if another shipper were quicker.
+    bool isAny() const { return mostRows < mostRowsOfFile || timesBehind > 0; }
 };
 
 /// One table of the device's files: how far the archive has it, and what is known of the file.
@@ -37,6 +48,7 @@ struct Stream {
     std::optional<RowMark> known; ///< The newest row up to the watermark, if it was found to be the archive's.
     bool isOwn = false;           ///< ... and of this generation alone.
     qint64 lastId = 0;            ///< The highest that the device has given.
+    Refusal refusal;
 
     QSet<qint64> active;       ///< Alarms that have not ended as far as the archive knows.
     QSet<qint64> refusedEnds;  ///< Alarms whose ends the archive does not take.
@@ -76,14 +88,6 @@ struct Budget {
     qint64 bytes = 0;
 };
 
-/// The row that a batch of one was refused for.
-struct Refused {
-    QString file;
-    QString table;
-    qint64 id = 0;
-    QByteArray why; ///< Not empty: it is sent without its cells.
-};
-
 /// Gives the rows with IDs above `after` and up to `upTo` to `take`, until that returns false; whether it did. Of a
 /// cell that is too large its size is given.
 device::Result<bool> readRows(const device_db::Database &database, const Stream &stream, qint64 after, qint64 upTo,
@@ -92,8 +96,7 @@ device::Result<bool> readRows(const device_db::Database &database, const Stream 
 device::Result<Head> readHead(const device_db::Database &database, const Stream &stream);
 
 /// Reads what is new in a stream's table. The budget becomes smaller.
-device::Result<Piece> readPiece(const device_db::Database &database, Stream &stream, Budget &budget,
-                                const Refused &refused);
+device::Result<Piece> readPiece(const device_db::Database &database, Stream &stream, Budget &budget);
 
 /// The rows of a stream with IDs above `after` and up to `upTo`: some of them, spread evenly, the newest among them.
 /// `all`: those are all.

@@ -944,7 +944,7 @@ class Short(Fleet):
         for _ in range(2):
             done = self.archive.ship("run", "--once", configuration, check=False)
             self.assertEqual(done.returncode, 3, done.stderr)
-            self.assertIn("a.db: the archive does not take row 101 of the table T1", done.stderr)
+            self.assertIn("a.db: the archive does not take the rows of the table T1 after ID 100: ", done.stderr)
             self.assertIn("mine", self.archive.sql("select trouble from fleet.device")[0][0])
             self.assertEqual(self.archive.sql("select wm from fleet.mark order by tbl"),
                              [["100"], ["300"], ["300"], ["300"]])
@@ -979,10 +979,48 @@ class Short(Fleet):
         self.archive.sql("update fleet.mark set wm = 50 where tbl = 1")  # as after a bad repair by hand
         done = self.archive.ship("run", "--once", configuration, check=False)
         self.assertEqual(done.returncode, 3, done.stderr)
-        self.assertIn("the archive does not take row 51 of the table T1", done.stderr)
+        self.assertIn("the archive does not take the rows of the table T1 after ID 50: ", done.stderr)
         self.check_file(1, store, "h", "T1", "sample")
         self.check_file(1, store, "h", "T2", "sample")
         self.assertEqual(self.archive.sql("select trouble <> '' from fleet.device"), [["t"]])
+
+    def test_rows_above_a_watermark_hold_up_no_backlog(self):
+        stores = {name: self.store(name) for name in ("big", "bad", "late")}
+        for store in stores.values():
+            store.table("T1", "sample")
+            store.samples("T1", 100)
+        configuration = self.archive.device(1, stores)
+        self.archive.ship("run", "--once", configuration)
+        for store, rows in zip(stores.values(), (12000, 100, 100)):
+            store.samples("T1", rows)
+        self.archive.sql("update fleet.mark set wm = 50 where tbl = 2")
+        with open(os.path.join(self.folder, "server.log"), encoding="utf-8", errors="replace") as log:
+            log.seek(0, os.SEEK_END)
+            self.assertEqual(self.archive.ship("run", "--once", configuration, check=False).returncode, 3)
+            self.assertLess(log.read().count("ERROR:"), 10)
+        for name in ("big", "late"):
+            self.check_file(1, stores[name], name, "T1", "sample")
+
+    def test_refused_rows_of_two_tables_at_once(self):
+        store = self.store("h")
+        for table in ("T1", "T2", "T3"):
+            store.table(table, "sample")
+            store.samples(table, 1000)
+        store.run("update T1 set Value = 'poison' where ID in (1, 500, 501, 1000)")
+        store.run("update T2 set Value = 'poison' where ID in (2, 1000)")
+        store.table("AlarmData", "alarm")
+        store.add("AlarmData", [alarm(1, end_date="2024/05/06", end_time="08:00:00")])
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.sql("alter table fleet.sample add check (val <> 'poison');"
+                         "alter role dev_1 set track_functions = 'pl'")
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql("select tbl, id from fleet.sample where val is null order by 1, 2"),
+                         [["2", "1"], ["2", "500"], ["2", "501"], ["2", "1000"], ["3", "2"], ["3", "1000"]])
+        self.assertEqual(self.archive.sql("select tbl, sum(n) from fleet.batch where tbl > 1 group by 1 order by 1"),
+                         [["2", "1000"], ["3", "1000"], ["4", "1000"]])
+        # The ends of all alarms are not compared again for each of them.
+        calls = "select calls from pg_stat_user_functions where funcname = 'end_alarms'"
+        self.until(lambda: self.archive.sql(calls) == [["1"]], "they were compared once")
 
     def test_a_table_whose_id_is_no_key_is_told_and_not_shipped(self):
         store = self.store("h")
@@ -1050,7 +1088,7 @@ class Short(Fleet):
         self.archive.sql("alter table fleet.sample add constraint mine check (id <> 3 or tbl <> 1)")
         self.start(self.archive.device(1, {"h": store}))
         trouble = "select trouble from fleet.device"
-        self.until(lambda: "row 3 of the table T1" in str(self.archive.sql(trouble)), "the table is put aside")
+        self.until(lambda: "rows of the table T1 after ID 2" in str(self.archive.sql(trouble)), "the table is put aside")
         store.run("drop table T1")
         gone = [[f"{store.path}: shipped until now, and gone or with other columns: T1"]]
         self.until(lambda: self.archive.sql(trouble) == gone, "it is gone, and nothing else")
