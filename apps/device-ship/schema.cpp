@@ -118,6 +118,9 @@ Status addDevice(ArchiveConnection &archive, int number, const QString &name, co
         sql += "alter role " + role + " login connection limit 4" +
                (secret.isEmpty() ? QByteArray() : " password '" + secret + "'") + ";grant fleet_device to " + role +
                ';';
+        // A role may have changed its own settings, with which no password helps.
+        sql += "alter role " + role + " reset all;do $$ begin execute format('alter role " + role +
+               " in database %I reset all', current_database()); end $$;";
         // A statement that waits, a transaction that is left open, and a session whose device is gone must not last: a
         // few would lock the device out. A service reports each minute.
         for (const char *limit : {"statement_timeout = '5min'", "idle_session_timeout = '5min'",

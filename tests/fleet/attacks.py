@@ -109,6 +109,16 @@ REFUSED = [
     ("select pg_terminate_backend(pid) from (select 1 as pid) x where pg_reload_conf()", "42501"),
 ]
 
+# What is allowed and lasts until somebody adds the device once more.
+LASTING = [
+    "alter role dev_1 in database {database} set default_transaction_read_only = on",
+    "alter role dev_1 in database {database} set statement_timeout = 1",
+    "alter role dev_1 set search_path = nowhere",
+    "alter role dev_1 set role = nobody",
+    "alter role dev_1 set idle_in_transaction_session_timeout = 0",
+    "alter role dev_1 password 'another'",
+]
+
 # What is allowed and does nothing to others.
 WITHOUT_EFFECT = [
     ("select fleet.end_alarms(1::smallint, 1::smallint, '{99}', '{x}', '{y}', '{NULL}')", [["0"]]),

@@ -1235,11 +1235,26 @@ class Short(Fleet):
         self.assertIn("lock timeout", done.stderr)
         self.archive.ship("add-device", "2", "--name", "Oven", *to, timeout=20)
 
-    def test_a_connection_that_is_half_open_does_not_last(self):
-        self.archive.device(1, {})
+    def check_limits(self):
         for setting, value in (("statement_timeout", "5min"), ("idle_session_timeout", "5min"),
                                ("idle_in_transaction_session_timeout", "1min")):
             self.assertEqual(self.archive.sql(f"show {setting}", "dev_1"), [[value]])
+
+    def test_a_connection_that_is_half_open_does_not_last(self):
+        self.archive.device(1, {})
+        self.check_limits()
+
+    def test_what_a_device_did_to_its_role_ends_with_another_password(self):
+        stores, configurations = self.two_devices()
+        self.archive.sql("".join(statement.format(database=self.archive.name) + ";" for statement in attacks.LASTING),
+                         "dev_1")
+        self.assertEqual(self.archive.ship("run", "--once", configurations[0], check=False).returncode, 1)
+        self.archive.sql("alter role dev_1 nologin")
+        self.archive.device(1, {"h": stores[0]})
+        stores[0].samples("T1", 5)
+        self.archive.ship("run", "--once", configurations[0])
+        self.check_file(1, stores[0], "h", "T1", "sample")
+        self.check_limits()
 
     def test_what_a_device_writes_breaks_no_view(self):
         self.two_devices()
