@@ -42,13 +42,17 @@ Result<int> runInit(const Options &options)
     auto archive = archiveOf(options.archive);
     if (!archive)
         return archive.error();
-    const auto before = initialise(*archive);
-    if (!before)
-        return before.error();
+    const auto done = initialise(*archive);
+    if (!done)
+        return done.error();
+    if (!done->toRevoke.isEmpty())
+        complain(QStringLiteral("a device can fill the disk with large objects until a superuser runs in this "
+                                "database: ") +
+                 QString::fromLatin1(done->toRevoke));
     std::printf("the archive is of version %d%s\n", schemaVersion(),
-                *before == schemaVersion() ? ", as it was"
-                : *before                  ? ", brought up to date"
-                                           : ", made");
+                done->former == schemaVersion() ? ", as it was"
+                : done->former                  ? ", brought up to date"
+                                                : ", made");
     return 0;
 }
 

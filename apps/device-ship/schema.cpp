@@ -37,6 +37,26 @@ Status alone(ArchiveConnection &archive, const std::function<Status()> &change)
     return changed;
 }
 
+// Else a device could fill the server's disk with large objects. Their functions belong to the superuser: for anybody
+// else, the statement that a superuser has to run.
+Result<QByteArray> refuseLargeObjects(ArchiveConnection &archive)
+{
+    static const QByteArray revoke(
+        "revoke execute on function lo_create(oid), lo_creat(integer), lo_from_bytea(oid, bytea), lo_put(oid, bigint, "
+        "bytea), lowrite(integer, bytea), lo_open(oid, integer), lo_truncate(integer, integer), lo_truncate64(integer, "
+        "bigint) from public");
+    const auto known = archive.query("select has_function_privilege('public', 'lo_create(oid)', 'execute'), rolsuper "
+                                     "from pg_roles where rolname = current_user");
+    if (!known)
+        return known.error();
+    if (known->first().at(0) != "t")
+        return QByteArray();
+    if (known->first().at(1) != "t")
+        return revoke;
+    const auto done = archive.query(revoke);
+    return done ? Result<QByteArray>(QByteArray()) : done.error();
+}
+
 Result<int> bringUpToDate(ArchiveConnection &archive)
 {
     const auto exists = archive.query("select to_regclass('fleet.version') is not null");
@@ -67,7 +87,7 @@ Result<int> bringUpToDate(ArchiveConnection &archive)
 
 } // namespace
 
-Result<int> initialise(ArchiveConnection &archive)
+Result<Initialised> initialise(ArchiveConnection &archive)
 {
     const auto encoding = archive.query("show server_encoding");
     if (!encoding)
@@ -76,15 +96,19 @@ Result<int> initialise(ArchiveConnection &archive)
         return failure(QStringLiteral("archive"),
                        QStringLiteral("its encoding is %1; make a database with the encoding UTF8")
                            .arg(QString::fromLatin1(encoding->first().first())));
-    int former = 0;
+    Initialised initialised;
     const Status done = alone(archive, [&]() -> Status {
+        const auto toRevoke = refuseLargeObjects(archive); // first, because the other goes on as fleet_owner
+        if (!toRevoke)
+            return toRevoke.error();
+        initialised.toRevoke = *toRevoke;
         const auto version = bringUpToDate(archive);
         if (!version)
             return version.error();
-        former = *version;
+        initialised.former = *version;
         return {};
     });
-    return done ? Result<int>(former) : done.error();
+    return done ? Result<Initialised>(initialised) : done.error();
 }
 
 Status addDevice(ArchiveConnection &archive, int number, const QString &name, const QByteArray &password)

@@ -23,7 +23,7 @@ import time
 import unittest
 
 import attacks
-from cluster import Archive, Cluster, File, Session, rows_of, skip_without_server
+from cluster import PASSWORD, Archive, Cluster, File, Session, rows_of, skip_without_server
 from proxy import Proxy
 
 KILLS = int(os.environ.get("DEVICE_FLEET_KILLS", "20"))
@@ -1788,6 +1788,31 @@ class Short(Fleet):
                        for _ in range(6)]
             self.assertEqual([each.communicate()[1] for each in at_once], [b""] * 6)
         self.assertEqual(self.cluster.sql("made_by_many", "select name from fleet.device"), [["Press"]])
+
+    def test_who_is_no_superuser_is_told_what_one_has_to_revoke(self):
+        server = Cluster(tempfile.mkdtemp(prefix="plain-", dir=self.folder), "fsync=off")
+        self.addCleanup(server.stop)
+        quoted = "'" + PASSWORD.replace("'", "''") + "'"
+        server.sql("postgres", f"create role plain login createrole password {quoted}; "
+                               "create database plain owner plain")
+        to = ("--archive", server.conninfo("plain").replace("user=owner", "user=plain"))
+        environment = {**os.environ, "PGPASSWORD": PASSWORD}
+        secret = os.path.join(self.archive.folder, "secret")
+        with open(secret, "w", encoding="utf-8") as file:
+            file.write(PASSWORD)
+        said = [subprocess.run([PROGRAM, *arguments, *to], env=environment, stderr=subprocess.PIPE, text=True,
+                               check=True).stderr
+                for arguments in (["init"], ["init"], ["add-device", "1", "--password-file", secret])]
+        self.assertIn("a device can fill the disk with large objects until a superuser runs in this database: revoke",
+                      said[0])
+        self.assertEqual(said[1:], [said[0], ""])
+        large = [statement for statement, _ in attacks.REFUSED if statement.startswith("select lo_")]
+        for statement in large:
+            server.sql("plain", f"begin; {statement}; rollback", "dev_1")
+        server.sql("plain", said[0].split("database: ")[1])
+        for statement in large:
+            with self.assertRaisesRegex(RuntimeError, "42501"):
+                server.sql("plain", statement, "dev_1")
 
     def test_archives_of_one_server_are_made_at_once(self):
         server = Cluster(tempfile.mkdtemp(prefix="many-", dir=self.folder))

@@ -22,12 +22,6 @@ begin
     -- Else a device could fill the server's disk with tables of its own.
     execute format('revoke temporary on database %I from public', current_database());
     revoke create on schema public from public;
-    -- So it could with large objects. Their functions belong to the superuser.
-    if (select rolsuper from pg_roles where rolname = current_user) then
-        revoke execute on function lo_create(oid), lo_creat(integer), lo_from_bytea(oid, bytea),
-            lo_put(oid, bigint, bytea), lowrite(integer, bytea), lo_open(oid, integer), lo_truncate(integer, integer),
-            lo_truncate64(integer, bigint) from public;
-    end if;
 end
 $$;
 set local role fleet_owner;
