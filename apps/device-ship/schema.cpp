@@ -122,20 +122,27 @@ Status addDevice(ArchiveConnection &archive, int number, const QString &name, co
         secret = *encrypted;
     }
     return alone(archive, [&]() -> Status {
-        // A role that somebody made for something else keeps what it may do.
+        // A role that somebody made for something else keeps what it may do. Not counted is what devices can give
+        // themselves and each other, which would refuse one another password.
         const auto known = archive.query(
             "select rolsuper or rolcreaterole or rolcreatedb or rolreplication or rolbypassrls or exists ("
-            "    select from pg_auth_members where member = r.oid and roleid <> 'fleet_device'::regrole)"
+            "    select from pg_auth_members where member = r.oid and roleid <> 'fleet_device'::regrole),"
+            " (select string_agg(distinct pg_describe_object(classid, objid, 0), ', ') from pg_shdepend"
+            "  where refclassid = 'pg_authid'::regclass and refobjid = r.oid"
+            "      and classid not in ('pg_default_acl'::regclass, 'pg_largeobject'::regclass)"
+            "      and dbid in (0, (select oid from pg_database where datname = current_database())))"
             " from pg_roles r where rolname = $1",
             {role});
         if (!known)
             return known.error();
-        if (!known->isEmpty() && known->first().first() == "t")
+        const QString granted = known->isEmpty() ? QString() : QString::fromUtf8(known->first().at(1));
+        if (!granted.isEmpty() || (!known->isEmpty() && known->first().at(0) == "t"))
             return failure(
                 QStringLiteral("archive"),
-                QStringLiteral("the role %1 exists and may do more than a device; drop it, or take away what "
+                QStringLiteral("the role %1 exists and may do more than a device%2; drop it, or take away what "
                                "it may do and its memberships")
-                    .arg(QString::fromLatin1(role)));
+                    .arg(QString::fromLatin1(role),
+                         granted.isEmpty() ? QString() : QStringLiteral(" with ") + granted));
         QByteArray sql;
         if (known->isEmpty())
             sql += "create role " + role + ";";

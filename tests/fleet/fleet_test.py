@@ -1447,8 +1447,27 @@ class Short(Fleet):
             self.archive.sql(f"drop role dev_{number}")
             self.assertEqual(done.returncode, 1, role)
             self.assertIn(f"dev_{number} exists and may do more than a device", done.stderr)
+        for grant, what in (("grant select on fleet.sample to dev_900", "table fleet.sample"),
+                            ("grant update (wm) on fleet.mark to dev_900", "table fleet.mark"),
+                            ("grant execute on function fleet.kept_from to dev_900",
+                             "function fleet.kept_from(text)"),
+                            ("grant create on database {} to dev_900", "database {}"),
+                            ("create schema authorization dev_900", "schema dev_900")):
+            self.archive.sql(f"create role dev_900 login; {grant.format(self.archive.name)}")
+            done = self.archive.ship(*add, "900", check=False)
+            self.archive.sql("drop owned by dev_900; drop role dev_900")
+            self.assertEqual(done.returncode, 1, grant)
+            self.assertIn(f"dev_900 exists and may do more than a device with {what.format(self.archive.name)};",
+                          done.stderr)
         self.archive.sql("create role dev_900 nologin")
         self.archive.ship(*add, "900")
+        # What devices can do to each other keeps none from another password.
+        self.archive.device(1, {})
+        self.archive.sql("alter default privileges grant select on tables to dev_900; select lo_create(7);"
+                         "alter default privileges for role dev_1 grant select on tables to dev_900;"
+                         "grant select on large object 7 to dev_900")
+        self.archive.ship(*add, "900")
+        self.archive.ship(*add, "1")
 
     def test_verify_leaves_an_end_that_a_shipper_brings_beside_it(self):
         store = self.store("a", "wal")
