@@ -11,8 +11,9 @@ using device_db::Database;
 // Whether the archive's generation is still that of the file. That a row is gone proves nothing; that its cells differ
 // which no device changes, that it is one which the archive passed over, or that the counter of the IDs fell, does.
 // Only a row of its own proves that it is: before the first one arrives, or after the last one went, the rows that
-// follow may be those of a former life.
-Result<bool> Shipper::continues(File &file, const Piece &piece)
+// follow may be those of a former life. Nothing if the file cannot be read now, or has changed: a page may be damaged
+// for ever that only this reads.
+Result<std::optional<bool>> Shipper::continues(File &file, const Piece &piece)
 {
     Stream &stream = *piece.stream;
     QByteArray reason;
@@ -22,8 +23,10 @@ Result<bool> Shipper::continues(File &file, const Piece &piece)
     } else if (piece.newest && piece.newest != stream.known) {
         std::optional<bool> same;
         const auto judged = judge(file, stream, *piece.newest, same);
-        if (!judged || !*judged)
-            return judged;
+        if (!judged)
+            return judged.error();
+        if (!*judged)
+            return std::optional<bool>();
         if (same == false) {
             reason = "row " + QByteArray::number(piece.newest->id) + " is not the archive's";
         } else {
@@ -33,22 +36,22 @@ Result<bool> Shipper::continues(File &file, const Piece &piece)
     }
     const bool isProven = piece.newest && stream.isOwn;
     if (reason.isEmpty() && (isProven || stream.generation == 1 || piece.lastId == stream.watermark))
-        return true;
+        return std::optional(true);
     const auto shared = lastShared(file, piece);
     if (!shared)
         return shared.error();
     if (!*shared)
-        return false; // the file cannot be read now
+        return std::optional<bool>();
     if (reason.isEmpty()) {
         if ((*shared)->after <= stream.watermark)
-            return true;
+            return std::optional(true);
         reason = "the rows after " + QByteArray::number(stream.watermark) + " are those of generation " +
                  QByteArray::number((*shared)->generation);
     }
     const Status begun = m_archive->beginGeneration(stream, (*shared)->generation, (*shared)->after, reason);
     if (!begun)
         return begun.error();
-    return false;
+    return std::optional(false);
 }
 
 // Whether a row of the file is the archive's: nothing where neither the row says so nor, if the archive no longer keeps

@@ -286,23 +286,32 @@ Result<std::optional<Shipper::Round>> Shipper::lookAtAll()
             continue;
         const Clock::time_point began = Clock::now();
         const quint64 before = m_timesRead;
+        const Budget whole = budget;
         const auto pieces = look(file, budget);
         if (!pieces)
             return pieces.error();
         if (m_timesRead != before)
             return std::optional<Round>();
         bool more = file.again && file.trouble.isEmpty();
+        QList<Piece> judged;
         for (const Piece &piece : *pieces) {
             const auto goesOn = continues(file, piece);
             if (!goesOn)
                 return goesOn.error();
-            if (!*goesOn) {
+            if (!*goesOn) { // nothing of this file is shipped, and the others are
+                judged.clear();
+                budget = whole;
+                more = file.trouble.isEmpty();
+                break;
+            }
+            if (!**goesOn) {
                 m_haveStreams = false;
                 return std::optional<Round>();
             }
             more |= piece.more;
-            round.pieces << piece;
+            judged << piece;
         }
+        round.pieces << judged;
         round.more |= more;
         file.isQuiet = m_isTold && !more && file.trouble.isEmpty() && began - file.written >= announced;
     }

@@ -79,7 +79,7 @@ private:
     QString troubleOfTables(const File &file) const;
     Status enrolNew(File &file);
     Status describe(File &file);
-    Result<bool> continues(File &file, const Piece &piece);
+    Result<std::optional<bool>> continues(File &file, const Piece &piece);
     Result<bool> judge(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same);
     std::optional<QList<RowMark>> someRows(File &file, const Stream &stream, qint64 after, qint64 upTo, bool &all);
     Result<bool> judgeByOthers(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same);

@@ -724,6 +724,33 @@ class Short(Fleet):
         self.assertEqual(self.archive.sql(f"select state, last_seen between '{began}' and '{seen}' from "
                                           "fleet.alarms"), [["gone", "t"]])
 
+    def test_another_life_in_a_damaged_file_does_not_stop_the_others(self):
+        damaged, good = self.store("damaged"), self.store("good")
+        for store, rows in ((damaged, 20000), (good, 10)):
+            store.table("T1", "sample")
+            store.samples("T1", rows)
+        configuration = self.archive.device(1, {"damaged": damaged, "good": good})
+        self.archive.ship("run", "--once", configuration)
+        former = self.archive.rows(1, "damaged", "T1", "sample")
+        damaged.run("update T1 set Value = 'another' where ID = 20000")
+        damaged.samples("T1", 10)
+        size, pages = (damaged.run(f"pragma {what}").fetchone()[0] for what in ("page_size", "page_count"))
+        damaged.close()
+        with open(damaged.path, "r+b") as file:  # of the older rows, which are compared with the archive's
+            file.seek(pages // 4 * size)
+            file.write(b"\xff" * (pages // 4 * size))
+        good.samples("T1", 5)
+        for _ in range(2):
+            done = self.archive.ship("run", "--once", configuration, check=False, timeout=30)
+            self.assertEqual((done.returncode, done.stdout), (3, ""))
+            self.assertIn("damaged.db: ", done.stderr)
+            self.check_file(1, good, "good", "T1", "sample")
+        self.assertEqual(self.archive.rows(1, "damaged", "T1", "sample"), former)
+        self.start(configuration)
+        good.samples("T1", 5)
+        self.until(lambda: self.archive.sql("select count(*) from fleet.sample where tbl = 2") == [["20"]], "shipped")
+        self.until(lambda: "damaged.db" in self.archive.sql("select trouble from fleet.device")[0][0], "it is told")
+
     def test_a_service_sees_ends_at_once(self):
         store = self.store("a", "wal")
         store.table("AlarmData", "alarm")
