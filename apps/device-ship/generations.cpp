@@ -8,6 +8,13 @@ namespace device_ship
 
 using device_db::Database;
 
+namespace
+{
+
+constexpr int mostRowsToJudge = 2000; // a read must be short
+
+} // namespace
+
 // Whether the archive's generation is still that of the file. That a row is gone proves nothing; that its cells differ
 // which no device changes, that it is one which the archive passed over, or that the counter of the IDs fell, does.
 // Only a row of its own proves that it is: before the first one arrives, or after the last one went, the rows that
@@ -97,16 +104,17 @@ Result<bool> Shipper::judge(File &file, const Stream &stream, const RowMark &row
     return true;
 }
 
-// As sampleRows(); nothing if the file cannot be read now.
-std::optional<QList<RowMark>> Shipper::someRows(File &file, const Stream &stream, qint64 after, qint64 upTo, bool &all)
+// Nothing if the file cannot be read now.
+std::optional<QList<RowMark>> Shipper::nextRows(File &file, const Stream &stream, qint64 after, qint64 upTo)
 {
     QList<RowMark> rows;
     const Status read = file.reader.read([&](const Database &database) -> Status {
-        auto found = sampleRows(database, stream, after, upTo, all);
-        if (!found)
-            return found.error();
-        rows = *found;
-        return {};
+        rows.clear();
+        const auto done = readRows(database, stream, after, upTo, [&](const RowEncoder &row) {
+            rows.append({row.id(), row.digest()});
+            return rows.size() < mostRowsToJudge;
+        });
+        return done ? Status() : done.error();
     });
     if (read)
         return rows;
@@ -127,11 +135,19 @@ Result<bool> Shipper::judgeByOthers(File &file, const Stream &stream, const RowM
             same = false;
         return true;
     }
-    bool all = false;
-    const auto rows = someRows(file, stream, 0, row.id - 1, all);
-    if (!rows)
+    QList<RowMark> rows;
+    const Status read = file.reader.read([&](const Database &database) -> Status {
+        const auto found = sampleRows(database, stream, 0, row.id - 1);
+        if (!found)
+            return found.error();
+        rows = *found;
+        return {};
+    });
+    if (!read) {
+        file.trouble = device_db::oneLine(read.error());
         return false;
-    const auto judged = m_archive->judge(stream, stream.generation, *rows);
+    }
+    const auto judged = m_archive->judge(stream, stream.generation, rows);
     if (!judged)
         return judged.error();
     if (judged->values().contains(false))
@@ -156,34 +172,27 @@ Result<std::optional<Shipper::Shared>> Shipper::lastShared(File &file, const Pie
     return std::optional<Shared>(last);
 }
 
-// The highest ID up to which the rows of the file are those of a generation, 0 for none: the two have parted once, so
-// some rows say between which of them to look on.
+// The highest ID up to which the rows of the file are those of a generation, 0 for none. From below, because a row that
+// is equal proves nothing of those below it: a device without a clock gives the same times in each life, and often the
+// same values. What follows the first row that differs is stored, be it a second time.
 Result<std::optional<qint64>> Shipper::lastSharedWith(File &file, const Stream &stream, int generation, qint64 upTo)
 {
     qint64 shared = 0;
-    for (;;) {
-        bool all = false;
-        const auto some = someRows(file, stream, shared, upTo, all);
-        if (!some)
+    for (qint64 after = 0;;) {
+        const auto rows = nextRows(file, stream, after, upTo);
+        if (!rows)
             return std::optional<qint64>();
-        const QList<RowMark> &rows = *some;
-        if (rows.isEmpty())
-            return std::optional<qint64>(shared);
-        const auto same = m_archive->judge(stream, generation, rows);
+        if (rows->isEmpty())
+            return std::optional(shared);
+        const auto same = m_archive->judge(stream, generation, *rows);
         if (!same)
             return same.error();
-        for (const RowMark &row : rows) {
-            if (same->value(row.id, false))
-                shared = row.id;
+        for (auto each = same->constBegin(); each != same->constEnd(); ++each) {
+            if (!each.value())
+                return std::optional(shared);
+            shared = each.key();
         }
-        for (const RowMark &row : rows) {
-            if (row.id > shared) {
-                upTo = row.id - 1;
-                break;
-            }
-        }
-        if (all || shared == rows.last().id)
-            return std::optional<qint64>(shared);
+        after = rows->last().id;
     }
 }
 

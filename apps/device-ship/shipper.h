@@ -81,7 +81,7 @@ private:
     Status describe(File &file);
     Result<std::optional<bool>> continues(File &file, const Piece &piece);
     Result<bool> judge(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same);
-    std::optional<QList<RowMark>> someRows(File &file, const Stream &stream, qint64 after, qint64 upTo, bool &all);
+    std::optional<QList<RowMark>> nextRows(File &file, const Stream &stream, qint64 after, qint64 upTo);
     Result<bool> judgeByOthers(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same);
     struct Shared {
         int generation = 0;

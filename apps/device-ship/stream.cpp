@@ -286,13 +286,12 @@ Result<Piece> readPiece(const Database &database, Stream &stream, Budget &budget
     return piece;
 }
 
-Result<QList<RowMark>> sampleRows(const Database &database, const Stream &stream, qint64 after, qint64 upTo, bool &all)
+Result<QList<RowMark>> sampleRows(const Database &database, const Stream &stream, qint64 after, qint64 upTo)
 {
     QList<RowMark> marks;
     const qint64 step = (upTo - after) / mostSamples + 1;
     qint64 below = upTo;
     qint64 spaced = upTo;
-    all = true;
     while (below > after) {
         const auto mark = newestUpTo(database, stream, below);
         if (!mark)
@@ -302,7 +301,6 @@ Result<QList<RowMark>> sampleRows(const Database &database, const Stream &stream
         marks.prepend(**mark);
         spaced = std::max(after, spaced - step);
         below = std::min((*mark)->id - 1, spaced);
-        all &= below == (*mark)->id - 1;
     }
     return marks;
 }

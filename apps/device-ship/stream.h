@@ -99,9 +99,8 @@ device::Result<Head> readHead(const device_db::Database &database, const Stream 
 device::Result<Piece> readPiece(const device_db::Database &database, Stream &stream, Budget &budget);
 
 /// The rows of a stream with IDs above `after` and up to `upTo`: some of them, spread evenly, the newest among them.
-/// `all`: those are all.
 device::Result<QList<RowMark>> sampleRows(const device_db::Database &database, const Stream &stream, qint64 after,
-                                          qint64 upTo, bool &all);
+                                          qint64 upTo);
 
 /// The ends of the next alarms after `after`, up to the watermark. Nothing if the table may be in another life than
 /// when it was judged: the ends are not those of the archive's rows then.

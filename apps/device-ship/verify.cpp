@@ -69,8 +69,7 @@ Result<Range> readRange(StoreReader &file, const Stream &stream, qint64 after, c
             return done.error();
         if (wanted.isEmpty() || range.rows.isEmpty())
             return {};
-        bool all = false;
-        const auto later = sampleRows(database, stream, range.rows.last().id, stream.watermark, all);
+        const auto later = sampleRows(database, stream, range.rows.last().id, stream.watermark);
         if (!later)
             return later.error();
         range.later = *later;

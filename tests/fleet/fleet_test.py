@@ -307,6 +307,27 @@ class Short(Fleet):
         self.check(1, "h", "T1", "sample", {1: first, 2: rows_of(store.path, "T1", "sample")})
         self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (2, []))
 
+    def boot(self, store, rows, noise):
+        """A device without a clock: times begin again at each start, and nearly all values are the same."""
+        store.add("T1", [(f"2000-01-01 00:{i // 60 % 60:02}:{i % 60:02}", noise if i in (7, 1234) else "0")
+                         for i in range(1, rows + 1)])
+
+    def test_equal_rows_above_one_that_differs_are_not_shared(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        self.boot(store, 3000, "first")
+        first = rows_of(store.path, "T1", "sample")
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.begin_anew(store, "T1")
+        self.boot(store, 2500, "second")
+        self.archive.ship("run", "--once", configuration)
+        second = {key: row for key, row in rows_of(store.path, "T1", "sample").items() if key > 6}
+        self.check(1, "h", "T1", "sample", {1: first, 2: second})
+        self.assertEqual(self.archive.sql("select gen, parent, after from fleet.generation where gen > 1"),
+                         [["2", "1", "6"]])
+        self.archive.ship("verify", configuration)
+
     def test_what_is_no_new_generation(self):
         store = self.store("h")
         for table in ("Emptied", "Reset", "Trimmed"):
@@ -1446,7 +1467,9 @@ class Short(Fleet):
         self.archive.sql("update fleet.sample set val = '1' where gen = 2 and id = 50")
         self.assertEqual(self.archive.ship(*repair, check=False).returncode, 3)
         self.assertEqual(self.archive.sql("select val from fleet.sample where gen = 2 and id = 50"), [["1"]])
+        self.archive.sql(f"update fleet.sample set val = '{second[50][1]}' where gen = 2 and id = 50")
         self.archive.ship("run", "--once", configuration)
+        self.archive.sql("update fleet.sample set val = '1' where gen = 2 and id = 50")
         self.assertIn("1 row differs (ID 50), 1 put right", self.archive.ship(*repair).stdout)
         self.check(1, "h", "T1", "sample", {1: former, 2: second, 3: {
             key: row for key, row in rows_of(store.path, "T1", "sample").items() if key > 3100}})
