@@ -122,6 +122,8 @@ std::optional<QList<RowMark>> Shipper::nextRows(File &file, const Stream &stream
     return std::nullopt;
 }
 
+// By the highest of some rows before it that both have: an older one that differs was changed in the archive. That one
+// is equal does not prove that this one is.
 Result<bool> Shipper::judgeByOthers(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same)
 {
     const auto archived = m_archive->rangeDigest(stream, row.id, row.id);
@@ -150,7 +152,7 @@ Result<bool> Shipper::judgeByOthers(File &file, const Stream &stream, const RowM
     const auto judged = m_archive->judge(stream, stream.generation, rows);
     if (!judged)
         return judged.error();
-    if (judged->values().contains(false))
+    if (!judged->isEmpty() && !judged->last())
         same = false;
     return true;
 }

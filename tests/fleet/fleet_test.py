@@ -498,6 +498,20 @@ class Short(Fleet):
         self.assertEqual({key[1]: row for key, row in found.items() if key[0] == 2}, second)
         self.assertEqual({key: found[(1, key)] for key in first}, first)
 
+    def test_a_row_that_was_changed_below_a_refused_one_is_no_other_life(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 9)
+        store.run("insert into T1(DATETIME,Value) values('2024-05-06 07:00:00','poison')")
+        self.archive.sql("alter table fleet.sample add check (val is distinct from 'poison')")
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.archive.sql("update fleet.sample set val = 'changed' where id = 4")
+        for _ in range(3):
+            self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.generations(1), 1)
+        self.assertEqual(self.archive.sql("select count(*) from fleet.sample"), [["10"]])
+
     def test_a_statement_that_the_disk_does_not_hold(self):
         store = self.store("h")
         store.table("T1", "sample")
