@@ -219,10 +219,11 @@ Status DeviceArchive::beginGeneration(const Stream &stream, int parent, qint64 a
                                    text(after), reason});
 }
 
-Result<QPair<qint64, qint64>> DeviceArchive::rangeDigest(const Stream &stream, qint64 first, qint64 last)
+Result<QPair<qint64, qint64>> DeviceArchive::rangeDigest(const Stream &stream, int generation, qint64 first,
+                                                         qint64 last)
 {
     const auto answer = m_connection.query("select n, digest from fleet.range_digest($1, $2, $3, $4)",
-                                           {text(stream.number), text(stream.generation), text(first), text(last)});
+                                           {text(stream.number), text(generation), text(first), text(last)});
     if (!answer)
         return answer.error();
     return QPair<qint64, qint64>(answer->first().at(0).toLongLong(), answer->first().at(1).toLongLong());

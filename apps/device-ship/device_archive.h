@@ -53,7 +53,7 @@ public:
     Result<QList<qint64>> judgeRest(const Stream &stream, const QList<RowMark> &rows);
     Status beginGeneration(const Stream &stream, int parent, qint64 after, const QByteArray &reason);
     /// Their number, and the digest of all of them.
-    Result<QPair<qint64, qint64>> rangeDigest(const Stream &stream, qint64 first, qint64 last);
+    Result<QPair<qint64, qint64>> rangeDigest(const Stream &stream, int generation, qint64 first, qint64 last);
 
     Result<QSet<qint64>> activeAlarms(const Stream &stream);
     Status endAlarms(const Stream &stream, const QList<AlarmEnd> &ends);

@@ -126,7 +126,7 @@ std::optional<QList<RowMark>> Shipper::nextRows(File &file, const Stream &stream
 // is equal does not prove that this one is.
 Result<bool> Shipper::judgeByOthers(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same)
 {
-    const auto archived = m_archive->rangeDigest(stream, row.id, row.id);
+    const auto archived = m_archive->rangeDigest(stream, stream.generation, row.id, row.id);
     if (!archived)
         return archived.error();
     if (archived->first == 0) {
@@ -176,7 +176,8 @@ Result<std::optional<Shipper::Shared>> Shipper::lastShared(File &file, const Pie
 
 // The highest ID up to which the rows of the file are those of a generation, 0 for none. From below, because a row that
 // is equal proves nothing of those below it: a device without a clock gives the same times in each life, and often the
-// same values. What follows the first row that differs is stored, be it a second time.
+// same values. What follows the first row that differs is stored, be it a second time. Where none differs, the
+// rows after the last equal one may be those that the archive has refused: they are its own then.
 Result<std::optional<qint64>> Shipper::lastSharedWith(File &file, const Stream &stream, int generation, qint64 upTo)
 {
     qint64 shared = 0;
@@ -185,7 +186,18 @@ Result<std::optional<qint64>> Shipper::lastSharedWith(File &file, const Stream &
         if (!rows)
             return std::optional<qint64>();
         if (rows->isEmpty())
-            return std::optional(shared);
+            break;
+        after = rows->last().id;
+        qint64 digest = 0;
+        for (const RowMark &row : *rows)
+            digest ^= row.digest;
+        const auto archived = m_archive->rangeDigest(stream, generation, rows->first().id, after);
+        if (!archived)
+            return archived.error();
+        if (*archived == QPair<qint64, qint64>(rows->size(), digest)) {
+            shared = after;
+            continue;
+        }
         const auto same = m_archive->judge(stream, generation, *rows);
         if (!same)
             return same.error();
@@ -194,8 +206,19 @@ Result<std::optional<qint64>> Shipper::lastSharedWith(File &file, const Stream &
                 return std::optional(shared);
             shared = each.key();
         }
-        after = rows->last().id;
     }
+    const auto later = nextRows(file, stream, shared, upTo);
+    if (!later)
+        return std::optional<qint64>();
+    for (const RowMark &row : *later) {
+        const auto refused = m_archive->rangeDigest(stream, generation, row.id, row.id);
+        if (!refused)
+            return refused.error();
+        if (refused->first == 0)
+            break;
+        shared = row.id;
+    }
+    return std::optional(shared);
 }
 
 } // namespace device_ship

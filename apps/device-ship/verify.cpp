@@ -127,7 +127,7 @@ Result<Doubts> judgeRange(DeviceArchive &archive, const Stream &stream, const Ra
     Doubts doubts;
     if (range.rows.isEmpty())
         return doubts;
-    const auto archived = archive.rangeDigest(stream, range.rows.first().id, range.rows.last().id);
+    const auto archived = archive.rangeDigest(stream, stream.generation, range.rows.first().id, range.rows.last().id);
     if (!archived)
         return archived.error();
     const auto rest = archive.judgeRest(stream, range.rests);
@@ -149,7 +149,7 @@ Result<Doubts> judgeRange(DeviceArchive &archive, const Stream &stream, const Ra
             ++doubts.dropped;
             continue;
         }
-        const auto there = archive.rangeDigest(stream, row.id, row.id);
+        const auto there = archive.rangeDigest(stream, stream.generation, row.id, row.id);
         if (!there)
             return there.error();
         if (there->first > 0)

@@ -512,6 +512,23 @@ class Short(Fleet):
         self.assertEqual(self.archive.generations(1), 1)
         self.assertEqual(self.archive.sql("select count(*) from fleet.sample"), [["10"]])
 
+    def test_refused_rows_at_the_end_of_a_file_that_is_put_back_are_not_stored_again(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 9)
+        store.add("T1", [("2024-05-06 07:00:00", "poison")] * 3)
+        shutil.copy(store.path, store.path + ".copy")
+        store.samples("T1", 10)
+        self.archive.sql("alter table fleet.sample add check (val is distinct from 'poison')")
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        store = self.put_back("h", store, store.path + ".copy")
+        self.archive.ship("run", "--once", configuration)
+        store.samples("T1", 5, 5000)
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.sql("select gen, count(*), min(id) from fleet.sample group by 1 order by 1"),
+                         [["1", "22", "1"], ["2", "5", "13"]])
+
     def test_a_statement_that_the_disk_does_not_hold(self):
         store = self.store("h")
         store.table("T1", "sample")
