@@ -158,6 +158,14 @@ Result<QMap<qint64, bool>> DeviceArchive::judge(const Stream &stream, int genera
     QMap<qint64, bool> same;
     for (const QList<QByteArray> &row : *answer)
         same.insert(row.at(0).toLongLong(), row.at(1) == "t");
+    if (same.size() == rows.size())
+        return same;
+    const auto passedOver = m_connection.query("select id from fleet.passed_over($1, $2, $3)",
+                                               {text(stream.number), text(generation), arrayText(ids)});
+    if (!passedOver)
+        return passedOver.error();
+    for (const QList<QByteArray> &row : *passedOver)
+        same.insert(row.first().toLongLong(), false);
     return same;
 }
 

@@ -37,7 +37,8 @@ public:
     Status ship(const QList<Piece> &pieces);
     /// Rows up to `upTo` are gone from the file.
     Status skip(const Stream &stream, qint64 upTo);
-    /// For each row: whether it is that of the archive. Rows that the archive does not have are left out.
+    /// For each row: whether it is that of the archive. One that the archive has only in a gap is not. Rows that it no
+    /// longer has are left out, and those of which it has refused the cells.
     Result<QMap<qint64, bool>> judge(const Stream &stream, int generation, const QList<RowMark> &rows);
     /// What the archive has of a row whose month it no longer keeps.
     struct DroppedBatch {

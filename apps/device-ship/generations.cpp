@@ -62,9 +62,8 @@ Result<std::optional<bool>> Shipper::continues(File &file, const Piece &piece)
 }
 
 // Whether a row of the file is the archive's: nothing where neither the row says so nor, if the archive no longer keeps
-// its month, the digest of its batch, of which the file must still have all. A row that the archive has passed over, in
-// a gap, is not. Where it refused the row's cells, the rows before it say. False if the file cannot be read now, or has
-// changed.
+// its month, the digest of its batch, of which the file must still have all. Where it refused the row's cells, or lost
+// the row, the rows before it say. False if the file cannot be read now, or has changed.
 Result<bool> Shipper::judge(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same)
 {
     const auto judged = m_archive->judge(stream, stream.generation, {row});
@@ -126,17 +125,6 @@ std::optional<QList<RowMark>> Shipper::nextRows(File &file, const Stream &stream
 // is equal does not prove that this one is.
 Result<bool> Shipper::judgeByOthers(File &file, const Stream &stream, const RowMark &row, std::optional<bool> &same)
 {
-    const auto archived = m_archive->rangeDigest(stream, stream.generation, row.id, row.id);
-    if (!archived)
-        return archived.error();
-    if (archived->first == 0) {
-        const auto droppedTo = m_archive->droppedTo(stream);
-        if (!droppedTo)
-            return droppedTo.error();
-        if (row.id > *droppedTo)
-            same = false;
-        return true;
-    }
     QList<RowMark> rows;
     const Status read = file.reader.read([&](const Database &database) -> Status {
         const auto found = sampleRows(database, stream, 0, row.id - 1);

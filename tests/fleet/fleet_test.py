@@ -498,6 +498,20 @@ class Short(Fleet):
         self.assertEqual({key[1]: row for key, row in found.items() if key[0] == 2}, second)
         self.assertEqual({key: found[(1, key)] for key in first}, first)
 
+    def test_a_row_that_was_removed_from_the_archive_is_no_other_life(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 10)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.archive.sql("delete from fleet.sample where id >= 9")
+        self.archive.ship("run", "--once", configuration)
+        store.samples("T1", 5)
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual((self.archive.generations(1), self.archive.gaps(1)), (1, []))
+        self.assertEqual(self.archive.sql("select count(*) from fleet.sample"), [["13"]])
+        self.assertIn("2 rows missing (ID 9, 10)", self.archive.ship("verify", configuration, check=False).stdout)
+
     def test_a_row_that_was_changed_below_a_refused_one_is_no_other_life(self):
         store = self.store("h")
         store.table("T1", "sample")
@@ -1504,6 +1518,28 @@ class Short(Fleet):
         self.assertIn("1 row differs (ID 50), 1 put right", self.archive.ship(*repair).stdout)
         self.check(1, "h", "T1", "sample", {1: former, 2: second, 3: {
             key: row for key, row in rows_of(store.path, "T1", "sample").items() if key > 3100}})
+
+    def test_verify_stores_no_rows_of_another_life_in_a_gap(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 40)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        former = rows_of(store.path, "T1", "sample")
+        store.samples("T1", 60)
+        store.run("delete from T1 where ID > 40")
+        self.archive.ship("run", "--once", configuration)
+        self.assertEqual(self.archive.gaps(1), [(1, 1, 41, 100)])
+        self.begin_anew(store, "T1")
+        store.samples("T1", 110, 5000)
+        store.run("delete from T1 where ID < 60")
+        done = self.archive.ship("verify", configuration, "--repair-as", self.cluster.conninfo(self.archive.name),
+                                 check=False)
+        self.assertEqual((done.returncode, done.stdout), (3, "h T1: the file is in another life of the table than the "
+                                                             "archive; let the shipper run first\n"))
+        self.archive.ship("run", "--once", configuration)
+        self.check(1, "h", "T1", "sample", {1: former, 2: rows_of(store.path, "T1", "sample")})
+        self.assertEqual(self.archive.generations(1), 2)
 
     def test_verify_repairs_no_other_archive(self):
         store = self.store("h")

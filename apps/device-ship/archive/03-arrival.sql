@@ -79,6 +79,17 @@ begin
 end
 $$;
 
+-- Which of these rows of the file the archive has only in a gap: it has passed them over.
+create function fleet.passed_over(its_tbl smallint, its_gen smallint, ids bigint[]) returns table (id bigint)
+language plpgsql stable security definer set search_path = fleet, pg_temp as $$
+begin
+    return query select asked.id from unnest(ids) asked (id)
+        join lineage(me(), its_tbl, its_gen) l on asked.id > l.after and asked.id <= l.upto
+        where asked.id <= (select id_to from gap where device = me() and tbl = its_tbl and gap.gen = l.gen
+                               and id_from <= asked.id order by id_from desc limit 1);
+end
+$$;
+
 -- What a device may do with a table of records, the parent or a partition: insert, seen by the trigger.
 create function fleet.let_devices_insert(relation text, kind text) returns void
 language plpgsql set search_path = fleet, pg_temp as $$
