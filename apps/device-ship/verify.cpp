@@ -35,6 +35,7 @@ struct Found {
     QList<qint64> different;
     QList<qint64> missing;
     qint64 repaired = 0;
+    QString trouble;          ///< Why others are not.
     qint64 dropped = 0;       ///< The archive no longer keeps their month.
     qint64 refused = 0;       ///< By the archive, which has them without their cells.
     qint64 waiting = 0;       ///< To be shipped.
@@ -109,11 +110,13 @@ struct Doubts {
     QList<qint64> missing;
     qint64 dropped = 0;
     qint64 refused = 0;
+    QList<qint64> all() const { return different + missing; }
 };
 
 // Whether IDs start again, or the newest row up to the watermark that both have is another one: as the shipper judges,
 // which is to begin a generation first. Rows of another life must not take the place of the archive's. File and archive
-// part once, so where the newest row is the same, an older one that differs was changed in the archive.
+// part once, so where the newest row is the same, an older one that differs was changed in the archive; or the newest
+// is equal by chance, and then the archive has the others as they were sent, and leaves them.
 Result<bool> isAnotherLife(DeviceArchive &archive, const Stream &stream, const Range &range)
 {
     if (range.lastId < stream.watermark)
@@ -206,7 +209,7 @@ Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &s
         if (!doubts)
             return doubts.error();
         found.anotherLife = range->lastId < stream.watermark;
-        const QList<qint64> suspected = doubts->different + doubts->missing;
+        const QList<qint64> suspected = doubts->all();
         if (!suspected.isEmpty()) {
             // An end may have come between the two looks at the same row: what is wrong stays so.
             const QSet<qint64> wanted(suspected.begin(), suspected.end());
@@ -233,13 +236,22 @@ Result<Found> compare(DeviceArchive &archive, StoreReader &file, const Stream &s
         found.missing += doubts->missing;
         found.dropped += doubts->dropped;
         found.refused += doubts->refused;
-        if (owner) {
+        if (owner && !doubts->all().isEmpty()) {
             const QMap<qint64, QByteArray> lines = std::exchange(range->lines, {});
-            for (const qint64 id : doubts->different + doubts->missing)
+            for (const qint64 id : doubts->all())
                 range->lines.insert(id, lines.value(id));
-            found.repaired += range->lines.size();
             if (const Status done = repairRows(archive, *owner, device, file, stream, after, *range); !done)
-                return done.error();
+                found.trouble = device_db::oneLine(done.error());
+            // As the device sees it: what has the archive's name may be a copy of it.
+            const auto now = readRange(file, stream, after, {});
+            if (!now)
+                return now.error();
+            const auto still = judgeRange(archive, stream, *now, *droppedTo);
+            if (!still)
+                return still.error();
+            const QList<qint64> wrong = still->all();
+            found.repaired += std::count_if(range->lines.keyBegin(), range->lines.keyEnd(),
+                                            [&](qint64 id) { return !wrong.contains(id); });
         }
         after = range->rows.last().id;
     }
@@ -329,6 +341,8 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
                             listed(found->missing).constData());
             if (found->repaired)
                 std::printf(", %lld put right", static_cast<long long>(found->repaired));
+            if (owner && wrong != found->repaired)
+                std::printf(", %lld not put right", static_cast<long long>(wrong - found->repaired));
             if (found->refused)
                 std::printf(", %s recorded as refused", counted(found->refused, "is", "are").constData());
             if (!wrong)
@@ -338,6 +352,8 @@ Result<bool> verify(const Configuration &configuration, ArchiveConnection *owner
             if (found->dropped)
                 std::printf("; %s the archive no longer keeps",
                             device_db::rowsText(found->dropped).toUtf8().constData());
+            if (!found->trouble.isEmpty())
+                std::printf("; %s", device_db::visible(found->trouble).toUtf8().constData());
             std::printf("\n");
         }
         for (const device_db::Table &table : file.tables()) {

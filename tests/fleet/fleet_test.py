@@ -1541,6 +1541,39 @@ class Short(Fleet):
         self.check(1, "h", "T1", "sample", {1: former, 2: rows_of(store.path, "T1", "sample")})
         self.assertEqual(self.archive.generations(1), 2)
 
+    def test_a_repair_that_fails_does_not_stop_the_others(self):
+        store = self.store("h")
+        for table in ("T1", "T2"):
+            store.table(table, "sample")
+            store.samples(table, 10)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.archive.sql("update fleet.sample set val = 'wrong' where id = 3;"
+                         "alter table fleet.sample add constraint mine check (tbl <> 1) not valid")
+        done = self.archive.ship("verify", configuration, "--repair-as", self.cluster.conninfo(self.archive.name),
+                                 check=False)
+        self.assertEqual(done.returncode, 3, done.stderr)
+        first, second = done.stdout.splitlines()
+        self.assertIn("h T1: 10 rows compared, 1 row differs (ID 3), 1 not put right; archive: ", first)
+        self.assertIn("mine", first)
+        self.assertEqual(second, "h T2: 10 rows compared, 1 row differs (ID 3), 1 put right")
+
+    def test_a_repair_of_a_copy_of_the_archive_is_none(self):
+        server = Cluster(tempfile.mkdtemp(prefix="copied-", dir=self.folder), "fsync=off")
+        self.addCleanup(server.stop)
+        archive = Archive(server, PROGRAM, "copied")
+        store = self.store("h")
+        store.table("T1", "sample")
+        store.samples("T1", 5)
+        configuration = archive.device(1, {"h": store})
+        archive.ship("run", "--once", configuration)
+        archive.sql("update fleet.sample set val = 'wrong' where id = 3")
+        copy = server.copied(tempfile.mkdtemp(prefix="copy-", dir=self.folder))
+        self.addCleanup(copy.stop)
+        done = archive.ship("verify", configuration, "--repair-as", copy.conninfo("copied"), check=False)
+        self.assertEqual((done.returncode, done.stdout),
+                         (3, "h T1: 5 rows compared, 1 row differs (ID 3), 1 not put right\n"))
+
     def test_verify_repairs_no_other_archive(self):
         store = self.store("h")
         store.table("T1", "sample")
