@@ -1541,6 +1541,43 @@ class Short(Fleet):
         self.check(1, "h", "T1", "sample", {1: former, 2: rows_of(store.path, "T1", "sample")})
         self.assertEqual(self.archive.generations(1), 2)
 
+    def test_verify_leaves_what_the_archive_has_as_it_was_sent(self):
+        store = self.store("h")
+        store.table("T1", "sample")
+        self.boot(store, 3000, "first")
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        before = self.archive.rows(1, "h", "T1", "sample")
+        self.begin_anew(store, "T1")
+        self.boot(store, 3000, "second")  # the newest row is equal by chance
+        repair = ("verify", configuration, "--repair-as", self.cluster.conninfo(self.archive.name))
+        done = self.archive.ship(*repair, check=False)
+        self.assertEqual((done.returncode, done.stdout),
+                         (3, "h T1: 3,000 rows compared, 2 rows differ (ID 7, 1234), 2 not put right; archive: the "
+                             "archive has these rows as they were sent, and the file has others (P0001)\n"))
+        self.assertEqual(self.archive.rows(1, "h", "T1", "sample"), before)
+
+    def test_a_month_that_was_dropped_out_of_turn_is_put_right(self):
+        store = self.store("h")
+        for table in ("T1", "T2"):
+            store.table(table, "sample")
+            store.samples(table, 10)
+        configuration = self.archive.device(1, {"h": store})
+        self.archive.ship("run", "--once", configuration)
+        self.archive.sql("create table fleet.sample_2020_01 partition of fleet.sample for values from ('2020-01-01') "
+                         "to ('2020-02-01'); update fleet.batch set received = '2020-02-05', received_to = '2020-02-05'"
+                         " where tbl = 1; delete from fleet.sample where tbl = 1;"
+                         "update fleet.sample set val = 'wrong' where tbl = 2 and id = 3")
+        repair = ("verify", configuration, "--repair-as", self.cluster.conninfo(self.archive.name))
+        self.assertEqual(self.archive.ship(*repair).stdout,
+                         "h T1: 10 rows compared, 10 rows missing (ID 1, 2, 3, 4, 5 ...), 10 put right\n"
+                         "h T2: 10 rows compared, 1 row differs (ID 3), 1 put right\n")
+        for table in ("T1", "T2"):
+            self.check_file(1, store, "h", table, "sample")
+        self.assertEqual(self.archive.sql("select * from fleet.damaged_batches(1)"), [])
+        series = self.archive.sql("select id from fleet.series(1, 1::smallint, '2024-05-01', '2024-06-01')")
+        self.assertEqual(len(series), 10)
+
     def test_a_repair_that_fails_does_not_stop_the_others(self):
         store = self.store("h")
         for table in ("T1", "T2"):
