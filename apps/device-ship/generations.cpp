@@ -145,13 +145,16 @@ Result<bool> Shipper::judgeByOthers(File &file, const Stream &stream, const RowM
     return true;
 }
 
-// Where the file and the archive part. The file may be of any former life.
+// Where the file and the archive part. The file may be of any former life; one that does not share the next rows, too,
+// is not compared from the first one on.
 Result<std::optional<Shipper::Shared>> Shipper::lastShared(File &file, const Piece &piece)
 {
     const Stream &stream = *piece.stream;
     Shared last{stream.generation, 0};
     for (int generation = stream.generation; generation > 0; --generation) {
-        const auto shared = lastSharedWith(file, stream, generation, piece.lastId);
+        auto shared = lastSharedWith(file, stream, generation, last.after, piece.lastId);
+        if (shared && *shared && last.after > 0 && **shared > last.after)
+            shared = lastSharedWith(file, stream, generation, 0, piece.lastId);
         if (!shared)
             return shared.error();
         if (!*shared)
@@ -162,14 +165,14 @@ Result<std::optional<Shipper::Shared>> Shipper::lastShared(File &file, const Pie
     return std::optional<Shared>(last);
 }
 
-// The highest ID up to which the rows of the file are those of a generation, 0 for none. From below, because a row that
-// is equal proves nothing of those below it: a device without a clock gives the same times in each life, and often the
-// same values. What follows the first row that differs is stored, be it a second time. Where none differs, the
-// rows after the last equal one may be those that the archive has refused: they are its own then.
-Result<std::optional<qint64>> Shipper::lastSharedWith(File &file, const Stream &stream, int generation, qint64 upTo)
+// The highest ID up to which the rows of the file after `shared` are those of a generation. From below, because a row
+// that is equal proves nothing of those below it: a device without a clock gives the same times in each life, and often
+// the same values. What follows the first row that differs is stored, be it a second time. Where none differs, the rows
+// after the last equal one may be those that the archive has refused: they are its own then.
+Result<std::optional<qint64>> Shipper::lastSharedWith(File &file, const Stream &stream, int generation, qint64 shared,
+                                                      qint64 upTo)
 {
-    qint64 shared = 0;
-    for (qint64 after = 0;;) {
+    for (qint64 after = shared;;) {
         const auto rows = nextRows(file, stream, after, upTo);
         if (!rows)
             return std::optional<qint64>();

@@ -88,7 +88,8 @@ private:
         qint64 after = 0;
     };
     Result<std::optional<Shared>> lastShared(File &file, const Piece &piece);
-    Result<std::optional<qint64>> lastSharedWith(File &file, const Stream &stream, int generation, qint64 upTo);
+    Result<std::optional<qint64>> lastSharedWith(File &file, const Stream &stream, int generation, qint64 shared,
+                                                 qint64 upTo);
     Status carryOut(QList<Piece> &pieces);
     Status shipRows(QList<Piece> &pieces);
     void refuse(Piece &piece, const device::Error &error);
