@@ -4,9 +4,11 @@
 #include "shipped_statement.h"
 #include "storefile/texts.h"
 
+#include <QFile>
 #include <QFileInfo>
 
 #include <algorithm>
+#include <filesystem>
 #include <utility>
 
 namespace device_ship
@@ -205,10 +207,34 @@ Status Shipper::describe(File &file)
     return {};
 }
 
+// The path of a file before this one that is the same: a link, or one to a file that was made since the start. Null if
+// there is none. The order is that of the configuration, so that it is the same one after each start.
+QString Shipper::sameBefore(const File &file) const
+{
+    const auto place = [](const File &each) {
+        return std::filesystem::path(QFile::encodeName(each.reader.path()).data());
+    };
+    for (const auto &other : m_files) {
+        std::error_code notThere;
+        if (other.get() == &file)
+            break;
+        if (std::filesystem::equivalent(place(*other), place(file), notThere))
+            return other->reader.path();
+    }
+    return {};
+}
+
 // What is new in a file. A file's own failure is its trouble and no Error.
 Result<QList<Piece>> Shipper::look(File &file, Budget &budget)
 {
     QList<Piece> pieces;
+    if (const QString other = sameBefore(file); !other.isEmpty()) {
+        file.trouble =
+            QStringLiteral("%1: not shipped, because it is one file with %2, and its rows would be stored twice")
+                .arg(file.reader.path(), other);
+        file.again = false;
+        return pieces;
+    }
     Budget left = budget;
     bool changed = false;
     const auto done = file.reader.tryRead([&](const Database &database) -> Status {

@@ -75,6 +75,7 @@ private:
     Status haveStreams();
     Result<std::optional<Round>> lookAtAll();
     Result<bool> shipRound();
+    QString sameBefore(const File &file) const;
     Result<QList<Piece>> look(File &file, Budget &budget);
     QString troubleOfTables(const File &file) const;
     Status enrolNew(File &file);

@@ -20,6 +20,7 @@ import sys
 import tempfile
 import threading
 import time
+import types
 import unittest
 
 import attacks
@@ -883,6 +884,27 @@ class Short(Fleet):
                 began = time.monotonic()
                 self.until(lambda last=last: self.archive.sql(rows) == [[str(last)]], f"row {last}")
                 self.assertLess(time.monotonic() - began, 5)
+
+    def test_a_file_of_two_names_is_shipped_once(self):
+        store = self.store("made")
+        store.table("T1", "sample")
+        store.samples("T1", 5)
+        names = {name: types.SimpleNamespace(path=os.path.join(self.archive.folder, name + ".db"))
+                 for name in ("first", "hard", "soft")}
+        configuration = self.archive.device(1, names)
+        os.symlink(names["first"].path, names["soft"].path)  # which leads nowhere yet
+        self.start(configuration)
+        trouble = "select 1 from fleet.device where trouble like '%soft.db: {}%'"
+        self.until(lambda: self.archive.sql(trouble.format("")), "it has looked")
+        for name in ("first", "hard"):
+            os.link(store.path, names[name].path)
+        self.until(lambda: self.archive.sql(trouble.format("not shipped, because it is one file with")), "it is told")
+        os.remove(names["soft"].path)
+        done = self.archive.ship("run", "--once", configuration, check=False)
+        self.assertEqual(done.returncode, 3)
+        self.assertRegex(done.stderr, "hard.db: not shipped, because it is one file with .*first.db")
+        self.assertEqual(self.archive.sql("select file, count(*) from fleet.sample join fleet.source using (tbl) "
+                                          "group by 1"), [["first", "5"]])
 
     def test_a_file_that_is_never_still_is_told(self):
         for held in ("locking_mode=exclusive", "begin immediate"):
