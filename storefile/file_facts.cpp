@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "storefile/file_facts.h"
 
+#include "storefile/texts.h"
+
 #include <QFileInfo>
 #include <QMap>
 
@@ -99,7 +101,7 @@ Result<FileFacts> factsOf(const Database &database, const QString &path, const s
     auto stat = database.prepare("select m.tbl_name,sum(d.pgsize) from dbstat d join sqlite_master m on m.name=d.name "
                                  "where d.aggregate=1 group by m.tbl_name");
     while (stat && stat->step()) // not every SQLite has it
-        sizes[QString::fromUtf8(stat->cell(0))] = stat->number(1);
+        sizes[fromUtf8(stat->cell(0))] = stat->number(1);
     for (const Table &table : *tables) {
         TableFacts each;
         each.table = table;
@@ -109,7 +111,7 @@ Result<FileFacts> factsOf(const Database &database, const QString &path, const s
                 return read.error();
             if (const Status read = readRows(database, each, facts.findings, seen); !read)
                 return read.error();
-        } else if (!table.isVirtual) {
+        } else if (!table.isVirtual && !table.isMisnamed) {
             const auto rows = database.number("select count(*) from " + identifier(table.name));
             if (!rows)
                 return rows.error();

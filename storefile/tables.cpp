@@ -10,9 +10,6 @@
 namespace device_db
 {
 
-namespace
-{
-
 Kind kindOf(const QStringList &columns)
 {
     for (const Kind kind : {Kind::Samples, Kind::Alarms, Kind::Log, Kind::Configuration}) {
@@ -22,8 +19,6 @@ Kind kindOf(const QStringList &columns)
     }
     return Kind::Foreign;
 }
-
-} // namespace
 
 const QVector<KnownColumn> &columnsOf(Kind kind)
 {
@@ -119,17 +114,19 @@ Result<QList<Table>> tablesOf(const Database &database)
     if (!rows)
         return rows.error();
     QList<Table> tables;
+    QByteArray last;
     while (rows->step()) {
-        const QString name = QString::fromUtf8(rows->cell(0));
-        if (tables.isEmpty() || tables.last().name != name)
-            tables.append({name, Kind::Foreign, {}, rows->number(2) == 0});
+        const QByteArray name = rows->cell(0);
+        if (tables.isEmpty() || last != name)
+            tables.append({fromUtf8(name), Kind::Foreign, {}, rows->number(2) == 0, !isUtf8(name)});
+        last = name;
         if (!tables.last().isVirtual)
-            tables.last().columns << QString::fromUtf8(rows->cell(1));
+            tables.last().columns << fromUtf8(rows->cell(1));
     }
     if (const Status status = rows->status(); !status)
         return status.error();
     for (Table &table : tables)
-        table.kind = kindOf(table.columns);
+        table.kind = table.isMisnamed ? Kind::Foreign : kindOf(table.columns);
     std::sort(tables.begin(), tables.end(), [](const Table &a, const Table &b) { return comesBefore(a.name, b.name); });
     return tables;
 }

@@ -38,6 +38,8 @@ enum AlarmColumn {
 };
 enum LogColumn { LogTime = 1, LogUser, LogName, LogMessage };
 
+/// The kind of table that has these columns.
+Kind kindOf(const QStringList &columns);
 /// The columns of a kind of table after ID. Empty for a foreign one.
 const QVector<KnownColumn> &columnsOf(Kind kind);
 /// "samples", "alarms", ...
@@ -56,7 +58,8 @@ struct Table {
     QString name;
     Kind kind = Kind::Foreign;
     QStringList columns;
-    bool isVirtual = false; ///< Rows come from a module and not from the file; never touched, not even to count them.
+    bool isVirtual = false;  ///< Rows come from a module and not from the file; never touched, not even to count them.
+    bool isMisnamed = false; ///< Its name is not UTF-8, and no query can have it: foreign, and never touched.
 };
 
 /// The tables of a file in the order of comesBefore(); SQLite's own and views are left out.

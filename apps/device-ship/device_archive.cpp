@@ -2,6 +2,7 @@
 #include "device_archive.h"
 
 #include "schema.h"
+#include "storefile/texts.h"
 
 #include <algorithm>
 #include <utility>
@@ -87,8 +88,8 @@ Result<QList<Stream>> DeviceArchive::streams()
     for (const QList<QByteArray> &row : *rows) {
         Stream stream;
         stream.number = row.at(0).toInt();
-        stream.file = QString::fromUtf8(row.at(1));
-        stream.table = QString::fromUtf8(row.at(2));
+        stream.file = device_db::fromUtf8(row.at(1));
+        stream.table = device_db::fromUtf8(row.at(2));
         stream.kind = kindOf(row.at(3));
         stream.generation = row.at(4).toInt();
         stream.watermark = row.at(5).toLongLong();

@@ -141,6 +141,9 @@ QString Shipper::troubleOfTables(const File &file) const
     if (!file.reader.keyless().isEmpty())
         all << QStringLiteral("%1: not shipped, because ID is no INTEGER PRIMARY KEY there: %2")
                    .arg(file.reader.path(), device_db::someOf(file.reader.keyless()));
+    if (!file.reader.misnamed().isEmpty())
+        all << QStringLiteral("%1: not shipped, because their names are not UTF-8: %2")
+                   .arg(file.reader.path(), device_db::someOf(file.reader.misnamed()));
     if (!file.refused.isEmpty())
         all << QStringLiteral("%1: not shipped, because the archive refuses them (%2): %3")
                    .arg(file.reader.path(), file.refused.first(), device_db::someOf(file.refused.keys()));

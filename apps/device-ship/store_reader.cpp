@@ -2,6 +2,7 @@
 #include "store_reader.h"
 
 #include "row_encoder.h"
+#include "storefile/texts.h"
 #include "storefile/unlocked_read.h"
 
 #include <QCryptographicHash>
@@ -73,6 +74,8 @@ Result<bool> StoreReader::tablesChanged(const Database &database)
     Known known;
     known.version = version;
     for (const device_db::Table &table : *all) {
+        if (table.isMisnamed && device_db::holdsRecords(device_db::kindOf(table.columns)))
+            known.misnamed << table.name;
         if (!device_db::holdsRecords(table.kind))
             continue;
         const auto isKeyed = device_db::isKeyedById(database, table);
@@ -100,7 +103,7 @@ Result<QMap<QString, Title>> StoreReader::titles(const Database &database) const
         titles[QString::fromUtf8(each.collector).toLower()].title = each.name;
     if (auto units = database.prepare("select COLLECTOR,UNIT,DESCRIPTION from \"device series\"")) {
         while (units->step()) {
-            Title &title = titles[QString::fromUtf8(units->cell(0)).toLower()];
+            Title &title = titles[device_db::fromUtf8(units->cell(0)).toLower()];
             title.unit = units->cell(1);
             title.description = units->cell(2);
         }

@@ -44,6 +44,8 @@ public:
     const QList<device_db::Table> &tables() const { return m_known.tables; }
     /// Those that look like ones, but their IDs are no keys: rows could not be told apart.
     const QStringList &keyless() const { return m_known.keyless; }
+    /// Those whose names are not UTF-8.
+    const QStringList &misnamed() const { return m_known.misnamed; }
     /// Reads them anew if they may have changed; for use within a read.
     device::Result<bool> tablesChanged(const device_db::Database &database);
     /// The names of the series that have some, by their tables; for use within a read.
@@ -54,6 +56,7 @@ private:
     struct Known {
         QList<device_db::Table> tables;
         QStringList keyless;
+        QStringList misnamed;
         QByteArray version; ///< Of the schema and of the list of the series.
     };
     Known m_known; ///< By the last read that was not thrown away.

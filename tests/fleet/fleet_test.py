@@ -1163,6 +1163,36 @@ class Short(Fleet):
         self.archive.ship("run", "--once", configuration)
         self.check_file(1, store, "h", "T1", "sample")
 
+    def test_a_table_whose_name_begins_with_u_feff_is_another_one(self):
+        store = self.store("h")
+        for number, table in enumerate(("T1", "\ufeffT1", "\ufeffT2"), 1):
+            store.table(table, "sample")
+            store.samples(table, 10 * number)
+        configuration = self.archive.device(1, {"h": store})
+        for _ in range(2):
+            self.archive.ship("run", "--once", configuration, timeout=DEADLINE)
+            self.assertEqual(self.archive.sql("select name, wm from fleet.source join fleet.mark using (tbl) "
+                                              "order by wm"),
+                             [["T1", "10"], ["\ufeffT1", "20"], ["\ufeffT2", "30"]])
+        self.check_file(1, store, "h", "\ufeffT1", "sample")
+        self.assertEqual(self.archive.ship("verify", configuration).stdout.count("all equal"), 3)
+
+    def test_a_table_whose_name_is_not_utf_8_is_told_and_not_shipped(self):
+        store = self.store("h")
+        for table in ("T1", "B1", "B2", "T\ufffd"):
+            store.table(table, "sample")
+            store.samples(table, 10)
+        store.run("pragma writable_schema=on")
+        for table, name in (("B1", "54ff"), ("B2", "54fe")):
+            store.run(f"update sqlite_master set name = cast(x'{name}' as text), tbl_name = cast(x'{name}' as text), "
+                      f"sql = replace(sql, '{table}', cast(x'{name}' as text)) where name = '{table}'")
+        configuration = self.archive.device(1, {"h": store})
+        done = self.archive.ship("run", "--once", configuration, check=False)
+        self.assertEqual(done.returncode, 3, done.stderr)
+        self.assertIn("h.db: not shipped, because their names are not UTF-8: T\ufffd, T\ufffd", done.stderr)
+        self.assertEqual(self.archive.sql("select name, wm from fleet.source join fleet.mark using (tbl) order by 1"),
+                         [["T1", "10"], ["T\ufffd", "10"]])
+
     def test_a_file_takes_the_place_of_another_with_as_many_changes_of_its_tables(self):
         store, other = self.store("h"), self.store("other")
         store.table("T1", "sample")
@@ -1203,7 +1233,7 @@ class Short(Fleet):
         self.archive.sql("alter table fleet.sample add constraint mine check (id <> 3 or tbl <> 1)")
         self.start(self.archive.device(1, {"h": store}))
         trouble = "select trouble from fleet.device"
-        self.until(lambda: "rows of the table T1 after ID 2" in str(self.archive.sql(trouble)), "the table is put aside")
+        self.until(lambda: "of the table T1 after ID 2" in str(self.archive.sql(trouble)), "the table is put aside")
         store.run("drop table T1")
         gone = [[f"{store.path}: shipped until now, and gone or with other columns: T1"]]
         self.until(lambda: self.archive.sql(trouble) == gone, "it is gone, and nothing else")
