@@ -2058,7 +2058,7 @@ class Short(Fleet):
         secret = os.path.join(self.archive.folder, "secret")
         with open(secret, "w", encoding="utf-8") as file:
             file.write(PASSWORD)
-        said = [subprocess.run([PROGRAM, *arguments, *to], env=environment, stderr=subprocess.PIPE, text=True,
+        said = [subprocess.run([PROGRAM, *arguments, *to], env=environment, capture_output=True, text=True,
                                check=True).stderr
                 for arguments in (["init"], ["init"], ["add-device", "1", "--password-file", secret])]
         self.assertIn("a device can fill the disk with large objects until a superuser runs in this database: revoke",
