@@ -3,6 +3,7 @@
 
 #include "storefile/texts.h"
 
+#include <QCryptographicHash>
 #include <QSet>
 
 #include <algorithm>
@@ -129,6 +130,19 @@ Result<QList<Table>> tablesOf(const Database &database)
         table.kind = table.isMisnamed ? Kind::Foreign : kindOf(table.columns);
     std::sort(tables.begin(), tables.end(), [](const Table &a, const Table &b) { return comesBefore(a.name, b.name); });
     return tables;
+}
+
+Result<QByteArray> schemaDigest(const Database &database)
+{
+    QCryptographicHash statements(QCryptographicHash::Sha1);
+    auto schema = database.prepare("select sql from sqlite_master");
+    if (!schema)
+        return schema.error();
+    while (schema->step())
+        statements.addData(schema->cell(0));
+    if (const Status status = schema->status(); !status)
+        return status.error();
+    return statements.result();
 }
 
 Result<Table> chooseTable(const Database &database, const QString &wanted, const QVector<Kind> &kinds)

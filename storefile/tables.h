@@ -65,6 +65,10 @@ struct Table {
 /// The tables of a file in the order of comesBefore(); SQLite's own and views are left out.
 Result<QList<Table>> tablesOf(const Database &database);
 
+/// What differs when the tables of a file may be others, or those of another file. Not the number that SQLite gives the
+/// schema: a file that takes the place of this one may have the same.
+Result<QByteArray> schemaDigest(const Database &database);
+
 /// The record table of that name, or with an empty name the only one of the file. `kinds`: those that will do,
 /// empty for each. The Error names the tables that there are.
 Result<Table> chooseTable(const Database &database, const QString &wanted, const QVector<Kind> &kinds = {});

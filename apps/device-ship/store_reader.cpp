@@ -5,8 +5,6 @@
 #include "storefile/texts.h"
 #include "storefile/unlocked_read.h"
 
-#include <QCryptographicHash>
-
 #include <thread>
 
 #include <sqlite3.h>
@@ -54,16 +52,10 @@ device::Error StoreReader::neverStill() const
 
 Result<bool> StoreReader::tablesChanged(const Database &database)
 {
-    // Not by the number that SQLite gives the schema: another file that takes this one's place may have the same.
-    QCryptographicHash statements(QCryptographicHash::Sha1);
-    auto schema = database.prepare("select sql from sqlite_master where type='table'");
+    const auto schema = device_db::schemaDigest(database);
     if (!schema)
         return schema.error();
-    while (schema->step())
-        statements.addData(schema->cell(0));
-    if (const Status status = schema->status(); !status)
-        return status.error();
-    QByteArray version = statements.result();
+    QByteArray version = *schema;
     if (const auto series = database.text("select ifnull((select seq from sqlite_sequence where name='tb_config'),0)"))
         version += *series; // no sqlite_sequence, no list
     if (version == m_known.version)

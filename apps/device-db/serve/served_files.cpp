@@ -34,22 +34,6 @@ Result<std::map<QByteArray, SeriesInfo>> seriesInfosOf(const Database &database)
     return infos;
 }
 
-// Not the number that SQLite gives the schema: a file that is written over this one may have the same.
-Result<QByteArray> schemaOf(const Database &database)
-{
-    QCryptographicHash statements(QCryptographicHash::Sha1);
-    auto schema = database.prepare("select name,sql from sqlite_master");
-    if (!schema)
-        return schema.error();
-    while (schema->step()) {
-        statements.addData(schema->cell(0));
-        statements.addData(schema->cell(1));
-    }
-    if (const Status status = schema->status(); !status)
-        return status.error();
-    return statements.result();
-}
-
 bool isSame(const QList<Registration> &some, const QList<Registration> &others)
 {
     return std::equal(some.begin(), some.end(), others.begin(), others.end(),
@@ -227,7 +211,7 @@ void ServedFiles::read(ServedFile &file, FollowedFile::News news, QList<QByteArr
 Result<bool> ServedFiles::readTables(ServedFile &file)
 {
     const Database &database = *file.followed.database();
-    const auto schema = schemaOf(database);
+    const auto schema = schemaDigest(database);
     if (!schema)
         return schema.error();
     const auto tables = *schema == file.schema ? Result<QList<Table>>(file.all) : tablesOf(database);
